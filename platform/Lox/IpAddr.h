@@ -1,0 +1,91 @@
+// IPv4 addresses, masks and prefixes as plain values. Order and hash are those of the number in
+// host order, so addresses that follow each other stay neighbours in maps.
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <functional>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+
+namespace Lox {
+
+class IpAddr {
+  public:
+    /// 0.0.0.0: any source, or no address.
+    constexpr IpAddr() = default;
+    /// From dotted form. Throws Nex::ParseException for anything but four numbers 0 to 255.
+    explicit IpAddr(std::string_view dotted);
+
+    static constexpr IpAddr fromHost(std::uint32_t hostOrder) { return IpAddr(hostOrder); }
+    /// From four octets as they stand in a packet.
+    static constexpr IpAddr fromOctets(std::uint8_t const* octets) {
+        return IpAddr(std::uint32_t(octets[0]) << 24 | std::uint32_t(octets[1]) << 16 |
+                      std::uint32_t(octets[2]) << 8 | octets[3]);
+    }
+    constexpr std::uint32_t host() const { return hostOrder_; }
+    constexpr void toOctets(std::uint8_t* octets) const {
+        for (int i = 0; i < 4; ++i) octets[i] = std::uint8_t(hostOrder_ >> (24 - 8 * i));
+    }
+
+    constexpr bool isZero() const { return hostOrder_ == 0; }
+    /// 224.0.0.0/4.
+    constexpr bool isMulticast() const { return hostOrder_ >> 28 == 0xE; }
+    std::string stringValue() const;
+
+    friend constexpr auto operator<=>(IpAddr, IpAddr) = default;
+
+  private:
+    explicit constexpr IpAddr(std::uint32_t hostOrder) : hostOrder_(hostOrder) {}
+
+    std::uint32_t hostOrder_ = 0;
+};
+
+std::ostream& operator<<(std::ostream&, IpAddr);
+
+/// An address with a mask whose bits may stand anywhere, as access lists use it.
+class IpAddrWithFullMask {
+  public:
+    constexpr IpAddrWithFullMask() = default;
+    /// `mask` in host order: a set bit must match.
+    constexpr IpAddrWithFullMask(IpAddr address, std::uint32_t mask)
+        : address_(address), mask_(mask) {}
+
+    constexpr IpAddr address() const { return address_; }
+    constexpr std::uint32_t mask() const { return mask_; }
+
+    friend constexpr auto operator<=>(IpAddrWithFullMask, IpAddrWithFullMask) = default;
+
+  private:
+    IpAddr address_;
+    std::uint32_t mask_ = 0;
+};
+
+/// Address and mask in dotted form: 239.1.1.0/255.255.255.0.
+std::ostream& operator<<(std::ostream&, IpAddrWithFullMask);
+
+/// An address prefix of a route key; `length` is 0 to 32 bits.
+class IpPrefix {
+  public:
+    constexpr IpPrefix() = default;
+    constexpr IpPrefix(IpAddr address, std::uint8_t length) : address_(address), length_(length) {}
+
+    constexpr IpAddr address() const { return address_; }
+    constexpr std::uint8_t length() const { return length_; }
+
+    friend constexpr auto operator<=>(IpPrefix, IpPrefix) = default;
+
+  private:
+    IpAddr address_;
+    std::uint8_t length_ = 0;
+};
+
+std::ostream& operator<<(std::ostream&, IpPrefix);
+
+} // namespace Lox
+
+template <>
+struct std::hash<Lox::IpAddr> {
+    std::size_t operator()(Lox::IpAddr a) const noexcept { return a.host(); }
+};
