@@ -23,13 +23,12 @@ IpAddr::IpAddr(std::string_view dotted) {
 }
 
 std::string IpAddr::stringValue() const {
-    char text[20];
-    char* at = text;
+    std::string text;
     for (int shift = 24; shift >= 0; shift -= 8) {
-        at = std::to_chars(at, text + sizeof text, hostOrder_ >> shift & 0xFF).ptr;
-        if (shift != 0) *at++ = '.';
+        text += std::to_string(hostOrder_ >> shift & 0xFF);
+        if (shift != 0) text += '.';
     }
-    return {text, at};
+    return text;
 }
 
 std::ostream& operator<<(std::ostream& out, IpAddr a) { return out << a.stringValue(); }
