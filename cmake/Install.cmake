@@ -1,0 +1,35 @@
+# What `cmake --install` lays down: the libraries with their headers, the agent with its service,
+# and the files that find_package(IgmpHostProxy) reads.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(IHP_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/IgmpHostProxy)
+
+# Installs the library whose sources lie in the top directory of the target's own name, with its
+# headers below include/IgmpHostProxy/<name>.
+function(ihp_install_library target)
+  install(TARGETS ${target} EXPORT IgmpHostProxyTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  install(DIRECTORY ${target}/
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/IgmpHostProxy/${target}
+    FILES_MATCHING PATTERN "*.h")
+endfunction()
+
+function(ihp_install_agent)
+  install(TARGETS ihproxyd DESTINATION ${CMAKE_INSTALL_SBINDIR})
+  install(FILES examples/ihproxyd.toml DESTINATION ${CMAKE_INSTALL_DOCDIR})
+  configure_file(agent/systemd/ihproxyd.service.in ihproxyd.service @ONLY)
+  # Below the prefix even where that is not /usr, so that installing never needs to write elsewhere.
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ihproxyd.service DESTINATION lib/systemd/system)
+endfunction()
+
+# Called last: exports every library that was installed.
+function(ihp_install_package)
+  install(EXPORT IgmpHostProxyTargets
+    NAMESPACE IgmpHostProxy::
+    FILE IgmpHostProxyConfig.cmake
+    DESTINATION ${IHP_PACKAGE_DIR})
+  # Before 1.0 a minor version may break users.
+  write_basic_package_version_file(IgmpHostProxyConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/IgmpHostProxyConfigVersion.cmake
+    DESTINATION ${IHP_PACKAGE_DIR})
+endfunction()

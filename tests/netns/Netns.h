@@ -1,0 +1,79 @@
+// A throw-away network for one test: two network namespaces joined by a veth pair. The near one
+// holds up0, the interface under test (10.99.0.2/24); the far one a multicast-snooping, querying
+// IGMPv3 bridge br0 (10.99.0.1/24) with the port down0. Names are unique to the process and the
+// object, and everything goes away with the object, also when a test throws.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace Testing {
+
+class Netns {
+  public:
+    /// Empty where tests may make namespaces and bridges, else the reason to skip with.
+    static std::string const& unavailableReason();
+
+    /// Makes and starts the network. Throws std::runtime_error with the command that failed.
+    Netns();
+
+    /// Names of the namespaces, as in `ip netns exec NAME`.
+    std::string const& nearName() const { return near_.name; }
+    std::string const& farName() const { return far_.name; }
+
+    /// Runs `ip ARGUMENTS` in a namespace, such as "addr flush dev up0", and returns its output.
+    /// Throws std::runtime_error with command and output if it fails.
+    std::string nearIp(std::string const& arguments) const;
+    std::string farIp(std::string const& arguments) const;
+
+    /// Lets up0 lose or regain its carrier, as if the cable were pulled: the far end goes down.
+    void carrierIs(bool present) const;
+    /// Removes up0 and its far end.
+    void upstreamDel() const;
+    /// Makes both again after upstreamDel, with the same address and a new interface index.
+    void upstreamIs() const;
+
+    /// What the bridge has learned of IPv4 groups, sorted, one line for a group on a port:
+    /// "PORT GROUP include|exclude [SOURCE,...]". The sources of an exclude line are the blocked
+    /// ones: "down0 239.1.1.1 exclude" is a group wanted from any source.
+    std::vector<std::string> bridgeTable() const;
+
+    /// While it lives, sockets that the calling thread opens belong to the named namespace.
+    class Inside {
+      public:
+        /// Throws std::system_error where there is no such namespace.
+        explicit Inside(std::string const& namespaceName);
+        ~Inside();
+        Inside(Inside const&) = delete;
+        Inside& operator=(Inside const&) = delete;
+
+      private:
+        int outside_;
+    };
+
+  private:
+    struct Namespace {
+        explicit Namespace(std::string const& end);
+        ~Namespace();
+        Namespace(Namespace const&) = delete;
+        Namespace& operator=(Namespace const&) = delete;
+
+        std::string name;
+    };
+
+    Namespace near_{"near"};
+    Namespace far_{"far"};
+};
+
+/// Asks every 20 ms until `condition` holds or `limit` has passed; returns its last answer.
+bool waitUntil(std::function<bool()> const& condition,
+               std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+} // namespace Testing
+
+/// Ends the current test as skipped where the kernel forbids namespaces.
+#define IHP_SKIP_WITHOUT_NETNS()                                                                   \
+    if (!Testing::Netns::unavailableReason().empty())                                              \
+    GTEST_SKIP() << Testing::Netns::unavailableReason()
