@@ -1,0 +1,34 @@
+#!/bin/bash
+# tidy.sh BUILD: runs clang-tidy over the sources that the clang build in directory BUILD compiles.
+# What has passed is remembered by the content of the source, of the tree's headers that it
+# includes, of .clang-tidy and of this script, so only changed files are looked at again.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=$1
+passed=$build/tidy-passed
+mkdir -p "$passed"
+
+# One line for each object that the build knows: its source, then the tree's headers in it.
+sourcesWithHeaders() {
+    ninja -C "$build" -t deps | awk -v root="$PWD/" '
+        /^[^ ]/ { if (line) print line; line = "" }
+        /^    / {
+            path = $1
+            if (index(path, root) == 1) path = substr(path, length(root) + 1)
+            if (path !~ /^(\/|build\/)/) line = line ? line " " path : path
+        }
+        END { if (line) print line }'
+}
+
+tidy() {
+    local source=$1 key
+    key=$(cat "$@" .clang-tidy scripts/tidy.sh | sha256sum | cut -d ' ' -f 1)
+    [ ! -e "$passed/$key" ] || return 0
+    echo "clang-tidy $source"
+    clang-tidy --quiet -p "$build" "$source" 2>&1 | { grep -v ' warnings\? generated\.$' || true; }
+    touch "$passed/$key"
+}
+
+export -f tidy
+export build passed
+sourcesWithHeaders | xargs -P "$(nproc)" -L 1 bash -euo pipefail -c 'tidy "$@"' tidy
