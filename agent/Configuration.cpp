@@ -1,0 +1,205 @@
+#include "agent/Configuration.h"
+
+#include "agent/FileDescriptor.h"
+#include "agent/Printable.h"
+#include "agent/TomlSection.h"
+
+#include "Nex/Error.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <optional>
+#include <system_error>
+#include <unistd.h>
+
+namespace Agent {
+
+namespace {
+
+constexpr std::size_t mostFileBytes = 64 << 20;
+constexpr double longestReportInterval = 3600;
+
+/// Only the shortest spelling: whoever writes 010.0.0.1 may mean octal numbers.
+std::optional<Lox::IpAddr> parseAddress(std::string_view text) {
+    try {
+        Lox::IpAddr const address(text);
+        if (address.stringValue() == text) return address;
+    } catch (Nex::ParseException const&) {
+    }
+    return std::nullopt;
+}
+
+bool isUnicastHost(Lox::IpAddr address) {
+    std::uint32_t const network = address.host() >> 24;
+    return network >= 1 && network < 224 && network != 127;
+}
+
+/// 224.0.0.0/24, which routers never forward; IGMP hosts do not report 224.0.0.1 (RFC 3376, 5).
+bool isLinkLocal(Lox::IpAddr group) { return group.host() >> 8 == 0xE00000; }
+
+/// 232.0.0.0/8, source-specific multicast (RFC 4604).
+bool isSourceSpecific(Lox::IpAddr group) { return group.host() >> 24 == 232; }
+
+/// The names that Linux gives interfaces.
+bool isInterfaceName(std::string_view name) {
+    auto const forbidden = [](char c) {
+        return c == '/' || c == ':' || c == ' ' || (c >= '\t' && c <= '\r') || c == '\0';
+    };
+    return !name.empty() && name.size() <= 15 && name != "." && name != ".." &&
+           std::none_of(name.begin(), name.end(), forbidden);
+}
+
+/// Walks the tables of one file and fills a Configuration.
+class Reader {
+  public:
+    Reader(Configuration& configuration, Diagnostics& diagnostics)
+        : configuration_(configuration), diagnostics_(diagnostics) {}
+
+    void doRead(TomlSection const& root) {
+        root.keysAre({"interface"});
+        if (auto const interfaces = root.section("interface")) doReadInterfaces(*interfaces);
+    }
+
+  private:
+    void doReadInterfaces(TomlSection const& interfaces) {
+        for (TomlText const& name : interfaces.keys()) {
+            if (!isInterfaceName(name.value))
+                doReport(name, "an interface name: 1 to 15 bytes without '/', ':' or white space");
+            if (auto const section = interfaces.section(name.value))
+                doReadInterface(*section, configuration_.interfaces[name.value]);
+        }
+    }
+
+    void doReadInterface(TomlSection const& section, InterfaceConfiguration& interface) {
+        section.keysAre({"igmp-version", "unsolicited-report-interval", "group"});
+        interface.igmpVersion = int(section.integer("igmp-version", 1, 3).value_or(3));
+        // The older versions' default is 10 s (RFC 2236, 8.10); version 1 has no number of its own.
+        interface.unsolicitedReportInterval =
+            section.positiveNumber("unsolicited-report-interval", longestReportInterval)
+                .value_or(interface.igmpVersion == 3 ? 1.0 : 10.0);
+        auto const groups = section.section("group");
+        if (!groups) return;
+        for (TomlText const& key : groups->keys()) {
+            auto const group = readGroup(key);
+            auto const sources = groups->section(key.value);
+            if (!group || !sources) continue;
+            doReadSources(*sources, interface.groups[*group]);
+            doCheckGroup(key, *group, interface);
+        }
+    }
+
+    std::optional<Lox::IpAddr> readGroup(TomlText const& text) {
+        auto const group = parseAddress(text.value);
+        if (!group || !group->isMulticast()) {
+            doReport(text, "a multicast address such as \"239.1.1.1\"");
+            return std::nullopt;
+        }
+        if (*group == Lox::IpAddr::fromHost(0xE0000001)) {
+            doReport(text, "a group that hosts announce; 224.0.0.1 is joined always, and silently");
+            return std::nullopt;
+        }
+        return group;
+    }
+
+    void doReadSources(TomlSection const& section, GroupConfiguration& group) {
+        section.keysAre({"include", "exclude"});
+        doReadSourceList(section, "include", group.include, group.exclude);
+        doReadSourceList(section, "exclude", group.exclude, group.include);
+        if (!section.has("include") && !section.has("exclude")) group.exclude.insert(Lox::IpAddr());
+    }
+
+    void doReadSourceList(TomlSection const& section, char const* key,
+                          std::set<Lox::IpAddr>& sources, std::set<Lox::IpAddr> const& others) {
+        auto const texts = section.texts(key);
+        if (section.has(key) && texts.empty())
+            diagnostics_.errorIs(section.positionOf(key),
+                                 fmt::format("{} holds no source, expected at least one (a group "
+                                             "from any source is written {{}})",
+                                             key));
+        for (TomlText const& text : texts) {
+            auto const source = parseAddress(text.value);
+            if (!source || !isUnicastHost(*source))
+                doReport(text, "the unicast address of a source");
+            else if (others.count(*source))
+                doReport(text, "a source that is not in the include list of the group too");
+            else if (!sources.insert(*source).second)
+                doReport(text, "each source once");
+        }
+    }
+
+    /// What is legal and yet may not work.
+    void doCheckGroup(TomlText const& key, Lox::IpAddr group,
+                      InterfaceConfiguration const& interface) {
+        GroupConfiguration const& wanted = interface.groups.at(group);
+        bool const anySource = wanted.exclude.count(Lox::IpAddr()) != 0;
+        if (isLinkLocal(group))
+            doWarn(key, "is link-local: routers never forward it, expected no need to announce it");
+        if (isSourceSpecific(group) && !wanted.exclude.empty())
+            doWarn(key, "is a source-specific group, expected included sources only (RFC 4604)");
+        else if (!anySource && !wanted.exclude.empty())
+            doWarn(key, "excludes sources: some routers ignore exclude lists (RFC 5790)");
+        if (!anySource && interface.igmpVersion < 3)
+            doWarn(key, fmt::format("lists sources, which IGMP version {} cannot announce: the "
+                                    "group will come from any source",
+                                    interface.igmpVersion));
+    }
+
+    void doReport(TomlText const& found, char const* expected) {
+        diagnostics_.errorIs(found.position,
+                             fmt::format("{} found, expected {}", quoted(found.value), expected));
+    }
+
+    void doWarn(TomlText const& found, std::string const& text) {
+        diagnostics_.warningIs(found.position, fmt::format("{} {}", quoted(found.value), text));
+    }
+
+    Configuration& configuration_;
+    Diagnostics& diagnostics_;
+};
+
+/// Throws std::system_error, with EFBIG for a file that is too large.
+std::string fileContent(std::string const& file) {
+    auto const fail = [](int error) { throw std::system_error(error, std::generic_category()); };
+    FileDescriptor const descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (descriptor.get() < 0) fail(errno);
+    std::string content;
+    std::string chunk(64 << 10, '\0');
+    for (;;) {
+        ssize_t const got = read(descriptor.get(), chunk.data(), chunk.size());
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) fail(errno);
+        if (got == 0) return content;
+        content.append(chunk, 0, std::size_t(got));
+        if (content.size() > mostFileBytes) fail(EFBIG);
+    }
+}
+
+} // namespace
+
+bool ConfigurationReading::valid() const {
+    return std::none_of(diagnostics.begin(), diagnostics.end(),
+                        [](Diagnostic const& d) { return d.level == Diagnostic::Level::error; });
+}
+
+ConfigurationReading configurationParse(std::string_view text, std::string const& file) {
+    ConfigurationReading reading;
+    Diagnostics diagnostics(file);
+    if (auto const table = tomlParse(text, diagnostics))
+        Reader(reading.configuration, diagnostics).doRead(TomlSection(*table, diagnostics));
+    reading.diagnostics = diagnostics.take();
+    return reading;
+}
+
+ConfigurationReading configurationRead(std::string const& file) {
+    try {
+        return configurationParse(fileContent(file), file);
+    } catch (std::system_error const& error) {
+        Diagnostics diagnostics(file);
+        diagnostics.errorIs({}, "cannot be read: " + error.code().message());
+        return {{}, diagnostics.take()};
+    }
+}
+
+} // namespace Agent

@@ -1,0 +1,72 @@
+// The agent's configuration file (TOML) as a plain value. For example
+//
+//     [interface.up0]
+//     igmp-version = 3
+//     unsolicited-report-interval = 1.0
+//     [interface.up0.group]
+//     "239.1.1.1" = {}                                        # from any source
+//     "239.1.1.2" = { include = ["10.0.0.1", "10.0.0.2"] }
+//     "239.1.1.3" = { exclude = ["10.0.0.9"] }
+//
+// Reading is separate from applying: two values can be compared to find what a new file changes.
+#pragma once
+
+#include "agent/Diagnostic.h"
+
+#include "Lox/IpAddr.h"
+
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Agent {
+
+/// From where one group is wanted.
+struct GroupConfiguration {
+    /// Unicast sources.
+    std::set<Lox::IpAddr> include;
+    /// Unicast sources; or 0.0.0.0 alone, with nothing included: wanted from any source.
+    std::set<Lox::IpAddr> exclude;
+
+    friend bool operator==(GroupConfiguration const&, GroupConfiguration const&) = default;
+};
+
+/// One upstream interface.
+struct InterfaceConfiguration {
+    /// 1, 2 or 3.
+    int igmpVersion = 3;
+    /// Seconds between the repeats of a state change report (RFC 3376, 8.11; RFC 2236, 8.10).
+    double unsolicitedReportInterval = 1.0;
+    std::map<Lox::IpAddr, GroupConfiguration> groups;
+
+    friend bool operator==(InterfaceConfiguration const&, InterfaceConfiguration const&) = default;
+};
+
+struct Configuration {
+    /// By kernel name.
+    std::map<std::string, InterfaceConfiguration> interfaces;
+
+    friend bool operator==(Configuration const&, Configuration const&) = default;
+};
+
+struct ConfigurationReading {
+    /// Holds what could be read; to be used only if `valid()`.
+    Configuration configuration;
+    /// In the order of their places in the file.
+    std::vector<Diagnostic> diagnostics;
+
+    /// No errors.
+    bool valid() const;
+};
+
+/// Reads `text`; `file` is the name for the diagnostics. Reports all errors of meaning, or the
+/// first of syntax. Never throws, whatever the text.
+ConfigurationReading configurationParse(std::string_view text, std::string const& file);
+
+/// The same from a file (or a pipe) of up to 64 MiB. A file that cannot be read is an error
+/// among the diagnostics.
+ConfigurationReading configurationRead(std::string const& file);
+
+} // namespace Agent

@@ -1,0 +1,53 @@
+// What reading a file has found: each finding with its place, so that an editor can jump to it.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace Agent {
+
+/// A place in a text, both counted from 1; line 0 stands for the file as a whole.
+struct Position {
+    unsigned line = 0;
+    unsigned column = 0;
+};
+
+struct Diagnostic {
+    /// Only errors keep a configuration from being used.
+    enum class Level { info, warning, error };
+
+    Level level = Level::error;
+    std::string file;
+    Position position;
+    /// What was found and what was expected; printable ASCII only.
+    std::string text;
+
+    /// FILE:LINE:COLUMN: LEVEL: TEXT, or FILE: LEVEL: TEXT for the file as a whole.
+    std::string stringValue() const;
+};
+
+/// Collects the findings about one file.
+class Diagnostics {
+  public:
+    explicit Diagnostics(std::string file) : file_(std::move(file)) {}
+
+    void add(Diagnostic::Level level, Position position, std::string const& text);
+    void errorIs(Position position, std::string const& text) {
+        add(Diagnostic::Level::error, position, text);
+    }
+    void warningIs(Position position, std::string const& text) {
+        add(Diagnostic::Level::warning, position, text);
+    }
+    void infoIs(Position position, std::string const& text) {
+        add(Diagnostic::Level::info, position, text);
+    }
+
+    /// Hands over all findings in the order of their places.
+    std::vector<Diagnostic> take();
+
+  private:
+    std::string file_;
+    std::vector<Diagnostic> found_;
+};
+
+} // namespace Agent

@@ -1,0 +1,16 @@
+// Foreign text (a configuration file, a kernel name) made safe for terminals and log lines.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace Agent {
+
+/// `text` with every byte outside printable ASCII written as \xNN, so that it can neither break a
+/// line nor send a control sequence.
+std::string printable(std::string_view text);
+
+/// The same between quotation marks, cut after 64 bytes.
+std::string quoted(std::string_view text);
+
+} // namespace Agent

@@ -1,0 +1,269 @@
+#include "agent/Configuration.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <rapidcheck/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace Agent {
+namespace {
+
+using Lox::IpAddr;
+using Lines = std::vector<std::string>;
+
+Lines diagnosticLines(ConfigurationReading const& reading) {
+    Lines lines;
+    for (Diagnostic const& found : reading.diagnostics) lines.push_back(found.stringValue());
+    return lines;
+}
+
+Lines diagnosticsOf(std::string_view text) {
+    return diagnosticLines(configurationParse(text, "f"));
+}
+
+/// Text of a file with one interface; the body begins on line 2.
+std::string interfaceText(std::string const& body) { return "[interface.up0]\n" + body; }
+
+std::string groupText(std::string const& body) { return "[interface.up0.group]\n" + body; }
+
+constexpr char const* example = R"([interface.up0]
+igmp-version = 3
+unsolicited-report-interval = 0.5
+[interface.up0.group]
+"239.1.1.1" = {}
+"239.1.1.2" = { include = ["10.0.0.1", "10.0.0.2"] }
+[interface."eth0.7"]
+igmp-version = 2
+[interface."eth0.7".group."239.1.1.1"]
+[interface.v1]
+igmp-version = 1
+)";
+
+TEST(ConfigurationTest, FileBecomesAPlainValue) {
+    ConfigurationReading const reading = configurationParse(example, "f");
+    EXPECT_EQ(diagnosticLines(reading), Lines());
+    EXPECT_TRUE(reading.valid());
+    auto const& interfaces = reading.configuration.interfaces;
+    ASSERT_EQ(interfaces.size(), 3u);
+
+    GroupConfiguration const anySource{{}, {IpAddr()}};
+    InterfaceConfiguration const& up0 = interfaces.at("up0");
+    EXPECT_EQ(up0.igmpVersion, 3);
+    EXPECT_EQ(up0.unsolicitedReportInterval, 0.5);
+    EXPECT_EQ(up0.groups.size(), 2u);
+    EXPECT_EQ(up0.groups.at(IpAddr("239.1.1.1")), anySource);
+    EXPECT_EQ(up0.groups.at(IpAddr("239.1.1.2")),
+              (GroupConfiguration{{IpAddr("10.0.0.1"), IpAddr("10.0.0.2")}, {}}));
+
+    EXPECT_EQ(interfaces.at("eth0.7").unsolicitedReportInterval, 10.0);
+    EXPECT_EQ(interfaces.at("eth0.7").groups.at(IpAddr("239.1.1.1")), anySource);
+    EXPECT_EQ(interfaces.at("v1").unsolicitedReportInterval, 10.0);
+    EXPECT_EQ(configurationParse(interfaceText(""), "f").configuration.interfaces.at("up0"),
+              InterfaceConfiguration());
+}
+
+TEST(ConfigurationTest, IncludedAndExcludedSourcesMayMeetInOneGroup) {
+    ConfigurationReading const reading = configurationParse(
+        groupText("\"239.1.1.1\" = { include = [\"10.0.0.1\"], exclude = [\"10.0.0.2\"] }"), "f");
+    EXPECT_TRUE(reading.valid());
+    EXPECT_EQ(reading.configuration.interfaces.at("up0").groups.at(IpAddr("239.1.1.1")),
+              (GroupConfiguration{{IpAddr("10.0.0.1")}, {IpAddr("10.0.0.2")}}));
+}
+
+TEST(ConfigurationTest, EveryErrorNamesItsPlaceAndWhatWasExpected) {
+    std::string const version = ": error: igmp-version is ";
+    std::string const interval = ": error: unsolicited-report-interval is ";
+    std::string const name = ", expected an interface name: 1 to 15 bytes without '/', ':' or "
+                             "white space";
+    struct {
+        std::string text;
+        std::string expected;
+    } const cases[] = {
+        {"igmp-version = 3",
+         "f:1:1: error: unknown key \"igmp-version\", expected one of interface"},
+        {"interface = 3", "f:1:13: error: \"interface\" is an integer, expected a table"},
+        {"[interface]\nup0 = 1", "f:2:7: error: \"up0\" is an integer, expected a table"},
+        {"[interface.\"a/b\"]", "f:1:12: error: \"a/b\" found" + name},
+        {"[interface.\"\"]", "f:1:12: error: \"\" found" + name},
+        {"[interface.\"..\"]", "f:1:12: error: \"..\" found" + name},
+        {"[interface.\"a\\u0000b\"]", "f:1:12: error: \"a\\x00b\" found" + name},
+        {"[interface.abcdefghijklmnop]", "f:1:12: error: \"abcdefghijklmnop\" found" + name},
+        {interfaceText("igmp_version = 3"),
+         "f:2:1: error: unknown key \"igmp_version\", expected one of igmp-version, "
+         "unsolicited-report-interval, group"},
+        {interfaceText("igmp-version = 4"),
+         "f:2:16" + version + "4, expected an integer from 1 to 3"},
+        {interfaceText("igmp-version = -9223372036854775808"),
+         "f:2:16" + version + "-9223372036854775808, expected an integer from 1 to 3"},
+        {interfaceText("igmp-version = 3.0"),
+         "f:2:16: error: \"igmp-version\" is a floating-point number, expected an integer from 1 "
+         "to 3"},
+        {interfaceText("unsolicited-report-interval = 0"),
+         "f:2:31" + interval + "0, expected a number above 0 and up to 3600"},
+        {interfaceText("unsolicited-report-interval = nan"),
+         "f:2:31" + interval + "nan, expected a number above 0 and up to 3600"},
+        {interfaceText("unsolicited-report-interval = 1e300"),
+         "f:2:31" + interval + "1e+300, expected a number above 0 and up to 3600"},
+        {interfaceText("unsolicited-report-interval = 07:32:00"),
+         "f:2:31: error: \"unsolicited-report-interval\" is a date or time, expected a number "
+         "above 0 and up to 3600"},
+        {groupText("\"10.0.0.1\" = {}"),
+         "f:2:1: error: \"10.0.0.1\" found, expected a multicast address such as \"239.1.1.1\""},
+        {groupText("\"239.001.1.1\" = {}"),
+         "f:2:1: error: \"239.001.1.1\" found, expected a multicast address such as "
+         "\"239.1.1.1\""},
+        {groupText("239.1.1.1 = {}"),
+         "f:2:1: error: \"239\" found, expected a multicast address such as \"239.1.1.1\""},
+        {groupText("\"224.0.0.1\" = {}"),
+         "f:2:1: error: \"224.0.0.1\" found, expected a group that hosts announce; 224.0.0.1 is "
+         "joined always, and silently"},
+        {groupText("\"239.1.1.1\" = true"),
+         "f:2:15: error: \"239.1.1.1\" is a boolean, expected a table"},
+        {groupText("\"239.1.1.1\" = { include = \"10.0.0.1\" }"),
+         "f:2:27: error: \"include\" is a string, expected an array of strings"},
+        {groupText("\"239.1.1.1\" = { include = [\"10.0.0.1\", [7]] }"),
+         "f:2:40: error: \"include\" is an array, expected only strings in the array"},
+        {groupText("\"239.1.1.1\" = { include = [] }"),
+         "f:2:27: error: include holds no source, expected at least one (a group from any source "
+         "is written {})"},
+        {groupText("\"239.1.1.1\" = { include = [\"0.0.0.0\"] }"),
+         "f:2:28: error: \"0.0.0.0\" found, expected the unicast address of a source"},
+        {groupText("\"239.1.1.1\" = { include = [\"239.1.1.1\"] }"),
+         "f:2:28: error: \"239.1.1.1\" found, expected the unicast address of a source"},
+        {groupText("\"239.1.1.1\" = { include = [\"255.255.255.255\"] }"),
+         "f:2:28: error: \"255.255.255.255\" found, expected the unicast address of a source"},
+        {groupText("\"239.1.1.1\" = { include = [\"10.0.0.1\", \"10.0.0.1\"] }"),
+         "f:2:40: error: \"10.0.0.1\" found, expected each source once"},
+        {groupText("\"239.1.1.1\" = { exclude = [\"10.0.0.1\"], include = [\"10.0.0.1\"] }"),
+         "f:2:28: error: \"10.0.0.1\" found, expected a source that is not in the include list of "
+         "the group too"},
+    };
+    for (auto const& [text, expected] : cases) {
+        Lines const lines = diagnosticsOf(text);
+        EXPECT_NE(std::find(lines.begin(), lines.end(), expected), lines.end())
+            << text << "\nexpected " << expected << "\ngot " << testing::PrintToString(lines);
+        EXPECT_FALSE(configurationParse(text, "f").valid()) << text;
+    }
+}
+
+TEST(ConfigurationTest, OneReadingFindsAllErrorsInTheirOrder) {
+    EXPECT_EQ(diagnosticsOf("[interface.z.group]\n\"1\" = {}\n[interface.a]\nigmp-version = 0\n"
+                            "x = 1\n[y]\n"),
+              (Lines{"f:2:1: error: \"1\" found, expected a multicast address such as "
+                     "\"239.1.1.1\"",
+                     "f:4:16: error: igmp-version is 0, expected an integer from 1 to 3",
+                     "f:5:1: error: unknown key \"x\", expected one of igmp-version, "
+                     "unsolicited-report-interval, group",
+                     "f:6:2: error: unknown key \"y\", expected one of interface"}));
+}
+
+TEST(ConfigurationTest, WhatMayNotWorkIsAWarningOnly) {
+    struct {
+        std::string text;
+        std::string expected;
+    } const cases[] = {
+        {groupText("\"239.1.1.1\" = { exclude = [\"10.0.0.1\"] }"), "RFC 5790"},
+        {groupText("\"232.1.1.1\" = { exclude = [\"10.0.0.1\"] }"), "RFC 4604"},
+        {groupText("\"232.1.1.1\" = {}"), "RFC 4604"},
+        {groupText("\"224.0.0.251\" = {}"), "link-local"},
+        {interfaceText("igmp-version = 2\n[interface.up0.group]\n"
+                       "\"239.1.1.1\" = { include = [\"10.0.0.1\"] }"),
+         "which IGMP version 2 cannot announce"},
+    };
+    for (auto const& [text, expected] : cases) {
+        ConfigurationReading const reading = configurationParse(text, "f");
+        EXPECT_TRUE(reading.valid()) << text;
+        ASSERT_EQ(reading.diagnostics.size(), 1u) << text;
+        EXPECT_NE(reading.diagnostics[0].stringValue().find(": warning: "), std::string::npos);
+        EXPECT_NE(reading.diagnostics[0].text.find(expected), std::string::npos)
+            << reading.diagnostics[0].text;
+    }
+}
+
+std::string repeated(std::string const& part, int times) {
+    std::string text;
+    for (int i = 0; i < times; ++i) text += part;
+    return text;
+}
+
+TEST(ConfigurationTest, HostileTextIsASyntaxErrorWithAPlace) {
+    std::string const dots = "a" + repeated(".a", 500000);
+    std::string const texts[] = {
+        "a = " + repeated("[", 100000),
+        "a = " + repeated("{a=", 100000),
+        dots + " = 1\n",
+        dots + " = 1\n?",
+        "[" + dots + "]",
+        "b = \"\"\"\n' \"\"\"\"\"\n" + dots + " = 1\n",
+        "b = '''\n\\'''\n" + dots + " = 1\n",
+        "b = \"\\\"\"\n" + dots + " = 1\n",
+        "a = 99999999999999999999",
+        std::string("a = \"\0\"", 7),
+        std::string("\0", 1),
+        "a = \"\xff\"",
+        "a = \"x",
+        "[interface.up0]\n[interface.up0]\n",
+        groupText("\"239.1.1.1\" = {}\n\"239.1.1.1\" = {}\n"),
+    };
+    for (std::string const& text : texts) {
+        ConfigurationReading const reading = configurationParse(text, "f");
+        ASSERT_EQ(reading.diagnostics.size(), 1u) << text.substr(0, 60);
+        EXPECT_FALSE(reading.valid());
+        EXPECT_GE(reading.diagnostics[0].position.line, 1u);
+    }
+}
+
+TEST(ConfigurationTest, MalformedHeaderIsPlacedOnItsLine) {
+    EXPECT_EQ(diagnosticsOf("[interface.a]\n\n[?]\n[interface.b]\n"),
+              Lines{"f:3:1: error: malformed line, expected TOML"});
+}
+
+TEST(ConfigurationTest, LongSourceListsAreNotTakenForDeepNesting) {
+    std::string list;
+    for (int i = 0; i < 1000; ++i)
+        list += "\"10.0." + std::to_string(i / 250) + "." + std::to_string(i % 250) + "\",";
+    ConfigurationReading const reading = configurationParse(
+        groupText("\"239.1.1.1\" = { include = [" + list + "] } # " + repeated(".", 100)), "f");
+    EXPECT_EQ(diagnosticLines(reading), Lines());
+    EXPECT_EQ(reading.configuration.interfaces.at("up0").groups.begin()->second.include.size(),
+              1000u);
+}
+
+RC_GTEST_PROP(ConfigurationTest, DamagedTextIsReadOrReportedAndNeverCrashes, ()) {
+    std::string text = example;
+    auto const edits = *rc::gen::nonEmpty<std::vector<std::pair<unsigned, char>>>();
+    for (auto const& [at, byte] : edits) {
+        if (at % 3 == 0)
+            text.insert(text.begin() + long(at % text.size()), byte);
+        else
+            text[at % text.size()] = byte;
+    }
+    for (Diagnostic const& found : configurationParse(text, "f").diagnostics) {
+        RC_ASSERT(found.position.line >= 1u);
+        RC_ASSERT(std::all_of(found.text.begin(), found.text.end(),
+                              [](char c) { return c >= ' ' && c <= '~'; }));
+    }
+}
+
+TEST(ConfigurationTest, FilesThatCannotBeReadAreReportedByName) {
+    std::string directory = testing::TempDir() + "configurationXXXXXX";
+    ASSERT_NE(mkdtemp(directory.data()), nullptr);
+    EXPECT_EQ(diagnosticLines(configurationRead(directory)),
+              Lines{directory + ": error: cannot be read: Is a directory"});
+    std::string const file = directory + "/file";
+    EXPECT_EQ(diagnosticLines(configurationRead(file)),
+              Lines{file + ": error: cannot be read: No such file or directory"});
+    std::ofstream(file) << example;
+    EXPECT_EQ(configurationRead(file).configuration,
+              configurationParse(example, file).configuration);
+    EXPECT_EQ(diagnosticLines(configurationRead("/dev/zero")),
+              Lines{"/dev/zero: error: cannot be read: File too large"});
+    unlink(file.c_str());
+    rmdir(directory.c_str());
+}
+
+} // namespace
+} // namespace Agent
