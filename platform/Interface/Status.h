@@ -1,0 +1,65 @@
+// Interface status, and the directory of a namespace's kernel device names.
+#pragma once
+
+#include "Lox/Names.h"
+#include "Nex/Record.h"
+
+namespace Interface {
+
+#define INTERFACE_STATUS(ATTR, SET, MAP, RECORDS)                                                  \
+    ATTR(bool, operUp, OperUp) /* has its link and can be used */
+
+class IntfStatus : public Nex::RecordBase {
+    NEX_RECORD(IntfStatus, Lox::IntfId, intfId, INTERFACE_STATUS)
+};
+
+#define ALL_INTF_STATUS_DIR(ATTR, SET, MAP, RECORDS)                                               \
+    RECORDS(Lox::IntfId, IntfStatus, intfStatus, IntfStatus)
+
+class AllIntfStatusDir : public Nex::RecordBase {
+    NEX_RECORD(AllIntfStatusDir, Nex::Name, name, ALL_INTF_STATUS_DIR)
+};
+
+#define INTF_STATUS_LOCAL(ATTR, SET, MAP, RECORDS)                                                 \
+    ATTR(Lox::NamespaceName, networkNamespace, NetworkNamespace)                                   \
+    ATTR(Nex::String, deviceName, DeviceName) /* in that namespace */
+
+/// Where an interface is found on this device.
+class IntfStatusLocal : public Nex::RecordBase {
+    NEX_RECORD(IntfStatusLocal, Lox::IntfId, intfId, INTF_STATUS_LOCAL)
+};
+
+#define ALL_INTF_STATUS_LOCAL_DIR(ATTR, SET, MAP, RECORDS)                                         \
+    RECORDS(Lox::IntfId, IntfStatusLocal, intfStatusLocal, IntfStatusLocal)
+
+class AllIntfStatusLocalDir : public Nex::RecordBase {
+    NEX_RECORD(AllIntfStatusLocalDir, Nex::Name, name, ALL_INTF_STATUS_LOCAL_DIR)
+};
+
+/// An interface's kernel device. The default value stands for none.
+struct IntfStatusAndDeviceName {
+    Nex::Ptr<IntfStatus> intfStatus;
+    Nex::String deviceName;
+    std::uint32_t ifIndex = 0;
+    friend bool operator==(IntfStatusAndDeviceName const&,
+                           IntfStatusAndDeviceName const&) = default;
+};
+
+/// The interface that a kernel index belongs to. The default value stands for none.
+struct IntfToDeviceName {
+    Lox::IntfId intfId;
+    Nex::String deviceName;
+    friend bool operator==(IntfToDeviceName const&, IntfToDeviceName const&) = default;
+};
+
+#define DEVICE_INTF_STATUS_DIR(ATTR, SET, MAP, RECORDS)                                            \
+    MAP(Lox::IntfId, IntfStatusAndDeviceName, intfStatusAndDeviceName, IntfStatusAndDeviceName)    \
+    MAP(std::uint32_t, IntfToDeviceName, intfToDeviceName, IntfToDeviceName) /* by kernel index */
+
+/// The interfaces of one namespace that can be used now. Writers fill `intfToDeviceName` before
+/// `intfStatusAndDeviceName` and empty them in the reverse order.
+class DeviceIntfStatusDir : public Nex::RecordBase {
+    NEX_RECORD(DeviceIntfStatusDir, Nex::Name, name, DEVICE_INTF_STATUS_DIR)
+};
+
+} // namespace Interface

@@ -1,0 +1,55 @@
+// The source-interface service: whoever sends from an interface registers it here and watches its
+// address.
+#pragma once
+
+#include "Lox/IpAddr.h"
+#include "Lox/Names.h"
+#include "Nex/Record.h"
+
+namespace Ip::SourceIntf {
+
+class SourceIntfSm;
+
+#define SOURCE_INTF(ATTR, SET, MAP, RECORDS)                                                       \
+    ATTR(Lox::IpAddr, ipAddr, IpAddr) /* 0.0.0.0 while it has none */
+
+class SourceIntf : public Nex::RecordBase {
+    NEX_RECORD(SourceIntf, Lox::IntfId, intfId, SOURCE_INTF)
+
+  public:
+    ~SourceIntf() override;
+
+  private:
+    friend class SourceIntfSm;
+    Nex::Ptr<SourceIntfSm> service_; ///< set while the service knows the object
+};
+
+/// There is one object per interface as long as anybody holds it, registered or not.
+class SourceIntfSm : public Nex::Entity {
+  public:
+    static Nex::Ptr<SourceIntfSm> SourceIntfSmIs() { return Nex::newObject<SourceIntfSm>(); }
+    Nex::String nexName() const override { return "sourceIntf"; }
+
+    class NotifieeConst : public Nex::NotifieeOf<SourceIntfSm> {
+      public:
+        /// An interface was registered; whoever knows its address writes it now.
+        virtual void onSourceIntf(Lox::IntfId) {}
+
+      protected:
+        using Nex::NotifieeOf<SourceIntfSm>::NotifieeOf;
+    };
+    using Notifiee = Nex::WritingNotifiee<NotifieeConst, SourceIntfSm>;
+
+    Nex::Ptr<SourceIntf> registerSourceIntf(Lox::IntfId intfId);
+    void unregisterSourceIntf(Nex::Ptr<SourceIntf> const& sourceIntf);
+    /// The interface's object, or null when nobody holds one.
+    SourceIntf* sourceIntf(Lox::IntfId const& intfId) const;
+    bool registered(Lox::IntfId const& intfId) const { return registered_.has(intfId); }
+
+  private:
+    friend class SourceIntf;
+    Nex::Map<Lox::IntfId, SourceIntf*> known_; ///< not owned; an object that goes takes itself out
+    Nex::Map<Lox::IntfId, Nex::Ptr<SourceIntf>> registered_;
+};
+
+} // namespace Ip::SourceIntf

@@ -1,0 +1,72 @@
+// Names that are types of their own, so that one kind is not taken for another.
+#pragma once
+
+#include "Nex/Error.h"
+
+#include <compare>
+#include <functional>
+#include <ostream>
+#include <string>
+
+namespace Lox {
+
+/// A text with order and hash; the base of the name types.
+class NameValue {
+  public:
+    NameValue() = default;
+    explicit NameValue(std::string text) : text_(std::move(text)) {}
+
+    std::string const& stringValue() const { return text_; }
+    bool empty() const { return text_.empty(); }
+
+    friend auto operator<=>(NameValue const&, NameValue const&) = default;
+    friend std::ostream& operator<<(std::ostream& out, NameValue const& n) {
+        return out << n.text_;
+    }
+
+  private:
+    std::string text_;
+};
+
+/// An interface, by the name under which the configuration knows it.
+class IntfId : public NameValue {
+  public:
+    using NameValue::NameValue;
+    friend auto operator<=>(IntfId const&, IntfId const&) = default;
+};
+
+/// The name of the namespace that the process was started in.
+inline constexpr char DEFAULT_NS[] = "default";
+
+/// A network namespace; at most 150 octets, otherwise Nex::RangeException.
+class NamespaceName : public NameValue {
+  public:
+    NamespaceName() = default;
+    explicit NamespaceName(std::string text) : NameValue(std::move(text)) {
+        if (stringValue().size() > 150)
+            throw Nex::RangeException("NamespaceName::bytes > 150 not allowed");
+    }
+    static NamespaceName defaultNamespace() { return NamespaceName(DEFAULT_NS); }
+    friend auto operator<=>(NamespaceName const&, NamespaceName const&) = default;
+};
+
+} // namespace Lox
+
+namespace L3 {
+
+/// A VRF; "default" is the default VRF, the empty name none.
+class VrfName : public Lox::NameValue {
+  public:
+    using NameValue::NameValue;
+    friend auto operator<=>(VrfName const&, VrfName const&) = default;
+};
+
+} // namespace L3
+
+template <class T>
+requires std::is_base_of_v<Lox::NameValue, T>
+struct std::hash<T> {
+    std::size_t operator()(T const& name) const noexcept {
+        return std::hash<std::string>()(name.stringValue());
+    }
+};

@@ -1,0 +1,216 @@
+// The trace ring: the last few thousand trace points that were passed, always on.
+//
+// A trace point is a static descriptor at its call site. Passing it stores the descriptor, a time
+// stamp and the raw values in a fixed slot of 64 octets; no text is built and nothing is allocated.
+// Text is made when somebody reads the ring. Values that do not fit, and the ends of long names,
+// are cut.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#if defined(__x86_64__)
+#include <x86intrin.h>
+#endif
+
+namespace Lumen {
+
+using Payload = std::array<std::byte, 48>;
+
+/// What is known of a trace point before it is passed. `format` holds a '%' for each value.
+struct Point {
+    char const* function; ///< full signature
+    unsigned line;
+    unsigned level;
+    bool entry; ///< the text begins with the signature
+    char const* format;
+    void (*print)(Point const&, Payload const&, std::ostream&);
+};
+
+/// A passed trace point.
+struct Entry {
+    Point const* point;
+    std::uint64_t stamp; ///< in ticks, see `Ring::secondsOf`
+    Payload payload;
+
+    std::string text() const {
+        std::ostringstream out;
+        point->print(*point, payload, out);
+        return out.str();
+    }
+};
+static_assert(sizeof(Entry) == 64);
+
+/// Text is stored as a length octet and the characters; everything else as its bytes.
+template <class T>
+inline constexpr bool isText = std::is_convertible_v<T const&, std::string_view>;
+
+/// Types with a text inside them, such as interface names, have `stringValue()` by reference.
+template <class T>
+inline constexpr bool isNamed = requires(T const& v) {
+    { v.stringValue() } -> std::same_as<std::string const&>;
+};
+
+class Writer {
+  public:
+    explicit Writer(Payload& payload) : at_(payload.data()), end_(at_ + payload.size()) {}
+
+    template <class T>
+    void put(T const& value) {
+        if constexpr (isText<T>) {
+            putText(value);
+        } else if constexpr (isNamed<T>) {
+            putText(value.stringValue());
+        } else {
+            static_assert(std::is_trivially_copyable_v<T>, "give the trace a plain value");
+            if (std::size_t(end_ - at_) < sizeof value) {
+                at_ = end_;
+                return;
+            }
+            std::memcpy(at_, &value, sizeof value);
+            at_ += sizeof value;
+        }
+    }
+
+  private:
+    void putText(std::string_view text) {
+        if (at_ == end_) return;
+        std::size_t const length = std::min(text.size(), std::size_t(end_ - at_ - 1));
+        *at_++ = std::byte(length);
+        std::memcpy(at_, text.data(), length);
+        at_ += length;
+    }
+
+    std::byte* at_;
+    std::byte* end_;
+};
+
+class Reader {
+  public:
+    explicit Reader(Payload const& payload)
+        : at_(payload.data()), end_(payload.data() + payload.size()) {}
+
+    template <class T>
+    void print(std::ostream& out) {
+        if constexpr (isText<T> || isNamed<T>) {
+            if (at_ == end_) return;
+            auto const length = std::size_t(*at_++);
+            out.write(reinterpret_cast<char const*>(at_), std::streamsize(length));
+            at_ += length;
+        } else if (std::size_t(end_ - at_) < sizeof(T)) {
+            at_ = end_;
+        } else {
+            alignas(T) std::byte bytes[sizeof(T)];
+            std::memcpy(bytes, at_, sizeof bytes);
+            at_ += sizeof bytes;
+            out << *std::launder(reinterpret_cast<T const*>(bytes));
+        }
+    }
+
+  private:
+    std::byte const* at_;
+    std::byte const* end_;
+};
+
+/// Writes `format` up to its next '%' and returns what follows that.
+inline char const* printUpToValue(char const* format, std::ostream& out) {
+    char const* at = format;
+    while (*at != '\0' && *at != '%') ++at;
+    out.write(format, at - format);
+    return *at == '%' ? at + 1 : at;
+}
+
+template <class... Values>
+struct Types {
+    static void print(Point const& point, Payload const& payload, std::ostream& out) {
+        if (point.entry) out << point.function;
+        Reader reader(payload);
+        char const* format = point.format;
+        ((format = printUpToValue(format, out), reader.print<Values>(out)), ...);
+        out << format;
+    }
+};
+template <class... Values>
+Types<std::decay_t<Values>...> typesOf(Values const&...);
+
+template <class... Values>
+constexpr unsigned countOf(Types<Values...>) {
+    return sizeof...(Values);
+}
+constexpr unsigned valuesIn(std::string_view format) {
+    unsigned count = 0;
+    for (char c : format) count += c == '%';
+    return count;
+}
+
+class Ring {
+  public:
+    /// Entries are numbered from 0 as they are written; the last `capacity()` can be read.
+    static constexpr std::size_t capacity() { return capacity_; }
+    std::uint64_t written() const { return written_; }
+    /// `number` must be below `written()` and among the last `capacity()`.
+    Entry const& entry(std::uint64_t number) const { return entries_[number % capacity_]; }
+
+    /// Within one callback all entries carry one time stamp, taken at the first of them.
+    template <class... Values>
+    void record(Point const& point, Values const&... values) {
+        Entry& entry = entries_[written_++ % capacity_];
+        entry.point = &point;
+        entry.stamp = depth_ == 0 ? ticks() : callbackStamp();
+        Writer writer(entry.payload);
+        (writer.put(values), ...);
+    }
+
+    /// Marks the time that a callback is on the stack; callbacks nest.
+    class Callback {
+      public:
+        explicit Callback(Ring& ring) : ring_(ring) {
+            if (ring_.depth_++ == 0) ring_.stamp_ = 0;
+        }
+        Callback(Callback const&) = delete;
+        Callback& operator=(Callback const&) = delete;
+        ~Callback() { --ring_.depth_; }
+
+      private:
+        Ring& ring_;
+    };
+
+    /// Seconds on the steady clock at which an entry was stamped, to the accuracy of the
+    /// processor's counter.
+    double secondsOf(Entry const& entry) const;
+
+  private:
+    static constexpr std::size_t capacity_ = 4096;
+
+    static std::uint64_t ticks() {
+#if defined(__x86_64__)
+        return __rdtsc();
+#else
+        return std::uint64_t(std::chrono::steady_clock::now().time_since_epoch().count());
+#endif
+    }
+    std::uint64_t callbackStamp() {
+        if (stamp_ == 0) stamp_ = ticks();
+        return stamp_;
+    }
+
+    std::uint64_t written_ = 0;
+    std::uint64_t stamp_ = 0;
+    unsigned depth_ = 0;
+    std::uint64_t firstTicks_ = ticks();
+    std::chrono::steady_clock::time_point first_ = std::chrono::steady_clock::now();
+    std::unique_ptr<Entry[]> entries_{new Entry[capacity_]};
+};
+
+/// The ring of this process.
+inline Ring ring;
+
+} // namespace Lumen

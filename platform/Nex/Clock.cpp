@@ -1,0 +1,40 @@
+#include "Nex/Clock.h"
+
+namespace Nex {
+
+void Clock::NotifieeConst::timeMinIs(double seconds) {
+    if (armedOn_) armedOn_->timers_.erase(this);
+    timeMin_ = seconds;
+    armedOn_ = seconds == never ? nullptr : Ptr<Clock const>(notifier());
+    if (!armedOn_) return;
+    armed_ = armedOn_->armings_++;
+    armedOn_->timers_.insert(this);
+}
+
+void Clock::NotifieeConst::nexRetire() {
+    timeMinIs(never);
+    NotifieeOf<Clock>::nexRetire();
+}
+
+Clock::NotifieeConst::~NotifieeConst() { timeMinIs(never); }
+
+double Clock::nextExpiry() const { return timers_.empty() ? never : (*timers_.begin())->timeMin_; }
+
+void Clock::timeIs(double now) {
+    Ptr<Clock> const hold(this);
+    std::uint64_t const fresh = armings_;
+    // Timers armed meanwhile may stand before others that are due; they are passed over.
+    for (auto at = timers_.begin(); at != timers_.end() && (*at)->timeMin_ <= now;) {
+        if ((*at)->armed_ >= fresh) {
+            ++at;
+            continue;
+        }
+        Ptr<NotifieeConst> const timer(*at);
+        timer->timeMinIs(never);
+        Lumen::Ring::Callback const mark(Lumen::ring);
+        timer->nexDeliver([&] { timer->onTime(); });
+        at = timers_.begin();
+    }
+}
+
+} // namespace Nex

@@ -1,0 +1,62 @@
+// Timers driven from outside.
+//
+// A reactor on a clock has one wake time, absolute in seconds of `System::currentTime()`. The
+// embedding loop asks the clock for `nextExpiry()` and tells it `timeIs(now)`; nothing fires
+// otherwise. Timers that are due fire in the order of their times, equal times in the order of
+// arming. A timer is disarmed before its callback runs, so the callback may arm it again; what is
+// armed during `timeIs` fires at the next call at the earliest.
+#pragma once
+
+#include "Nex/Entity.h"
+#include "Nex/System.h"
+
+#include <set>
+
+namespace Nex {
+
+class Clock : public Entity {
+  public:
+    explicit Clock(Name name = "clock") : name_(std::move(name)) {}
+    static Ptr<Clock> ClockIs(Name name = "clock") { return newObject<Clock>(std::move(name)); }
+    String nexName() const override { return name_; }
+
+    class NotifieeConst : public NotifieeOf<Clock> {
+      public:
+        virtual void onTime() {}
+        /// `never` when disarmed.
+        double timeMin() const { return timeMin_; }
+        /// Arms the timer; a time that has passed fires at the next `timeIs`. `never` disarms.
+        void timeMinIs(double seconds);
+        void nexRetire() override;
+
+      protected:
+        using NotifieeOf<Clock>::NotifieeOf;
+        ~NotifieeConst() override;
+
+      private:
+        friend class Clock;
+        double timeMin_ = never;
+        std::uint64_t armed_ = 0; ///< number of its arming, for the order of equal times
+        Ptr<Clock const> armedOn_;
+    };
+    using Notifiee = WritingNotifiee<NotifieeConst, Clock>;
+
+    /// `never` when no timer is armed.
+    double nextExpiry() const;
+    /// Fires what is due. An exception of a callback reaches the caller; timers that did not get
+    /// their turn stay armed.
+    void timeIs(double now);
+
+  private:
+    struct Sooner {
+        bool operator()(NotifieeConst const* a, NotifieeConst const* b) const {
+            return a->timeMin_ != b->timeMin_ ? a->timeMin_ < b->timeMin_ : a->armed_ < b->armed_;
+        }
+    };
+
+    Name name_;
+    mutable std::set<NotifieeConst*, Sooner> timers_;
+    mutable std::uint64_t armings_ = 0;
+};
+
+} // namespace Nex

@@ -1,0 +1,278 @@
+// What a machine is made of: watched inputs, plain inputs, fields, per-key reactors, and keyed
+// collections of further machines. One line each; the behaviour lies in the templates below.
+//
+// A machine defines `nexTypeName` (its full class name, for error texts) before using the macros.
+#pragma once
+
+#include "Nex/Entity.h"
+#include "Nex/Error.h"
+
+#include <array>
+#include <string>
+#include <tuple>
+#include <utility>
+
+namespace Nex {
+
+/// The base of a machine's reactors: the notification interface, and the machine by its own type.
+template <class Interface, class Machine>
+class Reactor : public Interface {
+  public:
+    template <class Watched>
+    Reactor(Ptr<Watched> watched, Machine* machine) : Interface(std::move(watched), machine) {}
+    Machine* machine() const { return static_cast<Machine*>(NotifieeBase::machine()); }
+};
+
+/// A reactor in the hand of its machine: dropping it silences it, then lets go.
+template <class R>
+class Owned {
+  public:
+    Owned() = default;
+    Owned(Owned const&) = delete;
+    Owned& operator=(Owned const&) = delete;
+    ~Owned() { del(); }
+
+    /// Makes the reactor and switches its notifications on.
+    template <class... Args>
+    void make(Args&&... args) {
+        del();
+        reactor_ = newObject<R>(std::forward<Args>(args)...);
+        reactor_->hasNotificationActiveIs(true);
+    }
+    void del() {
+        if (Ptr<R> const reactor = std::exchange(reactor_, nullptr)) reactor->nexRetire();
+    }
+    R* get() const { return reactor_.get(); }
+    R* operator->() const { return get(); }
+    explicit operator bool() const { return get() != nullptr; }
+
+  private:
+    Ptr<R> reactor_;
+};
+
+/// What a reactor watches, or null without a reactor.
+template <class R>
+auto watchedBy(Owned<R> const& owned) {
+    return owned ? owned->notifier() : nullptr;
+}
+
+/// Points the reactor at `watched`, or makes it for a `machine` that has none yet. A null object
+/// makes no reactor.
+template <class R, class Watched, class Machine>
+void watch(Owned<R>& owned, Ptr<Watched> watched, Machine* machine) {
+    if (owned) {
+        owned->notifierIs(std::move(watched));
+    } else if (watched) {
+        owned.make(std::move(watched), machine);
+    }
+}
+
+/// The per-key reactors of a machine. A reactor may start up in its constructor; whatever its
+/// start-up does to this collection, the key ends up as the last call said.
+template <class Key, class R>
+class ReactorMap {
+  public:
+    ReactorMap() = default;
+    ReactorMap(ReactorMap const&) = delete;
+    ReactorMap& operator=(ReactorMap const&) = delete;
+    ~ReactorMap() { delAll(); }
+
+    /// The reactor of `key`; null when there is none or while it is being made.
+    R* get(Key const& key) const {
+        auto const* const found = reactors_.find(key);
+        return found ? found->get() : nullptr;
+    }
+    std::size_t size() const { return reactors_.size(); }
+    auto walk() const { return reactors_.walk(); }
+
+    /// Makes the reactor of `key` on `watched`, or points the one that is there at it.
+    template <class Watched, class Machine>
+    Ptr<R> is(Key const& key, Ptr<Watched> watched, Machine* machine) {
+        if (Ptr<R> const known = get(key)) {
+            known->notifierIs(std::move(watched));
+            return known;
+        }
+        if (!reactors_.findOrInsert(key).second) return nullptr; // being made further up the stack
+        Ptr<R> const fresh = build(key, std::move(watched), machine);
+        Ptr<R>* const slot = reactors_.find(key);
+        if (slot && !*slot) {
+            *slot = fresh;
+        } else {
+            fresh->nexRetire(); // deleted meanwhile
+        }
+        return fresh;
+    }
+    void del(Key const& key) {
+        if (Ptr<R> const reactor = reactors_.take(key)) reactor->nexRetire();
+    }
+    void delAll() {
+        for (auto const& item : reactors_.walk()) del(item.key);
+    }
+    /// Deletes the reactors whose key `stays` rejects.
+    template <class Stays>
+    void delUnless(Stays stays) {
+        for (auto const& item : reactors_.walk())
+            if (!stays(item.key)) del(item.key);
+    }
+
+  private:
+    template <class Watched, class Machine>
+    Ptr<R> build(Key const& key, Ptr<Watched> watched, Machine* machine) {
+        try {
+            auto fresh = newObject<R>(std::move(watched), machine);
+            fresh->hasNotificationActiveIs(true);
+            return fresh;
+        } catch (...) {
+            reactors_.take(key);
+            throw;
+        }
+    }
+
+    Map<Key, Ptr<R>> reactors_;
+};
+
+/// The error of a null object given to a collection of reactors. The quote at its end belongs to
+/// the text that operators know.
+inline void refuseNull(bool isNull, char const* typeName, char const* attribute) {
+    if (isNull)
+        throw RangeException("null _" + String(attribute) + " parameter to mutator for " +
+                             typeName + "::" + attribute + " not allowed\"");
+}
+
+/// One constructor argument of a machine as it is held now, by name.
+template <class T>
+struct Argument {
+    char const* name;
+    T value;
+};
+template <class T>
+Argument(char const*, T) -> Argument<T>;
+
+/// Machines by key. Asking again with the same arguments returns the machine; with another
+/// argument it fails.
+template <class Key, class Machine>
+class MachineMap {
+  public:
+    MachineMap() = default;
+    MachineMap(MachineMap const&) = delete;
+    MachineMap& operator=(MachineMap const&) = delete;
+    ~MachineMap() { delAll(); }
+
+    Machine* get(Key const& key) const {
+        auto const* const found = machines_.find(key);
+        return found ? found->get() : nullptr;
+    }
+    std::size_t size() const { return machines_.size(); }
+    auto walk() const { return machines_.walk(); }
+
+    /// `factory` makes a machine from key, arguments and owner. A machine tells its present
+    /// arguments by `nexArguments()`, a tuple of `Argument`.
+    template <class Factory, class... Args>
+    Ptr<Machine> is(Factory factory, Key const& key, Args const&... args) {
+        if (Ptr<Machine> const known = get(key)) {
+            compare(known->nexArguments(), std::tie(args...),
+                    std::make_index_sequence<sizeof...(Args)>());
+            return known;
+        }
+        if (!machines_.findOrInsert(key).second) return nullptr; // being made further up the stack
+        Ptr<Machine> const fresh = build(factory, key, args...);
+        Ptr<Machine>* const slot = machines_.find(key);
+        if (slot && !*slot) {
+            *slot = fresh;
+        } else {
+            fresh->nexDoZombieReactors(true); // deleted meanwhile
+        }
+        return fresh;
+    }
+    /// Silences the machine's reactors, then lets go of it.
+    void del(Key const& key) {
+        if (Ptr<Machine> const machine = machines_.take(key)) machine->nexDoZombieReactors(true);
+    }
+    void delAll() {
+        for (auto const& item : machines_.walk()) del(item.key);
+    }
+
+  private:
+    template <class Factory, class... Args>
+    Ptr<Machine> build(Factory factory, Key const& key, Args const&... args) {
+        try {
+            return factory(key, args...);
+        } catch (...) {
+            machines_.take(key);
+            throw;
+        }
+    }
+    template <class Present, class Asked, std::size_t... at>
+    static void compare(Present const& present, Asked const& asked, std::index_sequence<at...>) {
+        (compareOne(std::get<at>(present), std::get<at>(asked)), ...);
+    }
+    template <class T, class Asked>
+    static void compareOne(Argument<T> const& present, Asked const& asked) {
+        if (present.value == asked) return;
+        throw NameInUseException(
+            "Reinstantiating the pointer interface where constructor parameter attribute _" +
+            String(present.name) + " has a different value of " + textOf(present.value) + ", " +
+            textOf(asked));
+    }
+
+    Map<Key, Ptr<Machine>> machines_;
+};
+
+} // namespace Nex
+
+/// An input that the reactor class `REACTOR` watches: `NAME()` is the watched object or null,
+/// `NAME##Is` points the reactor elsewhere.
+#define NEX_WATCHED(TYPE, NAME, REACTOR)                                                           \
+  public:                                                                                          \
+    TYPE* NAME() const { return ::Nex::watchedBy(NAME##_); }                                       \
+    void NAME##Is(::Nex::Ptr<TYPE> watched) { ::Nex::watch(NAME##_, std::move(watched), this); }   \
+                                                                                                   \
+  private:                                                                                         \
+    ::Nex::Owned<REACTOR> NAME##_;
+
+/// An input that is only used.
+#define NEX_INPUT(TYPE, NAME)                                                                      \
+  public:                                                                                          \
+    TYPE* NAME() const { return NAME##_.get(); }                                                   \
+                                                                                                   \
+  private:                                                                                         \
+    ::Nex::Ptr<TYPE> NAME##_;
+
+/// A value of the machine's own.
+#define NEX_FIELD(TYPE, NAME, VALUE)                                                               \
+  public:                                                                                          \
+    TYPE NAME() const { return NAME##_; }                                                          \
+    void NAME##Is(TYPE value) { NAME##_ = std::move(value); }                                      \
+                                                                                                   \
+  private:                                                                                         \
+    TYPE NAME##_ = VALUE;
+
+/// A set of the machine's own.
+#define NEX_FIELD_SET(KEY, NAME)                                                                   \
+  public:                                                                                          \
+    auto NAME() const { return NAME##_.walk(); }                                                   \
+    bool NAME##Has(KEY key) const { return NAME##_.has(key); }                                     \
+    void NAME##Is(KEY key) { NAME##_.findOrInsert(key); }                                          \
+    void NAME##Del(KEY key) { NAME##_.take(key); }                                                 \
+    void NAME##DelAll() {                                                                          \
+        for (auto const& key : NAME##_.walk()) NAME##_.take(key);                                  \
+    }                                                                                              \
+                                                                                                   \
+  private:                                                                                         \
+    ::Nex::Set<KEY> NAME##_;
+
+/// Reactors of class `REACTOR`, one for each `TYPE` whose `KEYNAME()` is the key.
+#define NEX_REACTORS(KEY, REACTOR, NAME, TYPE, KEYNAME)                                            \
+  public:                                                                                          \
+    REACTOR* NAME(KEY key) const { return NAME##_.get(key); }                                      \
+    auto NAME() const { return NAME##_.walk(); }                                                   \
+    ::Nex::Ptr<REACTOR> NAME##Is(::Nex::Ptr<TYPE> watched) {                                       \
+        ::Nex::refuseNull(!watched, nexTypeName, #NAME);                                           \
+        KEY const key = watched->KEYNAME();                                                        \
+        return NAME##_.is(key, std::move(watched), this);                                          \
+    }                                                                                              \
+    void NAME##Del(KEY key) { NAME##_.del(key); }                                                  \
+    void NAME##DelAll() { NAME##_.delAll(); }                                                      \
+                                                                                                   \
+  private:                                                                                         \
+    ::Nex::ReactorMap<KEY, REACTOR> NAME##_;

@@ -1,0 +1,471 @@
+// The collections of the framework.
+//
+// `Map` keeps its entries in one array in the order of insertion and finds them through an open
+// addressing index of 32-bit positions beside it. Walking is fast and repeatable, and tolerates
+// every change: an entry that stays is visited once, a removed one is not visited, one inserted
+// during the walk is left for the next. A removal leaves a hole; holes are closed when nobody
+// walks.
+//
+// `SmallMap` holds its first entries inside itself and becomes a `Map` beyond that; most groups
+// have no more than a few sources.
+//
+// A `Set` of either kind is a map to `Nothing`. No collection may be destroyed while it is walked.
+#pragma once
+
+#include <algorithm>
+#include <bit>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <new>
+#include <optional>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace Nex {
+
+template <class T>
+class Ptr;
+
+/// The value of a set's entries.
+struct Nothing {
+    friend constexpr bool operator==(Nothing, Nothing) = default;
+};
+
+/// Whether a value may be moved to another address by copying its bytes.
+template <class T>
+inline constexpr bool isRelocatable = std::is_trivially_copyable_v<T>;
+template <class T>
+inline constexpr bool isRelocatable<Ptr<T>> = true;
+template <class Key, class Value, std::size_t N>
+class SmallMap;
+template <class Key, class Value, std::size_t N>
+inline constexpr bool isRelocatable<SmallMap<Key, Value, N>> = true;
+
+/// Whether the hash of a key is a number under which neighbouring keys are neighbours. Such a map
+/// starts out with neighbours in neighbouring slots, which is what runs of addresses want.
+template <class Key>
+inline constexpr bool hashKeepsNeighbours = requires(Key const& key) {
+    key.host();
+}
+|| std::is_integral_v<Key>;
+
+template <class Key, class Value>
+struct Item {
+    Key key;
+    [[no_unique_address]] Value value;
+};
+
+/// What a walk yields: an item, or a set's bare key. Copies, so nothing that a callback does can
+/// take them away.
+template <class Key, class Value>
+using Yielded = std::conditional_t<std::is_same_v<Value, Nothing>, Key, Item<Key, Value>>;
+template <class Key, class Value, class From>
+Yielded<Key, Value> yield(From const& entry) {
+    if constexpr (std::is_same_v<Value, Nothing>) {
+        return entry.key;
+    } else {
+        return {entry.key, entry.value};
+    }
+}
+
+/// A range over a cursor, an object with `std::optional<T> next()`. Walk it once.
+template <class Cursor>
+class Walk {
+  public:
+    template <class... Args>
+    explicit Walk(Args&&... args) : cursor_(std::forward<Args>(args)...) {}
+
+    class Iterator {
+      public:
+        using value_type = std::remove_cvref_t<decltype(*std::declval<Cursor&>().next())>;
+        using difference_type = std::ptrdiff_t;
+
+        explicit Iterator(Cursor* cursor) : cursor_(cursor), item_(cursor->next()) {}
+        value_type const& operator*() const { return *item_; }
+        Iterator& operator++() {
+            item_ = cursor_->next();
+            return *this;
+        }
+        void operator++(int) { ++*this; }
+        friend bool operator==(Iterator const& i, std::default_sentinel_t) { return !i.item_; }
+
+      private:
+        Cursor* cursor_;
+        std::optional<value_type> item_;
+    };
+
+    Iterator begin() { return Iterator(&cursor_); }
+    std::default_sentinel_t end() const { return {}; }
+    std::size_t size() const { return cursor_.size(); }
+    bool empty() const { return size() == 0; }
+
+  private:
+    Cursor cursor_;
+};
+
+template <class Key, class Value>
+class Map {
+  public:
+    Map() = default;
+    Map(Map const&) = delete;
+    Map& operator=(Map const&) = delete;
+    ~Map() {
+        for (Position at = 0; at < used_; ++at)
+            if (entries_[at].live) destroy(entries_[at]);
+        std::free(entries_);
+        std::free(index_);
+    }
+
+    std::size_t size() const { return count_; }
+    bool empty() const { return count_ == 0; }
+    bool has(Key const& key) const { return positionOf(key) != none; }
+
+    /// The value of `key`, or null. Valid until the map is changed.
+    Value* find(Key const& key) {
+        Position const at = positionOf(key);
+        return at == none ? nullptr : &entries_[at].value;
+    }
+    Value const* find(Key const& key) const { return const_cast<Map*>(this)->find(key); }
+
+    /// The value of `key`, made by default where there was none, and whether it was made. Valid
+    /// until the map is changed.
+    std::pair<Value*, bool> findOrInsert(Key const& key) {
+        if (Value* found = find(key)) return {found, false};
+        if (used_ == capacity_) makeRoom();
+        Position const at = used_;
+        ::new (&entries_[at]) Entry{key, true, Value()};
+        ++used_;
+        ++count_;
+        if (index_ && !addToIndex(at)) scatter();
+        return {&entries_[at].value, true};
+    }
+
+    /// Removes `key` and returns its value, or a default value where there was none.
+    Value take(Key const& key) {
+        Position const at = positionOf(key);
+        if (at == none) return Value();
+        if (index_) removeFromIndex(slotOf(at));
+        Value value = std::move(entries_[at].value);
+        destroy(entries_[at]);
+        --count_;
+        if (walkers_ == 0) closeHoles();
+        return value;
+    }
+
+    /// Yields the entries, their values as `As`. While it is there, holes stay and so do positions.
+    template <class As>
+    class Cursor {
+      public:
+        explicit Cursor(Map const& map) : map_(&map), end_(map.used_) { ++map_->walkers_; }
+        Cursor(Cursor const&) = delete;
+        Cursor& operator=(Cursor const&) = delete;
+        ~Cursor() { --map_->walkers_; }
+
+        std::optional<Yielded<Key, As>> next() {
+            while (at_ < end_) {
+                Entry const& entry = map_->entries_[at_++];
+                if (entry.live) return yield<Key, As>(entry);
+            }
+            return std::nullopt;
+        }
+        std::size_t size() const { return map_->size(); }
+
+      private:
+        Map const* map_;
+        std::uint32_t at_ = 0;
+        std::uint32_t end_;
+    };
+    template <class As = Value>
+    Walk<Cursor<As>> walk() const {
+        return Walk<Cursor<As>>(*this);
+    }
+
+  private:
+    using Position = std::uint32_t;
+    static constexpr Position none = ~Position(0);
+    /// Up to here a look through the entries is as fast as an index.
+    static constexpr Position unindexed = 8;
+    /// How far a neighbour-keeping index may push an entry from its slot before it is scattered.
+    static constexpr std::uint32_t farthest = 16;
+
+    struct Entry {
+        Key key;
+        bool live;
+        [[no_unique_address]] Value value;
+    };
+    /// Leaves a hole.
+    static void destroy(Entry& entry) {
+        std::destroy_at(&entry.key);
+        std::destroy_at(&entry.value);
+        entry.live = false;
+    }
+    static constexpr bool relocatable = isRelocatable<Key> && isRelocatable<Value>;
+
+    std::uint32_t homeOf(Key const& key) const {
+        std::uint64_t hash = std::hash<Key>()(key);
+        if (scattered_) {
+            hash ^= hash >> 32;
+            hash *= 0x9E3779B97F4A7C15u;
+            hash ^= hash >> 32;
+        }
+        return std::uint32_t(hash) & mask_;
+    }
+    /// How far the entry in `slot` lies behind its home slot.
+    std::uint32_t distance(std::uint32_t slot) const {
+        return (slot - homeOf(entries_[index_[slot] - 1].key)) & mask_;
+    }
+
+    Position positionOf(Key const& key) const {
+        if (!index_) {
+            for (Position at = 0; at < used_; ++at)
+                if (entries_[at].live && entries_[at].key == key) return at;
+            return none;
+        }
+        std::uint32_t slot = homeOf(key);
+        for (std::uint32_t away = 0;; ++away, slot = (slot + 1) & mask_) {
+            if (index_[slot] == 0) return none;
+            Position const at = index_[slot] - 1;
+            if (entries_[at].key == key) return at;
+            // Entries lie in the order of their home slots; ours would stand here.
+            if (distance(slot) < away) return none;
+        }
+    }
+    std::uint32_t slotOf(Position at) const {
+        std::uint32_t slot = homeOf(entries_[at].key);
+        while (index_[slot] != at + 1) slot = (slot + 1) & mask_;
+        return slot;
+    }
+
+    /// Robin Hood insertion: whoever is farther from home gets the slot. False when the map should
+    /// be scattered, for keys pile up.
+    bool addToIndex(Position at) {
+        std::uint32_t slot = homeOf(entries_[at].key);
+        for (std::uint32_t away = 0; index_[slot] != 0; ++away, slot = (slot + 1) & mask_) {
+            if (std::uint32_t const theirs = distance(slot); theirs < away) {
+                at = std::exchange(index_[slot], at + 1) - 1;
+                away = theirs;
+            }
+            if (away > farthest && !scattered_) return false;
+        }
+        index_[slot] = at + 1;
+        return true;
+    }
+    void removeFromIndex(std::uint32_t slot) {
+        for (;;) {
+            std::uint32_t const next = (slot + 1) & mask_;
+            if (index_[next] == 0 || distance(next) == 0) break;
+            index_[slot] = index_[next];
+            slot = next;
+        }
+        index_[slot] = 0;
+    }
+    void rebuildIndex() {
+        std::free(std::exchange(index_, nullptr));
+        if (capacity_ <= unindexed) return;
+        std::size_t const slots = std::size_t(capacity_) * 2;
+        index_ = static_cast<std::uint32_t*>(std::calloc(slots, sizeof *index_));
+        if (!index_) throw std::bad_alloc();
+        mask_ = std::uint32_t(slots - 1);
+        for (Position at = 0; at < used_; ++at)
+            if (entries_[at].live && !addToIndex(at)) return scatter();
+    }
+    void scatter() {
+        scattered_ = true;
+        rebuildIndex();
+    }
+
+    void makeRoom() {
+        bool const manyHoles = count_ < used_ - used_ / 4;
+        if (manyHoles && walkers_ == 0) return reseat(capacity_);
+        if (capacity_ > (none >> 1)) throw std::bad_alloc();
+        reseat(capacity_ == 0 ? 4 : capacity_ * 2);
+    }
+    void closeHoles() {
+        while (used_ > 0 && !entries_[used_ - 1].live) --used_;
+        if (used_ > unindexed && count_ < used_ / 4)
+            reseat(std::bit_ceil(std::max<Position>(count_ * 2, 4)));
+    }
+    /// Moves the entries into room for `capacity` of them; without walkers, holes go.
+    void reseat(Position capacity) {
+        if constexpr (relocatable) {
+            if (walkers_ == 0) squeeze();
+            auto* moved = static_cast<Entry*>(
+                std::realloc(static_cast<void*>(entries_), capacity * sizeof(Entry)));
+            if (!moved) throw std::bad_alloc();
+            entries_ = moved;
+        } else {
+            auto* moved = static_cast<Entry*>(std::malloc(capacity * sizeof(Entry)));
+            if (!moved) throw std::bad_alloc();
+            Position to = 0;
+            for (Position at = 0; at < used_; ++at) {
+                if (entries_[at].live) {
+                    ::new (&moved[to++]) Entry(std::move(entries_[at]));
+                    destroy(entries_[at]);
+                } else if (walkers_ != 0) {
+                    moved[to++].live = false;
+                }
+            }
+            used_ = to;
+            std::free(std::exchange(entries_, moved));
+        }
+        capacity_ = capacity;
+        rebuildIndex();
+    }
+    void squeeze() {
+        Position to = 0;
+        for (Position at = 0; at < used_; ++at) {
+            if (!entries_[at].live) continue;
+            if (to != at)
+                std::memcpy(static_cast<void*>(&entries_[to]), &entries_[at], sizeof(Entry));
+            ++to;
+        }
+        used_ = to;
+    }
+
+    Entry* entries_ = nullptr;
+    std::uint32_t* index_ = nullptr; ///< positions + 1, 0 for a free slot; null for small maps
+    Position used_ = 0;              ///< entries and holes
+    Position count_ = 0;             ///< entries
+    Position capacity_ = 0;          ///< a power of two
+    std::uint32_t mask_ = 0;
+    mutable std::uint32_t walkers_ = 0;
+    bool scattered_ = !hashKeepsNeighbours<Key>;
+};
+
+/// Like `Map`; the first `N` entries stand in the object itself.
+template <class Key, class Value, std::size_t N>
+class SmallMap {
+    static_assert(std::is_trivially_copyable_v<Key> && std::is_trivially_copyable_v<Value>);
+    using Large = Map<Key, Value>;
+    using Entry = Item<Key, Value>;
+
+  public:
+    SmallMap() = default;
+    SmallMap(SmallMap&& other) noexcept : count_(std::exchange(other.count_, 0)) {
+        std::copy_n(other.room_, roomBytes, room_);
+    }
+    SmallMap& operator=(SmallMap&&) = delete;
+    ~SmallMap() {
+        if (isLarge()) delete large();
+    }
+
+    std::size_t size() const { return isLarge() ? large()->size() : count_; }
+    bool empty() const { return size() == 0; }
+    bool has(Key const& key) const { return find(key) != nullptr; }
+
+    /// As of `Map`.
+    Value* find(Key const& key) {
+        if (isLarge()) return large()->find(key);
+        Entry* const found = findSmall(key);
+        return found ? &found->value : nullptr;
+    }
+    Value const* find(Key const& key) const { return const_cast<SmallMap*>(this)->find(key); }
+
+    /// As of `Map`.
+    std::pair<Value*, bool> findOrInsert(Key const& key) {
+        if (Value* found = find(key)) return {found, false};
+        if (count_ == N) becomeLarge();
+        if (isLarge()) return large()->findOrInsert(key);
+        small()[count_] = Entry{key, Value()};
+        return {&small()[count_++].value, true};
+    }
+
+    /// As of `Map`.
+    Value take(Key const& key) {
+        if (isLarge()) return large()->take(key);
+        Entry* const found = findSmall(key);
+        if (!found) return Value();
+        Value const value = found->value;
+        std::copy(found + 1, small() + count_, found);
+        --count_;
+        return value;
+    }
+
+    /// Few entries are copied as the walk begins, and asked for again as their turn comes.
+    class Cursor {
+      public:
+        explicit Cursor(SmallMap const& map) : map_(&map) {
+            if (map.isLarge()) {
+                large_.emplace(*map.large());
+            } else {
+                count_ = map.count_;
+                std::copy_n(map.small(), count_, small_);
+            }
+        }
+        std::optional<Yielded<Key, Value>> next() {
+            if (large_) return large_->next();
+            while (at_ < count_)
+                if (Entry const& entry = small_[at_++]; map_->has(entry.key))
+                    return yield<Key, Value>(entry);
+            return std::nullopt;
+        }
+        std::size_t size() const { return map_->size(); }
+
+      private:
+        SmallMap const* map_;
+        std::uint32_t at_ = 0;
+        std::uint32_t count_ = 0;
+        Entry small_[N];
+        std::optional<typename Large::template Cursor<Value>> large_;
+    };
+    Walk<Cursor> walk() const { return Walk<Cursor>(*this); }
+
+  private:
+    static constexpr std::uint32_t largeMark = ~std::uint32_t(0);
+    /// The room holds the entries, or the address of the large map. Octets keep the object free of
+    /// a pointer's alignment.
+    static constexpr std::size_t roomBytes = std::max(N * sizeof(Entry), sizeof(Large*));
+
+    bool isLarge() const { return count_ == largeMark; }
+    Entry* small() { return reinterpret_cast<Entry*>(room_); }
+    Entry const* small() const { return reinterpret_cast<Entry const*>(room_); }
+    Large* large() const {
+        Large* map;
+        std::memcpy(&map, room_, sizeof map);
+        return map;
+    }
+    Entry* findSmall(Key const& key) {
+        for (Entry* at = small(); at != small() + count_; ++at)
+            if (at->key == key) return at;
+        return nullptr;
+    }
+    void becomeLarge() {
+        auto map = std::make_unique<Large>();
+        for (Entry const* at = small(); at != small() + count_; ++at)
+            *map->findOrInsert(at->key).first = at->value;
+        Large* const address = map.release();
+        std::memcpy(room_, &address, sizeof address);
+        count_ = largeMark;
+    }
+
+    std::uint32_t count_ = 0; ///< entries in the room, or `largeMark`
+    alignas(Entry) std::byte room_[roomBytes];
+};
+
+template <class Key>
+using Set = Map<Key, Nothing>;
+template <class Key, std::size_t N = 5>
+using SmallSet = SmallMap<Key, Nothing, N>;
+
+/// The keys of a set or the keys of a map in ascending order, as they are now.
+template <class Cursor>
+auto sortedKeys(Walk<Cursor> walk) {
+    constexpr auto keyOf = [](auto const& yielded) {
+        if constexpr (requires { yielded.key; }) {
+            return yielded.key;
+        } else {
+            return yielded;
+        }
+    };
+    std::vector<decltype(keyOf(*walk.begin()))> keys;
+    for (auto const& yielded : walk) keys.push_back(keyOf(yielded));
+    std::sort(keys.begin(), keys.end());
+    return keys;
+}
+
+} // namespace Nex

@@ -1,0 +1,153 @@
+// Counted objects and the pointers that hold them.
+//
+// An object is born with one reference, which its factory (`newObject`) adopts; so a counted
+// pointer that a constructor hands out and drops again never frees a half-built object. Copying a
+// `Ptr` counts up, dropping it counts down, and the last one to go destroys the object.
+#pragma once
+
+#include <atomic>
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <iosfwd>
+#include <ostream>
+#include <utility>
+
+namespace Nex {
+
+class PtrInterface;
+
+/// Told of every counted object whose last reference goes, before its destructor runs. For tests
+/// and for programs that look for leaks.
+class DestructionObserver {
+  public:
+    virtual void onDestruction(PtrInterface const&) = 0;
+
+  protected:
+    ~DestructionObserver() = default;
+};
+
+/// The base of every machine, reactor and record.
+class PtrInterface {
+  public:
+    PtrInterface(PtrInterface const&) = delete;
+    PtrInterface& operator=(PtrInterface const&) = delete;
+
+    void nexRefInc() const {
+        if (threadSafe_) {
+            std::atomic_ref(references_).fetch_add(1, std::memory_order_relaxed);
+        } else {
+            ++references_;
+        }
+    }
+    void nexRefDec() const {
+        std::uint32_t const left =
+            threadSafe_ ? std::atomic_ref(references_).fetch_sub(1, std::memory_order_acq_rel) - 1
+                        : --references_;
+        if (left == 0) nexZeroReferences();
+    }
+    std::uint32_t nexReferences() const { return references_; }
+
+    /// Process-wide: count atomically, so that pointers may be copied and dropped on several
+    /// threads. Set it before the first object is made. Notifications stay single-threaded.
+    static void threadSafeIs(bool on) { threadSafe_ = on; }
+    static bool threadSafe() { return threadSafe_; }
+    /// Null for none. Not owned.
+    static void destructionObserverIs(DestructionObserver* observer) {
+        destructionObserver_ = observer;
+    }
+
+    /// Turns all reactors whose machine this object is into zombies, or back: a zombie ignores
+    /// every callback. A machine does this first when it goes.
+    void nexDoZombieReactors(bool zombie) { zombieReactors_ = zombie; }
+    bool nexZombieReactors() const { return zombieReactors_; }
+
+    /// Objects of one size come from slabs: a million small records cost no allocator headers, and
+    /// those made together lie together. A slab keeps its memory for later objects of its size.
+    static void* operator new(std::size_t bytes);
+    static void operator delete(void* object, std::size_t bytes) noexcept;
+
+  protected:
+    PtrInterface() = default;
+    virtual ~PtrInterface() = default;
+
+    /// What happens when the last reference goes.
+    virtual void onZeroReferences() const { delete this; }
+
+  private:
+    void nexZeroReferences() const {
+        if (destructionObserver_) destructionObserver_->onDestruction(*this);
+        onZeroReferences();
+    }
+
+    static inline bool threadSafe_ = false;
+    static inline DestructionObserver* destructionObserver_ = nullptr;
+
+    alignas(4) mutable std::uint32_t references_ = 1;
+    bool zombieReactors_ = false;
+};
+
+template <class T>
+class Ptr {
+  public:
+    constexpr Ptr() = default;
+    constexpr Ptr(std::nullptr_t) {}
+    Ptr(T* object) : object_(object) { inc(); }
+    Ptr(Ptr const& other) : object_(other.object_) { inc(); }
+    Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+    template <class U>
+    requires std::is_convertible_v<U*, T*> Ptr(Ptr<U> const& other) : object_(other.get()) {
+        inc();
+    }
+    template <class U>
+    requires std::is_convertible_v<U*, T*> Ptr(Ptr<U>&& other)
+    noexcept : object_(other.release()) {}
+    ~Ptr() {
+        if (object_) object_->nexRefDec();
+    }
+    Ptr& operator=(Ptr other) noexcept {
+        std::swap(object_, other.object_);
+        return *this;
+    }
+
+    /// Takes over the reference that a new object is born with.
+    static Ptr adopt(T* object) {
+        Ptr p;
+        p.object_ = object;
+        return p;
+    }
+    /// Hands the reference to the caller, who must adopt it.
+    T* release() noexcept { return std::exchange(object_, nullptr); }
+
+    T* get() const { return object_; }
+    T* operator->() const { return object_; }
+    T& operator*() const { return *object_; }
+    explicit operator bool() const { return object_ != nullptr; }
+
+    friend bool operator==(Ptr const& a, Ptr const& b) { return a.object_ == b.object_; }
+    friend bool operator==(Ptr const& a, std::nullptr_t) { return a.object_ == nullptr; }
+    friend std::ostream& operator<<(std::ostream& out, Ptr const& p) {
+        return out << static_cast<void const*>(p.object_);
+    }
+
+  private:
+    void inc() const {
+        if (object_) object_->nexRefInc();
+    }
+
+    T* object_ = nullptr;
+};
+
+/// The factory of all counted objects: the new object has one reference, the one returned.
+template <class T, class... Args>
+Ptr<T> newObject(Args&&... args) {
+    return Ptr<T>::adopt(new T(std::forward<Args>(args)...));
+}
+
+} // namespace Nex
+
+template <class T>
+struct std::hash<Nex::Ptr<T>> {
+    std::size_t operator()(Nex::Ptr<T> const& p) const noexcept { return std::hash<T*>()(p.get()); }
+};

@@ -1,0 +1,207 @@
+// Records: one line per attribute.
+//
+// A record's list names each attribute once, by kind:
+//
+//     ATTR(type, name, Name)         name(), nameIs(value); told by onName()
+//     SET(key, name, Name)           name() walks, nameHas/Is/Del(key), nameDelAll(); onName(key)
+//     MAP(key, value, name, Name)    name() walks, name(key) or a default value, nameIs(key,
+//     value),
+//                                    nameHas/Del(key), nameDelAll(); onName(key)
+//     RECORDS(key, type, name, Name) name() walks, name(key) or null, nameIs(key) creates or
+//                                    fetches, nameHas/Del(key), nameDelAll(); onName(key)
+//
+// and NEX_RECORD expands the list into storage, accessors, the notification interfaces
+// `NotifieeConst` and `Notifiee`, and `nexVisit`, which shows every attribute to a visitor with a
+// function of each kind's name. Every collection also has nameCount() and, for reactors that bring
+// themselves in step with the whole, onName##nexImmediate(), which runs as the reactor is pointed
+// at another record.
+//
+// A lookup returns a plain pointer, good until the entry is deleted: hold a `Ptr` across calls
+// that may do so. `nameIs` of RECORDS returns a counted pointer for that reason.
+#pragma once
+
+#include "Nex/Entity.h"
+
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+namespace Nex {
+
+/// Most sets and maps of small keys hold few of them: those stand inside the record.
+template <class Key>
+inline constexpr bool isSmall = std::is_trivially_copyable_v<Key> && sizeof(Key) <= 4;
+template <class Key>
+using SetOf = std::conditional_t<isSmall<Key>, SmallSet<Key>, Set<Key>>;
+template <class Key, class Value>
+struct MapKind {
+    using Type = Map<Key, Value>;
+};
+template <class Key, class Value>
+requires(isSmall<Key>&& isSmall<Value>) struct MapKind<Key, Value> {
+    using Type = SmallMap<Key, Value, 4>;
+};
+template <class Key, class Value>
+using MapOf = typename MapKind<Key, Value>::Type;
+
+/// The mutators behind the generated ones. `Interface` and `callback` name who is told.
+class RecordBase : public Entity {
+  protected:
+    template <class Interface, auto callback, class T>
+    void nexAttributeIs(T& attribute, T value) {
+        if (attribute == value) return;
+        attribute = std::move(value);
+        nexNotify<Interface, callback>();
+    }
+
+    template <class Interface, auto callback, class Collection, class Key, class Value>
+    void nexEntryIs(Collection& collection, Key const& key, Value value) {
+        auto const [slot, fresh] = collection.findOrInsert(key);
+        if (!fresh && *slot == value) return;
+        *slot = std::move(value);
+        nexNotify<Interface, callback>(key);
+    }
+
+    template <class Interface, auto callback, class Record, class Key>
+    Ptr<Record> nexRecordIs(Map<Key, Ptr<Record>>& records, Key const& key) {
+        auto const [slot, fresh] = records.findOrInsert(key);
+        if (!fresh) return *slot;
+        Ptr<Record> record = newObject<Record>(key);
+        record->nexParentIs(this);
+        *slot = record;
+        nexNotify<Interface, callback>(key);
+        return record;
+    }
+
+    template <class Interface, auto callback, class Collection, class Key>
+    void nexEntryDel(Collection& collection, Key const& key) {
+        if (!collection.has(key)) return;
+        [[maybe_unused]] auto const held = collection.take(key);
+        if constexpr (requires { held->nexParentIs(nullptr); })
+            if (held && held->nexParent() == this) held->nexParentIs(nullptr);
+        nexNotify<Interface, callback>(key);
+    }
+
+    template <class Interface, auto callback, class Collection>
+    void nexEntriesDelAll(Collection& collection) {
+        for (auto const& yielded : collection.walk()) {
+            if constexpr (requires { yielded.key; }) {
+                nexEntryDel<Interface, callback>(collection, yielded.key);
+            } else {
+                nexEntryDel<Interface, callback>(collection, yielded);
+            }
+        }
+    }
+
+    template <class Key, class Value>
+    static Value nexLookup(auto const& map, Key const& key) {
+        auto const* const found = map.find(key);
+        return found ? *found : Value();
+    }
+    template <class Key, class Record>
+    static Record* nexFind(Map<Key, Ptr<Record>> const& records, Key const& key) {
+        auto const* const found = records.find(key);
+        return found ? found->get() : nullptr;
+    }
+};
+
+/// Whether two spellings of an attribute's name differ in the case of the first letter only.
+constexpr bool sameName(std::string_view lower, std::string_view upper) {
+    return lower.size() == upper.size() && lower.substr(1) == upper.substr(1) &&
+           (lower[0] == upper[0] || lower[0] - 'a' == upper[0] - 'A');
+}
+
+} // namespace Nex
+
+#define NEX_RECORD(TYPE, KEY, KEYNAME, LIST)                                                       \
+  public:                                                                                          \
+    explicit TYPE(KEY KEYNAME = KEY()) : KEYNAME##_(std::move(KEYNAME)) {}                         \
+    static ::Nex::Ptr<TYPE> TYPE##Is(KEY KEYNAME = KEY()) {                                        \
+        return ::Nex::newObject<TYPE>(std::move(KEYNAME));                                         \
+    }                                                                                              \
+    KEY KEYNAME() const { return KEYNAME##_; }                                                     \
+    ::Nex::String nexName() const override { return ::Nex::textOf(KEYNAME##_); }                   \
+    class NotifieeConst : public ::Nex::NotifieeOf<TYPE> {                                         \
+      public:                                                                                      \
+        LIST(NEX_CALLBACK_ATTR, NEX_CALLBACK_KEYED, NEX_CALLBACK_MAP, NEX_CALLBACK_RECORDS)        \
+        void onNotifier() override {                                                               \
+            LIST(NEX_NOTHING, NEX_IMMEDIATE_SET, NEX_IMMEDIATE, NEX_IMMEDIATE)                     \
+        }                                                                                          \
+                                                                                                   \
+      protected:                                                                                   \
+        using ::Nex::NotifieeOf<TYPE>::NotifieeOf;                                                 \
+    };                                                                                             \
+    using Notifiee = ::Nex::WritingNotifiee<NotifieeConst, TYPE>;                                  \
+    LIST(NEX_ACCESS_ATTR, NEX_ACCESS_SET, NEX_ACCESS_MAP, NEX_ACCESS_RECORDS)                      \
+    template <class Visitor>                                                                       \
+    void nexVisit(Visitor&& visitor) const {                                                       \
+        LIST(NEX_VISIT_ATTR, NEX_VISIT_SET, NEX_VISIT_MAP, NEX_VISIT_RECORDS)                      \
+    }                                                                                              \
+                                                                                                   \
+  private:                                                                                         \
+    KEY KEYNAME##_;                                                                                \
+    LIST(NEX_STORE_ATTR, NEX_STORE_SET, NEX_STORE_MAP, NEX_STORE_RECORDS)
+
+#define NEX_CALLBACK_ATTR(TYPE, NAME, UPPER)                                                       \
+    static_assert(::Nex::sameName(#NAME, #UPPER));                                                 \
+    virtual void on##UPPER() {}
+#define NEX_CALLBACK_KEYED(KEY, NAME, UPPER)                                                       \
+    static_assert(::Nex::sameName(#NAME, #UPPER));                                                 \
+    virtual void on##UPPER(KEY) {}                                                                 \
+    virtual void on##UPPER##nexImmediate() {}
+#define NEX_CALLBACK_MAP(KEY, VALUE, NAME, UPPER) NEX_CALLBACK_KEYED(KEY, NAME, UPPER)
+#define NEX_CALLBACK_RECORDS(KEY, TYPE, NAME, UPPER) NEX_CALLBACK_KEYED(KEY, NAME, UPPER)
+
+#define NEX_NOTHING(TYPE, NAME, UPPER)
+#define NEX_IMMEDIATE_SET(KEY, NAME, UPPER) on##UPPER##nexImmediate();
+#define NEX_IMMEDIATE(KEY, TYPE, NAME, UPPER) on##UPPER##nexImmediate();
+
+#define NEX_STORE_ATTR(TYPE, NAME, UPPER) TYPE NAME##_{};
+#define NEX_STORE_SET(KEY, NAME, UPPER) ::Nex::SetOf<KEY> NAME##_;
+#define NEX_STORE_MAP(KEY, VALUE, NAME, UPPER) ::Nex::MapOf<KEY, VALUE> NAME##_;
+#define NEX_STORE_RECORDS(KEY, TYPE, NAME, UPPER) ::Nex::Map<KEY, ::Nex::Ptr<TYPE>> NAME##_;
+
+#define NEX_VISIT_ATTR(TYPE, NAME, UPPER) visitor.attr(#NAME, NAME##_);
+#define NEX_VISIT_SET(KEY, NAME, UPPER) visitor.set(#NAME, NAME##_.walk());
+#define NEX_VISIT_MAP(KEY, VALUE, NAME, UPPER) visitor.map(#NAME, NAME##_.walk());
+#define NEX_VISIT_RECORDS(KEY, TYPE, NAME, UPPER)                                                  \
+    visitor.records(#NAME, NAME##_.template walk<::Nex::Ptr<TYPE const>>());
+
+#define NEX_ACCESS_ATTR(TYPE, NAME, UPPER)                                                         \
+    TYPE NAME() const { return NAME##_; }                                                          \
+    void NAME##Is(TYPE value) {                                                                    \
+        nexAttributeIs<NotifieeConst, &NotifieeConst::on##UPPER>(NAME##_, std::move(value));       \
+    }
+
+/// What all collections share.
+#define NEX_ACCESS_COLLECTION(KEY, NAME, UPPER)                                                    \
+    bool NAME##Has(KEY key) const { return NAME##_.has(key); }                                     \
+    std::size_t NAME##Count() const { return NAME##_.size(); }                                     \
+    void NAME##Del(KEY key) { nexEntryDel<NotifieeConst, NEX_KEYED(KEY, UPPER)>(NAME##_, key); }   \
+    void NAME##DelAll() { nexEntriesDelAll<NotifieeConst, NEX_KEYED(KEY, UPPER)>(NAME##_); }
+#define NEX_KEYED(KEY, UPPER) static_cast<void (NotifieeConst::*)(KEY)>(&NotifieeConst::on##UPPER)
+
+#define NEX_ACCESS_SET(KEY, NAME, UPPER)                                                           \
+    auto NAME() const { return NAME##_.walk(); }                                                   \
+    void NAME##Is(KEY key) {                                                                       \
+        nexEntryIs<NotifieeConst, NEX_KEYED(KEY, UPPER)>(NAME##_, key, ::Nex::Nothing());          \
+    }                                                                                              \
+    NEX_ACCESS_COLLECTION(KEY, NAME, UPPER)
+
+#define NEX_ACCESS_MAP(KEY, VALUE, NAME, UPPER)                                                    \
+    auto NAME() const { return NAME##_.walk(); }                                                   \
+    VALUE NAME(KEY key) const { return nexLookup<KEY, VALUE>(NAME##_, key); }                      \
+    void NAME##Is(KEY key, VALUE value) {                                                          \
+        nexEntryIs<NotifieeConst, NEX_KEYED(KEY, UPPER)>(NAME##_, key, std::move(value));          \
+    }                                                                                              \
+    NEX_ACCESS_COLLECTION(KEY, NAME, UPPER)
+
+#define NEX_ACCESS_RECORDS(KEY, TYPE, NAME, UPPER)                                                 \
+    auto NAME() const { return NAME##_.template walk<::Nex::Ptr<TYPE const>>(); }                  \
+    auto NAME() { return NAME##_.walk(); }                                                         \
+    TYPE const* NAME(KEY key) const { return nexFind(NAME##_, key); }                              \
+    TYPE* NAME(KEY key) { return nexFind(NAME##_, key); }                                          \
+    ::Nex::Ptr<TYPE> NAME##Is(KEY key) {                                                           \
+        return nexRecordIs<NotifieeConst, NEX_KEYED(KEY, UPPER), TYPE>(NAME##_, key);              \
+    }                                                                                              \
+    NEX_ACCESS_COLLECTION(KEY, NAME, UPPER)

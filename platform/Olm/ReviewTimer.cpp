@@ -1,0 +1,46 @@
+#include "Olm/ReviewTimer.h"
+
+#include <algorithm>
+
+namespace Olm {
+
+ReviewTimer::ReviewTimer(Nex::Clock::NotifieeConst* reactor, float fillInterval,
+                         unsigned maxCredits, float minDelay, float maxDelay)
+    : reactor_(reactor), credits_(maxCredits), filledAt_(Nex::System::currentTime()) {
+    pacingIs(fillInterval, maxCredits, minDelay, maxDelay);
+}
+
+void ReviewTimer::pacingIs(float fillInterval, unsigned maxCredits, float minDelay,
+                           float maxDelay) {
+    fillInterval_ = fillInterval;
+    maxCredits_ = maxCredits;
+    minDelay_ = minDelay;
+    maxDelay_ = maxDelay;
+    credits_ = std::min(credits_, maxCredits_);
+}
+
+void ReviewTimer::doUpdateNextReview() {
+    double const now = Nex::System::currentTime();
+    doFill(now);
+    doSchedule(now + (credits_ >= 1 ? minDelay_ : maxDelay_));
+}
+
+void ReviewTimer::doUpdateNextReviewImmediately() {
+    double const now = Nex::System::currentTime();
+    doFill(now);
+    doSchedule(now + minDelay_);
+}
+
+void ReviewTimer::doFill(double now) {
+    // Without an interval the bucket is always full.
+    double const filled = fillInterval_ > 0 ? (now - filledAt_) / fillInterval_ : maxCredits_;
+    credits_ = std::min(credits_ + std::max(filled, 0.0), maxCredits_);
+    filledAt_ = now;
+}
+
+void ReviewTimer::doSchedule(double time) {
+    if (!reviewPending()) credits_ -= std::min(credits_, 1.0);
+    if (time < reactor_->timeMin()) reactor_->timeMinIs(time);
+}
+
+} // namespace Olm
