@@ -1,0 +1,188 @@
+// Start-up of the interface machine, its settings, and the configured and deleted groups.
+#include "IgmpHostProxy/IgmpHostProxyIntfSm.h"
+
+#include "IgmpHostProxy/Trace.h"
+
+namespace IgmpHostProxy {
+
+Nex::Ptr<IgmpHostProxyIntfSm> IgmpHostProxyIntfSm::IgmpHostProxyIntfSmIs(
+    Lox::IntfId intfId, Nex::Ptr<IntfConfig const> intfConfig, Nex::Ptr<IntfStatus> intfStatus,
+    Nex::Ptr<Kesh::Multicast::Fib::MfibKeshColl const> mfibKeshDir,
+    Nex::Ptr<Acl::AclTypeConfig const> ipAclConfig, Nex::Ptr<Nex::Clock const> clock,
+    Nex::Ptr<Ip::SourceIntf::SourceIntf> srcIntfIhpIntf, IgmpHostProxySm* parent) {
+    return Nex::newObject<IgmpHostProxyIntfSm>(
+        std::move(intfId), std::move(intfConfig), std::move(intfStatus), std::move(mfibKeshDir),
+        std::move(ipAclConfig), std::move(clock), std::move(srcIntfIhpIntf), parent);
+}
+
+IgmpHostProxyIntfSm::IgmpHostProxyIntfSm(
+    Lox::IntfId intfId, Nex::Ptr<IntfConfig const> intfConfig, Nex::Ptr<IntfStatus> intfStatus,
+    Nex::Ptr<Kesh::Multicast::Fib::MfibKeshColl const> mfibKeshDir,
+    Nex::Ptr<Acl::AclTypeConfig const> ipAclConfig, Nex::Ptr<Nex::Clock const> clock,
+    Nex::Ptr<Ip::SourceIntf::SourceIntf> srcIntfIhpIntf, IgmpHostProxySm* parent)
+    : intfId_(std::move(intfId)),
+      intfStatus_(std::move(intfStatus)),
+      mfibKeshDir_(std::move(mfibKeshDir)),
+      ipAclConfig_(std::move(ipAclConfig)),
+      srcIntfIhpIntf_(std::move(srcIntfIhpIntf)),
+      parent_(parent) {
+    Nex::watch(intfConfig_, intfConfig, this);
+    Nex::watch(clock_, clock, this);
+    handleGroupSourceListConfig();
+    handleDeletedGroupSourceListConfig();
+    handleInitialized();
+}
+
+IgmpHostProxyIntfSm::~IgmpHostProxyIntfSm() { nexDoZombieReactors(true); }
+
+void IgmpHostProxyIntfSm::handleInitialized() {
+    IHP_TRACE_ENTRY();
+    initializedIs(true);
+    if (!clock()) Nex::assertionFailed("clock_");
+    reviewTimerIs(clock_.get(), 1.0F, 4, float(minDelay()), float(maxDelay()));
+    handleIgmpVersion();
+    handleUnsolicitedReportInterval();
+    handleGroupList();
+    doReview();
+}
+
+void IgmpHostProxyIntfSm::handleIgmpVersion() {
+    IHP_TRACE_ENTRY();
+    if (!intfConfig() || !intfStatus()) return;
+    IHP_TRACE(7, "Setting IGMP version to%", unsigned(intfConfig()->igmpVersion()));
+    intfStatus()->igmpVersionIs(intfConfig()->igmpVersion());
+}
+
+void IgmpHostProxyIntfSm::handleUnsolicitedReportInterval() {
+    IHP_TRACE_ENTRY();
+    if (!intfConfig() || !intfStatus()) return;
+    IHP_TRACE(7, "Setting unsolicited-report-interval=%", intfConfig()->unsolicitedReportIntvl());
+    intfStatus()->unsolicitedReportIntvlIs(intfConfig()->unsolicitedReportIntvl());
+}
+
+void IgmpHostProxyIntfSm::handleGroupList() {
+    IHP_TRACE_ENTRY();
+    if (!intfConfig() || !intfStatus()) return;
+    for (auto const& [group, configured] : intfConfig()->groupSourceList()) {
+        if (intfStatus()->groupSourceListHas(group)) continue;
+        IHP_TRACE(7, "Adding group =% to status", group);
+        intfStatus()->groupSourceListIs(group);
+    }
+    for (auto const& [group, entry] : intfStatus()->groupSourceList()) {
+        if (groupKept(group)) continue;
+        IHP_TRACE(7, "Deleting group :%from intfStatus, since it is not in intfConfig", group);
+        for (Lox::IpAddr const source : entry->includeSourceList()) doDropCount({source, group});
+        for (Lox::IpAddr const source : entry->excludeSourceList()) doDropCount({source, group});
+        intfStatus()->groupSourceListDel(group);
+    }
+}
+
+bool IgmpHostProxyIntfSm::groupKept(Lox::IpAddr group) const {
+    return intfConfig()->groupSourceListHas(group);
+}
+
+/// All references of the pair go at once, however many there were.
+void IgmpHostProxyIntfSm::doDropCount(SourceGroup sg) {
+    if (groupSourceRefCounter(sg) > 0) {
+        std::uint32_t const left = groupSourceRefCounterDec(sg, 1);
+        IHP_TRACE(7, "Ref count is for sg decremented, now is%", left);
+    }
+    groupSourceRefCounterDel(sg);
+}
+
+void IgmpHostProxyIntfSm::handleGroupSourceListConfig(Lox::IpAddr group) {
+    if (GroupSource const* const configured = intfConfig()->groupSourceList(group)) {
+        groupSourceListConfigIs(configured);
+    } else {
+        groupSourceListConfigDel(group);
+    }
+}
+
+void IgmpHostProxyIntfSm::handleGroupSourceListConfig() {
+    Nex::Ptr<IntfConfig const> const config = intfConfig();
+    if (config)
+        for (auto const& item : config->groupSourceList()) groupSourceListConfigIs(item.value);
+    groupSourceListConfig_.delUnless(
+        [&](Lox::IpAddr group) { return config && config->groupSourceListHas(group); });
+}
+
+void IgmpHostProxyIntfSm::handleDeletedGroupSourceListConfig(Lox::IpAddr group) {
+    if (GroupSource const* const deleted = intfConfig()->deletedGroupSourceList(group)) {
+        deletedGroupSourceListConfigIs(deleted);
+    } else {
+        deletedGroupSourceListConfigDel(group);
+    }
+}
+
+void IgmpHostProxyIntfSm::handleDeletedGroupSourceListConfig() {
+    Nex::Ptr<IntfConfig const> const config = intfConfig();
+    if (config)
+        for (auto const& item : config->deletedGroupSourceList())
+            deletedGroupSourceListConfigIs(item.value);
+    deletedGroupSourceListConfig_.delUnless(
+        [&](Lox::IpAddr group) { return config && config->deletedGroupSourceListHas(group); });
+}
+
+// Configured groups
+
+IgmpHostProxyIntfSm::NexGroupSourceListConfig::NexGroupSourceListConfig(
+    Nex::Ptr<GroupSource const> groupSource, IgmpHostProxyIntfSm* machine)
+    : NexGroupSource(std::move(groupSource), machine) {
+    handleInitialized();
+}
+
+void IgmpHostProxyIntfSm::NexGroupSourceListConfig::handleInitialized() {
+    IHP_TRACE_ENTRY();
+    IHP_TRACE(7, "Adding group =% to status", group());
+    if (!machine()->intfStatus()) return;
+    machine()->intfStatus()->groupSourceListIs(group());
+    initializedIs(true);
+    handleIncludeSourceList();
+    handleExcludeSourceList();
+}
+
+void IgmpHostProxyIntfSm::NexGroupSourceListConfig::handleIncludeSourceList(Lox::IpAddr source) {
+    IHP_TRACE_ENTRY();
+    if (!machine()->intfStatus() || !notifier()->includeSourceListHas(source)) return;
+    // Removing the last source of a group that is still configured has deleted its status entry.
+    machine()->intfStatus()->groupSourceListIs(group());
+    machine()->addIncludeSourceGroup(source, group());
+}
+
+void IgmpHostProxyIntfSm::NexGroupSourceListConfig::handleExcludeSourceList(Lox::IpAddr source) {
+    IHP_TRACE_ENTRY();
+    if (!machine()->intfStatus() || !notifier()->excludeSourceListHas(source)) return;
+    machine()->intfStatus()->groupSourceListIs(group());
+    machine()->addExcludeSourceGroup(source, group());
+}
+
+// Deleted groups
+
+IgmpHostProxyIntfSm::NexDeletedGroupSourceListConfig::NexDeletedGroupSourceListConfig(
+    Nex::Ptr<GroupSource const> groupSource, IgmpHostProxyIntfSm* machine)
+    : NexGroupSource(std::move(groupSource), machine) {
+    handleInitialized();
+}
+
+void IgmpHostProxyIntfSm::NexDeletedGroupSourceListConfig::handleInitialized() {
+    IHP_TRACE_ENTRY();
+    initializedIs(true);
+    handleIncludeSourceList();
+    handleExcludeSourceList();
+}
+
+void IgmpHostProxyIntfSm::NexDeletedGroupSourceListConfig::handleIncludeSourceList(
+    Lox::IpAddr source) {
+    IHP_TRACE_ENTRY();
+    if (!notifier()->includeSourceListHas(source)) return;
+    machine()->removeIncludeSourceGroup(source, group());
+}
+
+void IgmpHostProxyIntfSm::NexDeletedGroupSourceListConfig::handleExcludeSourceList(
+    Lox::IpAddr source) {
+    IHP_TRACE_ENTRY();
+    if (!notifier()->excludeSourceListHas(source)) return;
+    machine()->removeExcludeSourceGroup(source, group());
+}
+
+} // namespace IgmpHostProxy

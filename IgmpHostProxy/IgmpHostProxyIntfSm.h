@@ -1,0 +1,201 @@
+// The proxy machine of one interface.
+//
+// It watches the interface's configuration and writes the interface's status: the settings, and the
+// merged list of groups to announce. The root machine owns it, from the moment that the interface
+// is resolved until it leaves the configuration.
+//
+// Its rules stand in files of their own:
+//     IgmpHostProxyIntfSm.cpp         start-up, settings, configured and deleted groups
+//     IgmpHostProxyIntfSmMerge.cpp    the membership merge with its reference counts
+//     IgmpHostProxyIntfSmReview.cpp   the paced review of the forwarding tables
+//
+// Timers: `reviewTimer`, on the clock, runs `doReview` once something asked for a review.
+#pragma once
+
+#include "Acl/AclConfig.h"
+#include "IgmpHostProxy/Config.h"
+#include "IgmpHostProxy/GroupSourceRefCounter.h"
+#include "IgmpHostProxy/NexGroupSource.h"
+#include "IgmpHostProxy/Status.h"
+#include "Ip/SourceIntf.h"
+#include "Kesh/Mfib.h"
+#include "Nex/Clock.h"
+#include "Nex/Machine.h"
+#include "Olm/ReviewTimer.h"
+
+namespace IgmpHostProxy {
+
+class IgmpHostProxySm;
+
+class IgmpHostProxyIntfSm : public Nex::PtrInterface {
+  public:
+    static constexpr char nexTypeName[] = "IgmpHostProxy::IgmpHostProxyIntfSm";
+
+    /// Starts up at once: the status is in step with the configuration when this returns. `parent`
+    /// is not owned. A null `clock` is a programming error and ends the process.
+    static Nex::Ptr<IgmpHostProxyIntfSm> IgmpHostProxyIntfSmIs(
+        Lox::IntfId intfId, Nex::Ptr<IntfConfig const> intfConfig, Nex::Ptr<IntfStatus> intfStatus,
+        Nex::Ptr<Kesh::Multicast::Fib::MfibKeshColl const> mfibKeshDir,
+        Nex::Ptr<Acl::AclTypeConfig const> ipAclConfig, Nex::Ptr<Nex::Clock const> clock,
+        Nex::Ptr<Ip::SourceIntf::SourceIntf> srcIntfIhpIntf, IgmpHostProxySm* parent);
+    IgmpHostProxyIntfSm(Lox::IntfId intfId, Nex::Ptr<IntfConfig const> intfConfig,
+                        Nex::Ptr<IntfStatus> intfStatus,
+                        Nex::Ptr<Kesh::Multicast::Fib::MfibKeshColl const> mfibKeshDir,
+                        Nex::Ptr<Acl::AclTypeConfig const> ipAclConfig,
+                        Nex::Ptr<Nex::Clock const> clock,
+                        Nex::Ptr<Ip::SourceIntf::SourceIntf> srcIntfIhpIntf,
+                        IgmpHostProxySm* parent);
+    ~IgmpHostProxyIntfSm() override;
+
+    Lox::IntfId const& intfId() const { return intfId_; }
+    IgmpHostProxySm* parent() const { return parent_; }
+    /// The constructor's arguments as they are now.
+    auto nexArguments() const {
+        return std::make_tuple(
+            Nex::Argument{"intfConfig", Nex::Ptr(intfConfig())},
+            Nex::Argument{"intfStatus", intfStatus_}, Nex::Argument{"mfibKeshDir", mfibKeshDir_},
+            Nex::Argument{"ipAclConfig", ipAclConfig_}, Nex::Argument{"clock", Nex::Ptr(clock())},
+            Nex::Argument{"srcIntfIhpIntf", srcIntfIhpIntf_});
+    }
+
+    /// The last step of construction.
+    void handleInitialized();
+    void handleIgmpVersion();
+    void handleUnsolicitedReportInterval();
+    /// Start-up only: every configured group gets its status entry, and groups that nobody asks for
+    /// any more go with their counts.
+    void handleGroupList();
+    /// A configured group came or went; its reactor follows.
+    void handleGroupSourceListConfig(Lox::IpAddr group);
+    void handleGroupSourceListConfig();
+    void handleDeletedGroupSourceListConfig(Lox::IpAddr group);
+    void handleDeletedGroupSourceListConfig();
+
+    // The membership merge: one reference to (source, group) comes or goes, in one of the modes.
+    // The status entry of the group exists before an add; a remove tolerates that it is gone.
+    void addIncludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group);
+    void addExcludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group);
+    void removeIncludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group);
+    void removeExcludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group);
+
+    GroupSourceRefCounter const& groupSourceRefCounter() const { return groupSourceRefCounter_; }
+    std::uint32_t groupSourceRefCounter(SourceGroup sg) const {
+        return groupSourceRefCounter_.count(sg);
+    }
+    void groupSourceRefCounterIs(SourceGroup sg, std::uint32_t count) {
+        groupSourceRefCounter_.is(sg, count);
+    }
+    std::uint32_t groupSourceRefCounterInc(SourceGroup sg, std::uint32_t n) {
+        return groupSourceRefCounter_.inc(sg, n);
+    }
+    std::uint32_t groupSourceRefCounterDec(SourceGroup sg, std::uint32_t n) {
+        return groupSourceRefCounter_.dec(sg, n);
+    }
+    void groupSourceRefCounterDel(SourceGroup sg) { groupSourceRefCounter_.del(sg); }
+    void groupSourceRefCounterDelAll() { groupSourceRefCounter_.delAll(); }
+
+    /// Asks for a review unless one is pending.
+    void doKickReview();
+    /// One review step.
+    void doReview();
+
+    class NexIntfConfig : public Nex::Reactor<IntfConfig::NotifieeConst, IgmpHostProxyIntfSm> {
+      public:
+        using Reactor::Reactor;
+        void onIgmpVersion() override { machine()->handleIgmpVersion(); }
+        void onUnsolicitedReportIntvl() override { machine()->handleUnsolicitedReportInterval(); }
+        void onGroupSourceList(Lox::IpAddr group) override {
+            machine()->handleGroupSourceListConfig(group);
+        }
+        void onGroupSourceListnexImmediate() override { machine()->handleGroupSourceListConfig(); }
+        void onDeletedGroupSourceList(Lox::IpAddr group) override {
+            machine()->handleDeletedGroupSourceListConfig(group);
+        }
+        void onDeletedGroupSourceListnexImmediate() override {
+            machine()->handleDeletedGroupSourceListConfig();
+        }
+    };
+
+    class NexClock : public Nex::Reactor<Nex::Clock::NotifieeConst, IgmpHostProxyIntfSm> {
+      public:
+        using Reactor::Reactor;
+        void onTime() override { machine()->doReview(); }
+    };
+
+    /// One configured group. A source that is gone from the watched list is ignored: its removal is
+    /// told through the list of deleted groups.
+    class NexGroupSourceListConfig : public NexGroupSource<IgmpHostProxyIntfSm> {
+      public:
+        NexGroupSourceListConfig(Nex::Ptr<GroupSource const> groupSource,
+                                 IgmpHostProxyIntfSm* machine);
+        void handleInitialized();
+        using NexGroupSource::handleExcludeSourceList;
+        using NexGroupSource::handleIncludeSourceList;
+        void handleIncludeSourceList(Lox::IpAddr source) override;
+        void handleExcludeSourceList(Lox::IpAddr source) override;
+    };
+
+    /// One group with sources that the operator removed.
+    class NexDeletedGroupSourceListConfig : public NexGroupSource<IgmpHostProxyIntfSm> {
+      public:
+        NexDeletedGroupSourceListConfig(Nex::Ptr<GroupSource const> groupSource,
+                                        IgmpHostProxyIntfSm* machine);
+        void handleInitialized();
+        using NexGroupSource::handleExcludeSourceList;
+        using NexGroupSource::handleIncludeSourceList;
+        void handleIncludeSourceList(Lox::IpAddr source) override;
+        void handleExcludeSourceList(Lox::IpAddr source) override;
+    };
+
+    /// Creates the review timer on a clock reactor, or replaces the numbers of the one that is
+    /// bound to it. Interval and delays in seconds.
+    void reviewTimerIs(Nex::Clock::NotifieeConst* reactor, float fillInterval, unsigned maxCredits,
+                       float minDelay, float maxDelay);
+    void reviewTimerDel() { reviewTimer_ = nullptr; }
+    /// Null before `handleInitialized`.
+    Olm::ReviewTimer* reviewTimer() const { return reviewTimer_.get(); }
+
+  private:
+    /// Step one of both adds: a group that only the forwarding table contributed so far loses what
+    /// the table put in.
+    void doDropMfibSources(GroupSource* entry, Lox::IpAddr group);
+    void doCountUp(SourceGroup sg);
+    /// The removal of a pair that nobody counts, in one mode: it came from the forwarding table.
+    void doRemoveUncountedInclude(GroupSource* entry, SourceGroup sg);
+    void doRemoveUncountedExclude(GroupSource* entry, SourceGroup sg);
+    void doRemoveSpecificInclude(GroupSource* entry, SourceGroup sg);
+    void doRemoveSpecificExclude(GroupSource* entry, SourceGroup sg);
+    void doRemoveAnyInclude(GroupSource* entry, SourceGroup sg);
+    void doRemoveAnyExclude(GroupSource* entry, SourceGroup sg);
+    /// The last reference of a specific source went: an empty group goes, too, unless other pairs
+    /// of it are counted.
+    void doDeleteUnlessCounted(GroupSource const* entry, Lox::IpAddr group);
+    void doDeleteIfEmpty(GroupSource const& entry, Lox::IpAddr group);
+    /// The sources that (*,G) had displaced, as the producers want them now, in a scratch record.
+    Nex::Ptr<GroupSource> restored(Lox::IpAddr group) const;
+    void doCopySources(GroupSource const& from, GroupSource& to) const;
+    bool includeWanted(Lox::IpAddr source, Lox::IpAddr group) const;
+    bool excludeWanted(Lox::IpAddr source, Lox::IpAddr group) const;
+    bool groupKept(Lox::IpAddr group) const;
+    void doDropCount(SourceGroup sg);
+
+    Lox::IntfId intfId_;
+    NEX_WATCHED(IntfConfig const, intfConfig, NexIntfConfig)
+    NEX_INPUT(IntfStatus, intfStatus)
+    NEX_INPUT(Kesh::Multicast::Fib::MfibKeshColl const, mfibKeshDir)
+    NEX_INPUT(Acl::AclTypeConfig const, ipAclConfig)
+    NEX_WATCHED(Nex::Clock const, clock, NexClock)
+    NEX_INPUT(Ip::SourceIntf::SourceIntf, srcIntfIhpIntf)
+    IgmpHostProxySm* parent_;
+    Nex::Ptr<Olm::ReviewTimer> reviewTimer_;
+    NEX_FIELD(double, minDelay, 0.01) // seconds
+    NEX_FIELD(double, maxDelay, 0.05) // seconds
+    GroupSourceRefCounter groupSourceRefCounter_;
+    NEX_REACTORS(Lox::IpAddr, NexGroupSourceListConfig, groupSourceListConfig, GroupSource const,
+                 group)
+    NEX_REACTORS(Lox::IpAddr, NexDeletedGroupSourceListConfig, deletedGroupSourceListConfig,
+                 GroupSource const, group)
+    NEX_FIELD(bool, initialized, false)
+};
+
+} // namespace IgmpHostProxy

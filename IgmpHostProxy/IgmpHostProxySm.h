@@ -1,0 +1,291 @@
+// The root machine of the IGMP host proxy.
+//
+// For every interface that the configuration names it finds the VRF, the kernel device and the MAC
+// address, and then keeps, as far as things are known: the interface's status, its proxy machine,
+// its host entity, and the binding of the two. Each interface is decided anew, from scratch,
+// whenever something about it changes (`handleIntfConfig(intfId)`).
+//
+//     IgmpHostProxySm.cpp       start-up and the life of each interface
+//     IgmpHostProxySmVrf.cpp    VRFs, kernel interfaces, device names and MAC addresses
+//
+// Timers: `ipStatusCheckTimer`, on the timer wheel, looks again for the VRF of the interfaces in
+// `checkInterface` every `ipStatusCheckPeriod` seconds while there are any.
+#pragma once
+
+#include "Acl/AclConfig.h"
+#include "Igmp/IgmpHost.h"
+#include "IgmpHostProxy/Config.h"
+#include "IgmpHostProxy/IgmpHostIntfSm.h"
+#include "IgmpHostProxy/IgmpHostProxyIntfSm.h"
+#include "IgmpHostProxy/KernelVrfIntfStatus.h"
+#include "IgmpHostProxy/Status.h"
+#include "Interface/NetNsIntfStatusManager.h"
+#include "Ip/SourceIntf.h"
+#include "Ip/Status.h"
+#include "Kesh/Mfib.h"
+#include "Nex/Machine.h"
+#include "Olm/TimerWheel.h"
+#include "Vardo/EntityManager.h"
+
+namespace IgmpHostProxy {
+
+class IgmpHostProxySm : public Nex::PtrInterface {
+  public:
+    static constexpr char nexTypeName[] = "IgmpHostProxy::IgmpHostProxySm";
+    static constexpr double ipStatusCheckPeriod = 1.0; // seconds
+
+    /// Use the factory `IgmpHostProxySmIs`. An input may be null; what depends on it stays away.
+    IgmpHostProxySm(
+        Nex::Ptr<Config const> igmpHostProxyConfig, Nex::Ptr<Status> igmpHostProxyStatus,
+        Nex::Ptr<Kesh::Multicast::Fib::MfibKeshDir const> mfibKeshDir,
+        Nex::Ptr<Acl::AclTypeConfig const> ipAclConfig, Nex::Ptr<Igmp::IgmpHostDir> igmpHostDir,
+        Nex::Ptr<Igmp::IgmpHostStatusDir const> igmpHostStatusDir, Nex::Ptr<Nex::Clock const> clock,
+        Nex::Ptr<Ip::SourceIntf::SourceIntfSm> sourceIntfSm, Nex::Ptr<Ip::Status const> ipStatus,
+        Nex::Ptr<Interface::AllIntfStatusDir const> allIntfStatusDir,
+        Nex::Ptr<Interface::AllIntfStatusLocalDir const> allIntfStatusLocalDir,
+        Nex::Ptr<Ip::AllVrfStatusLocal const> allVrfStatusLocal,
+        Nex::Ptr<Olm::TimerWheel> timerWheel, Nex::Ptr<Vardo::EntityManager> entityManager);
+    /// Deletes the machines, but no record of the state store.
+    ~IgmpHostProxySm() override;
+
+    void handleInitialized();
+    void handleIntfConfig();
+    void handleIntfConfig(Lox::IntfId intfId);
+    void handleMfibKesh();
+    void handleMfibKesh(L3::VrfName vrfName);
+    void handleIpAddrChange();
+    void ipStatusCheckTimerExpired();
+    void initializeIgmpHost(Nex::Name name);
+    void createOrDeleteIgmpHostIntfSm();
+    void createOrDeleteIgmpHostIntfSm(Nex::Name name);
+    void deleteIntfSm(Lox::IntfId intfId);
+    /// Empty when unknown.
+    L3::VrfName doGetVrfNameFromIntf(Lox::IntfId intfId) const;
+
+    /// Copies the MAC address of a kernel interface into the status of the proxy interface on it.
+    void getIntfEthAddr(L3::VrfName vrfName, std::uint32_t ifIndex);
+    /// Takes an interface up or down by its kernel device name.
+    void handleDeviceName(L3::VrfName vrfName, Lox::IntfId intfId);
+    /// The VRF's reactor comes or goes with the VRF.
+    void handleVrf(L3::VrfName vrfName);
+    void handleVrf();
+
+    Nex::Ptr<IgmpHostProxyIntfSm> igmpHostProxyIntfSmIs(
+        Lox::IntfId intfId, Nex::Ptr<IntfConfig const> intfConfig, Nex::Ptr<IntfStatus> intfStatus,
+        Nex::Ptr<Kesh::Multicast::Fib::MfibKeshColl const> mfibKeshColl,
+        Nex::Ptr<Acl::AclTypeConfig const> ipAclConfig, Nex::Ptr<Nex::Clock const> clock,
+        Nex::Ptr<Ip::SourceIntf::SourceIntf> srcIntfIhpIntf);
+    void igmpHostProxyIntfSmDel(Lox::IntfId intfId) { igmpHostProxyIntfSm_.del(intfId); }
+    IgmpHostProxyIntfSm* igmpHostProxyIntfSm(Lox::IntfId intfId) const {
+        return igmpHostProxyIntfSm_.get(intfId);
+    }
+    auto igmpHostProxyIntfSm() const { return igmpHostProxyIntfSm_.walk(); }
+
+    Nex::Ptr<IgmpHostIntfSm> igmpHostIntfSmIs(Lox::IntfId intfId, Nex::Ptr<IntfStatus> intfStatus,
+                                              Nex::Ptr<Igmp::IgmpHost> igmpHost,
+                                              Nex::Ptr<Igmp::IgmpHostStatus const> igmpHostStatus,
+                                              Nex::Ptr<Ip::SourceIntf::SourceIntf> srcIntfIhpIntf);
+    void igmpHostIntfSmDel(Lox::IntfId intfId) { igmpHostIntfSm_.del(intfId); }
+    IgmpHostIntfSm* igmpHostIntfSm(Lox::IntfId intfId) const { return igmpHostIntfSm_.get(intfId); }
+    auto igmpHostIntfSm() const { return igmpHostIntfSm_.walk(); }
+
+    /// Creates a VRF's kernel view and its reactor. A view that reads another table is in the way:
+    /// Nex::NameInUseException.
+    Nex::Ptr<KernelVrfIntfStatus>
+    kernelVrfIntfStatusIs(L3::VrfName vrfName, Nex::Ptr<KernelNetInfo::Status const> kniStatus);
+    void kernelVrfIntfStatusDel(L3::VrfName vrfName);
+    void kernelVrfIntfStatusDelAll();
+    KernelVrfIntfStatus* kernelVrfIntfStatus(L3::VrfName vrfName) const {
+        return kernelVrfIntfStatus_.get(vrfName);
+    }
+
+    void
+    intfStatusManagerRootIs(Nex::Ptr<Interface::AllIntfStatusDir const> allIntfStatusDir,
+                            Nex::Ptr<Interface::AllIntfStatusLocalDir const> allIntfStatusLocalDir,
+                            bool active);
+    Interface::NetNsIntfStatusManagerRoot* intfStatusManagerRoot() const {
+        return intfStatusManagerRoot_.get();
+    }
+    void ipStatusCheckTimerIs(Nex::Ptr<Olm::TimerWheel> timerWheel);
+
+    class NexIgmpHostProxyConfig : public Nex::Reactor<Config::NotifieeConst, IgmpHostProxySm> {
+      public:
+        using Reactor::Reactor;
+        void onIntfConfig(Lox::IntfId intfId) override { machine()->handleIntfConfig(intfId); }
+    };
+
+    class NexMfibKeshDir
+        : public Nex::Reactor<Kesh::Multicast::Fib::MfibKeshDir::NotifieeConst, IgmpHostProxySm> {
+      public:
+        using Reactor::Reactor;
+        void onKeshColl(L3::VrfName vrfName) override { machine()->handleMfibKesh(vrfName); }
+    };
+
+    class NexIgmpHostDir : public Nex::Reactor<Igmp::IgmpHostDir::Notifiee, IgmpHostProxySm> {
+      public:
+        using Reactor::Reactor;
+        void onIgmpHost(Nex::Name name) override { machine()->initializeIgmpHost(name); }
+    };
+
+    class NexIgmpHostStatusDir
+        : public Nex::Reactor<Igmp::IgmpHostStatusDir::NotifieeConst, IgmpHostProxySm> {
+      public:
+        using Reactor::Reactor;
+        void onIgmpHostStatus(Nex::Name name) override {
+            machine()->createOrDeleteIgmpHostIntfSm(name);
+        }
+    };
+
+    class NexClock : public Nex::Reactor<Nex::Clock::NotifieeConst, IgmpHostProxySm> {
+      public:
+        using Reactor::Reactor;
+    };
+
+    /// Pointing it at another interface runs no handler.
+    class NexSrcIntfIhpIntf
+        : public Nex::Reactor<Ip::SourceIntf::SourceIntf::Notifiee, IgmpHostProxySm> {
+      public:
+        using Reactor::Reactor;
+        void onIpAddr() override { machine()->handleIpAddrChange(); }
+    };
+
+    class NexIpStatusCheckTimer : public Nex::Reactor<Olm::TimerWheel::Notifiee, IgmpHostProxySm> {
+      public:
+        using Reactor::Reactor;
+        void onTime() override { machine()->ipStatusCheckTimerExpired(); }
+    };
+
+    class NexAllVrfStatusLocal
+        : public Nex::Reactor<Ip::AllVrfStatusLocal::NotifieeConst, IgmpHostProxySm> {
+      public:
+        using Reactor::Reactor;
+        void onVrf(L3::VrfName vrfName) override { machine()->handleVrf(vrfName); }
+        void onVrfnexImmediate() override { machine()->handleVrf(); }
+    };
+
+    /// One VRF. Builds the VRF's kernel view as soon as its namespace is known.
+    class NexVrf : public Nex::Reactor<Ip::VrfStatusLocal::NotifieeConst, IgmpHostProxySm> {
+      public:
+        NexVrf(Nex::Ptr<Ip::VrfStatusLocal const> vrf, IgmpHostProxySm* root);
+        void handleNetworkNamespace();
+        /// The VRF went away.
+        void handleDel();
+
+        void onNetworkNamespace() override { handleNetworkNamespace(); }
+        void onNotifier() override { handleNetworkNamespace(); }
+
+      private:
+        Lox::NamespaceName mounted_; ///< whose interface table the view reads
+        Lox::NamespaceName managed_; ///< whose device names are being filled in
+    };
+
+    /// One VRF's kernel view: follows its interface table, and its directory of device names even
+    /// when that is replaced.
+    class NexVrfIntfStatusDir
+        : public Nex::Reactor<KernelVrfIntfStatus::NotifieeConst, IgmpHostProxySm> {
+      public:
+        NexVrfIntfStatusDir(Nex::Ptr<KernelVrfIntfStatus const> view, IgmpHostProxySm* root);
+        void onDeviceIntfStatusDir() override;
+
+        class NexKniStatus
+            : public Nex::Reactor<KernelNetInfo::Status::NotifieeConst, NexVrfIntfStatusDir> {
+          public:
+            using Reactor::Reactor;
+            void handleKniInterface(KernelNetInfo::InterfaceKey key);
+            void onInterface(KernelNetInfo::InterfaceKey key) override { handleKniInterface(key); }
+        };
+
+        class NexKernelIntfStatusDir
+            : public Nex::Reactor<Interface::DeviceIntfStatusDir::NotifieeConst,
+                                  NexVrfIntfStatusDir> {
+          public:
+            NexKernelIntfStatusDir(Nex::Ptr<Interface::DeviceIntfStatusDir const> directory,
+                                   NexVrfIntfStatusDir* dir);
+            void handleDeviceName(Lox::IntfId intfId);
+            void handleDeviceName();
+
+            void onIntfStatusAndDeviceName(Lox::IntfId intfId) override {
+                handleDeviceName(intfId);
+            }
+            void onIntfStatusAndDeviceNamenexImmediate() override { handleDeviceName(); }
+        };
+
+        L3::VrfName vrfName() const { return notifier()->vrfName(); }
+        void nexRetire() override;
+
+      private:
+        Nex::Owned<NexKniStatus> kniStatus_;
+        Nex::Owned<NexKernelIntfStatusDir> kernelIntfStatusDir_;
+    };
+
+  private:
+    void doForgetIntf(Lox::IntfId const& intfId);
+    void doRegisterIntf(Lox::IntfId const& intfId, L3::VrfName const& vrfName,
+                        Interface::IntfStatusAndDeviceName const& device);
+    void doProxyIntf(Lox::IntfId const& intfId, L3::VrfName const& vrfName,
+                     Nex::Ptr<IntfConfig const> const& intfConfig);
+    void doArmIpStatusCheckTimer();
+    void doSetUpDefaultVrf();
+    /// Mounts the kernel interface table of a namespace; null when there is none to be had.
+    Nex::Ptr<KernelNetInfo::Status> doMountKniStatus(Lox::NamespaceName const& networkNamespace);
+    void doUnmountKniStatus(Lox::NamespaceName const& networkNamespace);
+    /// Gives a VRF's view its directory of device names, and has it filled.
+    void doFollowDeviceNames(KernelVrfIntfStatus& view, Lox::NamespaceName const& networkNamespace);
+    Lox::NamespaceName namespaceOf(Lox::IntfId const& intfId) const;
+
+    NEX_WATCHED(Config const, igmpHostProxyConfig, NexIgmpHostProxyConfig)
+    NEX_INPUT(Status, igmpHostProxyStatus)
+    NEX_WATCHED(Kesh::Multicast::Fib::MfibKeshDir const, mfibKeshDir, NexMfibKeshDir)
+    NEX_INPUT(Acl::AclTypeConfig const, ipAclConfig)
+    NEX_WATCHED(Igmp::IgmpHostDir, igmpHostDir, NexIgmpHostDir)
+    NEX_WATCHED(Igmp::IgmpHostStatusDir const, igmpHostStatusDir, NexIgmpHostStatusDir)
+    NEX_WATCHED(Nex::Clock const, clock, NexClock)
+    NEX_INPUT(Ip::SourceIntf::SourceIntfSm, sourceIntfSm)
+    NEX_INPUT(Ip::Status const, ipStatus)
+    NEX_INPUT(Interface::AllIntfStatusDir const, allIntfStatusDir)
+    NEX_INPUT(Interface::AllIntfStatusLocalDir const, allIntfStatusLocalDir)
+    NEX_WATCHED(Ip::AllVrfStatusLocal const, allVrfStatusLocal, NexAllVrfStatusLocal)
+    NEX_INPUT(Olm::TimerWheel, timerWheel)
+    NEX_INPUT(Vardo::EntityManager, entityManager)
+
+    Nex::MachineMap<L3::VrfName, KernelVrfIntfStatus> kernelVrfIntfStatus_;
+    Nex::Ptr<Interface::NetNsIntfStatusManagerRoot> intfStatusManagerRoot_;
+    Nex::MachineMap<Lox::IntfId, IgmpHostProxyIntfSm> igmpHostProxyIntfSm_;
+    Nex::MachineMap<Lox::IntfId, IgmpHostIntfSm> igmpHostIntfSm_;
+    NEX_FIELD(bool, initialized, false)
+    NEX_REACTORS(L3::VrfName, NexVrf, vrf, Ip::VrfStatusLocal const, vrfName)
+    NEX_REACTORS(L3::VrfName, NexVrfIntfStatusDir, vrfIntfStatusDir, KernelVrfIntfStatus const,
+                 vrfName)
+    /// The source interface registered last. One slot for all interfaces, on purpose: the address
+    /// of the others is watched by their own bindings, and their loss shows in the device names.
+    NEX_WATCHED(Ip::SourceIntf::SourceIntf, srcIntfIhpIntf, NexSrcIntfIhpIntf)
+    NEX_FIELD_SET(Lox::IntfId, checkInterface)
+    Nex::Owned<NexIpStatusCheckTimer> ipStatusCheckTimer_;
+};
+
+/// Makes the root machine and starts it up. All inputs are counted and shared with the caller.
+Nex::Ptr<IgmpHostProxySm> IgmpHostProxySmIs(
+    Nex::Ptr<Config const> igmpHostProxyConfig, Nex::Ptr<Status> igmpHostProxyStatus,
+    Nex::Ptr<Kesh::Multicast::Fib::MfibKeshDir const> mfibKeshDir,
+    Nex::Ptr<Acl::AclTypeConfig const> ipAclConfig, Nex::Ptr<Igmp::IgmpHostDir> igmpHostDir,
+    Nex::Ptr<Igmp::IgmpHostStatusDir const> igmpHostStatusDir, Nex::Ptr<Nex::Clock const> clock,
+    Nex::Ptr<Ip::SourceIntf::SourceIntfSm> sourceIntfSm, Nex::Ptr<Ip::Status const> ipStatus,
+    Nex::Ptr<Interface::AllIntfStatusDir const> allIntfStatusDir,
+    Nex::Ptr<Interface::AllIntfStatusLocalDir const> allIntfStatusLocalDir,
+    Nex::Ptr<Ip::AllVrfStatusLocal const> allVrfStatusLocal, Nex::Ptr<Olm::TimerWheel> timerWheel,
+    Nex::Ptr<Vardo::EntityManager> entityManager);
+/// The same, under the name that generic construction looks for.
+inline constexpr auto igmpHostProxySmFactory = &IgmpHostProxySmIs;
+
+Nex::Ptr<IgmpHostProxyIntfSm> igmpHostProxyIntfSmFactory(
+    Lox::IntfId intfId, Nex::Ptr<IntfConfig const> intfConfig, Nex::Ptr<IntfStatus> intfStatus,
+    Nex::Ptr<Kesh::Multicast::Fib::MfibKeshColl const> mfibKeshColl,
+    Nex::Ptr<Acl::AclTypeConfig const> ipAclConfig, Nex::Ptr<Nex::Clock const> clock,
+    Nex::Ptr<Ip::SourceIntf::SourceIntf> srcIntfIhpIntf, IgmpHostProxySm* root);
+Nex::Ptr<IgmpHostIntfSm> igmpHostIntfSmFactory(Lox::IntfId intfId, Nex::Ptr<IntfStatus> intfStatus,
+                                               Nex::Ptr<Igmp::IgmpHost> igmpHost,
+                                               Nex::Ptr<Igmp::IgmpHostStatus const> igmpHostStatus,
+                                               Nex::Ptr<Ip::SourceIntf::SourceIntf> srcIntfIhpIntf,
+                                               IgmpHostProxySm* root);
+
+} // namespace IgmpHostProxy

@@ -1,0 +1,38 @@
+// The kernel interface view of one VRF: the interface table of its network namespace and the
+// directory of its device names.
+#pragma once
+
+#include "Interface/Status.h"
+#include "KernelNetInfo/Status.h"
+#include "Nex/Machine.h"
+
+namespace IgmpHostProxy {
+
+#define KERNEL_VRF_INTF_STATUS(ATTR, SET, MAP, RECORDS)                                            \
+    ATTR(Nex::Ptr<Interface::DeviceIntfStatusDir>, deviceIntfStatusDir, DeviceIntfStatusDir)
+
+class KernelVrfIntfStatus : public Nex::RecordBase {
+    NEX_RECORD(KernelVrfIntfStatus, L3::VrfName, vrfName, KERNEL_VRF_INTF_STATUS)
+
+  public:
+    /// Fixed at construction.
+    KernelNetInfo::Status const* kniStatus() const { return kniStatus_.get(); }
+    auto nexArguments() const { return std::make_tuple(Nex::Argument{"kniStatus", kniStatus_}); }
+    /// A view is rebuilt, never backed up.
+    bool hasBackupSupport() const { return false; }
+
+  private:
+    friend Nex::Ptr<KernelVrfIntfStatus>
+    kernelVrfIntfStatusFactory(L3::VrfName vrfName,
+                               Nex::Ptr<KernelNetInfo::Status const> kniStatus);
+    Nex::Ptr<KernelNetInfo::Status const> kniStatus_;
+};
+
+inline Nex::Ptr<KernelVrfIntfStatus>
+kernelVrfIntfStatusFactory(L3::VrfName vrfName, Nex::Ptr<KernelNetInfo::Status const> kniStatus) {
+    auto view = KernelVrfIntfStatus::KernelVrfIntfStatusIs(std::move(vrfName));
+    view->kniStatus_ = std::move(kniStatus);
+    return view;
+}
+
+} // namespace IgmpHostProxy

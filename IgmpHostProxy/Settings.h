@@ -1,0 +1,33 @@
+// The interface settings that pass from the configuration through the status to the host entity.
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+
+namespace IgmpHostProxy {
+
+/// Values beyond the named ones may occur; they are programmed as version 3.
+enum class IgmpVersion : std::uint8_t { v1 = 1, v2 = 2, v3 = 3 };
+
+inline std::ostream& operator<<(std::ostream& out, IgmpVersion version) {
+    return out << unsigned(version);
+}
+
+class UnsolicitedReportInterval {
+  public:
+    constexpr UnsolicitedReportInterval() = default;
+    explicit constexpr UnsolicitedReportInterval(double seconds) : seconds_(seconds) {}
+
+    constexpr double seconds() const { return seconds_; }
+    friend constexpr bool operator==(UnsolicitedReportInterval,
+                                     UnsolicitedReportInterval) = default;
+
+  private:
+    double seconds_ = 0;
+};
+
+inline std::ostream& operator<<(std::ostream& out, UnsolicitedReportInterval interval) {
+    return out << interval.seconds();
+}
+
+} // namespace IgmpHostProxy

@@ -1,0 +1,39 @@
+// What the proxy announces on each interface, and what the host protocol counted there. Written by
+// the machines; it outlives them.
+#pragma once
+
+#include "IgmpHostProxy/GroupSource.h"
+#include "IgmpHostProxy/Settings.h"
+#include "Lox/EthAddr.h"
+#include "Lox/Names.h"
+
+namespace IgmpHostProxy {
+
+#define INTF_STATUS(ATTR, SET, MAP, RECORDS)                                                       \
+    RECORDS(Lox::IpAddr, GroupSource, groupSourceList, GroupSourceList) /* announced groups */     \
+    ATTR(bool, denyMroute, DenyMroute)        /* no groups from the forwarding table */            \
+    ATTR(Nex::String, deviceName, DeviceName) /* kernel device */                                  \
+    ATTR(IgmpVersion, igmpVersion, IgmpVersion)                                                    \
+    ATTR(Lox::EthAddr, macAddr, MacAddr) /* MAC address of that device */                          \
+    ATTR(UnsolicitedReportInterval, unsolicitedReportIntvl, UnsolicitedReportIntvl)                \
+    ATTR(std::uint32_t, v1QueryReceived, V1QueryReceived)                                          \
+    ATTR(std::uint32_t, v1ReportsSent, V1ReportsSent)                                              \
+    ATTR(std::uint32_t, v2GeneralQueryReceived, V2GeneralQueryReceived)                            \
+    ATTR(std::uint32_t, v2GroupQueryReceived, V2GroupQueryReceived)                                \
+    ATTR(std::uint32_t, v2ReportsSent, V2ReportsSent)                                              \
+    ATTR(std::uint32_t, v3GeneralQueryReceived, V3GeneralQueryReceived)                            \
+    ATTR(std::uint32_t, v3GroupQueryReceived, V3GroupQueryReceived)                                \
+    ATTR(std::uint32_t, v3GroupSourceQueryReceived, V3GroupSourceQueryReceived)                    \
+    ATTR(std::uint32_t, v3ReportsSent, V3ReportsSent)
+
+class IntfStatus : public Nex::RecordBase {
+    NEX_RECORD(IntfStatus, Lox::IntfId, intfId, INTF_STATUS)
+};
+
+#define STATUS(ATTR, SET, MAP, RECORDS) RECORDS(Lox::IntfId, IntfStatus, intfStatus, IntfStatus)
+
+class Status : public Nex::RecordBase {
+    NEX_RECORD(Status, Nex::Name, name, STATUS)
+};
+
+} // namespace IgmpHostProxy
