@@ -1,7 +1,7 @@
 #!/bin/bash
 # tidy.sh BUILD: runs clang-tidy over the sources that the clang build in directory BUILD compiles.
 # What has passed is remembered by the content of the source, of the tree's headers that it
-# includes, of .clang-tidy and of this script, so only changed files are looked at again.
+# includes, of the settings and of this script, so only changed files are looked at again.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=$1
@@ -22,7 +22,7 @@ sourcesWithHeaders() {
 
 tidy() {
     local source=$1 key
-    key=$(cat "$@" .clang-tidy scripts/tidy.sh | sha256sum | cut -d ' ' -f 1)
+    key=$(cat "$@" .clang-tidy tests/.clang-tidy scripts/tidy.sh | sha256sum | cut -d ' ' -f 1)
     [ ! -e "$passed/$key" ] || return 0
     echo "clang-tidy $source"
     clang-tidy --quiet -p "$build" "$source" 2>&1 | { grep -v ' warnings\? generated\.$' || true; }
