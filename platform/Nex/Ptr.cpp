@@ -1,6 +1,7 @@
 #include "Nex/Ptr.h"
 
 #include <array>
+#include <atomic>
 #include <mutex>
 #include <new>
 
@@ -15,6 +16,16 @@
 #endif
 
 namespace Nex {
+
+void PtrInterface::nexRefDecShared() const {
+    if (std::atomic_ref(references_).fetch_sub(1, std::memory_order_acq_rel) == 1)
+        nexZeroReferences();
+}
+
+void PtrInterface::nexZeroReferences() const {
+    if (destructionObserver_) destructionObserver_->onDestruction(*this);
+    onZeroReferences();
+}
 
 #ifdef NEX_PLAIN_ALLOCATION
 
@@ -58,24 +69,26 @@ class Slab {
 constinit std::array<Slab, largest / granule + 1> slabs;
 constinit std::mutex mutex;
 
-std::unique_lock<std::mutex> lockIfShared() {
-    return PtrInterface::threadSafe() ? std::unique_lock(mutex)
-                                      : std::unique_lock(mutex, std::defer_lock);
+/// Runs `use` alone where threads share the slabs.
+template <class Use>
+auto guarded(Use use) {
+    if (!PtrInterface::threadSafe()) [[likely]]
+        return use();
+    std::lock_guard const lock(mutex);
+    return use();
 }
 
 } // namespace
 
 void* PtrInterface::operator new(std::size_t bytes) {
     if (bytes > largest) return ::operator new(bytes);
-    auto const lock = lockIfShared();
     std::size_t const size = (bytes + granule - 1) / granule;
-    return slabs[size].take(size * granule);
+    return guarded([=] { return slabs[size].take(size * granule); });
 }
 
 void PtrInterface::operator delete(void* object, std::size_t bytes) noexcept {
     if (bytes > largest) return ::operator delete(object);
-    auto const lock = lockIfShared();
-    slabs[(bytes + granule - 1) / granule].giveBack(object);
+    guarded([=] { slabs[(bytes + granule - 1) / granule].giveBack(object); });
 }
 
 #endif

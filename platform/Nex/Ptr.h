@@ -35,17 +35,18 @@ class PtrInterface {
     PtrInterface& operator=(PtrInterface const&) = delete;
 
     void nexRefInc() const {
-        if (threadSafe_) {
+        if (threadSafe_) [[unlikely]] {
             std::atomic_ref(references_).fetch_add(1, std::memory_order_relaxed);
         } else {
             ++references_;
         }
     }
     void nexRefDec() const {
-        std::uint32_t const left =
-            threadSafe_ ? std::atomic_ref(references_).fetch_sub(1, std::memory_order_acq_rel) - 1
-                        : --references_;
-        if (left == 0) nexZeroReferences();
+        if (threadSafe_) [[unlikely]] {
+            nexRefDecShared();
+        } else if (--references_ == 0) {
+            nexZeroReferences();
+        }
     }
     std::uint32_t nexReferences() const { return references_; }
 
@@ -76,10 +77,8 @@ class PtrInterface {
     virtual void onZeroReferences() const { delete this; }
 
   private:
-    void nexZeroReferences() const {
-        if (destructionObserver_) destructionObserver_->onDestruction(*this);
-        onZeroReferences();
-    }
+    void nexRefDecShared() const;
+    void nexZeroReferences() const;
 
     static inline bool threadSafe_ = false;
     static inline DestructionObserver* destructionObserver_ = nullptr;

@@ -84,6 +84,7 @@ class RecordBase : public Entity {
 
     template <class Interface, auto callback, class Collection>
     void nexEntriesDelAll(Collection& collection) {
+        if (collection.empty()) return;
         for (auto const& yielded : collection.walk()) {
             if constexpr (requires { yielded.key; }) {
                 nexEntryDel<Interface, callback>(collection, yielded.key);
