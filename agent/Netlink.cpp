@@ -1,0 +1,196 @@
+#include "agent/Netlink.h"
+
+#include "agent/Log.h"
+#include "agent/NetworkNamespace.h"
+
+#include <cerrno>
+#include <cstring>
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <system_error>
+#include <utility>
+
+namespace Agent {
+
+namespace {
+
+/// Room for the burst of notifications when thousands of links or routes change at once.
+constexpr int receiveBufferBytes = 8 << 20;
+constexpr int mostDatagramsInTurn = 256;
+
+[[noreturn]] void fail(char const* what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+mnl_socket* openSocket(int service, int namespaceFd) {
+    NamespaceScope const scope(namespaceFd);
+    mnl_socket* const socket = mnl_socket_open2(service, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (!socket) fail("opening a netlink socket");
+    if (mnl_socket_bind(socket, 0, MNL_SOCKET_AUTOPID) < 0) {
+        int const error = errno;
+        mnl_socket_close(socket);
+        errno = error;
+        fail("binding a netlink socket");
+    }
+    return socket;
+}
+
+nlattr const* wellFormed(nlattr const* attribute, mnl_attr_data_type type) {
+    if (attribute && mnl_attr_validate(attribute, type) < 0)
+        throw Nex::ParseException("netlink attribute of the wrong length");
+    return attribute;
+}
+
+} // namespace
+
+NetlinkAttributes::NetlinkAttributes(nlmsghdr const& message, std::size_t headerSize) {
+    if (mnl_nlmsg_get_payload_len(&message) < headerSize)
+        throw Nex::ParseException("netlink message without its header");
+    // Not libmnl's tail, which lies up to three octets beyond a message of uneven length.
+    auto const* const tail = reinterpret_cast<char const*>(&message) + message.nlmsg_len;
+    auto const* attribute =
+        static_cast<nlattr const*>(mnl_nlmsg_get_payload_offset(&message, headerSize));
+    // The last one may lack its padding, so that the step may lead beyond the tail.
+    while (reinterpret_cast<char const*>(attribute) < tail) {
+        if (!mnl_attr_ok(attribute, int(tail - reinterpret_cast<char const*>(attribute))))
+            throw Nex::ParseException("netlink attribute beyond the end of its message");
+        std::uint16_t const type = mnl_attr_get_type(attribute);
+        if (type < attributes_.size()) attributes_[type] = attribute;
+        attribute = mnl_attr_next(attribute);
+    }
+}
+
+std::optional<std::uint8_t> NetlinkAttributes::u8(std::uint16_t type) const {
+    nlattr const* const attribute = wellFormed(attributes_[type], MNL_TYPE_U8);
+    return attribute ? std::optional(mnl_attr_get_u8(attribute)) : std::nullopt;
+}
+
+std::optional<std::uint32_t> NetlinkAttributes::u32(std::uint16_t type) const {
+    nlattr const* const attribute = wellFormed(attributes_[type], MNL_TYPE_U32);
+    return attribute ? std::optional(mnl_attr_get_u32(attribute)) : std::nullopt;
+}
+
+std::optional<std::string_view> NetlinkAttributes::text(std::uint16_t type) const {
+    nlattr const* const attribute = wellFormed(attributes_[type], MNL_TYPE_NUL_STRING);
+    return attribute ? std::optional<std::string_view>(mnl_attr_get_str(attribute)) : std::nullopt;
+}
+
+std::span<std::uint8_t const> NetlinkAttributes::octets(std::uint16_t type) const {
+    nlattr const* const attribute = attributes_[type];
+    if (!attribute) return {};
+    return {static_cast<std::uint8_t const*>(mnl_attr_get_payload(attribute)),
+            mnl_attr_get_payload_len(attribute)};
+}
+
+Netlink::Netlink(int service, Observer& observer, int namespaceFd)
+    : socket_(openSocket(service, namespaceFd)), observer_(observer) {
+    // Beyond the system's limit if the capability allows it, otherwise up to it.
+    if (setsockopt(fd(), SOL_SOCKET, SO_RCVBUFFORCE, &receiveBufferBytes, sizeof(int)) < 0)
+        setsockopt(fd(), SOL_SOCKET, SO_RCVBUF, &receiveBufferBytes, sizeof(int));
+}
+
+Netlink::~Netlink() { mnl_socket_close(socket_); }
+
+void Netlink::groupIs(int group) {
+    if (mnl_socket_setsockopt(socket_, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) < 0)
+        fail("subscribing to a netlink group");
+}
+
+void Netlink::dumpIs(std::uint16_t type, std::span<std::uint8_t const> header) {
+    dumps_.push_back({type, {header.begin(), header.end()}});
+    if (dumps_.size() == 1) doSendDump();
+}
+
+void Netlink::doSendDump() {
+    Dump const& dump = dumps_.front();
+    std::vector<std::uint8_t> bytes(MNL_NLMSG_HDRLEN + MNL_ALIGN(dump.header.size()));
+    nlmsghdr* const request = mnl_nlmsg_put_header(bytes.data());
+    request->nlmsg_type = dump.type;
+    request->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    request->nlmsg_seq = ++sequence_;
+    void* const body = mnl_nlmsg_put_extra_header(request, dump.header.size());
+    std::memcpy(body, dump.header.data(), dump.header.size());
+    if (mnl_socket_sendto(socket_, request, request->nlmsg_len) >= 0) return;
+    log(LogLevel::error, "netlink dump {} not sent: {}", dump.type, std::strerror(errno));
+    refused_ = true;
+    doEndDump();
+}
+
+void Netlink::doEndDump() {
+    dumps_.pop_front();
+    if (dumping()) return doSendDump();
+    bool const incomplete = std::exchange(incomplete_, false);
+    if (std::exchange(refused_, false)) return;
+    if (incomplete)
+        observer_.onReadAgain();
+    else
+        observer_.onDumpsDone();
+}
+
+void Netlink::receive() {
+    for (int i = 0; i < mostDatagramsInTurn; ++i)
+        if (!doReceiveDatagram()) return;
+}
+
+bool Netlink::doReceiveDatagram() {
+    sockaddr_nl sender{};
+    iovec part{buffer_->data(), buffer_->size()};
+    msghdr header{};
+    header.msg_name = &sender;
+    header.msg_namelen = sizeof sender;
+    header.msg_iov = &part;
+    header.msg_iovlen = 1;
+    ssize_t const length = recvmsg(fd(), &header, 0);
+    if (length < 0 && errno == ENOBUFS)
+        handleLoss();
+    else if (length < 0)
+        return errno == EINTR;
+    else if (header.msg_flags & MSG_TRUNC)
+        handleLoss();
+    else if (sender.nl_pid == 0) // the kernel; other processes have nothing to tell us
+        handleDatagram(std::size_t(length));
+    return true;
+}
+
+void Netlink::handleDatagram(std::size_t length) {
+    auto const* message = reinterpret_cast<nlmsghdr const*>(buffer_->data());
+    int left = int(length);
+    for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left))
+        handleMessage(*message);
+    if (left > 0) log(LogLevel::warning, "netlink message of a wrong length dropped");
+}
+
+void Netlink::handleMessage(nlmsghdr const& message) {
+    // Notifications carry the port of whoever caused them, never ours.
+    bool const answer = message.nlmsg_pid == mnl_socket_get_portid(socket_);
+    if (answer && (!dumping() || message.nlmsg_seq != sequence_)) return;
+    if (answer && (message.nlmsg_flags & NLM_F_DUMP_INTR)) incomplete_ = true;
+    if (message.nlmsg_type >= NLMSG_MIN_TYPE)
+        observer_.onMessage(message, answer);
+    else if (answer && (message.nlmsg_type == NLMSG_DONE || message.nlmsg_type == NLMSG_ERROR))
+        handleDumpEnd(message);
+}
+
+void Netlink::handleDumpEnd(nlmsghdr const& message) {
+    // Both kinds of ending begin with a negative error number, or 0.
+    std::int32_t status = 0;
+    if (mnl_nlmsg_get_payload_len(&message) >= sizeof status)
+        std::memcpy(&status, mnl_nlmsg_get_payload(&message), sizeof status);
+    if (status < 0) {
+        log(LogLevel::error, "netlink dump {} refused: {}", dumps_.front().type,
+            std::strerror(-status));
+        refused_ = true;
+    }
+    doEndDump();
+}
+
+void Netlink::handleLoss() {
+    log(LogLevel::warning, "netlink notifications were lost, reading everything again");
+    // A dump under way still comes to its end: only then is the socket free for the next.
+    if (dumping())
+        incomplete_ = true;
+    else
+        observer_.onReadAgain();
+}
+
+} // namespace Agent
