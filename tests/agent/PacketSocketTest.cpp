@@ -1,0 +1,223 @@
+#include "agent/PacketSocket.h"
+
+#include "agent/NetworkNamespace.h"
+#include "netns/Netns.h"
+
+#include <arpa/inet.h>
+#include <cstdlib>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <system_error>
+
+namespace Agent {
+namespace {
+
+using Octets = std::vector<std::uint8_t>;
+
+/// An IPv4 packet of `size` octets, with the number `mark` at its end. The checksums are not set:
+/// packet sockets pay no heed to them.
+Octets packetTo(std::uint32_t group, std::size_t size, std::uint8_t mark = 0,
+                std::uint8_t protocol = IPPROTO_IGMP) {
+    Octets packet(size);
+    packet[0] = 0x45;
+    packet[2] = std::uint8_t(size >> 8);
+    packet[3] = std::uint8_t(size);
+    packet[8] = 1;
+    packet[9] = protocol;
+    std::uint32_t const destination = htonl(group);
+    std::memcpy(&packet[16], &destination, 4);
+    packet.back() = mark;
+    return packet;
+}
+
+constexpr std::uint32_t v3Reports = 0xE0000016; // 224.0.0.22
+
+/// The two ends of a veth pair in one namespace, without addresses: the kernel keeps silent there.
+class PacketSocketTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        IHP_SKIP_WITHOUT_NETNS();
+        net = std::make_unique<Testing::Netns>();
+        net->nearIp("link add name tx0 type veth peer name rx0");
+        net->nearIp("link set tx0 up");
+        net->nearIp("link set rx0 up");
+        space = namespaceOpen(net->nearName());
+        tx = std::make_unique<PacketSocket>(indexOf("tx0"), space.get());
+        rx = std::make_unique<PacketSocket>(indexOf("rx0"), space.get());
+    }
+
+    int indexOf(char const* name) const {
+        NamespaceScope const scope(space.get());
+        return int(if_nametoindex(name));
+    }
+    /// Everything that arrives within a moment, up to `count` packets.
+    std::vector<Octets> arrivals(PacketSocket& socket, std::size_t count) const {
+        std::vector<Octets> packets;
+        Testing::waitUntil(
+            [&] {
+                socket.receive(
+                    [&](auto octets) { packets.emplace_back(octets.begin(), octets.end()); });
+                return packets.size() >= count;
+            },
+            std::chrono::seconds(3));
+        return packets;
+    }
+    void doSend(Octets const& packet) {
+        tx->packetIs(packet);
+        ASSERT_EQ(tx->flush(), 0);
+    }
+    /// Writes a frame to tx0, for what a PacketSocket would not send.
+    void doSendFrame(std::array<std::uint8_t, 6> const& mac, Octets const& packet) const {
+        NamespaceScope const scope(space.get());
+        FileDescriptor const raw(socket(AF_PACKET, SOCK_DGRAM, 0));
+        sockaddr_ll address{};
+        address.sll_family = AF_PACKET;
+        address.sll_protocol = htons(ETH_P_IP);
+        address.sll_ifindex = indexOf("tx0");
+        address.sll_halen = 6;
+        std::copy(mac.begin(), mac.end(), address.sll_addr);
+        ASSERT_EQ(sendto(raw.get(), packet.data(), packet.size(), 0,
+                         reinterpret_cast<sockaddr*>(&address), sizeof address),
+                  ssize_t(packet.size()));
+    }
+
+    std::unique_ptr<Testing::Netns> net;
+    FileDescriptor space;
+    std::unique_ptr<PacketSocket> tx;
+    std::unique_ptr<PacketSocket> rx;
+};
+
+TEST_F(PacketSocketTest, PacketsArriveWholeUnderTheirGroupsLinkAddress) {
+    FileDescriptor wire;
+    {
+        NamespaceScope const scope(space.get());
+        wire = FileDescriptor(socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, htons(ETH_P_IP)));
+    }
+    Octets const packets[] = {packetTo(0xEF8A0102, 40, 1), packetTo(v3Reports, 1500, 2)};
+    for (Octets const& packet : packets) tx->packetIs(packet);
+    EXPECT_EQ(tx->queued(), 2u);
+    EXPECT_EQ(tx->flush(), 0);
+    EXPECT_EQ(tx->sent(), 2u);
+    EXPECT_EQ(arrivals(*rx, 2), (std::vector<Octets>{packets[0], packets[1]}));
+
+    Octets const macs[] = {{0x01, 0x00, 0x5e, 0x0a, 0x01, 0x02},
+                           {0x01, 0x00, 0x5e, 0x00, 0x00, 0x16}};
+    for (Octets const& mac : macs) {
+        Octets frame(2000);
+        ASSERT_GT(recv(wire.get(), frame.data(), frame.size(), 0), 14);
+        EXPECT_EQ(Octets(frame.begin(), frame.begin() + 6), mac);
+    }
+    EXPECT_EQ(arrivals(*tx, 0).size(), 0u) << "own packets do not come back";
+    EXPECT_NE(net->nearIp("-d link show rx0").find("allmulti 1"), std::string::npos);
+}
+
+TEST_F(PacketSocketTest, OnlyIgmpForThisHostOrGroupsPasses) {
+    doSend(packetTo(v3Reports, 40, 1, IPPROTO_UDP));
+    doSendFrame({2, 2, 2, 2, 2, 2}, packetTo(v3Reports, 40, 2));
+    doSendFrame({0xff, 0xff, 0xff, 0xff, 0xff, 0xff}, packetTo(0xFFFFFFFF, 40, 3));
+    doSendFrame({0x01, 0x00, 0x5e, 0, 0, 1}, Octets(9, 2));
+    doSend(packetTo(v3Reports, 40, 4));
+    EXPECT_EQ(arrivals(*rx, 2),
+              (std::vector<Octets>{packetTo(0xFFFFFFFF, 40, 3), packetTo(v3Reports, 40, 4)}));
+}
+
+TEST_F(PacketSocketTest, LongBurstArrivesInOrder) {
+    int const room = 16 << 20;
+    ASSERT_EQ(setsockopt(rx->fd(), SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room), 0);
+    std::vector<Octets> burst;
+    for (int i = 0; i < 1000; ++i) {
+        burst.push_back(packetTo(v3Reports, 1500, std::uint8_t(i)));
+        burst.back()[40] = std::uint8_t(i >> 8);
+        tx->packetIs(burst.back());
+    }
+    EXPECT_EQ(tx->flush(), 0);
+    EXPECT_EQ(tx->sent(), 1000u);
+    EXPECT_TRUE(arrivals(*rx, 1000) == burst);
+}
+
+TEST_F(PacketSocketTest, TooLongPacketIsCountedAndNotHandedOn) {
+    net->nearIp("link set tx0 mtu 20000");
+    net->nearIp("link set rx0 mtu 20000");
+    doSend(packetTo(v3Reports, 9217, 1));
+    doSend(packetTo(v3Reports, 9216, 2));
+    EXPECT_EQ(arrivals(*rx, 1), std::vector<Octets>{packetTo(v3Reports, 9216, 2)});
+    EXPECT_EQ(rx->truncated(), 1u);
+}
+
+TEST_F(PacketSocketTest, PacketWithoutAGroupIsDropped) {
+    tx->packetIs({});
+    tx->packetIs(Octets(19, 0xE0));
+    tx->packetIs(packetTo(0x0A000001, 40));
+    EXPECT_EQ(tx->queued(), 0u);
+    EXPECT_EQ(tx->dropped(), 3u);
+}
+
+TEST_F(PacketSocketTest, OnePacketBeyondTheMtuDoesNotHoldUpTheOthers) {
+    tx->packetIs(packetTo(v3Reports, 40, 1));
+    tx->packetIs(packetTo(v3Reports, 1501, 2));
+    tx->packetIs(packetTo(v3Reports, 40, 3));
+    EXPECT_EQ(tx->flush(), EMSGSIZE);
+    EXPECT_EQ(arrivals(*rx, 2),
+              (std::vector<Octets>{packetTo(v3Reports, 40, 1), packetTo(v3Reports, 40, 3)}));
+    EXPECT_EQ(tx->dropped(), 1u);
+}
+
+TEST_F(PacketSocketTest, FullQueuesKeepThePacketsForLater) {
+    Testing::Netns::Inside const inside(net->nearName());
+    auto const shape = [](std::string const& arguments) {
+        return std::system(("tc qdisc " + arguments).c_str());
+    };
+    if (shape("add dev tx0 root tbf rate 8kbit burst 2000 limit 5000") != 0)
+        GTEST_SKIP() << "no traffic shaper (tbf) in this kernel";
+    for (int i = 0; i < 40; ++i) tx->packetIs(packetTo(v3Reports, 1500));
+    EXPECT_EQ(tx->flush(), ENOBUFS) << "the interface's queue is full";
+    EXPECT_GT(tx->queued(), 30u);
+
+    int const least = 1;
+    ASSERT_EQ(setsockopt(tx->fd(), SOL_SOCKET, SO_SNDBUF, &least, sizeof least), 0);
+    ASSERT_EQ(shape("replace dev tx0 root tbf rate 8kbit burst 2000 limit 500000"), 0);
+    EXPECT_EQ(tx->flush(), EAGAIN) << "the socket's buffer is full";
+
+    EXPECT_EQ(shape("del dev tx0 root"), 0);
+    EXPECT_TRUE(Testing::waitUntil([&] { return tx->flush() == 0; }));
+    EXPECT_EQ(tx->sent(), 40u);
+    EXPECT_EQ(tx->dropped(), 0u);
+}
+
+TEST_F(PacketSocketTest, SocketSurvivesItsInterfaceGoingDownAndUp) {
+    net->nearIp("link set tx0 down");
+    tx->packetIs(packetTo(v3Reports, 40, 1));
+    tx->packetIs(packetTo(v3Reports, 40, 2));
+    EXPECT_EQ(tx->flush(), ENETDOWN);
+    EXPECT_EQ(tx->dropped(), 2u);
+    EXPECT_EQ(tx->queued(), 0u);
+    net->nearIp("link set rx0 down");
+    rx->receive([](auto) { ADD_FAILURE() << "nothing can have arrived"; });
+
+    net->nearIp("link set rx0 up");
+    net->nearIp("link set tx0 up");
+    EXPECT_TRUE(Testing::waitUntil([&] {
+        tx->packetIs(packetTo(v3Reports, 40, 3));
+        tx->flush();
+        bool arrived = false;
+        rx->receive([&](auto octets) { arrived |= octets.back() == 3; });
+        return arrived;
+    }));
+}
+
+TEST_F(PacketSocketTest, RemovedInterfaceIsAnErrorAndNoMore) {
+    int const index = indexOf("tx0");
+    net->nearIp("link del tx0");
+    tx->packetIs(packetTo(v3Reports, 40));
+    EXPECT_NE(tx->flush(), 0);
+    tx->receive([](auto) { ADD_FAILURE() << "nothing can have arrived"; });
+    EXPECT_THROW(PacketSocket(index, space.get()), std::system_error);
+}
+
+} // namespace
+} // namespace Agent
