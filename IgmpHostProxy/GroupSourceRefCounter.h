@@ -18,6 +18,11 @@ class GroupSourceRefCounter {
         std::uint32_t const* const found = sources ? sources->find(sg.sourceAddr) : nullptr;
         return found ? *found : 0;
     }
+    std::size_t groupCount() const { return groups_.size(); }
+    template <class Visit>
+    void forGroups(Visit visit) const {
+        for (Lox::IpAddr const group : groups_.walk<Nex::Nothing>()) visit(group);
+    }
     /// Whether any pair of the group has an entry, be its count 0.
     bool groupHas(Lox::IpAddr group) const { return groups_.has(group); }
     /// Calls `visit(source)` for each pair of the group. `visit` must not change the counter.

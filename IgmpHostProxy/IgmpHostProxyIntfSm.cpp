@@ -23,17 +23,24 @@ IgmpHostProxyIntfSm::IgmpHostProxyIntfSm(
     : intfId_(std::move(intfId)),
       intfStatus_(std::move(intfStatus)),
       mfibKeshDir_(std::move(mfibKeshDir)),
-      ipAclConfig_(std::move(ipAclConfig)),
       srcIntfIhpIntf_(std::move(srcIntfIhpIntf)),
       parent_(parent) {
     Nex::watch(intfConfig_, intfConfig, this);
+    Nex::watch(ipAclConfig_, ipAclConfig, this);
     Nex::watch(clock_, clock, this);
+    handleAclConfig();
+    if (ipAclConfig)
+        for (Nex::Name const& name : Nex::sortedKeys(ipAclConfig->acl()))
+            aclIs(ipAclConfig->acl(name));
     handleGroupSourceListConfig();
     handleDeletedGroupSourceListConfig();
     handleInitialized();
 }
 
-IgmpHostProxyIntfSm::~IgmpHostProxyIntfSm() { nexDoZombieReactors(true); }
+IgmpHostProxyIntfSm::~IgmpHostProxyIntfSm() {
+    nexDoZombieReactors(true);
+    igmpHostProxyAclHelperDelAll();
+}
 
 void IgmpHostProxyIntfSm::handleInitialized() {
     IHP_TRACE_ENTRY();
@@ -43,6 +50,9 @@ void IgmpHostProxyIntfSm::handleInitialized() {
     handleIgmpVersion();
     handleUnsolicitedReportInterval();
     handleGroupList();
+    // A list that was attached and existed before the machine was built is applied here for the
+    // second time: each of its pairs counts 2.
+    handleAclList();
     doReview();
 }
 
@@ -78,7 +88,7 @@ void IgmpHostProxyIntfSm::handleGroupList() {
 }
 
 bool IgmpHostProxyIntfSm::groupKept(Lox::IpAddr group) const {
-    return intfConfig()->groupSourceListHas(group);
+    return intfConfig()->groupSourceListHas(group) || aclHas(group);
 }
 
 /// All references of the pair go at once, however many there were.

@@ -7,6 +7,7 @@
 // Its rules stand in files of their own:
 //     IgmpHostProxyIntfSm.cpp         start-up, settings, configured and deleted groups
 //     IgmpHostProxyIntfSmMerge.cpp    the membership merge with its reference counts
+//     IgmpHostProxyIntfSmAcl.cpp      the attachment of access lists
 //     IgmpHostProxyIntfSmReview.cpp   the paced review of the forwarding tables
 //
 // Timers: `reviewTimer`, on the clock, runs `doReview` once something asked for a review.
@@ -15,6 +16,7 @@
 #include "Acl/AclConfig.h"
 #include "IgmpHostProxy/Config.h"
 #include "IgmpHostProxy/GroupSourceRefCounter.h"
+#include "IgmpHostProxy/IgmpHostProxyAclHelper.h"
 #include "IgmpHostProxy/NexGroupSource.h"
 #include "IgmpHostProxy/Status.h"
 #include "Ip/SourceIntf.h"
@@ -51,11 +53,12 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     IgmpHostProxySm* parent() const { return parent_; }
     /// The constructor's arguments as they are now.
     auto nexArguments() const {
-        return std::make_tuple(
-            Nex::Argument{"intfConfig", Nex::Ptr(intfConfig())},
-            Nex::Argument{"intfStatus", intfStatus_}, Nex::Argument{"mfibKeshDir", mfibKeshDir_},
-            Nex::Argument{"ipAclConfig", ipAclConfig_}, Nex::Argument{"clock", Nex::Ptr(clock())},
-            Nex::Argument{"srcIntfIhpIntf", srcIntfIhpIntf_});
+        return std::make_tuple(Nex::Argument{"intfConfig", Nex::Ptr(intfConfig())},
+                               Nex::Argument{"intfStatus", intfStatus_},
+                               Nex::Argument{"mfibKeshDir", mfibKeshDir_},
+                               Nex::Argument{"ipAclConfig", Nex::Ptr(ipAclConfig())},
+                               Nex::Argument{"clock", Nex::Ptr(clock())},
+                               Nex::Argument{"srcIntfIhpIntf", srcIntfIhpIntf_});
     }
 
     /// The last step of construction.
@@ -94,6 +97,34 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     void groupSourceRefCounterDel(SourceGroup sg) { groupSourceRefCounter_.del(sg); }
     void groupSourceRefCounterDelAll() { groupSourceRefCounter_.delAll(); }
 
+    /// Attaches, purges or detaches the lists that the configuration names, or one of them.
+    void handleAclList();
+    void handleAclList(Nex::String name);
+    /// The same for all lists that exist, in the order of their names.
+    void handleAclConfig();
+    void handleAclConfig(Nex::String name);
+    /// A list came or went.
+    void handleAcl(Nex::Name name);
+    void handleAcl();
+
+    /// Null when the list is not attached or never existed.
+    IgmpHostProxyAclHelper* igmpHostProxyAclHelper(Nex::String name) const;
+    auto igmpHostProxyAclHelper() const { return igmpHostProxyAclHelper_.walk(); }
+    Nex::Ptr<IgmpHostProxyAclHelper> igmpHostProxyAclHelperIs(Nex::String name);
+    void igmpHostProxyAclHelperDel(Nex::String name) { igmpHostProxyAclHelper_.take(name); }
+    void igmpHostProxyAclHelperDelAll();
+    /// Whether an attached list contributes, or has contributed, the group.
+    bool aclHas(Lox::IpAddr group) const;
+
+    /// Calls `visit(group)` for every group with a status entry or a count, some twice.
+    template <class Visit>
+    void forKnownGroups(Visit visit) const {
+        for (auto const& item : intfStatus()->groupSourceList()) visit(item.key);
+        groupSourceRefCounter_.forGroups(visit);
+    }
+    /// At least as many as these groups.
+    std::uint64_t knownGroupsBound() const;
+
     /// Asks for a review unless one is pending.
     void doKickReview();
     /// One review step.
@@ -114,6 +145,40 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
         void onDeletedGroupSourceListnexImmediate() override {
             machine()->handleDeletedGroupSourceListConfig();
         }
+        void onAclList(Nex::String name) override { machine()->handleAclList(name); }
+    };
+
+    class NexIpAclConfig
+        : public Nex::Reactor<Acl::AclTypeConfig::NotifieeConst, IgmpHostProxyIntfSm> {
+      public:
+        using Reactor::Reactor;
+        void onAcl(Nex::Name name) override { machine()->handleAcl(name); }
+        void onAclnexImmediate() override { machine()->handleAcl(); }
+    };
+
+    /// One access list, attached or not. Brings the helper of the list, if there is one, in step
+    /// with the list's rules: rules are told apart by their ids.
+    class NexAcl : public Nex::Reactor<Acl::AclConfig::NotifieeConst, IgmpHostProxyIntfSm> {
+      public:
+        NexAcl(Nex::Ptr<Acl::AclConfig const> acl, IgmpHostProxyIntfSm* machine);
+        void handleCfg();
+        void handleRule();
+        void cfgIs(Nex::Ptr<Acl::AclSubConfig const> cfg);
+        void cfgDel() { cfg_.del(); }
+
+        void onCurrCfg() override;
+        void onNotifier() override { onCurrCfg(); }
+        void nexRetire() override;
+
+        /// The rules in force.
+        class NexCfg : public Nex::Reactor<Acl::AclSubConfig::NotifieeConst, NexAcl> {
+          public:
+            using Reactor::Reactor;
+            void onRuleBySequence(std::uint32_t) override { machine()->handleRule(); }
+        };
+
+      private:
+        Nex::Owned<NexCfg> cfg_;
     };
 
     class NexClock : public Nex::Reactor<Nex::Clock::NotifieeConst, IgmpHostProxyIntfSm> {
@@ -183,7 +248,7 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     NEX_WATCHED(IntfConfig const, intfConfig, NexIntfConfig)
     NEX_INPUT(IntfStatus, intfStatus)
     NEX_INPUT(Kesh::Multicast::Fib::MfibKeshColl const, mfibKeshDir)
-    NEX_INPUT(Acl::AclTypeConfig const, ipAclConfig)
+    NEX_WATCHED(Acl::AclTypeConfig const, ipAclConfig, NexIpAclConfig)
     NEX_WATCHED(Nex::Clock const, clock, NexClock)
     NEX_INPUT(Ip::SourceIntf::SourceIntf, srcIntfIhpIntf)
     IgmpHostProxySm* parent_;
@@ -191,6 +256,8 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     NEX_FIELD(double, minDelay, 0.01) // seconds
     NEX_FIELD(double, maxDelay, 0.05) // seconds
     GroupSourceRefCounter groupSourceRefCounter_;
+    Nex::Map<Nex::String, Nex::Ptr<IgmpHostProxyAclHelper>> igmpHostProxyAclHelper_;
+    NEX_REACTORS(Nex::Name, NexAcl, acl, Acl::AclConfig const, name)
     NEX_REACTORS(Lox::IpAddr, NexGroupSourceListConfig, groupSourceListConfig, GroupSource const,
                  group)
     NEX_REACTORS(Lox::IpAddr, NexDeletedGroupSourceListConfig, deletedGroupSourceListConfig,

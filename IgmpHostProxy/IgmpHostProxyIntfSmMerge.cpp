@@ -255,6 +255,14 @@ Nex::Ptr<GroupSource> IgmpHostProxyIntfSm::restored(Lox::IpAddr group) const {
     groupSourceRefCounter_.forSources(group, [&](Lox::IpAddr source) {
         if (configured && configured->includeSourceListHas(source)) include(source);
         if (configured && configured->excludeSourceListHas(source)) exclude(source);
+        for (auto const& item : igmpHostProxyAclHelper()) {
+            GroupSource const* const contributed = item.value->groupSourceList(group);
+            if (contributed && contributed->includeSourceListHas(source)) {
+                IHP_TRACE(6, "Source found in includeSourceList");
+                include(source);
+            }
+            if (contributed && contributed->excludeSourceListHas(source)) exclude(source);
+        }
     });
     return local;
 }
@@ -262,13 +270,19 @@ Nex::Ptr<GroupSource> IgmpHostProxyIntfSm::restored(Lox::IpAddr group) const {
 bool IgmpHostProxyIntfSm::includeWanted(Lox::IpAddr source, Lox::IpAddr group) const {
     GroupSource const* const configured =
         intfConfig() ? intfConfig()->groupSourceList(group) : nullptr;
-    return configured && configured->includeSourceListHas(source);
+    if (configured && configured->includeSourceListHas(source)) return true;
+    for (auto const& item : igmpHostProxyAclHelper())
+        if (item.value->includeWanted(source, group)) return true;
+    return false;
 }
 
 bool IgmpHostProxyIntfSm::excludeWanted(Lox::IpAddr source, Lox::IpAddr group) const {
     GroupSource const* const configured =
         intfConfig() ? intfConfig()->groupSourceList(group) : nullptr;
-    return configured && configured->excludeSourceListHas(source);
+    if (configured && configured->excludeSourceListHas(source)) return true;
+    for (auto const& item : igmpHostProxyAclHelper())
+        if (item.value->excludeWanted(source, group)) return true;
+    return false;
 }
 
 } // namespace IgmpHostProxy

@@ -1,0 +1,248 @@
+#include "IgmpHostProxy/IgmpHostProxyAclHelper.h"
+
+#include "IgmpHostProxy/AddressRangeIterator.h"
+#include "IgmpHostProxy/IgmpHostProxyIntfSm.h"
+#include "IgmpHostProxy/Trace.h"
+
+#include <algorithm>
+#include <bit>
+
+namespace IgmpHostProxy {
+
+namespace {
+
+bool inRange(Lox::IpAddr address, Lox::IpAddrWithFullMask range) {
+    return ((address.host() ^ range.address().host()) & range.mask()) == 0;
+}
+
+std::uint64_t sizeOf(Lox::IpAddrWithFullMask range) {
+    return std::uint64_t(1) << std::popcount(~range.mask());
+}
+
+} // namespace
+
+Nex::Ptr<IgmpHostProxyAclHelper> igmpHostProxyAclHelperFactory(Nex::String aclName,
+                                                               IgmpHostProxyIntfSm* machine) {
+    return Nex::newObject<IgmpHostProxyAclHelper>(std::move(aclName), machine);
+}
+
+// What a rule means
+
+/// The masks are not looked at: an address of zeros is how "any" is written.
+bool IgmpHostProxyAclHelper::isDenyAll(Acl::IpRuleConfig const& rule) {
+    return rule.action == Acl::Action::deny && rule.filter.destination.address().isZero() &&
+           rule.filter.source.address().isZero();
+}
+
+/// A permitted source is included and a denied one excluded. For any source it is the other way
+/// round, and meant to be: permit any excludes 0.0.0.0, which joins all sources without standing in
+/// the way of specific ones, and deny any mirrors that by including 0.0.0.0.
+IgmpHostProxyAclHelper::Effect IgmpHostProxyAclHelper::effectOf(Acl::IpRuleConfig const& rule) {
+    bool const permit = rule.action == Acl::Action::permit;
+    Lox::IpAddr const source = rule.filter.source.address();
+    return {permit == (source != anySource), source};
+}
+
+IgmpHostProxyAclHelper::Fault IgmpHostProxyAclHelper::faultOf(Acl::IpRuleConfig const& rule) {
+    Lox::IpAddrWithFullMask const range = rule.filter.destination;
+    auto const lowest = Lox::IpAddr::fromHost(range.address().host() & range.mask());
+    auto const highest = Lox::IpAddr::fromHost(range.address().host() | ~range.mask());
+    if (!lowest.isMulticast() || !highest.isMulticast()) return Fault::range;
+    Lox::IpAddrWithFullMask const source = rule.filter.source;
+    if (source.mask() != 0 && source.mask() != ~std::uint32_t(0)) return Fault::sourceRange;
+    if (source.address().isMulticast()) return Fault::sourceMulticast;
+    return Fault::none;
+}
+
+void IgmpHostProxyAclHelper::doTraceFault(Acl::UniqueId id, Acl::IpRuleConfig const& rule,
+                                          Fault fault) const {
+    void const* const self = this;
+    switch (fault) {
+    case Fault::none:
+        return;
+    case Fault::range:
+        IHP_TRACE(7,
+                  "%::handleRule( % ): Invalid source group range: % contains invalid multicast "
+                  "addresses",
+                  self, id, rule.filter.destination);
+        return;
+    case Fault::sourceRange:
+        IHP_TRACE(7,
+                  "%::handleRule( % ): Invalid source group source address: % ; Must be a single "
+                  "address, not a range",
+                  self, id, rule.filter.source);
+        return;
+    case Fault::sourceMulticast:
+        IHP_TRACE(7,
+                  "%::handleRule( % ): Invalid source group source address: % is not a valid "
+                  "unicast host",
+                  self, id, rule.filter.source);
+        return;
+    }
+}
+
+// Applying rules
+
+void IgmpHostProxyAclHelper::handleRule(Acl::UniqueId id) {
+    IHP_TRACE_ENTRY(" ( % )", id);
+    Acl::AclConfig const* const acl =
+        machine_->ipAclConfig() ? machine_->ipAclConfig()->acl(aclName_) : nullptr;
+    Nex::Ptr<Acl::AclSubConfig const> const cfg = acl ? acl->currCfg() : nullptr;
+    // A rule that is gone reads as all zeros, which is an invalid range.
+    Acl::IpRuleConfig const rule = cfg ? cfg->ipRuleById(id) : Acl::IpRuleConfig();
+    if (!machine_->intfStatus()) return;
+    if (isDenyAll(rule)) {
+        machine_->intfStatus()->denyMrouteIs(true);
+        cachedRulesIs(id, rule);
+        return;
+    }
+    if (Fault const fault = faultOf(rule); fault != Fault::none)
+        return doTraceFault(id, rule, fault);
+    Lox::IpAddrWithFullMask const range = rule.filter.destination;
+    for (AddressRangeIterator group(range.address().host(), range.mask()); !group.done(); ++group)
+        doApply(id, rule, *group);
+    cachedRulesIs(id, rule);
+}
+
+void IgmpHostProxyAclHelper::doApply(Acl::UniqueId id, Acl::IpRuleConfig const& rule,
+                                     Lox::IpAddr group) {
+    Nex::Ptr<GroupSource> const contribution = groupSourceListIs(group);
+    Nex::Ptr<IntfStatus> const status = machine_->intfStatus();
+    if (!status->groupSourceListHas(group)) {
+        IHP_TRACE(7, "Adding group % to status", group);
+        status->groupSourceListIs(group);
+    }
+    void const* const self = this;
+    IHP_TRACE(7, "%::handleRule( % ): Rule type: %", self, id, rule.action);
+    Effect const effect = effectOf(rule);
+    if (effect.include) {
+        contribution->includeSourceListIs(effect.source);
+        machine_->addIncludeSourceGroup(effect.source, group);
+    } else {
+        contribution->excludeSourceListIs(effect.source);
+        machine_->addExcludeSourceGroup(effect.source, group);
+    }
+}
+
+void IgmpHostProxyAclHelper::handleAllRules() {
+    IHP_TRACE_ENTRY();
+    Acl::AclConfig const* const acl =
+        machine_->ipAclConfig() ? machine_->ipAclConfig()->acl(aclName_) : nullptr;
+    Nex::Ptr<Acl::AclSubConfig const> const cfg = acl ? acl->currCfg() : nullptr;
+    if (!cfg) return;
+    for (auto const& item : cfg->ipRuleById()) handleRule(item.key);
+}
+
+// Taking rules back
+
+void IgmpHostProxyAclHelper::purgeCachedRule(Acl::IpRuleConfig const& rule) {
+    IHP_TRACE_ENTRY();
+    Acl::IpRuleConfig const taken = rule; // the caller's may stand in the cache
+    std::optional<Acl::UniqueId> cachedAs;
+    for (auto const& item : cachedRules_.walk())
+        if (!cachedAs && item.value == taken) cachedAs = item.key;
+    doPurge(taken, cachedAs);
+}
+
+void IgmpHostProxyAclHelper::purgeCachedRules() {
+    IHP_TRACE_ENTRY();
+    for (auto const& item : cachedRules_.walk()) {
+        cachedRulesDel(item.key);
+        doPurge(item.value, std::nullopt);
+    }
+}
+
+void IgmpHostProxyAclHelper::doPurge(Acl::IpRuleConfig const& rule,
+                                     std::optional<Acl::UniqueId> cachedAs) {
+    if (!machine_->intfStatus()) return;
+    if (isDenyAll(rule)) return machine_->intfStatus()->denyMrouteIs(false);
+    if (rule.filter == Acl::IpFilter()) return;
+    takenBack_ = cachedAs;
+    Effect const effect = effectOf(rule);
+    Lox::IpAddrWithFullMask const range = rule.filter.destination;
+    // A rejected rule may have been cached and cover the whole address space. Groups that nobody
+    // knows need no visit.
+    if (sizeOf(range) > machine_->knownGroupsBound() + groupSourceList_.size()) {
+        for (Lox::IpAddr const group : knownGroupsIn(range)) doTakeBack(effect, group);
+    } else {
+        for (AddressRangeIterator group(range.address().host(), range.mask()); !group.done();
+             ++group)
+            doTakeBack(effect, *group);
+    }
+    takenBack_ = std::nullopt;
+}
+
+std::vector<Lox::IpAddr>
+IgmpHostProxyAclHelper::knownGroupsIn(Lox::IpAddrWithFullMask range) const {
+    std::vector<Lox::IpAddr> groups;
+    auto const add = [&](Lox::IpAddr group) {
+        if (inRange(group, range)) groups.push_back(group);
+    };
+    for (Lox::IpAddr const group : groupSourceList_.walk<Nex::Nothing>()) add(group);
+    machine_->forKnownGroups(add);
+    std::sort(groups.begin(), groups.end());
+    groups.erase(std::unique(groups.begin(), groups.end()), groups.end());
+    return groups;
+}
+
+void IgmpHostProxyAclHelper::doTakeBack(Effect effect, Lox::IpAddr group) {
+    GroupSource* const contribution = groupSourceList(group);
+    if (effect.include) {
+        if (contribution) contribution->includeSourceListDel(effect.source);
+        machine_->removeIncludeSourceGroup(effect.source, group);
+    } else {
+        if (contribution) contribution->excludeSourceListDel(effect.source);
+        machine_->removeExcludeSourceGroup(effect.source, group);
+    }
+}
+
+// What the cached rules still contribute
+
+bool IgmpHostProxyAclHelper::includeWanted(Lox::IpAddr source, Lox::IpAddr group) const {
+    return wanted({true, source}, group);
+}
+
+bool IgmpHostProxyAclHelper::excludeWanted(Lox::IpAddr source, Lox::IpAddr group) const {
+    return wanted({false, source}, group);
+}
+
+bool IgmpHostProxyAclHelper::wanted(Effect effect, Lox::IpAddr group) const {
+    for (auto const& [id, rule] : cachedRules_.walk())
+        if (id != takenBack_ && effectOf(rule) == effect &&
+            inRange(group, rule.filter.destination) && !isDenyAll(rule) &&
+            faultOf(rule) == Fault::none)
+            return true;
+    return false;
+}
+
+// Collections
+
+GroupSource* IgmpHostProxyAclHelper::groupSourceList(Lox::IpAddr group) const {
+    auto const* const found = groupSourceList_.find(group);
+    return found ? found->get() : nullptr;
+}
+
+Nex::Ptr<GroupSource> IgmpHostProxyAclHelper::groupSourceListIs(Lox::IpAddr group) {
+    auto const [slot, fresh] = groupSourceList_.findOrInsert(group);
+    if (fresh) *slot = GroupSource::GroupSourceIs(group);
+    return *slot;
+}
+
+void IgmpHostProxyAclHelper::groupSourceListDelAll() {
+    for (Lox::IpAddr const group : groupSourceList_.walk<Nex::Nothing>()) groupSourceListDel(group);
+}
+
+Acl::IpRuleConfig IgmpHostProxyAclHelper::cachedRules(Acl::UniqueId id) const {
+    auto const* const found = cachedRules_.find(id);
+    return found ? *found : Acl::IpRuleConfig();
+}
+
+void IgmpHostProxyAclHelper::cachedRulesIs(Acl::UniqueId id, Acl::IpRuleConfig const& rule) {
+    *cachedRules_.findOrInsert(id).first = rule;
+}
+
+void IgmpHostProxyAclHelper::cachedRulesDelAll() {
+    for (Acl::UniqueId const id : cachedRules_.walk<Nex::Nothing>()) cachedRulesDel(id);
+}
+
+} // namespace IgmpHostProxy
