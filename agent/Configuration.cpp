@@ -1,10 +1,9 @@
 #include "agent/Configuration.h"
 
+#include "agent/AddressText.h"
 #include "agent/FileDescriptor.h"
 #include "agent/Printable.h"
 #include "agent/TomlSection.h"
-
-#include "Nex/Error.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -20,21 +19,8 @@ namespace {
 
 constexpr std::size_t mostFileBytes = 64 << 20;
 constexpr double longestReportInterval = 3600;
-
-/// Only the shortest spelling: whoever writes 010.0.0.1 may mean octal numbers.
-std::optional<Lox::IpAddr> parseAddress(std::string_view text) {
-    try {
-        Lox::IpAddr const address(text);
-        if (address.stringValue() == text) return address;
-    } catch (Nex::ParseException const&) {
-    }
-    return std::nullopt;
-}
-
-bool isUnicastHost(Lox::IpAddr address) {
-    std::uint32_t const network = address.host() >> 24;
-    return network >= 1 && network < 224 && network != 127;
-}
+/// Each group costs memory and report space; a slip in a mask should not ask for millions.
+constexpr std::uint64_t mostGroupsUnasked = 65536;
 
 /// 224.0.0.0/24, which routers never forward; IGMP hosts do not report 224.0.0.1 (RFC 3376, 5).
 bool isLinkLocal(Lox::IpAddr group) { return group.host() >> 8 == 0xE00000; }
@@ -58,7 +44,12 @@ class Reader {
         : configuration_(configuration), diagnostics_(diagnostics) {}
 
     void doRead(TomlSection const& root) {
-        root.keysAre({"interface"});
+        root.keysAre({"access-list", "interface"});
+        // First, for the interfaces name lists.
+        if (auto const lists = root.section("access-list"))
+            for (TomlText const& name : lists->keys())
+                configuration_.accessLists[name.value] =
+                    readAccessList(lists->sections(name.value), diagnostics_);
         if (auto const interfaces = root.section("interface")) doReadInterfaces(*interfaces);
     }
 
@@ -66,38 +57,70 @@ class Reader {
     void doReadInterfaces(TomlSection const& interfaces) {
         for (TomlText const& name : interfaces.keys()) {
             if (!isInterfaceName(name.value))
-                doReport(name, "an interface name: 1 to 15 bytes without '/', ':' or white space");
+                reportFound(name,
+                            "an interface name: 1 to 15 bytes without '/', ':' or white space",
+                            diagnostics_);
             if (auto const section = interfaces.section(name.value))
                 doReadInterface(*section, configuration_.interfaces[name.value]);
         }
     }
 
     void doReadInterface(TomlSection const& section, InterfaceConfiguration& interface) {
-        section.keysAre({"igmp-version", "unsolicited-report-interval", "group"});
+        section.keysAre({"igmp-version", "unsolicited-report-interval", "group", "access-lists",
+                         "large-ranges"});
         interface.igmpVersion = int(section.integer("igmp-version", 1, 3).value_or(3));
         // The older versions' default is 10 s (RFC 2236, 8.10); version 1 has no number of its own.
         interface.unsolicitedReportInterval =
             section.positiveNumber("unsolicited-report-interval", longestReportInterval)
                 .value_or(interface.igmpVersion == 3 ? 1.0 : 10.0);
-        auto const groups = section.section("group");
-        if (!groups) return;
-        for (TomlText const& key : groups->keys()) {
+        if (auto const groups = section.section("group")) doReadGroups(*groups, interface);
+        interface.largeRanges = section.boolean("large-ranges").value_or(false);
+        doReadAccessLists(section, interface);
+    }
+
+    void doReadGroups(TomlSection const& groups, InterfaceConfiguration& interface) {
+        for (TomlText const& key : groups.keys()) {
             auto const group = readGroup(key);
-            auto const sources = groups->section(key.value);
+            auto const sources = groups.section(key.value);
             if (!group || !sources) continue;
             doReadSources(*sources, interface.groups[*group]);
             doCheckGroup(key, *group, interface);
         }
     }
 
+    void doReadAccessLists(TomlSection const& section, InterfaceConfiguration& interface) {
+        std::uint64_t groups = 0;
+        for (TomlText const& name : section.texts("access-lists")) {
+            auto& names = interface.accessLists;
+            if (std::find(names.begin(), names.end(), name.value) != names.end()) {
+                reportFound(name, "each access list once", diagnostics_);
+                continue;
+            }
+            names.push_back(name.value);
+            auto const list = configuration_.accessLists.find(name.value);
+            if (list == configuration_.accessLists.end()) {
+                doWarn(name, "is not an access list of this file, expected one of them");
+                continue;
+            }
+            for (auto const& [sequence, rule] : list->second) groups += groupCount(rule);
+        }
+        if (groups > mostGroupsUnasked && !interface.largeRanges)
+            diagnostics_.errorIs(section.positionOf("access-lists"),
+                                 fmt::format("access-lists select {} groups, expected up to {}, or "
+                                             "large-ranges = true",
+                                             groups, mostGroupsUnasked));
+    }
+
     std::optional<Lox::IpAddr> readGroup(TomlText const& text) {
         auto const group = parseAddress(text.value);
         if (!group || !group->isMulticast()) {
-            doReport(text, "a multicast address such as \"239.1.1.1\"");
+            reportFound(text, "a multicast address such as \"239.1.1.1\"", diagnostics_);
             return std::nullopt;
         }
         if (*group == Lox::IpAddr::fromHost(0xE0000001)) {
-            doReport(text, "a group that hosts announce; 224.0.0.1 is joined always, and silently");
+            reportFound(text,
+                        "a group that hosts announce; 224.0.0.1 is joined always, and silently",
+                        diagnostics_);
             return std::nullopt;
         }
         return group;
@@ -121,11 +144,12 @@ class Reader {
         for (TomlText const& text : texts) {
             auto const source = parseAddress(text.value);
             if (!source || !isUnicastHost(*source))
-                doReport(text, "the unicast address of a source");
+                reportFound(text, "the unicast address of a source", diagnostics_);
             else if (others.count(*source))
-                doReport(text, "a source that is not in the include list of the group too");
+                reportFound(text, "a source that is not in the include list of the group too",
+                            diagnostics_);
             else if (!sources.insert(*source).second)
-                doReport(text, "each source once");
+                reportFound(text, "each source once", diagnostics_);
         }
     }
 
@@ -144,11 +168,6 @@ class Reader {
             doWarn(key, fmt::format("lists sources, which IGMP version {} cannot announce: the "
                                     "group will come from any source",
                                     interface.igmpVersion));
-    }
-
-    void doReport(TomlText const& found, char const* expected) {
-        diagnostics_.errorIs(found.position,
-                             fmt::format("{} found, expected {}", quoted(found.value), expected));
     }
 
     void doWarn(TomlText const& found, std::string const& text) {

@@ -8,9 +8,16 @@
 //     "239.1.1.2" = { include = ["10.0.0.1", "10.0.0.2"] }
 //     "239.1.1.3" = { exclude = ["10.0.0.9"] }
 //
+// Access lists (AccessListReader.h) add the groups that their rules select:
+//
+//     [interface.up1]
+//     access-lists = ["iptv"]
+//     large-ranges = true                                     # allow more than 65,536 groups
+//
 // Reading is separate from applying: two values can be compared to find what a new file changes.
 #pragma once
 
+#include "agent/AccessListReader.h"
 #include "agent/Diagnostic.h"
 
 #include "Lox/IpAddr.h"
@@ -40,6 +47,10 @@ struct InterfaceConfiguration {
     /// Seconds between the repeats of a state change report (RFC 3376, 8.11; RFC 2236, 8.10).
     double unsolicitedReportInterval = 1.0;
     std::map<Lox::IpAddr, GroupConfiguration> groups;
+    /// Names of attached lists, which need not exist.
+    std::vector<std::string> accessLists;
+    /// Whether these may select more than 65,536 groups.
+    bool largeRanges = false;
 
     friend bool operator==(InterfaceConfiguration const&, InterfaceConfiguration const&) = default;
 };
@@ -47,6 +58,7 @@ struct InterfaceConfiguration {
 struct Configuration {
     /// By kernel name.
     std::map<std::string, InterfaceConfiguration> interfaces;
+    std::map<std::string, AccessListConfiguration> accessLists;
 
     friend bool operator==(Configuration const&, Configuration const&) = default;
 };

@@ -127,6 +127,11 @@ unsigned failingLine(std::string_view text) {
 
 } // namespace
 
+void reportFound(TomlText const& found, std::string_view expected, Diagnostics& diagnostics) {
+    diagnostics.errorIs(found.position,
+                        fmt::format("{} found, expected {}", quoted(found.value), expected));
+}
+
 std::optional<toml::table> tomlParse(std::string_view text, Diagnostics& diagnostics) {
     if (unsigned const line = DotCounter(text).tooDeepLine()) {
         diagnostics.errorIs({line, 1}, fmt::format("more than {} dots outside strings, expected "
@@ -159,6 +164,12 @@ void TomlSection::keysAre(std::initializer_list<std::string_view> known) const {
         diagnostics_->errorIs(key.position, fmt::format("unknown key {}, expected one of {}",
                                                         quoted(key.value), fmt::join(known, ", ")));
     }
+}
+
+void TomlSection::doRequire(std::initializer_list<std::string_view> required) const {
+    for (std::string_view const key : required)
+        if (!has(key))
+            diagnostics_->errorIs(position(), fmt::format("no key {} found, expected one", key));
 }
 
 Position TomlSection::positionOf(std::string_view key) const {

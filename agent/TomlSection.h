@@ -20,6 +20,9 @@ struct TomlText {
     Position position;
 };
 
+/// Reports that `found` was found where `expected` was.
+void reportFound(TomlText const& found, std::string_view expected, Diagnostics& diagnostics);
+
 /// Parses `text`. A syntax error is reported, and nothing returned. Never throws, whatever the
 /// text.
 std::optional<toml::table> tomlParse(std::string_view text, Diagnostics& diagnostics);
@@ -36,6 +39,8 @@ class TomlSection {
     std::vector<TomlText> keys() const;
     /// Reports every key that is not among `known`.
     void keysAre(std::initializer_list<std::string_view> known) const;
+    /// Reports every one of `required` that is absent.
+    void doRequire(std::initializer_list<std::string_view> required) const;
     bool has(std::string_view key) const { return table_->contains(key); }
     /// The place of the value of `key`, or of the table where it is absent.
     Position positionOf(std::string_view key) const;

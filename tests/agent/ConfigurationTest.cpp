@@ -83,7 +83,7 @@ TEST(ConfigurationTest, EveryErrorNamesItsPlaceAndWhatWasExpected) {
         std::string expected;
     } const cases[] = {
         {"igmp-version = 3",
-         "f:1:1: error: unknown key \"igmp-version\", expected one of interface"},
+         "f:1:1: error: unknown key \"igmp-version\", expected one of access-list, interface"},
         {"interface = 3", "f:1:13: error: \"interface\" is an integer, expected a table"},
         {"[interface]\nup0 = 1", "f:2:7: error: \"up0\" is an integer, expected a table"},
         {"[interface.\"a/b\"]", "f:1:12: error: \"a/b\" found" + name},
@@ -93,7 +93,7 @@ TEST(ConfigurationTest, EveryErrorNamesItsPlaceAndWhatWasExpected) {
         {"[interface.abcdefghijklmnop]", "f:1:12: error: \"abcdefghijklmnop\" found" + name},
         {interfaceText("igmp_version = 3"),
          "f:2:1: error: unknown key \"igmp_version\", expected one of igmp-version, "
-         "unsolicited-report-interval, group"},
+         "unsolicited-report-interval, group, access-lists, large-ranges"},
         {interfaceText("igmp-version = 4"),
          "f:2:16" + version + "4, expected an integer from 1 to 3"},
         {interfaceText("igmp-version = -9223372036854775808"),
@@ -156,8 +156,8 @@ TEST(ConfigurationTest, OneReadingFindsAllErrorsInTheirOrder) {
                      "\"239.1.1.1\"",
                      "f:4:16: error: igmp-version is 0, expected an integer from 1 to 3",
                      "f:5:1: error: unknown key \"x\", expected one of igmp-version, "
-                     "unsolicited-report-interval, group",
-                     "f:6:2: error: unknown key \"y\", expected one of interface"}));
+                     "unsolicited-report-interval, group, access-lists, large-ranges",
+                     "f:6:2: error: unknown key \"y\", expected one of access-list, interface"}));
 }
 
 TEST(ConfigurationTest, WhatMayNotWorkIsAWarningOnly) {

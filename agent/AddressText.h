@@ -1,0 +1,22 @@
+// How addresses and ranges of addresses are written in the configuration file.
+#pragma once
+
+#include "Lox/IpAddr.h"
+
+#include <optional>
+#include <string_view>
+
+namespace Agent {
+
+/// Four numbers in their shortest spelling: whoever writes 010.0.0.1 may mean octal. Nothing for
+/// other texts.
+std::optional<Lox::IpAddr> parseAddress(std::string_view text);
+
+/// An address, a prefix such as 239.1.1.0/30, an address with a mask such as 239.0.0.1/255.0.0.255
+/// (its bits may stand anywhere), or "any", with mask 0. Nothing for other texts.
+std::optional<Lox::IpAddrWithFullMask> parseRange(std::string_view text);
+
+/// Whether a packet can have the address as its source.
+bool isUnicastHost(Lox::IpAddr address);
+
+} // namespace Agent
