@@ -19,6 +19,7 @@ namespace {
 
 constexpr std::size_t mostFileBytes = 64 << 20;
 constexpr double longestReportInterval = 3600;
+constexpr char const* defaultVrf = "default";
 /// Each group costs memory and report space; a slip in a mask should not ask for millions.
 constexpr std::uint64_t mostGroupsUnasked = 65536;
 
@@ -28,13 +29,17 @@ bool isLinkLocal(Lox::IpAddr group) { return group.host() >> 8 == 0xE00000; }
 /// 232.0.0.0/8, source-specific multicast (RFC 4604).
 bool isSourceSpecific(Lox::IpAddr group) { return group.host() >> 24 == 232; }
 
+/// Whether `name` can stand in a directory, as interfaces do in /sys and namespaces in /run/netns.
+bool isFileName(std::string_view name) {
+    auto const forbidden = [](char c) { return c == '/' || (c >= '\0' && c < ' ') || c == '\x7f'; };
+    return !name.empty() && name.size() <= 255 && name != "." && name != ".." &&
+           std::none_of(name.begin(), name.end(), forbidden);
+}
+
 /// The names that Linux gives interfaces.
 bool isInterfaceName(std::string_view name) {
-    auto const forbidden = [](char c) {
-        return c == '/' || c == ':' || c == ' ' || (c >= '\t' && c <= '\r') || c == '\0';
-    };
-    return !name.empty() && name.size() <= 15 && name != "." && name != ".." &&
-           std::none_of(name.begin(), name.end(), forbidden);
+    return isFileName(name) && name.size() <= 15 &&
+           name.find_first_of(": ") == std::string_view::npos;
 }
 
 /// Walks the tables of one file and fills a Configuration.
@@ -44,21 +49,53 @@ class Reader {
         : configuration_(configuration), diagnostics_(diagnostics) {}
 
     void doRead(TomlSection const& root) {
-        root.keysAre({"access-list", "interface"});
-        // First, for the interfaces name lists.
+        root.keysAre({"access-list", "forwarding-table", "interface", "vrf"});
+        // First, for the interfaces name lists and VRFs.
         if (auto const lists = root.section("access-list"))
             for (TomlText const& name : lists->keys())
                 configuration_.accessLists[name.value] =
                     readAccessList(lists->sections(name.value), diagnostics_);
+        if (auto const vrfs = root.section("vrf")) doReadVrfs(*vrfs);
+        if (auto const table = root.section("forwarding-table")) doReadForwardingTable(*table);
         if (auto const interfaces = root.section("interface")) doReadInterfaces(*interfaces);
     }
 
   private:
+    void doReadVrfs(TomlSection const& vrfs) {
+        for (TomlText const& name : vrfs.keys()) {
+            if (!isFileName(name.value) || name.value == defaultVrf)
+                reportFound(name,
+                            "a VRF name other than default, without '/' or control characters",
+                            diagnostics_);
+            auto const section = vrfs.section(name.value);
+            if (!section) continue;
+            section->keysAre({"namespace"});
+            auto const space = section->text("namespace").value_or(name);
+            if (space.value.empty() || space.value.find('\0') != std::string::npos)
+                reportFound(space, "the name of a namespace as in ip netns, or a path",
+                            diagnostics_);
+            configuration_.vrfs[name.value] = space.value;
+        }
+    }
+
+    void doReadForwardingTable(TomlSection const& section) {
+        ForwardingTableConfiguration& table = configuration_.forwardingTable;
+        section.keysAre({"require-output", "incoming"});
+        table.requireOutput = section.boolean("require-output").value_or(true);
+        auto const incoming = section.text("incoming");
+        if (!incoming || incoming->value == "proxy-interface") return;
+        if (incoming->value == "any")
+            table.incoming = ForwardingTableConfiguration::Incoming::any;
+        else
+            reportFound(*incoming, "\"proxy-interface\" or \"any\"", diagnostics_);
+    }
+
     void doReadInterfaces(TomlSection const& interfaces) {
         for (TomlText const& name : interfaces.keys()) {
             if (!isInterfaceName(name.value))
                 reportFound(name,
-                            "an interface name: 1 to 15 bytes without '/', ':' or white space",
+                            "an interface name: 1 to 15 bytes without '/', ':', white space or "
+                            "control characters",
                             diagnostics_);
             if (auto const section = interfaces.section(name.value))
                 doReadInterface(*section, configuration_.interfaces[name.value]);
@@ -67,7 +104,7 @@ class Reader {
 
     void doReadInterface(TomlSection const& section, InterfaceConfiguration& interface) {
         section.keysAre({"igmp-version", "unsolicited-report-interval", "group", "access-lists",
-                         "large-ranges"});
+                         "large-ranges", "vrf"});
         interface.igmpVersion = int(section.integer("igmp-version", 1, 3).value_or(3));
         // The older versions' default is 10 s (RFC 2236, 8.10); version 1 has no number of its own.
         interface.unsolicitedReportInterval =
@@ -76,6 +113,11 @@ class Reader {
         if (auto const groups = section.section("group")) doReadGroups(*groups, interface);
         interface.largeRanges = section.boolean("large-ranges").value_or(false);
         doReadAccessLists(section, interface);
+        auto const vrf = section.text("vrf");
+        if (!vrf || vrf->value == defaultVrf) return;
+        interface.vrf = vrf->value;
+        if (configuration_.vrfs.count(vrf->value) == 0)
+            reportFound(*vrf, "\"default\" or a VRF of this file", diagnostics_);
     }
 
     void doReadGroups(TomlSection const& groups, InterfaceConfiguration& interface) {

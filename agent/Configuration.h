@@ -14,6 +14,19 @@
 //     access-lists = ["iptv"]
 //     large-ranges = true                                     # allow more than 65,536 groups
 //
+// Interfaces in other network namespaces belong to VRFs:
+//
+//     [vrf.red]
+//     namespace = "red"                                       # as in `ip netns`, or a path
+//     [interface.up2]
+//     vrf = "red"
+//
+// And which routes of the multicast forwarding table make groups:
+//
+//     [forwarding-table]
+//     require-output = true
+//     incoming = "proxy-interface"                            # or "any"
+//
 // Reading is separate from applying: two values can be compared to find what a new file changes.
 #pragma once
 
@@ -51,14 +64,32 @@ struct InterfaceConfiguration {
     std::vector<std::string> accessLists;
     /// Whether these may select more than 65,536 groups.
     bool largeRanges = false;
+    /// "default", or a key of Configuration::vrfs.
+    std::string vrf = "default";
 
     friend bool operator==(InterfaceConfiguration const&, InterfaceConfiguration const&) = default;
+};
+
+/// Which routes of the multicast forwarding table make their groups wanted.
+struct ForwardingTableConfiguration {
+    enum class Incoming { proxyInterface, any };
+
+    /// Only those with an outgoing interface.
+    bool requireOutput = true;
+    /// Those that come in on a proxy interface, or on any.
+    Incoming incoming = Incoming::proxyInterface;
+
+    friend bool operator==(ForwardingTableConfiguration const&,
+                           ForwardingTableConfiguration const&) = default;
 };
 
 struct Configuration {
     /// By kernel name.
     std::map<std::string, InterfaceConfiguration> interfaces;
     std::map<std::string, AccessListConfiguration> accessLists;
+    /// Namespaces, as namespaceOpen() takes them, by VRF; without "default", the agent's own.
+    std::map<std::string, std::string> vrfs;
+    ForwardingTableConfiguration forwardingTable;
 
     friend bool operator==(Configuration const&, Configuration const&) = default;
 };

@@ -73,17 +73,38 @@ TEST(ConfigurationTest, IncludedAndExcludedSourcesMayMeetInOneGroup) {
               (GroupConfiguration{{IpAddr("10.0.0.1")}, {IpAddr("10.0.0.2")}}));
 }
 
+TEST(ConfigurationTest, VrfsAndForwardingTableHaveDefaults) {
+    Configuration const given =
+        configurationParse("[vrf.red]\n[vrf.blue]\nnamespace = \"/proc/1/ns/net\"\n"
+                           "[interface.a]\n[interface.b]\nvrf = \"red\"\n[interface.c]\n"
+                           "vrf = \"default\"\n[forwarding-table]\nrequire-output = false\n"
+                           "incoming = \"any\"\n",
+                           "f")
+            .configuration;
+    EXPECT_EQ(given.vrfs,
+              (std::map<std::string, std::string>{{"red", "red"}, {"blue", "/proc/1/ns/net"}}));
+    EXPECT_EQ(given.interfaces.at("a").vrf, "default");
+    EXPECT_EQ(given.interfaces.at("b").vrf, "red");
+    EXPECT_EQ(given.interfaces.at("c").vrf, "default");
+    using Incoming = ForwardingTableConfiguration::Incoming;
+    EXPECT_EQ(given.forwardingTable, (ForwardingTableConfiguration{false, Incoming::any}));
+    EXPECT_EQ(configurationParse("", "f").configuration.forwardingTable,
+              (ForwardingTableConfiguration{true, Incoming::proxyInterface}));
+}
+
 TEST(ConfigurationTest, EveryErrorNamesItsPlaceAndWhatWasExpected) {
     std::string const version = ": error: igmp-version is ";
     std::string const interval = ": error: unsolicited-report-interval is ";
-    std::string const name = ", expected an interface name: 1 to 15 bytes without '/', ':' or "
-                             "white space";
+    std::string const name = ", expected an interface name: 1 to 15 bytes without '/', ':', "
+                             "white space or control characters";
+    std::string const vrf =
+        " found, expected a VRF name other than default, without '/' or control characters";
     struct {
         std::string text;
         std::string expected;
     } const cases[] = {
-        {"igmp-version = 3",
-         "f:1:1: error: unknown key \"igmp-version\", expected one of access-list, interface"},
+        {"igmp-version = 3", "f:1:1: error: unknown key \"igmp-version\", expected one of "
+                             "access-list, forwarding-table, interface, vrf"},
         {"interface = 3", "f:1:13: error: \"interface\" is an integer, expected a table"},
         {"[interface]\nup0 = 1", "f:2:7: error: \"up0\" is an integer, expected a table"},
         {"[interface.\"a/b\"]", "f:1:12: error: \"a/b\" found" + name},
@@ -93,7 +114,7 @@ TEST(ConfigurationTest, EveryErrorNamesItsPlaceAndWhatWasExpected) {
         {"[interface.abcdefghijklmnop]", "f:1:12: error: \"abcdefghijklmnop\" found" + name},
         {interfaceText("igmp_version = 3"),
          "f:2:1: error: unknown key \"igmp_version\", expected one of igmp-version, "
-         "unsolicited-report-interval, group, access-lists, large-ranges"},
+         "unsolicited-report-interval, group, access-lists, large-ranges, vrf"},
         {interfaceText("igmp-version = 4"),
          "f:2:16" + version + "4, expected an integer from 1 to 3"},
         {interfaceText("igmp-version = -9223372036854775808"),
@@ -140,6 +161,19 @@ TEST(ConfigurationTest, EveryErrorNamesItsPlaceAndWhatWasExpected) {
         {groupText("\"239.1.1.1\" = { exclude = [\"10.0.0.1\"], include = [\"10.0.0.1\"] }"),
          "f:2:28: error: \"10.0.0.1\" found, expected a source that is not in the include list of "
          "the group too"},
+        {interfaceText("vrf = \"red\""),
+         "f:2:7: error: \"red\" found, expected \"default\" or a VRF of this file"},
+        {"[vrf.default]", "f:1:6: error: \"default\"" + vrf},
+        {"[vrf.\"a/b\"]", "f:1:6: error: \"a/b\"" + vrf},
+        {"[vrf.red]\nnamespace = \"\"",
+         "f:2:13: error: \"\" found, expected the name of a namespace as in ip netns, or a path"},
+        {"[vrf.red]\nnamespace = \"a\\u0000\"",
+         "f:2:13: error: \"a\\x00\" found, expected the name of a namespace as in ip netns, or a "
+         "path"},
+        {"[forwarding-table]\nincoming = \"all\"",
+         "f:2:12: error: \"all\" found, expected \"proxy-interface\" or \"any\""},
+        {"[forwarding-table]\nrequire-output = 1",
+         "f:2:18: error: \"require-output\" is an integer, expected true or false"},
     };
     for (auto const& [text, expected] : cases) {
         Lines const lines = diagnosticsOf(text);
@@ -156,8 +190,9 @@ TEST(ConfigurationTest, OneReadingFindsAllErrorsInTheirOrder) {
                      "\"239.1.1.1\"",
                      "f:4:16: error: igmp-version is 0, expected an integer from 1 to 3",
                      "f:5:1: error: unknown key \"x\", expected one of igmp-version, "
-                     "unsolicited-report-interval, group, access-lists, large-ranges",
-                     "f:6:2: error: unknown key \"y\", expected one of access-list, interface"}));
+                     "unsolicited-report-interval, group, access-lists, large-ranges, vrf",
+                     "f:6:2: error: unknown key \"y\", expected one of access-list, "
+                     "forwarding-table, interface, vrf"}));
 }
 
 TEST(ConfigurationTest, WhatMayNotWorkIsAWarningOnly) {
@@ -183,17 +218,16 @@ TEST(ConfigurationTest, WhatMayNotWorkIsAWarningOnly) {
     }
 }
 
-std::string repeated(std::string const& part, int times) {
-    std::string text;
-    for (int i = 0; i < times; ++i) text += part;
-    return text;
+std::string repeated(std::string const& part, int times, std::string before = "") {
+    for (int i = 0; i < times; ++i) before += part;
+    return before;
 }
 
 TEST(ConfigurationTest, HostileTextIsASyntaxErrorWithAPlace) {
-    std::string const dots = "a" + repeated(".a", 500000);
+    std::string const dots = repeated(".a", 500000, "a");
     std::string const texts[] = {
-        "a = " + repeated("[", 100000),
-        "a = " + repeated("{a=", 100000),
+        repeated("[", 100000, "a = "),
+        repeated("{a=", 100000, "a = "),
         dots + " = 1\n",
         dots + " = 1\n?",
         "[" + dots + "]",
