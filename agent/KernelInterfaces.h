@@ -9,7 +9,7 @@
 
 namespace Agent {
 
-class KernelInterfaces : private Netlink::Observer {
+class KernelInterfaces final : private Netlink::Observer {
   public:
     /// Told the index of an interface that is new, changed or gone; looks its state up again. What
     /// it throws is logged.

@@ -21,9 +21,10 @@ std::string printable(std::string_view text) {
 
 std::string quoted(std::string_view text) {
     static constexpr std::size_t longest = 64;
-    std::string shown = "\"" + printable(text.substr(0, longest));
-    if (text.size() > longest) shown += "...";
-    return shown + "\"";
+    std::string shown = "\"";
+    shown += printable(text.substr(0, longest));
+    shown += text.size() > longest ? "...\"" : "\"";
+    return shown;
 }
 
 } // namespace Agent
