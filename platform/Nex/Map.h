@@ -454,7 +454,7 @@ using SmallSet = SmallMap<Key, Nothing, N>;
 
 /// The keys of a set or the keys of a map in ascending order, as they are now.
 template <class Cursor>
-auto sortedKeys(Walk<Cursor> walk) {
+auto sortedKeys(Walk<Cursor>&& walk) {
     constexpr auto keyOf = [](auto const& yielded) {
         if constexpr (requires { yielded.key; }) {
             return yielded.key;
