@@ -20,15 +20,14 @@ IgmpHostProxyIntfSm::IgmpHostProxyIntfSm(
     Nex::Ptr<Kesh::Multicast::Fib::MfibKeshColl const> mfibKeshDir,
     Nex::Ptr<Acl::AclTypeConfig const> ipAclConfig, Nex::Ptr<Nex::Clock const> clock,
     Nex::Ptr<Ip::SourceIntf::SourceIntf> srcIntfIhpIntf, IgmpHostProxySm* parent)
-    : intfId_(std::move(intfId)),
-      intfStatus_(std::move(intfStatus)),
-      mfibKeshDir_(std::move(mfibKeshDir)),
-      srcIntfIhpIntf_(std::move(srcIntfIhpIntf)),
-      parent_(parent) {
+    : intfId_(std::move(intfId)), srcIntfIhpIntf_(std::move(srcIntfIhpIntf)), parent_(parent) {
     Nex::watch(intfConfig_, intfConfig, this);
+    Nex::watch(intfStatus_, intfStatus, this);
+    Nex::watch(mfibKeshDir_, mfibKeshDir, this);
     Nex::watch(ipAclConfig_, ipAclConfig, this);
     Nex::watch(clock_, clock, this);
     handleAclConfig();
+    handleKeshPtr();
     if (ipAclConfig)
         for (Nex::Name const& name : Nex::sortedKeys(ipAclConfig->acl()))
             aclIs(ipAclConfig->acl(name));
@@ -39,6 +38,7 @@ IgmpHostProxyIntfSm::IgmpHostProxyIntfSm(
 
 IgmpHostProxyIntfSm::~IgmpHostProxyIntfSm() {
     nexDoZombieReactors(true);
+    reviewTimerDel();
     igmpHostProxyAclHelperDelAll();
 }
 
@@ -49,6 +49,7 @@ void IgmpHostProxyIntfSm::handleInitialized() {
     reviewTimerIs(clock_.get(), 1.0F, 4, float(minDelay()), float(maxDelay()));
     handleIgmpVersion();
     handleUnsolicitedReportInterval();
+    handleDenyMroute();
     handleGroupList();
     // A list that was attached and existed before the machine was built is applied here for the
     // second time: each of its pairs counts 2.

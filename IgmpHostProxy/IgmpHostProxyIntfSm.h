@@ -54,8 +54,8 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     /// The constructor's arguments as they are now.
     auto nexArguments() const {
         return std::make_tuple(Nex::Argument{"intfConfig", Nex::Ptr(intfConfig())},
-                               Nex::Argument{"intfStatus", intfStatus_},
-                               Nex::Argument{"mfibKeshDir", mfibKeshDir_},
+                               Nex::Argument{"intfStatus", Nex::Ptr(intfStatus())},
+                               Nex::Argument{"mfibKeshDir", Nex::Ptr(mfibKeshDir())},
                                Nex::Argument{"ipAclConfig", Nex::Ptr(ipAclConfig())},
                                Nex::Argument{"clock", Nex::Ptr(clock())},
                                Nex::Argument{"srcIntfIhpIntf", srcIntfIhpIntf_});
@@ -129,6 +129,25 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     void doKickReview();
     /// One review step.
     void doReview();
+    /// One slice of the full sync, from the bookmark on.
+    void doSyncAllRoutes();
+    /// One slice over the changed routes.
+    void doSyncChangedRoutes();
+    /// Brings the status in step with one route of a table. The pointer names the table and is not
+    /// followed.
+    void doSyncKey(Kesh::Multicast::Fib::Status const* table,
+                   Routing::Multicast::Fib::IpGenRouteKey const& key);
+    void doSyncKey(Kesh::Multicast::Fib::MfibKeshDirRouteKey const& changed);
+    /// Strips the forwarding table's sources from the status, or has the tables reviewed again.
+    void handleDenyMroute();
+    /// A table came or went.
+    void handleKeshPtr(Kesh::Multicast::Fib::Status const* key);
+    void handleKeshPtr();
+
+    /// The table at which a suspended full sync resumes, or null. Only its name: it may be gone.
+    Kesh::Multicast::Fib::Status const* keshBookmark() const { return keshBookmark_; }
+    void keshBookmarkIs(Kesh::Multicast::Fib::Status const* table);
+    bool rkBookmarkNotNull() const;
 
     class NexIntfConfig : public Nex::Reactor<IntfConfig::NotifieeConst, IgmpHostProxyIntfSm> {
       public:
@@ -181,10 +200,43 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
         Nex::Owned<NexCfg> cfg_;
     };
 
+    class NexIntfStatus : public Nex::Reactor<IntfStatus::Notifiee, IgmpHostProxyIntfSm> {
+      public:
+        using Reactor::Reactor;
+        void onDenyMroute() override { machine()->handleDenyMroute(); }
+        void onNotifier() override { machine()->handleDenyMroute(); }
+    };
+
+    class NexMfibKeshDir : public Nex::Reactor<Kesh::Multicast::Fib::MfibKeshColl::NotifieeConst,
+                                               IgmpHostProxyIntfSm> {
+      public:
+        using Reactor::Reactor;
+        void onKeshPtr(Kesh::Multicast::Fib::Status const* key) override {
+            machine()->handleKeshPtr(key);
+        }
+        void onKeshPtrnexImmediate() override { machine()->handleKeshPtr(); }
+    };
+
+    /// One table. Only records which routes changed.
+    class NexMfibKesh
+        : public Nex::Reactor<Kesh::Multicast::Fib::Status::NotifieeConst, IgmpHostProxyIntfSm> {
+      public:
+        NexMfibKesh(Nex::Ptr<Kesh::Multicast::Fib::Status const> table,
+                    IgmpHostProxyIntfSm* machine);
+        void doNotifyChangedRoutes();
+        void doNotifyChangedRoutes(Routing::Multicast::Fib::IpGenRouteKey const& key);
+        void onRoute(Routing::Multicast::Fib::IpGenRouteKey key) override {
+            doNotifyChangedRoutes(key);
+        }
+    };
+
     class NexClock : public Nex::Reactor<Nex::Clock::NotifieeConst, IgmpHostProxyIntfSm> {
       public:
         using Reactor::Reactor;
         void onTime() override { machine()->doReview(); }
+        void onNotifier() override {
+            if (notifier()) machine()->doReview();
+        }
     };
 
     /// One configured group. A source that is gone from the watched list is ignored: its removal is
@@ -220,7 +272,32 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     /// Null before `handleInitialized`.
     Olm::ReviewTimer* reviewTimer() const { return reviewTimer_.get(); }
 
+    /// One reactor per table of the collection, by the table's name.
+    Nex::Ptr<NexMfibKesh> mfibKeshIs(Kesh::Multicast::Fib::Status const* key,
+                                     Nex::Ptr<Kesh::Multicast::Fib::Status const> table);
+    void mfibKeshDel(Kesh::Multicast::Fib::Status const* key) { mfibKesh_.del(key); }
+    void mfibKeshDelAll() { mfibKesh_.delAll(); }
+    NexMfibKesh* mfibKesh(Kesh::Multicast::Fib::Status const* key) const {
+        return mfibKesh_.get(key);
+    }
+    void mfibKeshDirDel() { mfibKeshDir_.del(); }
+
   private:
+    void doReviewSoon();
+    /// Has the next review walk every route from the start.
+    void doWantSyncAllRoutes();
+    void doClearBookmarks();
+    bool syncInProgress() const { return keshBookmark_ || rkBookmarkNotNull(); }
+    /// The table to begin a slice with; null when there is none, or the bookmarked one is gone.
+    Kesh::Multicast::Fib::Status const* syncStart() const;
+    void doEndSlice(Kesh::Multicast::Fib::MfibKeshCollRouteIteratorConst const& at);
+    void doSync(Kesh::Multicast::Fib::Status const* table,
+                Routing::Multicast::Fib::IpGenRouteKey const& key);
+    void doSyncPresent(Kesh::Multicast::Fib::Status const& table,
+                       Routing::Multicast::Fib::IpGenRouteKey const& key);
+    void doSyncAbsent(Routing::Multicast::Fib::IpGenRouteKey const& key);
+    bool routeDeleted(Lox::IpAddr source, Lox::IpAddr group) const;
+
     /// Step one of both adds: a group that only the forwarding table contributed so far loses what
     /// the table put in.
     void doDropMfibSources(GroupSource* entry, Lox::IpAddr group);
@@ -246,15 +323,23 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
 
     Lox::IntfId intfId_;
     NEX_WATCHED(IntfConfig const, intfConfig, NexIntfConfig)
-    NEX_INPUT(IntfStatus, intfStatus)
-    NEX_INPUT(Kesh::Multicast::Fib::MfibKeshColl const, mfibKeshDir)
+    NEX_WATCHED(IntfStatus, intfStatus, NexIntfStatus)
+    NEX_WATCHED(Kesh::Multicast::Fib::MfibKeshColl const, mfibKeshDir, NexMfibKeshDir)
     NEX_WATCHED(Acl::AclTypeConfig const, ipAclConfig, NexIpAclConfig)
     NEX_WATCHED(Nex::Clock const, clock, NexClock)
     NEX_INPUT(Ip::SourceIntf::SourceIntf, srcIntfIhpIntf)
     IgmpHostProxySm* parent_;
     Nex::Ptr<Olm::ReviewTimer> reviewTimer_;
-    NEX_FIELD(double, minDelay, 0.01) // seconds
-    NEX_FIELD(double, maxDelay, 0.05) // seconds
+    NEX_FIELD(double, reviewQuantum, 0.1) // seconds of work per slice
+    NEX_FIELD(bool, syncAllRoutes, true)  // a full sync is wanted or in progress
+    NEX_FIELD(double, minDelay, 0.01)     // seconds
+    NEX_FIELD(double, maxDelay, 0.05)     // seconds
+    Kesh::Multicast::Fib::Status const* keshBookmark_ = nullptr;
+    std::uint64_t keshBookmarkSerial_ = 0; ///< of the table meant, 0 for none known
+    /// The first route that a suspended full sync has not reached.
+    NEX_FIELD(Routing::Multicast::Fib::IpGenRouteKey, rkBookmark, {})
+    NEX_FIELD_SET(Kesh::Multicast::Fib::MfibKeshDirRouteKey, changedRoute)
+    Nex::ReactorMap<Kesh::Multicast::Fib::Status const*, NexMfibKesh> mfibKesh_;
     GroupSourceRefCounter groupSourceRefCounter_;
     Nex::Map<Nex::String, Nex::Ptr<IgmpHostProxyAclHelper>> igmpHostProxyAclHelper_;
     NEX_REACTORS(Nex::Name, NexAcl, acl, Acl::AclConfig const, name)

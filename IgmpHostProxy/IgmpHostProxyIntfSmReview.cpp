@@ -1,9 +1,31 @@
 // The paced review of the VRF's multicast forwarding tables.
+//
+// Notifications only record which routes changed. Reviews, run by the review timer, do the work in
+// slices of about `reviewQuantum` seconds: first the full sync, if one is wanted, which walks every
+// route and may stop at a bookmark; then the changed routes. Groups that the configuration or an
+// access list owns are left alone.
 #include "IgmpHostProxy/IgmpHostProxyIntfSm.h"
 
 #include "IgmpHostProxy/Trace.h"
 
+#include <optional>
+
 namespace IgmpHostProxy {
+
+namespace {
+
+using Kesh::Multicast::Fib::MfibKeshCollRouteIteratorConst;
+using Kesh::Multicast::Fib::MfibKeshDirRouteKey;
+using Kesh::Multicast::Fib::Route;
+using Routing::Multicast::Fib::IpGenRouteKey;
+using Table = Kesh::Multicast::Fib::Status;
+
+/// The group of no route that is announced.
+constexpr Lox::IpAddr noGroup = Lox::IpAddr::fromHost(0xE0000000); // 224.0.0.0
+/// The source of a (*,G) route key.
+constexpr Lox::IpPrefix anyPrefix{};
+
+} // namespace
 
 void IgmpHostProxyIntfSm::reviewTimerIs(Nex::Clock::NotifieeConst* reactor, float fillInterval,
                                         unsigned maxCredits, float minDelay, float maxDelay) {
@@ -22,12 +44,279 @@ void IgmpHostProxyIntfSm::doKickReview() {
     reviewTimer()->doUpdateNextReview();
 }
 
+void IgmpHostProxyIntfSm::doReviewSoon() {
+    if (reviewTimer()) reviewTimer()->doUpdateNextReviewImmediately();
+}
+
+void IgmpHostProxyIntfSm::doWantSyncAllRoutes() {
+    syncAllRoutesIs(true);
+    doClearBookmarks();
+    doKickReview();
+}
+
 void IgmpHostProxyIntfSm::doReview() {
     IHP_TRACE_ENTRY();
     if (!initialized() || !mfibKeshDir()) return;
     IHP_TRACE(3, "Starting review");
+    if (syncAllRoutes()) {
+        doSyncAllRoutes();
+        if (syncInProgress()) {
+            IHP_TRACE(3, "All mfib routes are not yet reviewed");
+            doReviewSoon();
+            return;
+        }
+        syncAllRoutesIs(false);
+    }
+    doSyncChangedRoutes();
     IHP_TRACE(3, "Review finished");
     if (reviewTimer()) reviewTimer()->lastReviewTimeIs(Nex::System::currentTime());
+    if (changedRoute_.empty()) return;
+    IHP_TRACE(3, "% changed routes have not been reviewed", changedRoute_.size());
+    doReviewSoon();
+}
+
+// The full sync
+
+void IgmpHostProxyIntfSm::keshBookmarkIs(Table const* table) {
+    keshBookmark_ = table;
+    Nex::Ptr<Table const> const present =
+        table && mfibKeshDir() ? mfibKeshDir()->keshPtr(table) : nullptr;
+    keshBookmarkSerial_ = present ? present->serial() : 0;
+}
+
+bool IgmpHostProxyIntfSm::rkBookmarkNotNull() const { return rkBookmark_ != IpGenRouteKey(); }
+
+void IgmpHostProxyIntfSm::doClearBookmarks() {
+    keshBookmarkIs(nullptr);
+    rkBookmarkIs(IpGenRouteKey());
+}
+
+Table const* IgmpHostProxyIntfSm::syncStart() const {
+    if (!keshBookmark_) {
+        for (auto const& item : mfibKeshDir()->keshPtr()) return item.key;
+        return nullptr;
+    }
+    Nex::Ptr<Table const> const present = mfibKeshDir()->keshPtr(keshBookmark_);
+    // Another table at the same address is not the one that was being walked.
+    bool const replaced = present && present->serial() != keshBookmarkSerial_;
+    return mfibKeshDir()->keshPtrHas(keshBookmark_) && !replaced ? keshBookmark_ : nullptr;
+}
+
+void IgmpHostProxyIntfSm::doSyncAllRoutes() {
+    IHP_TRACE_ENTRY();
+    void const* const bookmark = keshBookmark_;
+    if (!syncInProgress()) {
+        IHP_TRACE(3, "Starting sync");
+    } else {
+        IHP_TRACE(3, "Resuming sync at %, %", bookmark, rkBookmark_);
+    }
+    Table const* const start = syncStart();
+    if (!start) {
+        IHP_TRACE(3, "mfibKesh at % does not exist.", bookmark);
+        return doClearBookmarks();
+    }
+    if (!mfibKeshDir()->keshPtr(start)) {
+        void const* const missing = start;
+        IHP_TRACE(3, "mfibKesh for % does not exist.", missing);
+        return doClearBookmarks();
+    }
+    MfibKeshCollRouteIteratorConst at(
+        mfibKeshDir(), start, rkBookmarkNotNull() ? std::optional(rkBookmark_) : std::nullopt);
+    double const deadline = Nex::System::currentTime() + reviewQuantum();
+    while (!at.atEnd()) {
+        void const* const table = at.table();
+        IHP_TRACE(3, "Syncing % from kesh table %", at.routeKey(), table);
+        doSyncKey(at.table(), at.routeKey());
+        // After the work: every slice syncs one route at least.
+        bool const late = Nex::System::currentTime() >= deadline;
+        at.updateToBestRouteIterators();
+        if (late) break;
+    }
+    doEndSlice(at);
+}
+
+/// `at` stands on the first route that has not been synced.
+void IgmpHostProxyIntfSm::doEndSlice(MfibKeshCollRouteIteratorConst const& at) {
+    if (at.atEnd()) {
+        doClearBookmarks();
+        IHP_TRACE(3, "Sync completed");
+        return;
+    }
+    keshBookmarkIs(at.table());
+    rkBookmarkIs(at.routeKey());
+    void const* const table = at.table();
+    IHP_TRACE(3, "Suspending sync at %, %", table, at.routeKey());
+}
+
+// Changed routes
+
+void IgmpHostProxyIntfSm::doSyncChangedRoutes() {
+    IHP_TRACE_ENTRY();
+    double const deadline = Nex::System::currentTime() + reviewQuantum();
+    for (MfibKeshDirRouteKey const& changed : changedRoute()) {
+        doSyncKey(changed);
+        changedRouteDel(changed);
+        if (Nex::System::currentTime() >= deadline) return;
+    }
+}
+
+void IgmpHostProxyIntfSm::handleKeshPtr(Table const* key) {
+    if (Nex::Ptr<Table const> const table = mfibKeshDir()->keshPtr(key)) {
+        mfibKeshIs(key, table);
+    } else {
+        mfibKeshDel(key);
+    }
+}
+
+void IgmpHostProxyIntfSm::handleKeshPtr() {
+    if (mfibKeshDir())
+        for (auto const& item : mfibKeshDir()->keshPtr())
+            if (item.value) mfibKeshIs(item.key, item.value);
+    mfibKesh_.delUnless(
+        [&](Table const* key) { return mfibKeshDir() && mfibKeshDir()->keshPtrHas(key); });
+}
+
+Nex::Ptr<IgmpHostProxyIntfSm::NexMfibKesh>
+IgmpHostProxyIntfSm::mfibKeshIs(Table const* key, Nex::Ptr<Table const> table) {
+    Nex::refuseNull(!table, nexTypeName, "mfibKesh");
+    return mfibKesh_.is(key, std::move(table), this);
+}
+
+IgmpHostProxyIntfSm::NexMfibKesh::NexMfibKesh(Nex::Ptr<Table const> table,
+                                              IgmpHostProxyIntfSm* machine)
+    : Reactor(std::move(table), machine) {
+    hasNotificationActiveIs(true);
+    doNotifyChangedRoutes();
+}
+
+void IgmpHostProxyIntfSm::NexMfibKesh::doNotifyChangedRoutes() {
+    IHP_TRACE_ENTRY();
+    machine()->doKickReview();
+}
+
+void IgmpHostProxyIntfSm::NexMfibKesh::doNotifyChangedRoutes(IpGenRouteKey const& key) {
+    IHP_TRACE_ENTRY();
+    if (key.group.address() == noGroup) return;
+    MfibKeshDirRouteKey const changed(*notifier(), key);
+    IHP_TRACE(3, "Route changed in MfibKesh Table%", changed);
+    machine()->changedRouteIs(changed);
+    machine()->doReviewSoon();
+}
+
+// One route
+
+void IgmpHostProxyIntfSm::doSyncKey(Table const* table, IpGenRouteKey const& key) {
+    IHP_TRACE_ENTRY();
+    Nex::Ptr<Table const> const present = mfibKeshDir()->keshPtr(table);
+    doSync(present.get(), key);
+}
+
+void IgmpHostProxyIntfSm::doSyncKey(MfibKeshDirRouteKey const& changed) {
+    IHP_TRACE_ENTRY();
+    Nex::Ptr<Table const> const present = mfibKeshDir()->keshPtr(changed.table);
+    doSync(present && present->serial() == changed.serial ? present.get() : nullptr, changed.route);
+}
+
+void IgmpHostProxyIntfSm::doSync(Table const* table, IpGenRouteKey const& key) {
+    if (!intfStatus() || !intfConfig()) return;
+    if (intfStatus()->denyMroute()) {
+        IHP_TRACE(6, "Rule to deny mfib configurations is enabled.");
+        return;
+    }
+    if (key.group.address() == noGroup) return;
+    if (table && table->route(key) != Route()) {
+        doSyncPresent(*table, key);
+    } else {
+        doSyncAbsent(key);
+    }
+}
+
+void IgmpHostProxyIntfSm::doSyncPresent(Table const& table, IpGenRouteKey const& key) {
+    IHP_TRACE(6, "RouteKey found in mfib");
+    Lox::IpAddr const group = key.group.address();
+    Lox::IpAddr const source = key.source.address();
+    if (intfConfig()->groupSourceListHas(group)) {
+        IHP_TRACE(6, "Group found in GroupSourceList.");
+        return;
+    }
+    if (aclHas(group) || routeDeleted(source, group)) return;
+    // The exact key: a (*,G) route with a shorter group prefix does not stand for the group.
+    bool const anySourceRoute = table.route({anyPrefix, Lox::IpPrefix(group, 32)}) != Route();
+    Nex::Ptr<GroupSource> entry = intfStatus()->groupSourceList(group);
+    if (!anySourceRoute) {
+        IHP_TRACE(6, "( *,G ) not found in mroute for group : %", group);
+        if (!entry) entry = intfStatus()->groupSourceListIs(group);
+        IHP_TRACE(6, "Adding source to include list");
+        entry->includeSourceListIs(source);
+        return;
+    }
+    if (entry) {
+        entry->includeSourceListDelAll();
+    } else {
+        entry = intfStatus()->groupSourceListIs(group);
+    }
+    IHP_TRACE(6, "0.0.0.0 source.Adding to exclude source list");
+    entry->excludeSourceListIs(anySource);
+}
+
+/// Whether the operator removed the source, or the whole group, from the configuration.
+bool IgmpHostProxyIntfSm::routeDeleted(Lox::IpAddr source, Lox::IpAddr group) const {
+    GroupSource const* const deleted = intfConfig()->deletedGroupSourceList(group);
+    if (!deleted) return false;
+    IHP_TRACE(6, "Group: % found in deletedGroupSourceList", group);
+    return deleted->excludeSourceListHas(anySource) || deleted->includeSourceListHas(source) ||
+           deleted->excludeSourceListHas(source);
+}
+
+void IgmpHostProxyIntfSm::doSyncAbsent(IpGenRouteKey const& key) {
+    IHP_TRACE(6, "Routekey not found in mfib");
+    Lox::IpAddr const group = key.group.address();
+    if (intfConfig()->groupSourceListHas(group) || aclHas(group)) return;
+    IHP_TRACE(6, "Group was not configured, so deleting it from intfStatus");
+    if (key.source.address() == anySource) {
+        IHP_TRACE(6, "Routekey is ( *,G ).");
+        intfStatus()->groupSourceListDel(group);
+        // The group's (S,G) routes had lost their sources to the (*,G) route. A full sync brings
+        // those back that are still there, and nobody need remember which they were.
+        IHP_TRACE(6, "Restarting the review to add the mfib sources back.");
+        doWantSyncAllRoutes();
+        return;
+    }
+    IHP_TRACE(6, "Routekey is ( S,G )");
+    Nex::Ptr<GroupSource> const entry = intfStatus()->groupSourceList(group);
+    if (!entry) return;
+    entry->includeSourceListDel(key.source.address());
+    if (!entry->empty()) return;
+    IHP_TRACE(6, "No sources present for the group. Deleting group");
+    intfStatus()->groupSourceListDel(group);
+}
+
+// Keeping the tables' groups out
+
+void IgmpHostProxyIntfSm::handleDenyMroute() {
+    IHP_TRACE_ENTRY();
+    if (!intfStatus()) return;
+    if (!intfStatus()->denyMroute()) {
+        IHP_TRACE(7, "Restarting the review to add the mfib sources back");
+        doWantSyncAllRoutes();
+        return;
+    }
+    IHP_TRACE(7, "Deleting mfib-only sources from the status");
+    for (auto const& [group, entry] : intfStatus()->groupSourceList()) {
+        for (Lox::IpAddr const source : entry->includeSourceList()) {
+            if (groupSourceRefCounter({source, group}) > 0) continue;
+            IHP_TRACE(7, "Deleting included source IP% added only through mfib", source);
+            entry->includeSourceListDel(source);
+        }
+        for (Lox::IpAddr const source : entry->excludeSourceList()) {
+            if (groupSourceRefCounter({source, group}) > 0) continue;
+            IHP_TRACE(7, "Deleting excluded source IP% added only through mfib", source);
+            entry->excludeSourceListDel(source);
+        }
+        if (!entry->empty()) continue;
+        IHP_TRACE(7, "Deleting group since there are no included/excluded sources");
+        intfStatus()->groupSourceListDel(group);
+    }
 }
 
 } // namespace IgmpHostProxy

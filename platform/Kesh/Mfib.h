@@ -6,12 +6,17 @@
 #include "Lox/Names.h"
 #include "Nex/Record.h"
 
+#include <optional>
+#include <vector>
+
 namespace Routing::Multicast::Fib {
 
 /// Names a route. The all-zero key is no route's.
 struct IpGenRouteKey {
     Lox::IpPrefix source;
     Lox::IpPrefix group;
+
+    using NexSorted = void; ///< tables are walked in the order of the keys
 
     /// By group, then by source.
     friend constexpr auto operator<=>(IpGenRouteKey const& a, IpGenRouteKey const& b) {
@@ -42,14 +47,27 @@ using Routing::Multicast::Fib::IpGenRouteKey;
 /// What a table says of a route. The default value stands for none.
 struct Route {
     bool present = false;
+    std::uint32_t stamp = 0; ///< another one has the route's readers look at it again
     friend constexpr bool operator==(Route const&, Route const&) = default;
 };
 
 #define MFIB_STATUS(ATTR, SET, MAP, RECORDS) MAP(IpGenRouteKey, Route, route, Route)
 
-/// One table of routes.
+/// One table of routes, in the order of their keys.
 class Status : public Nex::RecordBase {
     NEX_RECORD(Status, Nex::Name, name, MFIB_STATUS)
+
+  public:
+    /// Tells this table from every other that ever was, also at the same address.
+    std::uint64_t serial() const { return serial_; }
+    using RoutePosition = Nex::SortedMap<IpGenRouteKey, Route>::Position;
+    RoutePosition firstRoute() const { return RoutePosition(route_); }
+    /// The route of that key, or the next one in the table's order.
+    RoutePosition routeFrom(IpGenRouteKey const& key) const { return RoutePosition(route_, key); }
+
+  private:
+    static inline std::uint64_t lastSerial_ = 0;
+    std::uint64_t serial_ = ++lastSerial_;
 };
 
 #define MFIB_KESH_COLL(ATTR, SET, MAP, RECORDS)                                                    \
@@ -67,4 +85,52 @@ class MfibKeshDir : public Nex::RecordBase {
     NEX_RECORD(MfibKeshDir, Nex::Name, name, MFIB_KESH_DIR)
 };
 
+/// Names a route of a table. The pointer is the table's identity in its collection and is never
+/// followed; the serial number tells whether the table found under it is still the one meant.
+struct MfibKeshDirRouteKey {
+    Status const* table = nullptr;
+    std::uint64_t serial = 0;
+    IpGenRouteKey route;
+
+    MfibKeshDirRouteKey() = default;
+    MfibKeshDirRouteKey(Status const& named, IpGenRouteKey const& key)
+        : table(&named), serial(named.serial()), route(key) {}
+    friend constexpr auto operator<=>(MfibKeshDirRouteKey const&,
+                                      MfibKeshDirRouteKey const&) = default;
+};
+std::ostream& operator<<(std::ostream&, MfibKeshDirRouteKey const&);
+
+/// Walks the routes of all tables of a collection, table by table in the collection's order. It
+/// never stands on "no route" before its end, and finds its way on when routes and tables come and
+/// go meanwhile.
+class MfibKeshCollRouteIteratorConst {
+  public:
+    /// Stands on the first route of `table`, or on `from` or what follows it there; where the table
+    /// has none left, on the first route of the tables after it. The collection is held.
+    MfibKeshCollRouteIteratorConst(Nex::Ptr<MfibKeshColl const> tables, Status const* table,
+                                   std::optional<IpGenRouteKey> const& from);
+
+    bool atEnd() const { return !at_; }
+    /// Of the route stood on; not to be called at the end.
+    Status const* table() const { return table_.get(); }
+    IpGenRouteKey const& routeKey() const { return at_->key(); }
+    /// Moves on to the next route.
+    void updateToBestRouteIterators();
+
+  private:
+    void doSkipEmptyTables();
+
+    Nex::Ptr<MfibKeshColl const> tables_;
+    std::vector<Status const*> rest_; ///< tables still to come, the next one last
+    Nex::Ptr<Status const> table_;
+    std::optional<Status::RoutePosition> at_;
+};
+
 } // namespace Kesh::Multicast::Fib
+
+template <>
+struct std::hash<Kesh::Multicast::Fib::MfibKeshDirRouteKey> {
+    std::size_t operator()(Kesh::Multicast::Fib::MfibKeshDirRouteKey const& key) const noexcept {
+        return std::hash<Routing::Multicast::Fib::IpGenRouteKey>()(key.route) ^ key.serial << 40;
+    }
+};

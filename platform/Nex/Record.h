@@ -21,6 +21,7 @@
 #pragma once
 
 #include "Nex/Entity.h"
+#include "Nex/SortedMap.h"
 
 #include <string_view>
 #include <type_traits>
@@ -40,6 +41,16 @@ struct MapKind {
 template <class Key, class Value>
 requires(isSmall<Key>&& isSmall<Value>) struct MapKind<Key, Value> {
     using Type = SmallMap<Key, Value, 4>;
+};
+/// Whether maps of this key are walked in the order of their keys; a key type says so itself.
+template <class Key>
+inline constexpr bool isSorted = requires {
+    typename Key::NexSorted;
+};
+template <class Key, class Value>
+requires isSorted<Key>
+struct MapKind<Key, Value> {
+    using Type = SortedMap<Key, Value>;
 };
 template <class Key, class Value>
 using MapOf = typename MapKind<Key, Value>::Type;

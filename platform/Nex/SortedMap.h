@@ -1,0 +1,97 @@
+// A map that is walked in the order of its keys and still finds a key by one hash lookup: the
+// entries of a `Map`, and the keys once more in a tree.
+#pragma once
+
+#include "Nex/Map.h"
+
+#include <set>
+
+namespace Nex {
+
+template <class Key, class Value>
+class SortedMap {
+  public:
+    std::size_t size() const { return entries_.size(); }
+    bool empty() const { return entries_.empty(); }
+    bool has(Key const& key) const { return entries_.has(key); }
+    /// As of `Map`.
+    Value* find(Key const& key) { return entries_.find(key); }
+    Value const* find(Key const& key) const { return entries_.find(key); }
+    std::pair<Value*, bool> findOrInsert(Key const& key) {
+        auto const found = entries_.findOrInsert(key);
+        if (found.second) {
+            order_.insert(key);
+            ++revision_;
+        }
+        return found;
+    }
+    Value take(Key const& key) {
+        if (order_.erase(key) != 0) ++revision_;
+        return entries_.take(key);
+    }
+
+    /// A place in the order of the keys. It finds its way on whatever is inserted and removed: the
+    /// next key is the least one above the last.
+    class Position {
+      public:
+        /// Stands on the least key, or on the least that is not below `from`.
+        explicit Position(SortedMap const& map)
+            : map_(&map), at_(map.order_.begin()), revision_(map.revision_) {
+            doKeep();
+        }
+        Position(SortedMap const& map, Key const& from)
+            : map_(&map), at_(map.order_.lower_bound(from)), revision_(map.revision_) {
+            doKeep();
+        }
+        bool atEnd() const { return !key_; }
+        Key const& key() const { return *key_; }
+        void advance() {
+            at_ = revision_ == map_->revision_ ? std::next(at_) : map_->order_.upper_bound(*key_);
+            revision_ = map_->revision_;
+            doKeep();
+        }
+
+      private:
+        void doKeep() {
+            if (at_ == map_->order_.end()) {
+                key_.reset();
+            } else {
+                key_ = *at_;
+            }
+        }
+
+        SortedMap const* map_;
+        typename std::set<Key>::const_iterator at_;
+        std::uint64_t revision_; ///< of the map when `at_` was good
+        std::optional<Key> key_;
+    };
+
+    template <class As>
+    class Cursor {
+      public:
+        explicit Cursor(SortedMap const& map) : map_(&map), at_(map) {}
+        std::optional<Yielded<Key, As>> next() {
+            if (started_) at_.advance();
+            started_ = true;
+            if (at_.atEnd()) return std::nullopt;
+            return yield<Key, As>(Item<Key, As>{at_.key(), *map_->find(at_.key())});
+        }
+        std::size_t size() const { return map_->size(); }
+
+      private:
+        SortedMap const* map_;
+        Position at_;
+        bool started_ = false;
+    };
+    template <class As = Value>
+    Walk<Cursor<As>> walk() const {
+        return Walk<Cursor<As>>(*this);
+    }
+
+  private:
+    Map<Key, Value> entries_;
+    std::set<Key> order_;
+    std::uint64_t revision_ = 0; ///< of the keys
+};
+
+} // namespace Nex
