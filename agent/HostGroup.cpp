@@ -1,0 +1,121 @@
+#include "HostGroup.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace Agent {
+
+bool HostGroup::stateIs(FilterMode mode, std::span<Lox::IpAddr const> sources,
+                        unsigned robustness) {
+    bool modeChanged = mode != mode_;
+    bool changed = modeChanged;
+    std::vector<Source> next;
+    next.reserve(sources.size() + counted_);
+    auto keep = [&](Source source, bool listed) {
+        if (source.listed != listed) {
+            source.listed = listed;
+            source.repeats = std::uint8_t(robustness);
+            changed = true;
+        }
+        if (source.listed || source.repeats > 0) next.push_back(source);
+    };
+
+    auto old = sources_.begin();
+    for (Lox::IpAddr address : sources) {
+        for (; old != sources_.end() && old->address < address; ++old) keep(*old, false);
+        bool known = old != sources_.end() && old->address == address;
+        keep(known ? *old++ : Source{address}, true);
+    }
+    for (; old != sources_.end(); ++old) keep(*old, false);
+
+    sources_.swap(next);
+    mode_ = mode;
+    if (modeChanged) repeats_ = std::uint8_t(robustness);
+    doRecount();
+    return changed;
+}
+
+void HostGroup::announce(unsigned robustness) {
+    if (mode_ == FilterMode::exclude)
+        repeats_ = std::uint8_t(robustness);
+    else
+        for (Source& source : sources_)
+            if (source.listed) source.repeats = std::uint8_t(robustness);
+    doRecount();
+}
+
+void HostGroup::changeDel() { repeatsIs(0); }
+
+void HostGroup::repeatsIs(unsigned repeats) {
+    repeats_ = std::uint8_t(repeats);
+    if (counted_ == 0) return;
+    std::erase_if(sources_, [](Source const& source) { return !source.listed; });
+    for (Source& source : sources_) source.repeats = 0;
+    counted_ = 0;
+}
+
+void HostGroup::changeRecordsAdd(RecordList& records) const {
+    if (repeats_ > 0) return listRecordAdd(records, RecordType::toIn, RecordType::toEx);
+    sourceRecordAdd(records, RecordType::allow);
+    sourceRecordAdd(records, RecordType::block);
+}
+
+void HostGroup::changeSent() {
+    if (repeats_ > 0) --repeats_;
+    if (counted_ == 0) return;
+    for (Source& source : sources_)
+        if (source.repeats > 0) --source.repeats;
+    std::erase_if(sources_, [](Source const& s) { return !s.listed && s.repeats == 0; });
+    doRecount();
+}
+
+void HostGroup::stateRecordAdd(RecordList& records) const {
+    listRecordAdd(records, RecordType::isIn, RecordType::isEx);
+}
+
+void HostGroup::askedAdd(std::span<Lox::IpAddr const> sources, bool pending) {
+    bool wholeGroup = sources.empty() || (pending && asked_.empty());
+    if (wholeGroup || !pending) asked_.clear();
+    if (wholeGroup) return;
+    asked_.insert(asked_.end(), sources.begin(), sources.end());
+    std::sort(asked_.begin(), asked_.end());
+    asked_.erase(std::unique(asked_.begin(), asked_.end()), asked_.end());
+    if (asked_.size() > maxAsked) asked_.clear();
+}
+
+void HostGroup::answerRecordsAdd(RecordList& records) const {
+    if (!hasState()) return;
+    if (asked_.empty()) return stateRecordAdd(records);
+    records.recordAdd(RecordType::isIn, group_);
+    auto at = sources_.begin();
+    for (Lox::IpAddr address : asked_) {
+        while (at != sources_.end() && at->address < address) ++at;
+        bool listed = at != sources_.end() && at->address == address && at->listed;
+        if (isWanted(listed)) records.sourceAdd(address);
+    }
+    records.emptyRecordDel();
+}
+
+void HostGroup::listRecordAdd(RecordList& records, RecordType include, RecordType exclude) const {
+    records.recordAdd(mode_ == FilterMode::include ? include : exclude, group_);
+    for (Source const& source : sources_)
+        if (source.listed) records.sourceAdd(source.address);
+}
+
+void HostGroup::sourceRecordAdd(RecordList& records, RecordType type) const {
+    records.recordAdd(type, group_);
+    for (Source const& source : sources_)
+        if (source.repeats > 0 && isWanted(source.listed) == (type == RecordType::allow))
+            records.sourceAdd(source.address);
+    records.emptyRecordDel();
+}
+
+void HostGroup::doRecount() {
+    listed_ = counted_ = 0;
+    for (Source const& source : sources_) {
+        listed_ += source.listed;
+        counted_ += source.repeats > 0;
+    }
+}
+
+} // namespace Agent
