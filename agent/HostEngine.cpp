@@ -1,0 +1,225 @@
+#include "HostEngine.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace Agent {
+
+namespace {
+
+constexpr unsigned leastRobustness = 2;
+constexpr unsigned mostRobustness = 255;
+constexpr unsigned leastMtu = 68;
+constexpr unsigned mostMtu = 65535;
+constexpr double quietSeconds = 600; // between two warnings of a kind
+
+/// 232.0.0.0/8 (RFC 4607).
+bool isSourceSpecific(Lox::IpAddr group) { return group.host() >> 24 == 232; }
+
+} // namespace
+
+HostEngine::HostEngine(Output& output, std::mt19937 random) : output_(output), random_(random) {
+    budget_.limitIs(settings_.packetsPer100ms);
+}
+
+void HostEngine::settingsIs(double now, Settings const& settings) {
+    bool moved = settings.address != settings_.address;
+    unsigned before = version_;
+    settings_ = settings;
+    settings_.version = std::clamp(settings.version, 1u, 3u);
+    settings_.mtu = std::clamp(settings.mtu, leastMtu, mostMtu);
+    settings_.robustness = std::clamp(settings.robustness, leastRobustness, mostRobustness);
+    settings_.ssmOnly = settings.ssmOnly && settings_.version == 3;
+    if (settings_.ssmOnly) v1QuerierExpiry_ = v2QuerierExpiry_ = never;
+    settings_.packetsPer100ms = std::max(settings.packetsPer100ms, 1u);
+    budget_.limitIs(settings_.packetsPer100ms);
+    handleVersion(now);
+    if (moved || version_ != before) doAnnounceAll(now);
+    doSend(now);
+}
+
+void HostEngine::groupIs(Lox::IpAddr group, FilterMode mode, std::span<Lox::IpAddr const> sources) {
+    if (!group.isMulticast() || group == allSystems) return;
+    GroupEntry& entry = groups_.try_emplace(group, group).first->second;
+    Wish wish{&entry, mode, wishSources_.size(), 0};
+    wishSources_.insert(wishSources_.end(), sources.begin(), sources.end());
+    auto first = wishSources_.begin() + std::ptrdiff_t(wish.firstSource);
+    std::sort(first, wishSources_.end());
+    wishSources_.erase(std::unique(first, wishSources_.end()), wishSources_.end());
+    wish.sourceCount = wishSources_.size() - wish.firstSource;
+    if (entry.wish != GroupEntry::noWish) {
+        wishes_[entry.wish] = wish;
+        return;
+    }
+    entry.wish = wishes_.size();
+    wishes_.push_back(wish);
+}
+
+void HostEngine::groupDel(Lox::IpAddr group) {
+    if (groups_.count(group) > 0) groupIs(group, FilterMode::include, {});
+}
+
+void HostEngine::flush(double now) {
+    for (Wish const& wish : wishes_) doApply(now, wish);
+    wishes_.clear();
+    wishSources_.clear();
+    doSend(now);
+}
+
+void HostEngine::doApply(double now, Wish const& wish) {
+    GroupEntry& entry = *wish.entry;
+    entry.wish = GroupEntry::noWish;
+    HostGroup& group = entry.group;
+    bool refused = handleExclude(now, wish);
+    std::span sources(wishSources_.data() + wish.firstSource, refused ? 0 : wish.sourceCount);
+    bool wasMember = group.hasState();
+    unsigned reports = group.repeats();
+    bool changed = group.stateIs(refused ? FilterMode::include : wish.mode, sources, robustness());
+    bool joinedOrLeft = group.hasState() != wasMember;
+    if (joinedOrLeft && wasMember) {
+        entry.walk.unlink();
+        --members_;
+    } else if (joinedOrLeft) {
+        settled_.add(entry.walk);
+        ++members_;
+    }
+    if (version_ < 3) { // only membership counts, and a leave is sent once
+        changed = joinedOrLeft;
+        group.repeatsIs(!joinedOrLeft ? reports : wasMember ? 1 : robustness());
+    }
+    if (!linkUp_)
+        group.changeDel();
+    else if (changed && entry.change.queue != &fresh_)
+        fresh_.add(entry.change, now, now);
+    doRelease(entry);
+}
+
+/// Warns of EXCLUDE where routers do not expect it. Whether it must not be announced at all, as in
+/// the source-specific range (RFC 4604).
+bool HostEngine::handleExclude(double now, Wish const& wish) {
+    if (wish.mode != FilterMode::exclude) return false;
+    Lox::IpAddr group = wish.entry->group.group();
+    bool refused = isSourceSpecific(group);
+    if (refused)
+        doWarn(now, ssmExclude,
+               [&] { return group.stringValue() + ": no EXCLUDE in 232.0.0.0/8, not announced"; });
+    else if (wish.sourceCount > 0) // such routers follow RFC 5790
+        doWarn(now, excludeList, [&] {
+            return group.stringValue() + ": some routers ignore lists of excluded sources";
+        });
+    return refused;
+}
+
+void HostEngine::handleVersion(double now) {
+    if (v1QuerierExpiry_ <= now) v1QuerierExpiry_ = never;
+    if (v2QuerierExpiry_ <= now) v2QuerierExpiry_ = never;
+    unsigned querier = v1QuerierExpiry_ != never ? 1 : v2QuerierExpiry_ != never ? 2 : 3;
+    unsigned version = std::min(settings_.version, querier);
+    if (version == version_) return;
+    version_ = version;
+    doCancel();
+}
+
+/// Cancels pending answers and repeats (RFC 9776, 7.2.1). A change that nobody has heard of yet is
+/// neither: it leaves in the version now spoken.
+void HostEngine::doCancel() {
+    late_.clear();
+    doDrop(repeats_, &GroupEntry::change);
+    doDrop(answers_, &GroupEntry::answer);
+    generalDue_ = walkDue_ = never;
+    olderQueryTime_ = -never;
+}
+
+void HostEngine::doDrop(GroupQueue& queue, TimedLink GroupEntry::*link) {
+    while (GroupEntry* entry = queue.first()) {
+        GroupQueue::del(entry->*link);
+        if (link == &GroupEntry::change) entry->group.changeDel();
+        doRelease(*entry);
+    }
+}
+
+void HostEngine::doAnnounceAll(double now) {
+    if (!linkUp_) return;
+    late_.clear();
+    for (auto& [address, entry] : groups_) {
+        if (!entry.group.hasState()) continue;
+        if (version_ < 3)
+            entry.group.repeatsIs(robustness());
+        else
+            entry.group.announce(robustness());
+        if (entry.change.queue != &fresh_) fresh_.add(entry.change, now, now);
+    }
+}
+
+void HostEngine::doRelease(GroupEntry& entry) {
+    bool pending = entry.change.queue != nullptr || entry.answer.queue != nullptr;
+    if (!pending && !entry.group.hasState() && entry.wish == GroupEntry::noWish)
+        groups_.erase(entry.group.group());
+}
+
+double HostEngine::nextExpiry() const {
+    double work = late_.empty() ? never : -never;
+    for (unsigned job = 0; job < jobCount; ++job) work = std::min(work, jobDue(Job(job)));
+    return std::min(
+        {std::max(work, budget_.nextExpiry()), generalDue_, v1QuerierExpiry_, v2QuerierExpiry_});
+}
+
+void HostEngine::timeIs(double now) {
+    handleVersion(now);
+    if (generalDue_ <= now) {
+        // What an earlier answer has yet to name comes first, so that no number of queries keeps
+        // it from being named.
+        walking_.addAll(settled_);
+        walkLeft_ = members_;
+        walkDue_ = now;
+        walkDeadline_ = generalDeadline_;
+        generalDue_ = never;
+    }
+    doSend(now);
+}
+
+void HostEngine::linkDown(double now) {
+    linkUp_ = false;
+    v1QuerierExpiry_ = v2QuerierExpiry_ = never;
+    heardRobustness_ = 0;
+    handleVersion(now);
+    doCancel();
+    doDrop(fresh_, &GroupEntry::change);
+}
+
+void HostEngine::linkUp(double now) {
+    linkUp_ = true;
+    doAnnounceAll(now);
+    doSend(now);
+}
+
+void HostEngine::leaveAll(double now) {
+    for (auto& [address, entry] : groups_) groupDel(address);
+    budget_.limitIs(std::numeric_limits<unsigned>::max());
+    flush(now);
+    linkDown(now);
+    budget_.limitIs(settings_.packetsPer100ms);
+}
+
+unsigned HostEngine::robustness() const {
+    return heardRobustness_ != 0 ? heardRobustness_ : settings_.robustness;
+}
+
+double HostEngine::reportIntervalSeconds() const {
+    double configured = settings_.unsolicitedReportIntervalSeconds;
+    if (configured > 0) return configured;
+    return version_ == 3 ? 1 : 10;
+}
+
+double HostEngine::randomDelay(double boundSeconds) {
+    constexpr double least = 1e-6; // never zero, unless the bound is
+    return boundSeconds * std::max(std::uniform_real_distribution<double>()(random_), least);
+}
+
+void HostEngine::doWarn(double now, Warning warning, std::function<std::string()> const& text) {
+    if (now < quietUntil_[warning]) return;
+    quietUntil_[warning] = now + quietSeconds;
+    output_.warn(text());
+}
+
+} // namespace Agent

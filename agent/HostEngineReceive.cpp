@@ -1,0 +1,176 @@
+// What arrives: queries, which are answered later, and the reports of other hosts, which matter to
+// the older versions alone.
+#include "HostEngine.h"
+
+#include <algorithm>
+
+namespace Agent {
+
+namespace {
+
+constexpr double tenth = 0.1; // unit of the Max Resp Time, in seconds
+/// An older host's longest delay, whatever is asked (RFC 1112, appendix I).
+constexpr double v1ResponseSeconds = 10;
+/// Hosts do not know the interval of an older querier and go by the default (RFC 9776, 8.12).
+constexpr double queryIntervalSeconds = 125;
+/// Older general queries closer together than this are copies. Without a bound a flood of them
+/// would have us set all timers over and over.
+constexpr double copySeconds = 0.1;
+
+} // namespace
+
+void HostEngine::received(double now, std::span<std::uint8_t const> ipPacket) {
+    if (!linkUp_) return;
+    DropReason reason;
+    auto datagram = IgmpDatagram::decode(ipPacket, reason);
+    if (!datagram) return dropped(reason);
+    if (!settings_.address.isZero() && datagram->source == settings_.address)
+        return dropped(DropReason::ownPacket);
+    switch (datagram->type) {
+    case IgmpType::query:
+        return handleQuery(now, *datagram);
+    case IgmpType::v1Report:
+    case IgmpType::v2Report:
+        return handleOlderReport(now, *datagram);
+    case IgmpType::v3Report:
+        ++counters_.v3ReportReceived;
+        return;
+    default:
+        return;
+    }
+}
+
+void HostEngine::handleQuery(double now, IgmpDatagram const& datagram) {
+    DropReason reason;
+    auto query = IgmpQuery::decode(datagram.payload, reason);
+    if (!query) return dropped(reason);
+    if (!isForUs(datagram, *query)) return dropped(DropReason::strayDestination);
+    if (query->version > 1 && !datagram.routerAlert && settings_.requireRouterAlert)
+        return dropped(DropReason::noRouterAlert);
+    doCountQuery(*query);
+    doCountOddities(now, datagram, *query);
+    if (query->version < 3)
+        handleOlderQuerier(now, *query);
+    else if (query->robustness > 0)
+        heardRobustness_ = std::max<unsigned>(query->robustness, 2);
+    handleVersion(now);
+    if (query->version < 3 && settings_.ssmOnly) return;
+    if (version_ == 3)
+        doScheduleAnswer(now, *query);
+    else
+        doScheduleOlderReports(now, *query);
+}
+
+/// A query may go to our address, to all systems, or to the group it asks about (RFC 9776, 4.1.12);
+/// a general one to no other group (9.1).
+bool HostEngine::isForUs(IgmpDatagram const& datagram, IgmpQuery const& query) const {
+    Lox::IpAddr to = datagram.destination;
+    if (to.isMulticast()) return to == allSystems || to == query.group;
+    return settings_.address.isZero() || to == settings_.address;
+}
+
+void HostEngine::doCountQuery(IgmpQuery const& query) {
+    bool general = query.group.isZero();
+    if (query.version == 1)
+        ++counters_.v1QueryReceived;
+    else if (query.version == 2 && general)
+        ++counters_.v2GeneralQueryReceived;
+    else if (query.version == 2)
+        ++counters_.v2GroupQueryReceived;
+    else if (general)
+        ++counters_.v3GeneralQueryReceived;
+    else if (query.sources.empty())
+        ++counters_.v3GroupQueryReceived;
+    else
+        ++counters_.v3GroupSourceQueryReceived;
+}
+
+void HostEngine::doCountOddities(double now, IgmpDatagram const& datagram, IgmpQuery const& query) {
+    std::uint32_t different = datagram.source.host() ^ settings_.address.host();
+    unsigned length = std::min(settings_.prefixLength, 32u);
+    bool offSubnet = length > 0 && different >> (32 - length) != 0;
+    if (datagram.source.isZero() || offSubnet) ++counters_.oddSource;
+    if (datagram.ttl != 1) ++counters_.oddTtl;
+    if (query.version == 1 || datagram.routerAlert) return;
+    ++counters_.oddRouterAlert;
+    doWarn(now, routerAlert, [&] {
+        return "query without Router Alert from " + datagram.source.stringValue() + ", accepted";
+    });
+}
+
+/// Starts the timer of an older querier. A version 2 query for a group is sent by newer queriers as
+/// well and says nothing of their version (RFC 9776, 7.2.1).
+void HostEngine::handleOlderQuerier(double now, IgmpQuery const& query) {
+    if (query.version == 2 && !query.group.isZero()) return;
+    if (settings_.version == 3)
+        doWarn(now, olderQuery, [&] {
+            return "IGMPv" + std::to_string(query.version) + " querier heard" +
+                   (settings_.ssmOnly ? ", ignored" : ": sources cannot be announced");
+        });
+    if (settings_.ssmOnly) return;
+    double& expiry = query.version == 1 ? v1QuerierExpiry_ : v2QuerierExpiry_;
+    expiry = now + settings_.robustness * queryIntervalSeconds + 10 * responseSeconds(query);
+}
+
+/// The Max Resp Time. A version 3 query that reaches an older host is read as its first 8 octets
+/// (RFC 2236, 2.5), so the code is linear then.
+double HostEngine::responseSeconds(IgmpQuery const& query) const {
+    bool linear = query.version < 3 || settings_.version < 3;
+    if (linear && query.maxRespCode == 0) return v1ResponseSeconds;
+    return tenth * (linear ? query.maxRespCode : codedValue(query.maxRespCode));
+}
+
+/// The rules of RFC 9776, 5.2, in their order.
+void HostEngine::doScheduleAnswer(double now, IgmpQuery const& query) {
+    double bound = responseSeconds(query);
+    double due = now + randomDelay(bound);
+    if (generalDue_ <= due) return;
+    if (query.version == 1 || query.group.isZero()) {
+        if (members_ == 0) return;
+        generalDue_ = due;
+        generalDeadline_ = now + bound;
+        return;
+    }
+    auto found = groups_.find(query.group);
+    if (found == groups_.end() || !found->second.group.hasState()) return;
+    GroupEntry& entry = found->second;
+    bool pending = entry.answer.queue != nullptr;
+    entry.group.askedAdd(query.sources, pending);
+    if (!pending || due < entry.answer.due) answers_.add(entry.answer, now, due);
+}
+
+void HostEngine::doScheduleOlderReports(double now, IgmpQuery const& query) {
+    double bound = responseSeconds(query);
+    if (version_ == 1) bound = std::min(bound, v1ResponseSeconds);
+    if (query.version > 1 && !query.group.isZero()) {
+        auto found = groups_.find(query.group);
+        if (found != groups_.end()) doScheduleOlderReport(now, bound, found->second);
+        return;
+    }
+    if (now < olderQueryTime_ + copySeconds && olderQueryDeadline_ <= now + bound) return;
+    olderQueryTime_ = now;
+    olderQueryDeadline_ = now + bound;
+    for (auto& [address, entry] : groups_) doScheduleOlderReport(now, bound, entry);
+}
+
+/// A timer that runs is shortened, never extended (RFC 2236, 3).
+void HostEngine::doScheduleOlderReport(double now, double boundSeconds, GroupEntry& entry) {
+    if (!entry.group.hasState() || entry.change.queue == &fresh_) return;
+    if (entry.change.queue == &repeats_ && entry.change.due <= now + boundSeconds) return;
+    repeats_.add(entry.change, now, now + randomDelay(boundSeconds));
+}
+
+/// Another host answers for the group, so ours is silent. What nobody has heard yet is told anyway.
+void HostEngine::handleOlderReport(double now, IgmpDatagram const& datagram) {
+    if (!datagram.group().isMulticast()) return dropped(DropReason::badGroup);
+    ++counters_.v12ReportReceived;
+    handleVersion(now);
+    auto found = groups_.find(datagram.group());
+    if (version_ == 3 || found == groups_.end() || found->second.change.queue != &repeats_) return;
+    GroupEntry& entry = found->second;
+    GroupQueue::del(entry.change);
+    entry.group.changeDel();
+    entry.lastReporter = false;
+}
+
+} // namespace Agent
