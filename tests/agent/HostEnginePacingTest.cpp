@@ -1,0 +1,153 @@
+// How fast packets leave when many are wanted.
+#include "HostEngineFixture.h"
+
+#include <set>
+
+namespace Agent {
+namespace {
+
+class HostEnginePacingTest : public HostEngineFixture {
+  protected:
+    /// The most packets within any 100 ms.
+    std::size_t mostPer100ms() const {
+        std::size_t most = 0, first = 0;
+        for (std::size_t last = 0; last < sent.size(); ++last) {
+            while (sent[last].time - sent[first].time >= 0.1) ++first;
+            most = std::max(most, last - first + 1);
+        }
+        return most;
+    }
+    /// When the group was first told of.
+    double timeOf(Lox::IpAddr group) const {
+        for (SentPacket const& packet : sent)
+            if ((packet.text + ",").find(group.stringValue() + ",") != std::string::npos ||
+                packet.text.find(group.stringValue() + " ") != std::string::npos)
+                return packet.time;
+        return never;
+    }
+};
+
+TEST_F(HostEnginePacingTest, NoHundredMillisecondsSeeMoreThanTheLimit) {
+    for (unsigned version : {3u, 2u})
+        for (unsigned packets : {1u, 7u, 100u}) {
+            speak(version);
+            limit(packets);
+            now += 0.0731; // on no border
+            excludeMany("239.3.0.0", 2000);
+            engine.flush(now);
+            std::size_t atOnce = std::min(packets, version == 3 ? 11u : 2000u);
+            EXPECT_EQ(sent.size(), atOnce);
+            serve(60);
+            hear(version == 3 ? v3Query(1) : message(IgmpType::query, {}, 1));
+            serve(60);
+            EXPECT_LE(mostPer100ms(), packets);
+            EXPECT_GE(mostPer100ms(), atOnce);
+            engine.leaveAll(now);
+            engine.linkUp(now);
+            taken();
+        }
+}
+
+TEST_F(HostEnginePacingTest, ManyGroupsLeaveAndAreRepeatedInFullPackets) {
+    excludeMany("239.3.0.0", 10000); // 183 records fit
+    engine.flush(now);
+    EXPECT_EQ(sent.size(), 55u);
+    serve(1);
+    EXPECT_EQ(sent.size(), 110u);
+}
+
+TEST_F(HostEnginePacingTest, GroupTooBigForTheBudgetLeavesInPieces) {
+    limit(1);
+    include(g1, range("10.1.0.0", 1000));
+    engine.flush(now);
+    serve(0.25);
+    ASSERT_EQ(sent.size(), 3u);
+    EXPECT_EQ(mostPer100ms(), 1u);
+    EXPECT_EQ(sent[0].octets, 1500u);
+    EXPECT_EQ(sent[2].octets, 32u + 8 + 4 * 270);
+    EXPECT_EQ(counters().v3StateChangeReportSent, 3u);
+}
+
+TEST_F(HostEnginePacingTest, FirstGroupLeavesAtOnceHoweverManyFollow) {
+    settings.unsolicitedReportIntervalSeconds = 10;
+    limit(2);
+    Sources groups = range("239.3.0.0", 3000); // 500 a second, and 20 packets
+    double start = now;
+    for (Lox::IpAddr group : groups) {
+        exclude(group);
+        engine.flush(now);
+        serve(0.002);
+    }
+    EXPECT_EQ(timeOf(groups[0]), start);
+    for (std::size_t i = 0; i < groups.size(); i += 100)
+        EXPECT_LE(timeOf(groups[i]), start + 0.002 * double(i) + 0.5) << i;
+}
+
+TEST_F(HostEnginePacingTest, GroupThatKeepsChangingKeepsItsTurn) {
+    limit(1);
+    double start = now;
+    for (unsigned i = 0; i < 100; ++i) { // each of the others fills a packet, so their queue grows
+        include(Lox::IpAddr::fromHost(ip("239.3.0.0").host() + i), range("10.1.0.0", 360));
+        if (i >= 5) include(g1, range("10.1.0.0", 10 + i % 2));
+        engine.flush(now);
+        serve(0.05);
+    }
+    EXPECT_LT(timeOf(g1), start + 3);
+}
+
+TEST_F(HostEnginePacingTest, FreshChangeOvertakesABacklogWhichIsNotStarved) {
+    speak(2);
+    limit(10);
+    excludeMany("239.3.0.0", 500);
+    engine.flush(now);
+    serve(60);
+    taken();
+    hear(message(IgmpType::query, {}, 1));
+    serve(0.2);
+    double joined = now;
+    exclude(g1);
+    for (Lox::IpAddr group : range("239.4.0.0", 400)) { // as many joins as the budget has packets
+        engine.flush(now);
+        serve(0.01);
+        exclude(group);
+    }
+    EXPECT_LE(timeOf(g1), joined + 0.2);
+    auto backlog = range("239.3.0.0", 500);
+    EXPECT_GT(
+        std::count_if(backlog.begin(), backlog.end(), [&](auto g) { return timeOf(g) < never; }),
+        150);
+}
+
+TEST_F(HostEnginePacingTest, GeneralAnswerIsSpreadEvenlyOverTheResponseTime) {
+    excludeMany("239.3.0.0", 20000);
+    settle();
+    double end = now + 10;
+    hear(v3Query(100));
+    serve(10);
+    EXPECT_EQ(sent.size(), 110u);
+    double first = sent.front().time, last = sent.back().time;
+    EXPECT_GT(last - first, 0.9 * (end - first));
+    EXPECT_LE(last, end);
+    for (std::size_t i = 1; i < sent.size(); ++i)
+        EXPECT_LT(sent[i].time - sent[i - 1].time, (end - first) / 40) << i;
+}
+
+TEST_F(HostEnginePacingTest, QueriesFasterThanTheAnswerDoNotStarveItsEnd) {
+    limit(1);
+    excludeMany("239.3.0.0", 5000);
+    engine.flush(now);
+    serve(60);
+    taken();
+    for (unsigned i = 0; i < 100; ++i) {
+        hear(v3Query(1));
+        if (i == 10) engine.groupDel(ip("239.3.0.9"));
+        engine.flush(now);
+        serve(0.1);
+    }
+    for (Lox::IpAddr group : range("239.3.0.0", 5000)) ASSERT_LT(timeOf(group), never) << group;
+    serve(60);
+    EXPECT_EQ(engine.nextExpiry(), never);
+}
+
+} // namespace
+} // namespace Agent
