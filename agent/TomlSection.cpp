@@ -99,32 +99,6 @@ char const* typeName(toml::node const& node) {
     }
 }
 
-/// Whether reading the first `lines` lines of `text` ends in a failed assertion.
-bool failsWithin(std::string_view text, unsigned lines) {
-    std::size_t length = 0;
-    for (unsigned i = 0; i < lines && length < text.size(); ++i)
-        length = std::min(text.find('\n', length), text.size() - 1) + 1;
-    try {
-        (void)toml::parse(text.substr(0, length));
-    } catch (toml::parse_error const&) {
-    } catch (TomlAssertion const&) {
-        return true;
-    }
-    return false;
-}
-
-/// The line whose reading fails an assertion, which itself tells no place. The parser reads from
-/// left to right, so that longer beginnings of the text fail likewise.
-unsigned failingLine(std::string_view text) {
-    unsigned passes = 0;
-    unsigned fails = 1 + unsigned(std::count(text.begin(), text.end(), '\n'));
-    while (fails - passes > 1) {
-        unsigned const middle = passes + (fails - passes) / 2;
-        (failsWithin(text, middle) ? fails : passes) = middle;
-    }
-    return fails;
-}
-
 } // namespace
 
 void reportFound(TomlText const& found, std::string_view expected, Diagnostics& diagnostics) {
@@ -143,8 +117,6 @@ std::optional<toml::table> tomlParse(std::string_view text, Diagnostics& diagnos
         return toml::parse(text);
     } catch (toml::parse_error const& error) {
         diagnostics.errorIs(begin(error.source()), std::string(error.description()));
-    } catch (TomlAssertion const&) {
-        diagnostics.errorIs({failingLine(text), 1}, "malformed line, expected TOML");
     }
     return std::nullopt;
 }

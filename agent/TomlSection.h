@@ -3,13 +3,13 @@
 #pragma once
 
 #include "agent/Diagnostic.h"
-#include "agent/Toml.h"
 
 #include <cstdint>
 #include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <toml++/toml.h>
 #include <vector>
 
 namespace Agent {
