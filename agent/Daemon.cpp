@@ -1,0 +1,111 @@
+#include "agent/Daemon.h"
+
+#include "agent/Log.h"
+#include "agent/ServiceManager.h"
+#include "agent/StatusJson.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <signal.h>
+#include <system_error>
+
+namespace Agent {
+
+void logDiagnostics(std::vector<Diagnostic> const& diagnostics) {
+    for (Diagnostic const& diagnostic : diagnostics) {
+        LogLevel const level = diagnostic.level == Diagnostic::Level::error     ? LogLevel::error
+                               : diagnostic.level == Diagnostic::Level::warning ? LogLevel::warning
+                                                                                : LogLevel::info;
+        log(level, "{}", diagnostic.stringValue());
+    }
+}
+
+Daemon::Daemon(Options options, Configuration configuration)
+    : options_(std::move(options)), writer_(state_) {
+    doFollowSignals();
+    sourceIntfSm_.make(state_.sourceIntfSm, this);
+    root_ = state_.makeRoot();
+    hosts_ = Nex::newObject<IgmpHostAgent>(
+        state_, loop_, [this](Igmp::IgmpHost const& host) { return locate(host); },
+        [](std::string const&, bool) {});
+    state_.mfibDir->keshCollIs(L3::VrfName("default"));
+    interfaces_ = std::make_unique<NamespaceInterfaces>(
+        state_, loop_,
+        NamespaceInterfaces::Place{L3::VrfName("default"), Lox::NamespaceName::defaultNamespace()},
+        [](std::string const&) { return true; },
+        [this](std::string const& name) { hosts_->handleDevice(name); });
+    doFollowTime();
+    writer_.configurationIs(std::move(configuration));
+}
+
+Daemon::~Daemon() = default;
+
+void Daemon::doFollowSignals() {
+    loop_.signalIs(SIGHUP, [this] { handleReload(); });
+    loop_.signalIs(SIGUSR1, [this] { handleStatus(); });
+    for (int const signal : {SIGTERM, SIGINT})
+        loop_.signalIs(signal, [this] { handleTerminate(); });
+}
+
+void Daemon::doFollowTime() {
+    loop_.timeIs(
+        [this]() -> std::optional<double> {
+            double const next = std::min({state_.clock->nextExpiry(),
+                                          state_.timerWheel->nextExpiry(), hosts_->nextExpiry()});
+            return next == Nex::never ? std::nullopt : std::optional(next);
+        },
+        [this](double now) {
+            state_.clock->timeIs(now);
+            state_.timerWheel->timeIs(now);
+            hosts_->timeIs(now);
+        });
+    loop_.endOfTurnIs([this] { handleTurn(); });
+}
+
+void Daemon::NexSourceIntfSm::onSourceIntf(Lox::IntfId intfId) {
+    if (!daemon_->interfaces_) return;
+    Lox::IpAddr const address = daemon_->interfaces_->address(intfId.stringValue());
+    notifier()->sourceIntf(intfId)->ipAddrIs(address);
+}
+
+IgmpHostPort::Location Daemon::locate(Igmp::IgmpHost const& host) const {
+    if (!interfaces_) return {};
+    return {interfaces_->device(host.deviceName()), interfaces_->place().namespaceFd};
+}
+
+void Daemon::handleTurn() {
+    hosts_->handleTurn(EventLoop::now());
+    if (ready_ || !interfaces_->synchronized()) return;
+    ready_ = true;
+    std::puts("ready");
+    std::fflush(stdout);
+    serviceNotify("READY=1");
+}
+
+void Daemon::handleReload() {
+    serviceNotify("RELOADING=1");
+    ConfigurationReading reading = configurationRead(options_.configurationFile);
+    logDiagnostics(reading.diagnostics);
+    if (reading.valid()) {
+        writer_.configurationIs(std::move(reading.configuration));
+        log(LogLevel::info, "{} is in force", options_.configurationFile);
+    } else {
+        log(LogLevel::error, "{} was not taken over; nothing is changed",
+            options_.configurationFile);
+    }
+    serviceNotify("READY=1");
+}
+
+void Daemon::handleStatus() {
+    if (options_.statusFile.empty())
+        return log(LogLevel::warning, "no status is written: --status names no file");
+    fileReplace(options_.statusFile, toJson(*state_.status).dump(2) + "\n");
+}
+
+void Daemon::handleTerminate() {
+    serviceNotify("STOPPING=1");
+    hosts_->doLeave(EventLoop::now());
+    loop_.stopIs(0);
+}
+
+} // namespace Agent

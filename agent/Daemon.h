@@ -1,0 +1,79 @@
+// The agent as a whole: its state, the root machine over it, and the modules between the machine
+// and the operator, the kernel and the wire.
+#pragma once
+
+#include "agent/Configuration.h"
+#include "agent/ConfigurationWriter.h"
+#include "agent/EventLoop.h"
+#include "agent/IgmpHostAgent.h"
+#include "agent/NamespaceInterfaces.h"
+#include "agent/PlatformState.h"
+
+#include <memory>
+#include <string>
+
+namespace Agent {
+
+/// Writes what reading a file has found to the log.
+void logDiagnostics(std::vector<Diagnostic> const& diagnostics);
+
+class Daemon {
+  public:
+    struct Options {
+        std::string configurationFile;
+        /// Where SIGUSR1 writes the agent's view; empty for nowhere.
+        std::string statusFile;
+    };
+
+    /// Starts everything and puts the configuration in force. Throws std::system_error where the
+    /// kernel refuses what cannot be done without.
+    Daemon(Options options, Configuration configuration);
+    ~Daemon();
+    Daemon(Daemon const&) = delete;
+    Daemon& operator=(Daemon const&) = delete;
+
+    /// Serves until a signal ends it; the exit status.
+    int run() { return loop_.run(); }
+
+  private:
+    /// The loop's time is the time of all machines.
+    class LoopTime : public Nex::TimeSource {
+      public:
+        LoopTime() { Nex::System::timeSourceIs(this); }
+        ~LoopTime() { Nex::System::timeSourceIs(nullptr); }
+        double currentTime() override { return EventLoop::now(); }
+    };
+    /// Tells the address of an interface as it is registered.
+    class NexSourceIntfSm
+        : public Nex::Reactor<Ip::SourceIntf::SourceIntfSm::Notifiee, Nex::PtrInterface> {
+      public:
+        NexSourceIntfSm(Nex::Ptr<Ip::SourceIntf::SourceIntfSm> service, Daemon* daemon)
+            : Reactor(std::move(service), static_cast<Nex::PtrInterface*>(nullptr)),
+              daemon_(daemon) {}
+        void onSourceIntf(Lox::IntfId intfId) override;
+
+      private:
+        Daemon* daemon_;
+    };
+
+    void doFollowSignals();
+    void doFollowTime();
+    void handleTurn();
+    void handleReload();
+    void handleStatus();
+    void handleTerminate();
+    IgmpHostPort::Location locate(Igmp::IgmpHost const& host) const;
+
+    Options options_;
+    EventLoop loop_;
+    LoopTime time_;
+    PlatformState state_;
+    ConfigurationWriter writer_;
+    Nex::Owned<NexSourceIntfSm> sourceIntfSm_;
+    Nex::Ptr<IgmpHostProxy::IgmpHostProxySm> root_;
+    Nex::Ptr<IgmpHostAgent> hosts_;
+    std::unique_ptr<NamespaceInterfaces> interfaces_;
+    bool ready_ = false;
+};
+
+} // namespace Agent

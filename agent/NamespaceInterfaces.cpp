@@ -1,0 +1,98 @@
+#include "agent/NamespaceInterfaces.h"
+
+#include "agent/Log.h"
+
+#include <sys/epoll.h>
+
+namespace Agent {
+
+NamespaceInterfaces::NamespaceInterfaces(PlatformState& state, EventLoop& loop, Place place,
+                                         Owns owns, Observer observer)
+    : state_(state),
+      loop_(loop),
+      place_(std::move(place)),
+      owns_(std::move(owns)),
+      observer_(std::move(observer)),
+      kernel_([this](int ifindex) { handleInterface(ifindex); }, place_.namespaceFd) {
+    loop_.descriptorIs(kernel_.fd(), EPOLLIN, [this](std::uint32_t) { kernel_.receive(); });
+}
+
+NamespaceInterfaces::~NamespaceInterfaces() {
+    loop_.descriptorDel(kernel_.fd());
+    for (auto const& [ifindex, name] : names_)
+        if (owns_(name)) doWithdraw(Lox::IntfId(name));
+}
+
+Device NamespaceInterfaces::device(std::string const& name) const {
+    int const ifindex = kernel_.interfaceIndex(name);
+    return {ifindex, ifindex == 0 ? nullptr : kernel_.interface(ifindex)};
+}
+
+Lox::IpAddr NamespaceInterfaces::address(std::string const& name) const {
+    KernelInterface const* const kernel = device(name).kernel;
+    return kernel && kernel->up ? kernel->primaryAddress() : Lox::IpAddr();
+}
+
+void NamespaceInterfaces::handleInterface(int ifindex) {
+    KernelInterface const* const kernel = kernel_.interface(ifindex);
+    auto const known = names_.find(ifindex);
+    std::string const before = known == names_.end() ? std::string() : known->second;
+    if (kernel) {
+        names_[ifindex] = kernel->name;
+    } else if (known != names_.end()) {
+        names_.erase(known);
+    }
+    // An interface that loses its name or its device goes down before its device does.
+    if (!before.empty() && (!kernel || kernel->name != before)) doPublish(before);
+    doPublishKernelInterface(ifindex);
+    if (kernel) doPublish(kernel->name);
+}
+
+void NamespaceInterfaces::doPublishKernelInterface(int ifindex) {
+    KernelNetInfo::Status* const table = state_.kni(place_.networkNamespace);
+    if (!table) return;
+    auto const index = std::uint32_t(ifindex);
+    if (KernelInterface const* const kernel = kernel_.interface(ifindex)) {
+        table->interfaceIs(KernelNetInfo::InterfaceKey(index), {index, kernel->name, kernel->mac});
+    } else {
+        table->interfaceDel(KernelNetInfo::InterfaceKey(index));
+    }
+}
+
+void NamespaceInterfaces::doPublish(std::string const& name) {
+    if (!owns_(name)) return;
+    Lox::IntfId const intfId(name);
+    Lox::IpAddr const usableAddress = address(name);
+    auto* const source = state_.sourceIntfSm->sourceIntf(intfId);
+    if (usableAddress.isZero()) {
+        doWithdraw(intfId);
+        if (source) source->ipAddrIs(usableAddress);
+    } else {
+        auto const ipConfig = Ip::IpIntfConfig::IpIntfConfigIs(intfId);
+        ipConfig->vrfIs(place_.vrf);
+        auto const ipStatus = state_.ipStatus->ipIntfStatusIs(intfId);
+        if (!ipStatus->ipIntfConfig() || ipStatus->ipIntfConfig()->vrf() != place_.vrf)
+            ipStatus->ipIntfConfigIs(ipConfig);
+        auto const local = state_.allIntfStatusLocalDir->intfStatusLocalIs(intfId);
+        local->networkNamespaceIs(place_.networkNamespace);
+        local->deviceNameIs(name);
+        if (source) source->ipAddrIs(usableAddress);
+        state_.allIntfStatusDir->intfStatusIs(intfId)->operUpIs(true);
+    }
+    observer_(name);
+}
+
+/// Takes the interface out of the directory of usable ones, and the root machine takes it down.
+void NamespaceInterfaces::doWithdraw(Lox::IntfId const& intfId) {
+    if (auto* const status = state_.allIntfStatusDir->intfStatus(intfId)) status->operUpIs(false);
+}
+
+void NamespaceInterfaces::doPublishAll() {
+    std::map<int, std::string> const names = names_;
+    for (auto const& [ifindex, name] : names) {
+        doPublishKernelInterface(ifindex);
+        doPublish(name);
+    }
+}
+
+} // namespace Agent

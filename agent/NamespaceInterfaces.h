@@ -1,0 +1,64 @@
+// The interfaces of one VRF: what the kernel says of its network namespace, written into the
+// platform's state. An interface is usable, and so listed, while its link is up and it has an IPv4
+// address; every interface comes and goes on its own.
+#pragma once
+
+#include "agent/EventLoop.h"
+#include "agent/KernelInterfaces.h"
+#include "agent/PlatformState.h"
+
+#include <functional>
+#include <map>
+#include <string>
+
+namespace Agent {
+
+/// A kernel interface found by its name.
+struct Device {
+    int ifindex = 0; ///< 0 for none
+    KernelInterface const* kernel = nullptr;
+};
+
+class NamespaceInterfaces {
+  public:
+    struct Place {
+        L3::VrfName vrf;
+        Lox::NamespaceName networkNamespace;
+        int namespaceFd = -1; ///< negative for the process's own; outlived by its owner
+    };
+    /// Whether the interface of that name belongs to this VRF, should the namespace have it.
+    using Owns = std::function<bool(std::string const& name)>;
+    /// Told the name of an interface that changed, after the state has been written.
+    using Observer = std::function<void(std::string const& name)>;
+
+    /// Throws std::system_error where the kernel refuses. `state` and `loop` outlive this.
+    NamespaceInterfaces(PlatformState& state, EventLoop& loop, Place place, Owns owns,
+                        Observer observer);
+    ~NamespaceInterfaces();
+    NamespaceInterfaces(NamespaceInterfaces const&) = delete;
+    NamespaceInterfaces& operator=(NamespaceInterfaces const&) = delete;
+
+    Place const& place() const { return place_; }
+    bool synchronized() const { return kernel_.synchronized(); }
+    Device device(std::string const& name) const;
+    /// 0.0.0.0 unless the interface is usable.
+    Lox::IpAddr address(std::string const& name) const;
+    /// Writes the state of all interfaces again, for those whose VRF has changed.
+    void doPublishAll();
+
+  private:
+    void handleInterface(int ifindex);
+    void doPublish(std::string const& name);
+    void doPublishKernelInterface(int ifindex);
+    void doWithdraw(Lox::IntfId const& intfId);
+
+    PlatformState& state_;
+    EventLoop& loop_;
+    Place place_;
+    Owns owns_;
+    Observer observer_;
+    std::map<int, std::string> names_; ///< as last written, by kernel index
+    KernelInterfaces kernel_;
+};
+
+} // namespace Agent

@@ -1,0 +1,48 @@
+#include "agent/ServiceManager.h"
+
+#include "agent/FileDescriptor.h"
+
+#include <algorithm>
+#include <cap-ng.h>
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <system_error>
+
+namespace Agent {
+
+void serviceNotify(std::string_view assignment) {
+    char const* const path = std::getenv("NOTIFY_SOCKET");
+    sockaddr_un address{};
+    if (!path || std::strlen(path) < 2 || std::strlen(path) >= sizeof address.sun_path) return;
+    address.sun_family = AF_UNIX;
+    std::size_t const length = std::strlen(path);
+    std::copy_n(path, length, address.sun_path);
+    if (address.sun_path[0] == '@') address.sun_path[0] = '\0'; // the abstract namespace
+    FileDescriptor const socketFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (socketFd.get() < 0) return;
+    static_cast<void>(sendto(socketFd.get(), assignment.data(), assignment.size(), MSG_NOSIGNAL,
+                             reinterpret_cast<sockaddr const*>(&address),
+                             socklen_t(offsetof(sockaddr_un, sun_path) + length)));
+}
+
+void capabilitiesLimit() {
+    if (capng_get_caps_process() != 0)
+        throw std::system_error(errno, std::generic_category(), "capabilities");
+    capng_select_t const all = CAPNG_SELECT_CAPS;
+    bool kept[3];
+    constexpr unsigned wanted[3] = {CAP_NET_ADMIN, CAP_NET_RAW, CAP_SYS_ADMIN};
+    for (int i = 0; i < 3; ++i) kept[i] = capng_have_capability(CAPNG_PERMITTED, wanted[i]) != 0;
+    capng_clear(all);
+    for (int i = 0; i < 3; ++i)
+        if (kept[i])
+            capng_update(CAPNG_ADD, capng_type_t(CAPNG_EFFECTIVE | CAPNG_PERMITTED), wanted[i]);
+    if (capng_apply(all) != 0)
+        throw std::system_error(errno, std::generic_category(), "capabilities");
+}
+
+} // namespace Agent

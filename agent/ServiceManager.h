@@ -1,0 +1,16 @@
+// Tells the service manager how the agent fares, when it asked to be told (NOTIFY_SOCKET).
+#pragma once
+
+#include <string_view>
+
+namespace Agent {
+
+/// Sends an assignment such as "READY=1" or "STOPPING=1". Without a service manager, or when it
+/// does not listen, nothing happens.
+void serviceNotify(std::string_view assignment);
+
+/// Gives up all capabilities but those that the agent needs: CAP_NET_ADMIN, CAP_NET_RAW, and
+/// CAP_SYS_ADMIN to enter network namespaces. Throws std::system_error.
+void capabilitiesLimit();
+
+} // namespace Agent

@@ -1,0 +1,73 @@
+// ihproxyd: announces multicast groups on upstream interfaces, as an IGMP host.
+#include "agent/Configuration.h"
+#include "agent/Daemon.h"
+#include "agent/Log.h"
+#include "agent/ServiceManager.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+#include <string>
+
+namespace {
+
+/// The library's trace lines as lines of the log.
+class TraceLog : public Nex::TraceSink {
+  public:
+    explicit TraceLog(unsigned level) {
+        Nex::TraceHandle* const handle = Nex::TraceHandle::handle("IgmpHostProxySm");
+        if (level == 0 || !handle) return;
+        handle->levelIs(level);
+        Nex::TraceHandle::sinkIs(this);
+    }
+    ~TraceLog() { Nex::TraceHandle::sinkIs(nullptr); }
+    void onTrace(Nex::TraceHandle const& handle, unsigned level, std::string const& text) override {
+        Agent::log(Agent::LogLevel::info, "{} {}: {}", handle.fileName(), level, text);
+    }
+};
+
+int check(std::string const& file) {
+    Agent::ConfigurationReading const reading = Agent::configurationRead(file);
+    for (Agent::Diagnostic const& diagnostic : reading.diagnostics)
+        std::puts(diagnostic.stringValue().c_str());
+    return reading.valid() ? 0 : 1;
+}
+
+int serve(Agent::Daemon::Options options) {
+    Agent::ConfigurationReading reading = Agent::configurationRead(options.configurationFile);
+    Agent::logDiagnostics(reading.diagnostics);
+    if (!reading.valid()) return 1;
+    Agent::capabilitiesLimit();
+    Agent::Daemon daemon(std::move(options), std::move(reading.configuration));
+    return daemon.run();
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app("Announces multicast groups on upstream interfaces, as an IGMP host.");
+    Agent::Daemon::Options options;
+    std::string checkFile;
+    unsigned traceLevel = 0;
+    auto* const config =
+        app.add_option("--config", options.configurationFile, "Run with this configuration");
+    app.add_option("--status", options.statusFile, "Write the agent's view here upon SIGUSR1")
+        ->needs(config);
+    app.add_option("--trace", traceLevel, "Log what the machines do, up to this level")
+        ->check(CLI::Range(0, 8))
+        ->needs(config);
+    app.add_option("--check", checkFile, "Only check this configuration")->excludes(config);
+    CLI11_PARSE(app, argc, argv);
+    if (options.configurationFile.empty() && checkFile.empty()) {
+        std::fputs(app.help().c_str(), stderr);
+        return 2;
+    }
+    try {
+        if (!checkFile.empty()) return check(checkFile);
+        TraceLog const traces(traceLevel);
+        return serve(std::move(options));
+    } catch (std::exception const& error) {
+        Agent::log(Agent::LogLevel::error, "{}", error.what());
+        return 1;
+    }
+}
