@@ -1,5 +1,7 @@
 #include "agent/ConfigurationWriter.h"
 
+#include <algorithm>
+
 namespace Agent {
 
 namespace {
@@ -42,32 +44,70 @@ void doRemove(IntfConfig& record, Lox::IpAddr group, GroupConfiguration const& b
 
 void ConfigurationWriter::configurationIs(Configuration configuration) {
     Configuration const before = std::exchange(written_, std::move(configuration));
-    for (auto const& [name, interface] : before.interfaces)
-        if (!written_.interfaces.contains(name)) state_.config->intfConfigDel(Lox::IntfId(name));
-    for (auto const& [name, interface] : written_.interfaces) {
-        auto const known = before.interfaces.find(name);
+    auto const& now = written_.interfaces;
+    // What goes, goes first: any source is refused while specific sources of the group are listed.
+    for (auto const& [name, interface] : before.interfaces) {
+        auto const stays = now.find(name);
+        Nex::Ptr<IntfConfig> const record = state_.config->intfConfig(Lox::IntfId(name));
+        if (stays == now.end()) {
+            state_.config->intfConfigDel(Lox::IntfId(name));
+        } else if (record) {
+            doRemoveGroups(interface, stays->second, *record);
+            doDetachLists(stays->second, *record);
+        }
+    }
+    accessLists_.listsIs(written_.accessLists);
+    for (auto const& [name, interface] : now) {
         auto const record = state_.config->intfConfigIs(Lox::IntfId(name));
-        doWrite(*record,
-                known == before.interfaces.end() ? InterfaceConfiguration{} : known->second,
-                interface);
+        record->igmpVersionIs(IgmpHostProxy::IgmpVersion(interface.igmpVersion));
+        record->unsolicitedReportIntvlIs(
+            IgmpHostProxy::UnsolicitedReportInterval(interface.unsolicitedReportInterval));
+        doAddGroups(interface, *record);
+        if (hosts_.contains(name)) doAttachLists(interface, *record);
     }
 }
 
-void ConfigurationWriter::doWrite(IntfConfig& record, InterfaceConfiguration const& before,
-                                  InterfaceConfiguration const& now) {
-    record.igmpVersionIs(IgmpHostProxy::IgmpVersion(now.igmpVersion));
-    record.unsolicitedReportIntvlIs(
-        IgmpHostProxy::UnsolicitedReportInterval(now.unsolicitedReportInterval));
-    // Removals first: any-source is refused in exclude mode while specific sources are listed.
+void ConfigurationWriter::hostIs(std::string const& name, bool present) {
+    if (present) {
+        hosts_.insert(name);
+    } else {
+        hosts_.erase(name);
+    }
+    Nex::Ptr<IntfConfig> const record = state_.config->intfConfig(Lox::IntfId(name));
+    auto const interface = written_.interfaces.find(name);
+    if (!record) return;
+    if (present && interface != written_.interfaces.end()) {
+        doAttachLists(interface->second, *record);
+    } else {
+        record->aclListDelAll();
+    }
+}
+
+void ConfigurationWriter::doRemoveGroups(InterfaceConfiguration const& before,
+                                         InterfaceConfiguration const& now, IntfConfig& record) {
     for (auto const& [group, wanted] : before.groups) {
         auto const stays = now.groups.find(group);
         doRemove(record, group, wanted, stays == now.groups.end() ? nullptr : &stays->second);
     }
+}
+
+void ConfigurationWriter::doAddGroups(InterfaceConfiguration const& now, IntfConfig& record) {
     for (auto const& [group, wanted] : now.groups) {
         auto const configured = record.groupSourceListIs(group);
         for (auto const source : wanted.include) configured->includeSourceListIs(source);
         for (auto const source : wanted.exclude) configured->excludeSourceListIs(source);
     }
+}
+
+void ConfigurationWriter::doDetachLists(InterfaceConfiguration const& now, IntfConfig& record) {
+    for (Nex::String const& name : record.aclList())
+        if (std::find(now.accessLists.begin(), now.accessLists.end(), name) ==
+            now.accessLists.end())
+            record.aclListDel(name);
+}
+
+void ConfigurationWriter::doAttachLists(InterfaceConfiguration const& now, IntfConfig& record) {
+    for (std::string const& name : now.accessLists) record.aclListIs(name);
 }
 
 } // namespace Agent

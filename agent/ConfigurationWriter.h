@@ -2,26 +2,40 @@
 // difference to what was written before: what stays is not touched, and so causes no packet.
 #pragma once
 
+#include "agent/AccessListWriter.h"
 #include "agent/Configuration.h"
 #include "agent/PlatformState.h"
+
+#include <set>
+#include <string>
 
 namespace Agent {
 
 class ConfigurationWriter {
   public:
     /// `state` outlives this.
-    explicit ConfigurationWriter(PlatformState& state) : state_(state) {}
+    explicit ConfigurationWriter(PlatformState& state)
+        : state_(state), accessLists_(*state.aclConfig) {}
 
     Configuration const& configuration() const { return written_; }
     /// Puts a configuration in force, in place of the one before.
     void configurationIs(Configuration configuration);
+    /// An interface's host entity came or went. Its access lists are attached only meanwhile: lists
+    /// that are attached when an interface's machine is built would count twice.
+    void hostIs(std::string const& name, bool present);
 
   private:
-    void doWrite(IgmpHostProxy::IntfConfig& record, InterfaceConfiguration const& before,
-                 InterfaceConfiguration const& now);
+    static void doRemoveGroups(InterfaceConfiguration const& before,
+                               InterfaceConfiguration const& now,
+                               IgmpHostProxy::IntfConfig& record);
+    static void doAddGroups(InterfaceConfiguration const& now, IgmpHostProxy::IntfConfig& record);
+    static void doDetachLists(InterfaceConfiguration const& now, IgmpHostProxy::IntfConfig& record);
+    static void doAttachLists(InterfaceConfiguration const& now, IgmpHostProxy::IntfConfig& record);
 
     PlatformState& state_;
+    AccessListWriter accessLists_;
     Configuration written_;
+    std::set<std::string> hosts_; ///< interfaces with a host entity
 };
 
 } // namespace Agent

@@ -27,7 +27,7 @@ Daemon::Daemon(Options options, Configuration configuration)
     root_ = state_.makeRoot();
     hosts_ = Nex::newObject<IgmpHostAgent>(
         state_, loop_, [this](Igmp::IgmpHost const& host) { return locate(host); },
-        [](std::string const&, bool) {});
+        [this](std::string const& name, bool present) { writer_.hostIs(name, present); });
     state_.mfibDir->keshCollIs(L3::VrfName("default"));
     interfaces_ = std::make_unique<NamespaceInterfaces>(
         state_, loop_,
