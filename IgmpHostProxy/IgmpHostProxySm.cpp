@@ -87,8 +87,7 @@ void IgmpHostProxySm::handleIntfConfig() {
 void IgmpHostProxySm::handleIntfConfig(Lox::IntfId intfId) {
     IHP_TRACE_ENTRY(" ( % )", intfId);
     if (!igmpHostProxyConfig() || !igmpHostProxyStatus()) return;
-    Nex::Ptr<IntfConfig const> const intfConfig = igmpHostProxyConfig()->intfConfig(intfId);
-    if (!intfConfig) return doForgetIntf(intfId);
+    if (!igmpHostProxyConfig()->intfConfigHas(intfId)) return doForgetIntf(intfId);
 
     L3::VrfName const vrfName = doGetVrfNameFromIntf(intfId);
     if (vrfName.empty()) {
@@ -110,7 +109,7 @@ void IgmpHostProxySm::handleIntfConfig(Lox::IntfId intfId) {
         return;
     }
     doRegisterIntf(intfId, vrfName, device);
-    doProxyIntf(intfId, vrfName, intfConfig);
+    doProxyIntf(intfId, vrfName);
 }
 
 void IgmpHostProxySm::doForgetIntf(Lox::IntfId const& intfId) {
@@ -132,15 +131,20 @@ void IgmpHostProxySm::doRegisterIntf(Lox::IntfId const& intfId, L3::VrfName cons
     intfStatus->deviceNameIs(device.deviceName);
 }
 
-void IgmpHostProxySm::doProxyIntf(Lox::IntfId const& intfId, L3::VrfName const& vrfName,
-                                  Nex::Ptr<IntfConfig const> const& intfConfig) {
+void IgmpHostProxySm::doProxyIntf(Lox::IntfId const& intfId, L3::VrfName const& vrfName) {
     IHP_TRACE(7, "Initializing IgmpHostProxyIntfSm and IgmpHostIntfSm");
+    // Looked up anew: whoever saw the status come may have changed the configuration at once.
+    Nex::Ptr<IntfConfig const> const intfConfig = igmpHostProxyConfig()->intfConfig(intfId);
+    Nex::Ptr<IntfStatus> const intfStatus = igmpHostProxyStatus()->intfStatus(intfId);
+    if (!intfConfig || !intfStatus) return;
     Nex::Ptr<Kesh::Multicast::Fib::MfibKeshColl const> const mfibKeshColl =
         mfibKeshDir() ? mfibKeshDir()->keshColl(vrfName) : nullptr;
     if (!mfibKeshColl) return;
     IHP_TRACE(7, "Adding igmpHostProxyIntfSm for intfId: %", intfId);
-    igmpHostProxyIntfSmIs(intfId, intfConfig, igmpHostProxyStatus()->intfStatus(intfId),
-                          mfibKeshColl, ipAclConfig(), clock(), srcIntfIhpIntf());
+    igmpHostProxyIntfSmIs(intfId, intfConfig, intfStatus, mfibKeshColl, ipAclConfig(), clock(),
+                          srcIntfIhpIntf());
+    // The same holds for whoever saw its groups come: without a machine there is no host, either.
+    if (!igmpHostProxyIntfSm(intfId)) return;
     IHP_TRACE(7, "Initialize IgmpHost");
     if (igmpHostDir()) igmpHostDir()->igmpHostIs(intfId.stringValue());
 }

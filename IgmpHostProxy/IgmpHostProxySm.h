@@ -222,8 +222,7 @@ class IgmpHostProxySm : public Nex::PtrInterface {
     void doForgetIntf(Lox::IntfId const& intfId);
     void doRegisterIntf(Lox::IntfId const& intfId, L3::VrfName const& vrfName,
                         Interface::IntfStatusAndDeviceName const& device);
-    void doProxyIntf(Lox::IntfId const& intfId, L3::VrfName const& vrfName,
-                     Nex::Ptr<IntfConfig const> const& intfConfig);
+    void doProxyIntf(Lox::IntfId const& intfId, L3::VrfName const& vrfName);
     void doArmIpStatusCheckTimer();
     void doSetUpDefaultVrf();
     /// Mounts the kernel interface table of a namespace; null when there is none to be had.

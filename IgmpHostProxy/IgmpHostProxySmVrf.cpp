@@ -115,7 +115,9 @@ Lox::NamespaceName IgmpHostProxySm::namespaceOf(Lox::IntfId const& intfId) const
 
 void IgmpHostProxySm::handleVrf(L3::VrfName vrfName) {
     IHP_TRACE_ENTRY();
-    if (Ip::VrfStatusLocal const* const vrfStatus = allVrfStatusLocal()->vrf(vrfName)) {
+    Ip::VrfStatusLocal const* const vrfStatus =
+        allVrfStatusLocal() ? allVrfStatusLocal()->vrf(vrfName) : nullptr;
+    if (vrfStatus) {
         vrfIs(vrfStatus);
     } else {
         if (Nex::Ptr<NexVrf> const gone = vrf(vrfName)) gone->handleDel();
@@ -125,9 +127,11 @@ void IgmpHostProxySm::handleVrf(L3::VrfName vrfName) {
 
 void IgmpHostProxySm::handleVrf() {
     IHP_TRACE_ENTRY();
-    for (auto const& item : allVrfStatusLocal()->vrf()) vrfIs(item.value);
+    Nex::Ptr<Ip::AllVrfStatusLocal const> const vrfs = allVrfStatusLocal();
+    if (vrfs)
+        for (auto const& item : vrfs->vrf()) vrfIs(item.value);
     for (auto const& item : vrf())
-        if (!allVrfStatusLocal()->vrfHas(item.key)) handleVrf(item.key);
+        if (!vrfs || !vrfs->vrfHas(item.key)) handleVrf(item.key);
 }
 
 // One VRF
