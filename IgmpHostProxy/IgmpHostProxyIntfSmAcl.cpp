@@ -4,8 +4,6 @@
 
 #include "IgmpHostProxy/Trace.h"
 
-#include <unordered_set>
-
 namespace IgmpHostProxy {
 
 void IgmpHostProxyIntfSm::handleAclList() {
@@ -114,26 +112,27 @@ void IgmpHostProxyIntfSm::NexAcl::handleRule() {
         machine()->igmpHostProxyAclHelper(notifier()->name());
     Nex::Ptr<Acl::AclSubConfig const> const cfg = notifier()->currCfg();
     if (!helper || !cfg) return;
-    std::unordered_set<Acl::UniqueId> present;
+    // Taken down before anything is applied: a rule that somebody has applied meanwhile, told of an
+    // earlier one, is not stale for not having been listed here.
+    Nex::Set<Acl::UniqueId> stale;
+    for (auto const& item : helper->cachedRules()) stale.findOrInsert(item.key);
     for (std::uint32_t const sequence : Nex::sortedKeys(cfg->ruleBySequence())) {
         Acl::UniqueId const id = cfg->ruleBySequence(sequence);
         Acl::IpRuleConfig const rule = cfg->ipRuleById(id);
         if (rule == Acl::IpRuleConfig()) continue;
         if (helper->cachedRules(id) != Acl::IpRuleConfig()) {
-            present.insert(id);
+            stale.take(id);
             continue;
         }
         helper->handleRule(id);
         // Also if it was rejected as invalid: it is then taken back like any other, which gives up
         // whatever references its pairs have.
         helper->cachedRulesIs(id, cfg->ipRuleById(id));
-        present.insert(id);
     }
     // New rules first, vanished ones after: a group that passes from one rule to another stays.
-    for (auto const& item : helper->cachedRules()) {
-        if (present.contains(item.key)) continue;
-        helper->purgeCachedRule(item.value);
-        helper->cachedRulesDel(item.key);
+    for (Acl::UniqueId const id : stale.walk()) {
+        helper->purgeCachedRule(helper->cachedRules(id));
+        helper->cachedRulesDel(id);
     }
 }
 
