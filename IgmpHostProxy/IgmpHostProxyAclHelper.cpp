@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <utility>
 
 namespace IgmpHostProxy {
 
@@ -84,7 +85,7 @@ void IgmpHostProxyAclHelper::doTraceFault(Acl::UniqueId id, Acl::IpRuleConfig co
 // Applying rules
 
 void IgmpHostProxyAclHelper::handleRule(Acl::UniqueId id) {
-    IHP_TRACE_ENTRY(" ( % )", id);
+    IHP_TRACE_ENTRY();
     Acl::AclConfig const* const acl =
         machine_->ipAclConfig() ? machine_->ipAclConfig()->acl(aclName_) : nullptr;
     Nex::Ptr<Acl::AclSubConfig const> const cfg = acl ? acl->currCfg() : nullptr;
@@ -157,7 +158,7 @@ void IgmpHostProxyAclHelper::doPurge(Acl::IpRuleConfig const& rule,
     if (!machine_->intfStatus()) return;
     if (isDenyAll(rule)) return machine_->intfStatus()->denyMrouteIs(false);
     if (rule.filter == Acl::IpFilter()) return;
-    takenBack_ = cachedAs;
+    std::optional<Acl::UniqueId> const outer = std::exchange(takenBack_, cachedAs);
     Effect const effect = effectOf(rule);
     Lox::IpAddrWithFullMask const range = rule.filter.destination;
     // A rejected rule may have been cached and cover the whole address space. Groups that nobody
@@ -169,7 +170,7 @@ void IgmpHostProxyAclHelper::doPurge(Acl::IpRuleConfig const& rule,
              ++group)
             doTakeBack(effect, *group);
     }
-    takenBack_ = std::nullopt;
+    takenBack_ = outer;
 }
 
 std::vector<Lox::IpAddr>
