@@ -287,6 +287,9 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     /// Has the next review walk every route from the start.
     void doWantSyncAllRoutes();
     void doClearBookmarks();
+    /// Null also when there are no tables at all.
+    Nex::Ptr<Kesh::Multicast::Fib::Status const>
+    tableNamed(Kesh::Multicast::Fib::Status const* name) const;
     bool syncInProgress() const { return keshBookmark_ || rkBookmarkNotNull(); }
     /// The table to begin a slice with; null when there is none, or the bookmarked one is gone.
     Kesh::Multicast::Fib::Status const* syncStart() const;

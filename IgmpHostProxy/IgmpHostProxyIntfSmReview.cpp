@@ -29,6 +29,7 @@ constexpr Lox::IpPrefix anyPrefix{};
 
 void IgmpHostProxyIntfSm::reviewTimerIs(Nex::Clock::NotifieeConst* reactor, float fillInterval,
                                         unsigned maxCredits, float minDelay, float maxDelay) {
+    IHP_TRACE_ENTRY();
     if (reviewTimer() && reviewTimer()->reactor() == reactor) {
         reviewTimer()->pacingIs(fillInterval, maxCredits, minDelay, maxDelay);
     } else {
@@ -67,6 +68,7 @@ void IgmpHostProxyIntfSm::doReview() {
         }
         syncAllRoutesIs(false);
     }
+    // With a budget of its own: what a long full sync has kept waiting waits no longer.
     doSyncChangedRoutes();
     IHP_TRACE(3, "Review finished");
     if (reviewTimer()) reviewTimer()->lastReviewTimeIs(Nex::System::currentTime());
@@ -79,9 +81,12 @@ void IgmpHostProxyIntfSm::doReview() {
 
 void IgmpHostProxyIntfSm::keshBookmarkIs(Table const* table) {
     keshBookmark_ = table;
-    Nex::Ptr<Table const> const present =
-        table && mfibKeshDir() ? mfibKeshDir()->keshPtr(table) : nullptr;
+    Nex::Ptr<Table const> const present = tableNamed(table);
     keshBookmarkSerial_ = present ? present->serial() : 0;
+}
+
+Nex::Ptr<Table const> IgmpHostProxyIntfSm::tableNamed(Table const* name) const {
+    return mfibKeshDir() ? mfibKeshDir()->keshPtr(name) : nullptr;
 }
 
 bool IgmpHostProxyIntfSm::rkBookmarkNotNull() const { return rkBookmark_ != IpGenRouteKey(); }
@@ -96,7 +101,7 @@ Table const* IgmpHostProxyIntfSm::syncStart() const {
         for (auto const& item : mfibKeshDir()->keshPtr()) return item.key;
         return nullptr;
     }
-    Nex::Ptr<Table const> const present = mfibKeshDir()->keshPtr(keshBookmark_);
+    Nex::Ptr<Table const> const present = tableNamed(keshBookmark_);
     // Another table at the same address is not the one that was being walked.
     bool const replaced = present && present->serial() != keshBookmarkSerial_;
     return mfibKeshDir()->keshPtrHas(keshBookmark_) && !replaced ? keshBookmark_ : nullptr;
@@ -115,7 +120,7 @@ void IgmpHostProxyIntfSm::doSyncAllRoutes() {
         IHP_TRACE(3, "mfibKesh at % does not exist.", bookmark);
         return doClearBookmarks();
     }
-    if (!mfibKeshDir()->keshPtr(start)) {
+    if (!tableNamed(start)) {
         void const* const missing = start;
         IHP_TRACE(3, "mfibKesh for % does not exist.", missing);
         return doClearBookmarks();
@@ -196,7 +201,7 @@ void IgmpHostProxyIntfSm::NexMfibKesh::doNotifyChangedRoutes() {
 
 void IgmpHostProxyIntfSm::NexMfibKesh::doNotifyChangedRoutes(IpGenRouteKey const& key) {
     IHP_TRACE_ENTRY();
-    if (key.group.address() == noGroup) return;
+    if (key.group.address() == noGroup) return; // not even worth a review
     MfibKeshDirRouteKey const changed(*notifier(), key);
     IHP_TRACE(3, "Route changed in MfibKesh Table%", changed);
     machine()->changedRouteIs(changed);
@@ -207,13 +212,13 @@ void IgmpHostProxyIntfSm::NexMfibKesh::doNotifyChangedRoutes(IpGenRouteKey const
 
 void IgmpHostProxyIntfSm::doSyncKey(Table const* table, IpGenRouteKey const& key) {
     IHP_TRACE_ENTRY();
-    Nex::Ptr<Table const> const present = mfibKeshDir()->keshPtr(table);
+    Nex::Ptr<Table const> const present = tableNamed(table);
     doSync(present.get(), key);
 }
 
 void IgmpHostProxyIntfSm::doSyncKey(MfibKeshDirRouteKey const& changed) {
     IHP_TRACE_ENTRY();
-    Nex::Ptr<Table const> const present = mfibKeshDir()->keshPtr(changed.table);
+    Nex::Ptr<Table const> const present = tableNamed(changed.table);
     doSync(present && present->serial() == changed.serial ? present.get() : nullptr, changed.route);
 }
 
@@ -271,6 +276,7 @@ bool IgmpHostProxyIntfSm::routeDeleted(Lox::IpAddr source, Lox::IpAddr group) co
 void IgmpHostProxyIntfSm::doSyncAbsent(IpGenRouteKey const& key) {
     IHP_TRACE(6, "Routekey not found in mfib");
     Lox::IpAddr const group = key.group.address();
+    // Whether the operator had removed the group makes no difference to a route that is gone.
     if (intfConfig()->groupSourceListHas(group) || aclHas(group)) return;
     IHP_TRACE(6, "Group was not configured, so deleting it from intfStatus");
     if (key.source.address() == anySource) {
@@ -305,12 +311,12 @@ void IgmpHostProxyIntfSm::handleDenyMroute() {
     for (auto const& [group, entry] : intfStatus()->groupSourceList()) {
         for (Lox::IpAddr const source : entry->includeSourceList()) {
             if (groupSourceRefCounter({source, group}) > 0) continue;
-            IHP_TRACE(7, "Deleting included source IP% added only through mfib", source);
+            IHP_TRACE(6, "Deleting included source IP% added only through mfib", source);
             entry->includeSourceListDel(source);
         }
         for (Lox::IpAddr const source : entry->excludeSourceList()) {
             if (groupSourceRefCounter({source, group}) > 0) continue;
-            IHP_TRACE(7, "Deleting excluded source IP% added only through mfib", source);
+            IHP_TRACE(6, "Deleting excluded source IP% added only through mfib", source);
             entry->excludeSourceListDel(source);
         }
         if (!entry->empty()) continue;
