@@ -40,13 +40,11 @@ class NotifieeBase : public PtrInterface {
     /// stay alive until it returns.
     template <class F>
     void nexDeliver(F&& callback) {
-        if (!active_ || zombie_) return;
+        // Asked first: a machine that is being destroyed must not be held and let go again.
+        if (!active_ || silenced()) return;
         Ptr<NotifieeBase> const holdReactor(this);
-        Ptr<PtrInterface> const machine(machine_);
-        Ptr<PtrInterface> const outer(
-            machineIsReactor_ ? static_cast<NotifieeBase*>(machine_)->machine_ : nullptr);
-        if (machine && machine->nexZombieReactors()) return;
-        if (outer && outer->nexZombieReactors()) return;
+        Ptr<PtrInterface> const holdMachine(machine_);
+        Ptr<PtrInterface> const holdOuter(machineIsReactor_ ? outer()->machine_ : nullptr);
         callback();
     }
 
@@ -57,9 +55,16 @@ class NotifieeBase : public PtrInterface {
     void initializedIs(bool initialized) { initialized_ = initialized; }
 
     explicit NotifieeBase(PtrInterface* machine) : machine_(machine) {}
-    explicit NotifieeBase(NotifieeBase* machine) : machineIsReactor_(true), machine_(machine) {}
+    explicit NotifieeBase(NotifieeBase* machine)
+        : machineIsReactor_(machine != nullptr), machine_(machine) {}
 
   private:
+    NotifieeBase* outer() const { return static_cast<NotifieeBase*>(machine_); }
+    bool silenced() const {
+        if (zombie_ || (machine_ && machine_->nexZombieReactors())) return true;
+        return machineIsReactor_ && outer()->silenced();
+    }
+
     bool active_ : 1 = false;
     bool zombie_ : 1 = false;
     bool machineIsReactor_ : 1 = false;
