@@ -41,6 +41,9 @@ class IgmpV3GroupRecord : public Nex::RecordBase {
     NEX_RECORD(IgmpV3GroupRecord, Lox::IpAddr, group, IGMP_V3_GROUP_RECORD)
 
   public:
+    ~IgmpV3GroupRecord() override {
+        if (sourceList_) sourceList_->nexParentIs(nullptr);
+    }
     /// The group's sources; null until `sourceIs`.
     IgmpV3HostGroupSourceList* source() const { return sourceList_.get(); }
     /// Creates the source list, or returns the one that is there.

@@ -55,6 +55,16 @@ struct MapKind<Key, Value> {
 template <class Key, class Value>
 using MapOf = typename MapKind<Key, Value>::Type;
 
+/// The records of a collection. Those that outlive it are roots of their own.
+template <class Key, class Record>
+class RecordMap : public Map<Key, Ptr<Record>> {
+  public:
+    RecordMap() = default;
+    ~RecordMap() {
+        for (auto const& item : this->walk()) item.value->nexParentIs(nullptr);
+    }
+};
+
 /// The mutators behind the generated ones. `Interface` and `callback` name who is told.
 class RecordBase : public Entity {
   protected:
@@ -96,6 +106,7 @@ class RecordBase : public Entity {
     template <class Interface, auto callback, class Collection>
     void nexEntriesDelAll(Collection& collection) {
         if (collection.empty()) return;
+        Ptr<RecordBase> const hold(this); // with the collection that is walked
         for (auto const& yielded : collection.walk()) {
             if constexpr (requires { yielded.key; }) {
                 nexEntryDel<Interface, callback>(collection, yielded.key);
@@ -171,7 +182,7 @@ constexpr bool sameName(std::string_view lower, std::string_view upper) {
 #define NEX_STORE_ATTR(TYPE, NAME, UPPER) TYPE NAME##_{};
 #define NEX_STORE_SET(KEY, NAME, UPPER) ::Nex::SetOf<KEY> NAME##_;
 #define NEX_STORE_MAP(KEY, VALUE, NAME, UPPER) ::Nex::MapOf<KEY, VALUE> NAME##_;
-#define NEX_STORE_RECORDS(KEY, TYPE, NAME, UPPER) ::Nex::Map<KEY, ::Nex::Ptr<TYPE>> NAME##_;
+#define NEX_STORE_RECORDS(KEY, TYPE, NAME, UPPER) ::Nex::RecordMap<KEY, TYPE> NAME##_;
 
 #define NEX_VISIT_ATTR(TYPE, NAME, UPPER) visitor.attr(#NAME, NAME##_);
 #define NEX_VISIT_SET(KEY, NAME, UPPER) visitor.set(#NAME, NAME##_.walk());
