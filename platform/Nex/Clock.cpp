@@ -4,11 +4,16 @@ namespace Nex {
 
 void Clock::NotifieeConst::timeMinIs(double seconds) {
     if (armedOn_) armedOn_->timers_.erase(this);
-    timeMin_ = seconds;
     armedOn_ = seconds == never ? nullptr : Ptr<Clock const>(notifier());
+    timeMin_ = armedOn_ ? seconds : never;
     if (!armedOn_) return;
     armed_ = armedOn_->armings_++;
     armedOn_->timers_.insert(this);
+}
+
+void Clock::NotifieeConst::notifierIs(Ptr<Clock const> clock) {
+    if (clock != notifier()) timeMinIs(never);
+    NotifieeOf<Clock>::notifierIs(std::move(clock));
 }
 
 void Clock::NotifieeConst::nexRetire() {

@@ -25,8 +25,11 @@ class Clock : public Entity {
         virtual void onTime() {}
         /// `never` when disarmed.
         double timeMin() const { return timeMin_; }
-        /// Arms the timer; a time that has passed fires at the next `timeIs`. `never` disarms.
+        /// Arms the timer; a time that has passed fires at the next `timeIs`. `never` disarms, and
+        /// without a clock there is nothing to arm.
         void timeMinIs(double seconds);
+        /// The wake time stays behind: the timer is disarmed on its new clock.
+        void notifierIs(Ptr<Clock const> clock);
         void nexRetire() override;
 
       protected:
