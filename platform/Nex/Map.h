@@ -125,7 +125,7 @@ class Map {
     bool empty() const { return count_ == 0; }
     bool has(Key const& key) const { return positionOf(key) != none; }
 
-    /// The value of `key`, or null. Valid until the map is changed.
+    /// The value of `key`, or null. Valid until the map is changed or a walk over it ends.
     Value* find(Key const& key) {
         Position const at = positionOf(key);
         return at == none ? nullptr : &entries_[at].value;
@@ -133,7 +133,7 @@ class Map {
     Value const* find(Key const& key) const { return const_cast<Map*>(this)->find(key); }
 
     /// The value of `key`, made by default where there was none, and whether it was made. Valid
-    /// until the map is changed.
+    /// until the map is changed or a walk over it ends.
     std::pair<Value*, bool> findOrInsert(Key const& key) {
         if (Value* found = find(key)) return {found, false};
         if (used_ == capacity_) makeRoom();
@@ -164,7 +164,9 @@ class Map {
         explicit Cursor(Map const& map) : map_(&map), end_(map.used_) { ++map_->walkers_; }
         Cursor(Cursor const&) = delete;
         Cursor& operator=(Cursor const&) = delete;
-        ~Cursor() { --map_->walkers_; }
+        ~Cursor() {
+            if (--map_->walkers_ == 0) const_cast<Map*>(map_)->closeHoles();
+        }
 
         std::optional<Yielded<Key, As>> next() {
             while (at_ < end_) {
@@ -386,7 +388,8 @@ class SmallMap {
         return value;
     }
 
-    /// Few entries are copied as the walk begins, and asked for again as their turn comes.
+    /// Few keys are copied as the walk begins, and asked for again as their turn comes; one that
+    /// went and came back counts as one that stayed.
     class Cursor {
       public:
         explicit Cursor(SmallMap const& map) : map_(&map) {
@@ -399,9 +402,11 @@ class SmallMap {
         }
         std::optional<Yielded<Key, Value>> next() {
             if (large_) return large_->next();
-            while (at_ < count_)
-                if (Entry const& entry = small_[at_++]; map_->has(entry.key))
-                    return yield<Key, Value>(entry);
+            while (at_ < count_) {
+                Key const key = small_[at_++].key;
+                if (Value const* const value = map_->find(key))
+                    return yield<Key, Value>(Entry{key, *value});
+            }
             return std::nullopt;
         }
         std::size_t size() const { return map_->size(); }
