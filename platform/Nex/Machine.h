@@ -67,6 +67,12 @@ void watch(Owned<R>& owned, Ptr<Watched> watched, Machine* machine) {
     }
 }
 
+/// Takes back the place of an object that could not be made, unless another one has taken it.
+template <class Key, class Object>
+void forgetUnmade(Map<Key, Ptr<Object>>& objects, Key const& key) {
+    if (Ptr<Object> const* const slot = objects.find(key); slot && !*slot) objects.take(key);
+}
+
 /// The per-key reactors of a machine. A reactor may start up in its constructor; whatever its
 /// start-up does to this collection, the key ends up as the last call said.
 template <class Key, class R>
@@ -88,11 +94,12 @@ class ReactorMap {
     /// Makes the reactor of `key` on `watched`, or points the one that is there at it.
     template <class Watched, class Machine>
     Ptr<R> is(Key const& key, Ptr<Watched> watched, Machine* machine) {
-        if (Ptr<R> const known = get(key)) {
-            known->notifierIs(std::move(watched));
+        auto const [place, isNew] = reactors_.findOrInsert(key);
+        if (!isNew) {
+            Ptr<R> const known = *place; // null while it is being made further up the stack
+            if (known) known->notifierIs(std::move(watched));
             return known;
         }
-        if (!reactors_.findOrInsert(key).second) return nullptr; // being made further up the stack
         Ptr<R> const fresh = build(key, std::move(watched), machine);
         Ptr<R>* const slot = reactors_.find(key);
         if (slot && !*slot) {
@@ -123,7 +130,7 @@ class ReactorMap {
             fresh->hasNotificationActiveIs(true);
             return fresh;
         } catch (...) {
-            reactors_.take(key);
+            forgetUnmade(reactors_, key);
             throw;
         }
     }
@@ -198,7 +205,7 @@ class MachineMap {
         try {
             return factory(key, args...);
         } catch (...) {
-            machines_.take(key);
+            forgetUnmade(machines_, key);
             throw;
         }
     }
