@@ -141,6 +141,7 @@ class Ptr {
 /// The factory of all counted objects: the new object has one reference, the one returned.
 template <class T, class... Args>
 Ptr<T> newObject(Args&&... args) {
+    static_assert(alignof(T) <= alignof(std::uint64_t), "slabs are aligned no further");
     return Ptr<T>::adopt(new T(std::forward<Args>(args)...));
 }
 
