@@ -6,6 +6,10 @@ SourceIntf::~SourceIntf() {
     if (service_) service_->known_.take(intfId());
 }
 
+SourceIntfSm::~SourceIntfSm() {
+    for (auto const& item : known_.walk()) item.value->service_ = nullptr;
+}
+
 Nex::Ptr<SourceIntf> SourceIntfSm::registerSourceIntf(Lox::IntfId intfId) {
     Nex::Ptr<SourceIntf> source = sourceIntf(intfId);
     if (!source) {

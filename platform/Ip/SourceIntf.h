@@ -21,13 +21,14 @@ class SourceIntf : public Nex::RecordBase {
 
   private:
     friend class SourceIntfSm;
-    Nex::Ptr<SourceIntfSm> service_; ///< set while the service knows the object
+    SourceIntfSm* service_ = nullptr; ///< the service that knows the object; not owned
 };
 
 /// There is one object per interface as long as anybody holds it, registered or not.
 class SourceIntfSm : public Nex::Entity {
   public:
     static Nex::Ptr<SourceIntfSm> SourceIntfSmIs() { return Nex::newObject<SourceIntfSm>(); }
+    ~SourceIntfSm() override;
     Nex::String nexName() const override { return "sourceIntf"; }
 
     class NotifieeConst : public Nex::NotifieeOf<SourceIntfSm> {
