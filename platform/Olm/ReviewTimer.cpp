@@ -39,7 +39,7 @@ void ReviewTimer::doFill(double now) {
 }
 
 void ReviewTimer::doSchedule(double time) {
-    if (!reviewPending()) credits_ -= std::min(credits_, 1.0);
+    if (!reviewPending() && credits_ >= 1) credits_ -= 1;
     if (time < reactor_->timeMin()) reactor_->timeMinIs(time);
 }
 
