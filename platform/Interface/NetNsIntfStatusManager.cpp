@@ -43,7 +43,7 @@ void NetNsIntfStatusManager::handleIntfStatusLocal(Lox::IntfId const& intfId) {
 void NetNsIntfStatusManager::handleInterface(KernelNetInfo::InterfaceKey key) {
     Nex::String const before = deviceByIfIndex_.take(key.ifIndex());
     if (auto const* const index = ifIndexByDevice_.find(before); index && *index == key.ifIndex())
-        ifIndexByDevice_.take(before);
+        doForgetDevice(before);
     KernelNetInfo::Interface const now = kni_->interface(key);
     if (now.ifIndex != 0) {
         *deviceByIfIndex_.findOrInsert(now.ifIndex).first = now.deviceName;
@@ -52,6 +52,13 @@ void NetNsIntfStatusManager::handleInterface(KernelNetInfo::InterfaceKey key) {
     for (auto const& item : allIntfStatusLocal_->intfStatusLocal())
         if (item.value->deviceName() == before || item.value->deviceName() == now.deviceName)
             handleIntf(item.key);
+}
+
+void NetNsIntfStatusManager::doForgetDevice(Nex::String const& deviceName) {
+    ifIndexByDevice_.take(deviceName);
+    // Between a device's end and its successor's beginning the table may show both, in any order.
+    for (auto const& item : deviceByIfIndex_.walk())
+        if (item.value == deviceName) *ifIndexByDevice_.findOrInsert(deviceName).first = item.key;
 }
 
 IntfStatusAndDeviceName NetNsIntfStatusManager::entryOf(Lox::IntfId const& intfId) const {
@@ -65,11 +72,12 @@ IntfStatusAndDeviceName NetNsIntfStatusManager::entryOf(Lox::IntfId const& intfI
 }
 
 void NetNsIntfStatusManager::handleIntf(Lox::IntfId const& intfId) {
-    IntfStatusAndDeviceName const entry = entryOf(intfId);
     IntfStatusAndDeviceName const listed = deviceIntfStatusDir_->intfStatusAndDeviceName(intfId);
-    if (entry == listed) return;
+    if (entryOf(intfId) == listed) return;
     // A device that came back under another index or name is another device.
     if (listed != IntfStatusAndDeviceName()) doDelist(intfId);
+    // Looked up again, for whoever was told may have changed it.
+    IntfStatusAndDeviceName const entry = entryOf(intfId);
     if (entry != IntfStatusAndDeviceName()) doList(intfId, entry);
 }
 
@@ -90,7 +98,7 @@ void NetNsIntfStatusManagerRoot::intfStatusManagerIs(
     Nex::Ptr<DeviceIntfStatusDir> deviceIntfStatusDir,
     Nex::Ptr<KernelNetInfo::Status const> kniStatus, Lox::NamespaceName networkNamespace) {
     if (!active_) return;
-    managers_.take(networkNamespace);
+    intfStatusManagerDel(networkNamespace);
     auto const manager = Nex::newObject<NetNsIntfStatusManager>(
         allIntfStatusDir_, allIntfStatusLocalDir_, std::move(deviceIntfStatusDir),
         std::move(kniStatus), networkNamespace);
@@ -98,7 +106,7 @@ void NetNsIntfStatusManagerRoot::intfStatusManagerIs(
 }
 
 void NetNsIntfStatusManagerRoot::intfStatusManagerDel(Lox::NamespaceName const& networkNamespace) {
-    managers_.take(networkNamespace);
+    if (auto const manager = managers_.take(networkNamespace)) manager->nexDoZombieReactors(true);
 }
 
 NetNsIntfStatusManager*

@@ -60,6 +60,8 @@ class NetNsIntfStatusManager : public Nex::PtrInterface {
     IntfStatusAndDeviceName entryOf(Lox::IntfId const& intfId) const;
     void doList(Lox::IntfId const& intfId, IntfStatusAndDeviceName const& entry);
     void doDelist(Lox::IntfId const& intfId);
+    /// The device has left its index.
+    void doForgetDevice(Nex::String const& deviceName);
 
     Nex::Ptr<AllIntfStatusDir const> allIntfStatus_;
     Nex::Ptr<AllIntfStatusLocalDir const> allIntfStatusLocal_;
