@@ -31,13 +31,15 @@ struct InProcessPlatform {
     }
     ~InProcessPlatform() { publisher.del(); }
 
-    /// Starts the root machine, then the host agent's part.
+    /// Starts the root machine, then the host agent's part: hosts that came up with the root are
+    /// published at once.
     void start() {
         root = IgmpHostProxy::IgmpHostProxySmIs(config, status, mfibDir, aclConfig, hostDir,
                                                 hostStatusDir, clock, sourceIntfSm, ipStatus,
                                                 allIntfStatusDir, allIntfStatusLocalDir,
                                                 allVrfStatusLocal, timerWheel, entityManager);
         publisher.make(hostDir, hostStatusDir.get());
+        for (auto const& item : hostDir->igmpHost()) publisher->onIgmpHost(item.key);
     }
 
     KernelNetInfo::Status* kni(std::string const& ns = "default") const {

@@ -1,0 +1,70 @@
+// The key of the reference counter: order, hash and text form.
+#include "IgmpHostProxy/SourceGroup.h"
+
+#include "Nex/Error.h"
+
+#include <gtest/gtest.h>
+#include <sstream>
+
+namespace IgmpHostProxy {
+namespace {
+
+SourceGroup pair(char const* source, char const* group) {
+    return {Lox::IpAddr(source), Lox::IpAddr(group)};
+}
+
+TEST(SourceGroup, OrdersByGroupFirstWhateverTheSources) {
+    SourceGroup const ascending[] = {
+        pair("0.0.0.0", "239.1.1.1"),  pair("9.255.255.255", "239.1.1.1"),
+        pair("10.0.0.1", "239.1.1.1"), pair("223.0.0.1", "239.1.1.1"),
+        pair("0.0.0.0", "239.1.1.2"),
+    };
+    for (auto const& a : ascending)
+        for (auto const& b : ascending) {
+            EXPECT_EQ(a < b, &a < &b) << a << b;
+            EXPECT_EQ(a == b, &a == &b) << a << b;
+        }
+}
+
+// The expected numbers were computed apart from this program.
+TEST(SourceGroup, HashesTheGroupBeforeTheSource) {
+    EXPECT_EQ(pair("10.0.0.1", "239.1.1.1").hash(), 0x72832a95u);
+    EXPECT_EQ(pair("239.1.1.1", "10.0.0.1").hash(), 0xef55fef4u);
+    EXPECT_EQ(pair("192.168.200.254", "239.255.255.250").hash(), 0x3a5b5c62u);
+    EXPECT_EQ(SourceGroup().hash(), 0u);
+}
+
+TEST(SourceGroup, ParsesItsOwnText) {
+    SourceGroup const value = pair("10.0.0.1", "239.1.1.1");
+    std::string const text = "Value('IgmpHostProxy::SourceGroup', ** {'sourceAddr': 10.0.0.1, "
+                             "'groupAddr': 239.1.1.1})";
+    EXPECT_EQ(valueToStrep(value), text);
+    EXPECT_EQ(strepToValue(text), value);
+    std::ostringstream out;
+    out << value;
+    EXPECT_EQ(out.str(), text);
+}
+
+TEST(SourceGroup, RefusesEveryOtherTextAndNamesTheAttribute) {
+    std::string const text = valueToStrep(pair("10.0.0.1", "239.1.1.1"));
+    for (std::size_t length = 0; length < text.size(); ++length)
+        EXPECT_THROW(strepToValue(text.substr(0, length)), Nex::ParseException) << length;
+    EXPECT_THROW(strepToValue(text + " "), Nex::ParseException);
+
+    auto const errorOf = [&](char const* part, char const* instead) {
+        std::string wrong = text;
+        wrong.replace(wrong.find(part), std::string(part).size(), instead);
+        try {
+            return "parsed " + valueToStrep(strepToValue(wrong));
+        } catch (Nex::ParseException const& error) {
+            return std::string(error.what());
+        }
+    };
+    EXPECT_EQ(errorOf("10.0.0.1", "10.0.0.256").find("sourceAddr"), 0u);
+    EXPECT_EQ(errorOf("10.0.0.1", "").find("sourceAddr"), 0u);
+    EXPECT_EQ(errorOf("239.1.1.1", "239.1.1").find("groupAddr"), 0u);
+    EXPECT_EQ(errorOf("239.1.1.1", "x").find("groupAddr"), 0u);
+}
+
+} // namespace
+} // namespace IgmpHostProxy

@@ -1,0 +1,169 @@
+// VRFs, their kernel interface tables and device names.
+#include "Library.h"
+
+namespace IgmpHostProxy {
+namespace {
+
+L3::VrfName const blue("blue");
+L3::VrfName const defaultVrf("default");
+
+class Vrf : public ::testing::Test {
+  protected:
+    Vrf() { world.start(); }
+    Vardo::MountedTable const* mountOf(char const* ns) {
+        return world.entityManager->mounted("kni/ns/" + std::string(ns) + "/status");
+    }
+    Interface::DeviceIntfStatusDir& directoryOf(L3::VrfName const& vrf) {
+        return *world.root->kernelVrfIntfStatus(vrf)->deviceIntfStatusDir();
+    }
+    bool managed(char const* ns) {
+        return world.root->intfStatusManagerRoot()->intfStatusManager(Lox::NamespaceName(ns));
+    }
+
+    World world;
+};
+
+TEST_F(Vrf, TheDefaultVrfIsSetUpOnceAndByItself) {
+    ASSERT_NE(mountOf("default"), nullptr);
+    EXPECT_EQ(mountOf("default")->typeName(), "KernelNetInfo::Status");
+    EXPECT_EQ(mountOf("default")->mountInfoType(), 3u);
+    EXPECT_EQ(directoryOf(defaultVrf).name(), "kvis-default");
+    auto const* const view = world.root->kernelVrfIntfStatus(defaultVrf);
+
+    world.vrf("default", "ns-other");
+    world.vrf("", "ns-none");
+    world.allVrfStatusLocal->vrfDel(defaultVrf);
+    EXPECT_EQ(world.root->kernelVrfIntfStatus(defaultVrf), view);
+    EXPECT_EQ(mountOf("ns-other"), nullptr);
+    EXPECT_EQ(mountOf("ns-none"), nullptr);
+    EXPECT_EQ(world.root->kernelVrfIntfStatus(L3::VrfName()), nullptr);
+    EXPECT_TRUE(managed("default"));
+}
+
+TEST_F(Vrf, AViewLivesFromTheFirstNamespaceUntilTheVrfGoes) {
+    auto const vrf = world.allVrfStatusLocal->vrfIs(blue);
+    EXPECT_EQ(world.root->kernelVrfIntfStatus(blue), nullptr);
+    vrf->networkNamespaceIs(Lox::NamespaceName("ns-blue"));
+    ASSERT_NE(world.root->kernelVrfIntfStatus(blue), nullptr);
+    EXPECT_EQ(mountOf("ns-blue")->typeName(), "KernelNetInfo::Status");
+    EXPECT_EQ(mountOf("ns-blue")->mountInfoType(), 3u);
+    EXPECT_EQ(directoryOf(blue).name(), "kvis-blue");
+    EXPECT_TRUE(managed("ns-blue"));
+    EXPECT_FALSE(world.root->kernelVrfIntfStatus(blue)->hasBackupSupport());
+
+    // Without its namespace the VRF keeps what it has; in another one it gets a new directory.
+    Nex::Ptr<KernelVrfIntfStatus> const view = world.root->kernelVrfIntfStatus(blue);
+    Nex::Ptr<Interface::DeviceIntfStatusDir> const directory = view->deviceIntfStatusDir();
+    vrf->networkNamespaceIs(Lox::NamespaceName());
+    EXPECT_EQ(view->deviceIntfStatusDir(), directory);
+    vrf->networkNamespaceIs(Lox::NamespaceName("ns-azure"));
+    EXPECT_EQ(world.root->kernelVrfIntfStatus(blue), view.get());
+    EXPECT_NE(view->deviceIntfStatusDir(), directory);
+    EXPECT_TRUE(managed("ns-azure"));
+    EXPECT_FALSE(managed("ns-blue"));
+
+    world.allVrfStatusLocal->vrfDel(blue);
+    EXPECT_EQ(world.root->kernelVrfIntfStatus(blue), nullptr);
+    EXPECT_EQ(world.root->vrf(blue), nullptr);
+    EXPECT_EQ(world.root->vrfIntfStatusDir(blue), nullptr);
+    EXPECT_EQ(mountOf("ns-blue"), nullptr);
+    EXPECT_FALSE(managed("ns-azure"));
+
+    world.vrf("blue", "ns-blue");
+    EXPECT_NE(world.root->kernelVrfIntfStatus(blue), nullptr);
+    EXPECT_NE(mountOf("ns-blue"), nullptr);
+}
+
+TEST_F(Vrf, AViewOfAnotherTableIsInTheWay) {
+    auto const other = KernelNetInfo::Status::StatusIs("other");
+    try {
+        world.root->kernelVrfIntfStatusIs(defaultVrf, other);
+        ADD_FAILURE() << "no error";
+    } catch (Nex::NameInUseException const& error) {
+        EXPECT_EQ(std::string(error.what())
+                      .find("Reinstantiating the pointer interface where constructor parameter "
+                            "attribute _kniStatus has a different value of "),
+                  0u);
+    }
+}
+
+class VrfWithInterface : public Vrf {
+  protected:
+    VrfWithInterface() {
+        world.tables("blue");
+        world.vrf("blue", "ns-blue");
+        world.config->intfConfigIs(up0);
+        world.usableIntf("up0", 2, "blue");
+        table = world.kniTable("kni/ns/ns-blue/status");
+    }
+    void macIs(std::uint32_t ifIndex, std::uint8_t last, std::uint32_t named,
+               char const* device = "up0") {
+        table->interfaceIs(KernelNetInfo::InterfaceKey(ifIndex),
+                           {named, device, Lox::EthAddr({2, 0, 0, 0, 0, last})});
+    }
+    /// A directory of our own making, with up0 in it.
+    Nex::Ptr<Interface::DeviceIntfStatusDir> filledDirectory() {
+        auto const directory = Interface::DeviceIntfStatusDir::DeviceIntfStatusDirIs("filled");
+        directory->intfToDeviceNameIs(2, {up0, "up0"});
+        directory->intfStatusAndDeviceNameIs(up0, {nullptr, "up0", 2});
+        return directory;
+    }
+    std::string mac() { return Nex::textOf(world.intfStatus("up0")->macAddr()); }
+
+    Nex::Ptr<KernelNetInfo::Status> table;
+};
+
+TEST_F(VrfWithInterface, TheMacAddressFollowsTheKernelsTable) {
+    ASSERT_NE(world.intfStatus("up0"), nullptr);
+    EXPECT_EQ(mac(), "02:00:00:00:00:02");
+    macIs(2, 9, 2);
+    EXPECT_EQ(mac(), "02:00:00:00:00:09");
+    EXPECT_EQ(world.host("up0")->macAddr(), world.intfStatus("up0")->macAddr());
+
+    macIs(3, 7, 3, "eth3");            // no interface at all
+    world.listIntf("eth0", "ns-blue"); // an interface, but not of the proxy
+    world.kernelDevice("eth0", 4, "ns-blue");
+    world.root->getIntfEthAddr(blue, 99);
+    EXPECT_EQ(world.status->intfStatusCount(), 1u);
+    EXPECT_EQ(mac(), "02:00:00:00:00:09");
+
+    world.root->kernelVrfIntfStatus(blue)->deviceIntfStatusDirIs(filledDirectory());
+    macIs(2, 8, 77); // the entry of 2 names 77: corrupt, reported, not used
+    EXPECT_EQ(table->corruptions(), 1u);
+    EXPECT_EQ(mac(), "02:00:00:00:00:09");
+}
+
+TEST_F(VrfWithInterface, ADeviceNameTakesTheInterfaceUpAndDown) {
+    EXPECT_NE(world.root->igmpHostProxyIntfSm(up0), nullptr);
+    TraceLog trace(7);
+    world.delistIntf("up0");
+    EXPECT_EQ(trace.take()[0], "7 devicename : ");
+    EXPECT_EQ(world.root->igmpHostProxyIntfSm(up0), nullptr);
+    EXPECT_EQ(world.intfStatus("up0"), nullptr);
+    EXPECT_EQ(world.host("up0"), nullptr);
+    world.listIntf("up0", "ns-blue");
+    EXPECT_NE(world.root->igmpHostIntfSm(up0), nullptr);
+
+    // Another kernel index is another device: everything anew, with its MAC address.
+    world.kernelDevice("up0", 5, "ns-blue");
+    EXPECT_EQ(mac(), "02:00:00:00:00:05");
+
+    world.listIntf("eth0", "ns-blue");
+    world.kernelDevice("eth0", 4, "ns-blue");
+    EXPECT_EQ(world.intfStatus("eth0"), nullptr);
+}
+
+// A directory that is handed to the view with interfaces in it takes them up as it comes.
+TEST_F(VrfWithInterface, ADirectoryIsLookedThroughAsItArrives) {
+    world.delistIntf("up0");
+    auto const directory = filledDirectory();
+    world.root->kernelVrfIntfStatus(blue)->deviceIntfStatusDirIs(directory);
+    EXPECT_NE(world.root->igmpHostProxyIntfSm(up0), nullptr);
+    directory->intfStatusAndDeviceNameIs(up0, {nullptr, "", 2}); // an index without a name
+    EXPECT_NE(world.root->igmpHostProxyIntfSm(up0), nullptr);
+    directory->intfStatusAndDeviceNameDel(up0);
+    EXPECT_EQ(world.root->igmpHostProxyIntfSm(up0), nullptr);
+}
+
+} // namespace
+} // namespace IgmpHostProxy
