@@ -3,8 +3,6 @@
 #include "agent/Log.h"
 
 #include <algorithm>
-#include <array>
-#include <cstring>
 #include <linux/rtnetlink.h>
 #include <set>
 #include <utility>
@@ -12,13 +10,6 @@
 namespace Agent {
 
 namespace {
-
-template <typename Header>
-std::array<std::uint8_t, sizeof(Header)> octetsOf(Header const& header) {
-    std::array<std::uint8_t, sizeof(Header)> octets;
-    std::memcpy(octets.data(), &header, sizeof header);
-    return octets;
-}
 
 /// The indexes whose entries differ.
 std::set<int> differences(std::map<int, KernelInterface> const& before,
@@ -74,10 +65,10 @@ void KernelInterfaces::onDumpsDone() {
 void KernelInterfaces::onReadAgain() {
     overtaken_ = false;
     reading_ = InterfaceTable();
-    netlink_.dumpIs(RTM_GETLINK, octetsOf(ifinfomsg{}));
+    netlink_.dumpIs(RTM_GETLINK, ifinfomsg{});
     ifaddrmsg addresses{};
     addresses.ifa_family = AF_INET;
-    netlink_.dumpIs(RTM_GETADDR, octetsOf(addresses));
+    netlink_.dumpIs(RTM_GETADDR, addresses);
 }
 
 std::optional<int> KernelInterfaces::apply(nlmsghdr const& message, InterfaceTable& table) {

@@ -16,7 +16,6 @@ namespace {
 
 /// Room for the burst of notifications when thousands of links or routes change at once.
 constexpr int receiveBufferBytes = 8 << 20;
-constexpr int mostDatagramsInTurn = 256;
 
 [[noreturn]] void fail(char const* what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -84,20 +83,24 @@ std::span<std::uint8_t const> NetlinkAttributes::octets(std::uint16_t type) cons
 
 Netlink::Netlink(int service, Observer& observer, int namespaceFd)
     : socket_(openSocket(service, namespaceFd)), observer_(observer) {
-    // Beyond the system's limit if the capability allows it, otherwise up to it.
-    if (setsockopt(fd(), SOL_SOCKET, SO_RCVBUFFORCE, &receiveBufferBytes, sizeof(int)) < 0)
-        setsockopt(fd(), SOL_SOCKET, SO_RCVBUF, &receiveBufferBytes, sizeof(int));
+    receiveBufferIs(receiveBufferBytes);
 }
 
 Netlink::~Netlink() { mnl_socket_close(socket_); }
+
+void Netlink::receiveBufferIs(int octets) {
+    // Beyond the system's limit if the capability allows it, otherwise up to it.
+    if (setsockopt(fd(), SOL_SOCKET, SO_RCVBUFFORCE, &octets, sizeof octets) < 0)
+        setsockopt(fd(), SOL_SOCKET, SO_RCVBUF, &octets, sizeof octets);
+}
 
 void Netlink::groupIs(int group) {
     if (mnl_socket_setsockopt(socket_, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) < 0)
         fail("subscribing to a netlink group");
 }
 
-void Netlink::dumpIs(std::uint16_t type, std::span<std::uint8_t const> header) {
-    dumps_.push_back({type, {header.begin(), header.end()}});
+void Netlink::doQueueDump(Dump dump) {
+    dumps_.push_back(std::move(dump));
     if (dumps_.size() == 1) doSendDump();
 }
 
@@ -127,9 +130,10 @@ void Netlink::doEndDump() {
         observer_.onDumpsDone();
 }
 
-void Netlink::receive() {
-    for (int i = 0; i < mostDatagramsInTurn; ++i)
-        if (!doReceiveDatagram()) return;
+bool Netlink::receive(int mostDatagrams) {
+    for (int i = 0; i < mostDatagrams; ++i)
+        if (!doReceiveDatagram()) return true;
+    return false;
 }
 
 bool Netlink::doReceiveDatagram() {

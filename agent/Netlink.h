@@ -72,12 +72,21 @@ class Netlink {
     /// Asks for a dump of `type` (RTM_GETLINK), with the request's fixed part. Queued behind the
     /// dumps that are under way, for a socket carries one at a time. One that the kernel refuses
     /// is logged, and then neither onDumpsDone nor onReadAgain follows.
-    void dumpIs(std::uint16_t type, std::span<std::uint8_t const> header);
+    template <typename Header>
+    void dumpIs(std::uint16_t type, Header const& header) {
+        auto const* const octets = reinterpret_cast<std::uint8_t const*>(&header);
+        doQueueDump({type, {octets, octets + sizeof header}});
+    }
     /// Whether any dump has been asked for and not ended.
     bool dumping() const { return !dumps_.empty(); }
 
-    /// Takes what has arrived, up to a limit that keeps a flood from starving others.
-    void receive();
+    /// The kernel keeps notifications that fill so many octets; far fewer of them in content, for
+    /// it counts its own expense. Less where the system's limit stands in the way.
+    void receiveBufferIs(int octets);
+
+    /// Takes what has arrived, up to a limit that keeps a flood from starving others. Returns
+    /// whether nothing is left.
+    bool receive(int mostDatagrams = 256);
 
   private:
     struct Dump {
@@ -85,6 +94,7 @@ class Netlink {
         std::vector<std::uint8_t> header;
     };
 
+    void doQueueDump(Dump dump);
     void doSendDump();
     void doEndDump();
     /// False when nothing is left.
