@@ -1,0 +1,99 @@
+#include "agent/NamespaceWatch.h"
+
+#include "agent/NetworkNamespace.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/nsfs.h>
+#include <sched.h>
+#include <sys/epoll.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <system_error>
+#include <utility>
+
+namespace Agent {
+
+namespace {
+
+constexpr double pollSeconds = 5;
+
+struct stat statusOf(FileDescriptor const& file) {
+    struct stat status {};
+    if (fstat(file.get(), &status) < 0)
+        throw std::system_error(errno, std::generic_category(), "fstat");
+    return status;
+}
+
+/// Whether both are none or the same namespace. While a namespace is held open, no other one gets
+/// its number.
+bool same(FileDescriptor const& a, FileDescriptor const& b) {
+    if (a.get() < 0 || b.get() < 0) return a.get() < 0 && b.get() < 0;
+    struct stat const ofA = statusOf(a);
+    struct stat const ofB = statusOf(b);
+    return ofA.st_dev == ofB.st_dev && ofA.st_ino == ofB.st_ino;
+}
+
+/// What `ip netns` makes before it mounts the namespace.
+bool emptyFile(FileDescriptor const& file) {
+    struct stat const status = statusOf(file);
+    return S_ISREG(status.st_mode) && status.st_size == 0;
+}
+
+} // namespace
+
+NamespaceWatch::NamespaceWatch(EventLoop& loop, std::string name, Observer observer)
+    : loop_(loop),
+      name_(std::move(name)),
+      observer_(std::move(observer)),
+      mounts_(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)),
+      poll_(loop, [this] {
+          poll_.delayIs(pollSeconds);
+          doLook();
+      }) {
+    if (mounts_.get() < 0)
+        throw std::system_error(errno, std::generic_category(), "/proc/self/mountinfo");
+    // Always readable; a change of the mounts is told as urgent.
+    loop_.descriptorIs(mounts_.get(), EPOLLPRI, [this](std::uint32_t) { doLook(); });
+    poll_.delayIs(pollSeconds);
+    // After the watch has begun, so that nothing falls in between.
+    if (auto found = doOpen()) namespace_ = std::move(*found);
+}
+
+NamespaceWatch::~NamespaceWatch() { loop_.descriptorDel(mounts_.get()); }
+
+void NamespaceWatch::doLook() {
+    auto found = doOpen();
+    if (!found || same(*found, namespace_)) return;
+    if (namespace_.get() >= 0) {
+        FileDescriptor const gone = std::exchange(namespace_, FileDescriptor());
+        observer_();
+    }
+    if (found->get() < 0) return;
+    namespace_ = std::move(*found);
+    observer_();
+}
+
+std::optional<FileDescriptor> NamespaceWatch::doOpen() {
+    try {
+        FileDescriptor file = namespaceOpen(name_);
+        if (same(file, namespace_)) return file;
+        if (ioctl(file.get(), NS_GET_NSTYPE) != CLONE_NEWNET)
+            return emptyFile(file) ? FileDescriptor() : doFail("not a network namespace");
+        NamespaceScope const entered(file.get());
+        return file;
+    } catch (std::system_error const& exception) {
+        int const error = exception.code().value();
+        if (error == ENOENT || error == ENOTDIR) return FileDescriptor();
+        return doFail(exception.what());
+    }
+}
+
+std::optional<FileDescriptor> NamespaceWatch::doFail(std::string const& text) {
+    if (auto const heldBack = failureLimit_.admitted(EventLoop::now()))
+        log(LogLevel::error, "namespace {}: {} ({} more not shown)", name_, text, *heldBack);
+    return std::nullopt;
+}
+
+} // namespace Agent
