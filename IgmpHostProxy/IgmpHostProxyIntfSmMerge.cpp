@@ -116,11 +116,8 @@ void IgmpHostProxyIntfSm::doDropMfibSources(GroupSource* entry, Lox::IpAddr grou
 }
 
 void IgmpHostProxyIntfSm::doCountUp(SourceGroup sg) {
-    if (groupSourceRefCounter(sg) == 0) {
-        groupSourceRefCounterIs(sg, 0);
-        IHP_TRACE(6, "Adding sg into ref counter");
-    }
     std::uint32_t const count = groupSourceRefCounterInc(sg, 1);
+    if (count == 1) IHP_TRACE(6, "Adding sg into ref counter");
     IHP_TRACE(6, "Ref count for sg incremented, now is%", count);
 }
 

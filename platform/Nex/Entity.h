@@ -78,9 +78,7 @@ class NotifieeList {
     NotifieeList() = default;
     NotifieeList(NotifieeList const&) = delete;
     NotifieeList& operator=(NotifieeList const&) = delete;
-    ~NotifieeList() {
-        if (Many* const all = many()) delete all;
-    }
+    ~NotifieeList() { delete many(); }
 
     bool empty() const { return head_ == 0; }
     void add(NotifieeBase* notifiee);

@@ -323,7 +323,8 @@ class Map {
         for (Position at = 0; at < used_; ++at) {
             if (!entries_[at].live) continue;
             if (to != at)
-                std::memcpy(static_cast<void*>(&entries_[to]), &entries_[at], sizeof(Entry));
+                std::memcpy(static_cast<void*>(&entries_[to]),
+                            static_cast<void const*>(&entries_[at]), sizeof(Entry));
             ++to;
         }
         used_ = to;
