@@ -123,6 +123,8 @@ void IgmpHostProxySm::doRegisterIntf(Lox::IntfId const& intfId, L3::VrfName cons
                                      Interface::IntfStatusAndDeviceName const& device) {
     IHP_TRACE(7, "Registering interface:%", intfId);
     if (sourceIntfSm()) srcIntfIhpIntfIs(sourceIntfSm()->registerSourceIntf(intfId));
+    // Who is told of the registration may answer by taking the interface out.
+    if (!igmpHostProxyConfig()->intfConfigHas(intfId)) return;
     IHP_TRACE(7, "Adding intfStatus for %", intfId);
     Nex::Ptr<IntfStatus> const intfStatus = igmpHostProxyStatus()->intfStatusIs(intfId);
     IHP_TRACE(7, "Setting interface MAC address");
