@@ -93,14 +93,6 @@ struct World : Support::InProcessPlatform {
         entityManager->factoryIs("KernelNetInfo::Status",
                                  [this](Nex::String const& path) { return kniTable(path); });
     }
-    /// A service and the interfaces that are still registered with it hold each other.
-    ~World() {
-        root = nullptr;
-        for (auto const& item : addresses.walk())
-            if (Nex::Ptr<Ip::SourceIntf::SourceIntf> const source =
-                    sourceIntfSm->sourceIntf(item.key))
-                sourceIntfSm->unregisterSourceIntf(source);
-    }
     Nex::Ptr<KernelNetInfo::Status> kniTable(Nex::String const& path) {
         auto& table = *kniTables.findOrInsert(path).first;
         if (!table) table = KernelNetInfo::Status::StatusIs(path);

@@ -1,5 +1,5 @@
 // Whoever watches the library's records may change the world from inside a callback. Here somebody
-// does, in many ways, at each single notification of a whole life.
+// does, in many ways, at one notification after the other.
 #include "Library.h"
 
 #include <functional>
@@ -189,11 +189,11 @@ Disturbance const disturbances[] = {
      [](World& world) { world.hostStatusDir->igmpHostStatusDel("up0"); }},
 };
 
-/// Runs `life` again and again, each time disturbed at the next notification, until it ends before.
-/// Returns how many notifications it has.
-unsigned disturbEverywhere(Disturbance const& disturbance,
-                           std::function<void(World&)> const& life) {
-    for (unsigned at = 0;; ++at) {
+/// Runs `life` again and again, each time disturbed `stride` notifications later, until it ends
+/// before. Returns where that was.
+unsigned disturbEverywhere(Disturbance const& disturbance, std::function<void(World&)> const& life,
+                           unsigned stride = 1) {
+    for (unsigned at = 0;; at += stride) {
         SCOPED_TRACE(disturbance.name + std::string(", at notification ") + std::to_string(at));
         World world;
         auto const disturber = Nex::newObject<Disturber>(world, at, disturbance.happen);
@@ -208,11 +208,14 @@ unsigned disturbEverywhere(Disturbance const& disturbance,
     }
 }
 
-TEST(Reentrance, SurvivesEveryDisturbanceAtEveryNotification) {
-    unsigned const undisturbed = disturbEverywhere({"nothing", [](World&) {}}, live);
-    EXPECT_GT(undisturbed, 100u);
-    for (auto const& disturbance : disturbances)
-        EXPECT_GT(disturbEverywhere(disturbance, live), 20u) << disturbance.name;
+// What follows in a whole life may tidy up what a disturbance left behind, so the beginning is
+// looked at by itself, too. All notifications of the whole would take too long under a sanitizer.
+TEST(Reentrance, SurvivesDisturbancesAllThroughAnInterfacesLife) {
+    EXPECT_GT(disturbEverywhere({"nothing", [](World&) {}}, live, 50), 100u);
+    for (auto const& disturbance : disturbances) {
+        disturbEverywhere(disturbance, comeUp);
+        disturbEverywhere(disturbance, live, 4);
+    }
 }
 
 TEST(Reentrance, AnInterfaceConfiguredAnewWhileItComesUpFollowsTheNewConfiguration) {
