@@ -40,13 +40,28 @@ void doRemove(IntfConfig& record, Lox::IpAddr group, GroupConfiguration const& b
     record.deletedGroupSourceListDel(group);
 }
 
+/// The groups that an interface's part of a configuration keeps from the forwarding table: those
+/// configured, and those that the rules of its lists select.
+std::set<Lox::IpAddrWithFullMask> claims(Configuration const& configuration,
+                                         InterfaceConfiguration const& interface) {
+    std::set<Lox::IpAddrWithFullMask> claims;
+    for (auto const& item : interface.groups) claims.emplace(item.first, ~std::uint32_t(0));
+    for (std::string const& name : interface.accessLists) {
+        auto const list = configuration.accessLists.find(name);
+        if (list == configuration.accessLists.end()) continue;
+        for (auto const& [sequence, rule] : list->second)
+            if (groupCount(rule) > 0) claims.insert(rule.filter.destination);
+    }
+    return claims;
+}
+
 } // namespace
 
 void ConfigurationWriter::configurationIs(Configuration configuration) {
-    Configuration const before = std::exchange(written_, std::move(configuration));
+    before_ = std::exchange(written_, std::move(configuration));
     auto const& now = written_.interfaces;
     // What goes, goes first: any source is refused while specific sources of the group are listed.
-    for (auto const& [name, interface] : before.interfaces) {
+    for (auto const& [name, interface] : before_.interfaces) {
         auto const stays = now.find(name);
         Nex::Ptr<IntfConfig> const record = state_.config->intfConfig(Lox::IntfId(name));
         if (stays == now.end()) {
@@ -65,6 +80,18 @@ void ConfigurationWriter::configurationIs(Configuration configuration) {
         doAddGroups(interface, *record);
         if (hosts_.contains(name)) doAttachLists(interface, *record);
     }
+}
+
+std::vector<ConfigurationWriter::Released> ConfigurationWriter::released() const {
+    std::vector<Released> released;
+    for (auto const& [name, interface] : before_.interfaces) {
+        auto const stays = written_.interfaces.find(name);
+        if (stays == written_.interfaces.end()) continue;
+        std::set<Lox::IpAddrWithFullMask> const now = claims(written_, stays->second);
+        for (Lox::IpAddrWithFullMask const groups : claims(before_, interface))
+            if (!now.contains(groups)) released.push_back({name, groups});
+    }
+    return released;
 }
 
 void ConfigurationWriter::hostIs(std::string const& name, bool present) {

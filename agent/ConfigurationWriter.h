@@ -8,6 +8,7 @@
 
 #include <set>
 #include <string>
+#include <vector>
 
 namespace Agent {
 
@@ -18,6 +19,14 @@ class ConfigurationWriter {
         : state_(state), accessLists_(*state.aclConfig) {}
 
     Configuration const& configuration() const { return written_; }
+    /// Groups that an interface's part of the configuration let go of.
+    struct Released {
+        std::string interface;
+        Lox::IpAddrWithFullMask groups;
+    };
+    /// What the configuration in force lacks of the one before: the forwarding table may now
+    /// announce these groups.
+    std::vector<Released> released() const;
     /// Puts a configuration in force, in place of the one before.
     void configurationIs(Configuration configuration);
     /// An interface's host entity came or went. Its access lists are attached only meanwhile: lists
@@ -35,6 +44,7 @@ class ConfigurationWriter {
     PlatformState& state_;
     AccessListWriter accessLists_;
     Configuration written_;
+    Configuration before_;        ///< in force before that
     std::set<std::string> hosts_; ///< interfaces with a host entity
 };
 

@@ -28,17 +28,14 @@ Daemon::Daemon(Options options, Configuration configuration)
     hosts_ = Nex::newObject<IgmpHostAgent>(
         state_, loop_, [this](Igmp::IgmpHost const& host) { return locate(host); },
         [this](std::string const& name, bool present) { writer_.hostIs(name, present); });
-    state_.mfibDir->keshCollIs(L3::VrfName("default"));
-    interfaces_ = std::make_unique<NamespaceInterfaces>(
-        state_, loop_,
-        NamespaceInterfaces::Place{L3::VrfName("default"), Lox::NamespaceName::defaultNamespace()},
-        [](std::string const&) { return true; },
-        [this](std::string const& name) { hosts_->handleDevice(name); });
+    vrfs_ = std::make_unique<Vrfs>(state_, loop_,
+                                   [this](std::string const& name) { hosts_->handleDevice(name); });
     doFollowTime();
-    writer_.configurationIs(std::move(configuration));
+    doConfigure(std::move(configuration));
 }
 
-Daemon::~Daemon() = default;
+/// The hosts go first: they would look for their interfaces while the VRFs are being taken apart.
+Daemon::~Daemon() { hosts_ = nullptr; }
 
 void Daemon::doFollowSignals() {
     loop_.signalIs(SIGHUP, [this] { handleReload(); });
@@ -63,19 +60,27 @@ void Daemon::doFollowTime() {
 }
 
 void Daemon::NexSourceIntfSm::onSourceIntf(Lox::IntfId intfId) {
-    if (!daemon_->interfaces_) return;
-    Lox::IpAddr const address = daemon_->interfaces_->address(intfId.stringValue());
+    if (!daemon_->vrfs_) return;
+    Lox::IpAddr const address = daemon_->vrfs_->address(intfId.stringValue());
     notifier()->sourceIntf(intfId)->ipAddrIs(address);
 }
 
 IgmpHostPort::Location Daemon::locate(Igmp::IgmpHost const& host) const {
-    if (!interfaces_) return {};
-    return {interfaces_->device(host.deviceName()), interfaces_->place().namespaceFd};
+    if (!vrfs_) return {};
+    std::string const name = host.intfId().stringValue();
+    return {vrfs_->device(name), vrfs_->namespaceFd(name)};
+}
+
+void Daemon::doConfigure(Configuration configuration) {
+    // Interfaces that go leave their groups before their VRF is taken away.
+    writer_.configurationIs(std::move(configuration));
+    vrfs_->configurationIs(writer_.configuration());
+    for (auto const& [interface, groups] : writer_.released()) vrfs_->doTouch(interface, groups);
 }
 
 void Daemon::handleTurn() {
     hosts_->handleTurn(EventLoop::now());
-    if (ready_ || !interfaces_->synchronized()) return;
+    if (ready_ || !vrfs_->synchronized()) return;
     ready_ = true;
     std::puts("ready");
     std::fflush(stdout);
@@ -87,7 +92,7 @@ void Daemon::handleReload() {
     ConfigurationReading reading = configurationRead(options_.configurationFile);
     logDiagnostics(reading.diagnostics);
     if (reading.valid()) {
-        writer_.configurationIs(std::move(reading.configuration));
+        doConfigure(std::move(reading.configuration));
         log(LogLevel::info, "{} is in force", options_.configurationFile);
     } else {
         log(LogLevel::error, "{} was not taken over; nothing is changed",

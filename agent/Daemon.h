@@ -6,8 +6,8 @@
 #include "agent/ConfigurationWriter.h"
 #include "agent/EventLoop.h"
 #include "agent/IgmpHostAgent.h"
-#include "agent/NamespaceInterfaces.h"
 #include "agent/PlatformState.h"
+#include "agent/Vrfs.h"
 
 #include <memory>
 #include <string>
@@ -62,6 +62,7 @@ class Daemon {
     void handleReload();
     void handleStatus();
     void handleTerminate();
+    void doConfigure(Configuration configuration);
     IgmpHostPort::Location locate(Igmp::IgmpHost const& host) const;
 
     Options options_;
@@ -72,7 +73,7 @@ class Daemon {
     Nex::Owned<NexSourceIntfSm> sourceIntfSm_;
     Nex::Ptr<IgmpHostProxy::IgmpHostProxySm> root_;
     Nex::Ptr<IgmpHostAgent> hosts_;
-    std::unique_ptr<NamespaceInterfaces> interfaces_;
+    std::unique_ptr<Vrfs> vrfs_;
     bool ready_ = false;
 };
 

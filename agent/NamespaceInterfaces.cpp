@@ -17,11 +17,7 @@ NamespaceInterfaces::NamespaceInterfaces(PlatformState& state, EventLoop& loop, 
     loop_.descriptorIs(kernel_.fd(), EPOLLIN, [this](std::uint32_t) { kernel_.receive(); });
 }
 
-NamespaceInterfaces::~NamespaceInterfaces() {
-    loop_.descriptorDel(kernel_.fd());
-    for (auto const& [ifindex, name] : names_)
-        if (owns_(name)) doWithdraw(Lox::IntfId(name));
-}
+NamespaceInterfaces::~NamespaceInterfaces() { loop_.descriptorDel(kernel_.fd()); }
 
 Device NamespaceInterfaces::device(std::string const& name) const {
     int const ifindex = kernel_.interfaceIndex(name);
@@ -61,38 +57,41 @@ void NamespaceInterfaces::doPublishKernelInterface(int ifindex) {
 
 void NamespaceInterfaces::doPublish(std::string const& name) {
     if (!owns_(name)) return;
-    Lox::IntfId const intfId(name);
     Lox::IpAddr const usableAddress = address(name);
-    auto* const source = state_.sourceIntfSm->sourceIntf(intfId);
     if (usableAddress.isZero()) {
-        doWithdraw(intfId);
-        if (source) source->ipAddrIs(usableAddress);
+        doWithdraw(name);
     } else {
-        auto const ipConfig = Ip::IpIntfConfig::IpIntfConfigIs(intfId);
-        ipConfig->vrfIs(place_.vrf);
-        auto const ipStatus = state_.ipStatus->ipIntfStatusIs(intfId);
-        if (!ipStatus->ipIntfConfig() || ipStatus->ipIntfConfig()->vrf() != place_.vrf)
-            ipStatus->ipIntfConfigIs(ipConfig);
-        auto const local = state_.allIntfStatusLocalDir->intfStatusLocalIs(intfId);
-        local->networkNamespaceIs(place_.networkNamespace);
-        local->deviceNameIs(name);
-        if (source) source->ipAddrIs(usableAddress);
-        state_.allIntfStatusDir->intfStatusIs(intfId)->operUpIs(true);
+        doPublishUsable(Lox::IntfId(name), usableAddress);
     }
     observer_(name);
 }
 
-/// Takes the interface out of the directory of usable ones, and the root machine takes it down.
-void NamespaceInterfaces::doWithdraw(Lox::IntfId const& intfId) {
-    if (auto* const status = state_.allIntfStatusDir->intfStatus(intfId)) status->operUpIs(false);
+void NamespaceInterfaces::doPublishUsable(Lox::IntfId const& intfId, Lox::IpAddr usableAddress) {
+    auto const ipStatus = state_.ipStatus->ipIntfStatusIs(intfId);
+    if (!ipStatus->ipIntfConfig() || ipStatus->ipIntfConfig()->vrf() != place_.vrf) {
+        auto const ipConfig = Ip::IpIntfConfig::IpIntfConfigIs(intfId);
+        ipConfig->vrfIs(place_.vrf);
+        ipStatus->ipIntfConfigIs(ipConfig);
+    }
+    auto const local = state_.allIntfStatusLocalDir->intfStatusLocalIs(intfId);
+    local->networkNamespaceIs(place_.networkNamespace);
+    local->deviceNameIs(intfId.stringValue());
+    if (auto* const source = state_.sourceIntfSm->sourceIntf(intfId))
+        source->ipAddrIs(usableAddress);
+    state_.allIntfStatusDir->intfStatusIs(intfId)->operUpIs(true);
 }
 
-void NamespaceInterfaces::doPublishAll() {
+void NamespaceInterfaces::doWithdraw(std::string const& name) {
+    Lox::IntfId const intfId(name);
+    if (auto* const status = state_.allIntfStatusDir->intfStatus(intfId)) status->operUpIs(false);
+    if (Nex::Ptr const source = state_.sourceIntfSm->sourceIntf(intfId))
+        source->ipAddrIs(Lox::IpAddr());
+}
+
+void NamespaceInterfaces::doWithdrawAll() {
     std::map<int, std::string> const names = names_;
-    for (auto const& [ifindex, name] : names) {
-        doPublishKernelInterface(ifindex);
-        doPublish(name);
-    }
+    for (auto const& [ifindex, name] : names)
+        if (owns_(name)) doWithdraw(name);
 }
 
 } // namespace Agent

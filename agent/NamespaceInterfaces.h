@@ -43,14 +43,17 @@ class NamespaceInterfaces {
     Device device(std::string const& name) const;
     /// 0.0.0.0 unless the interface is usable.
     Lox::IpAddr address(std::string const& name) const;
-    /// Writes the state of all interfaces again, for those whose VRF has changed.
-    void doPublishAll();
+    /// Writes what is known of an interface of this VRF.
+    void doPublish(std::string const& name);
+    /// Takes an interface, or all of this VRF, out of those that can be used; the root machine
+    /// takes them down.
+    void doWithdraw(std::string const& name);
+    void doWithdrawAll();
 
   private:
     void handleInterface(int ifindex);
-    void doPublish(std::string const& name);
     void doPublishKernelInterface(int ifindex);
-    void doWithdraw(Lox::IntfId const& intfId);
+    void doPublishUsable(Lox::IntfId const& intfId, Lox::IpAddr usableAddress);
 
     PlatformState& state_;
     EventLoop& loop_;

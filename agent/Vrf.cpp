@@ -1,0 +1,119 @@
+#include "agent/Vrf.h"
+
+#include "agent/Log.h"
+
+#include "IgmpHostProxy/AddressRangeIterator.h"
+
+#include <bit>
+#include <system_error>
+#include <vector>
+
+namespace Agent {
+
+Vrf::Vrf(PlatformState& state, EventLoop& loop, std::string name,
+         std::optional<std::string> namespaceName, Owns owns, Observer observer)
+    : state_(state),
+      loop_(loop),
+      name_(std::move(name)),
+      namespaceName_(std::move(namespaceName)),
+      owns_(std::move(owns)),
+      observer_(std::move(observer)) {
+    // The collection stays for good, empty without a namespace: one that goes would take the
+    // interfaces of all VRFs down.
+    state_.mfibDir->keshCollIs(name_);
+    if (namespaceName_) {
+        watch_ =
+            std::make_unique<NamespaceWatch>(loop_, *namespaceName_, [this] { handleNamespace(); });
+        handleNamespace();
+    } else {
+        doStart(-1);
+    }
+}
+
+Vrf::~Vrf() { doStop(); }
+
+void Vrf::handleNamespace() {
+    doStop();
+    if (watch_->namespaceFd() < 0) return;
+    try {
+        doStart(watch_->namespaceFd());
+        log(LogLevel::info, "VRF {}: namespace {} is there", name_.stringValue(), *namespaceName_);
+    } catch (std::system_error const& error) {
+        doStop();
+        log(LogLevel::error, "VRF {}: {}", name_.stringValue(), error.what());
+    }
+}
+
+void Vrf::doStart(int namespaceFd) {
+    NamespaceInterfaces::Place place{name_, Lox::NamespaceName::defaultNamespace(), namespaceFd};
+    if (namespaceName_) {
+        place.networkNamespace = Lox::NamespaceName("ns-" + name_.stringValue());
+        state_.allVrfStatusLocal->vrfIs(name_)->networkNamespaceIs(place.networkNamespace);
+    }
+    interfaces_ = std::make_unique<NamespaceInterfaces>(
+        state_, loop_, place, owns_, [this](std::string const& name) { handleInterface(name); });
+    writer_ = std::make_unique<RouteWriter>(state_.mfibDir->keshColl(name_),
+                                            "mroute-" + name_.stringValue());
+    routes_ = std::make_unique<KernelRoutes>(
+        loop_,
+        [this](Lox::IpAddr source, Lox::IpAddr group, bool announced) {
+            writer_->routeIs(source, group, announced);
+        },
+        namespaceFd);
+    filter_ = RouteFilter();
+    doFilterRoutes();
+}
+
+void Vrf::doStop() {
+    if (interfaces_) interfaces_->doWithdrawAll();
+    routes_ = nullptr;
+    writer_ = nullptr;
+    interfaces_ = nullptr;
+    if (namespaceName_) state_.allVrfStatusLocal->vrfDel(name_);
+}
+
+bool Vrf::synchronized() const {
+    return !interfaces_ || (interfaces_->synchronized() && routes_->synchronized());
+}
+
+void Vrf::handleInterface(std::string const& name) {
+    if (proxies_.contains(name)) doFilterRoutes();
+    observer_(name);
+}
+
+void Vrf::routePolicyIs(ForwardingTableConfiguration const& policy, std::set<std::string> proxies) {
+    policy_ = policy;
+    proxies_ = std::move(proxies);
+    doFilterRoutes();
+}
+
+void Vrf::doFilterRoutes() {
+    if (!routes_) return;
+    RouteFilter filter;
+    filter.requireOutput = policy_.requireOutput;
+    filter.anyIncoming = policy_.incoming == ForwardingTableConfiguration::Incoming::any;
+    for (std::string const& name : proxies_)
+        if (int const ifindex = interfaces_->device(name).ifindex; ifindex != 0)
+            filter.proxyInterfaces.insert(ifindex);
+    if (filter == filter_) return;
+    filter_ = filter;
+    routes_->filterIs(std::move(filter));
+}
+
+void Vrf::doTouch(Lox::IpAddrWithFullMask groups) {
+    if (!writer_) return;
+    auto const size = std::uint64_t(1) << std::popcount(~groups.mask());
+    if (size <= writer_->table().routeCount()) {
+        IgmpHostProxy::AddressRangeIterator group(groups.address().host(), groups.mask());
+        for (; !group.done(); ++group) writer_->doTouch(*group);
+        return;
+    }
+    std::set<Lox::IpAddr> touched;
+    for (auto const& item : writer_->table().route()) {
+        Lox::IpAddr const group = item.key.group.address();
+        if (((group.host() ^ groups.address().host()) & groups.mask()) == 0) touched.insert(group);
+    }
+    for (Lox::IpAddr const group : touched) writer_->doTouch(group);
+}
+
+} // namespace Agent

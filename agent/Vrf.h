@@ -1,0 +1,67 @@
+// One VRF: a network namespace with its interfaces and its multicast routes, for as long as the
+// namespace is there. It may appear, vanish and come back; the default VRF is the agent's own
+// namespace and always there.
+#pragma once
+
+#include "agent/Configuration.h"
+#include "agent/KernelRoutes.h"
+#include "agent/NamespaceInterfaces.h"
+#include "agent/NamespaceWatch.h"
+#include "agent/RouteWriter.h"
+
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+
+namespace Agent {
+
+class Vrf {
+  public:
+    using Owns = NamespaceInterfaces::Owns;
+    using Observer = NamespaceInterfaces::Observer;
+
+    /// `namespaceName` as namespaceOpen() takes it; nothing for the agent's own namespace. `state`
+    /// and `loop` outlive this. Throws std::system_error for the agent's own namespace only; the
+    /// trouble of another one is logged, and over when the namespace is made anew.
+    Vrf(PlatformState& state, EventLoop& loop, std::string name,
+        std::optional<std::string> namespaceName, Owns owns, Observer observer);
+    ~Vrf();
+    /// Takes the interfaces down and forgets the routes.
+    void doStop();
+    Vrf(Vrf const&) = delete;
+    Vrf& operator=(Vrf const&) = delete;
+
+    std::optional<std::string> const& namespaceName() const { return namespaceName_; }
+    /// Null while the namespace is not there.
+    NamespaceInterfaces* interfaces() const { return interfaces_.get(); }
+    /// Whether everything has been read that is there to be read.
+    bool synchronized() const;
+
+    /// Which routes to announce, and the names of this VRF's proxy interfaces.
+    void routePolicyIs(ForwardingTableConfiguration const& policy, std::set<std::string> proxies);
+    /// Has the routes of these groups looked at again: somebody has let go of the groups.
+    void doTouch(Lox::IpAddrWithFullMask groups);
+
+  private:
+    void handleNamespace();
+    void doStart(int namespaceFd);
+    void handleInterface(std::string const& name);
+    void doFilterRoutes();
+
+    PlatformState& state_;
+    EventLoop& loop_;
+    L3::VrfName name_;
+    std::optional<std::string> namespaceName_;
+    Owns owns_;
+    Observer observer_;
+    ForwardingTableConfiguration policy_;
+    std::set<std::string> proxies_;
+    RouteFilter filter_; ///< in force
+    std::unique_ptr<NamespaceInterfaces> interfaces_;
+    std::unique_ptr<RouteWriter> writer_;
+    std::unique_ptr<KernelRoutes> routes_;
+    std::unique_ptr<NamespaceWatch> watch_;
+};
+
+} // namespace Agent

@@ -1,0 +1,101 @@
+#include "agent/Vrfs.h"
+
+#include <algorithm>
+#include <set>
+#include <vector>
+
+namespace Agent {
+
+namespace {
+
+std::string const defaultVrf = "default";
+
+} // namespace
+
+Vrfs::Vrfs(PlatformState& state, EventLoop& loop, NamespaceInterfaces::Observer observer)
+    : state_(state), loop_(loop), observer_(std::move(observer)) {
+    doAdd(defaultVrf, std::nullopt);
+}
+
+void Vrfs::doAdd(std::string const& name, std::optional<std::string> namespaceName) {
+    vrfs_[name] = std::make_unique<Vrf>(
+        state_, loop_, name, std::move(namespaceName),
+        [this, name](std::string const& interface) { return vrfOf(interface) == name; }, observer_);
+}
+
+void Vrfs::configurationIs(Configuration const& configuration) {
+    std::map<std::string, std::string> vrfOfInterface;
+    std::map<std::string, std::set<std::string>> proxies;
+    for (auto const& [name, interface] : configuration.interfaces) {
+        vrfOfInterface[name] = interface.vrf;
+        proxies[interface.vrf].insert(name);
+    }
+    doMoveInterfaces(std::move(vrfOfInterface));
+    auto const goes = [&](auto const& item) {
+        if (item.first == defaultVrf) return false;
+        auto const stays = configuration.vrfs.find(item.first);
+        return stays == configuration.vrfs.end() || stays->second != item.second->namespaceName();
+    };
+    for (auto const& item : vrfs_)
+        if (goes(item)) item.second->doStop(); // while its interfaces can still be found
+    std::erase_if(vrfs_, goes);
+    for (auto const& [name, namespaceName] : configuration.vrfs)
+        if (!vrfs_.contains(name)) doAdd(name, namespaceName);
+    for (auto const& [name, vrf] : vrfs_)
+        vrf->routePolicyIs(configuration.forwardingTable, proxies[name]);
+}
+
+/// An interface goes down in the VRF that it leaves before it comes up in another one.
+void Vrfs::doMoveInterfaces(std::map<std::string, std::string> vrfOfInterface) {
+    std::vector<std::string> moving;
+    auto const placeIn = [](auto const& places, std::string const& name) {
+        auto const found = places.find(name);
+        return found == places.end() ? defaultVrf : found->second;
+    };
+    for (auto const* const places : {&vrfOfInterface_, &vrfOfInterface})
+        for (auto const& [name, vrf] : *places)
+            if (placeIn(vrfOfInterface_, name) != placeIn(vrfOfInterface, name))
+                moving.push_back(name);
+    for (std::string const& name : moving)
+        if (NamespaceInterfaces* const from = interfacesOf(name)) from->doWithdraw(name);
+    vrfOfInterface_ = std::move(vrfOfInterface);
+    for (std::string const& name : moving)
+        if (NamespaceInterfaces* const to = interfacesOf(name)) to->doPublish(name);
+}
+
+bool Vrfs::synchronized() const {
+    return std::all_of(vrfs_.begin(), vrfs_.end(),
+                       [](auto const& item) { return item.second->synchronized(); });
+}
+
+std::string const& Vrfs::vrfOf(std::string const& interface) const {
+    auto const found = vrfOfInterface_.find(interface);
+    return found == vrfOfInterface_.end() ? defaultVrf : found->second;
+}
+
+NamespaceInterfaces* Vrfs::interfacesOf(std::string const& interface) const {
+    auto const found = vrfs_.find(vrfOf(interface));
+    return found == vrfs_.end() ? nullptr : found->second->interfaces();
+}
+
+Device Vrfs::device(std::string const& interface) const {
+    NamespaceInterfaces const* const interfaces = interfacesOf(interface);
+    return interfaces ? interfaces->device(interface) : Device();
+}
+
+int Vrfs::namespaceFd(std::string const& interface) const {
+    NamespaceInterfaces const* const interfaces = interfacesOf(interface);
+    return interfaces ? interfaces->place().namespaceFd : -1;
+}
+
+Lox::IpAddr Vrfs::address(std::string const& interface) const {
+    NamespaceInterfaces const* const interfaces = interfacesOf(interface);
+    return interfaces ? interfaces->address(interface) : Lox::IpAddr();
+}
+
+void Vrfs::doTouch(std::string const& interface, Lox::IpAddrWithFullMask groups) {
+    auto const found = vrfs_.find(vrfOf(interface));
+    if (found != vrfs_.end()) found->second->doTouch(groups);
+}
+
+} // namespace Agent

@@ -1,0 +1,45 @@
+// All VRFs of the configuration, and which of them each interface is in.
+#pragma once
+
+#include "agent/Vrf.h"
+
+#include <map>
+#include <memory>
+#include <string>
+
+namespace Agent {
+
+class Vrfs {
+  public:
+    /// `observer` is told the name of an interface that changed. `state` and `loop` outlive this.
+    /// Throws std::system_error where the kernel refuses the agent's own namespace.
+    Vrfs(PlatformState& state, EventLoop& loop, NamespaceInterfaces::Observer observer);
+
+    /// Adds, replaces and removes VRFs, and moves interfaces between them; whatever stays is not
+    /// touched.
+    void configurationIs(Configuration const& configuration);
+
+    bool synchronized() const;
+    /// Where an interface is now; no device while it is not there.
+    Device device(std::string const& interface) const;
+    /// Of the namespace that the interface is in.
+    int namespaceFd(std::string const& interface) const;
+    /// 0.0.0.0 unless the interface is usable.
+    Lox::IpAddr address(std::string const& interface) const;
+    /// Somebody who announced these groups on the interface has let go of them.
+    void doTouch(std::string const& interface, Lox::IpAddrWithFullMask groups);
+
+  private:
+    std::string const& vrfOf(std::string const& interface) const;
+    NamespaceInterfaces* interfacesOf(std::string const& interface) const;
+    void doMoveInterfaces(std::map<std::string, std::string> vrfOfInterface);
+    void doAdd(std::string const& name, std::optional<std::string> namespaceName);
+
+    PlatformState& state_;
+    EventLoop& loop_;
+    NamespaceInterfaces::Observer observer_;
+    std::map<std::string, std::string> vrfOfInterface_; ///< of those that the configuration names
+    std::map<std::string, std::unique_ptr<Vrf>> vrfs_;
+};
+
+} // namespace Agent
