@@ -92,8 +92,9 @@ inline std::string packetText(std::span<std::uint8_t const> packet) {
     std::size_t at = 32;
     for (unsigned left = packet[30] * 256u + packet[31]; left > 0; --left) {
         unsigned sources = packet[at + 2] * 256u + packet[at + 3];
-        text += (text.empty() ? "" : ", ") + (names[packet[at]] + address(at + 4));
-        for (at += 8; sources > 0; --sources, at += 4) text += " " + address(at);
+        if (!text.empty()) text += ", ";
+        text.append(names[packet[at]]).append(address(at + 4));
+        for (at += 8; sources > 0; --sources, at += 4) text.append(" ").append(address(at));
     }
     return at == packet.size() ? text : "octets behind the last record";
 }
