@@ -1,0 +1,73 @@
+// The whole agent in a throw-away network, beside a bridge that learns and a wire that hears all.
+#pragma once
+
+#include "agent/AgentProcess.h"
+#include "agent/Wire.h"
+#include "netns/Netns.h"
+
+#include <gtest/gtest.h>
+#include <memory>
+
+namespace Testing {
+
+using Lines = std::vector<std::string>;
+
+/// The configuration of one interface, with these lines for its groups. Changes are repeated fast,
+/// so that a test need not wait long for the repeats.
+inline std::string groupsOn(std::string const& interface, std::string const& groups,
+                            std::string const& version = "3") {
+    return "[interface." + interface + "]\nigmp-version = " + version +
+           "\nunsolicited-report-interval = 0.1\n[interface." + interface + ".group]\n" + groups;
+}
+
+/// Each line twice: a change is told as often as the robustness is.
+inline Lines twice(Lines const& once) {
+    Lines lines = once;
+    lines.insert(lines.end(), once.begin(), once.end());
+    std::sort(lines.begin(), lines.end());
+    return lines;
+}
+
+class AgentTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        IHP_SKIP_WITHOUT_NETNS();
+        net = std::make_unique<Netns>();
+        // The bridge believes a leave soon, and does not wait long for answers (hundredths).
+        net->farIp("link set br0 type bridge mcast_last_member_interval 10 "
+                   "mcast_query_response_interval 20");
+        wire = std::make_unique<Wire>(net->farName(), "down0");
+    }
+
+    /// Starts the agent with this configuration, and waits until it says that it is ready.
+    void start(std::string const& configuration) {
+        folder.write("ihproxyd.toml", configuration);
+        agent = std::make_unique<AgentProcess>(
+            folder, net->nearName(),
+            Lines{"--config", folder.file("ihproxyd.toml"), "--status", folder.file("status")});
+        ASSERT_TRUE(agent->says("ready\n")) << agent->output();
+    }
+    /// Has the agent read this configuration, and waits until it has.
+    void reload(std::string const& configuration) {
+        folder.write("ihproxyd.toml", configuration);
+        agent->signal(SIGHUP);
+        ASSERT_TRUE(agent->says("is in force", ++reloads)) << agent->output();
+    }
+    /// Whether the bridge comes to know these groups and no others.
+    testing::AssertionResult learned(Lines const& table) const {
+        if (waitUntil([&] { return net->bridgeTable() == table; }))
+            return testing::AssertionSuccess();
+        return testing::AssertionFailure()
+               << "the bridge knows " << testing::PrintToString(net->bridgeTable())
+               << ", the agent says:\n"
+               << agent->output();
+    }
+
+    Folder folder;
+    std::unique_ptr<Netns> net;
+    std::unique_ptr<Wire> wire;
+    std::unique_ptr<AgentProcess> agent;
+    int reloads = 0;
+};
+
+} // namespace Testing

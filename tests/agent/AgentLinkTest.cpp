@@ -1,0 +1,164 @@
+// Interfaces that fail, come late, go away and change while the agent runs. It heals by itself.
+#include "agent/AgentFixture.h"
+
+#include <random>
+
+namespace Testing {
+namespace {
+
+std::string const oneGroup = groupsOn("up0", "'239.1.1.1' = {}\n'239.1.1.2' = { include = "
+                                             "['10.0.0.1'] }\n");
+Lines const learnedOnce{"down0 239.1.1.1 exclude", "down0 239.1.1.2 include 10.0.0.1"};
+Lines const joined{"ALLOW 239.1.1.2 10.0.0.1", "TO_EX 239.1.1.1"};
+
+TEST_F(AgentTest, GroupsComeBackWithTheCarrier) {
+    start(oneGroup);
+    ASSERT_TRUE(learned(learnedOnce));
+    for (int i = 0; i < 3; ++i) {
+        net->carrierIs(false);
+        EXPECT_TRUE(learned({}));
+        net->carrierIs(true);
+        EXPECT_TRUE(learned(learnedOnce));
+    }
+    net->nearIp("link set up0 down");
+    EXPECT_TRUE(learned({}));
+    net->nearIp("link set up0 up");
+    EXPECT_TRUE(learned(learnedOnce));
+}
+
+TEST_F(AgentTest, InterfaceMadeAgainHasANewIndexAndTheSameGroups) {
+    start(oneGroup);
+    ASSERT_TRUE(learned(learnedOnce));
+    net->upstreamDel();
+    EXPECT_TRUE(learned({}));
+    net->upstreamIs();
+    EXPECT_TRUE(learned(learnedOnce));
+    agent->signal(SIGTERM);
+    EXPECT_EQ(agent->exitStatus(), 0);
+    EXPECT_TRUE(learned({})) << "it leaves on the new interface";
+}
+
+TEST_F(AgentTest, InterfaceThatComesLateIsServed) {
+    net->upstreamDel();
+    start(oneGroup);
+    net->upstreamIs();
+    EXPECT_TRUE(learned(learnedOnce));
+}
+
+TEST_F(AgentTest, NoWordWithoutAnAddressAndAllOfThemWithANewOne) {
+    start(oneGroup);
+    ASSERT_EQ(wire->heardAfter(twice(joined)), twice(joined));
+    wire->forget();
+    net->nearIp("addr del 10.99.0.2/24 dev up0");
+    reload(groupsOn("up0", "'239.1.1.3' = {}\n"));
+    EXPECT_EQ(wire->heardAfter({}), Lines{});
+    net->nearIp("addr add 10.99.0.2/24 dev up0");
+    EXPECT_EQ(wire->heardAfter(twice({"TO_EX 239.1.1.3"})), twice({"TO_EX 239.1.1.3"}));
+
+    wire->forget();
+    net->nearIp("addr add 10.97.0.2/24 dev up0");
+    net->nearIp("addr del 10.99.0.2/24 dev up0");
+    EXPECT_TRUE(wire->hears({"TO_EX 239.1.1.3"}));
+    for (Lox::IpAddr const source : wire->sources()) EXPECT_EQ(source, Lox::IpAddr("10.97.0.2"));
+
+    wire->forget();
+    reload(groupsOn("up0", ""));
+    EXPECT_TRUE(wire->hears({"TO_IN 239.1.1.3"}));
+    for (Lox::IpAddr const source : wire->sources()) EXPECT_EQ(source, Lox::IpAddr("10.97.0.2"));
+}
+
+TEST_F(AgentTest, OneInterfaceFlapsAndTheOtherIsSilent) {
+    net->farIp("link add down1 type veth peer name up1 netns " + net->nearName());
+    net->farIp("link set down1 up");
+    net->nearIp("addr add 10.98.0.2/24 dev up1");
+    net->nearIp("link set up1 up");
+    Wire other(net->farName(), "down1");
+    start(oneGroup + groupsOn("up1", "'239.1.1.1' = {}\n"));
+    ASSERT_TRUE(learned(learnedOnce));
+    ASSERT_EQ(other.heardAfter(twice({"TO_EX 239.1.1.1"})), twice({"TO_EX 239.1.1.1"}));
+    other.forget();
+    net->carrierIs(false);
+    EXPECT_TRUE(learned({}));
+    net->carrierIs(true);
+    EXPECT_TRUE(learned(learnedOnce));
+    net->upstreamDel();
+    EXPECT_TRUE(learned({}));
+    net->upstreamIs();
+    EXPECT_TRUE(learned(learnedOnce));
+    net->nearIp("addr del 10.99.0.2/24 dev up0");
+    EXPECT_EQ(other.heardAfter({}), Lines{});
+    reload(groupsOn("up1", "'239.1.1.1' = {}\n"));
+    EXPECT_EQ(other.heardAfter({}), Lines{});
+    agent->signal(SIGTERM);
+    EXPECT_EQ(agent->exitStatus(), 0);
+    EXPECT_EQ(other.heard(), Lines{"TO_IN 239.1.1.1"});
+}
+
+TEST_F(AgentTest, RenamedInterfaceFollowsTheNameInTheFile) {
+    start(oneGroup + groupsOn("up9", "'239.1.1.9' = {}\n"));
+    ASSERT_TRUE(learned(learnedOnce));
+    net->nearIp("link set up0 down");
+    net->nearIp("link set up0 name up9");
+    net->nearIp("link set up9 up");
+    EXPECT_TRUE(learned({"down0 239.1.1.9 exclude"}));
+    net->nearIp("link set up9 down");
+    net->nearIp("link set up9 name up0");
+    net->nearIp("link set up0 up");
+    EXPECT_TRUE(learned(learnedOnce));
+}
+
+TEST_F(AgentTest, AgentEndsWellWithoutItsInterface) {
+    start(oneGroup);
+    ASSERT_TRUE(learned(learnedOnce));
+    net->upstreamDel();
+    agent->signal(SIGTERM);
+    EXPECT_EQ(agent->exitStatus(), 0) << agent->output();
+}
+
+TEST_F(AgentTest, AfterADisorderOfEventsAllIsAsTheFileSays) {
+    start(oneGroup);
+    ASSERT_TRUE(learned(learnedOnce));
+    std::size_t const descriptors = agent->openDescriptors();
+    std::mt19937 random(7);
+    bool present = true;
+    for (int i = 0; i < 40; ++i) {
+        switch (random() % 6) {
+        case 0:
+            net->upstreamDel();
+            present = false;
+            break;
+        case 1:
+            net->carrierIs(false);
+            break;
+        case 2:
+            net->nearIp("addr flush dev up0");
+            break;
+        case 3:
+            folder.write("ihproxyd.toml", groupsOn("up0", "'239.1.1.7' = {}\n"));
+            agent->signal(SIGHUP);
+            break;
+        case 4:
+            folder.write("ihproxyd.toml", "");
+            agent->signal(SIGHUP);
+            break;
+        default:
+            net->nearIp("link set up0 down");
+        }
+        if (!present) net->upstreamIs();
+        present = true;
+        if (random() % 2) continue;
+        net->carrierIs(true);
+        net->nearIp("link set up0 up");
+        net->nearIp("addr replace 10.99.0.2/24 dev up0");
+    }
+    net->carrierIs(true);
+    net->nearIp("link set up0 up");
+    net->nearIp("addr replace 10.99.0.2/24 dev up0");
+    folder.write("ihproxyd.toml", oneGroup);
+    agent->signal(SIGHUP);
+    EXPECT_TRUE(learned(learnedOnce));
+    EXPECT_EQ(agent->openDescriptors(), descriptors);
+}
+
+} // namespace
+} // namespace Testing

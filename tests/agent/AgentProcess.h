@@ -1,0 +1,113 @@
+// The program ihproxyd as an operator runs it: its configuration file, its signals, its output. It
+// works in a directory of its own, and goes away with the object.
+#pragma once
+
+#include "netns/Netns.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <system_error>
+#include <unistd.h>
+#include <vector>
+
+namespace Testing {
+
+/// A directory that goes away with all that is in it.
+class Folder {
+  public:
+    Folder() {
+        if (!mkdtemp(path_.data())) throw std::system_error(errno, std::generic_category(), path_);
+    }
+    ~Folder() { std::filesystem::remove_all(path_); }
+    Folder(Folder const&) = delete;
+    Folder& operator=(Folder const&) = delete;
+
+    std::string file(std::string const& name) const { return path_ + "/" + name; }
+    /// Empty for a file that does not exist.
+    std::string read(std::string const& name) const {
+        std::ostringstream text;
+        text << std::ifstream(file(name)).rdbuf();
+        return text.str();
+    }
+    void write(std::string const& name, std::string const& text) const {
+        std::ofstream(file(name)) << text;
+    }
+
+  private:
+    std::string path_ = std::filesystem::temp_directory_path() / "ihproxyd-XXXXXX";
+};
+
+class AgentProcess {
+  public:
+    /// Starts the program in a network namespace. It writes its output into the folder, and is
+    /// ended with the object or with the test's own process, whichever ends first.
+    AgentProcess(Folder const& folder, std::string const& namespaceName,
+                 std::vector<std::string> arguments)
+        : folder_(folder) {
+        arguments.insert(arguments.begin(), IHPROXYD);
+        std::vector<char*> argv;
+        for (std::string& argument : arguments) argv.push_back(argument.data());
+        argv.push_back(nullptr);
+        Netns::Inside const inside(namespaceName);
+        pid_ = fork();
+        if (pid_ == 0) doExec(argv, folder.file("output"));
+        if (pid_ < 0) throw std::system_error(errno, std::generic_category(), "fork");
+    }
+    ~AgentProcess() {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+    }
+    AgentProcess(AgentProcess const&) = delete;
+    AgentProcess& operator=(AgentProcess const&) = delete;
+
+    void signal(int number) const { kill(pid_, number); }
+    /// What it has written so far, to standard output and standard error.
+    std::string output() const { return folder_.read("output"); }
+    /// Whether it comes to have written this text `times` times.
+    bool says(std::string const& text, int times = 1) const {
+        return waitUntil([&] {
+            std::string const all = output();
+            int found = 0;
+            for (auto at = all.find(text); at != all.npos; at = all.find(text, at + 1)) ++found;
+            return found >= times;
+        });
+    }
+    std::size_t openDescriptors() const {
+        std::filesystem::directory_iterator const files("/proc/" + std::to_string(pid_) + "/fd");
+        return std::size_t(std::distance(begin(files), end(files)));
+    }
+    /// Its exit status, or the negative number of the signal that ended it; nothing while it runs
+    /// on and on.
+    std::optional<int> exitStatus() {
+        int status = 0;
+        if (!waitUntil([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) return {};
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+
+  private:
+    [[noreturn]] static void doExec(std::vector<char*> const& argv, std::string const& output) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        int const file = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        dup2(file, STDOUT_FILENO);
+        dup2(file, STDERR_FILENO);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+
+    Folder const& folder_;
+    pid_t pid_ = -1;
+};
+
+} // namespace Testing

@@ -1,0 +1,116 @@
+// The running agent and the routers: queries, older versions, and packets that are none.
+#include "agent/AgentFixture.h"
+
+#include <random>
+
+namespace Testing {
+namespace {
+
+using Agent::allSystems;
+using Agent::Bytes;
+using Agent::ip;
+using Agent::packetOf;
+using Agent::v3Query;
+
+std::string const groups = "'239.1.1.1' = {}\n'239.1.1.2' = { include = ['10.0.0.1'] }\n";
+Lines const joined = twice({"TO_EX 239.1.1.1", "ALLOW 239.1.1.2 10.0.0.1"});
+Lines const state{"IS_EX 239.1.1.1", "IS_IN 239.1.1.2 10.0.0.1"};
+
+Bytes toGroup(Bytes const& payload, Lox::IpAddr group) {
+    return packetOf(payload, {ip("10.99.0.1"), group});
+}
+
+TEST_F(AgentTest, QueriesAreAnswered) {
+    start(groupsOn("up0", groups));
+    ASSERT_EQ(wire->heardAfter(joined), joined);
+    wire->forget();
+    wire->send(toGroup(v3Query(2), allSystems));
+    EXPECT_EQ(wire->heardAfter(state), state);
+
+    wire->forget();
+    Lox::IpAddr const group = ip("239.1.1.2");
+    wire->send(toGroup(v3Query(2, group, {ip("10.0.0.1"), ip("10.0.0.2")}), group));
+    wire->send(toGroup(v3Query(2, ip("239.1.1.3")), ip("239.1.1.3")));
+    EXPECT_EQ(wire->heardAfter({state[1]}), Lines{state[1]});
+}
+
+TEST_F(AgentTest, Version2ReportsAndLeaves) {
+    // The bridge answers a leave with queries, general ones among them.
+    net->farIp("link set br0 type bridge mcast_querier 0");
+    start(groupsOn("up0", groups, "2"));
+    Lines const reports = twice({"v2 239.1.1.1", "v2 239.1.1.2"});
+    EXPECT_EQ(wire->heardAfter(reports), reports);
+    wire->forget();
+    reload(groupsOn("up0", "'239.1.1.2' = { include = ['10.0.0.1'] }\n", "2"));
+    EXPECT_EQ(wire->heardAfter({"leave 239.1.1.1"}), Lines{"leave 239.1.1.1"});
+    wire->forget();
+    wire->send(toGroup(Agent::message(Agent::IgmpType::query, {}, 2), allSystems));
+    EXPECT_EQ(wire->heardAfter({"v2 239.1.1.2"}), Lines{"v2 239.1.1.2"});
+    wire->forget();
+    agent->signal(SIGTERM);
+    EXPECT_EQ(agent->exitStatus(), 0);
+    EXPECT_EQ(wire->heardAfter({"leave 239.1.1.2"}), Lines{"leave 239.1.1.2"});
+}
+
+TEST_F(AgentTest, Version1ReportsAndGoesWithoutAWord) {
+    start(groupsOn("up0", groups, "1"));
+    Lines const reports = twice({"v1 239.1.1.1", "v1 239.1.1.2"});
+    EXPECT_EQ(wire->heardAfter(reports), reports);
+    wire->forget();
+    reload(groupsOn("up0", "", "1"));
+    EXPECT_EQ(wire->heardAfter({}), Lines{});
+}
+
+TEST_F(AgentTest, ChangedVersionAnnouncesAllGroupsInTheNewOne) {
+    start(groupsOn("up0", groups));
+    ASSERT_EQ(wire->heardAfter(joined), joined);
+    wire->forget();
+    reload(groupsOn("up0", groups, "2"));
+    Lines const reports = twice({"v2 239.1.1.1", "v2 239.1.1.2"});
+    EXPECT_EQ(wire->heardAfter(reports), reports);
+    wire->forget();
+    reload(groupsOn("up0", groups));
+    EXPECT_EQ(wire->heardAfter(joined), joined);
+    EXPECT_TRUE(learned({"down0 239.1.1.1 exclude", "down0 239.1.1.2 include 10.0.0.1"}));
+}
+
+TEST_F(AgentTest, GarbageIsDroppedAndTheNextQueryAnswered) {
+    net->nearIp("link set up0 mtu 12000");
+    net->farIp("link set down0 mtu 12000");
+    start(groupsOn("up0", groups));
+    ASSERT_EQ(wire->heardAfter(joined), joined);
+    wire->forget();
+
+    Bytes const query = toGroup(v3Query(1, ip("239.1.1.2"), {ip("10.0.0.1")}), ip("239.1.1.2"));
+    for (std::size_t length = 1; length < query.size(); ++length)
+        wire->send({query.begin(), query.begin() + std::ptrdiff_t(length)});
+    for (std::size_t at = 0; at < query.size(); ++at) {
+        Bytes broken = query; // and with it a checksum
+        broken[at] = std::uint8_t(broken[at] ^ 0x5a);
+        wire->send(broken);
+    }
+    Bytes claimsMore = v3Query(1, ip("239.1.1.2"), {ip("10.0.0.1")});
+    claimsMore[10] = 0xff;
+    wire->send(toGroup(claimsMore, ip("239.1.1.2")));
+    for (std::size_t const size : {1500u, 9216u, 9217u, 11900u}) {
+        Bytes oversized = query;
+        oversized.resize(size, 0xff);
+        oversized[2] = oversized[3] = 0xff; // an IPv4 length of 65535
+        Agent::checksumIs(std::span(oversized).first(Agent::ipHeaderOctets), 10);
+        wire->send(oversized);
+    }
+    std::mt19937 random(1);
+    for (int i = 0; i < 500; ++i) {
+        Bytes noise(20 + random() % 200);
+        for (auto& octet : noise) octet = std::uint8_t(random());
+        noise[0] = std::uint8_t(0x40 | (noise[0] & 0x0f));
+        noise[9] = IPPROTO_IGMP;
+        wire->send(noise);
+    }
+    EXPECT_EQ(wire->heardAfter({}), Lines{}) << "none of these is a question";
+    wire->send(toGroup(v3Query(1), allSystems));
+    EXPECT_EQ(wire->heardAfter(state), state) << agent->output();
+}
+
+} // namespace
+} // namespace Testing

@@ -1,0 +1,248 @@
+// What an operator does to the running agent: files, signals, and what it says in return.
+#include "agent/AgentFixture.h"
+
+#include <nlohmann/json.hpp>
+#include <sys/un.h>
+
+namespace Testing {
+namespace {
+
+constexpr char const* threeGroups = "'239.1.1.1' = {}\n"
+                                    "'239.1.1.2' = { include = ['10.0.0.2', '10.0.0.1'] }\n"
+                                    "'239.1.1.3' = { exclude = ['10.0.0.9'] }\n";
+Lines const threeLearned{"down0 239.1.1.1 exclude", "down0 239.1.1.2 include 10.0.0.1,10.0.0.2",
+                         "down0 239.1.1.3 exclude 10.0.0.9"};
+Lines const threeJoined =
+    twice({"TO_EX 239.1.1.1", "ALLOW 239.1.1.2 10.0.0.1 10.0.0.2", "TO_EX 239.1.1.3 10.0.0.9"});
+Lines const threeLeft{"BLOCK 239.1.1.2 10.0.0.1 10.0.0.2", "TO_IN 239.1.1.1", "TO_IN 239.1.1.3"};
+
+/// The service manager's end of the notifications.
+class ServiceSocket {
+  public:
+    explicit ServiceSocket(std::string const& path)
+        : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        if (bind(socket_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+            throw std::system_error(errno, std::generic_category(), path);
+        setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    }
+    ~ServiceSocket() { unsetenv("NOTIFY_SOCKET"); }
+
+    /// The next message, or nothing if none comes.
+    std::string next() const {
+        char text[64];
+        ssize_t length = -1;
+        waitUntil([&] { return (length = recv(socket_.get(), text, sizeof text, 0)) >= 0; });
+        return {text, std::size_t(std::max<ssize_t>(length, 0))};
+    }
+
+  private:
+    Agent::FileDescriptor socket_;
+};
+
+TEST_F(AgentTest, GroupsAreJoinedAtTheStartAndLeftAtTheEnd) {
+    start(groupsOn("up0", threeGroups));
+    EXPECT_TRUE(learned(threeLearned));
+    EXPECT_EQ(wire->heardAfter(threeJoined), threeJoined);
+
+    wire->forget();
+    agent->signal(SIGTERM);
+    EXPECT_EQ(agent->exitStatus(), 0);
+    EXPECT_EQ(wire->heardAfter(threeLeft), threeLeft);
+    EXPECT_TRUE(learned({}));
+}
+
+TEST_F(AgentTest, ReloadTellsTheDifferenceAndNothingElse) {
+    start(groupsOn("up0", threeGroups));
+    ASSERT_EQ(wire->heardAfter(threeJoined), threeJoined);
+
+    wire->forget();
+    reload(groupsOn("up0", "'239.1.1.3' = { exclude = ['10.0.0.9'] } # moved up\n"
+                           "'239.1.1.2' = { include = ['10.0.0.2', '10.0.0.3'] }\n"
+                           "'239.1.1.1' = {}\n"));
+    Lines const changed = twice({"ALLOW 239.1.1.2 10.0.0.3", "BLOCK 239.1.1.2 10.0.0.1"});
+    EXPECT_EQ(wire->heardAfter(changed), changed);
+    EXPECT_TRUE(
+        learned({threeLearned[0], "down0 239.1.1.2 include 10.0.0.2,10.0.0.3", threeLearned[2]}));
+
+    wire->forget();
+    reload(groupsOn("up0", "'239.1.1.4' = {}\n"
+                           "'239.1.1.2' = { include = ['10.0.0.2', '10.0.0.3'] }\n"
+                           "'239.1.1.3' = { exclude = ['10.0.0.9'] }\n"));
+    Lines const swapped = twice({"TO_IN 239.1.1.1", "TO_EX 239.1.1.4"});
+    EXPECT_EQ(wire->heardAfter(swapped), swapped);
+    EXPECT_TRUE(learned(
+        {"down0 239.1.1.2 include 10.0.0.2,10.0.0.3", threeLearned[2], "down0 239.1.1.4 exclude"}));
+
+    wire->forget();
+    for (int i = 0; i < 50; ++i) agent->signal(SIGHUP);
+    EXPECT_TRUE(agent->says("is in force", reloads + 1));
+    EXPECT_EQ(wire->heardAfter({}), Lines{}) << "nothing has changed";
+}
+
+TEST_F(AgentTest, GroupGoesFromEachKindOfWishToEachOther) {
+    struct {
+        char const* sources;
+        char const* learned;
+    } const kinds[] = {{"", " exclude"},
+                       {"include = ['10.0.0.1', '10.0.0.2']", " include 10.0.0.1,10.0.0.2"},
+                       {"exclude = ['10.0.0.1', '10.0.0.3']", " exclude 10.0.0.1,10.0.0.3"},
+                       {"include = ['10.0.0.3']", " include 10.0.0.3"},
+                       {"exclude = ['10.0.0.2', '10.0.0.9']", " exclude 10.0.0.2,10.0.0.9"}};
+    auto const text = [](auto const& kind) {
+        return groupsOn("up0", "'239.1.1.1' = {" + std::string(kind.sources) + "}\n");
+    };
+    start(text(kinds[0]));
+    // With each stride a round over all kinds, and so from each to each.
+    std::size_t at = 0;
+    for (std::size_t stride = 1; stride < std::size(kinds); ++stride) {
+        for (std::size_t i = 0; i < std::size(kinds); ++i) {
+            auto const& from = kinds[std::exchange(at, (at + stride) % std::size(kinds))];
+            reload(text(kinds[at]));
+            EXPECT_TRUE(learned({std::string("down0 239.1.1.1") + kinds[at].learned}))
+                << from.sources << " -> " << kinds[at].sources;
+        }
+    }
+}
+
+TEST_F(AgentTest, EditedAccessListChangesTheGroupsThatItShould) {
+    std::string const attached = "[interface.up0]\naccess-lists = ['iptv']\n"
+                                 "unsolicited-report-interval = 0.1\n";
+    auto const rule = [](int sequence, std::string const& destination) {
+        return "[[access-list.iptv]]\nsequence = " + std::to_string(sequence) +
+               "\naction = 'permit'\nsource = '10.1.1.1'\ndestination = '" + destination + "'\n";
+    };
+    Lines const range = twice({"ALLOW 239.1.1.0 10.1.1.1", "ALLOW 239.1.1.1 10.1.1.1",
+                               "ALLOW 239.1.1.2 10.1.1.1", "ALLOW 239.1.1.3 10.1.1.1"});
+    start(attached + rule(10, "239.1.1.0/30"));
+    EXPECT_EQ(wire->heardAfter(range), range);
+
+    struct {
+        std::string rules;
+        Lines told;
+    } const edits[] = {
+        {rule(10, "239.2.0.0") + rule(20, "239.1.1.0/30"), {"ALLOW 239.2.0.0 10.1.1.1"}},
+        {rule(20, "239.1.1.0/31"),
+         {"BLOCK 239.1.1.2 10.1.1.1", "BLOCK 239.1.1.3 10.1.1.1", "BLOCK 239.2.0.0 10.1.1.1"}},
+        {rule(5, "239.1.1.1") + rule(6, "239.1.1.0"), {}},
+    };
+    for (auto const& edit : edits) {
+        wire->forget();
+        reload(attached + edit.rules);
+        EXPECT_EQ(wire->heardAfter(twice(edit.told)), twice(edit.told)) << edit.rules;
+    }
+    EXPECT_TRUE(learned({"down0 239.1.1.0 include 10.1.1.1", "down0 239.1.1.1 include 10.1.1.1"}));
+    wire->forget();
+    reload("[interface.up0]\nunsolicited-report-interval = 0.1\n" + edits[2].rules);
+    Lines const left = twice({"BLOCK 239.1.1.0 10.1.1.1", "BLOCK 239.1.1.1 10.1.1.1"});
+    EXPECT_EQ(wire->heardAfter(left), left) << "the list is detached";
+}
+
+TEST_F(AgentTest, InterfaceTakenOutOfTheFileLeavesItsGroupsAndComesBack) {
+    start(groupsOn("up0", threeGroups));
+    ASSERT_EQ(wire->heardAfter(threeJoined), threeJoined);
+    wire->forget();
+    reload("");
+    EXPECT_EQ(wire->heardAfter(threeLeft), threeLeft);
+    EXPECT_TRUE(learned({}));
+    wire->forget();
+    reload(groupsOn("up0", threeGroups));
+    EXPECT_EQ(wire->heardAfter(threeJoined), threeJoined);
+    EXPECT_TRUE(learned(threeLearned));
+}
+
+TEST_F(AgentTest, BadFileChangesNothingAndIsLoggedWithItsPlaces) {
+    start(groupsOn("up0", threeGroups));
+    ASSERT_EQ(wire->heardAfter(threeJoined), threeJoined);
+    wire->forget();
+    std::string const file = folder.file("ihproxyd.toml");
+    int refused = 0;
+    auto const refuses = [&](std::string const& place) {
+        agent->signal(SIGHUP);
+        return agent->says("nothing is changed", ++refused) && agent->says(place);
+    };
+    folder.write("ihproxyd.toml", "[interface.up0\n");
+    EXPECT_TRUE(refuses("error: " + file + ":1:15: error: "));
+    folder.write("ihproxyd.toml", groupsOn("up0", "'239.1.1.5' = {}\n'10.0.0.1' = {}\n"));
+    EXPECT_TRUE(refuses("error: " + file + ":6:1: error: "));
+    folder.write("ihproxyd.toml", std::string("\0\x1b[2J\xff", 6));
+    EXPECT_TRUE(refuses("error: " + file + ":1:"));
+    std::filesystem::remove(file);
+    EXPECT_TRUE(refuses("error: " + file + ": error: "));
+    std::filesystem::create_directory(file);
+    EXPECT_TRUE(refuses("error: " + file + ": error: "));
+    std::filesystem::remove(file);
+    EXPECT_EQ(agent->output().find('\x1b'), std::string::npos);
+    EXPECT_EQ(wire->heardAfter({}), Lines{});
+    EXPECT_TRUE(learned(threeLearned));
+
+    reload(groupsOn("up0", "'239.1.1.1' = {}\n"));
+    EXPECT_TRUE(learned({threeLearned[0]})) << "a good file afterwards is taken over";
+}
+
+TEST_F(AgentTest, BadFileAtTheStartIsRefused) {
+    folder.write("bad", "\n[interface.up0]\nigmp-version = 4\n");
+    AgentProcess process(folder, net->nearName(), {"--config", folder.file("bad")});
+    EXPECT_EQ(process.exitStatus(), 1);
+    EXPECT_NE(process.output().find(folder.file("bad") + ":3:16: error: "), std::string::npos)
+        << process.output();
+    EXPECT_EQ(process.output().find("ready"), std::string::npos);
+}
+
+TEST_F(AgentTest, CheckReportsAllErrorsAndNothingElse) {
+    struct {
+        std::string text;
+        int status;
+        Lines places;
+    } const files[] = {
+        {groupsOn("up0", threeGroups), 0, {}},
+        {"", 0, {}},
+        {"[interface.up0]\ncolour = 1\nigmp-version = 0\n[interface.up0.group]\n'1.2.3.4' = {}\n",
+         1,
+         {":2:1: ", ":3:16: ", ":5:1: "}}};
+    for (auto const& file : files) {
+        Folder const own;
+        own.write("file", file.text);
+        AgentProcess process(own, net->nearName(), {"--check", own.file("file")});
+        EXPECT_EQ(process.exitStatus(), file.status) << file.text;
+        for (std::string const& place : file.places)
+            EXPECT_NE(process.output().find("file" + place + "error: "), std::string::npos)
+                << place << process.output();
+    }
+    EXPECT_EQ(wire->heardAfter({}), Lines{}) << "a check speaks to no router";
+}
+
+TEST_F(AgentTest, ServiceManagerIsToldOfEachPhase) {
+    ServiceSocket const service(folder.file("notify"));
+    start(groupsOn("up0", threeGroups));
+    EXPECT_EQ(service.next(), "READY=1");
+    agent->signal(SIGHUP);
+    EXPECT_EQ(service.next().substr(0, 11), "RELOADING=1");
+    EXPECT_EQ(service.next(), "READY=1");
+    agent->signal(SIGTERM);
+    EXPECT_EQ(service.next(), "STOPPING=1");
+    EXPECT_EQ(agent->exitStatus(), 0);
+}
+
+TEST_F(AgentTest, StatusFileShowsWhatIsAnnounced) {
+    start(groupsOn("up0", threeGroups));
+    ASSERT_TRUE(learned(threeLearned));
+    std::filesystem::create_directory(folder.file("status"));
+    agent->signal(SIGUSR1);
+    EXPECT_TRUE(agent->says("a handler failed")) << "a file that cannot be written is no end";
+    std::filesystem::remove(folder.file("status"));
+
+    agent->signal(SIGUSR1);
+    ASSERT_TRUE(waitUntil([&] { return std::filesystem::exists(folder.file("status")); }));
+    auto const status = nlohmann::json::parse(folder.read("status"));
+    auto const& groups = status["intfStatus"]["up0"]["groupSourceList"];
+    EXPECT_EQ(groups.size(), 3u);
+    EXPECT_EQ(groups["239.1.1.1"]["excludeSourceList"], nlohmann::json({"0.0.0.0"}));
+    EXPECT_EQ(groups["239.1.1.2"]["includeSourceList"], nlohmann::json({"10.0.0.1", "10.0.0.2"}));
+    EXPECT_EQ(groups["239.1.1.3"]["excludeSourceList"], nlohmann::json({"10.0.0.9"}));
+}
+
+} // namespace
+} // namespace Testing

@@ -1,0 +1,112 @@
+// The far end of a link: everything that its near end says in IGMP, and packets of any kind to it.
+#pragma once
+
+#include "agent/FileDescriptor.h"
+#include "agent/IgmpPacket.h"
+#include "agent/IgmpTestPackets.h"
+#include "netns/Netns.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <system_error>
+#include <thread>
+
+namespace Testing {
+
+class Wire {
+  public:
+    using Lines = std::vector<std::string>;
+
+    /// Throws std::system_error where the kernel refuses.
+    Wire(std::string const& namespaceName, std::string const& interface) {
+        Netns::Inside const inside(namespaceName);
+        // All protocols, for a socket of one protocol sees nothing on the port of a bridge.
+        socket_ = Agent::FileDescriptor(socket(AF_PACKET, SOCK_DGRAM | SOCK_NONBLOCK, 0));
+        int const on = 1, room = 16 << 20;
+        setsockopt(socket_.get(), SOL_PACKET, PACKET_IGNORE_OUTGOING, &on, sizeof on);
+        setsockopt(socket_.get(), SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room);
+        address_.sll_family = AF_PACKET;
+        address_.sll_protocol = htons(ETH_P_ALL);
+        address_.sll_ifindex = int(if_nametoindex(interface.c_str()));
+        if (bind(socket_.get(), reinterpret_cast<sockaddr*>(&address_), sizeof address_) != 0)
+            throw std::system_error(errno, std::generic_category(), interface);
+    }
+
+    /// All messages and records of reports since the last forget(), sorted: "TO_EX 239.1.1.1", or
+    /// "v2 239.1.1.1". Whatever no host may send shows as "malformed".
+    Lines heard() {
+        doReceive();
+        Lines lines = heard_;
+        std::sort(lines.begin(), lines.end());
+        return lines;
+    }
+    /// The source addresses of the packets.
+    std::vector<Lox::IpAddr> const& sources() const { return sources_; }
+    void forget() {
+        doReceive();
+        heard_.clear();
+        sources_.clear();
+    }
+    /// Whether these are heard, in any order, perhaps among others.
+    bool hears(Lines lines) {
+        std::sort(lines.begin(), lines.end());
+        return waitUntil([&] {
+            Lines const all = heard();
+            return std::includes(all.begin(), all.end(), lines.begin(), lines.end());
+        });
+    }
+    /// What is heard once these lines have been, and a moment later.
+    Lines heardAfter(Lines const& lines) {
+        hears(lines);
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        return heard();
+    }
+
+    /// Any octets, as one IPv4 packet to all hosts of the link.
+    void send(Agent::Bytes const& packet) const {
+        sockaddr_ll to = address_;
+        to.sll_protocol = htons(ETH_P_IP);
+        to.sll_halen = 6;
+        std::fill(to.sll_addr, to.sll_addr + 6, std::uint8_t(0xff));
+        if (sendto(socket_.get(), packet.data(), packet.size(), 0, reinterpret_cast<sockaddr*>(&to),
+                   sizeof to) < 0)
+            throw std::system_error(errno, std::generic_category(), "sending a packet");
+    }
+
+  private:
+    void doReceive() {
+        Agent::Bytes packet(65536);
+        for (;;) {
+            ssize_t const length = recv(socket_.get(), packet.data(), packet.size(), 0);
+            if (length < 0 && errno != EINTR && errno != ENETDOWN) return;
+            if (length >= 20 && packet[0] >> 4 == 4 && packet[9] == IPPROTO_IGMP)
+                doAdd({packet.data(), std::size_t(length)});
+        }
+    }
+    void doAdd(std::span<std::uint8_t const> packet) {
+        Agent::DropReason reason;
+        auto const datagram = Agent::IgmpDatagram::decode(packet, reason);
+        bool const sound = datagram && datagram->ttl == 1 && datagram->routerAlert &&
+                           packet[0] == 0x46 && packet[1] == 0xC0;
+        if (!sound) return heard_.push_back("malformed");
+        sources_.push_back(datagram->source);
+        std::string const text = Agent::packetText(packet);
+        for (std::size_t at = 0; at <= text.size();) {
+            std::size_t const end = std::min(text.find(", ", at), text.size());
+            heard_.push_back(text.substr(at, end - at));
+            at = end + 2;
+        }
+    }
+
+    Agent::FileDescriptor socket_;
+    sockaddr_ll address_{};
+    Lines heard_;
+    std::vector<Lox::IpAddr> sources_;
+};
+
+} // namespace Testing
