@@ -33,8 +33,9 @@ AccessListWriter::Rules AccessListWriter::numbered(AccessListConfiguration const
     }
     for (auto const& [sequence, rule] : list) {
         if (rules.contains(sequence)) continue;
-        auto const moved = std::find_if(free.begin(), free.end(),
-                                        [&](Rule const& old) { return old.rule == rule; });
+        auto const moved = std::find_if(free.begin(), free.end(), [&asked = rule](Rule const& old) {
+            return old.rule == asked;
+        });
         if (moved == free.end()) {
             rules[sequence] = {Acl::UniqueId(++lastId_), rule};
         } else {
