@@ -4,9 +4,6 @@
 namespace IgmpHostProxy {
 namespace {
 
-constexpr auto includeMode = Lox::IgmpV3GroupRecordType::modeIsInclude;
-constexpr auto excludeMode = Lox::IgmpV3GroupRecordType::modeIsExclude;
-
 class HostBinding : public OneInterface {
   protected:
     Igmp::IgmpV3GroupRecord* record() { return host->v3group(groupG); }
