@@ -1,0 +1,289 @@
+// Timers of a clock and the credit bucket of the review timer, with the time moved by hand.
+#include "Olm/ReviewTimer.h"
+#include "Olm/TimerWheel.h"
+#include "TestRecords.h"
+
+#include <functional>
+#include <gtest/gtest.h>
+#include <stdexcept>
+
+namespace Nex {
+namespace {
+
+class Timer : public Reactor<Clock::Notifiee, PtrInterface> {
+  public:
+    Timer(Ptr<Clock> clock, char label, String* fired)
+        : Reactor(std::move(clock), static_cast<PtrInterface*>(nullptr)),
+          label_(label),
+          fired_(fired) {}
+    std::function<void()> act;
+
+    void onTime() override {
+        EXPECT_EQ(timeMin(), never) << "disarmed before its callback";
+        *fired_ += label_;
+        if (act) act();
+    }
+
+  private:
+    char label_;
+    String* fired_;
+};
+
+class ClockTest : public testing::Test {
+  protected:
+    Ptr<Timer> newTimer(char label) {
+        auto const timer = newObject<Timer>(clock, label, &fired);
+        timer->hasNotificationActiveIs(true);
+        return timer;
+    }
+    String at(double now) {
+        fired.clear();
+        clock->timeIs(now);
+        return fired;
+    }
+
+    Ptr<Clock> clock = Clock::ClockIs();
+    String fired;
+    Ptr<Timer> a = newTimer('a'), b = newTimer('b'), c = newTimer('c');
+};
+
+TEST_F(ClockTest, FireInTheOrderOfTheirTimesAndEqualTimesInTheOrderOfArming) {
+    a->timeMinIs(3);
+    c->timeMinIs(2);
+    b->timeMinIs(2);
+    EXPECT_EQ(clock->nextExpiry(), 2);
+    EXPECT_EQ(at(1.999), "");
+    EXPECT_EQ(at(3), "cba");
+    EXPECT_EQ(at(3), "");
+    EXPECT_EQ(clock->nextExpiry(), never);
+    a->timeMinIs(4);
+    b->timeMinIs(4);
+    a->timeMinIs(4); // arming again is a new arming
+    EXPECT_EQ(at(4), "ba");
+}
+
+TEST_F(ClockTest, NothingFiresUntilTheTimeIsTold) {
+    for (double const time : {-never, -1.0, 0.0}) {
+        fired.clear();
+        a->timeMinIs(time);
+        EXPECT_EQ(fired, "");
+        EXPECT_EQ(clock->nextExpiry(), time);
+        EXPECT_EQ(at(0), "a");
+    }
+}
+
+TEST_F(ClockTest, InfinityDisarms) {
+    a->timeMinIs(1);
+    b->timeMinIs(2);
+    a->timeMinIs(never);
+    EXPECT_EQ(a->timeMin(), never);
+    EXPECT_EQ(at(never), "b");
+}
+
+TEST_F(ClockTest, TimerMayArmItselfAgainAndFiresInTheNextRound) {
+    a->timeMinIs(1);
+    b->timeMinIs(5);
+    a->act = [&] { a->timeMinIs(0); }; // due, and before b
+    EXPECT_EQ(at(10), "ab");
+    EXPECT_EQ(clock->nextExpiry(), 0);
+    a->act = nullptr;
+    EXPECT_EQ(at(10), "a");
+}
+
+TEST_F(ClockTest, NeighbourMayDisarmRearmOrDropAnotherBeforeItsTurn) {
+    std::vector<std::function<void()>> const ways{
+        [&] { b->timeMinIs(never); }, [&] { b->timeMinIs(2); }, [&] { b->nexRetire(); },
+        [&] { b->notifierIs(nullptr); }, [&] { b = nullptr; }};
+    for (auto const& way : ways) {
+        b = newTimer('b');
+        a->timeMinIs(1);
+        b->timeMinIs(2);
+        c->timeMinIs(3);
+        a->act = way;
+        EXPECT_EQ(at(3), "ac");
+    }
+}
+
+TEST_F(ClockTest, ZombieOrInactiveTimerIsSilentAndDisarmed) {
+    a->timeMinIs(1);
+    b->timeMinIs(1);
+    a->zombieIs(true);
+    b->hasNotificationActiveIs(false);
+    EXPECT_EQ(at(1), "");
+    EXPECT_EQ(clock->nextExpiry(), never);
+}
+
+TEST_F(ClockTest, ExceptionReachesTheCallerAndTheOthersKeepTheirTurn) {
+    a->timeMinIs(1);
+    b->timeMinIs(1);
+    a->act = [] { throw std::runtime_error("timer"); };
+    EXPECT_THROW(at(1), std::runtime_error);
+    EXPECT_EQ(fired, "a");
+    EXPECT_EQ(a->timeMin(), never);
+    EXPECT_EQ(at(1), "b");
+}
+
+TEST_F(ClockTest, TimeMayBeToldFromInsideACallback) {
+    a->timeMinIs(1);
+    b->timeMinIs(1);
+    c->timeMinIs(2);
+    a->act = [&] { clock->timeIs(2); };
+    EXPECT_EQ(at(1), "abc");
+}
+
+TEST_F(ClockTest, TimerLivesUntilItsCallbackReturns) {
+    Destructions destructions;
+    Timer const* const raw = a.get();
+    a->timeMinIs(1);
+    a->act = [&] {
+        a = nullptr;
+        EXPECT_EQ(destructions.count(raw), 0);
+    };
+    EXPECT_EQ(at(1), "a");
+    EXPECT_EQ(destructions.count(raw), 1);
+}
+
+TEST_F(ClockTest, WakeTimeEndsWhereTheTimerLeavesItsClock) {
+    auto const wheel = Olm::TimerWheel::TimerWheelIs();
+    a->timeMinIs(1);
+    a->notifierIs(wheel);
+    EXPECT_EQ(a->timeMin(), never);
+    EXPECT_EQ(clock->nextExpiry(), never);
+    EXPECT_EQ(at(2), "");
+    a->timeMinIs(3);
+    EXPECT_EQ(wheel->nextExpiry(), 3);
+    EXPECT_EQ(clock->nextExpiry(), never);
+    a->notifierIs(nullptr);
+    a->timeMinIs(4);
+    EXPECT_EQ(a->timeMin(), never) << "nothing will wake it";
+    EXPECT_EQ(wheel->nextExpiry(), never);
+}
+
+TEST(ManualTimeTest, MovesByHandAndByStepsAndGivesTheClockBack) {
+    double const steady = System::currentTime();
+    {
+        ManualTime time(5);
+        EXPECT_EQ(System::currentTime(), 5);
+        time.nowIs(7);
+        time.stepSecondsIs(0.5);
+        EXPECT_EQ(System::currentTime(), 7);
+        EXPECT_EQ(System::currentTime(), 7.5);
+        EXPECT_EQ(time.now(), 8);
+    }
+    EXPECT_GE(System::currentTime(), steady);
+}
+
+/// Delays of 1 and 8 seconds, one credit in 16 seconds, two at most.
+class ReviewTimerTest : public ClockTest {
+  protected:
+    static constexpr float minDelay = 1, maxDelay = 8, fillInterval = 16;
+
+    void SetUp() override { timer = newReviewTimer(); }
+    Ptr<Olm::ReviewTimer> newReviewTimer() {
+        return newObject<Olm::ReviewTimer>(a.get(), fillInterval, 2u, minDelay, maxDelay);
+    }
+    /// Runs the pending review, and says how long after its scheduling it came.
+    double run() {
+        double const wake = a->timeMin();
+        double const delay = wake - time.now();
+        time.nowIs(wake);
+        EXPECT_EQ(at(wake), "a");
+        EXPECT_FALSE(timer->reviewPending());
+        return delay;
+    }
+    double runNext() {
+        timer->doUpdateNextReview();
+        EXPECT_TRUE(timer->reviewPending());
+        return run();
+    }
+    double runImmediately() {
+        timer->doUpdateNextReviewImmediately();
+        return run();
+    }
+    void wait(double seconds) { time.nowIs(time.now() + seconds); }
+
+    ManualTime time{1000};
+    Ptr<Olm::ReviewTimer> timer;
+};
+
+TEST_F(ReviewTimerTest, StartsFullAndSpendsACreditOnEachReview) {
+    EXPECT_FALSE(timer->reviewPending());
+    EXPECT_EQ(runNext(), minDelay);
+    EXPECT_EQ(runNext(), minDelay);
+    EXPECT_EQ(runNext(), maxDelay);
+}
+
+TEST_F(ReviewTimerTest, OneCreditComesBackPerIntervalAndNoMoreThanTheMost) {
+    runNext(); // at 1000
+    runNext(); // at 1001, the last credit
+    time.nowIs(1015);
+    EXPECT_EQ(runNext(), maxDelay) << "an interval has not passed";
+    time.nowIs(1024);
+    EXPECT_EQ(runNext(), minDelay) << "the part of a credit that was there is kept";
+    EXPECT_EQ(runNext(), maxDelay);
+    wait(1000);
+    EXPECT_EQ(runNext(), minDelay);
+    EXPECT_EQ(runNext(), minDelay);
+    EXPECT_EQ(runNext(), maxDelay);
+}
+
+TEST_F(ReviewTimerTest, ImmediatelyTakesTheShortDelayAndACreditOnlyIfThereIsOne) {
+    EXPECT_EQ(runImmediately(), minDelay);
+    EXPECT_EQ(runNext(), minDelay);
+    EXPECT_EQ(runNext(), maxDelay) << "both spent";
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(runImmediately(), minDelay) << "without a credit";
+    wait(4);
+    EXPECT_EQ(runNext(), minDelay) << "nothing was borrowed, and no part of a credit spent";
+}
+
+TEST_F(ReviewTimerTest, PendingReviewMovesEarlierNeverLaterAndForNothing) {
+    timer->doUpdateNextReview();
+    timer->doUpdateNextReview();
+    timer->doUpdateNextReviewImmediately();
+    wait(0.5);
+    timer->doUpdateNextReviewImmediately();
+    EXPECT_EQ(run(), 0.5);
+    EXPECT_EQ(runNext(), minDelay);
+    timer->doUpdateNextReview(); // without a credit
+    wait(3);
+    timer->doUpdateNextReview();
+    EXPECT_EQ(a->timeMin(), time.now() - 3 + maxDelay);
+    timer->doUpdateNextReviewImmediately();
+    EXPECT_EQ(run(), minDelay);
+}
+
+TEST_F(ReviewTimerTest, PacingIsReplacedAndCreditsAboveTheNewMostAreLost) {
+    timer->pacingIs(fillInterval, 1, 2, 4);
+    EXPECT_EQ(runNext(), 2);
+    EXPECT_EQ(runNext(), 4);
+    timer->pacingIs(fillInterval, 5, 2, 4);
+    EXPECT_EQ(runNext(), 4) << "a higher most is no gift";
+    timer->pacingIs(0, 1, 2, 4);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(runNext(), 2) << "without an interval always full";
+}
+
+TEST_F(ReviewTimerTest, TimeThatRunsBackwardsTakesNothingAway) {
+    runNext();
+    time.nowIs(10);
+    EXPECT_EQ(runNext(), minDelay);
+    EXPECT_EQ(runNext(), maxDelay);
+}
+
+TEST_F(ReviewTimerTest, NothingIsPendingInsideTheReview) {
+    bool pending = true;
+    a->act = [&] {
+        pending = timer->reviewPending();
+        timer->doUpdateNextReview();
+    };
+    timer->doUpdateNextReview();
+    time.nowIs(1001);
+    EXPECT_EQ(at(1001), "a");
+    EXPECT_FALSE(pending);
+    EXPECT_EQ(a->timeMin(), 1002) << "asked for from inside";
+    EXPECT_EQ(timer->lastReviewTime(), 0);
+    timer->lastReviewTimeIs(1001);
+    EXPECT_EQ(timer->lastReviewTime(), 1001);
+}
+
+} // namespace
+} // namespace Nex

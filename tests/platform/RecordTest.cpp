@@ -1,0 +1,247 @@
+// What one line of a record's list yields: accessors, notification, tree and visit.
+#include "TestRecords.h"
+
+#include <functional>
+#include <gtest/gtest.h>
+
+namespace Nex {
+namespace {
+
+Lox::IpAddr ip(std::uint32_t n) { return Lox::IpAddr::fromHost(n); }
+
+/// Writes every callback, with what it finds in the record.
+class Recorder : public TreeWatcher {
+  public:
+    using TreeWatcher::TreeWatcher;
+    String told;
+
+    void onNumber() override { tell("number", notifier()->number()); }
+    void onTop() override { tell("top", bool(notifier()->top())); }
+    void onAddress(Lox::IpAddr a) override { tell("address", a, notifier()->addressHas(a)); }
+    void onWord(String w) override { tell("word", w, notifier()->wordHas(w)); }
+    void onOctet(Lox::IpAddr a) override { tell("octet", a, int(notifier()->octet(a))); }
+    void onText(String t) override { tell("text", t, notifier()->text(t)); }
+    void onLeaf(String l) override { tell("leaf", l, bool(notifier()->leaf(l))); }
+    void onAddressnexImmediate() override { tell("address*"); }
+    void onWordnexImmediate() override { tell("word*"); }
+    void onOctetnexImmediate() override { tell("octet*"); }
+    void onTextnexImmediate() override { tell("text*"); }
+    void onLeafnexImmediate() override { tell("leaf*"); }
+
+    /// What it was told since the last call.
+    String take() { return std::exchange(told, ""); }
+
+  private:
+    template <class... Values>
+    void tell(char const* name, Values const&... values) {
+        told += name;
+        ((told += "=" + textOf(values)), ...);
+        told += ' ';
+    }
+};
+
+class RecordTest : public testing::Test {
+  protected:
+    void fill() {
+        for (std::uint32_t n = 1; n <= 3; ++n) {
+            tree->addressIs(ip(n));
+            tree->wordIs(textOf(n));
+            tree->octetIs(ip(n), std::uint8_t(n));
+            tree->textIs(textOf(n), "t");
+            tree->leafIs(textOf(n));
+        }
+        recorder->take();
+    }
+
+    Ptr<Tree> tree = Tree::TreeIs("tree");
+    Ptr<Recorder> recorder = newObject<Recorder>(tree);
+};
+
+TEST_F(RecordTest, EveryMutatorTellsOnceAndOnlyOfAChange) {
+    auto const leaf = Leaf::LeafIs("top");
+    std::vector<std::pair<std::function<void()>, String>> const steps{
+        {[&] { tree->numberIs(4); }, "number=4 "},
+        {[&] { tree->topIs(leaf); }, "top=1 "},
+        {[&] { tree->topIs(nullptr); }, "top=0 "},
+        {[&] { tree->addressIs(ip(1)); }, "address=0.0.0.1=1 "},
+        {[&] { tree->addressDel(ip(1)); }, "address=0.0.0.1=0 "},
+        {[&] { tree->wordIs("w"); }, "word=w=1 "},
+        {[&] { tree->wordDel("w"); }, "word=w=0 "},
+        {[&] { tree->octetIs(ip(1), 7); }, "octet=0.0.0.1=7 "},
+        {[&] { tree->octetIs(ip(1), 8); }, "octet=0.0.0.1=8 "},
+        {[&] { tree->octetDel(ip(1)); }, "octet=0.0.0.1=0 "},
+        {[&] { tree->textIs("k", ""); }, "text=k= "}, // a default value is an entry, too
+        {[&] { tree->textIs("k", "v"); }, "text=k=v "},
+        {[&] { tree->textDel("k"); }, "text=k= "},
+        {[&] { tree->leafIs("l"); }, "leaf=l=1 "},
+        {[&] { tree->leafDel("l"); }, "leaf=l=0 "}};
+    for (auto const& [step, told] : steps) {
+        step();
+        EXPECT_EQ(recorder->take(), told);
+        step();
+        EXPECT_EQ(recorder->take(), "") << "again after " << told;
+    }
+}
+
+TEST_F(RecordTest, AbsentKeysYieldNothing) {
+    EXPECT_EQ(tree->octet(ip(1)), 0);
+    EXPECT_EQ(tree->text("k"), "");
+    EXPECT_EQ(tree->leaf("l"), nullptr);
+    EXPECT_FALSE(tree->leafHas("l"));
+    EXPECT_EQ(tree->leafCount(), 0u);
+    EXPECT_TRUE(tree->leaf().empty());
+}
+
+TEST_F(RecordTest, DelAllTellsOfEachRemovedKeyInTheOrderOfInsertion) {
+    fill();
+    tree->addressDelAll();
+    EXPECT_EQ(recorder->take(), "address=0.0.0.1=0 address=0.0.0.2=0 address=0.0.0.3=0 ");
+    tree->wordDelAll();
+    EXPECT_EQ(recorder->take(), "word=1=0 word=2=0 word=3=0 ");
+    tree->octetDelAll();
+    EXPECT_EQ(recorder->take(), "octet=0.0.0.1=0 octet=0.0.0.2=0 octet=0.0.0.3=0 ");
+    tree->textDelAll();
+    EXPECT_EQ(recorder->take(), "text=1= text=2= text=3= ");
+    tree->leafDelAll();
+    EXPECT_EQ(recorder->take(), "leaf=1=0 leaf=2=0 leaf=3=0 ");
+    tree->addressDelAll();
+    tree->leafDelAll();
+    EXPECT_EQ(recorder->take(), "");
+}
+
+TEST_F(RecordTest, DelAllLeavesWhatItsCallbacksBringBack) {
+    struct Restorer : TreeWatcher {
+        using TreeWatcher::TreeWatcher;
+        void onLeaf(String key) override {
+            if (key == "1" && !notifier()->leafHas("1")) {
+                notifier()->leafIs("1");
+                notifier()->leafDel("2");
+            }
+        }
+    };
+    fill();
+    auto const restorer = newObject<Restorer>(tree);
+    tree->leafDelAll();
+    EXPECT_EQ(recorder->take(), "leaf=1=0 leaf=1=1 leaf=2=0 leaf=3=0 ");
+    EXPECT_EQ(tree->leafCount(), 1u);
+}
+
+TEST(RecordLifeTest, RecordMayBeDroppedInTheMiddleOfDelAll) {
+    struct Dropper : TreeWatcher {
+        using TreeWatcher::TreeWatcher;
+        void onAddress(Lox::IpAddr) override { drop(); }
+        void onWord(String) override { drop(); }
+        void onLeaf(String) override { drop(); }
+        void drop() {
+            *owner = nullptr;
+            notifierIs(nullptr);
+        }
+        Ptr<Tree>* owner = nullptr;
+    };
+    for (auto const& delAll : {&Tree::addressDelAll, &Tree::wordDelAll, &Tree::leafDelAll}) {
+        auto owner = Tree::TreeIs("dropped");
+        for (char const* key : {"1.0.0.1", "1.0.0.2", "1.0.0.3"}) {
+            owner->addressIs(Lox::IpAddr(key));
+            owner->wordIs(key);
+            owner->leafIs(key);
+        }
+        auto const dropper = newObject<Dropper>(owner);
+        dropper->owner = &owner;
+        Destructions destructions;
+        Tree* const record = owner.get();
+        (record->*delAll)();
+        EXPECT_EQ(destructions.count(record), 1);
+    }
+}
+
+TEST_F(RecordTest, KeysMayComeFromTheEntryThatGoes) {
+    fill();
+    for (auto const& item : tree->leaf()) tree->leafDel(item.value->name());
+    for (String const& word : tree->word()) tree->wordDel(word);
+    EXPECT_EQ(tree->leafCount() + tree->wordCount(), 0u);
+}
+
+TEST_F(RecordTest, CreatingReturnsWhatIsThere) {
+    auto const leaf = tree->leafIs("l");
+    EXPECT_EQ(tree->leafIs("l"), leaf);
+    EXPECT_EQ(tree->leaf("l"), leaf.get());
+    EXPECT_EQ(leaf->name(), "l");
+    tree->leafDel("l");
+    EXPECT_NE(tree->leafIs("l"), leaf);
+}
+
+TEST_F(RecordTest, EntryDeletedByItsOwnNotificationIsStillReturned) {
+    struct Deleter : TreeWatcher {
+        using TreeWatcher::TreeWatcher;
+        void onLeaf(String key) override { notifier()->leafDel(key); }
+    };
+    auto const deleter = newObject<Deleter>(tree);
+    auto const leaf = tree->leafIs("l");
+    EXPECT_EQ(leaf->name(), "l");
+    EXPECT_EQ(leaf->nexParent(), nullptr);
+    EXPECT_FALSE(tree->leafHas("l"));
+}
+
+TEST_F(RecordTest, RemovedEntityIsARootOfItsOwnAndStaysUsable) {
+    auto const byKey = tree->leafIs("byKey"), byAll = tree->leafIs("byAll"),
+               byParent = tree->leafIs("byParent");
+    EXPECT_EQ(byKey->nexParent(), tree.get());
+    EXPECT_EQ(byKey->nexFullName(), "tree/byKey");
+    tree->leafDel("byKey");
+    EXPECT_EQ(byKey->nexFullName(), "byKey");
+    tree->leafDelAll();
+    EXPECT_EQ(byAll->nexFullName(), "byAll");
+    auto const last = tree->leafIs("last");
+    recorder = nullptr;
+    tree = nullptr;
+    EXPECT_EQ(last->nexFullName(), "last") << "the parent is destroyed";
+    last->numberIs(3);
+    EXPECT_EQ(last->number(), 3);
+}
+
+TEST_F(RecordTest, PointingAtAnotherRecordRunsTheImmediateCallbacksAndConstructionDoesNot) {
+    fill();
+    EXPECT_EQ(newObject<Recorder>(tree)->told, "");
+    auto const other = Tree::TreeIs("other");
+    recorder->notifierIs(other);
+    EXPECT_EQ(recorder->take(), "address* word* octet* text* leaf* ");
+    recorder->notifierIs(other);
+    EXPECT_EQ(recorder->take(), "");
+    recorder->notifierIs(nullptr);
+    EXPECT_EQ(recorder->take(), "address* word* octet* text* leaf* ");
+    recorder->hasNotificationActiveIs(false);
+    recorder->notifierIs(tree);
+    EXPECT_EQ(recorder->take(), "");
+}
+
+/// Writes down all that it is shown.
+struct Visitor {
+    String* seen;
+    void attr(char const* name, int value) { *seen += name + ("=" + textOf(value)) + ' '; }
+    void attr(char const* name, Ptr<Leaf> const&) { *seen += String(name) + ' '; }
+    void set(char const* name, auto walk) {
+        for (auto const& key : walk) *seen += name + ("=" + textOf(key)) + ' ';
+    }
+    void map(char const* name, auto walk) {
+        for (auto const& item : walk)
+            *seen += name + ("=" + textOf(item.key)) + ':' + textOf(item.value) + ' ';
+    }
+    void records(char const* name, auto walk) {
+        for (auto const& item : walk) *seen += name + ("=" + item.value->nexFullName()) + ' ';
+    }
+};
+
+TEST_F(RecordTest, VisitShowsEveryAttributeByNameInTheOrderOfTheList) {
+    tree->numberIs(3);
+    tree->addressIs(ip(1));
+    tree->wordIs("w");
+    tree->octetIs(ip(2), 'x');
+    tree->textIs("k", "v");
+    tree->leafIs("l");
+    String seen;
+    tree->nexVisit(Visitor{&seen});
+    EXPECT_EQ(seen, "number=3 top address=0.0.0.1 word=w octet=0.0.0.2:x text=k:v leaf=tree/l ");
+}
+
+} // namespace
+} // namespace Nex

@@ -1,0 +1,195 @@
+// Value types and the small services of the platform: source interfaces, mounts, tables.
+#include "Acl/AclConfig.h"
+#include "Igmp/IgmpHost.h"
+#include "Ip/SourceIntf.h"
+#include "KernelNetInfo/Status.h"
+#include "Kesh/Mfib.h"
+#include "Lox/EthAddr.h"
+#include "Lox/Names.h"
+#include "Nex/Machine.h"
+#include "NexKesh/Mount.h"
+#include "TestRecords.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Lox::IpAddr;
+
+TEST(IpAddrTest, TextsAreFourNumbersAndNothingElse) {
+    for (char const* text : {"0.0.0.0", "255.255.255.255", "239.1.20.3"})
+        EXPECT_EQ(IpAddr(text).stringValue(), text);
+    EXPECT_EQ(IpAddr("1.2.3.4").host(), 0x01020304u);
+    for (char const* text :
+         {"",           ".",        "1.2.3",     "1.2.3.",    "1.2.3.4.",
+          ".1.2.3.4",   "1..2.3",   "1.2.3.4.5", "256.0.0.1", "1.2.3.256",
+          "1.2.3.0004", "-1.2.3.4", "+1.2.3.4",  " 1.2.3.4",  "1.2.3.4 ",
+          "1.2.3.4x",   "a.b.c.d",  "0x1.2.3.4", "1,2,3,4",   "99999999999.2.3.4"})
+        EXPECT_THROW(IpAddr{text}, Nex::ParseException) << text;
+    EXPECT_THROW(IpAddr(std::string_view("1.2.3.4\0", 8)), Nex::ParseException);
+    EXPECT_EQ(IpAddr(std::string_view("1.2.3.45", 7)), IpAddr("1.2.3.4")) << "no end is read past";
+}
+
+TEST(IpAddrTest, OctetsOrderAndClass) {
+    std::uint8_t octets[4];
+    IpAddr("239.1.20.3").toOctets(octets);
+    EXPECT_EQ(octets[0], 239);
+    EXPECT_EQ(octets[3], 3);
+    EXPECT_EQ(IpAddr::fromOctets(octets), IpAddr("239.1.20.3"));
+    EXPECT_LT(IpAddr("9.255.255.255"), IpAddr("10.0.0.0"));
+    EXPECT_FALSE(IpAddr("223.255.255.255").isMulticast());
+    EXPECT_TRUE(IpAddr("224.0.0.0").isMulticast());
+    EXPECT_TRUE(IpAddr("239.255.255.255").isMulticast());
+    EXPECT_FALSE(IpAddr("240.0.0.0").isMulticast());
+}
+
+TEST(ValueTextTest, FormsThatTracesAndOperatorsKnow) {
+    EXPECT_EQ(Lox::EthAddr({0x02, 0, 0xAB, 0xc, 0xFF, 0x10}).stringValue(), "02:00:ab:0c:ff:10");
+    EXPECT_EQ(Nex::textOf(Lox::IpAddrWithFullMask(IpAddr("239.1.1.0"), 0xFFFFFF00)),
+              "239.1.1.0/255.255.255.0");
+    EXPECT_EQ(Nex::textOf(Acl::Action::permit) + Nex::textOf(Acl::Action::deny) +
+                  Nex::textOf(Acl::Action(7)),
+              "permitdeny7");
+    Routing::Multicast::Fib::IpGenRouteKey const route{Lox::IpPrefix(IpAddr("10.0.0.1"), 32),
+                                                       Lox::IpPrefix(IpAddr("239.1.1.1"), 32)};
+    EXPECT_EQ(Nex::textOf(route), "( 10.0.0.1/32, 239.1.1.1/32 )");
+    EXPECT_NE(Routing::Multicast::Fib::invalidRouteKey(), Routing::Multicast::Fib::IpGenRouteKey());
+}
+
+TEST(NamespaceNameTest, HoldsUpTo150Octets) {
+    EXPECT_EQ(Lox::NamespaceName(std::string(150, 'n')).stringValue().size(), 150u);
+    try {
+        Lox::NamespaceName{std::string(151, 'n')};
+        FAIL();
+    } catch (Nex::RangeException const& error) {
+        EXPECT_STREQ(error.what(), "NamespaceName::bytes > 150 not allowed");
+    }
+}
+
+TEST(KernelTableTest, EntryThatNamesAnotherInterfaceIsACorruption) {
+    using KernelNetInfo::InterfaceKey;
+    auto const table = KernelNetInfo::Status::StatusIs("kni");
+    table->interfaceIs(InterfaceKey(2), {2, "eth0", {}});
+    table->interfaceIs(InterfaceKey(3), {4, "eth1", {}});
+    EXPECT_EQ(table->lookup(InterfaceKey(2)).deviceName, "eth0");
+    EXPECT_EQ(table->lookup(InterfaceKey(9)), KernelNetInfo::Interface());
+    EXPECT_THROW(table->lookup(InterfaceKey(3)), KernelNetInfo::TableCorruption);
+    table->handleCorruption();
+    EXPECT_EQ(table->corruptions(), 1u);
+}
+
+class SourceIntfTest : public testing::Test {
+  protected:
+    struct Teller : Nex::Reactor<Ip::SourceIntf::SourceIntfSm::Notifiee, Nex::PtrInterface> {
+        explicit Teller(Nex::Ptr<Ip::SourceIntf::SourceIntfSm> watched)
+            : Reactor(std::move(watched), static_cast<Nex::PtrInterface*>(nullptr)) {
+            hasNotificationActiveIs(true);
+        }
+        void onSourceIntf(Lox::IntfId intfId) override {
+            ++told;
+            notifier()->sourceIntf(intfId)->ipAddrIs(IpAddr("192.0.2.1"));
+        }
+        int told = 0;
+    };
+    Lox::IntfId const up0{"up0"};
+    Nex::Ptr<Ip::SourceIntf::SourceIntfSm> service = Ip::SourceIntf::SourceIntfSm::SourceIntfSmIs();
+    Nex::Ptr<Teller> teller = Nex::newObject<Teller>(service);
+};
+
+TEST_F(SourceIntfTest, OneObjectPerInterfaceAsLongAsAnybodyHoldsIt) {
+    auto held = service->registerSourceIntf(up0);
+    EXPECT_EQ(held->ipAddr(), IpAddr("192.0.2.1")) << "written by whoever was told";
+    EXPECT_EQ(service->registerSourceIntf(up0), held);
+    EXPECT_EQ(teller->told, 1);
+    service->unregisterSourceIntf(held);
+    service->unregisterSourceIntf(held);
+    EXPECT_FALSE(service->registered(up0));
+    EXPECT_EQ(service->sourceIntf(up0), held.get());
+    EXPECT_EQ(service->registerSourceIntf(up0), held) << "also after it was unregistered";
+    EXPECT_EQ(teller->told, 2);
+    EXPECT_NE(service->registerSourceIntf(Lox::IntfId("up1")), held);
+
+    Nex::Destructions destructions;
+    Ip::SourceIntf::SourceIntf const* const raw = held.get();
+    held = nullptr;
+    EXPECT_EQ(destructions.count(raw), 0) << "the service holds what is registered";
+    service->unregisterSourceIntf(service->sourceIntf(up0));
+    EXPECT_EQ(destructions.count(raw), 1);
+    EXPECT_EQ(service->sourceIntf(up0), nullptr);
+}
+
+TEST_F(SourceIntfTest, ServiceGoesWithWhatIsRegisteredAndLeavesWhatIsHeld) {
+    auto const held = service->registerSourceIntf(up0);
+    auto const* const other = service->registerSourceIntf(Lox::IntfId("up1")).get();
+    auto const* const raw = service.get();
+    Nex::Destructions destructions;
+    teller = nullptr;
+    service = nullptr;
+    EXPECT_EQ(destructions.count(raw), 1);
+    EXPECT_EQ(destructions.count(other), 1);
+    held->ipAddrIs(IpAddr("192.0.2.2"));
+    EXPECT_EQ(held->ipAddr(), IpAddr("192.0.2.2"));
+}
+
+class MountTest : public testing::Test {
+  protected:
+    struct Provider : Nex::Reactor<Vardo::EntityManager::NotifieeConst, Nex::PtrInterface> {
+        explicit Provider(Nex::Ptr<Vardo::EntityManager> manager)
+            : Reactor(Nex::Ptr<Vardo::EntityManager const>(manager),
+                      static_cast<Nex::PtrInterface*>(nullptr)) {
+            hasNotificationActiveIs(true);
+        }
+        void onMounted(Nex::String path) override {
+            auto const* const table = notifier()->mounted(path);
+            told += (table ? "+" + path + ' ' + table->typeName() + ' ' +
+                                 Nex::textOf(table->mountInfoType())
+                           : "-" + path) +
+                    ", ";
+        }
+        Nex::String told;
+    };
+    MountTest() {
+        manager->factoryIs("Tree", [](Nex::String const& path) { return Nex::Tree::TreeIs(path); });
+    }
+    Nex::Ptr<Vardo::EntityManager> manager = Vardo::EntityManager::EntityManagerIs();
+    Nex::Ptr<Provider> provider = Nex::newObject<Provider>(manager);
+    NexKesh::Mount mount{manager};
+};
+
+TEST_F(MountTest, PathStaysUntilItWasUnmountedAsOftenAsMounted) {
+    mount.mountIs("a", "Tree", 3);
+    auto const table = mount.entity<Nex::Tree>("a");
+    ASSERT_TRUE(table);
+    mount.mountIs("a", "Tree", 3);
+    EXPECT_EQ(mount.entity<Nex::Tree>("a"), table);
+    mount.mountDel("a");
+    EXPECT_EQ(mount.entity<Nex::Tree>("a"), table);
+    mount.mountDel("a");
+    mount.mountDel("a");
+    EXPECT_EQ(mount.entity<Nex::Tree>("a"), nullptr);
+    EXPECT_EQ(provider->told, "+a Tree 3, -a, ");
+    mount.mountIs("a", "Tree", 3);
+    EXPECT_NE(mount.entity<Nex::Tree>("a"), table) << "mounted anew";
+}
+
+TEST_F(MountTest, WrongTypesAndUnknownOnes) {
+    EXPECT_THROW(mount.mountIs("a", "Forest", 0), Nex::RangeException);
+    EXPECT_EQ(manager->mounted("a"), nullptr);
+    EXPECT_EQ(provider->told, "");
+    mount.mountIs("a", "Tree", 0);
+    EXPECT_EQ(mount.entity<Nex::Leaf>("a"), nullptr);
+}
+
+TEST(GroupRecordTest, SourceListIsMadeOnceAndOutlivesItsRecord) {
+    auto const host = Igmp::IgmpHost::IgmpHostIs("up0");
+    auto record = host->v3groupIs(IpAddr("239.1.1.1"));
+    EXPECT_EQ(record->source(), nullptr);
+    auto const sources = record->sourceIs();
+    EXPECT_EQ(record->sourceIs(), sources);
+    EXPECT_EQ(sources->nexFullName(), "up0/239.1.1.1/239.1.1.1");
+    host->v3groupDelAll();
+    record = nullptr;
+    EXPECT_EQ(sources->nexFullName(), "239.1.1.1");
+}
+
+} // namespace

@@ -1,0 +1,59 @@
+// Records with an attribute of every kind, and an observer of destructions, for the tests of the
+// platform.
+#pragma once
+
+#include "Lox/IpAddr.h"
+#include "Nex/Machine.h"
+#include "Nex/Record.h"
+
+#include <algorithm>
+#include <vector>
+
+namespace Nex {
+
+#define LEAF(ATTR, SET, MAP, RECORDS) ATTR(int, number, Number)
+
+class Leaf : public RecordBase {
+    NEX_RECORD(Leaf, String, name, LEAF)
+};
+
+#define TREE(ATTR, SET, MAP, RECORDS)                                                              \
+    ATTR(int, number, Number)                                                                      \
+    ATTR(Ptr<Leaf>, top, Top)                                                                      \
+    SET(Lox::IpAddr, address, Address) /* held inside the record while it is small */              \
+    SET(String, word, Word)                                                                        \
+    MAP(Lox::IpAddr, std::uint8_t, octet, Octet) /* held inside the record while it is small */    \
+    MAP(String, String, text, Text)                                                                \
+    RECORDS(String, Leaf, leaf, Leaf)
+
+class Tree : public RecordBase {
+    NEX_RECORD(Tree, String, name, TREE)
+};
+
+/// The frame of a reactor on a tree: no machine, and active from the start.
+struct TreeWatcher : Reactor<Tree::Notifiee, PtrInterface> {
+    explicit TreeWatcher(Ptr<Tree> tree)
+        : Reactor(std::move(tree), static_cast<PtrInterface*>(nullptr)) {
+        hasNotificationActiveIs(true);
+    }
+};
+
+/// Which objects have been destroyed since it was made, as long as it lives.
+class Destructions : public DestructionObserver {
+  public:
+    Destructions() { PtrInterface::destructionObserverIs(this); }
+    Destructions(Destructions const&) = delete;
+    Destructions& operator=(Destructions const&) = delete;
+    ~Destructions() { PtrInterface::destructionObserverIs(nullptr); }
+
+    void onDestruction(PtrInterface const& object) override { gone_.push_back(&object); }
+    auto count(PtrInterface const* object) const {
+        return std::count(gone_.begin(), gone_.end(), object);
+    }
+    std::size_t size() const { return gone_.size(); }
+
+  private:
+    std::vector<PtrInterface const*> gone_;
+};
+
+} // namespace Nex

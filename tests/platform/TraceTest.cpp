@@ -1,0 +1,166 @@
+// Both trace channels: the same text at the same level, the ring always, text only on demand.
+#include "Nex/Trace.h"
+#include "Lox/Names.h"
+#include "Nex/System.h"
+#include "TestRecords.h"
+
+#include <functional>
+#include <gtest/gtest.h>
+
+namespace Nex {
+namespace {
+
+TraceHandle traced("TraceTest");
+TraceHandle neighbour("TraceTestNeighbour");
+
+/// Counts how often it is written as text.
+struct Costly {
+    int number;
+    static inline int written = 0;
+    friend std::ostream& operator<<(std::ostream& out, Costly c) {
+        ++written;
+        return out << '<' << c.number << '>';
+    }
+};
+
+} // namespace
+
+/// Outside the unnamed namespace, which each compiler spells in its own way.
+struct TracedMachine {
+    void handleKey(int key) const { NEX_TRACE_ENTRY(traced, " ( % )", key); }
+    void handleAll() const { NEX_TRACE_ENTRY(traced); }
+};
+
+namespace {
+
+class TraceTest : public testing::Test, public TraceSink {
+  protected:
+    TraceTest() { TraceHandle::sinkIs(this); }
+    ~TraceTest() override {
+        TraceHandle::sinkIs(nullptr);
+        traced.levelIs(0);
+    }
+    void onTrace(TraceHandle const& handle, unsigned level, String const& text) override {
+        lines.push_back(String(handle.fileName()) + ' ' + textOf(level) + ' ' + text);
+    }
+    /// Entries before the last one, from 0.
+    static Lumen::Entry const& entry(std::uint64_t before = 0) {
+        return Lumen::ring.entry(Lumen::ring.written() - 1 - before);
+    }
+    /// The last line of both channels, which must be one.
+    String both() {
+        String const ring = "TraceTest " + textOf(entry().point->level) + ' ' + entry().text();
+        EXPECT_EQ(lines.empty() ? "" : lines.back(), ring);
+        return ring;
+    }
+
+    std::vector<String> lines;
+};
+
+TEST_F(TraceTest, BothChannelsCarryTheSameTextAndLevel) {
+    traced.levelIs(9);
+    NEX_TRACE(traced, 7, "Adding source : % to group : %", Lox::IpAddr("10.0.0.1"),
+              Lox::IpAddr("239.1.1.1"));
+    EXPECT_EQ(both(), "TraceTest 7 Adding source : 10.0.0.1 to group : 239.1.1.1");
+    NEX_TRACE(traced, 3, "no value");
+    EXPECT_EQ(both(), "TraceTest 3 no value");
+    NEX_TRACE(traced, 6, "%%", 1u, String("adjacent % is no place for a value"));
+    EXPECT_EQ(both(), "TraceTest 6 1adjacent % is no place for a value");
+    NEX_TRACE(traced, 6, "%, %, %, %", "", Lox::IntfId("up0"), true, 0.5);
+    EXPECT_EQ(both(), "TraceTest 6 , up0, 1, 0.5");
+    NEX_TRACE(traced, 6, "% of %", std::size_t(3), static_cast<void const*>(nullptr));
+    both();
+    TracedMachine().handleKey(4);
+    EXPECT_EQ(both(), "TraceTest 8 void Nex::TracedMachine::handleKey(int) const ( 4 )");
+    TracedMachine().handleAll();
+    EXPECT_EQ(both(), "TraceTest 8 void Nex::TracedMachine::handleAll() const");
+    EXPECT_EQ(entry().point->line, entry(1).point->line + 1);
+}
+
+TEST_F(TraceTest, LevelsAreThoseOfEachHandleAndTheRingTakesAll) {
+    auto const written = Lumen::ring.written();
+    for (unsigned level : {0u, 5u, 6u, 7u}) {
+        traced.levelIs(level);
+        NEX_TRACE(traced, 6, "six");
+        NEX_TRACE(neighbour, 6, "silent");
+    }
+    EXPECT_EQ(lines, (std::vector<String>{"TraceTest 6 six", "TraceTest 6 six"}));
+    EXPECT_EQ(Lumen::ring.written(), written + 8);
+    EXPECT_EQ(TraceHandle::handle("TraceTest"), &traced);
+    EXPECT_EQ(TraceHandle::handle("TraceTestNeighbour"), &neighbour);
+    EXPECT_EQ(TraceHandle::handle("Trace"), nullptr);
+}
+
+TEST_F(TraceTest, SwitchedOffHandleBuildsNoText) {
+    Costly::written = 0;
+    traced.levelIs(6);
+    NEX_TRACE(traced, 7, "%", Costly{3});
+    EXPECT_EQ(Costly::written, 0);
+    EXPECT_EQ(entry().text(), "<3>");
+    traced.levelIs(7);
+    NEX_TRACE(traced, 7, "%", Costly{4});
+    EXPECT_EQ(both(), "TraceTest 7 <4>");
+}
+
+TEST_F(TraceTest, EnabledHandleWithoutASinkIsHarmless) {
+    TraceHandle::sinkIs(nullptr);
+    traced.levelIs(9);
+    NEX_TRACE(traced, 7, "%", 1);
+    EXPECT_EQ(entry().text(), "1");
+}
+
+TEST_F(TraceTest, WhatDoesNotFitIntoAnEntryIsCut) {
+    NEX_TRACE(traced, 6, "%|", String(500, 'x'));
+    EXPECT_EQ(entry().text(), String(47, 'x') + '|');
+    NEX_TRACE(traced, 6, "%|%|%", String(30, 'x'), String(30, 'y'), 7);
+    EXPECT_EQ(entry().text(), String(30, 'x') + '|' + String(16, 'y') + '|');
+    NEX_TRACE(traced, 6, "%|%|%|%", String(46, 'x'), String("y"), String("z"), String());
+    EXPECT_EQ(entry().text(), String(46, 'x') + "|||");
+    // A number that does not fit ends the entry; what would fit after it is not taken for it.
+    NEX_TRACE(traced, 6, "%|%|%", String(42, 'x'), 1.5, 'c');
+    EXPECT_EQ(entry().text(), String(42, 'x') + "||");
+    NEX_TRACE(traced, 6, "%%%%%%%", 1ul, 2ul, 3ul, 4ul, 5ul, 6ul, 7ul);
+    EXPECT_EQ(entry().text(), "123456");
+}
+
+TEST_F(TraceTest, TheRingKeepsTheLastEntriesAsItWrapsAround) {
+    auto const pass = [](std::uint64_t number) { NEX_TRACE(traced, 6, "%", number); };
+    std::size_t const capacity = Lumen::Ring::capacity();
+    for (std::uint64_t n = 0; n < 2 * capacity + 3; ++n) pass(n);
+    for (std::uint64_t before = 0; before < capacity; ++before)
+        ASSERT_EQ(entry(before).text(), textOf(2 * capacity + 2 - before));
+}
+
+TEST_F(TraceTest, OneCallbackCarriesOneStampAndStampsDoNotRunBackwards) {
+    struct Watcher : TreeWatcher {
+        using TreeWatcher::TreeWatcher;
+        void onNumber() override {
+            NEX_TRACE(traced, 6, "outer");
+            auto const before = System::currentTime();
+            while (System::currentTime() == before) continue;
+            notifier()->wordIs(textOf(notifier()->number())); // a callback inside the callback
+            NEX_TRACE(traced, 6, "outer again");
+        }
+        void onWord(String) override { NEX_TRACE(traced, 6, "nested"); }
+    };
+    auto const tree = Tree::TreeIs("tree");
+    auto const watcher = newObject<Watcher>(tree);
+    auto const began = System::currentTime();
+    tree->numberIs(1);
+    EXPECT_EQ(entry(2).text(), "outer");
+    EXPECT_EQ(entry(1).text(), "nested");
+    EXPECT_EQ(entry(2).stamp, entry(1).stamp);
+    EXPECT_EQ(entry(2).stamp, entry(0).stamp);
+    auto const first = entry().stamp;
+    tree->numberIs(2);
+    EXPECT_GT(entry().stamp, first) << "another callback";
+    auto const second = entry().stamp;
+    NEX_TRACE(traced, 6, "outside");
+    EXPECT_GT(entry().stamp, second);
+    auto const ended = System::currentTime();
+    double const seconds = Lumen::ring.secondsOf(entry());
+    EXPECT_NEAR(seconds, (began + ended) / 2, ended - began + 0.01);
+}
+
+} // namespace
+} // namespace Nex
