@@ -22,7 +22,8 @@ class JsonVisitor {
     template <class Walk>
     void set(char const* name, Walk&& walk) {
         json_[name] = nlohmann::json::array();
-        for (auto const& key : Nex::sortedKeys(std::forward<Walk>(walk))) json_[name].push_back(textOf(key));
+        for (auto const& key : Nex::sortedKeys(std::forward<Walk>(walk)))
+            json_[name].push_back(textOf(key));
     }
     template <class Walk>
     void map(char const* name, Walk&& walk) {
