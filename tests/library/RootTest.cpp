@@ -299,7 +299,7 @@ TEST_F(Root, ErrorsTellTheWholeStory) {
     for (auto const& [argument, host, source] :
          {std::tuple("igmpHost has", world.host("up1"), binding->srcIntfIhpIntf()),
           std::tuple("srcIntfIhpIntf has", binding->igmpHost(), root().srcIntfIhpIntf())})
-        EXPECT_EQ(errorOf<Nex::NameInUseException>([&] {
+        EXPECT_EQ(errorOf<Nex::NameInUseException>([&, host = host, source = source] {
                       bind(present, host, source);
                   }).find(reinstantiating + argument),
                   0u);
