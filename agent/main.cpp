@@ -45,29 +45,29 @@ int serve(Agent::Daemon::Options options) {
 } // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app("Announces multicast groups on upstream interfaces, as an IGMP host.");
-    Agent::Daemon::Options options;
-    std::string checkFile;
-    unsigned traceLevel = 0;
-    auto* const config =
-        app.add_option("--config", options.configurationFile, "Run with this configuration");
-    app.add_option("--status", options.statusFile, "Write the agent's view here upon SIGUSR1")
-        ->needs(config);
-    app.add_option("--trace", traceLevel, "Log what the machines do, up to this level")
-        ->check(CLI::Range(0, 8))
-        ->needs(config);
-    app.add_option("--check", checkFile, "Only check this configuration")->excludes(config);
-    CLI11_PARSE(app, argc, argv);
-    if (options.configurationFile.empty() && checkFile.empty()) {
-        std::fputs(app.help().c_str(), stderr);
-        return 2;
-    }
     try {
+        CLI::App app("Announces multicast groups on upstream interfaces, as an IGMP host.");
+        Agent::Daemon::Options options;
+        std::string checkFile;
+        unsigned traceLevel = 0;
+        auto* const config =
+            app.add_option("--config", options.configurationFile, "Run with this configuration");
+        app.add_option("--status", options.statusFile, "Write the agent's view here upon SIGUSR1")
+            ->needs(config);
+        app.add_option("--trace", traceLevel, "Log what the machines do, up to this level")
+            ->check(CLI::Range(0, 8))
+            ->needs(config);
+        app.add_option("--check", checkFile, "Only check this configuration")->excludes(config);
+        CLI11_PARSE(app, argc, argv);
+        if (options.configurationFile.empty() && checkFile.empty()) {
+            std::fputs(app.help().c_str(), stderr);
+            return 2;
+        }
         if (!checkFile.empty()) return check(checkFile);
         TraceLog const traces(traceLevel);
         return serve(std::move(options));
     } catch (std::exception const& error) {
-        Agent::log(Agent::LogLevel::error, "{}", error.what());
+        std::fprintf(stderr, "ihproxyd: %s\n", error.what());
         return 1;
     }
 }
