@@ -1,0 +1,106 @@
+#include "agent/NamespaceWatch.h"
+
+#include "LoopFixture.h"
+#include "agent/NetworkNamespace.h"
+#include "netns/Netns.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <net/if.h>
+#include <optional>
+
+namespace Agent {
+namespace {
+
+/// A namespace that comes and goes, under a name that nobody else has.
+class NamespaceWatchTest : public LoopFixture {
+  protected:
+    void SetUp() override {
+        IHP_SKIP_WITHOUT_NETNS();
+        name = "ihp-" + std::to_string(getpid()) + "-watched";
+    }
+    void TearDown() override {
+        if (!name.empty() && std::filesystem::exists("/run/netns/" + name)) ip("netns del ");
+    }
+
+    void ip(std::string const& command) const {
+        ASSERT_EQ(std::system(("ip " + command + name).c_str()), 0);
+    }
+    /// Watches; notes whether the namespace is there each time it is told.
+    void doWatch(std::string const& watched) {
+        watch.emplace(loop, watched, [this] { told += watch->namespaceFd() < 0 ? '-' : '+'; });
+    }
+    bool becomes(std::string const& calls, double seconds = 2) {
+        return serveUntil([&] { return told == calls; }, seconds);
+    }
+
+    std::string name;
+    std::string told;
+    std::optional<NamespaceWatch> watch;
+};
+
+TEST_F(NamespaceWatchTest, NamespaceThatIsDeletedAndMadeAgainIsAnotherOne) {
+    doWatch(name);
+    EXPECT_LT(watch->namespaceFd(), 0);
+    ip("netns add ");
+    EXPECT_TRUE(becomes("+"));
+    {
+        NamespaceScope const inside(watch->namespaceFd());
+        ASSERT_EQ(std::system("ip link add mark0 type veth peer name mark1"), 0);
+    }
+    ip("netns del ");
+    EXPECT_TRUE(becomes("+-"));
+    // Both before the agent looks.
+    ip("netns add ");
+    EXPECT_TRUE(becomes("+-+"));
+    ip("netns del ");
+    ip("netns add ");
+    EXPECT_TRUE(becomes("+-+-+"));
+    NamespaceScope const inside(watch->namespaceFd());
+    EXPECT_EQ(if_nametoindex("mark0"), 0u);
+}
+
+TEST_F(NamespaceWatchTest, OtherMountsTellNothing) {
+    ip("netns add ");
+    doWatch("/run/netns/" + name);
+    EXPECT_GE(watch->namespaceFd(), 0) << "there from the start";
+    { Testing::Netns const other; }
+    EXPECT_FALSE(becomes("+", 0.2));
+    EXPECT_EQ(told, "");
+}
+
+TEST_F(NamespaceWatchTest, FilesThatAreNoNetworkNamespaceAreNoneAndLogged) {
+    std::string const path = testing::TempDir() + name;
+    testing::internal::CaptureStderr();
+    std::ofstream(path).close(); // as `ip netns` makes it before it mounts
+    doWatch(path);
+    EXPECT_LT(watch->namespaceFd(), 0);
+    watch.reset();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+
+    testing::internal::CaptureStderr();
+    std::ofstream(path) << "text";
+    doWatch(path);
+    EXPECT_LT(watch->namespaceFd(), 0);
+    std::filesystem::remove(path);
+    watch.reset();
+    doWatch("/proc/self/ns/uts");
+    EXPECT_LT(watch->namespaceFd(), 0);
+    std::string const log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find(name + ": not a network namespace"), std::string::npos) << log;
+    EXPECT_NE(log.find("uts: not a network namespace"), std::string::npos) << log;
+}
+
+TEST_F(NamespaceWatchTest, LinkToANamespaceIsFoundWithoutAMount) {
+    ip("netns add ");
+    std::string const path = testing::TempDir() + name + "-link";
+    doWatch(path);
+    std::filesystem::create_symlink("/run/netns/" + name, path);
+    EXPECT_TRUE(becomes("+", 15));
+    std::filesystem::remove(path);
+    EXPECT_TRUE(becomes("+-", 15));
+}
+
+} // namespace
+} // namespace Agent
