@@ -207,11 +207,12 @@ bool IgmpHostProxyAclHelper::excludeWanted(Lox::IpAddr source, Lox::IpAddr group
     return wanted({false, source}, group);
 }
 
+/// Rules that were rejected contribute nothing, nor does one that denies everything, whose range is
+/// as invalid as theirs.
 bool IgmpHostProxyAclHelper::wanted(Effect effect, Lox::IpAddr group) const {
     for (auto const& [id, rule] : cachedRules_.walk())
         if (id != takenBack_ && effectOf(rule) == effect &&
-            inRange(group, rule.filter.destination) && !isDenyAll(rule) &&
-            faultOf(rule) == Fault::none)
+            inRange(group, rule.filter.destination) && faultOf(rule) == Fault::none)
             return true;
     return false;
 }

@@ -35,7 +35,7 @@ bool same(FileDescriptor const& a, FileDescriptor const& b) {
     return ofA.st_dev == ofB.st_dev && ofA.st_ino == ofB.st_ino;
 }
 
-/// What `ip netns` makes before it mounts the namespace.
+/// What `ip netns` makes before it mounts the namespace. Namespaces look empty, too.
 bool emptyFile(FileDescriptor const& file) {
     struct stat const status = statusOf(file);
     return S_ISREG(status.st_mode) && status.st_size == 0;
@@ -79,8 +79,9 @@ std::optional<FileDescriptor> NamespaceWatch::doOpen() {
     try {
         FileDescriptor file = namespaceOpen(name_);
         if (same(file, namespace_)) return file;
-        if (ioctl(file.get(), NS_GET_NSTYPE) != CLONE_NEWNET)
-            return emptyFile(file) ? FileDescriptor() : doFail("not a network namespace");
+        int const type = ioctl(file.get(), NS_GET_NSTYPE);
+        if (type < 0 && emptyFile(file)) return FileDescriptor();
+        if (type != CLONE_NEWNET) return doFail("not a network namespace");
         NamespaceScope const entered(file.get());
         return file;
     } catch (std::system_error const& exception) {

@@ -1,14 +1,13 @@
 #include "agent/InterfaceTable.h"
 
+#include "NetlinkMessage.h"
 #include "Nex/Error.h"
 
-#include <cstring>
 #include <gtest/gtest.h>
 #include <linux/if.h>
 #include <linux/if_addr.h>
 #include <linux/if_link.h>
 #include <linux/rtnetlink.h>
-#include <memory>
 #include <rapidcheck/gtest.h>
 #include <sys/socket.h>
 
@@ -16,48 +15,7 @@ namespace Agent {
 namespace {
 
 using Lox::IpAddr;
-
-/// An rtnetlink message under construction.
-class Message {
-  public:
-    template <typename Header>
-    Message(std::uint16_t type, Header const& header) {
-        mnl_nlmsg_put_header(bytes_);
-        message()->nlmsg_type = type;
-        std::memcpy(mnl_nlmsg_put_extra_header(message(), sizeof header), &header, sizeof header);
-    }
-    Message& with(std::uint16_t type, std::size_t size, void const* data) {
-        mnl_attr_put(message(), type, size, data);
-        return *this;
-    }
-    Message& with(std::uint16_t type, IpAddr address) {
-        std::uint8_t octets[4];
-        address.toOctets(octets);
-        return with(type, sizeof octets, octets);
-    }
-    Message& with(std::uint16_t type, std::string_view text) {
-        return with(type, text.size() + 1, text.data());
-    }
-    Message& with(std::uint16_t type, std::uint32_t number) {
-        return with(type, sizeof number, &number);
-    }
-
-    std::size_t size() const { return get().nlmsg_len; }
-    nlmsghdr const& get() const { return *reinterpret_cast<nlmsghdr const*>(bytes_); }
-    /// The first `size` octets in a block of just that size, so that a sanitizer sees each octet
-    /// that is read beyond.
-    std::unique_ptr<nlmsghdr, void (*)(void*)> cut(std::size_t size) const {
-        auto* const block = static_cast<nlmsghdr*>(std::malloc(size));
-        std::memcpy(block, bytes_, size);
-        block->nlmsg_len = std::uint32_t(size);
-        return {block, std::free};
-    }
-
-  private:
-    nlmsghdr* message() { return reinterpret_cast<nlmsghdr*>(bytes_); }
-
-    alignas(nlmsghdr) char bytes_[512] = {};
-};
+using Message = NetlinkMessage;
 
 Message linkMessage(std::uint16_t type, int ifindex, unsigned flags, std::uint8_t state) {
     ifinfomsg header{};
