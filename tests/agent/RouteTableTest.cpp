@@ -357,7 +357,7 @@ class RouteTableModel : public RouteTableTest {
 RC_GTEST_FIXTURE_PROP(RouteTableModel, AnyOrderOfEventsEndsWithWhatTheKernelHolds,
                       (unsigned seed)) {
     random = seed;
-    for (int round = 0; round < 20; ++round) {
+    for (int round = 0; round < 5; ++round) {
         for (int i = 0; i < 50; ++i) doRandomStep();
         doFinishReading();
         doBeginReading();
