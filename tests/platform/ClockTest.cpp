@@ -72,12 +72,15 @@ TEST_F(ClockTest, NothingFiresUntilTheTimeIsTold) {
     }
 }
 
-TEST_F(ClockTest, InfinityDisarms) {
+TEST_F(ClockTest, InfinityAndRetirementDisarm) {
     a->timeMinIs(1);
     b->timeMinIs(2);
+    c->timeMinIs(3);
     a->timeMinIs(never);
     EXPECT_EQ(a->timeMin(), never);
-    EXPECT_EQ(at(never), "b");
+    b->nexRetire();
+    EXPECT_EQ(clock->nextExpiry(), 3);
+    EXPECT_EQ(at(never), "c");
 }
 
 TEST_F(ClockTest, TimerMayArmItselfAgainAndFiresInTheNextRound) {

@@ -1,6 +1,7 @@
 // Counted pointers and the life of what they count.
 #include "TestRecords.h"
 
+#include <atomic>
 #include <gtest/gtest.h>
 #include <stdexcept>
 #include <thread>
@@ -79,8 +80,10 @@ TEST_P(PtrTest, ObserverIsToldBeforeTheDestructorRuns) {
 TEST(PtrThreads, MayCopyDropAndCreateWhenSaidSo) {
     PtrInterface::threadSafeIs(true);
     auto shared = newObject<Exposed>();
+    std::atomic<int> ready = 0;
     auto const work = [&] {
-        for (int i = 0; i < 20000; ++i) {
+        for (++ready; ready < 2;) continue;
+        for (int i = 0; i < 100000; ++i) {
             Ptr<Exposed> const copy(shared);
             auto const own = newObject<Exposed>();
             ASSERT_NE(own, copy);
