@@ -12,7 +12,7 @@ runPackages=(
 checkPackages=(
     "${runPackages[@]}"
     libbenchmark-dev libgtest-dev librapidcheck-dev
-    clang clang-format clang-tidy git shellcheck smcroute
+    clang clang-format clang-tidy git libclang-rt-dev shellcheck smcroute
 )
 
 # Users other than root may lack these, and iproute2 lies there.
