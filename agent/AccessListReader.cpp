@@ -36,8 +36,9 @@ class RuleReader {
         auto const action = readAction();
         auto const source = readSource();
         auto const destination = section_.text("destination");
-        auto const range = destination ? parseRange(destination->value) : std::nullopt;
-        if (destination && !range)
+        if (!destination) return std::nullopt;
+        auto const range = parseRange(destination->value);
+        if (!range)
             reportFound(*destination, "a group, a prefix, an address with a mask, or \"any\"",
                         diagnostics_);
         if (!action || !source || !range) return std::nullopt;
