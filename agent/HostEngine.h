@@ -157,7 +157,6 @@ class HostEngine {
     void doTransmit(Counter counter, std::span<std::uint8_t const> packet);
 
     // HostEngineReceive.cpp: queries and the reports of others.
-    bool isForUs(IgmpDatagram const& datagram, IgmpQuery const& query) const;
     void handleQuery(double now, IgmpDatagram const& datagram);
     void handleOlderQuerier(double now, IgmpQuery const& query);
     void handleOlderReport(double now, IgmpDatagram const& datagram);

@@ -17,6 +17,14 @@ constexpr double queryIntervalSeconds = 125;
 /// would have us set all timers over and over.
 constexpr double copySeconds = 0.1;
 
+/// A query may go to an address of ours, to all systems, or to the group it asks about (RFC 9776,
+/// 4.1.12); a general one to no other group (9.1). All our addresses are not known here, but the
+/// frame came to this host.
+bool isForUs(IgmpDatagram const& datagram, IgmpQuery const& query) {
+    Lox::IpAddr to = datagram.destination;
+    return !to.isMulticast() || to == allSystems || to == query.group;
+}
+
 } // namespace
 
 void HostEngine::received(double now, std::span<std::uint8_t const> ipPacket) {
@@ -59,14 +67,6 @@ void HostEngine::handleQuery(double now, IgmpDatagram const& datagram) {
         doScheduleAnswer(now, *query);
     else
         doScheduleOlderReports(now, *query);
-}
-
-/// A query may go to our address, to all systems, or to the group it asks about (RFC 9776, 4.1.12);
-/// a general one to no other group (9.1).
-bool HostEngine::isForUs(IgmpDatagram const& datagram, IgmpQuery const& query) const {
-    Lox::IpAddr to = datagram.destination;
-    if (to.isMulticast()) return to == allSystems || to == query.group;
-    return settings_.address.isZero() || to == settings_.address;
 }
 
 void HostEngine::doCountQuery(IgmpQuery const& query) {
