@@ -164,6 +164,8 @@ class HostEngine {
     void doCountQuery(IgmpQuery const& query);
     double responseSeconds(IgmpQuery const& query) const;
     void doScheduleAnswer(double now, IgmpQuery const& query);
+    void doScheduleGeneralAnswer(double now, double boundSeconds);
+    double walkSeconds() const;
     void doScheduleOlderReports(double now, IgmpQuery const& query);
     void doScheduleOlderReport(double now, double boundSeconds, GroupEntry& entry);
     void dropped(DropReason reason) { ++counters_.dropped[std::size_t(reason)]; }
@@ -176,6 +178,7 @@ class HostEngine {
 
     std::unordered_map<Lox::IpAddr, GroupEntry> groups_; // with state, or something pending
     std::size_t members_ = 0;                            // those with state
+    std::size_t stateOctets_ = 0;                        // of their complete records
     std::vector<Wish> wishes_;
     std::vector<Lox::IpAddr> wishSources_;
 
@@ -188,12 +191,12 @@ class HostEngine {
     GroupQueue repeats_; // changes to tell again; in the older versions, every delayed report
     GroupQueue answers_; // to specific queries, version 3
     double generalDue_ = never; // start of the answer to a general query, version 3
-    double generalDeadline_ = 0;
+    double generalDeadline_ = never;
     GroupList settled_; // groups with state, but for
     GroupList walking_; // those that the answer in progress, or one that was cut off, did not name
     std::size_t walkLeft_ = 0; // about how many those are; only the pace depends on it
     double walkDue_ = never;   // the next packet of the answer
-    double walkDeadline_ = 0;
+    double walkDeadline_ = never;
     double olderQueryTime_ = -never; // the last older general query that set timers,
     double olderQueryDeadline_ = 0;  // and when its last answer is due
 
