@@ -195,10 +195,11 @@ void HostEngine::linkUp(double now) {
     doSend(now);
 }
 
-void HostEngine::leaveAll(double now) {
+void HostEngine::leaveAll(double now, bool repeated) {
     for (auto& [address, entry] : groups_) groupDel(address);
     budget_.limitIs(std::numeric_limits<unsigned>::max());
     flush(now);
+    while (repeated && repeats_.first()) doJob(repeats_.nextExpiry(), repeatedChanges);
     linkDown(now);
     budget_.limitIs(settings_.packetsPer100ms);
 }

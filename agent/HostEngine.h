@@ -108,8 +108,9 @@ class HostEngine {
     void linkDown(double now);
     /// Announces the whole state.
     void linkUp(double now);
-    /// Leaves every group at once, unpaced, for a shutdown; then the link counts as down.
-    void leaveAll(double now);
+    /// Leaves every group at once, unpaced; then the link counts as down. `repeated`: what would be
+    /// told again later follows at once.
+    void leaveAll(double now, bool repeated = false);
 
     HostCounters const& counters() const { return counters_; }
     /// What we speak now, 1 to 3: the older of the setting and the queriers heard.

@@ -22,7 +22,7 @@ void IgmpHostAgent::handleHost(Nex::Name const& name) {
         port->statusIs(state_.hostStatusDir->igmpHostStatusIs(name));
         observer_(name, true);
     } else if (auto gone = ports_.extract(name)) {
-        gone.mapped()->doLeave(EventLoop::now());
+        gone.mapped()->doLeave(EventLoop::now(), true);
         state_.hostStatusDir->igmpHostStatusDel(name);
         observer_(name, false);
     }
@@ -49,7 +49,10 @@ void IgmpHostAgent::timeIs(double now) {
 }
 
 void IgmpHostAgent::doLeave(double now) {
-    for (auto const& [name, port] : ports_) port->doLeave(now);
+    // An interface that comes up in the turn at hand would still join.
+    hostDir_.del();
+    for (auto const& [name, port] : ports_) port->doLeave(now, false);
+    ports_.clear();
 }
 
 } // namespace Agent

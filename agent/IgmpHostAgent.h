@@ -28,7 +28,7 @@ class IgmpHostAgent : public Nex::PtrInterface {
     void handleTurn(double now);
     double nextExpiry() const;
     void timeIs(double now);
-    /// Leaves all groups everywhere, for a shutdown.
+    /// Leaves all groups everywhere, for a shutdown: nothing is sent or opened afterwards.
     void doLeave(double now);
 
   private:

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <poll.h>
 #include <sys/epoll.h>
@@ -17,8 +18,8 @@ namespace {
 constexpr double retrySeconds = 0.005;
 /// How soon opening a socket is tried again, in seconds.
 constexpr double openRetrySeconds = 1;
-/// How long a shutdown waits for room in the socket's buffer, in milliseconds.
-constexpr int leaveMilliseconds = 1000;
+/// How long leaving waits for the interface to take the packets, in seconds.
+constexpr double leaveSeconds = 1;
 
 std::mt19937 seededRandom() {
     std::random_device device;
@@ -76,20 +77,19 @@ void IgmpHostPort::timeIs(double now) {
     doPublishCounters();
 }
 
-void IgmpHostPort::doLeave(double now) {
+void IgmpHostPort::doLeave(double now, bool repeated) {
     // An interface that lost its address has none to speak from.
     Location const location = locate_(*host());
     bool const usable = socket_ && location.device.kernel && location.device.kernel->up &&
                         location.device.ifindex == openIfindex_ &&
                         !location.device.kernel->primaryAddress().isZero();
     if (!usable) return doClose(now);
-    engine_.leaveAll(now);
-    pollfd writable{socket_->fd(), POLLOUT, 0};
-    for (;;) {
-        int const error = socket_->flush();
-        if (error != EAGAIN && error != ENOBUFS) break;
-        if (poll(&writable, 1, leaveMilliseconds) <= 0) break;
-    }
+    leaveDeadline_ = now + leaveSeconds;
+    engine_.leaveAll(now, repeated);
+    doDrainSocket();
+    if (std::uint64_t const lost = socket_->queued() + socket_->dropped() - loggedDrops_)
+        log(LogLevel::warning, "{}: gave up on {} packets while leaving", host()->deviceName(),
+            lost);
     doPublishCounters();
     doClose(now);
 }
@@ -117,12 +117,15 @@ void IgmpHostPort::doOpen(Location const& location, double now) {
     try {
         socket_ = std::make_unique<PacketSocket>(location.device.ifindex, location.namespaceFd);
     } catch (std::system_error const& error) {
-        log(LogLevel::error, "{}: {}", host()->deviceName(), error.what());
+        if (auto const heldBack = openErrors_.admitted(now))
+            log(LogLevel::error, "{}: {} ({} more like this)", host()->deviceName(), error.what(),
+                *heldBack);
         retryTime_ = now + openRetrySeconds;
         return;
     }
     openIfindex_ = location.device.ifindex;
     awaited_ = 0;
+    loggedDrops_ = 0;
     doFlushSocket(now); // also has the loop watch it
     engine_.linkUp(now);
 }
@@ -166,7 +169,9 @@ void IgmpHostPort::handleSocket(std::uint32_t events) {
 }
 
 void IgmpHostPort::send(std::span<std::uint8_t const> ipPacket) {
-    if (socket_) socket_->packetIs(ipPacket);
+    if (!socket_) return;
+    if (socket_->queued() == PacketSocket::longestQueue) doDrainSocket();
+    socket_->packetIs(ipPacket);
 }
 
 void IgmpHostPort::warn(std::string const& text) {
@@ -175,15 +180,34 @@ void IgmpHostPort::warn(std::string const& text) {
 
 void IgmpHostPort::doFlushSocket(double now) {
     if (!socket_) return;
-    int const error = socket_->flush();
+    int const error = socket_->flush(now);
     retryTime_ = error == ENOBUFS ? now + retrySeconds : Nex::never;
     std::uint32_t const events = error == EAGAIN ? EPOLLIN | EPOLLOUT : EPOLLIN;
     if (events != std::exchange(awaited_, events))
         loop_.descriptorIs(socket_->fd(), events, [this](std::uint32_t e) { handleSocket(e); });
-    if (error == 0 || error == EAGAIN || error == ENOBUFS) return;
-    if (auto const heldBack = sendWarnings_.admitted(now))
-        log(LogLevel::warning, "{}: packets were not sent: {} ({} more like this)",
-            host()->deviceName(), std::strerror(error), *heldBack);
+    doLogDrops(now);
+}
+
+/// Sends what is queued; while leaving, also waits for the interface to take it.
+void IgmpHostPort::doDrainSocket() {
+    for (;;) {
+        double const now = EventLoop::now();
+        int const error = socket_->flush(now);
+        double const left = leaveDeadline_ - now;
+        if (error == 0 || left <= 0) return;
+        // While the interface's queue is full, the socket is writable.
+        pollfd writable{socket_->fd(), POLLOUT, 0};
+        double const wait = error == ENOBUFS ? retrySeconds : left;
+        poll(&writable, error == ENOBUFS ? 0 : 1, int(std::ceil(wait * 1000)));
+    }
+}
+
+void IgmpHostPort::doLogDrops(double now) {
+    std::uint64_t const fresh = socket_->dropped() - loggedDrops_;
+    if (fresh == 0 || !sendWarnings_.admitted(now)) return;
+    loggedDrops_ += fresh;
+    log(LogLevel::warning, "{}: {} packets were not sent, the last one because of: {}",
+        host()->deviceName(), fresh, std::strerror(socket_->dropError()));
 }
 
 void IgmpHostPort::doPublishCounters() {

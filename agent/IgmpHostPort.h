@@ -1,6 +1,8 @@
 // The IGMP host on one interface: a host entity's settings and group records on one side, a packet
 // socket on the other, the engine between them. Changes are gathered and given to the engine at the
 // end of the turn, so that what ends a turn as it began is not told to anybody.
+//
+// Timers: the engine's, and one to try again to open the socket or to send into a full queue.
 #pragma once
 
 #include "agent/EventLoop.h"
@@ -39,8 +41,10 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     void handleTurn(double now);
     double nextExpiry() const;
     void timeIs(double now);
-    /// Leaves every group, if the interface can still be heard, and goes silent.
-    void doLeave(double now);
+    /// Leaves every group, if the interface can still be heard, and goes silent. Waits up to a
+    /// second from `now` for the interface to take the packets. `repeated`: tells it as often as
+    /// any other change, for nobody will answer for the groups later.
+    void doLeave(double now, bool repeated);
 
   private:
     class NexIgmpHost : public Nex::Reactor<Igmp::IgmpHost::Notifiee, IgmpHostPort> {
@@ -67,6 +71,8 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     void doOpen(Location const& location, double now);
     void doClose(double now);
     void doFlushSocket(double now);
+    void doDrainSocket();
+    void doLogDrops(double now);
     void handleSocket(std::uint32_t events);
     void doPublishCounters();
 
@@ -83,7 +89,10 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     std::uint32_t awaited_ = 0; ///< events that the loop watches the socket for
     /// When to try again what failed: to open the socket, or to send into a full queue.
     double retryTime_ = Nex::never;
+    double leaveDeadline_ = -Nex::never; ///< until when sending waits for room
+    std::uint64_t loggedDrops_ = 0;      ///< of those of the socket
     LogLimit sendWarnings_;
+    LogLimit openErrors_;
     bool settingsChanged_ = true;
     Nex::Set<Lox::IpAddr> changedGroups_;
     std::vector<Lox::IpAddr> sources_; ///< scratch
