@@ -104,7 +104,9 @@ void Daemon::handleReload() {
 void Daemon::handleStatus() {
     if (options_.statusFile.empty())
         return log(LogLevel::warning, "no status is written: --status names no file");
-    fileReplace(options_.statusFile, toJson(*state_.status).dump(2) + "\n");
+    nlohmann::json json = toJson(*state_.status);
+    json["igmpHost"] = hosts_->statusJson();
+    fileReplace(options_.statusFile, json.dump(2) + "\n");
 }
 
 void Daemon::handleTerminate() {

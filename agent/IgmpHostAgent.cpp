@@ -55,4 +55,10 @@ void IgmpHostAgent::doLeave(double now) {
     ports_.clear();
 }
 
+nlohmann::json IgmpHostAgent::statusJson() const {
+    auto json = nlohmann::json::object();
+    for (auto const& [name, port] : ports_) json[name] = port->statusJson();
+    return json;
+}
+
 } // namespace Agent

@@ -30,6 +30,8 @@ class IgmpHostAgent : public Nex::PtrInterface {
     void timeIs(double now);
     /// Leaves all groups everywhere, for a shutdown: nothing is sent or opened afterwards.
     void doLeave(double now);
+    /// What each port has counted, by the interface's name.
+    nlohmann::json statusJson() const;
 
   private:
     class NexIgmpHostDir : public Nex::Reactor<Igmp::IgmpHostDir::Notifiee, IgmpHostAgent> {

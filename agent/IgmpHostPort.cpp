@@ -1,6 +1,7 @@
 #include "agent/IgmpHostPort.h"
 
 #include "agent/Log.h"
+#include "agent/StatusJson.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -92,6 +93,14 @@ void IgmpHostPort::doLeave(double now, bool repeated) {
             lost);
     doPublishCounters();
     doClose(now);
+}
+
+nlohmann::json IgmpHostPort::statusJson() const {
+    nlohmann::json json = toJson(engine_.counters());
+    json["version"] = engine_.version();
+    json["sendDropped"] = socket_ ? socket_->dropped() : 0;
+    json["receivedTooLong"] = socket_ ? socket_->truncated() : 0;
+    return json;
 }
 
 // Settings and link

@@ -14,6 +14,7 @@
 #include "Nex/Machine.h"
 
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <vector>
 
 namespace Agent {
@@ -45,6 +46,8 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     /// second from `now` for the interface to take the packets. `repeated`: tells it as often as
     /// any other change, for nobody will answer for the groups later.
     void doLeave(double now, bool repeated);
+    /// What the engine and the socket have counted.
+    nlohmann::json statusJson() const;
 
   private:
     class NexIgmpHost : public Nex::Reactor<Igmp::IgmpHost::Notifiee, IgmpHostPort> {
