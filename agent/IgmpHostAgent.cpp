@@ -30,7 +30,11 @@ void IgmpHostAgent::handleHost(Nex::Name const& name) {
 
 void IgmpHostAgent::handleDevice(std::string const& name) {
     auto const found = ports_.find(name);
-    if (found != ports_.end()) found->second->handleDevice();
+    if (found != ports_.end()) found->second->handleLocation();
+}
+
+void IgmpHostAgent::handleConfiguration() {
+    for (auto const& [name, port] : ports_) port->handleLocation();
 }
 
 void IgmpHostAgent::handleTurn(double now) {

@@ -25,6 +25,8 @@ class IgmpHostAgent : public Nex::PtrInterface {
 
     /// A kernel interface changed.
     void handleDevice(std::string const& name);
+    /// The configuration changed, of any interface.
+    void handleConfiguration();
     void handleTurn(double now);
     double nextExpiry() const;
     void timeIs(double now);

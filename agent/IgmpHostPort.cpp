@@ -56,7 +56,7 @@ void IgmpHostPort::handleGroup(Lox::IpAddr group) {
     doMarkChanged(group);
 }
 
-void IgmpHostPort::handleDevice() { settingsChanged_ = true; }
+void IgmpHostPort::handleLocation() { settingsChanged_ = true; }
 
 void IgmpHostPort::handleTurn(double now) {
     if (settingsChanged_) doApplySettings(now);
@@ -118,6 +118,12 @@ void IgmpHostPort::doApplySettings(double now) {
     settings.address = host()->ipAddr();
     settings.prefixLength = prefixLengthOf(*kernel, settings.address);
     settings.mtu = kernel->mtu;
+    if (InterfaceConfiguration const* const wanted = location.configuration) {
+        settings.robustness = wanted->robustness;
+        settings.requireRouterAlert = wanted->requireRouterAlert;
+        settings.ssmOnly = wanted->ssmOnly;
+        settings.packetsPer100ms = wanted->packetsPer100ms;
+    }
     engine_.settingsIs(now, settings);
     if (!socket_) doOpen(location, now);
 }

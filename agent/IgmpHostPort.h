@@ -5,6 +5,7 @@
 // Timers: the engine's, and one to try again to open the socket or to send into a full queue.
 #pragma once
 
+#include "agent/Configuration.h"
 #include "agent/EventLoop.h"
 #include "agent/HostEngine.h"
 #include "agent/NamespaceInterfaces.h"
@@ -22,10 +23,12 @@ namespace Agent {
 class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
   public:
     static constexpr char nexTypeName[] = "Agent::IgmpHostPort";
-    /// Where the interface is now, and the namespace to open sockets in.
+    /// Where the interface is now, the namespace to open sockets in, and what the operator wants of
+    /// the interface, null for nothing.
     struct Location {
         Device device;
         int namespaceFd = -1;
+        InterfaceConfiguration const* configuration = nullptr;
     };
     using Locate = std::function<Location(Igmp::IgmpHost const&)>;
 
@@ -36,8 +39,9 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     /// The counters go here from now on.
     void statusIs(Nex::Ptr<Igmp::IgmpHostStatus> status) { status_ = std::move(status); }
 
-    /// The kernel interface changed: its socket follows.
-    void handleDevice();
+    /// The kernel interface or its part of the configuration changed: the socket and the engine's
+    /// settings follow at the end of the turn.
+    void handleLocation();
     /// The end of a turn of the event loop.
     void handleTurn(double now);
     double nextExpiry() const;
