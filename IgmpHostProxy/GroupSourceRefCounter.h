@@ -2,7 +2,7 @@
 // mode: include and exclude references count alike. Routes of the forwarding table are not counted.
 //
 // Two levels, group and then source, so that whether any pair of a group is counted is one lookup,
-// and a group with one counted source costs no table of its own.
+// and a group with a few counted sources costs no table of its own.
 #pragma once
 
 #include "IgmpHostProxy/SourceGroup.h"
@@ -49,7 +49,7 @@ class GroupSourceRefCounter {
     }
 
   private:
-    using Sources = Nex::SmallMap<Lox::IpAddr, std::uint32_t, 1>;
+    using Sources = Nex::SmallMap<Lox::IpAddr, std::uint32_t, 4>;
 
     std::uint32_t& entry(SourceGroup sg) {
         return *groups_.findOrInsert(sg.groupAddr).first->findOrInsert(sg.sourceAddr).first;

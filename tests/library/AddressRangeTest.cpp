@@ -55,6 +55,11 @@ TEST(AddressRange, WithoutAMaskItGoesOnThroughTheWholeSpace) {
     EXPECT_FALSE(at.done());
 }
 
+TEST(AddressRange, TheEndStaysTheEnd) {
+    AddressRangeIterator at(0xEF010100, 0xFFFFFFFE);
+    for (int steps = 0; steps < 5; ++steps, ++at) EXPECT_EQ(at.done(), steps >= 2);
+}
+
 RC_GTEST_PROP(AddressRange, ExactlyTheMatchingAddressesForAnyMask, (std::uint32_t address)) {
     // At most twelve free bits, anywhere.
     auto const bits = *rc::gen::container<std::vector<int>>(rc::gen::inRange(0, 32));

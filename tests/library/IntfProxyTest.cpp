@@ -102,6 +102,15 @@ TEST_F(IntfProxy, StartUpTakesConfiguredSourcesThenDeletedOnes) {
 }
 
 // Groups that nobody asks for go as the machine starts, with all references, however many.
+TEST_F(IntfProxy, AnIntervalIsWrittenAsPlainDecimals) {
+    TraceLog trace(7);
+    for (auto const& [seconds, text] :
+         {std::pair(0.00001, "0.00001"), {10.0, "10"}, {1234567.25, "1234567.25"}}) {
+        config->unsolicitedReportIntvlIs(UnsolicitedReportInterval(seconds));
+        EXPECT_EQ(trace.take()[0], std::string("7 Setting unsolicited-report-interval=") + text);
+    }
+}
+
 TEST_F(IntfProxy, StartUpClearsGroupsThatNobodyAsksFor) {
     config->groupSourceListIs(ip("239.1.1.2"))->includeSourceListIs(sourceS);
     status->groupSourceListIs(groupG);

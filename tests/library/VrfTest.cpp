@@ -74,6 +74,47 @@ TEST_F(Vrf, AViewLivesFromTheFirstNamespaceUntilTheVrfGoes) {
     EXPECT_NE(mountOf("ns-blue"), nullptr);
 }
 
+/// Deletes the VRF "blue" as the status of an interface appears.
+class Vanisher : public Nex::Reactor<Status::NotifieeConst, Nex::PtrInterface> {
+  public:
+    Vanisher(Nex::Ptr<Status> status, World* world)
+        : Reactor(Nex::Ptr<Status const>(status), static_cast<Nex::PtrInterface*>(nullptr)),
+          world_(world) {}
+    void onIntfStatus(Lox::IntfId) override { world_->allVrfStatusLocal->vrfDel(blue); }
+
+  private:
+    World* world_;
+};
+
+TEST(VrfThatVanishes, TakesItsViewMountAndManagerAlong) {
+    for (bool const beforeTheRoot : {true, false}) {
+        SCOPED_TRACE(beforeTheRoot);
+        World world;
+        Nex::Owned<Vanisher> vanisher;
+        vanisher.make(world.status, &world);
+        for (auto const* const name : {"up0", "up1"}) world.config->intfConfigIs(Lox::IntfId(name));
+        if (!beforeTheRoot) world.start();
+        world.tables("blue");
+        world.usableIntf("up0", 2, "blue");
+        world.usableIntf("up1", 3, "blue");
+        world.vrf("blue", "ns-blue");
+        if (beforeTheRoot) world.start();
+        EXPECT_FALSE(world.allVrfStatusLocal->vrfHas(blue));
+        EXPECT_EQ(world.root->kernelVrfIntfStatus(blue), nullptr);
+        EXPECT_EQ(world.entityManager->mounted("kni/ns/ns-blue/status"), nullptr);
+        EXPECT_FALSE(
+            world.root->intfStatusManagerRoot()->intfStatusManager(Lox::NamespaceName("ns-blue")));
+    }
+}
+
+TEST_F(Vrf, DeletingItsReactorAloneEndsTheView) {
+    world.vrf("blue", "ns-blue");
+    world.root->vrfDel(blue);
+    EXPECT_EQ(world.root->kernelVrfIntfStatus(blue), nullptr);
+    EXPECT_EQ(mountOf("ns-blue"), nullptr);
+    EXPECT_FALSE(managed("ns-blue"));
+}
+
 TEST_F(Vrf, AViewOfAnotherTableIsInTheWay) {
     auto const other = KernelNetInfo::Status::StatusIs("other");
     try {
@@ -163,6 +204,15 @@ TEST_F(VrfWithInterface, ADirectoryIsLookedThroughAsItArrives) {
     EXPECT_NE(world.root->igmpHostProxyIntfSm(up0), nullptr);
     directory->intfStatusAndDeviceNameDel(up0);
     EXPECT_EQ(world.root->igmpHostProxyIntfSm(up0), nullptr);
+
+    // Not to its end, if what one of them brings about ends the VRF.
+    world.config->intfConfigIs(up1);
+    auto const two = filledDirectory();
+    two->intfStatusAndDeviceNameIs(up1, {nullptr, "up1", 3});
+    Nex::Owned<Vanisher> vanisher;
+    vanisher.make(world.status, &world);
+    world.root->kernelVrfIntfStatus(blue)->deviceIntfStatusDirIs(two);
+    EXPECT_EQ(world.root->kernelVrfIntfStatus(blue), nullptr);
 }
 
 } // namespace
