@@ -38,10 +38,11 @@ Daemon::Daemon(Options options, Configuration configuration)
 Daemon::~Daemon() { hosts_ = nullptr; }
 
 void Daemon::doFollowSignals() {
-    loop_.signalIs(SIGHUP, [this] { handleReload(); });
-    loop_.signalIs(SIGUSR1, [this] { handleStatus(); });
+    // First those that end the agent: reloads without end must not keep them waiting.
     for (int const signal : {SIGTERM, SIGINT})
         loop_.signalIs(signal, [this] { handleTerminate(); });
+    loop_.signalIs(SIGHUP, [this] { handleReload(); });
+    loop_.signalIs(SIGUSR1, [this] { handleStatus(); });
 }
 
 void Daemon::doFollowTime() {
