@@ -5,9 +5,9 @@
 #include "agent/StatusJson.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <signal.h>
 #include <system_error>
+#include <unistd.h>
 
 namespace Agent {
 
@@ -83,8 +83,7 @@ void Daemon::handleTurn() {
     hosts_->handleTurn(EventLoop::now());
     if (ready_ || !vrfs_->synchronized()) return;
     ready_ = true;
-    std::puts("ready");
-    std::fflush(stdout);
+    writeAtOnce(STDOUT_FILENO, "ready\n");
     serviceNotify("READY=1");
 }
 

@@ -5,6 +5,7 @@
 #include "agent/ServiceManager.h"
 
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -34,6 +35,8 @@ int check(std::string const& file) {
 }
 
 int serve(Agent::Daemon::Options options) {
+    // Whoever reads the log may go away.
+    std::signal(SIGPIPE, SIG_IGN);
     Agent::ConfigurationReading reading = Agent::configurationRead(options.configurationFile);
     Agent::logDiagnostics(reading.diagnostics);
     if (!reading.valid()) return 1;
