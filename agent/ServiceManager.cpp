@@ -12,6 +12,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <system_error>
+#include <vector>
 
 namespace Agent {
 
@@ -34,13 +35,12 @@ void capabilitiesLimit() {
     if (capng_get_caps_process() != 0)
         throw std::system_error(errno, std::generic_category(), "capabilities");
     capng_select_t const all = CAPNG_SELECT_CAPS;
-    bool kept[3];
-    constexpr unsigned wanted[3] = {CAP_NET_ADMIN, CAP_NET_RAW, CAP_SYS_ADMIN};
-    for (int i = 0; i < 3; ++i) kept[i] = capng_have_capability(CAPNG_PERMITTED, wanted[i]) != 0;
+    std::vector<unsigned> kept{CAP_NET_ADMIN, CAP_NET_RAW, CAP_SYS_ADMIN, CAP_DAC_READ_SEARCH};
+    std::erase_if(
+        kept, [](unsigned wanted) { return capng_have_capability(CAPNG_PERMITTED, wanted) == 0; });
     capng_clear(all);
-    for (int i = 0; i < 3; ++i)
-        if (kept[i])
-            capng_update(CAPNG_ADD, capng_type_t(CAPNG_EFFECTIVE | CAPNG_PERMITTED), wanted[i]);
+    for (unsigned const each : kept)
+        capng_update(CAPNG_ADD, capng_type_t(CAPNG_EFFECTIVE | CAPNG_PERMITTED), each);
     if (capng_apply(all) != 0)
         throw std::system_error(errno, std::generic_category(), "capabilities");
 }

@@ -2,6 +2,7 @@
 #include "agent/AgentFixture.h"
 
 #include <nlohmann/json.hpp>
+#include <sys/stat.h>
 #include <sys/un.h>
 
 namespace Testing {
@@ -180,6 +181,17 @@ TEST_F(AgentTest, BadFileChangesNothingAndIsLoggedWithItsPlaces) {
 
     reload(groupsOn("up0", "'239.1.1.1' = {}\n"));
     EXPECT_TRUE(learned({threeLearned[0]})) << "a good file afterwards is taken over";
+}
+
+TEST_F(AgentTest, FileOfAnotherUserIsReadAgain) {
+    constexpr uid_t other = 65534;
+    folder.write("ihproxyd.toml", "");
+    for (std::string const& path : {folder.file("ihproxyd.toml"), folder.file("")})
+        ASSERT_EQ(chown(path.c_str(), other, gid_t(-1)), 0);
+    ASSERT_EQ(chmod(folder.file("ihproxyd.toml").c_str(), 0600), 0);
+    start("");
+    reload(groupsOn("up0", threeGroups));
+    EXPECT_TRUE(learned(threeLearned));
 }
 
 TEST_F(AgentTest, BadFileAtTheStartIsRefused) {
