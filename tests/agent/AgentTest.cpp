@@ -194,6 +194,11 @@ TEST_F(AgentTest, FileOfAnotherUserIsReadAgain) {
     EXPECT_TRUE(learned(threeLearned));
 }
 
+TEST_F(AgentTest, NamespaceThatOnlyItsProcessNamesIsRefusedWithAdvice) {
+    start("[vrf.red]\nnamespace = '/proc/" + std::to_string(getpid()) + "/ns/net'\n");
+    EXPECT_TRUE(agent->says("Permission denied; expected a name, as `ip netns attach"));
+}
+
 TEST_F(AgentTest, BadFileAtTheStartIsRefused) {
     folder.write("bad", "\n[interface.up0]\nigmp-version = 4\n");
     AgentProcess process(folder, net->nearName(), {"--config", folder.file("bad")});
