@@ -89,6 +89,16 @@ void Daemon::handleTurn() {
 
 void Daemon::handleReload() {
     serviceNotify("RELOADING=1");
+    try {
+        doReload();
+    } catch (...) {
+        serviceNotify("READY=1"); // what remains in force is served
+        throw;
+    }
+    serviceNotify("READY=1");
+}
+
+void Daemon::doReload() {
     ConfigurationReading reading = configurationRead(options_.configurationFile);
     logDiagnostics(reading.diagnostics);
     if (reading.valid()) {
@@ -98,7 +108,6 @@ void Daemon::handleReload() {
         log(LogLevel::error, "{} was not taken over; nothing is changed",
             options_.configurationFile);
     }
-    serviceNotify("READY=1");
 }
 
 void Daemon::handleStatus() {

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <system_error>
@@ -24,11 +25,20 @@ void serviceNotify(std::string_view assignment) {
     std::size_t const length = std::strlen(path);
     std::copy_n(path, length, address.sun_path);
     if (address.sun_path[0] == '@') address.sun_path[0] = '\0'; // the abstract namespace
-    FileDescriptor const socketFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (socketFd.get() < 0) return;
+    // Kept open: what has begun to reload must be able to say that it has ended.
+    static FileDescriptor socketFd;
+    if (socketFd.get() < 0)
+        socketFd = FileDescriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     static_cast<void>(sendto(socketFd.get(), assignment.data(), assignment.size(), MSG_NOSIGNAL,
                              reinterpret_cast<sockaddr const*>(&address),
                              socklen_t(offsetof(sockaddr_un, sun_path) + length)));
+}
+
+void descriptorLimitRaise() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 void capabilitiesLimit() {

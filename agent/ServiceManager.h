@@ -9,6 +9,9 @@ namespace Agent {
 /// does not listen, nothing happens.
 void serviceNotify(std::string_view assignment);
 
+/// Lets the agent open as many descriptors as it may allow itself: each VRF takes several.
+void descriptorLimitRaise();
+
 /// Gives up all capabilities but those that the agent needs: CAP_NET_ADMIN, CAP_NET_RAW,
 /// CAP_SYS_ADMIN to enter network namespaces, and CAP_DAC_READ_SEARCH to read its configuration
 /// again, whoever owns the file. Throws std::system_error.

@@ -37,6 +37,7 @@ int check(std::string const& file) {
 int serve(Agent::Daemon::Options options) {
     // Whoever reads the log may go away.
     std::signal(SIGPIPE, SIG_IGN);
+    Agent::descriptorLimitRaise();
     // First, so that a file that can be read now can be read again.
     Agent::capabilitiesLimit();
     Agent::ConfigurationReading reading = Agent::configurationRead(options.configurationFile);

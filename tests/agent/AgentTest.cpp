@@ -243,6 +243,36 @@ TEST_F(AgentTest, ServiceManagerIsToldOfEachPhase) {
     EXPECT_EQ(agent->exitStatus(), 0);
 }
 
+TEST_F(AgentTest, VrfWaitsForDescriptorsAndStartsWhenThereAreSome) {
+    ServiceSocket const service(folder.file("notify"));
+    start(groupsOn("up0", threeGroups));
+    EXPECT_EQ(service.next(), "READY=1");
+    ASSERT_EQ(wire->heardAfter(threeJoined), threeJoined);
+    wire->forget();
+    std::size_t const open = agent->openDescriptors();
+    auto const red = [&](std::string const& name) {
+        return "[vrf." + name + "]\nnamespace = '" + net->farName() + "'\n";
+    };
+    // Enough to read the file, to watch for the namespace, for all sockets but the last.
+    int refused = 0;
+    for (int const left : {1, 5, 8}) {
+        reload(groupsOn("up0", threeGroups));
+        EXPECT_EQ(agent->openDescriptors(), open);
+        agent->descriptorsLeftIs(left);
+        reload(groupsOn("up0", threeGroups) + red("red" + std::to_string(left)));
+        EXPECT_TRUE(agent->says("Too many open files", ++refused)) << agent->output();
+        for (int i = 0; i < 2; ++i) {
+            EXPECT_EQ(service.next().substr(0, 11), "RELOADING=1");
+            EXPECT_EQ(service.next(), "READY=1");
+        }
+    }
+    agent->descriptorsLeftIs(100);
+    EXPECT_TRUE(agent->says("VRF red8: namespace " + net->farName() + " is there"));
+    reload(groupsOn("up0", threeGroups));
+    EXPECT_EQ(agent->openDescriptors(), open);
+    EXPECT_EQ(wire->heardAfter({}), Lines{}) << "up0 is not disturbed";
+}
+
 TEST_F(AgentTest, StatusFileShowsWhatIsAnnounced) {
     start(groupsOn("up0", threeGroups));
     ASSERT_TRUE(learned(threeLearned));
