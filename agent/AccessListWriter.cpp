@@ -1,10 +1,20 @@
 #include "agent/AccessListWriter.h"
 
-#include <algorithm>
 #include <set>
-#include <vector>
+#include <tuple>
 
 namespace Agent {
+
+namespace {
+
+/// A rule's content, in an order of its own.
+using Content = std::tuple<Acl::Action, Lox::IpAddrWithFullMask, Lox::IpAddrWithFullMask>;
+
+Content contentOf(Acl::IpRuleConfig const& rule) {
+    return {rule.action, rule.filter.source, rule.filter.destination};
+}
+
+} // namespace
 
 void AccessListWriter::listsIs(Lists const& lists) {
     std::map<std::string, Rules> const before = written_;
@@ -22,24 +32,22 @@ void AccessListWriter::listsIs(Lists const& lists) {
 AccessListWriter::Rules AccessListWriter::numbered(AccessListConfiguration const& list,
                                                    Rules const& before) {
     Rules rules;
-    std::vector<Rule> free; // of the rules before, those that do not stand where they stood
+    std::multimap<Content, Rule> free; // of those before, the ones that do not stand where they did
     for (auto const& [sequence, old] : before) {
         auto const now = list.find(sequence);
         if (now != list.end() && now->second == old.rule) {
             rules[sequence] = old;
         } else {
-            free.push_back(old);
+            free.emplace(contentOf(old.rule), old);
         }
     }
     for (auto const& [sequence, rule] : list) {
         if (rules.contains(sequence)) continue;
-        auto const moved = std::find_if(free.begin(), free.end(), [&asked = rule](Rule const& old) {
-            return old.rule == asked;
-        });
-        if (moved == free.end()) {
+        auto const moved = free.lower_bound(contentOf(rule)); // the one of the lowest number
+        if (moved == free.end() || moved->first != contentOf(rule)) {
             rules[sequence] = {Acl::UniqueId(++lastId_), rule};
         } else {
-            rules[sequence] = *moved;
+            rules[sequence] = moved->second;
             free.erase(moved);
         }
     }

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <optional>
+#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -234,11 +235,14 @@ class Reader {
     Diagnostics& diagnostics_;
 };
 
-/// Throws std::system_error, with EFBIG for a file that is too large.
+/// Throws std::runtime_error with the reason.
 std::string fileContent(std::string const& file) {
     auto const fail = [](int error) { throw std::system_error(error, std::generic_category()); };
-    FileDescriptor const descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    if (descriptor.get() < 0) fail(errno);
+    // To open a pipe would wait for a writer, and to read it again find it empty.
+    FileDescriptor const descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status {};
+    if (descriptor.get() < 0 || fstat(descriptor.get(), &status) < 0) fail(errno);
+    if (!S_ISREG(status.st_mode)) throw std::runtime_error("not a regular file");
     std::string content;
     std::string chunk(64 << 10, '\0');
     for (;;) {
@@ -270,9 +274,9 @@ ConfigurationReading configurationParse(std::string_view text, std::string const
 ConfigurationReading configurationRead(std::string const& file) {
     try {
         return configurationParse(fileContent(file), file);
-    } catch (std::system_error const& error) {
+    } catch (std::runtime_error const& error) {
         Diagnostics diagnostics(file);
-        diagnostics.errorIs({}, "cannot be read: " + error.code().message());
+        diagnostics.errorIs({}, std::string("cannot be read: ") + error.what());
         return {{}, diagnostics.take()};
     }
 }

@@ -21,7 +21,8 @@
 // Interfaces in other network namespaces belong to VRFs:
 //
 //     [vrf.red]
-//     namespace = "red"                                       # as in `ip netns`, or a path
+//     namespace = "red"                                       # as in `ip netns`, or a path (not
+//                                                             # in /proc: `ip netns attach`)
 //     [interface.up2]
 //     vrf = "red"
 //
@@ -121,8 +122,8 @@ struct ConfigurationReading {
 /// first of syntax. Never throws, whatever the text.
 ConfigurationReading configurationParse(std::string_view text, std::string const& file);
 
-/// The same from a file (or a pipe) of up to 64 MiB. A file that cannot be read is an error
-/// among the diagnostics.
+/// The same from a regular file of up to 64 MiB. A file that cannot be read is an error among the
+/// diagnostics.
 ConfigurationReading configurationRead(std::string const& file);
 
 } // namespace Agent

@@ -5,9 +5,9 @@
 #include "agent/StatusJson.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <signal.h>
 #include <system_error>
+#include <unistd.h>
 
 namespace Agent {
 
@@ -38,10 +38,11 @@ Daemon::Daemon(Options options, Configuration configuration)
 Daemon::~Daemon() { hosts_ = nullptr; }
 
 void Daemon::doFollowSignals() {
-    loop_.signalIs(SIGHUP, [this] { handleReload(); });
-    loop_.signalIs(SIGUSR1, [this] { handleStatus(); });
+    // First those that end the agent: reloads without end must not keep them waiting.
     for (int const signal : {SIGTERM, SIGINT})
         loop_.signalIs(signal, [this] { handleTerminate(); });
+    loop_.signalIs(SIGHUP, [this] { handleReload(); });
+    loop_.signalIs(SIGUSR1, [this] { handleStatus(); });
 }
 
 void Daemon::doFollowTime() {
@@ -86,13 +87,22 @@ void Daemon::handleTurn() {
     hosts_->handleTurn(EventLoop::now());
     if (ready_ || !vrfs_->synchronized()) return;
     ready_ = true;
-    std::puts("ready");
-    std::fflush(stdout);
+    writeAtOnce(STDOUT_FILENO, "ready\n");
     serviceNotify("READY=1");
 }
 
 void Daemon::handleReload() {
     serviceNotify("RELOADING=1");
+    try {
+        doReload();
+    } catch (...) {
+        serviceNotify("READY=1"); // what remains in force is served
+        throw;
+    }
+    serviceNotify("READY=1");
+}
+
+void Daemon::doReload() {
     ConfigurationReading reading = configurationRead(options_.configurationFile);
     logDiagnostics(reading.diagnostics);
     if (reading.valid()) {
@@ -102,7 +112,6 @@ void Daemon::handleReload() {
         log(LogLevel::error, "{} was not taken over; nothing is changed",
             options_.configurationFile);
     }
-    serviceNotify("READY=1");
 }
 
 void Daemon::handleStatus() {

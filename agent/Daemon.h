@@ -60,6 +60,7 @@ class Daemon {
     void doFollowTime();
     void handleTurn();
     void handleReload();
+    void doReload();
     void handleStatus();
     void handleTerminate();
     void doConfigure(Configuration configuration);

@@ -79,7 +79,7 @@ void EventLoop::signalIs(int signal, Handler handler) {
     checked(sigprocmask(SIG_BLOCK, &one, nullptr), "sigprocmask");
     sigaddset(&signalSet_, signal);
     checked(signalfd(signals_.get(), &signalSet_, 0), "signalfd");
-    signalHandlers_[signal] = std::move(handler);
+    signalHandlers_.emplace_back(signal, std::move(handler));
 }
 
 void EventLoop::timeIs(std::function<std::optional<double>()> nextExpiry,
@@ -141,11 +141,17 @@ void EventLoop::handleReady(std::uint64_t token, std::uint32_t events) {
 }
 
 void EventLoop::handleSignals() {
-    signalfd_siginfo info{};
-    while (read(signals_.get(), &info, sizeof info) == ssize_t(sizeof info)) {
-        Handler const handler = signalHandlers_[int(info.ssi_signo)];
-        doGuarded(handler);
+    std::vector<Handler> pending;
+    for (auto const& [signal, handler] : signalHandlers_) {
+        sigset_t one;
+        sigemptyset(&one);
+        sigaddset(&one, signal);
+        // Each once. The descriptor would yield the lowest number for as long as it is sent.
+        timespec const noWait{};
+        if (sigtimedwait(&one, nullptr, &noWait) == signal) pending.push_back(handler);
     }
+    for (Handler const& handler : pending)
+        if (!status_) doGuarded(handler);
 }
 
 void EventLoop::doGuarded(Handler const& handler) {

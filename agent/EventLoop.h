@@ -19,6 +19,7 @@
 #include <memory>
 #include <optional>
 #include <signal.h>
+#include <utility>
 #include <vector>
 
 namespace Agent {
@@ -44,7 +45,9 @@ class EventLoop {
     /// Without effect if there is no handler.
     void descriptorDel(int fd);
 
-    /// Calls `handler` in place of the default action. Signals that arrive in one turn count once.
+    /// Calls `handler` in place of the default action. Signals that arrive in one turn count once;
+    /// of several, the one that was given its handler first goes first, and none follows one that
+    /// stops the loop.
     /// Blocks the signal in the calling thread, for good: one that is pending when the loop goes
     /// away must not kill the process.
     void signalIs(int signal, Handler handler);
@@ -85,7 +88,7 @@ class EventLoop {
     std::map<int, std::shared_ptr<Watch>> watches_;
     // Tells a descriptor from a closed one of the same number, whose event may still be in hand.
     std::uint32_t lastSerial_ = 0;
-    std::map<int, Handler> signalHandlers_;
+    std::vector<std::pair<int, Handler>> signalHandlers_; ///< in the order of their rank
     std::function<std::optional<double>()> nextExpiry_ = [] { return std::nullopt; };
     std::function<void(double now)> handleTime_;
     std::vector<Handler> hooks_;

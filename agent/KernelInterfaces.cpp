@@ -34,6 +34,10 @@ KernelInterfaces::KernelInterfaces(InterfaceObserver onInterface, int namespaceF
     onReadAgain();
 }
 
+void KernelInterfaces::doReopen() {
+    if (netlink_.doReopen()) onReadAgain();
+}
+
 KernelInterface const* KernelInterfaces::interface(int ifindex) const {
     auto const found = interfaces().find(ifindex);
     return found == interfaces().end() ? nullptr : &found->second;

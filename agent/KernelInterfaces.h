@@ -22,6 +22,11 @@ class KernelInterfaces final : private Netlink::Observer {
     /// To wait for; call receive() when it is readable.
     int fd() const { return netlink_.fd(); }
     void receive() { netlink_.receive(); }
+    /// Whether the kernel has given up a reading, which only doReopen takes up again.
+    bool stalled() const { return netlink_.stalled(); }
+    /// Begins another reading on another socket; fd() changes. What is known stays meanwhile. Where
+    /// the kernel refuses that, too, it is logged, and nothing has changed.
+    void doReopen();
 
     /// Whether everything has been read once. Before, the table is empty.
     bool synchronized() const { return synchronized_; }

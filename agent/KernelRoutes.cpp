@@ -44,15 +44,19 @@ KernelRoutes::KernelRoutes(EventLoop& loop, RouteTable::Observer onRoute, int na
     // Subscribed first, so that no change falls between the dump and the notifications.
     notifications_.groupIs(RTNLGRP_IPV4_MROUTE);
     notifications_.groupIs(RTNLGRP_IPV4_NETCONF);
-    doRead();
     loop_.descriptorIs(notifications_.fd(), EPOLLIN,
                        [this](std::uint32_t) { handleNotifications(); });
-    loop_.descriptorIs(dumps_.fd(), EPOLLIN, [this](std::uint32_t) { handleDumpPiece(); });
+    doFollowDumps();
+    doRead();
 }
 
 KernelRoutes::~KernelRoutes() {
     loop_.descriptorDel(notifications_.fd());
     loop_.descriptorDel(dumps_.fd());
+}
+
+void KernelRoutes::doFollowDumps() {
+    loop_.descriptorIs(dumps_.fd(), EPOLLIN, [this](std::uint32_t) { handleDumpPiece(); });
 }
 
 void KernelRoutes::filterIs(RouteFilter filter) {
@@ -110,7 +114,7 @@ void KernelRoutes::onDumpsDone() { dumped_ = true; }
 void KernelRoutes::onReadAgain() { readAgain_ = damaged_ = true; }
 
 void KernelRoutes::doAdvance() {
-    if (table_.reading() && !dumps_.dumping()) handleDumpEnd();
+    if (table_.reading() && (!dumps_.dumping() || dumps_.stalled())) handleDumpEnd();
     // While notifications wait, the kernel may drop further ones without a word.
     if (!readAgain_ || table_.reading() || !drained_) return;
     double const pause = pauseUntil_ - EventLoop::now();
@@ -128,11 +132,16 @@ void KernelRoutes::doRead() {
 
 void KernelRoutes::doDump() {
     dumped_ = false;
+    if (dumps_.dumping()) {
+        loop_.descriptorDel(dumps_.fd());
+        dumps_.doReopen();
+        doFollowDumps();
+    }
     rtmsg header{};
     header.rtm_family = RTNL_FAMILY_IPMR;
-    dumps_.dumpIs(RTM_GETROUTE, header);
-    // One that could not be sent is taken up as ended.
-    if (!dumps_.dumping()) pause_.delayIs(pauseSeconds);
+    if (!dumps_.dumping()) dumps_.dumpIs(RTM_GETROUTE, header);
+    // One that has come to nothing at once is taken up as ended.
+    if (dumps_.stalled()) pause_.delayIs(pauseSeconds);
 }
 
 void KernelRoutes::handleDumpEnd() {

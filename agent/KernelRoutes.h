@@ -7,6 +7,8 @@
 // changes routes without a word. Readings take one piece in each turn of the loop, and pause
 // between each other for as long as the last one took.
 //
+// A dump that the kernel refuses or gives up counts as a reading in which something was lost.
+//
 // Two alarms: one goes on with routes that wait for their review, in the next turn; one ends the
 // pause between readings.
 #pragma once
@@ -42,6 +44,7 @@ class KernelRoutes final : private Netlink::Observer {
     void onDumpsDone() override;
     void onReadAgain() override;
 
+    void doFollowDumps();
     void handleNotifications();
     void handleDumpPiece();
     void handleDumpEnd();

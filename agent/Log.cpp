@@ -2,7 +2,9 @@
 
 #include "agent/Printable.h"
 
+#include <climits>
 #include <cstdlib>
+#include <poll.h>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,7 +14,11 @@ namespace Agent {
 
 namespace {
 
+/// Of one line: a pipe takes two of them at once.
+constexpr std::size_t mostOctets = PIPE_BUF / 2;
+
 LogLevel written = LogLevel::info;
+unsigned lost = 0; ///< lines since the last one that was taken
 
 /// JOURNAL_STREAM names the journal's socket by device and inode. A program may inherit it with
 /// standard error redirected to elsewhere, and then must not write prefixes (systemd.exec(5)).
@@ -37,6 +43,13 @@ char const* prefix(LogLevel level) {
     return "";
 }
 
+std::string lineOf(LogLevel level, std::string_view text) {
+    std::string line =
+        (journalReads() ? fmt::format("<{}>", int(level)) : prefix(level)) + printable(text);
+    if (line.size() >= mostOctets) line.resize(mostOctets - 1);
+    return line + '\n';
+}
+
 } // namespace
 
 void logLevelIs(LogLevel level) { written = level; }
@@ -44,10 +57,17 @@ void logLevelIs(LogLevel level) { written = level; }
 bool logs(LogLevel level) { return level <= written; }
 
 void logLine(LogLevel level, std::string_view text) {
-    std::string const line =
-        (journalReads() ? fmt::format("<{}>", int(level)) : prefix(level)) + printable(text) + '\n';
+    std::string line = lineOf(level, text);
+    if (lost != 0)
+        line = lineOf(LogLevel::warning, fmt::format("{} lines of the log were lost", lost)) + line;
+    lost = writeAtOnce(STDERR_FILENO, line) ? 0 : lost + 1;
+}
+
+bool writeAtOnce(int fd, std::string_view text) {
+    pollfd room{fd, POLLOUT, 0};
+    if (poll(&room, 1, 0) != 1 || !(room.revents & POLLOUT)) return false;
     // In one call, so that lines of several programs do not mix.
-    [[maybe_unused]] auto const taken = write(STDERR_FILENO, line.data(), line.size());
+    return write(fd, text.data(), text.size()) == ssize_t(text.size());
 }
 
 std::optional<unsigned> LogLimit::admitted(double now) {

@@ -16,9 +16,14 @@ enum class LogLevel { error = 3, warning = 4, info = 6, debug = 7 };
 /// Lines graver than or equal to `level` are written; info at the start.
 void logLevelIs(LogLevel level);
 bool logs(LogLevel level);
-/// Writes one line of any level, with unprintable bytes escaped. A line that standard error does
-/// not take is lost: logging never fails.
+/// Writes one line of any level, with unprintable bytes escaped, and cut to what a pipe takes as a
+/// whole. A line that standard error does not take at once is lost, and counted in a line of its
+/// own before the next one that is taken: logging neither fails nor waits.
 void logLine(LogLevel level, std::string_view text);
+
+/// Writes up to PIPE_BUF octets in one call, or nothing where that would have to wait. Returns
+/// whether they were taken.
+bool writeAtOnce(int fd, std::string_view text);
 
 /// Formats and writes; builds no text for a level that is not written.
 template <typename... Args>

@@ -14,10 +14,21 @@ NamespaceInterfaces::NamespaceInterfaces(PlatformState& state, EventLoop& loop, 
       owns_(std::move(owns)),
       observer_(std::move(observer)),
       kernel_([this](int ifindex) { handleInterface(ifindex); }, place_.namespaceFd) {
-    loop_.descriptorIs(kernel_.fd(), EPOLLIN, [this](std::uint32_t) { kernel_.receive(); });
+    doFollow();
 }
 
 NamespaceInterfaces::~NamespaceInterfaces() { loop_.descriptorDel(kernel_.fd()); }
+
+void NamespaceInterfaces::doFollow() {
+    loop_.descriptorIs(kernel_.fd(), EPOLLIN, [this](std::uint32_t) { kernel_.receive(); });
+}
+
+void NamespaceInterfaces::doRetry() {
+    if (!kernel_.stalled()) return;
+    loop_.descriptorDel(kernel_.fd());
+    kernel_.doReopen();
+    doFollow();
+}
 
 Device NamespaceInterfaces::device(std::string const& name) const {
     int const ifindex = kernel_.interfaceIndex(name);

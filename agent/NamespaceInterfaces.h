@@ -1,6 +1,6 @@
 // The interfaces of one VRF: what the kernel says of its network namespace, written into the
-// platform's state. An interface is usable, and so listed, while its link is up and it has an IPv4
-// address; every interface comes and goes on its own.
+// platform's state. An interface that the configuration names is usable, and so listed, while its
+// link is up and it has an IPv4 address; every interface comes and goes on its own.
 #pragma once
 
 #include "agent/EventLoop.h"
@@ -26,7 +26,7 @@ class NamespaceInterfaces {
         Lox::NamespaceName networkNamespace;
         int namespaceFd = -1; ///< negative for the process's own; outlived by its owner
     };
-    /// Whether the interface of that name belongs to this VRF, should the namespace have it.
+    /// Whether the configuration has the interface of that name in this VRF.
     using Owns = std::function<bool(std::string const& name)>;
     /// Told the name of an interface that changed, after the state has been written.
     using Observer = std::function<void(std::string const& name)>;
@@ -40,6 +40,8 @@ class NamespaceInterfaces {
 
     Place const& place() const { return place_; }
     bool synchronized() const { return kernel_.synchronized(); }
+    /// Begins a reading again that the kernel has given up; to be called every few seconds.
+    void doRetry();
     Device device(std::string const& name) const;
     /// 0.0.0.0 unless the interface is usable.
     Lox::IpAddr address(std::string const& name) const;
@@ -51,6 +53,7 @@ class NamespaceInterfaces {
     void doWithdrawAll();
 
   private:
+    void doFollow();
     void handleInterface(int ifindex);
     void doPublishKernelInterface(int ifindex);
     void doPublishUsable(Lox::IntfId const& intfId, Lox::IpAddr usableAddress);

@@ -87,6 +87,10 @@ std::optional<FileDescriptor> NamespaceWatch::doOpen() {
     } catch (std::system_error const& exception) {
         int const error = exception.code().value();
         if (error == ENOENT || error == ENOTDIR) return FileDescriptor();
+        // Of a process with capabilities that the agent has given up.
+        if (error == EACCES && name_.starts_with("/proc/"))
+            return doFail(std::string(exception.what()) +
+                          "; expected a name, as `ip netns attach NAME PID` gives one");
         return doFail(exception.what());
     }
 }

@@ -1,11 +1,12 @@
 #include "agent/Netlink.h"
 
-#include "agent/Log.h"
+#include "agent/EventLoop.h"
 #include "agent/NetworkNamespace.h"
 
 #include <cerrno>
 #include <cstring>
 #include <linux/netlink.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <system_error>
 #include <utility>
@@ -21,17 +22,16 @@ constexpr int receiveBufferBytes = 8 << 20;
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-mnl_socket* openSocket(int service, int namespaceFd) {
-    NamespaceScope const scope(namespaceFd);
-    mnl_socket* const socket = mnl_socket_open2(service, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (!socket) fail("opening a netlink socket");
-    if (mnl_socket_bind(socket, 0, MNL_SOCKET_AUTOPID) < 0) {
-        int const error = errno;
-        mnl_socket_close(socket);
-        errno = error;
-        fail("binding a netlink socket");
-    }
-    return socket;
+void subscribe(mnl_socket* socket, int group) {
+    if (mnl_socket_setsockopt(socket, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) < 0)
+        fail("subscribing to a netlink group");
+}
+
+void setReceiveBuffer(mnl_socket const* socket, int octets) {
+    // Beyond the system's limit if the capability allows it, otherwise up to it.
+    int const fd = mnl_socket_get_fd(socket);
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &octets, sizeof octets) < 0)
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &octets, sizeof octets);
 }
 
 nlattr const* wellFormed(nlattr const* attribute, mnl_attr_data_type type) {
@@ -82,21 +82,47 @@ std::span<std::uint8_t const> NetlinkAttributes::octets(std::uint16_t type) cons
 }
 
 Netlink::Netlink(int service, Observer& observer, int namespaceFd)
-    : socket_(openSocket(service, namespaceFd)), observer_(observer) {
-    receiveBufferIs(receiveBufferBytes);
+    : service_(service),
+      namespaceFd_(namespaceFd),
+      receiveBufferOctets_(receiveBufferBytes),
+      socket_(newSocket()),
+      observer_(observer) {}
+
+Netlink::Socket Netlink::newSocket() const {
+    NamespaceScope const scope(namespaceFd_);
+    Socket socket(mnl_socket_open2(service_, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!socket) fail("opening a netlink socket");
+    if (mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0) fail("binding a netlink socket");
+    setReceiveBuffer(socket.get(), receiveBufferOctets_);
+    for (int const group : groups_) subscribe(socket.get(), group);
+    return socket;
 }
 
-Netlink::~Netlink() { mnl_socket_close(socket_); }
-
 void Netlink::receiveBufferIs(int octets) {
-    // Beyond the system's limit if the capability allows it, otherwise up to it.
-    if (setsockopt(fd(), SOL_SOCKET, SO_RCVBUFFORCE, &octets, sizeof octets) < 0)
-        setsockopt(fd(), SOL_SOCKET, SO_RCVBUF, &octets, sizeof octets);
+    receiveBufferOctets_ = octets;
+    setReceiveBuffer(socket_.get(), octets);
 }
 
 void Netlink::groupIs(int group) {
-    if (mnl_socket_setsockopt(socket_, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) < 0)
-        fail("subscribing to a netlink group");
+    subscribe(socket_.get(), group);
+    groups_.push_back(group);
+}
+
+bool Netlink::stalled() const {
+    pollfd taken{fd(), POLLIN, 0};
+    return dumping() && poll(&taken, 1, 0) == 0;
+}
+
+bool Netlink::doReopen() {
+    try {
+        socket_ = newSocket();
+    } catch (std::system_error const& error) {
+        doLogFailure(error.what());
+        return false;
+    }
+    dumps_.clear();
+    incomplete_ = false;
+    return true;
 }
 
 void Netlink::doQueueDump(Dump dump) {
@@ -113,18 +139,19 @@ void Netlink::doSendDump() {
     request->nlmsg_seq = ++sequence_;
     void* const body = mnl_nlmsg_put_extra_header(request, dump.header.size());
     std::memcpy(body, dump.header.data(), dump.header.size());
-    if (mnl_socket_sendto(socket_, request, request->nlmsg_len) >= 0) return;
-    log(LogLevel::error, "netlink dump {} not sent: {}", dump.type, std::strerror(errno));
-    refused_ = true;
-    doEndDump();
+    if (mnl_socket_sendto(socket_.get(), request, request->nlmsg_len) < 0)
+        doLogFailure(fmt::format("dump {} not sent: {}", dump.type, std::strerror(errno)));
+}
+
+void Netlink::doLogFailure(std::string const& what) {
+    if (auto const heldBack = failureLimit_.admitted(EventLoop::now()))
+        log(LogLevel::error, "netlink: {} ({} more not shown)", what, *heldBack);
 }
 
 void Netlink::doEndDump() {
     dumps_.pop_front();
     if (dumping()) return doSendDump();
-    bool const incomplete = std::exchange(incomplete_, false);
-    if (std::exchange(refused_, false)) return;
-    if (incomplete)
+    if (std::exchange(incomplete_, false))
         observer_.onReadAgain();
     else
         observer_.onDumpsDone();
@@ -166,7 +193,7 @@ void Netlink::handleDatagram(std::size_t length) {
 
 void Netlink::handleMessage(nlmsghdr const& message) {
     // Notifications carry the port of whoever caused them, never ours.
-    bool const answer = message.nlmsg_pid == mnl_socket_get_portid(socket_);
+    bool const answer = message.nlmsg_pid == mnl_socket_get_portid(socket_.get());
     if (answer && (!dumping() || message.nlmsg_seq != sequence_)) return;
     if (answer && (message.nlmsg_flags & NLM_F_DUMP_INTR)) incomplete_ = true;
     if (message.nlmsg_type >= NLMSG_MIN_TYPE)
@@ -180,16 +207,18 @@ void Netlink::handleDumpEnd(nlmsghdr const& message) {
     std::int32_t status = 0;
     if (mnl_nlmsg_get_payload_len(&message) >= sizeof status)
         std::memcpy(&status, mnl_nlmsg_get_payload(&message), sizeof status);
-    if (status < 0) {
-        log(LogLevel::error, "netlink dump {} refused: {}", dumps_.front().type,
-            std::strerror(-status));
-        refused_ = true;
-    }
-    doEndDump();
+    if (status < 0)
+        doLogFailure(
+            fmt::format("dump {} refused: {}", dumps_.front().type, std::strerror(-status)));
+    else
+        doEndDump();
 }
 
 void Netlink::handleLoss() {
-    log(LogLevel::warning, "netlink notifications were lost, reading everything again");
+    if (auto const heldBack = lossLimit_.admitted(EventLoop::now()))
+        log(LogLevel::warning,
+            "netlink notifications were lost, reading everything again ({} more not shown)",
+            *heldBack);
     // A dump under way still comes to its end: only then is the socket free for the next.
     if (dumping())
         incomplete_ = true;

@@ -2,6 +2,8 @@
 // picture that both draw has holes, and then asks its observer to read everything again.
 #pragma once
 
+#include "agent/Log.h"
+
 #include "Nex/Error.h"
 
 #include <array>
@@ -57,21 +59,20 @@ class Netlink {
     };
 
     /// Opens a non-blocking socket to a kernel service such as NETLINK_ROUTE, in a namespace if
-    /// `namespaceFd` is not negative. The observer must outlive it. Throws std::system_error.
+    /// `namespaceFd` is not negative. The observer and `namespaceFd` must outlive it. Throws
+    /// std::system_error.
     Netlink(int service, Observer& observer, int namespaceFd = -1);
-    ~Netlink();
     Netlink(Netlink const&) = delete;
     Netlink& operator=(Netlink const&) = delete;
 
     /// To wait for; readable when receive() has something to do.
-    int fd() const { return mnl_socket_get_fd(socket_); }
+    int fd() const { return mnl_socket_get_fd(socket_.get()); }
 
     /// Subscribes to the notifications of an RTNLGRP_ group. Throws std::system_error.
     void groupIs(int group);
 
     /// Asks for a dump of `type` (RTM_GETLINK), with the request's fixed part. Queued behind the
-    /// dumps that are under way, for a socket carries one at a time. One that the kernel refuses
-    /// is logged, and then neither onDumpsDone nor onReadAgain follows.
+    /// dumps that are under way, for a socket carries one at a time.
     template <typename Header>
     void dumpIs(std::uint16_t type, Header const& header) {
         auto const* const octets = reinterpret_cast<std::uint8_t const*>(&header);
@@ -79,6 +80,15 @@ class Netlink {
     }
     /// Whether any dump has been asked for and not ended.
     bool dumping() const { return !dumps_.empty(); }
+    /// Whether dumps were asked for and will never end: the kernel refused one, which is logged, or
+    /// had no memory to go on. It puts the next piece of a dump on the socket as the last one is
+    /// taken, so nothing to take means nothing to come. The owner looks after each receive() or now
+    /// and then, and calls doReopen().
+    bool stalled() const;
+    /// Opens another socket in place of this one, with the same subscriptions; fd() changes. Its
+    /// dumps are over, and nobody is told. Returns false where the kernel refuses; that is logged,
+    /// and nothing has changed.
+    bool doReopen();
 
     /// The kernel keeps notifications that fill so many octets; far fewer of them in content, for
     /// it counts its own expense. Less where the system's limit stands in the way.
@@ -94,8 +104,15 @@ class Netlink {
         std::vector<std::uint8_t> header;
     };
 
+    struct Closer {
+        void operator()(mnl_socket* socket) const { mnl_socket_close(socket); }
+    };
+    using Socket = std::unique_ptr<mnl_socket, Closer>;
+
+    Socket newSocket() const;
     void doQueueDump(Dump dump);
     void doSendDump();
+    void doLogFailure(std::string const& what);
     void doEndDump();
     /// False when nothing is left.
     bool doReceiveDatagram();
@@ -104,14 +121,18 @@ class Netlink {
     void handleDumpEnd(nlmsghdr const& message);
     void handleLoss();
 
-    mnl_socket* socket_;
+    int service_;
+    int namespaceFd_;
+    std::vector<int> groups_;
+    int receiveBufferOctets_;
+    Socket socket_;
     Observer& observer_;
     /// The first is under way and answers to sequence_.
     std::deque<Dump> dumps_;
     std::uint32_t sequence_ = 0;
-    // Of the dumps since the queue was last empty.
-    bool incomplete_ = false;
-    bool refused_ = false;
+    bool incomplete_ = false; ///< one of the dumps since the queue was last empty
+    LogLimit failureLimit_;
+    LogLimit lossLimit_;
     // The kernel builds dumps in pieces of up to 32 KiB.
     std::unique_ptr<std::array<std::uint8_t, 65536>> buffer_ =
         std::make_unique<std::array<std::uint8_t, 65536>>();

@@ -12,7 +12,8 @@ namespace Agent {
 namespace {
 
 FileDescriptor openFile(std::string const& path) {
-    FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    // What is no namespace after all, such as a pipe, must not be waited for.
+    FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (file.get() < 0) throw std::system_error(errno, std::generic_category(), path);
     return file;
 }

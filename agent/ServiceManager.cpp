@@ -9,9 +9,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <system_error>
+#include <vector>
 
 namespace Agent {
 
@@ -23,24 +25,32 @@ void serviceNotify(std::string_view assignment) {
     std::size_t const length = std::strlen(path);
     std::copy_n(path, length, address.sun_path);
     if (address.sun_path[0] == '@') address.sun_path[0] = '\0'; // the abstract namespace
-    FileDescriptor const socketFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (socketFd.get() < 0) return;
+    // Kept open: what has begun to reload must be able to say that it has ended.
+    static FileDescriptor socketFd;
+    if (socketFd.get() < 0)
+        socketFd = FileDescriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     static_cast<void>(sendto(socketFd.get(), assignment.data(), assignment.size(), MSG_NOSIGNAL,
                              reinterpret_cast<sockaddr const*>(&address),
                              socklen_t(offsetof(sockaddr_un, sun_path) + length)));
+}
+
+void descriptorLimitRaise() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 void capabilitiesLimit() {
     if (capng_get_caps_process() != 0)
         throw std::system_error(errno, std::generic_category(), "capabilities");
     capng_select_t const all = CAPNG_SELECT_CAPS;
-    bool kept[3];
-    constexpr unsigned wanted[3] = {CAP_NET_ADMIN, CAP_NET_RAW, CAP_SYS_ADMIN};
-    for (int i = 0; i < 3; ++i) kept[i] = capng_have_capability(CAPNG_PERMITTED, wanted[i]) != 0;
+    std::vector<unsigned> kept{CAP_NET_ADMIN, CAP_NET_RAW, CAP_SYS_ADMIN, CAP_DAC_READ_SEARCH};
+    std::erase_if(
+        kept, [](unsigned wanted) { return capng_have_capability(CAPNG_PERMITTED, wanted) == 0; });
     capng_clear(all);
-    for (int i = 0; i < 3; ++i)
-        if (kept[i])
-            capng_update(CAPNG_ADD, capng_type_t(CAPNG_EFFECTIVE | CAPNG_PERMITTED), wanted[i]);
+    for (unsigned const each : kept)
+        capng_update(CAPNG_ADD, capng_type_t(CAPNG_EFFECTIVE | CAPNG_PERMITTED), each);
     if (capng_apply(all) != 0)
         throw std::system_error(errno, std::generic_category(), "capabilities");
 }

@@ -9,8 +9,12 @@ namespace Agent {
 /// does not listen, nothing happens.
 void serviceNotify(std::string_view assignment);
 
-/// Gives up all capabilities but those that the agent needs: CAP_NET_ADMIN, CAP_NET_RAW, and
-/// CAP_SYS_ADMIN to enter network namespaces. Throws std::system_error.
+/// Lets the agent open as many descriptors as it may allow itself: each VRF takes several.
+void descriptorLimitRaise();
+
+/// Gives up all capabilities but those that the agent needs: CAP_NET_ADMIN, CAP_NET_RAW,
+/// CAP_SYS_ADMIN to enter network namespaces, and CAP_DAC_READ_SEARCH to read its configuration
+/// again, whoever owns the file. Throws std::system_error.
 void capabilitiesLimit();
 
 } // namespace Agent

@@ -5,7 +5,7 @@
 #include "IgmpHostProxy/AddressRangeIterator.h"
 
 #include <bit>
-#include <system_error>
+#include <exception>
 #include <vector>
 
 namespace Agent {
@@ -21,26 +21,30 @@ Vrf::Vrf(PlatformState& state, EventLoop& loop, std::string name,
     // The collection stays for good, empty without a namespace: one that goes would take the
     // interfaces of all VRFs down.
     state_.mfibDir->keshCollIs(name_);
-    if (namespaceName_) {
-        watch_ =
-            std::make_unique<NamespaceWatch>(loop_, *namespaceName_, [this] { handleNamespace(); });
-        handleNamespace();
-    } else {
-        doStart(-1);
-    }
+    if (!namespaceName_) doStart(-1);
 }
 
 Vrf::~Vrf() { doStop(); }
 
 void Vrf::handleNamespace() {
     doStop();
-    if (watch_->namespaceFd() < 0) return;
+    doRetry();
+}
+
+void Vrf::doRetry() {
+    if (interfaces_) return interfaces_->doRetry();
     try {
+        if (!watch_)
+            watch_ = std::make_unique<NamespaceWatch>(loop_, *namespaceName_,
+                                                      [this] { handleNamespace(); });
+        if (watch_->namespaceFd() < 0) return;
         doStart(watch_->namespaceFd());
         log(LogLevel::info, "VRF {}: namespace {} is there", name_.stringValue(), *namespaceName_);
-    } catch (std::system_error const& error) {
+    } catch (std::exception const& error) {
         doStop();
-        log(LogLevel::error, "VRF {}: {}", name_.stringValue(), error.what());
+        if (auto const heldBack = failureLimit_.admitted(EventLoop::now()))
+            log(LogLevel::error, "VRF {}: {} ({} more not shown)", name_.stringValue(),
+                error.what(), *heldBack);
     }
 }
 
@@ -70,10 +74,6 @@ void Vrf::doStop() {
     writer_ = nullptr;
     interfaces_ = nullptr;
     if (namespaceName_) state_.allVrfStatusLocal->vrfDel(name_);
-}
-
-bool Vrf::synchronized() const {
-    return !interfaces_ || (interfaces_->synchronized() && routes_->synchronized());
 }
 
 void Vrf::handleInterface(std::string const& name) {

@@ -22,8 +22,8 @@ class Vrf {
     using Observer = NamespaceInterfaces::Observer;
 
     /// `namespaceName` as namespaceOpen() takes it; nothing for the agent's own namespace. `state`
-    /// and `loop` outlive this. Throws std::system_error for the agent's own namespace only; the
-    /// trouble of another one is logged, and over when the namespace is made anew.
+    /// and `loop` outlive this. The agent's own namespace is followed at once; throws
+    /// std::system_error where the kernel refuses. Another one waits for doRetry().
     Vrf(PlatformState& state, EventLoop& loop, std::string name,
         std::optional<std::string> namespaceName, Owns owns, Observer observer);
     ~Vrf();
@@ -33,10 +33,14 @@ class Vrf {
     Vrf& operator=(Vrf const&) = delete;
 
     std::optional<std::string> const& namespaceName() const { return namespaceName_; }
-    /// Null while the namespace is not there.
+    /// Does what the kernel has refused so far; to be called every few seconds. What fails again is
+    /// logged.
+    void doRetry();
+    /// Null while the namespace is not there, or cannot be followed.
     NamespaceInterfaces* interfaces() const { return interfaces_.get(); }
-    /// Whether everything has been read that is there to be read.
-    bool synchronized() const;
+    /// Whether the interfaces have been read, if there is a namespace. Not the routes: the kernel
+    /// takes minutes to tell a million.
+    bool synchronized() const { return !interfaces_ || interfaces_->synchronized(); }
 
     /// Which routes to announce, and the names of this VRF's proxy interfaces.
     void routePolicyIs(ForwardingTableConfiguration const& policy, std::set<std::string> proxies);
@@ -58,6 +62,7 @@ class Vrf {
     ForwardingTableConfiguration policy_;
     std::set<std::string> proxies_;
     RouteFilter filter_; ///< in force
+    LogLimit failureLimit_;
     std::unique_ptr<NamespaceInterfaces> interfaces_;
     std::unique_ptr<RouteWriter> writer_;
     std::unique_ptr<KernelRoutes> routes_;

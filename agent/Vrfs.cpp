@@ -9,11 +9,20 @@ namespace Agent {
 namespace {
 
 std::string const defaultVrf = "default";
+constexpr double retrySeconds = 5;
+
+std::string placeIn(std::map<std::string, std::string> const& places, std::string const& name) {
+    auto const found = places.find(name);
+    return found == places.end() ? std::string() : found->second;
+}
 
 } // namespace
 
 Vrfs::Vrfs(PlatformState& state, EventLoop& loop, NamespaceInterfaces::Observer observer)
-    : state_(state), loop_(loop), observer_(std::move(observer)) {
+    : state_(state),
+      loop_(loop),
+      observer_(std::move(observer)),
+      retry_(loop, [this] { doRetry(); }) {
     doAdd(defaultVrf, std::nullopt);
 }
 
@@ -43,15 +52,17 @@ void Vrfs::configurationIs(Configuration const& configuration) {
         if (!vrfs_.contains(name)) doAdd(name, namespaceName);
     for (auto const& [name, vrf] : vrfs_)
         vrf->routePolicyIs(configuration.forwardingTable, proxies[name]);
+    doRetry();
+}
+
+void Vrfs::doRetry() {
+    retry_.delayIs(retrySeconds);
+    for (auto const& item : vrfs_) item.second->doRetry();
 }
 
 /// An interface goes down in the VRF that it leaves before it comes up in another one.
 void Vrfs::doMoveInterfaces(std::map<std::string, std::string> vrfOfInterface) {
     std::vector<std::string> moving;
-    auto const placeIn = [](auto const& places, std::string const& name) {
-        auto const found = places.find(name);
-        return found == places.end() ? defaultVrf : found->second;
-    };
     for (auto const* const places : {&vrfOfInterface_, &vrfOfInterface})
         for (auto const& [name, vrf] : *places)
             if (placeIn(vrfOfInterface_, name) != placeIn(vrfOfInterface, name))
@@ -60,7 +71,18 @@ void Vrfs::doMoveInterfaces(std::map<std::string, std::string> vrfOfInterface) {
         if (NamespaceInterfaces* const from = interfacesOf(name)) from->doWithdraw(name);
     vrfOfInterface_ = std::move(vrfOfInterface);
     for (std::string const& name : moving)
-        if (NamespaceInterfaces* const to = interfacesOf(name)) to->doPublish(name);
+        if (NamespaceInterfaces* const to = interfacesOf(name))
+            to->doPublish(name);
+        else if (!vrfOfInterface_.contains(name))
+            doForget(name);
+}
+
+/// What the configuration no longer names leaves no trace.
+void Vrfs::doForget(std::string const& interface) {
+    Lox::IntfId const intfId(interface);
+    state_.allIntfStatusDir->intfStatusDel(intfId);
+    state_.allIntfStatusLocalDir->intfStatusLocalDel(intfId);
+    state_.ipStatus->ipIntfStatusDel(intfId);
 }
 
 bool Vrfs::synchronized() const {
@@ -68,9 +90,8 @@ bool Vrfs::synchronized() const {
                        [](auto const& item) { return item.second->synchronized(); });
 }
 
-std::string const& Vrfs::vrfOf(std::string const& interface) const {
-    auto const found = vrfOfInterface_.find(interface);
-    return found == vrfOfInterface_.end() ? defaultVrf : found->second;
+std::string Vrfs::vrfOf(std::string const& interface) const {
+    return placeIn(vrfOfInterface_, interface);
 }
 
 NamespaceInterfaces* Vrfs::interfacesOf(std::string const& interface) const {

@@ -1,4 +1,6 @@
 // All VRFs of the configuration, and which of them each interface is in.
+//
+// One alarm: every few seconds it has all VRFs try again what the kernel has refused them.
 #pragma once
 
 #include "agent/Vrf.h"
@@ -30,15 +32,19 @@ class Vrfs {
     void doTouch(std::string const& interface, Lox::IpAddrWithFullMask groups);
 
   private:
-    std::string const& vrfOf(std::string const& interface) const;
+    /// Empty for an interface that the configuration does not name.
+    std::string vrfOf(std::string const& interface) const;
     NamespaceInterfaces* interfacesOf(std::string const& interface) const;
     void doMoveInterfaces(std::map<std::string, std::string> vrfOfInterface);
     void doAdd(std::string const& name, std::optional<std::string> namespaceName);
+    void doForget(std::string const& interface);
+    void doRetry();
 
     PlatformState& state_;
     EventLoop& loop_;
     NamespaceInterfaces::Observer observer_;
     std::map<std::string, std::string> vrfOfInterface_; ///< of those that the configuration names
+    Alarm retry_;
     std::map<std::string, std::unique_ptr<Vrf>> vrfs_;
 };
 

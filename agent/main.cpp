@@ -5,6 +5,7 @@
 #include "agent/ServiceManager.h"
 
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -34,10 +35,14 @@ int check(std::string const& file) {
 }
 
 int serve(Agent::Daemon::Options options) {
+    // Whoever reads the log may go away.
+    std::signal(SIGPIPE, SIG_IGN);
+    Agent::descriptorLimitRaise();
+    // First, so that a file that can be read now can be read again.
+    Agent::capabilitiesLimit();
     Agent::ConfigurationReading reading = Agent::configurationRead(options.configurationFile);
     Agent::logDiagnostics(reading.diagnostics);
     if (!reading.valid()) return 1;
-    Agent::capabilitiesLimit();
     Agent::Daemon daemon(std::move(options), std::move(reading.configuration));
     return daemon.run();
 }
@@ -52,7 +57,9 @@ int main(int argc, char** argv) {
         unsigned traceLevel = 0;
         auto* const config =
             app.add_option("--config", options.configurationFile, "Run with this configuration");
-        app.add_option("--status", options.statusFile, "Write the agent's view here upon SIGUSR1")
+        app.add_option(
+               "--status", options.statusFile,
+               "Write the agent's view here upon SIGUSR1, in a directory of the user who runs it")
             ->needs(config);
         app.add_option("--trace", traceLevel, "Log what the machines do, up to this level")
             ->check(CLI::Range(0, 8))

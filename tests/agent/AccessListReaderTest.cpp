@@ -1,3 +1,4 @@
+#include "agent/AccessListWriter.h"
 #include "agent/Configuration.h"
 
 #include <algorithm>
@@ -137,6 +138,29 @@ TEST(AccessListReaderTest, ManyGroupsOnOneInterfaceMustBeAskedFor) {
     EXPECT_FALSE(valid("239.1.0.0/16", attached + "large-ranges = false"));
     EXPECT_TRUE(valid("239.1.0.0/16", attached + "large-ranges = true"));
     EXPECT_TRUE(valid("239.1.0.0/16", "")) << "lists that are not attached ask for nothing";
+}
+
+TEST(AccessListWriterTest, RulesThatMoveKeepTheirIds) {
+    PlatformState state;
+    AccessListWriter writer(*state.aclConfig);
+    auto const rule = [](char const* group) {
+        return Acl::IpRuleConfig{Acl::Action::permit,
+                                 {{}, IpAddrWithFullMask(IpAddr(group), 0xFFFFFFFF)}};
+    };
+    auto const a = rule("239.1.1.1"), b = rule("239.1.1.2"), c = rule("239.1.1.3");
+    auto const ids = [&](AccessListConfiguration const& list) {
+        writer.listsIs({{"iptv", list}});
+        std::vector<std::uint64_t> ids;
+        for (auto const& [sequence, expected] : list) {
+            Nex::Ptr const written = state.aclConfig->acl("iptv")->currCfg();
+            ids.push_back(written->ruleBySequence(sequence).number());
+            EXPECT_EQ(written->ipRuleById(Acl::UniqueId(ids.back())), expected);
+        }
+        return ids;
+    };
+    using Ids = std::vector<std::uint64_t>;
+    EXPECT_EQ(ids({{10, a}, {20, b}, {30, a}, {40, a}}), (Ids{1, 2, 3, 4}));
+    EXPECT_EQ(ids({{5, a}, {10, b}, {20, c}, {40, a}, {50, a}, {60, a}}), (Ids{1, 2, 5, 4, 3, 6}));
 }
 
 } // namespace

@@ -14,6 +14,7 @@
 #include <sstream>
 #include <string>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
@@ -82,6 +83,15 @@ class AgentProcess {
             for (auto at = all.find(text); at != all.npos; at = all.find(text, at + 1)) ++found;
             return found >= times;
         });
+    }
+    /// Lets it open only so many descriptors from now on.
+    void descriptorsLeftIs(int count) const {
+        std::string const used = "/proc/" + std::to_string(pid_) + "/fd/";
+        rlimit limit{};
+        prlimit(pid_, RLIMIT_NOFILE, nullptr, &limit);
+        for (limit.rlim_cur = 0; count > 0; ++limit.rlim_cur)
+            if (!std::filesystem::is_symlink(used + std::to_string(limit.rlim_cur))) --count;
+        prlimit(pid_, RLIMIT_NOFILE, &limit, nullptr);
     }
     std::size_t openDescriptors() const {
         std::filesystem::directory_iterator const files("/proc/" + std::to_string(pid_) + "/fd");

@@ -2,6 +2,7 @@
 #include "agent/AgentFixture.h"
 
 #include <nlohmann/json.hpp>
+#include <sys/stat.h>
 #include <sys/un.h>
 
 namespace Testing {
@@ -182,6 +183,22 @@ TEST_F(AgentTest, BadFileChangesNothingAndIsLoggedWithItsPlaces) {
     EXPECT_TRUE(learned({threeLearned[0]})) << "a good file afterwards is taken over";
 }
 
+TEST_F(AgentTest, FileOfAnotherUserIsReadAgain) {
+    constexpr uid_t other = 65534;
+    folder.write("ihproxyd.toml", "");
+    for (std::string const& path : {folder.file("ihproxyd.toml"), folder.file("")})
+        ASSERT_EQ(chown(path.c_str(), other, gid_t(-1)), 0);
+    ASSERT_EQ(chmod(folder.file("ihproxyd.toml").c_str(), 0600), 0);
+    start("");
+    reload(groupsOn("up0", threeGroups));
+    EXPECT_TRUE(learned(threeLearned));
+}
+
+TEST_F(AgentTest, NamespaceThatOnlyItsProcessNamesIsRefusedWithAdvice) {
+    start("[vrf.red]\nnamespace = '/proc/" + std::to_string(getpid()) + "/ns/net'\n");
+    EXPECT_TRUE(agent->says("Permission denied; expected a name, as `ip netns attach"));
+}
+
 TEST_F(AgentTest, BadFileAtTheStartIsRefused) {
     folder.write("bad", "\n[interface.up0]\nigmp-version = 4\n");
     AgentProcess process(folder, net->nearName(), {"--config", folder.file("bad")});
@@ -224,6 +241,36 @@ TEST_F(AgentTest, ServiceManagerIsToldOfEachPhase) {
     agent->signal(SIGTERM);
     EXPECT_EQ(service.next(), "STOPPING=1");
     EXPECT_EQ(agent->exitStatus(), 0);
+}
+
+TEST_F(AgentTest, VrfWaitsForDescriptorsAndStartsWhenThereAreSome) {
+    ServiceSocket const service(folder.file("notify"));
+    start(groupsOn("up0", threeGroups));
+    EXPECT_EQ(service.next(), "READY=1");
+    ASSERT_EQ(wire->heardAfter(threeJoined), threeJoined);
+    wire->forget();
+    std::size_t const open = agent->openDescriptors();
+    auto const red = [&](std::string const& name) {
+        return "[vrf." + name + "]\nnamespace = '" + net->farName() + "'\n";
+    };
+    // Enough to read the file, to watch for the namespace, for all sockets but the last.
+    int refused = 0;
+    for (int const left : {1, 5, 8}) {
+        reload(groupsOn("up0", threeGroups));
+        EXPECT_EQ(agent->openDescriptors(), open);
+        agent->descriptorsLeftIs(left);
+        reload(groupsOn("up0", threeGroups) + red("red" + std::to_string(left)));
+        EXPECT_TRUE(agent->says("Too many open files", ++refused)) << agent->output();
+        for (int i = 0; i < 2; ++i) {
+            EXPECT_EQ(service.next().substr(0, 11), "RELOADING=1");
+            EXPECT_EQ(service.next(), "READY=1");
+        }
+    }
+    agent->descriptorsLeftIs(100);
+    EXPECT_TRUE(agent->says("VRF red8: namespace " + net->farName() + " is there"));
+    reload(groupsOn("up0", threeGroups));
+    EXPECT_EQ(agent->openDescriptors(), open);
+    EXPECT_EQ(wire->heardAfter({}), Lines{}) << "up0 is not disturbed";
 }
 
 TEST_F(AgentTest, StatusFileShowsWhatIsAnnounced) {

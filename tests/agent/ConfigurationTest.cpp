@@ -313,16 +313,20 @@ RC_GTEST_PROP(ConfigurationTest, DamagedTextIsReadOrReportedAndNeverCrashes, ())
 TEST(ConfigurationTest, FilesThatCannotBeReadAreReportedByName) {
     std::string directory = testing::TempDir() + "configurationXXXXXX";
     ASSERT_NE(mkdtemp(directory.data()), nullptr);
-    EXPECT_EQ(diagnosticLines(configurationRead(directory)),
-              Lines{directory + ": error: cannot be read: Is a directory"});
     std::string const file = directory + "/file";
     EXPECT_EQ(diagnosticLines(configurationRead(file)),
               Lines{file + ": error: cannot be read: No such file or directory"});
     std::ofstream(file) << example;
     EXPECT_EQ(configurationRead(file).configuration,
               configurationParse(example, file).configuration);
-    EXPECT_EQ(diagnosticLines(configurationRead("/dev/zero")),
-              Lines{"/dev/zero: error: cannot be read: File too large"});
+    ASSERT_EQ(truncate(file.c_str(), (64 << 20) + 1), 0);
+    EXPECT_EQ(diagnosticLines(configurationRead(file)),
+              Lines{file + ": error: cannot be read: File too large"});
+    unlink(file.c_str());
+    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0); // nobody writes, and nobody waits for it
+    for (std::string const& other : {file, directory, std::string("/dev/zero")})
+        EXPECT_EQ(diagnosticLines(configurationRead(other)),
+                  Lines{other + ": error: cannot be read: not a regular file"});
     unlink(file.c_str());
     rmdir(directory.c_str());
 }

@@ -170,6 +170,19 @@ TEST_F(EventLoopTest, SignalsBecomeCallsAndStopEndsTheTurn) {
     EXPECT_EQ(calls, "1T.");
 }
 
+TEST_F(EventLoopTest, SignalSentWithoutEndStarvesNoOther) {
+    loop.signalIs(SIGTERM, [&] { loop.stopIs(4); });
+    loop.signalIs(SIGHUP, [&] {
+        calls += 'H';
+        if (calls.size() < 100) raise(SIGHUP);
+        if (calls == "H.H.H") raise(SIGTERM);
+    });
+    loop.endOfTurnIs([&] { calls += '.'; });
+    raise(SIGHUP);
+    EXPECT_EQ(loop.run(), 4);
+    EXPECT_EQ(calls, "H.H.H..") << "a call in each turn, and none beside the end";
+}
+
 TEST_F(EventLoopTest, DescriptorThatCannotBeWaitedForIsRefused) {
     FileDescriptor const file(memfd_create("plain", 0));
     EXPECT_THROW(loop.descriptorIs(file.get(), EPOLLIN, [](std::uint32_t) {}), std::system_error);

@@ -1,10 +1,12 @@
 #include "agent/KernelInterfaces.h"
 
+#include "DeafSocket.h"
 #include "agent/NetworkNamespace.h"
 #include "netns/Netns.h"
 
 #include <fstream>
 #include <gtest/gtest.h>
+#include <linux/rtnetlink.h>
 #include <set>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -201,6 +203,53 @@ TEST_F(KernelInterfacesTest, AfterAnOverrunOnlyDifferencesAreTold) {
     EXPECT_GE(reported.count(followed->interfaceIndex("aux0")), 1u);
     EXPECT_LT(reported.count(followed->interfaceIndex("lo")), 200u);
     EXPECT_EQ(reported.count(index()), 0u);
+}
+
+TEST_F(KernelInterfacesTest, ReadingThatTheKernelGivesUpIsBegunOnAnotherSocket) {
+    EXPECT_FALSE(followed->stalled());
+    int const size = 1; // the kernel takes its minimum
+    ASSERT_EQ(setsockopt(followed->fd(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size), 0);
+    std::string lines;
+    for (int i = 0; i < 200; ++i)
+        lines += "link set lo mtu " + std::to_string(60000 + i % 2) + "\n";
+    ipBatch(lines);
+    deafen(followed->fd());
+    net->nearIp("addr add 10.98.0.1/24 dev up0");
+    testing::internal::CaptureStderr();
+    followed->receive(); // what is lost, and so asks for a reading
+    testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(followed->stalled());
+    EXPECT_EQ(address(), "10.99.0.2") << "what is known stays";
+    followed->doReopen();
+    EXPECT_FALSE(followed->stalled());
+    expectFresh();
+    net->nearIp("addr del 10.98.0.1/24 dev up0");
+    EXPECT_TRUE(follows([&] { return up0()->addresses.size() == 1; })) << "subscribed again";
+}
+
+TEST_F(KernelInterfacesTest, RefusedDumpIsToldByTheSocketAndLoggedOnce) {
+    struct Reader : Netlink::Observer {
+        void onMessage(nlmsghdr const&, bool) override {}
+        void onDumpsDone() override { done = true; }
+        void onReadAgain() override {}
+        bool done = false;
+    } reader;
+    Netlink netlink(NETLINK_ROUTE, reader, space.get());
+    testing::internal::CaptureStderr();
+    for (int i = 0; i < 3; ++i) {
+        netlink.dumpIs(0x1002, rtmsg{}); // a type that there is not
+        netlink.dumpIs(RTM_GETLINK, ifinfomsg{});
+        EXPECT_FALSE(netlink.stalled()) << "there is an answer to take";
+        netlink.receive();
+        EXPECT_TRUE(netlink.stalled());
+        EXPECT_TRUE(netlink.doReopen());
+        EXPECT_FALSE(netlink.dumping());
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "error: netlink: dump 4098 refused: Operation not supported (0 more not shown)\n");
+    netlink.dumpIs(RTM_GETLINK, ifinfomsg{});
+    netlink.receive();
+    EXPECT_TRUE(reader.done);
 }
 
 TEST_F(KernelInterfacesTest, ObserverThatThrowsMissesNothing) {

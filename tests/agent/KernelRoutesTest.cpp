@@ -1,8 +1,10 @@
 #include "agent/KernelRoutes.h"
 
+#include "DeafSocket.h"
 #include "LoopFixture.h"
 #include "MulticastRouter.h"
 #include "agent/NetworkNamespace.h"
+#include "agent/Vrfs.h"
 #include "netns/Netns.h"
 
 #include <csignal>
@@ -197,6 +199,92 @@ TEST_F(KernelRoutesTest, AfterAnOverrunOnlyDifferencesAreTold) {
     EXPECT_TRUE(serveUntil([&] { return followed->routeCount() == 951; }));
     // The few notifications that did fit were told as they came.
     EXPECT_LT(told, 150);
+}
+
+/// This process's netlink sockets, those that follow notifications or those that do not.
+std::vector<int> netlinkSockets(bool following) {
+    std::vector<int> sockets;
+    for (int fd = 3; fd < 256; ++fd) {
+        int domain = 0;
+        socklen_t size = sizeof domain;
+        if (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0 || domain != AF_NETLINK)
+            continue;
+        std::uint32_t groups[8] = {};
+        size = sizeof groups;
+        getsockopt(fd, SOL_NETLINK, NETLINK_LIST_MEMBERSHIPS, groups, &size);
+        if (std::any_of(groups, groups + 8, [](auto each) { return each != 0; }) == following)
+            sockets.push_back(fd);
+    }
+    return sockets;
+}
+
+TEST_F(KernelRoutesTest, ReadingThatTheKernelGivesUpIsBegunAgain) {
+    router->routeIs(source, group(1), 0, {1});
+    doFollow();
+    EXPECT_TRUE(becomes({nameOf(1)}));
+    std::vector<int> const sockets = netlinkSockets(false);
+    ASSERT_EQ(sockets.size(), 1u);
+    deafen(sockets[0]);
+    // Both ask for a reading.
+    router->interfaceDel(0);
+    EXPECT_TRUE(becomes({}));
+    router->interfaceIs(0, indexOf("up0"));
+    EXPECT_TRUE(becomes({nameOf(1)}));
+}
+
+TEST_F(KernelRoutesTest, ReadinessDoesNotWaitForALongTable) {
+    for (unsigned i = 0; i < 3000; ++i) router->routeIs(source, group(i), 0, {1});
+    NamespaceScope const inside(space.get());
+    PlatformState state;
+    Vrfs vrfs(state, loop, [](std::string const&) {});
+    Configuration configuration;
+    configuration.forwardingTable.incoming = ForwardingTableConfiguration::Incoming::any;
+    vrfs.configurationIs(configuration);
+    auto const written = [&] {
+        std::size_t count = 0;
+        for (auto const& table : state.mfibDir->keshColl(L3::VrfName("default"))->keshPtr())
+            count += table.value->routeCount();
+        return count;
+    };
+    EXPECT_TRUE(serveUntil([&] { return vrfs.synchronized(); }));
+    EXPECT_LT(written(), 3000u);
+    EXPECT_TRUE(serveUntil([&] { return written() == 3000; }));
+}
+
+TEST_F(KernelRoutesTest, InterfacesThatTheKernelGivesUpAreReadAgain) {
+    NamespaceScope const inside(space.get());
+    PlatformState state;
+    Vrfs vrfs(state, loop, [](std::string const&) {});
+    for (int const each : netlinkSockets(true)) deafen(each); // links have come, addresses not yet
+    vrfs.configurationIs({});
+    EXPECT_FALSE(serveUntil([&] { return vrfs.synchronized(); }, 1));
+    EXPECT_TRUE(serveUntil([&] { return vrfs.synchronized(); }));
+}
+
+TEST_F(KernelRoutesTest, OnlyConfiguredInterfacesAreWrittenDown) {
+    NamespaceScope const inside(space.get());
+    PlatformState state;
+    Vrfs vrfs(state, loop, [](std::string const&) {});
+    auto const written = [&](Configuration const& configuration) {
+        vrfs.configurationIs(configuration);
+        Names names;
+        for (auto const& item : state.allIntfStatusDir->intfStatus())
+            names.insert(item.key.stringValue() + (item.value->operUp() ? " up" : " down"));
+        EXPECT_EQ(state.ipStatus->ipIntfStatusCount(), names.size());
+        EXPECT_EQ(state.allIntfStatusLocalDir->intfStatusLocalCount(), names.size());
+        return names;
+    };
+    Configuration configuration;
+    configuration.interfaces["up0"];
+    vrfs.configurationIs(configuration);
+    ASSERT_TRUE(serveUntil([&] { return vrfs.synchronized(); }));
+    EXPECT_EQ(written(configuration), (Names{"up0 up"}));
+    configuration.interfaces["aux0"];
+    EXPECT_EQ(written(configuration), (Names{"aux0 up", "up0 up"})) << "it has been there before";
+    configuration.interfaces.erase("up0");
+    EXPECT_EQ(written(configuration), (Names{"aux0 up"}));
+    EXPECT_EQ(written({}), Names{});
+    EXPECT_EQ(written(configuration), (Names{"aux0 up"}));
 }
 
 TEST_F(KernelRoutesTest, ObserverThatThrowsMissesNothing) {

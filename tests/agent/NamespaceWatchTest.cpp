@@ -9,6 +9,7 @@
 #include <fstream>
 #include <net/if.h>
 #include <optional>
+#include <sys/stat.h>
 
 namespace Agent {
 namespace {
@@ -87,6 +88,10 @@ TEST_F(NamespaceWatchTest, FilesThatAreNoNetworkNamespaceAreNoneAndLogged) {
     watch.reset();
     doWatch("/proc/self/ns/uts");
     EXPECT_LT(watch->namespaceFd(), 0);
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0); // nobody writes, and nobody waits for it
+    doWatch(path);
+    EXPECT_LT(watch->namespaceFd(), 0);
+    std::filesystem::remove(path);
     std::string const log = testing::internal::GetCapturedStderr();
     EXPECT_NE(log.find(name + ": not a network namespace"), std::string::npos) << log;
     EXPECT_NE(log.find("uts: not a network namespace"), std::string::npos) << log;
