@@ -6,17 +6,31 @@
 
 namespace Agent {
 
-void AccessListWriter::listsIs(Lists const& lists) {
+namespace {
+
+/// Whether both select a group.
+bool overlap(Acl::IpRuleConfig const& a, Acl::IpRuleConfig const& b) {
+    if (groupCount(a) == 0 || groupCount(b) == 0) return false;
+    auto const &one = a.filter.destination, &other = b.filter.destination;
+    return ((one.address().host() ^ other.address().host()) & one.mask() & other.mask()) == 0;
+}
+
+} // namespace
+
+bool AccessListWriter::listsIs(Lists const& lists) {
+    bool lost = false;
     std::map<std::string, Rules> const before = written_;
     for (auto const& [name, rules] : before) {
         if (lists.contains(name)) continue;
         written_.erase(name);
         config_.aclDel(name);
+        lost = true;
     }
     for (auto const& [name, list] : lists) {
         auto const known = before.find(name);
-        doWrite(name, numbered(list, known == before.end() ? Rules() : known->second));
+        lost |= doWrite(name, numbered(list, known == before.end() ? Rules() : known->second));
     }
+    return lost;
 }
 
 AccessListWriter::Rules AccessListWriter::numbered(AccessListConfiguration const& list,
@@ -46,18 +60,26 @@ AccessListWriter::Rules AccessListWriter::numbered(AccessListConfiguration const
     return rules;
 }
 
-void AccessListWriter::doWrite(std::string const& name, Rules rules) {
+bool AccessListWriter::doWrite(std::string const& name, Rules rules) {
     Rules& written = written_[name];
     auto const acl = config_.aclIs(name);
     std::set<Acl::UniqueId> staying;
     for (auto const& [sequence, rule] : rules) staying.insert(rule.id);
-    Rules kept = written;
-    std::erase_if(kept, [&](auto const& item) { return !staying.contains(item.second.id); });
+    Rules kept = written, gone;
+    for (auto const& [sequence, rule] : written)
+        if (!staying.contains(rule.id)) gone.insert(kept.extract(sequence));
+    auto const overlapsKept = [&](auto const& lost) {
+        return std::any_of(kept.begin(), kept.end(), [&](auto const& item) {
+            return overlap(item.second.rule, lost.second.rule);
+        });
+    };
+    if (std::any_of(gone.begin(), gone.end(), overlapsKept)) onOverlap_(name);
     // First without what goes, then with what comes: a source that gives way to "any" must be gone
     // before, for any source is refused while specific ones are listed.
-    if (kept.size() != written.size()) doPutInForce(*acl, kept);
+    if (!gone.empty()) doPutInForce(*acl, kept);
     if (kept.size() != rules.size() || !acl->currCfg()) doPutInForce(*acl, rules);
     written = std::move(rules);
+    return !gone.empty();
 }
 
 void AccessListWriter::doPutInForce(Acl::AclConfig& acl, Rules const& rules) {
