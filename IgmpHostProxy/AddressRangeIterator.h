@@ -18,7 +18,7 @@ class AddressRangeIterator {
     constexpr AddressRangeIterator& operator++() {
         // With the fixed bits all ones, a carry runs through them to the next free bit.
         free_ = ((free_ | mask_) + 1) & ~mask_;
-        done_ = free_ == 0;
+        done_ |= free_ == 0;
         return *this;
     }
     constexpr bool done() const { return done_; }

@@ -32,8 +32,8 @@ class GroupSourceRefCounter {
             for (auto const& item : sources->walk()) visit(item.key);
     }
 
-    /// Creates the entry with `count`, or overwrites its count.
-    void is(SourceGroup sg, std::uint32_t count) { entry(sg) = count; }
+    /// Creates the entry with `count`, or overwrites its count; returns it.
+    std::uint32_t is(SourceGroup sg, std::uint32_t count) { return entry(sg) = count; }
     /// Adds to the entry, created with 0 where there is none, and returns the new count.
     std::uint32_t inc(SourceGroup sg, std::uint32_t n) { return entry(sg) += n; }
     /// Subtracts likewise, unsigned and without a floor: callers look at the count first.

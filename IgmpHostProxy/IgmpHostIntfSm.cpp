@@ -137,6 +137,7 @@ void IgmpHostIntfSm::doDeleteRecord(Lox::IpAddr group) {
 }
 
 void IgmpHostIntfSm::handleGroupSourceListStatus(Lox::IpAddr group) {
+    IHP_TRACE_ENTRY();
     if (GroupSource* const groupSource = intfStatus()->groupSourceList(group)) {
         groupSourceListStatusIs(groupSource);
     } else {
@@ -145,6 +146,7 @@ void IgmpHostIntfSm::handleGroupSourceListStatus(Lox::IpAddr group) {
 }
 
 void IgmpHostIntfSm::handleGroupSourceListStatus() {
+    IHP_TRACE_ENTRY();
     Nex::Ptr<IntfStatus> const status = intfStatus();
     if (status)
         for (auto const& item : status->groupSourceList()) groupSourceListStatusIs(item.value);
@@ -159,11 +161,13 @@ IgmpHostIntfSm::NexGroupSourceListStatus::NexGroupSourceListStatus(
     : NexGroupSource(std::move(groupSource), machine) {
     handleIncludeSourceList();
     handleExcludeSourceList();
+    startUpIsOver();
 }
 
 void IgmpHostIntfSm::NexGroupSourceListStatus::handleIncludeSourceList(Lox::IpAddr source) {
     IHP_TRACE_ENTRY();
     if (source == anySource) machine()->handleGroupList(group());
+    if (!notifier()) return; // the group went meanwhile
     Nex::Ptr<Igmp::IgmpV3GroupRecord> const groupRecord = record();
     if (!groupRecord) return;
     if (!listed(source)) return doDelSource(*groupRecord, source);
@@ -174,6 +178,9 @@ void IgmpHostIntfSm::NexGroupSourceListStatus::handleIncludeSourceList(Lox::IpAd
     raiseVersion(*groupRecord);
 }
 
+/// Unlike its counterpart this leaves the record's life alone: excluding any source means the join
+/// that a fresh record is, and the group's own callback has made that. And it says when it makes
+/// the source list, for here that is the exception.
 void IgmpHostIntfSm::NexGroupSourceListStatus::handleExcludeSourceList(Lox::IpAddr source) {
     IHP_TRACE_ENTRY();
     Nex::Ptr<Igmp::IgmpV3GroupRecord> const groupRecord = record();
@@ -191,7 +198,7 @@ void IgmpHostIntfSm::NexGroupSourceListStatus::handleExcludeSourceList(Lox::IpAd
 }
 
 bool IgmpHostIntfSm::NexGroupSourceListStatus::listed(Lox::IpAddr source) const {
-    return notifier()->includeSourceListHas(source) || notifier()->excludeSourceListHas(source);
+    return includeHas(source) || excludeHas(source);
 }
 
 Nex::Ptr<Igmp::IgmpV3GroupRecord> IgmpHostIntfSm::NexGroupSourceListStatus::record() const {

@@ -111,13 +111,14 @@ class IgmpHostIntfSm : public Nex::PtrInterface {
     };
 
     /// The sources of one announced group.
-    class NexGroupSourceListStatus : public NexGroupSource<IgmpHostIntfSm> {
+    class NexGroupSourceListStatus
+        : public NexGroupSource<NexGroupSourceListStatus, IgmpHostIntfSm> {
       public:
         NexGroupSourceListStatus(Nex::Ptr<GroupSource const> groupSource, IgmpHostIntfSm* machine);
         using NexGroupSource::handleExcludeSourceList;
         using NexGroupSource::handleIncludeSourceList;
-        void handleIncludeSourceList(Lox::IpAddr source) override;
-        void handleExcludeSourceList(Lox::IpAddr source) override;
+        void handleIncludeSourceList(Lox::IpAddr source);
+        void handleExcludeSourceList(Lox::IpAddr source);
 
       private:
         /// Whether the group lists the source at all. Both handlers add it then, whichever the

@@ -91,14 +91,15 @@ void IgmpHostProxyAclHelper::handleRule(Acl::UniqueId id) {
     Nex::Ptr<Acl::AclSubConfig const> const cfg = acl ? acl->currCfg() : nullptr;
     // A rule that is gone reads as all zeros, which is an invalid range.
     Acl::IpRuleConfig const rule = cfg ? cfg->ipRuleById(id) : Acl::IpRuleConfig();
-    if (!machine_->intfStatus()) return;
     if (isDenyAll(rule)) {
+        if (!machine_->intfStatus()) return;
         machine_->intfStatus()->denyMrouteIs(true);
         cachedRulesIs(id, rule);
         return;
     }
     if (Fault const fault = faultOf(rule); fault != Fault::none)
         return doTraceFault(id, rule, fault);
+    if (!machine_->intfStatus()) return;
     Lox::IpAddrWithFullMask const range = rule.filter.destination;
     for (AddressRangeIterator group(range.address().host(), range.mask()); !group.done(); ++group)
         doApply(id, rule, *group);
@@ -137,24 +138,23 @@ void IgmpHostProxyAclHelper::handleAllRules() {
 // Taking rules back
 
 void IgmpHostProxyAclHelper::purgeCachedRule(Acl::IpRuleConfig const& rule) {
-    IHP_TRACE_ENTRY();
-    Acl::IpRuleConfig const taken = rule; // the caller's may stand in the cache
     std::optional<Acl::UniqueId> cachedAs;
     for (auto const& item : cachedRules_.walk())
-        if (!cachedAs && item.value == taken) cachedAs = item.key;
-    doPurge(taken, cachedAs);
+        if (!cachedAs && item.value == rule) cachedAs = item.key;
+    purgeCachedRule(Acl::IpRuleConfig(rule), cachedAs); // the caller's may stand in the cache
 }
 
 void IgmpHostProxyAclHelper::purgeCachedRules() {
     IHP_TRACE_ENTRY();
     for (auto const& item : cachedRules_.walk()) {
         cachedRulesDel(item.key);
-        doPurge(item.value, std::nullopt);
+        purgeCachedRule(item.value, std::nullopt);
     }
 }
 
-void IgmpHostProxyAclHelper::doPurge(Acl::IpRuleConfig const& rule,
-                                     std::optional<Acl::UniqueId> cachedAs) {
+void IgmpHostProxyAclHelper::purgeCachedRule(Acl::IpRuleConfig const& rule,
+                                             std::optional<Acl::UniqueId> cachedAs) {
+    IHP_TRACE_ENTRY();
     if (!machine_->intfStatus()) return;
     if (isDenyAll(rule)) return machine_->intfStatus()->denyMrouteIs(false);
     if (rule.filter == Acl::IpFilter()) return;

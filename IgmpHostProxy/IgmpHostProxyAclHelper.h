@@ -74,7 +74,8 @@ class IgmpHostProxyAclHelper : public Nex::PtrInterface {
     void doTakeBack(Effect effect, Lox::IpAddr group);
     /// The groups of a range that have an entry here, a status or a count, in ascending order.
     std::vector<Lox::IpAddr> knownGroupsIn(Lox::IpAddrWithFullMask range) const;
-    void doPurge(Acl::IpRuleConfig const& rule, std::optional<Acl::UniqueId> cachedAs);
+    /// `cachedAs` is the id under which the rule still stands in the cache, if it does.
+    void purgeCachedRule(Acl::IpRuleConfig const& rule, std::optional<Acl::UniqueId> cachedAs);
 
     Nex::String aclName_;
     Nex::Map<Lox::IpAddr, Nex::Ptr<GroupSource>> groupSourceList_;

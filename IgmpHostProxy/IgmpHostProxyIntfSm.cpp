@@ -96,12 +96,14 @@ bool IgmpHostProxyIntfSm::groupKept(Lox::IpAddr group) const {
 void IgmpHostProxyIntfSm::doDropCount(SourceGroup sg) {
     if (groupSourceRefCounter(sg) > 0) {
         std::uint32_t const left = groupSourceRefCounterDec(sg, 1);
-        IHP_TRACE(7, "Ref count is for sg decremented, now is%", left);
+        IHP_TRACE(6, "Ref count is for sg decremented, now is%", left);
     }
     groupSourceRefCounterDel(sg);
 }
 
 void IgmpHostProxyIntfSm::handleGroupSourceListConfig(Lox::IpAddr group) {
+    IHP_TRACE_ENTRY();
+    if (!intfConfig()) return;
     if (GroupSource const* const configured = intfConfig()->groupSourceList(group)) {
         groupSourceListConfigIs(configured);
     } else {
@@ -110,6 +112,7 @@ void IgmpHostProxyIntfSm::handleGroupSourceListConfig(Lox::IpAddr group) {
 }
 
 void IgmpHostProxyIntfSm::handleGroupSourceListConfig() {
+    IHP_TRACE_ENTRY();
     Nex::Ptr<IntfConfig const> const config = intfConfig();
     if (config)
         for (auto const& item : config->groupSourceList()) groupSourceListConfigIs(item.value);
@@ -118,6 +121,8 @@ void IgmpHostProxyIntfSm::handleGroupSourceListConfig() {
 }
 
 void IgmpHostProxyIntfSm::handleDeletedGroupSourceListConfig(Lox::IpAddr group) {
+    IHP_TRACE_ENTRY();
+    if (!intfConfig()) return;
     if (GroupSource const* const deleted = intfConfig()->deletedGroupSourceList(group)) {
         deletedGroupSourceListConfigIs(deleted);
     } else {
@@ -126,6 +131,7 @@ void IgmpHostProxyIntfSm::handleDeletedGroupSourceListConfig(Lox::IpAddr group) 
 }
 
 void IgmpHostProxyIntfSm::handleDeletedGroupSourceListConfig() {
+    IHP_TRACE_ENTRY();
     Nex::Ptr<IntfConfig const> const config = intfConfig();
     if (config)
         for (auto const& item : config->deletedGroupSourceList())
@@ -140,6 +146,7 @@ IgmpHostProxyIntfSm::NexGroupSourceListConfig::NexGroupSourceListConfig(
     Nex::Ptr<GroupSource const> groupSource, IgmpHostProxyIntfSm* machine)
     : NexGroupSource(std::move(groupSource), machine) {
     handleInitialized();
+    startUpIsOver();
 }
 
 void IgmpHostProxyIntfSm::NexGroupSourceListConfig::handleInitialized() {
@@ -154,17 +161,18 @@ void IgmpHostProxyIntfSm::NexGroupSourceListConfig::handleInitialized() {
 
 void IgmpHostProxyIntfSm::NexGroupSourceListConfig::handleIncludeSourceList(Lox::IpAddr source) {
     IHP_TRACE_ENTRY();
-    if (!machine()->intfStatus() || !notifier()->includeSourceListHas(source)) return;
+    if (!machine()->intfStatus() || !includeHas(source)) return;
     // Removing the last source of a group that is still configured has deleted its status entry.
     machine()->intfStatus()->groupSourceListIs(group());
-    machine()->addIncludeSourceGroup(source, group());
+    // Whoever hears of the entry may take the source back.
+    if (includeHas(source)) machine()->addIncludeSourceGroup(source, group());
 }
 
 void IgmpHostProxyIntfSm::NexGroupSourceListConfig::handleExcludeSourceList(Lox::IpAddr source) {
     IHP_TRACE_ENTRY();
-    if (!machine()->intfStatus() || !notifier()->excludeSourceListHas(source)) return;
+    if (!machine()->intfStatus() || !excludeHas(source)) return;
     machine()->intfStatus()->groupSourceListIs(group());
-    machine()->addExcludeSourceGroup(source, group());
+    if (excludeHas(source)) machine()->addExcludeSourceGroup(source, group());
 }
 
 // Deleted groups
@@ -173,6 +181,7 @@ IgmpHostProxyIntfSm::NexDeletedGroupSourceListConfig::NexDeletedGroupSourceListC
     Nex::Ptr<GroupSource const> groupSource, IgmpHostProxyIntfSm* machine)
     : NexGroupSource(std::move(groupSource), machine) {
     handleInitialized();
+    startUpIsOver();
 }
 
 void IgmpHostProxyIntfSm::NexDeletedGroupSourceListConfig::handleInitialized() {
@@ -185,14 +194,14 @@ void IgmpHostProxyIntfSm::NexDeletedGroupSourceListConfig::handleInitialized() {
 void IgmpHostProxyIntfSm::NexDeletedGroupSourceListConfig::handleIncludeSourceList(
     Lox::IpAddr source) {
     IHP_TRACE_ENTRY();
-    if (!notifier()->includeSourceListHas(source)) return;
+    if (!includeHas(source)) return;
     machine()->removeIncludeSourceGroup(source, group());
 }
 
 void IgmpHostProxyIntfSm::NexDeletedGroupSourceListConfig::handleExcludeSourceList(
     Lox::IpAddr source) {
     IHP_TRACE_ENTRY();
-    if (!notifier()->excludeSourceListHas(source)) return;
+    if (!excludeHas(source)) return;
     machine()->removeExcludeSourceGroup(source, group());
 }
 

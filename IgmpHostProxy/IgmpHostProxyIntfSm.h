@@ -25,6 +25,8 @@
 #include "Nex/Machine.h"
 #include "Olm/ReviewTimer.h"
 
+#include <optional>
+
 namespace IgmpHostProxy {
 
 class IgmpHostProxySm;
@@ -85,8 +87,8 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     std::uint32_t groupSourceRefCounter(SourceGroup sg) const {
         return groupSourceRefCounter_.count(sg);
     }
-    void groupSourceRefCounterIs(SourceGroup sg, std::uint32_t count) {
-        groupSourceRefCounter_.is(sg, count);
+    std::uint32_t groupSourceRefCounterIs(SourceGroup sg, std::uint32_t count) {
+        return groupSourceRefCounter_.is(sg, count);
     }
     std::uint32_t groupSourceRefCounterInc(SourceGroup sg, std::uint32_t n) {
         return groupSourceRefCounter_.inc(sg, n);
@@ -140,6 +142,8 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     void doSyncKey(Kesh::Multicast::Fib::MfibKeshDirRouteKey const& changed);
     /// Strips the forwarding table's sources from the status, or has the tables reviewed again.
     void handleDenyMroute();
+    /// A route of a table came, changed or went.
+    void handleRoute(Kesh::Multicast::Fib::MfibKeshDirRouteKey const& changed);
     /// A table came or went.
     void handleKeshPtr(Kesh::Multicast::Fib::Status const* key);
     void handleKeshPtr();
@@ -241,34 +245,36 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
 
     /// One configured group. A source that is gone from the watched list is ignored: its removal is
     /// told through the list of deleted groups.
-    class NexGroupSourceListConfig : public NexGroupSource<IgmpHostProxyIntfSm> {
+    class NexGroupSourceListConfig
+        : public NexGroupSource<NexGroupSourceListConfig, IgmpHostProxyIntfSm> {
       public:
         NexGroupSourceListConfig(Nex::Ptr<GroupSource const> groupSource,
                                  IgmpHostProxyIntfSm* machine);
         void handleInitialized();
         using NexGroupSource::handleExcludeSourceList;
         using NexGroupSource::handleIncludeSourceList;
-        void handleIncludeSourceList(Lox::IpAddr source) override;
-        void handleExcludeSourceList(Lox::IpAddr source) override;
+        void handleIncludeSourceList(Lox::IpAddr source);
+        void handleExcludeSourceList(Lox::IpAddr source);
     };
 
     /// One group with sources that the operator removed.
-    class NexDeletedGroupSourceListConfig : public NexGroupSource<IgmpHostProxyIntfSm> {
+    class NexDeletedGroupSourceListConfig
+        : public NexGroupSource<NexDeletedGroupSourceListConfig, IgmpHostProxyIntfSm> {
       public:
         NexDeletedGroupSourceListConfig(Nex::Ptr<GroupSource const> groupSource,
                                         IgmpHostProxyIntfSm* machine);
         void handleInitialized();
         using NexGroupSource::handleExcludeSourceList;
         using NexGroupSource::handleIncludeSourceList;
-        void handleIncludeSourceList(Lox::IpAddr source) override;
-        void handleExcludeSourceList(Lox::IpAddr source) override;
+        void handleIncludeSourceList(Lox::IpAddr source);
+        void handleExcludeSourceList(Lox::IpAddr source);
     };
 
     /// Creates the review timer on a clock reactor, or replaces the numbers of the one that is
     /// bound to it. Interval and delays in seconds.
     void reviewTimerIs(Nex::Clock::NotifieeConst* reactor, float fillInterval, unsigned maxCredits,
                        float minDelay, float maxDelay);
-    void reviewTimerDel() { reviewTimer_ = nullptr; }
+    void reviewTimerDel();
     /// Null before `handleInitialized`.
     Olm::ReviewTimer* reviewTimer() const { return reviewTimer_.get(); }
 
@@ -283,6 +289,7 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     void mfibKeshDirDel() { mfibKeshDir_.del(); }
 
   private:
+    bool doPurgeIfDetached(IgmpHostProxyAclHelper& helper) const;
     void doReviewSoon();
     /// Has the next review walk every route from the start.
     void doWantSyncAllRoutes();
@@ -294,8 +301,6 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     /// The table to begin a slice with; null when there is none, or the bookmarked one is gone.
     Kesh::Multicast::Fib::Status const* syncStart() const;
     void doEndSlice(Kesh::Multicast::Fib::MfibKeshCollRouteIteratorConst const& at);
-    void doSync(Kesh::Multicast::Fib::Status const* table,
-                Routing::Multicast::Fib::IpGenRouteKey const& key);
     void doSyncPresent(Kesh::Multicast::Fib::Status const& table,
                        Routing::Multicast::Fib::IpGenRouteKey const& key);
     void doSyncAbsent(Routing::Multicast::Fib::IpGenRouteKey const& key);
@@ -337,11 +342,15 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     NEX_FIELD(bool, syncAllRoutes, true)  // a full sync is wanted or in progress
     NEX_FIELD(double, minDelay, 0.01)     // seconds
     NEX_FIELD(double, maxDelay, 0.05)     // seconds
+    bool syncRestarted_ = false;          // asked for while a slice of a full sync was under way
     Kesh::Multicast::Fib::Status const* keshBookmark_ = nullptr;
-    std::uint64_t keshBookmarkSerial_ = 0; ///< of the table meant, 0 for none known
+    std::uint64_t keshBookmarkSerial_ = 0; ///< of the table meant, 0 for whichever has the name
     /// The first route that a suspended full sync has not reached.
     NEX_FIELD(Routing::Multicast::Fib::IpGenRouteKey, rkBookmark, {})
     NEX_FIELD_SET(Kesh::Multicast::Fib::MfibKeshDirRouteKey, changedRoute)
+    /// Of `changedRoute`, the route that is being synced; and whether it changed again meanwhile.
+    std::optional<Kesh::Multicast::Fib::MfibKeshDirRouteKey> syncing_;
+    bool syncAgain_ = false;
     Nex::ReactorMap<Kesh::Multicast::Fib::Status const*, NexMfibKesh> mfibKesh_;
     GroupSourceRefCounter groupSourceRefCounter_;
     Nex::Map<Nex::String, Nex::Ptr<IgmpHostProxyAclHelper>> igmpHostProxyAclHelper_;

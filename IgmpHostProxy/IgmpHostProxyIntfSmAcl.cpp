@@ -30,7 +30,9 @@ void IgmpHostProxyIntfSm::handleAclConfig(Nex::String name) {
         IHP_TRACE(7, "Creating helper for acl: %", name);
         // Also for a helper that is there already: its rules are then counted once more. Those who
         // attach lists know this and attach each once.
-        igmpHostProxyAclHelperIs(name)->handleAllRules();
+        Nex::Ptr<IgmpHostProxyAclHelper> const helper = igmpHostProxyAclHelperIs(name);
+        helper->handleAllRules();
+        doPurgeIfDetached(*helper);
         return;
     }
     if (Nex::Ptr<IgmpHostProxyAclHelper> const helper = igmpHostProxyAclHelper(name)) {
@@ -43,7 +45,16 @@ void IgmpHostProxyIntfSm::handleAclConfig(Nex::String name) {
     }
 }
 
+/// A list that was detached while its rules were applied leaves nothing behind. Whether it was, for
+/// whoever applied some of them.
+bool IgmpHostProxyIntfSm::doPurgeIfDetached(IgmpHostProxyAclHelper& helper) const {
+    if (igmpHostProxyAclHelper(helper.aclName()) == &helper) return false;
+    helper.purgeCachedRules();
+    return true;
+}
+
 void IgmpHostProxyIntfSm::handleAcl(Nex::Name name) {
+    IHP_TRACE_ENTRY();
     handleAclConfig(name);
     if (!ipAclConfig()) return;
     if (Acl::AclConfig const* const config = ipAclConfig()->acl(name)) {
@@ -54,6 +65,7 @@ void IgmpHostProxyIntfSm::handleAcl(Nex::Name name) {
 }
 
 void IgmpHostProxyIntfSm::handleAcl() {
+    IHP_TRACE_ENTRY();
     if (ipAclConfig())
         for (Nex::Name const& name : Nex::sortedKeys(ipAclConfig()->acl())) handleAcl(name);
     acl_.delUnless(
@@ -112,6 +124,7 @@ void IgmpHostProxyIntfSm::NexAcl::handleRule() {
         machine()->igmpHostProxyAclHelper(notifier()->name());
     Nex::Ptr<Acl::AclSubConfig const> const cfg = notifier()->currCfg();
     if (!helper || !cfg) return;
+    IgmpHostProxyIntfSm const* const intfSm = machine();
     // Taken down before anything is applied: a rule that somebody has applied meanwhile, told of an
     // earlier one, is not stale for not having been listed here.
     Nex::Set<Acl::UniqueId> stale;
@@ -125,9 +138,17 @@ void IgmpHostProxyIntfSm::NexAcl::handleRule() {
             continue;
         }
         helper->handleRule(id);
-        // Also if it was rejected as invalid: it is then taken back like any other, which gives up
-        // whatever references its pairs have.
-        helper->cachedRulesIs(id, cfg->ipRuleById(id));
+        if (intfSm->doPurgeIfDetached(*helper) || !notifier()) return;
+        // Whoever heard of its groups may have put other rules in force: all are compared anew.
+        if (notifier()->currCfg() != cfg) return handleRule();
+        Acl::IpRuleConfig const now = cfg->ipRuleById(id);
+        if (now != Acl::IpRuleConfig()) {
+            // Also if it was rejected as invalid: it is then taken back like any other, which gives
+            // up whatever references its pairs have.
+            helper->cachedRulesIs(id, now);
+        } else {
+            stale.findOrInsert(id); // withdrawn while it was applied
+        }
     }
     // New rules first, vanished ones after: a group that passes from one rule to another stays.
     for (Acl::UniqueId const id : stale.walk()) {

@@ -49,7 +49,13 @@ void IgmpHostProxyIntfSm::doReviewSoon() {
     if (reviewTimer()) reviewTimer()->doUpdateNextReviewImmediately();
 }
 
+void IgmpHostProxyIntfSm::reviewTimerDel() {
+    if (reviewTimer()) clock_->timeMinIs(Nex::never);
+    reviewTimer_ = nullptr;
+}
+
 void IgmpHostProxyIntfSm::doWantSyncAllRoutes() {
+    syncRestarted_ = true;
     syncAllRoutesIs(true);
     doClearBookmarks();
     doKickReview();
@@ -60,8 +66,11 @@ void IgmpHostProxyIntfSm::doReview() {
     if (!initialized() || !mfibKeshDir()) return;
     IHP_TRACE(3, "Starting review");
     if (syncAllRoutes()) {
+        syncRestarted_ = false;
         doSyncAllRoutes();
-        if (syncInProgress()) {
+        // Somebody wants all routes once more, those of this slice included.
+        if (syncRestarted_) doClearBookmarks();
+        if (syncInProgress() || syncRestarted_) {
             IHP_TRACE(3, "All mfib routes are not yet reviewed");
             doReviewSoon();
             return;
@@ -103,7 +112,8 @@ Table const* IgmpHostProxyIntfSm::syncStart() const {
     }
     Nex::Ptr<Table const> const present = tableNamed(keshBookmark_);
     // Another table at the same address is not the one that was being walked.
-    bool const replaced = present && present->serial() != keshBookmarkSerial_;
+    bool const replaced =
+        present && keshBookmarkSerial_ != 0 && present->serial() != keshBookmarkSerial_;
     return mfibKeshDir()->keshPtrHas(keshBookmark_) && !replaced ? keshBookmark_ : nullptr;
 }
 
@@ -159,13 +169,26 @@ void IgmpHostProxyIntfSm::doSyncChangedRoutes() {
     IHP_TRACE_ENTRY();
     double const deadline = Nex::System::currentTime() + reviewQuantum();
     for (MfibKeshDirRouteKey const& changed : changedRoute()) {
+        syncing_ = changed;
+        syncAgain_ = false;
         doSyncKey(changed);
+        syncing_.reset();
         changedRouteDel(changed);
+        if (syncAgain_) changedRouteIs(changed);
         if (Nex::System::currentTime() >= deadline) return;
     }
 }
 
+/// Asks for the review at once: what traffic has brought about is to be announced while it lasts.
+void IgmpHostProxyIntfSm::handleRoute(MfibKeshDirRouteKey const& changed) {
+    if (syncing_ == changed) syncAgain_ = true;
+    changedRouteIs(changed);
+    doReviewSoon();
+}
+
 void IgmpHostProxyIntfSm::handleKeshPtr(Table const* key) {
+    IHP_TRACE_ENTRY();
+    if (!mfibKeshDir()) return mfibKeshDel(key);
     if (Nex::Ptr<Table const> const table = mfibKeshDir()->keshPtr(key)) {
         mfibKeshIs(key, table);
     } else {
@@ -174,6 +197,7 @@ void IgmpHostProxyIntfSm::handleKeshPtr(Table const* key) {
 }
 
 void IgmpHostProxyIntfSm::handleKeshPtr() {
+    IHP_TRACE_ENTRY();
     if (mfibKeshDir())
         for (auto const& item : mfibKeshDir()->keshPtr())
             if (item.value) mfibKeshIs(item.key, item.value);
@@ -204,31 +228,27 @@ void IgmpHostProxyIntfSm::NexMfibKesh::doNotifyChangedRoutes(IpGenRouteKey const
     if (key.group.address() == noGroup) return; // not even worth a review
     MfibKeshDirRouteKey const changed(*notifier(), key);
     IHP_TRACE(3, "Route changed in MfibKesh Table%", changed);
-    machine()->changedRouteIs(changed);
-    machine()->doReviewSoon();
+    machine()->handleRoute(changed);
 }
 
 // One route
 
-void IgmpHostProxyIntfSm::doSyncKey(Table const* table, IpGenRouteKey const& key) {
-    IHP_TRACE_ENTRY();
-    Nex::Ptr<Table const> const present = tableNamed(table);
-    doSync(present.get(), key);
-}
-
+/// The routes of a table that has gone went with it, also if another one has come to its address.
 void IgmpHostProxyIntfSm::doSyncKey(MfibKeshDirRouteKey const& changed) {
-    IHP_TRACE_ENTRY();
     Nex::Ptr<Table const> const present = tableNamed(changed.table);
-    doSync(present && present->serial() == changed.serial ? present.get() : nullptr, changed.route);
+    bool const meant = present && present->serial() == changed.serial;
+    doSyncKey(meant ? changed.table : nullptr, changed.route);
 }
 
-void IgmpHostProxyIntfSm::doSync(Table const* table, IpGenRouteKey const& key) {
+void IgmpHostProxyIntfSm::doSyncKey(Table const* name, IpGenRouteKey const& key) {
+    IHP_TRACE_ENTRY();
     if (!intfStatus() || !intfConfig()) return;
     if (intfStatus()->denyMroute()) {
         IHP_TRACE(6, "Rule to deny mfib configurations is enabled.");
         return;
     }
     if (key.group.address() == noGroup) return;
+    Nex::Ptr<Table const> const table = tableNamed(name);
     if (table && table->route(key) != Route()) {
         doSyncPresent(*table, key);
     } else {

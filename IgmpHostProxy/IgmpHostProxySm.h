@@ -173,6 +173,7 @@ class IgmpHostProxySm : public Nex::PtrInterface {
 
         void onNetworkNamespace() override { handleNetworkNamespace(); }
         void onNotifier() override { handleNetworkNamespace(); }
+        void nexRetire() override;
 
       private:
         Lox::NamespaceName mounted_; ///< whose interface table the view reads

@@ -120,7 +120,6 @@ void IgmpHostProxySm::handleVrf(L3::VrfName vrfName) {
     if (vrfStatus) {
         vrfIs(vrfStatus);
     } else {
-        if (Nex::Ptr<NexVrf> const gone = vrf(vrfName)) gone->handleDel();
         vrfDel(vrfName);
     }
 }
@@ -154,6 +153,8 @@ void IgmpHostProxySm::NexVrf::handleNetworkNamespace() {
         mounted_ = networkNamespace;
         machine()->kernelVrfIntfStatusIs(vrfName, kniStatus);
     }
+    // A VRF that moves to another namespace leaves no manager behind. A namespace belongs to one
+    // VRF: managers are told apart by their namespaces.
     if (managed_ != networkNamespace)
         machine()->intfStatusManagerRoot()->intfStatusManagerDel(managed_);
     managed_ = networkNamespace;
@@ -167,6 +168,13 @@ void IgmpHostProxySm::NexVrf::handleDel() {
     machine()->kernelVrfIntfStatusDel(vrfName);
     machine()->doUnmountKniStatus(mounted_);
     machine()->intfStatusManagerRoot()->intfStatusManagerDel(managed_);
+}
+
+/// The VRF's view lives as long as its reactor, whoever deletes that, and be it while it is made.
+/// The root's own end deletes no record.
+void IgmpHostProxySm::NexVrf::nexRetire() {
+    if (notifier() && !machine()->nexZombieReactors()) handleDel();
+    Reactor::nexRetire();
 }
 
 // One VRF's kernel view
@@ -212,8 +220,13 @@ void IgmpHostProxySm::NexVrfIntfStatusDir::NexKernelIntfStatusDir::handleDeviceN
 
 void IgmpHostProxySm::NexVrfIntfStatusDir::NexKernelIntfStatusDir::handleDeviceName() {
     IHP_TRACE_ENTRY();
-    if (!notifier()) return;
-    for (auto const& item : notifier()->intfStatusAndDeviceName()) handleDeviceName(item.key);
+    Nex::Ptr<Interface::DeviceIntfStatusDir const> const directory = notifier();
+    if (!directory) return;
+    for (auto const& item : directory->intfStatusAndDeviceName()) {
+        // What an interface brings about may end the VRF.
+        if (notifier() != directory.get() || !machine()->notifier()) return;
+        handleDeviceName(item.key);
+    }
 }
 
 } // namespace IgmpHostProxy

@@ -8,39 +8,66 @@
 
 namespace IgmpHostProxy {
 
-template <class Machine>
+/// `Self` is the reactor; it has the rules for one source, which may be in the list or gone from
+/// it: `handleIncludeSourceList(source)` and `handleExcludeSourceList(source)`.
+template <class Self, class Machine>
 class NexGroupSource : public Nex::Reactor<GroupSource::NotifieeConst, Machine> {
   public:
-    /// The rules for one source; it may be in the list, or gone from it.
-    virtual void handleIncludeSourceList(Lox::IpAddr source) = 0;
-    virtual void handleExcludeSourceList(Lox::IpAddr source) = 0;
+    Lox::IpAddr group() const { return group_; }
 
     void handleIncludeSourceList() {
         IHP_TRACE_ENTRY();
+        includeAwaitsStartUp_ = false;
         if (Nex::Ptr<GroupSource const> const watched = this->notifier())
-            for (Lox::IpAddr const source : watched->includeSourceList())
-                handleIncludeSourceList(source);
+            for (Lox::IpAddr const source : watched->includeSourceList()) {
+                if (this->notifier() != watched.get()) return;
+                self().handleIncludeSourceList(source);
+            }
     }
     void handleExcludeSourceList() {
         IHP_TRACE_ENTRY();
+        excludeAwaitsStartUp_ = false;
         if (Nex::Ptr<GroupSource const> const watched = this->notifier())
-            for (Lox::IpAddr const source : watched->excludeSourceList())
-                handleExcludeSourceList(source);
+            for (Lox::IpAddr const source : watched->excludeSourceList()) {
+                if (this->notifier() != watched.get()) return;
+                self().handleExcludeSourceList(source);
+            }
     }
 
-    void onIncludeSourceList(Lox::IpAddr source) final { handleIncludeSourceList(source); }
-    void onExcludeSourceList(Lox::IpAddr source) final { handleExcludeSourceList(source); }
+    void onIncludeSourceList(Lox::IpAddr source) final {
+        if (!includeAwaitsStartUp_) self().handleIncludeSourceList(source);
+    }
+    void onExcludeSourceList(Lox::IpAddr source) final {
+        if (!excludeAwaitsStartUp_) self().handleExcludeSourceList(source);
+    }
     void onIncludeSourceListnexImmediate() final { handleIncludeSourceList(); }
     void onExcludeSourceListnexImmediate() final { handleExcludeSourceList(); }
 
   protected:
-    /// Active from here on: what the reactor's own start-up brings about is heard, too.
+    /// Active from here on: what the reactor's own start-up brings about is heard, too. Only a
+    /// source of a list that start-up has yet to walk is left to that walk, or it would be taken
+    /// twice.
     NexGroupSource(Nex::Ptr<GroupSource const> groupSource, Machine* machine)
-        : Nex::Reactor<GroupSource::NotifieeConst, Machine>(std::move(groupSource), machine) {
+        : Nex::Reactor<GroupSource::NotifieeConst, Machine>(std::move(groupSource), machine),
+          group_(this->notifier()->group()) {
         this->hasNotificationActiveIs(true);
     }
+    /// Whether the watched list has the source. No, once the group is gone.
+    bool includeHas(Lox::IpAddr source) const {
+        return this->notifier() && this->notifier()->includeSourceListHas(source);
+    }
+    bool excludeHas(Lox::IpAddr source) const {
+        return this->notifier() && this->notifier()->excludeSourceListHas(source);
+    }
+    /// The derived class has started up, be it without a walk.
+    void startUpIsOver() { includeAwaitsStartUp_ = excludeAwaitsStartUp_ = false; }
 
-    Lox::IpAddr group() const { return this->notifier()->group(); }
+  private:
+    Self& self() { return static_cast<Self&>(*this); }
+
+    Lox::IpAddr group_;
+    bool includeAwaitsStartUp_ = true;
+    bool excludeAwaitsStartUp_ = true;
 };
 
 } // namespace IgmpHostProxy

@@ -1,6 +1,7 @@
 // The interface settings that pass from the configuration through the status to the host entity.
 #pragma once
 
+#include <charconv>
 #include <cstdint>
 #include <ostream>
 
@@ -27,7 +28,11 @@ class UnsolicitedReportInterval {
 };
 
 inline std::ostream& operator<<(std::ostream& out, UnsolicitedReportInterval interval) {
-    return out << interval.seconds();
+    // Plain decimals, as many as the value needs.
+    char text[400];
+    auto const end =
+        std::to_chars(text, text + sizeof text, interval.seconds(), std::chars_format::fixed);
+    return out.write(text, end.ptr - text);
 }
 
 } // namespace IgmpHostProxy

@@ -19,6 +19,8 @@ namespace {
 
 constexpr std::size_t mostFileBytes = 64 << 20;
 constexpr double longestReportInterval = 3600;
+/// Within 100 ms. A million groups in version 3 need fewer.
+constexpr std::int64_t mostPackets = 10000;
 constexpr char const* defaultVrf = "default";
 /// Each group costs memory and report space; a slip in a mask should not ask for millions.
 constexpr std::uint64_t mostGroupsUnasked = 65536;
@@ -103,13 +105,10 @@ class Reader {
     }
 
     void doReadInterface(TomlSection const& section, InterfaceConfiguration& interface) {
-        section.keysAre({"igmp-version", "unsolicited-report-interval", "group", "access-lists",
-                         "large-ranges", "vrf"});
-        interface.igmpVersion = int(section.integer("igmp-version", 1, 3).value_or(3));
-        // The older versions' default is 10 s (RFC 2236, 8.10); version 1 has no number of its own.
-        interface.unsolicitedReportInterval =
-            section.positiveNumber("unsolicited-report-interval", longestReportInterval)
-                .value_or(interface.igmpVersion == 3 ? 1.0 : 10.0);
+        section.keysAre({"igmp-version", "unsolicited-report-interval", "robustness",
+                         "packets-per-100-ms", "require-router-alert", "ssm-only", "group",
+                         "access-lists", "large-ranges", "vrf"});
+        doReadProtocol(section, interface);
         if (auto const groups = section.section("group")) doReadGroups(*groups, interface);
         interface.largeRanges = section.boolean("large-ranges").value_or(false);
         doReadAccessLists(section, interface);
@@ -118,6 +117,21 @@ class Reader {
         interface.vrf = vrf->value;
         if (configuration_.vrfs.count(vrf->value) == 0)
             reportFound(*vrf, "\"default\" or a VRF of this file", diagnostics_);
+    }
+
+    void doReadProtocol(TomlSection const& section, InterfaceConfiguration& interface) {
+        interface.igmpVersion = int(section.integer("igmp-version", 1, 3).value_or(3));
+        interface.unsolicitedReportInterval =
+            section.positiveNumber("unsolicited-report-interval", longestReportInterval)
+                .value_or(0);
+        interface.robustness = unsigned(section.integer("robustness", 2, 7).value_or(2));
+        interface.packetsPer100ms =
+            unsigned(section.integer("packets-per-100-ms", 1, mostPackets).value_or(100));
+        interface.requireRouterAlert = section.boolean("require-router-alert").value_or(false);
+        interface.ssmOnly = section.boolean("ssm-only").value_or(false);
+        if (interface.ssmOnly && interface.igmpVersion < 3)
+            diagnostics_.warningIs(section.positionOf("ssm-only"),
+                                   "ssm-only has no effect, expected igmp-version = 3 with it");
     }
 
     void doReadGroups(TomlSection const& groups, InterfaceConfiguration& interface) {

@@ -3,6 +3,10 @@
 //     [interface.up0]
 //     igmp-version = 3
 //     unsolicited-report-interval = 1.0
+//     robustness = 2
+//     packets-per-100-ms = 100
+//     require-router-alert = false
+//     ssm-only = false
 //     [interface.up0.group]
 //     "239.1.1.1" = {}                                        # from any source
 //     "239.1.1.2" = { include = ["10.0.0.1", "10.0.0.2"] }
@@ -57,8 +61,17 @@ struct GroupConfiguration {
 struct InterfaceConfiguration {
     /// 1, 2 or 3.
     int igmpVersion = 3;
-    /// Seconds between the repeats of a state change report (RFC 3376, 8.11; RFC 2236, 8.10).
-    double unsolicitedReportInterval = 1.0;
+    /// Seconds within which a state change report is repeated; 0 for the default of the version
+    /// spoken: 1 s in version 3 (RFC 3376, 8.11), 10 s before (RFC 2236, 8.10).
+    double unsolicitedReportInterval = 0;
+    /// How often a change is told, 2 to 7, until a querier says otherwise.
+    unsigned robustness = 2;
+    /// The most packets that leave within any 100 ms.
+    unsigned packetsPer100ms = 100;
+    /// Whether version 2 and 3 queries without that option are ignored.
+    bool requireRouterAlert = false;
+    /// Whether, in version 3, queriers of older versions are ignored.
+    bool ssmOnly = false;
     std::map<Lox::IpAddr, GroupConfiguration> groups;
     /// Names of attached lists, which need not exist.
     std::vector<std::string> accessLists;

@@ -70,13 +70,17 @@ void Daemon::NexSourceIntfSm::onSourceIntf(Lox::IntfId intfId) {
 IgmpHostPort::Location Daemon::locate(Igmp::IgmpHost const& host) const {
     if (!vrfs_) return {};
     std::string const name = host.intfId().stringValue();
-    return {vrfs_->device(name), vrfs_->namespaceFd(name)};
+    auto const& interfaces = writer_.configuration().interfaces;
+    auto const wanted = interfaces.find(name);
+    return {vrfs_->device(name), vrfs_->namespaceFd(name),
+            wanted == interfaces.end() ? nullptr : &wanted->second};
 }
 
 void Daemon::doConfigure(Configuration configuration) {
     // Interfaces that go leave their groups before their VRF is taken away.
     writer_.configurationIs(std::move(configuration));
     vrfs_->configurationIs(writer_.configuration());
+    hosts_->handleConfiguration();
     for (auto const& released : writer_.released()) doRelease(released);
 }
 
@@ -121,7 +125,9 @@ void Daemon::handleReload() {
 void Daemon::handleStatus() {
     if (options_.statusFile.empty())
         return log(LogLevel::warning, "no status is written: --status names no file");
-    fileReplace(options_.statusFile, toJson(*state_.status).dump(2) + "\n");
+    nlohmann::json json = toJson(*state_.status);
+    json["igmpHost"] = hosts_->statusJson();
+    fileReplace(options_.statusFile, json.dump(2) + "\n");
 }
 
 void Daemon::handleTerminate() {

@@ -74,7 +74,9 @@ void HostEngine::doApply(double now, Wish const& wish) {
     std::span sources(wishSources_.data() + wish.firstSource, refused ? 0 : wish.sourceCount);
     bool wasMember = group.hasState();
     unsigned reports = group.repeats();
+    std::size_t octets = group.stateOctets();
     bool changed = group.stateIs(refused ? FilterMode::include : wish.mode, sources, robustness());
+    stateOctets_ += group.stateOctets() - octets;
     bool joinedOrLeft = group.hasState() != wasMember;
     if (joinedOrLeft && wasMember) {
         entry.walk.unlink();
@@ -126,7 +128,7 @@ void HostEngine::doCancel() {
     late_.clear();
     doDrop(repeats_, &GroupEntry::change);
     doDrop(answers_, &GroupEntry::answer);
-    generalDue_ = walkDue_ = never;
+    generalDue_ = generalDeadline_ = walkDue_ = walkDeadline_ = never;
     olderQueryTime_ = -never;
 }
 
@@ -168,12 +170,12 @@ void HostEngine::timeIs(double now) {
     handleVersion(now);
     if (generalDue_ <= now) {
         // What an earlier answer has yet to name comes first, so that no number of queries keeps
-        // it from being named.
+        // it from being named. Nor do they put it off.
         walking_.addAll(settled_);
         walkLeft_ = members_;
         walkDue_ = now;
-        walkDeadline_ = generalDeadline_;
-        generalDue_ = never;
+        walkDeadline_ = std::min(walkDeadline_, generalDeadline_);
+        generalDue_ = generalDeadline_ = never;
     }
     doSend(now);
 }
@@ -193,10 +195,11 @@ void HostEngine::linkUp(double now) {
     doSend(now);
 }
 
-void HostEngine::leaveAll(double now) {
+void HostEngine::leaveAll(double now, bool repeated) {
     for (auto& [address, entry] : groups_) groupDel(address);
     budget_.limitIs(std::numeric_limits<unsigned>::max());
     flush(now);
+    while (repeated && repeats_.first()) doJob(repeats_.nextExpiry(), repeatedChanges);
     linkDown(now);
     budget_.limitIs(settings_.packetsPer100ms);
 }

@@ -108,8 +108,9 @@ class HostEngine {
     void linkDown(double now);
     /// Announces the whole state.
     void linkUp(double now);
-    /// Leaves every group at once, unpaced, for a shutdown; then the link counts as down.
-    void leaveAll(double now);
+    /// Leaves every group at once, unpaced; then the link counts as down. `repeated`: what would be
+    /// told again later follows at once.
+    void leaveAll(double now, bool repeated = false);
 
     HostCounters const& counters() const { return counters_; }
     /// What we speak now, 1 to 3: the older of the setting and the queriers heard.
@@ -157,7 +158,6 @@ class HostEngine {
     void doTransmit(Counter counter, std::span<std::uint8_t const> packet);
 
     // HostEngineReceive.cpp: queries and the reports of others.
-    bool isForUs(IgmpDatagram const& datagram, IgmpQuery const& query) const;
     void handleQuery(double now, IgmpDatagram const& datagram);
     void handleOlderQuerier(double now, IgmpQuery const& query);
     void handleOlderReport(double now, IgmpDatagram const& datagram);
@@ -165,6 +165,8 @@ class HostEngine {
     void doCountQuery(IgmpQuery const& query);
     double responseSeconds(IgmpQuery const& query) const;
     void doScheduleAnswer(double now, IgmpQuery const& query);
+    void doScheduleGeneralAnswer(double now, double boundSeconds);
+    double walkSeconds() const;
     void doScheduleOlderReports(double now, IgmpQuery const& query);
     void doScheduleOlderReport(double now, double boundSeconds, GroupEntry& entry);
     void dropped(DropReason reason) { ++counters_.dropped[std::size_t(reason)]; }
@@ -177,6 +179,7 @@ class HostEngine {
 
     std::unordered_map<Lox::IpAddr, GroupEntry> groups_; // with state, or something pending
     std::size_t members_ = 0;                            // those with state
+    std::size_t stateOctets_ = 0;                        // of their complete records
     std::vector<Wish> wishes_;
     std::vector<Lox::IpAddr> wishSources_;
 
@@ -189,12 +192,12 @@ class HostEngine {
     GroupQueue repeats_; // changes to tell again; in the older versions, every delayed report
     GroupQueue answers_; // to specific queries, version 3
     double generalDue_ = never; // start of the answer to a general query, version 3
-    double generalDeadline_ = 0;
+    double generalDeadline_ = never;
     GroupList settled_; // groups with state, but for
     GroupList walking_; // those that the answer in progress, or one that was cut off, did not name
     std::size_t walkLeft_ = 0; // about how many those are; only the pace depends on it
     double walkDue_ = never;   // the next packet of the answer
-    double walkDeadline_ = 0;
+    double walkDeadline_ = never;
     double olderQueryTime_ = -never; // the last older general query that set timers,
     double olderQueryDeadline_ = 0;  // and when its last answer is due
 

@@ -17,6 +17,14 @@ constexpr double queryIntervalSeconds = 125;
 /// would have us set all timers over and over.
 constexpr double copySeconds = 0.1;
 
+/// A query may go to an address of ours, to all systems, or to the group it asks about (RFC 9776,
+/// 4.1.12); a general one to no other group (9.1). All our addresses are not known here, but the
+/// frame came to this host.
+bool isForUs(IgmpDatagram const& datagram, IgmpQuery const& query) {
+    Lox::IpAddr to = datagram.destination;
+    return !to.isMulticast() || to == allSystems || to == query.group;
+}
+
 } // namespace
 
 void HostEngine::received(double now, std::span<std::uint8_t const> ipPacket) {
@@ -59,14 +67,6 @@ void HostEngine::handleQuery(double now, IgmpDatagram const& datagram) {
         doScheduleAnswer(now, *query);
     else
         doScheduleOlderReports(now, *query);
-}
-
-/// A query may go to our address, to all systems, or to the group it asks about (RFC 9776, 4.1.12);
-/// a general one to no other group (9.1).
-bool HostEngine::isForUs(IgmpDatagram const& datagram, IgmpQuery const& query) const {
-    Lox::IpAddr to = datagram.destination;
-    if (to.isMulticast()) return to == allSystems || to == query.group;
-    return settings_.address.isZero() || to == settings_.address;
 }
 
 void HostEngine::doCountQuery(IgmpQuery const& query) {
@@ -123,20 +123,34 @@ double HostEngine::responseSeconds(IgmpQuery const& query) const {
 /// The rules of RFC 9776, 5.2, in their order.
 void HostEngine::doScheduleAnswer(double now, IgmpQuery const& query) {
     double bound = responseSeconds(query);
+    if (query.version == 1 || query.group.isZero()) return doScheduleGeneralAnswer(now, bound);
     double due = now + randomDelay(bound);
     if (generalDue_ <= due) return;
-    if (query.version == 1 || query.group.isZero()) {
-        if (members_ == 0) return;
-        generalDue_ = due;
-        generalDeadline_ = now + bound;
-        return;
-    }
     auto found = groups_.find(query.group);
     if (found == groups_.end() || !found->second.group.hasState()) return;
     GroupEntry& entry = found->second;
     bool pending = entry.answer.queue != nullptr;
     entry.group.askedAdd(query.sources, pending);
     if (!pending || due < entry.answer.due) answers_.add(entry.answer, now, due);
+}
+
+/// The answer begins early enough to end within the response time. What an earlier query is still
+/// owed comes no later for this one.
+void HostEngine::doScheduleGeneralAnswer(double now, double boundSeconds) {
+    if (members_ == 0) return;
+    double latestStart = std::max(boundSeconds - walkSeconds(), 0.0);
+    generalDue_ = std::min(generalDue_, now + randomDelay(latestStart));
+    generalDeadline_ = std::min(generalDeadline_, now + boundSeconds);
+}
+
+/// About how long the answer to a general query takes at the pacing limit: as if all groups were of
+/// the mean size.
+double HostEngine::walkSeconds() const {
+    std::size_t room = settings_.mtu - ipHeaderOctets - messageOctets;
+    std::size_t groupsInPacket = room * members_ / stateOctets_;
+    double packets = groupsInPacket > 0 ? double(members_) / double(groupsInPacket)
+                                        : double(stateOctets_) / double(room);
+    return budget_.secondsFor(packets);
 }
 
 void HostEngine::doScheduleOlderReports(double now, IgmpQuery const& query) {

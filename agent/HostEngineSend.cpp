@@ -102,7 +102,10 @@ void HostEngine::doSendWalk(double now) {
         [&](GroupEntry& entry) { settled_.add(entry.walk); });
     walkLeft_ -= std::min(named, walkLeft_);
     walkDue_ = never;
-    if (walking_.isEmpty()) return;
+    if (walking_.isEmpty()) {
+        walkDeadline_ = never;
+        return;
+    }
     double left = std::max(walkDeadline_ - now, 0.0);
     walkDue_ = now + left * double(named) / double(named + walkLeft_);
 }

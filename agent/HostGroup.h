@@ -47,6 +47,10 @@ class HostGroup {
 
     /// Appends IS_IN or IS_EX with the complete list. Only with hasState().
     void stateRecordAdd(RecordList& records) const;
+    /// What that record takes in a report; 0 without state.
+    std::size_t stateOctets() const {
+        return hasState() ? GroupRecord::headerOctets + GroupRecord::sourceOctets * listed_ : 0;
+    }
 
     /// Notes what a query asks about; no sources: about the whole group. `pending`: an earlier
     /// query waits for its answer too. Beyond maxAsked sources the whole group counts as asked.

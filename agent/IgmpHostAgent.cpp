@@ -22,7 +22,7 @@ void IgmpHostAgent::handleHost(Nex::Name const& name) {
         port->statusIs(state_.hostStatusDir->igmpHostStatusIs(name));
         observer_(name, true);
     } else if (auto gone = ports_.extract(name)) {
-        gone.mapped()->doLeave(EventLoop::now());
+        gone.mapped()->doLeave(EventLoop::now(), true);
         state_.hostStatusDir->igmpHostStatusDel(name);
         observer_(name, false);
     }
@@ -30,7 +30,11 @@ void IgmpHostAgent::handleHost(Nex::Name const& name) {
 
 void IgmpHostAgent::handleDevice(std::string const& name) {
     auto const found = ports_.find(name);
-    if (found != ports_.end()) found->second->handleDevice();
+    if (found != ports_.end()) found->second->handleLocation();
+}
+
+void IgmpHostAgent::handleConfiguration() {
+    for (auto const& [name, port] : ports_) port->handleLocation();
 }
 
 void IgmpHostAgent::handleTurn(double now) {
@@ -49,7 +53,16 @@ void IgmpHostAgent::timeIs(double now) {
 }
 
 void IgmpHostAgent::doLeave(double now) {
-    for (auto const& [name, port] : ports_) port->doLeave(now);
+    // An interface that comes up in the turn at hand would still join.
+    hostDir_.del();
+    for (auto const& [name, port] : ports_) port->doLeave(now, false);
+    ports_.clear();
+}
+
+nlohmann::json IgmpHostAgent::statusJson() const {
+    auto json = nlohmann::json::object();
+    for (auto const& [name, port] : ports_) json[name] = port->statusJson();
+    return json;
 }
 
 } // namespace Agent

@@ -25,11 +25,15 @@ class IgmpHostAgent : public Nex::PtrInterface {
 
     /// A kernel interface changed.
     void handleDevice(std::string const& name);
+    /// The configuration changed, of any interface.
+    void handleConfiguration();
     void handleTurn(double now);
     double nextExpiry() const;
     void timeIs(double now);
-    /// Leaves all groups everywhere, for a shutdown.
+    /// Leaves all groups everywhere, for a shutdown: nothing is sent or opened afterwards.
     void doLeave(double now);
+    /// What each port has counted, by the interface's name.
+    nlohmann::json statusJson() const;
 
   private:
     class NexIgmpHostDir : public Nex::Reactor<Igmp::IgmpHostDir::Notifiee, IgmpHostAgent> {

@@ -1,9 +1,11 @@
 #include "agent/IgmpHostPort.h"
 
 #include "agent/Log.h"
+#include "agent/StatusJson.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <poll.h>
 #include <sys/epoll.h>
@@ -17,8 +19,8 @@ namespace {
 constexpr double retrySeconds = 0.005;
 /// How soon opening a socket is tried again, in seconds.
 constexpr double openRetrySeconds = 1;
-/// How long a shutdown waits for room in the socket's buffer, in milliseconds.
-constexpr int leaveMilliseconds = 1000;
+/// How long leaving waits for the interface to take the packets, in seconds.
+constexpr double leaveSeconds = 1;
 
 std::mt19937 seededRandom() {
     std::random_device device;
@@ -54,7 +56,7 @@ void IgmpHostPort::handleGroup(Lox::IpAddr group) {
     doMarkChanged(group);
 }
 
-void IgmpHostPort::handleDevice() { settingsChanged_ = true; }
+void IgmpHostPort::handleLocation() { settingsChanged_ = true; }
 
 void IgmpHostPort::handleTurn(double now) {
     if (settingsChanged_) doApplySettings(now);
@@ -76,22 +78,29 @@ void IgmpHostPort::timeIs(double now) {
     doPublishCounters();
 }
 
-void IgmpHostPort::doLeave(double now) {
+void IgmpHostPort::doLeave(double now, bool repeated) {
     // An interface that lost its address has none to speak from.
     Location const location = locate_(*host());
     bool const usable = socket_ && location.device.kernel && location.device.kernel->up &&
                         location.device.ifindex == openIfindex_ &&
                         !location.device.kernel->primaryAddress().isZero();
     if (!usable) return doClose(now);
-    engine_.leaveAll(now);
-    pollfd writable{socket_->fd(), POLLOUT, 0};
-    for (;;) {
-        int const error = socket_->flush();
-        if (error != EAGAIN && error != ENOBUFS) break;
-        if (poll(&writable, 1, leaveMilliseconds) <= 0) break;
-    }
+    leaveDeadline_ = now + leaveSeconds;
+    engine_.leaveAll(now, repeated);
+    doDrainSocket();
+    if (std::uint64_t const lost = socket_->queued() + socket_->dropped() - loggedDrops_)
+        log(LogLevel::warning, "{}: gave up on {} packets while leaving", host()->deviceName(),
+            lost);
     doPublishCounters();
     doClose(now);
+}
+
+nlohmann::json IgmpHostPort::statusJson() const {
+    nlohmann::json json = toJson(engine_.counters());
+    json["version"] = engine_.version();
+    json["sendDropped"] = socket_ ? socket_->dropped() : 0;
+    json["receivedTooLong"] = socket_ ? socket_->truncated() : 0;
+    return json;
 }
 
 // Settings and link
@@ -109,6 +118,12 @@ void IgmpHostPort::doApplySettings(double now) {
     settings.address = host()->ipAddr();
     settings.prefixLength = prefixLengthOf(*kernel, settings.address);
     settings.mtu = kernel->mtu;
+    if (InterfaceConfiguration const* const wanted = location.configuration) {
+        settings.robustness = wanted->robustness;
+        settings.requireRouterAlert = wanted->requireRouterAlert;
+        settings.ssmOnly = wanted->ssmOnly;
+        settings.packetsPer100ms = wanted->packetsPer100ms;
+    }
     engine_.settingsIs(now, settings);
     if (!socket_) doOpen(location, now);
 }
@@ -117,12 +132,15 @@ void IgmpHostPort::doOpen(Location const& location, double now) {
     try {
         socket_ = std::make_unique<PacketSocket>(location.device.ifindex, location.namespaceFd);
     } catch (std::system_error const& error) {
-        log(LogLevel::error, "{}: {}", host()->deviceName(), error.what());
+        if (auto const heldBack = openErrors_.admitted(now))
+            log(LogLevel::error, "{}: {} ({} more like this)", host()->deviceName(), error.what(),
+                *heldBack);
         retryTime_ = now + openRetrySeconds;
         return;
     }
     openIfindex_ = location.device.ifindex;
     awaited_ = 0;
+    loggedDrops_ = 0;
     doFlushSocket(now); // also has the loop watch it
     engine_.linkUp(now);
 }
@@ -166,7 +184,9 @@ void IgmpHostPort::handleSocket(std::uint32_t events) {
 }
 
 void IgmpHostPort::send(std::span<std::uint8_t const> ipPacket) {
-    if (socket_) socket_->packetIs(ipPacket);
+    if (!socket_) return;
+    if (socket_->queued() == PacketSocket::longestQueue) doDrainSocket();
+    socket_->packetIs(ipPacket);
 }
 
 void IgmpHostPort::warn(std::string const& text) {
@@ -175,15 +195,34 @@ void IgmpHostPort::warn(std::string const& text) {
 
 void IgmpHostPort::doFlushSocket(double now) {
     if (!socket_) return;
-    int const error = socket_->flush();
+    int const error = socket_->flush(now);
     retryTime_ = error == ENOBUFS ? now + retrySeconds : Nex::never;
     std::uint32_t const events = error == EAGAIN ? EPOLLIN | EPOLLOUT : EPOLLIN;
     if (events != std::exchange(awaited_, events))
         loop_.descriptorIs(socket_->fd(), events, [this](std::uint32_t e) { handleSocket(e); });
-    if (error == 0 || error == EAGAIN || error == ENOBUFS) return;
-    if (auto const heldBack = sendWarnings_.admitted(now))
-        log(LogLevel::warning, "{}: packets were not sent: {} ({} more like this)",
-            host()->deviceName(), std::strerror(error), *heldBack);
+    doLogDrops(now);
+}
+
+/// Sends what is queued; while leaving, also waits for the interface to take it.
+void IgmpHostPort::doDrainSocket() {
+    for (;;) {
+        double const now = EventLoop::now();
+        int const error = socket_->flush(now);
+        double const left = leaveDeadline_ - now;
+        if (error == 0 || left <= 0) return;
+        // While the interface's queue is full, the socket is writable.
+        pollfd writable{socket_->fd(), POLLOUT, 0};
+        double const wait = error == ENOBUFS ? retrySeconds : left;
+        poll(&writable, error == ENOBUFS ? 0 : 1, int(std::ceil(wait * 1000)));
+    }
+}
+
+void IgmpHostPort::doLogDrops(double now) {
+    std::uint64_t const fresh = socket_->dropped() - loggedDrops_;
+    if (fresh == 0 || !sendWarnings_.admitted(now)) return;
+    loggedDrops_ += fresh;
+    log(LogLevel::warning, "{}: {} packets were not sent, the last one because of: {}",
+        host()->deviceName(), fresh, std::strerror(socket_->dropError()));
 }
 
 void IgmpHostPort::doPublishCounters() {

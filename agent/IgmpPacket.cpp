@@ -26,7 +26,6 @@ constexpr std::size_t checksum = 2;
 constexpr std::size_t group = 4;
 constexpr std::size_t recordCount = 6;
 constexpr std::size_t robustness = 8;
-constexpr std::size_t queryInterval = 9;
 constexpr std::size_t querySourceCount = 10;
 constexpr std::size_t querySources = 12;
 } // namespace Message
@@ -148,7 +147,6 @@ std::optional<IgmpQuery> IgmpQuery::decode(std::span<std::uint8_t const> payload
         if (payload.size() < Message::querySources + GroupRecord::sourceOctets * count)
             return std::nullopt;
         query.robustness = payload[Message::robustness] & 0x07;
-        query.queryIntervalCode = payload[Message::queryInterval];
         query.sources.reserve(count);
         for (std::size_t i = 0; i < count; ++i)
             query.sources.push_back(Lox::IpAddr::fromOctets(

@@ -58,23 +58,22 @@ struct IgmpDatagram {
     Lox::IpAddr group() const;
 };
 
-/// A membership query of any version. The S flag is for routers alone and is not read.
+/// A membership query of any version. The S flag and the querier's interval are for routers alone
+/// and are not read.
 struct IgmpQuery {
-    unsigned version = 3;               ///< 1 to 3, told by length and code (RFC 9776, 7.1)
-    std::uint8_t maxRespCode = 0;       ///< octet 1 as it stands; see codedValue()
-    std::uint8_t robustness = 0;        ///< QRV; 0 in versions 1 and 2, and for "over 7"
-    std::uint8_t queryIntervalCode = 0; ///< QQIC; codedValue() is in seconds
-    Lox::IpAddr group;                  ///< zero: general
-    std::vector<Lox::IpAddr> sources;   ///< in the order of the packet
+    unsigned version = 3;             ///< 1 to 3, told by length and code (RFC 9776, 7.1)
+    std::uint8_t maxRespCode = 0;     ///< octet 1 as it stands; see codedValue()
+    std::uint8_t robustness = 0;      ///< QRV; 0 in versions 1 and 2, and for "over 7"
+    Lox::IpAddr group;                ///< zero: general
+    std::vector<Lox::IpAddr> sources; ///< in the order of the packet
 
     /// From the payload of a datagram of type query.
     static std::optional<IgmpQuery> decode(std::span<std::uint8_t const> payload,
                                            DropReason& reason);
 };
 
-/// The number behind a version 3 Max Resp Code or QQIC: itself below 128, else a four-bit mantissa
-/// and a three-bit exponent, up to 31744 (RFC 9776, 4.1.1 and 4.1.7). Tenths of seconds for the
-/// former, seconds for the latter.
+/// The number of tenths of seconds behind a version 3 Max Resp Code: itself below 128, else a
+/// four-bit mantissa and a three-bit exponent, up to 31744 (RFC 9776, 4.1.1).
 constexpr unsigned codedValue(std::uint8_t code) {
     return code < 128 ? code : ((code & 0x0Fu) | 0x10u) << ((code >> 4 & 0x07u) + 3);
 }

@@ -29,4 +29,8 @@ double PacketBudget::nextExpiry() const {
     return double(slot + slotCount) / slotsPerSecond;
 }
 
+double PacketBudget::secondsFor(double packets) const {
+    return packets / double(limit_) * double(slotCount) / slotsPerSecond;
+}
+
 } // namespace Agent

@@ -20,6 +20,8 @@ class PacketBudget {
     /// When the next packet may leave, as of the last has(): absolute seconds, in the past if at
     /// once.
     double nextExpiry() const;
+    /// How long so many packets take at the limit, in seconds.
+    double secondsFor(double packets) const;
 
   private:
     // Slots of 1/128 s, whose borders a double holds exactly: 13 whole ones cover 100 ms, and the

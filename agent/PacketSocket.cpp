@@ -21,8 +21,7 @@ namespace {
 constexpr std::size_t batch = 32;
 constexpr std::size_t largestPacket = 9216;
 constexpr unsigned mostBatchesInTurn = 8;
-/// More than ten times the reports that 65,536 groups need at an MTU of 1500.
-constexpr std::size_t longestQueue = 4096;
+constexpr double patienceSeconds = 1; // with an interface that takes no packet
 constexpr int sendBufferBytes = 4 << 20;
 
 // RFC 791, 3.1
@@ -139,27 +138,34 @@ void PacketSocket::receive(std::function<void(Bytes)> const& handler) {
 }
 
 void PacketSocket::packetIs(Bytes packet) {
-    if (queue_.size() < longestQueue && destination(packet).isMulticast())
-        queue_.emplace_back(packet.begin(), packet.end());
-    else
-        ++dropped_;
+    if (!destination(packet).isMulticast()) return doDrop(EDESTADDRREQ);
+    if (queue_.size() == longestQueue) return doDrop(ENOBUFS);
+    queue_.emplace_back(packet.begin(), packet.end());
 }
 
-int PacketSocket::flush() {
-    int lastError = 0;
+int PacketSocket::flush(double now) {
     while (!queue_.empty()) {
         int const result = doSend();
-        if (result == -EAGAIN || result == -ENOBUFS) return -result;
         if (result == -EINTR) continue;
-        if (result < 0) {
-            lastError = -result;
-            ++dropped_;
-        } else {
-            sent_ += unsigned(result);
+        if (result != -ENOBUFS) refusingSince_ = Nex::never;
+        if (result == -EAGAIN) return EAGAIN;
+        if (result == -ENOBUFS) {
+            refusingSince_ = std::min(refusingSince_, now);
+            if (now < refusingSince_ + patienceSeconds) return ENOBUFS;
         }
+        if (result < 0)
+            doDrop(-result);
+        else
+            sent_ += unsigned(result);
         queue_.erase(queue_.begin(), queue_.begin() + std::max(result, 1));
     }
-    return lastError;
+    refusingSince_ = Nex::never;
+    return 0;
+}
+
+void PacketSocket::doDrop(int error) {
+    ++dropped_;
+    dropError_ = error;
 }
 
 int PacketSocket::doSend() {

@@ -8,6 +8,8 @@
 
 #include "agent/FileDescriptor.h"
 
+#include "Nex/System.h"
+
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -20,6 +22,8 @@ namespace Agent {
 class PacketSocket {
   public:
     using Bytes = std::span<std::uint8_t const>;
+    /// Packets: more than ten times the reports that 65,536 groups need at an MTU of 1500.
+    static constexpr std::size_t longestQueue = 4096;
 
     /// Binds to an interface, in a namespace if `namespaceFd` is not negative, and has it let all
     /// multicast through. Throws std::system_error, without CAP_NET_RAW for example.
@@ -40,13 +44,17 @@ class PacketSocket {
     /// Sends what is queued, in order. Returns 0 when the queue is empty, otherwise why it is not:
     /// EAGAIN (wait until the socket is writable) or ENOBUFS (the interface's queue is full: try
     /// again some milliseconds later). With other errors, such as ENETDOWN, trying again is no use:
-    /// they drop the packet, and are returned once the queue is empty.
-    int flush();
+    /// they drop the packet. So does ENOBUFS once it is all that the interface has said for a
+    /// second: its queue may be too small for the packet, or a rule refuse it. `now` is in absolute
+    /// seconds.
+    int flush(double now);
     std::size_t queued() const { return queue_.size(); }
 
     /// Packets since the start.
     std::uint64_t sent() const { return sent_; }
     std::uint64_t dropped() const { return dropped_; }
+    /// Why the last of these was dropped, as an error number.
+    int dropError() const { return dropError_; }
     /// Received packets longer than 9216 octets, which were not handed on.
     std::uint64_t truncated() const { return truncated_; }
 
@@ -55,12 +63,16 @@ class PacketSocket {
 
     /// The number of packets that the kernel took, or a negative error number.
     int doSend();
+    void doDrop(int error);
 
     int ifindex_;
     FileDescriptor socket_;
     std::deque<std::vector<std::uint8_t>> queue_;
     std::uint64_t sent_ = 0;
     std::uint64_t dropped_ = 0;
+    int dropError_ = 0;
+    /// Since when the interface has taken nothing though packets wait.
+    double refusingSince_ = Nex::never;
     std::uint64_t truncated_ = 0;
 };
 

@@ -17,6 +17,18 @@ namespace {
 
 } // namespace
 
+nlohmann::json toJson(HostCounters const& counters) {
+    nlohmann::json json;
+#define AGENT_SHOW(name) json[#name] = counters.name;
+    AGENT_HOST_COUNTERS(AGENT_SHOW)
+#undef AGENT_SHOW
+#define AGENT_SHOW(name)                                                                           \
+    json["receivedDropped"][#name] = counters.dropped[std::size_t(DropReason::name)];
+    AGENT_DROP_REASONS(AGENT_SHOW)
+#undef AGENT_SHOW
+    return json;
+}
+
 void fileReplace(std::string const& path, std::string const& text) {
     std::string const fresh = path + ".new";
     {

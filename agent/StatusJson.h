@@ -1,6 +1,8 @@
-// A record of the state store with all its attributes as JSON, from the same list that declares
-// the record.
+// What the agent knows and counts, as JSON: a record of the state store with all its attributes,
+// from the same list that declares the record, and likewise the host engine's counters.
 #pragma once
+
+#include "agent/HostEngine.h"
 
 #include "Nex/Record.h"
 
@@ -62,6 +64,9 @@ nlohmann::json toJson(Record const& record) {
     record.nexVisit(visitor);
     return visitor.take();
 }
+
+/// Packets received and not used are in "receivedDropped", by the reason.
+nlohmann::json toJson(HostCounters const& counters);
 
 /// Writes a text to a file, which holds the old or the new text but never a part. Throws
 /// std::system_error.

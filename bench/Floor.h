@@ -5,7 +5,10 @@
 
 #include "Lumen/Ring.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <utility>
 #include <vector>
 
@@ -29,30 +32,25 @@ class FlatMap {
         }
         return entries_[slots_[slot] - 1].second;
     }
-    /// The last entry takes the place of the one that goes.
+    /// The last entry takes the place of the one that goes; its slot is not used again.
     void erase(std::uint32_t key) {
-        std::uint32_t slot = slotOf(key);
-        std::uint32_t const at = slots_[slot];
-        if (at == 0) return;
-        slots_[slotOf(entries_.back().first)] = at;
-        entries_[at - 1] = entries_.back();
+        std::uint32_t const slot = slotOf(key);
+        if (slots_[slot] == 0) return;
+        slots_[slotOf(entries_.back().first)] = slots_[slot];
+        entries_[slots_[slot] - 1] = entries_.back();
         entries_.pop_back();
-        slots_[slot] = 0;
-        for (std::uint32_t next = (slot + 1) & mask(); slots_[next] != 0;
-             next = (next + 1) & mask()) {
-            std::uint32_t const home = entries_[slots_[next] - 1].first & mask();
-            if (((next - home) & mask()) < ((next - slot) & mask())) continue;
-            slots_[slot] = std::exchange(slots_[next], 0);
-            slot = next;
-        }
+        slots_[slot] = gone;
     }
     std::size_t size() const { return entries_.size(); }
 
   private:
+    static constexpr std::uint32_t gone = ~std::uint32_t(0);
+
     std::uint32_t mask() const { return std::uint32_t(slots_.size() - 1); }
     std::uint32_t slotOf(std::uint32_t key) const {
         std::uint32_t slot = key & mask();
-        while (slots_[slot] != 0 && entries_[slots_[slot] - 1].first != key)
+        while (slots_[slot] != 0 &&
+               (slots_[slot] == gone || entries_[slots_[slot] - 1].first != key))
             slot = (slot + 1) & mask();
         return slot;
     }
@@ -66,10 +64,11 @@ class FlatMap {
     std::vector<std::pair<std::uint32_t, Value>> entries_;
 };
 
-/// One or two sources of a group; the benchmarks ask for no more.
-struct SourceList {
+/// The sources of a group, up to a number that the benchmark knows.
+template <std::size_t capacity>
+struct BoundedSourceList {
     std::uint32_t count = 0;
-    std::uint32_t sources[2] = {};
+    std::uint32_t sources[capacity] = {};
 
     bool has(std::uint32_t source) const {
         for (std::uint32_t at = 0; at < count; ++at)
@@ -78,29 +77,33 @@ struct SourceList {
     }
     bool add(std::uint32_t source) {
         if (has(source)) return false;
+        if (count == capacity) std::abort();
         sources[count++] = source;
         return true;
     }
     void del(std::uint32_t source) {
-        if (!has(source)) return;
-        if (sources[0] == source) sources[0] = sources[1];
-        --count;
+        auto* const end = std::remove(sources, sources + count, source);
+        count = std::uint32_t(end - sources);
     }
 };
-struct GroupLists {
-    SourceList include, exclude;
-};
+using SourceList = BoundedSourceList<2>;
 struct CountedPair {
     std::uint32_t source = 0;
     std::uint32_t count = 0;
 };
-struct HostRecord {
-    std::uint32_t mode = 0;
-    std::uint32_t version = 0;
-    SourceList sources;
-};
 
-struct FloorInterface {
+template <std::size_t sourcesPerGroup>
+struct BoundedFloorInterface {
+    using Sources = BoundedSourceList<sourcesPerGroup>;
+    struct GroupLists {
+        Sources include, exclude;
+    };
+    struct HostRecord {
+        std::uint32_t mode = 0;
+        std::uint32_t version = 0;
+        Sources sources;
+    };
+
     FlatMap<GroupLists> configured, deleted, list, status;
     FlatMap<CountedPair> counts;
     FlatMap<HostRecord> host;
@@ -132,5 +135,6 @@ struct FloorInterface {
         for (unsigned line = 0; line < lines; ++line) Lumen::ring.record(point, source, group);
     }
 };
+using FloorInterface = BoundedFloorInterface<2>;
 
 } // namespace Bench

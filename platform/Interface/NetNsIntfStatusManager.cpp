@@ -99,10 +99,16 @@ void NetNsIntfStatusManagerRoot::intfStatusManagerIs(
     Nex::Ptr<KernelNetInfo::Status const> kniStatus, Lox::NamespaceName networkNamespace) {
     if (!active_) return;
     intfStatusManagerDel(networkNamespace);
+    managers_.findOrInsert(networkNamespace);
     auto const manager = Nex::newObject<NetNsIntfStatusManager>(
         allIntfStatusDir_, allIntfStatusLocalDir_, std::move(deviceIntfStatusDir),
         std::move(kniStatus), networkNamespace);
-    *managers_.findOrInsert(networkNamespace).first = manager;
+    auto* const place = managers_.find(networkNamespace);
+    if (place && !*place) {
+        *place = manager;
+    } else {
+        manager->nexDoZombieReactors(true); // deleted, or made anew, while it filled its directory
+    }
 }
 
 void NetNsIntfStatusManagerRoot::intfStatusManagerDel(Lox::NamespaceName const& networkNamespace) {

@@ -11,7 +11,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <memory>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -161,10 +160,10 @@ class Ring {
 
     /// Within one callback all entries carry one time stamp, taken at the first of them.
     template <class... Values>
-    void record(Point const& point, Values const&... values) {
+    [[gnu::always_inline]] void record(Point const& point, Values const&... values) {
         Entry& entry = entries_[written_++ % capacity_];
         entry.point = &point;
-        entry.stamp = depth_ == 0 ? ticks() : callbackStamp();
+        entry.stamp = stamp_ != 0 ? stamp_ : freshStamp();
         Writer writer(entry.payload);
         (writer.put(values), ...);
     }
@@ -172,12 +171,12 @@ class Ring {
     /// Marks the time that a callback is on the stack; callbacks nest.
     class Callback {
       public:
-        explicit Callback(Ring& ring) : ring_(ring) {
-            if (ring_.depth_++ == 0) ring_.stamp_ = 0;
-        }
+        explicit Callback(Ring& ring) : ring_(ring) { ++ring_.depth_; }
         Callback(Callback const&) = delete;
         Callback& operator=(Callback const&) = delete;
-        ~Callback() { --ring_.depth_; }
+        ~Callback() {
+            if (--ring_.depth_ == 0) ring_.stamp_ = 0;
+        }
 
       private:
         Ring& ring_;
@@ -197,17 +196,18 @@ class Ring {
         return std::uint64_t(std::chrono::steady_clock::now().time_since_epoch().count());
 #endif
     }
-    std::uint64_t callbackStamp() {
-        if (stamp_ == 0) stamp_ = ticks();
-        return stamp_;
+    std::uint64_t freshStamp() {
+        std::uint64_t const now = ticks();
+        if (depth_ > 0) stamp_ = now;
+        return now;
     }
 
     std::uint64_t written_ = 0;
-    std::uint64_t stamp_ = 0;
+    std::uint64_t stamp_ = 0; ///< of the callback under way; 0 until it is taken, and outside
     unsigned depth_ = 0;
     std::uint64_t firstTicks_ = ticks();
     std::chrono::steady_clock::time_point first_ = std::chrono::steady_clock::now();
-    std::unique_ptr<Entry[]> entries_{new Entry[capacity_]};
+    std::array<Entry, capacity_> entries_;
 };
 
 /// The ring of this process.

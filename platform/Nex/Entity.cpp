@@ -33,26 +33,7 @@ void NotifieeList::Many::sweep() {
     holes = false;
 }
 
-NotifieeList::Pass::Pass(NotifieeList& list) : list_(list) {
-    Many* const all = list.many();
-    end_ = all ? all->notifiees.size() : 1;
-    if (all) ++all->passes;
-}
-
-NotifieeList::Pass::~Pass() {
-    Many* const all = list_.many();
-    // A list that became `Many` during this pass did not count it.
-    if (!all || all->passes == 0) return;
-    if (--all->passes == 0 && all->holes) all->sweep();
-}
-
-NotifieeBase* NotifieeList::Pass::next() {
-    Many* const all = list_.many();
-    if (!all) return at_++ < end_ && !list_.empty() ? list_.one() : nullptr;
-    while (at_ < end_)
-        if (NotifieeBase* const notifiee = all->notifiees[at_++]) return notifiee;
-    return nullptr;
-}
+bool NotifieeBase::outerSilenced() const { return silenced(); }
 
 String Entity::nexFullName() const {
     return parent_ ? parent_->nexFullName() + "/" + nexName() : nexName();

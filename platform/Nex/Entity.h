@@ -39,7 +39,7 @@ class NotifieeBase : public PtrInterface {
     /// Runs `callback` unless the reactor or its machine is silenced. The reactor and its machines
     /// stay alive until it returns.
     template <class F>
-    void nexDeliver(F&& callback) {
+    [[gnu::always_inline]] void nexDeliver(F&& callback) {
         // Asked first: a machine that is being destroyed must not be held and let go again.
         if (!active_ || silenced()) return;
         Ptr<NotifieeBase> const holdReactor(this);
@@ -60,10 +60,11 @@ class NotifieeBase : public PtrInterface {
 
   private:
     NotifieeBase* outer() const { return static_cast<NotifieeBase*>(machine_); }
-    bool silenced() const {
+    [[gnu::always_inline]] bool silenced() const {
         if (zombie_ || (machine_ && machine_->nexZombieReactors())) return true;
-        return machineIsReactor_ && outer()->silenced();
+        return machineIsReactor_ && outer()->outerSilenced();
     }
+    bool outerSilenced() const;
 
     bool active_ : 1 = false;
     bool zombie_ : 1 = false;
@@ -87,17 +88,32 @@ class NotifieeList {
     /// One walk over those who are registered as it begins. Passes nest.
     class Pass {
       public:
-        explicit Pass(NotifieeList& list);
+        [[gnu::always_inline]] explicit Pass(NotifieeList& list) : list_(list) {
+            if (Many* const all = list.many()) {
+                end_ = all->notifiees.size();
+                ++all->passes;
+            }
+        }
         Pass(Pass const&) = delete;
         Pass& operator=(Pass const&) = delete;
-        ~Pass();
+        [[gnu::always_inline]] ~Pass() {
+            // A list that became `Many` during this pass did not count it.
+            Many* const all = list_.many();
+            if (all && all->passes != 0 && --all->passes == 0 && all->holes) all->sweep();
+        }
         /// The next notifiee that is still there, or null at the end.
-        NotifieeBase* next();
+        [[gnu::always_inline]] NotifieeBase* next() {
+            Many* const all = list_.many();
+            if (!all) return at_++ < end_ ? list_.one() : nullptr;
+            while (at_ < end_)
+                if (NotifieeBase* const notifiee = all->notifiees[at_++]) return notifiee;
+            return nullptr;
+        }
 
       private:
         NotifieeList& list_;
         std::size_t at_ = 0;
-        std::size_t end_;
+        std::size_t end_ = 1;
     };
 
   private:

@@ -67,6 +67,16 @@ void watch(Owned<R>& owned, Ptr<Watched> watched, Machine* machine) {
     }
 }
 
+/// As `watch`, for a machine that is up: a reactor that is made only now looks at all there is, as
+/// one that is pointed elsewhere does.
+template <class R, class Watched, class Machine>
+void watchAnew(Owned<R>& owned, Ptr<Watched> watched, Machine* machine) {
+    bool const wasThere = bool(owned);
+    watch(owned, std::move(watched), machine);
+    Ptr<R> const reactor = owned.get();
+    if (!wasThere && reactor) reactor->nexDeliver([&] { reactor->onNotifier(); });
+}
+
 /// Takes back the place of an object that could not be made, unless another one has taken it.
 template <class Key, class Object>
 void forgetUnmade(Map<Key, Ptr<Object>>& objects, Key const& key) {
@@ -232,7 +242,9 @@ class MachineMap {
 #define NEX_WATCHED(TYPE, NAME, REACTOR)                                                           \
   public:                                                                                          \
     TYPE* NAME() const { return ::Nex::watchedBy(NAME##_); }                                       \
-    void NAME##Is(::Nex::Ptr<TYPE> watched) { ::Nex::watch(NAME##_, std::move(watched), this); }   \
+    void NAME##Is(::Nex::Ptr<TYPE> watched) {                                                      \
+        ::Nex::watchAnew(NAME##_, std::move(watched), this);                                       \
+    }                                                                                              \
                                                                                                    \
   private:                                                                                         \
     ::Nex::Owned<REACTOR> NAME##_;

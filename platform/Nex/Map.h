@@ -135,14 +135,13 @@ class Map {
     /// The value of `key`, made by default where there was none, and whether it was made. Valid
     /// until the map is changed or a walk over it ends.
     std::pair<Value*, bool> findOrInsert(Key const& key) {
-        if (Value* found = find(key)) return {found, false};
-        if (used_ == capacity_) makeRoom();
-        Position const at = used_;
-        ::new (&entries_[at]) Entry{key, true, Value()};
-        ++used_;
-        ++count_;
-        if (index_ && !addToIndex(at)) scatter();
-        return {&entries_[at].value, true};
+        Probe const probe = probeFor(key);
+        if (probe.at != none) return {&entries_[probe.at].value, false};
+        if (used_ == capacity_) [[unlikely]] {
+            makeRoom();
+            return {&add(key, probeFor(key)), true};
+        }
+        return {&add(key, probe), true};
     }
 
     /// Removes `key` and returns its value, or a default value where there was none.
@@ -222,20 +221,43 @@ class Map {
         return (slot - homeOf(entries_[index_[slot] - 1].key)) & mask_;
     }
 
-    Position positionOf(Key const& key) const {
+    /// Where the entry of a key is; if it is not, where its index entry belongs, and how far that
+    /// is from home.
+    struct Probe {
+        Position at;
+        std::uint32_t slot;
+        std::uint32_t away;
+    };
+    Probe probeFor(Key const& key) const {
         if (!index_) {
             for (Position at = 0; at < used_; ++at)
-                if (entries_[at].live && entries_[at].key == key) return at;
-            return none;
+                if (entries_[at].live && entries_[at].key == key) return {at, 0, 0};
+            return {none, 0, 0};
         }
         std::uint32_t slot = homeOf(key);
         for (std::uint32_t away = 0;; ++away, slot = (slot + 1) & mask_) {
-            if (index_[slot] == 0) return none;
+            if (index_[slot] == 0) return {none, slot, away};
             Position const at = index_[slot] - 1;
-            if (entries_[at].key == key) return at;
+            if (entries_[at].key == key) return {at, slot, away};
             // Entries lie in the order of their home slots; ours would stand here.
-            if (distance(slot) < away) return none;
+            if (distance(slot) < away) return {none, slot, away};
         }
+    }
+    Position positionOf(Key const& key) const {
+        if (index_) {
+            // Most keys stand at home.
+            Position const at = index_[homeOf(key)] - 1;
+            if (at == none) return none;
+            if (entries_[at].key == key) return at;
+        }
+        return probeFor(key).at;
+    }
+    Value& add(Key const& key, Probe const& probe) {
+        Position const at = used_++;
+        ::new (&entries_[at]) Entry{key, true, Value()};
+        ++count_;
+        if (index_ && !addToIndex(at, probe.slot, probe.away)) scatter();
+        return entries_[at].value;
     }
     std::uint32_t slotOf(Position at) const {
         std::uint32_t slot = homeOf(entries_[at].key);
@@ -243,11 +265,10 @@ class Map {
         return slot;
     }
 
-    /// Robin Hood insertion: whoever is farther from home gets the slot. False when the map should
-    /// be scattered, for keys pile up.
-    bool addToIndex(Position at) {
-        std::uint32_t slot = homeOf(entries_[at].key);
-        for (std::uint32_t away = 0; index_[slot] != 0; ++away, slot = (slot + 1) & mask_) {
+    /// Robin Hood insertion, from `slot` on, which is `away` from home: whoever is farther from
+    /// home gets the slot. False when the map should be scattered, for keys pile up.
+    bool addToIndex(Position at, std::uint32_t slot, std::uint32_t away) {
+        for (; index_[slot] != 0; ++away, slot = (slot + 1) & mask_) {
             if (std::uint32_t const theirs = distance(slot); theirs < away) {
                 at = std::exchange(index_[slot], at + 1) - 1;
                 away = theirs;
@@ -274,7 +295,7 @@ class Map {
         if (!index_) throw std::bad_alloc();
         mask_ = std::uint32_t(slots - 1);
         for (Position at = 0; at < used_; ++at)
-            if (entries_[at].live && !addToIndex(at)) return scatter();
+            if (entries_[at].live && !addToIndex(at, homeOf(entries_[at].key), 0)) return scatter();
     }
     void scatter() {
         scattered_ = true;
@@ -350,7 +371,7 @@ class SmallMap {
   public:
     SmallMap() = default;
     SmallMap(SmallMap&& other) noexcept : count_(std::exchange(other.count_, 0)) {
-        std::copy_n(other.room_, roomBytes, room_);
+        std::memcpy(room_, other.room_, roomBytes);
     }
     SmallMap& operator=(SmallMap&&) = delete;
     ~SmallMap() {
@@ -398,11 +419,12 @@ class SmallMap {
                 large_.emplace(*map.large());
             } else {
                 count_ = map.count_;
-                std::copy_n(map.small(), count_, small_);
+                std::memcpy(small_, map.room_, sizeof small_); // all of it: a known length is fast
             }
         }
         std::optional<Yielded<Key, Value>> next() {
-            if (large_) return large_->next();
+            if (large_) [[unlikely]]
+                return large_->next();
             while (at_ < count_) {
                 Key const key = small_[at_++].key;
                 if (Value const* const value = map_->find(key))
@@ -416,7 +438,9 @@ class SmallMap {
         SmallMap const* map_;
         std::uint32_t at_ = 0;
         std::uint32_t count_ = 0;
-        Entry small_[N];
+        union {
+            Entry small_[N]; ///< the first `count_` of them
+        };
         std::optional<typename Large::template Cursor<Value>> large_;
     };
     Walk<Cursor> walk() const { return Walk<Cursor>(*this); }

@@ -5,6 +5,8 @@
 // `Ptr` counts up, dropping it counts down, and the last one to go destroys the object.
 #pragma once
 
+#include "Nex/Slab.h"
+
 #include <atomic>
 #include <compare>
 #include <cstddef>
@@ -34,14 +36,14 @@ class PtrInterface {
     PtrInterface(PtrInterface const&) = delete;
     PtrInterface& operator=(PtrInterface const&) = delete;
 
-    void nexRefInc() const {
+    [[gnu::always_inline]] void nexRefInc() const {
         if (threadSafe_) [[unlikely]] {
             std::atomic_ref(references_).fetch_add(1, std::memory_order_relaxed);
         } else {
             ++references_;
         }
     }
-    void nexRefDec() const {
+    [[gnu::always_inline]] void nexRefDec() const {
         if (threadSafe_) [[unlikely]] {
             nexRefDecShared();
         } else if (--references_ == 0) {
@@ -52,7 +54,7 @@ class PtrInterface {
 
     /// Process-wide: count atomically, so that pointers may be copied and dropped on several
     /// threads. Set it before the first object is made. Notifications stay single-threaded.
-    static void threadSafeIs(bool on) { threadSafe_ = on; }
+    static void threadSafeIs(bool on);
     static bool threadSafe() { return threadSafe_; }
     /// Null for none. Not owned.
     static void destructionObserverIs(DestructionObserver* observer) {
@@ -66,8 +68,16 @@ class PtrInterface {
 
     /// Objects of one size come from slabs: a million small records cost no allocator headers, and
     /// those made together lie together. A slab keeps its memory for later objects of its size.
-    static void* operator new(std::size_t bytes);
-    static void operator delete(void* object, std::size_t bytes) noexcept;
+    [[gnu::always_inline]] static void* operator new(std::size_t bytes) {
+        if (bytes > Slab::largest || unusualAllocation_) [[unlikely]]
+            return allocateUnusually(bytes);
+        return Slab::of(bytes).take(bytes);
+    }
+    static void operator delete(void* object, std::size_t bytes) noexcept {
+        if (bytes > Slab::largest || unusualAllocation_) [[unlikely]]
+            return freeUnusually(object, bytes);
+        Slab::of(bytes).giveBack(object);
+    }
 
   protected:
     PtrInterface() = default;
@@ -79,8 +89,11 @@ class PtrInterface {
   private:
     void nexRefDecShared() const;
     void nexZeroReferences() const;
+    static void* allocateUnusually(std::size_t bytes);
+    static void freeUnusually(void* object, std::size_t bytes) noexcept;
 
     static inline bool threadSafe_ = false;
+    static bool unusualAllocation_; ///< threads share the slabs, or there are none
     static inline DestructionObserver* destructionObserver_ = nullptr;
 
     alignas(4) mutable std::uint32_t references_ = 1;
@@ -92,8 +105,8 @@ class Ptr {
   public:
     constexpr Ptr() = default;
     constexpr Ptr(std::nullptr_t) {}
-    Ptr(T* object) : object_(object) { inc(); }
-    Ptr(Ptr const& other) : object_(other.object_) { inc(); }
+    [[gnu::always_inline]] Ptr(T* object) : object_(object) { inc(); }
+    [[gnu::always_inline]] Ptr(Ptr const& other) : object_(other.object_) { inc(); }
     Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
     template <class U>
     requires std::is_convertible_v<U*, T*> Ptr(Ptr<U> const& other) : object_(other.get()) {
@@ -102,7 +115,7 @@ class Ptr {
     template <class U>
     requires std::is_convertible_v<U*, T*> Ptr(Ptr<U>&& other)
     noexcept : object_(other.release()) {}
-    ~Ptr() {
+    [[gnu::always_inline]] ~Ptr() {
         if (object_) object_->nexRefDec();
     }
     Ptr& operator=(Ptr other) noexcept {
@@ -131,7 +144,7 @@ class Ptr {
     }
 
   private:
-    void inc() const {
+    [[gnu::always_inline]] void inc() const {
         if (object_) object_->nexRefInc();
     }
 

@@ -115,6 +115,38 @@ TEST_F(AgentTest, AgentEndsWellWithoutItsInterface) {
     EXPECT_EQ(agent->exitStatus(), 0) << agent->output();
 }
 
+TEST_F(AgentTest, NothingIsSentAfterTheEndThoughTheLinkComesUp) {
+    net->nearIp("link set up0 down");
+    start(oneGroup);
+    wire->forget();
+    agent->signal(SIGSTOP); // so that all it is told from here on is one turn of its loop
+    net->nearIp("link set up0 up");
+    EXPECT_TRUE(waitUntil(
+        [&] { return net->nearIp("link show up0").find("state UP") != std::string::npos; }));
+    agent->signal(SIGTERM);
+    agent->signal(SIGCONT);
+    EXPECT_EQ(agent->exitStatus(), 0);
+    EXPECT_EQ(wire->heardAfter({}), Lines{});
+}
+
+TEST_F(AgentTest, InterfaceThatRefusesPacketsHoldsUpNeitherReloadNorEnd) {
+    start(oneGroup);
+    ASSERT_EQ(wire->heardAfter(twice(joined)), twice(joined));
+    Netns::Inside const inside(net->nearName());
+    if (std::system("tc qdisc add dev up0 root bfifo limit 1") != 0)
+        GTEST_SKIP() << "no bfifo in this kernel";
+    wire->forget();
+    reload(groupsOn("up0", "'239.1.1.3' = {}\n"));
+    EXPECT_TRUE(agent->says("not sent, the last one because of: No buffer space"))
+        << agent->output();
+    reload("");
+    EXPECT_TRUE(agent->says("packets while leaving")) << agent->output();
+    reload(oneGroup);
+    agent->signal(SIGTERM);
+    EXPECT_EQ(agent->exitStatus(), 0);
+    EXPECT_EQ(wire->heardAfter({}), Lines{});
+}
+
 TEST_F(AgentTest, AfterADisorderOfEventsAllIsAsTheFileSays) {
     start(oneGroup);
     ASSERT_TRUE(learned(learnedOnce));

@@ -1,6 +1,7 @@
 // The running agent and the routers: queries, older versions, and packets that are none.
 #include "agent/AgentFixture.h"
 
+#include <nlohmann/json.hpp>
 #include <random>
 
 namespace Testing {
@@ -52,6 +53,27 @@ TEST_F(AgentTest, Version2ReportsAndLeaves) {
     EXPECT_EQ(wire->heardAfter({"leave 239.1.1.2"}), Lines{"leave 239.1.1.2"});
 }
 
+TEST_F(AgentTest, EveryOneOfManyGroupsIsLeft) {
+    net->farIp("link set br0 type bridge mcast_snooping 0");
+    std::string const group = "[[access-list.many]]\nsequence = 1\naction = 'permit'\n"
+                              "source = 'any'\ndestination = '239.1.0.0/19'\n";
+    start("[interface.up0]\nigmp-version = 2\npackets-per-100-ms = 10000\n"
+          "unsolicited-report-interval = 0.1\naccess-lists = ['many']\n" +
+          group);
+    auto const comesToHear = [&](std::size_t count) {
+        return waitUntil([&] { return wire->heard().size() >= count; });
+    };
+    EXPECT_TRUE(comesToHear(2 * 8192u));
+    wire->forget();
+    agent->signal(SIGTERM);
+    EXPECT_EQ(agent->exitStatus(), 0) << agent->output();
+    EXPECT_TRUE(comesToHear(8192));
+    Lines left = wire->heard();
+    left.erase(std::unique(left.begin(), left.end()), left.end());
+    EXPECT_EQ(left.size(), 8192u);
+    EXPECT_EQ(left.front(), "leave 239.1.0.0");
+}
+
 TEST_F(AgentTest, Version1ReportsAndGoesWithoutAWord) {
     start(groupsOn("up0", groups, "1"));
     Lines const reports = twice({"v1 239.1.1.1", "v1 239.1.1.2"});
@@ -72,6 +94,31 @@ TEST_F(AgentTest, ChangedVersionAnnouncesAllGroupsInTheNewOne) {
     reload(groupsOn("up0", groups));
     EXPECT_EQ(wire->heardAfter(joined), joined);
     EXPECT_TRUE(learned({"down0 239.1.1.1 exclude", "down0 239.1.1.2 include 10.0.0.1"}));
+}
+
+TEST_F(AgentTest, ChangedSettingsTakeEffectWithoutAWord) {
+    auto const text = [](std::string const& settings) {
+        return "[interface.up0]\nunsolicited-report-interval = 0.1\n" + settings +
+               "[interface.up0.group]\n" + groups;
+    };
+    start(text(""));
+    ASSERT_EQ(wire->heardAfter(joined), joined);
+    wire->forget();
+    reload(text("robustness = 3\nrequire-router-alert = true\nssm-only = true\n"
+                "packets-per-100-ms = 7\n"));
+    EXPECT_EQ(wire->heardAfter({}), Lines{});
+    wire->send(packetOf(v3Query(2), {.source = ip("10.99.0.1"), .options = {}}));
+    wire->send(toGroup(Agent::message(Agent::IgmpType::query, {}, 2), allSystems));
+    EXPECT_EQ(wire->heardAfter({}), Lines{});
+    wire->send(toGroup(v3Query(2), allSystems));
+    EXPECT_EQ(wire->heardAfter(state), state);
+
+    agent->signal(SIGUSR1);
+    ASSERT_TRUE(waitUntil([&] { return !folder.read("status").empty(); }));
+    auto const counted = nlohmann::json::parse(folder.read("status"))["igmpHost"]["up0"];
+    EXPECT_EQ(counted["receivedDropped"]["noRouterAlert"], 1);
+    EXPECT_EQ(counted["v2GeneralQueryReceived"], 1);
+    EXPECT_EQ(counted["sendDropped"], 0);
 }
 
 TEST_F(AgentTest, GarbageIsDroppedAndTheNextQueryAnswered) {

@@ -37,9 +37,12 @@ unsolicited-report-interval = 0.5
 "239.1.1.2" = { include = ["10.0.0.1", "10.0.0.2"] }
 [interface."eth0.7"]
 igmp-version = 2
+robustness = 7
+packets-per-100-ms = 10000
+require-router-alert = true
 [interface."eth0.7".group."239.1.1.1"]
-[interface.v1]
-igmp-version = 1
+[interface.ssm]
+ssm-only = true
 )";
 
 TEST(ConfigurationTest, FileBecomesAPlainValue) {
@@ -58,9 +61,16 @@ TEST(ConfigurationTest, FileBecomesAPlainValue) {
     EXPECT_EQ(up0.groups.at(IpAddr("239.1.1.2")),
               (GroupConfiguration{{IpAddr("10.0.0.1"), IpAddr("10.0.0.2")}, {}}));
 
-    EXPECT_EQ(interfaces.at("eth0.7").unsolicitedReportInterval, 10.0);
-    EXPECT_EQ(interfaces.at("eth0.7").groups.at(IpAddr("239.1.1.1")), anySource);
-    EXPECT_EQ(interfaces.at("v1").unsolicitedReportInterval, 10.0);
+    InterfaceConfiguration eth;
+    eth.igmpVersion = 2;
+    eth.robustness = 7;
+    eth.packetsPer100ms = 10000;
+    eth.requireRouterAlert = true;
+    eth.groups[IpAddr("239.1.1.1")] = anySource;
+    EXPECT_EQ(interfaces.at("eth0.7"), eth);
+    InterfaceConfiguration ssm;
+    ssm.ssmOnly = true;
+    EXPECT_EQ(interfaces.at("ssm"), ssm);
     EXPECT_EQ(configurationParse(interfaceText(""), "f").configuration.interfaces.at("up0"),
               InterfaceConfiguration());
 }
@@ -114,7 +124,8 @@ TEST(ConfigurationTest, EveryErrorNamesItsPlaceAndWhatWasExpected) {
         {"[interface.abcdefghijklmnop]", "f:1:12: error: \"abcdefghijklmnop\" found" + name},
         {interfaceText("igmp_version = 3"),
          "f:2:1: error: unknown key \"igmp_version\", expected one of igmp-version, "
-         "unsolicited-report-interval, group, access-lists, large-ranges, vrf"},
+         "unsolicited-report-interval, robustness, packets-per-100-ms, require-router-alert, "
+         "ssm-only, group, access-lists, large-ranges, vrf"},
         {interfaceText("igmp-version = 4"),
          "f:2:16" + version + "4, expected an integer from 1 to 3"},
         {interfaceText("igmp-version = -9223372036854775808"),
@@ -131,6 +142,18 @@ TEST(ConfigurationTest, EveryErrorNamesItsPlaceAndWhatWasExpected) {
         {interfaceText("unsolicited-report-interval = 07:32:00"),
          "f:2:31: error: \"unsolicited-report-interval\" is a date or time, expected a number "
          "above 0 and up to 3600"},
+        {interfaceText("robustness = 1"),
+         "f:2:14: error: robustness is 1, expected an integer from 2 to 7"},
+        {interfaceText("robustness = 8"),
+         "f:2:14: error: robustness is 8, expected an integer from 2 to 7"},
+        {interfaceText("packets-per-100-ms = 0"),
+         "f:2:22: error: packets-per-100-ms is 0, expected an integer from 1 to 10000"},
+        {interfaceText("packets-per-100-ms = 10001"),
+         "f:2:22: error: packets-per-100-ms is 10001, expected an integer from 1 to 10000"},
+        {interfaceText("require-router-alert = 1"),
+         "f:2:24: error: \"require-router-alert\" is an integer, expected true or false"},
+        {interfaceText("ssm-only = \"yes\""),
+         "f:2:12: error: \"ssm-only\" is a string, expected true or false"},
         {groupText("\"10.0.0.1\" = {}"),
          "f:2:1: error: \"10.0.0.1\" found, expected a multicast address such as \"239.1.1.1\""},
         {groupText("\"239.001.1.1\" = {}"),
@@ -190,7 +213,8 @@ TEST(ConfigurationTest, OneReadingFindsAllErrorsInTheirOrder) {
                      "\"239.1.1.1\"",
                      "f:4:16: error: igmp-version is 0, expected an integer from 1 to 3",
                      "f:5:1: error: unknown key \"x\", expected one of igmp-version, "
-                     "unsolicited-report-interval, group, access-lists, large-ranges, vrf",
+                     "unsolicited-report-interval, robustness, packets-per-100-ms, "
+                     "require-router-alert, ssm-only, group, access-lists, large-ranges, vrf",
                      "f:6:2: error: unknown key \"y\", expected one of access-list, "
                      "forwarding-table, interface, vrf"}));
 }
@@ -207,6 +231,7 @@ TEST(ConfigurationTest, WhatMayNotWorkIsAWarningOnly) {
         {interfaceText("igmp-version = 2\n[interface.up0.group]\n"
                        "\"239.1.1.1\" = { include = [\"10.0.0.1\"] }"),
          "which IGMP version 2 cannot announce"},
+        {interfaceText("igmp-version = 2\nssm-only = true"), "ssm-only has no effect"},
     };
     for (auto const& [text, expected] : cases) {
         ConfigurationReading const reading = configurationParse(text, "f");

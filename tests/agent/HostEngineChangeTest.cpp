@@ -141,6 +141,22 @@ TEST_F(HostEngineChangeTest, ShutdownLeavesEveryGroupAtOnceWhateverTheBudget) {
     EXPECT_EQ(engine.nextExpiry(), never);
 }
 
+TEST_F(HostEngineChangeTest, RepeatedLeaveIsInRobustnessPackets) {
+    settings.robustness = 3;
+    settingsApply();
+    include(g1, {a});
+    settle();
+    engine.leaveAll(now, true);
+    EXPECT_EQ(taken(), "BLOCK 239.1.1.1 10.0.0.11; BLOCK 239.1.1.1 10.0.0.11; "
+                       "BLOCK 239.1.1.1 10.0.0.11");
+    speak(2);
+    engine.linkUp(now);
+    exclude(g2);
+    settle();
+    engine.leaveAll(now, true);
+    EXPECT_EQ(taken(), "leave 239.1.1.2") << "which is not repeated";
+}
+
 /// What a router believes that listens to this host alone, and loses one of its packets.
 class LossyRouter : public HostEngine::Output {
   public:

@@ -132,6 +132,46 @@ TEST_F(HostEnginePacingTest, GeneralAnswerIsSpreadEvenlyOverTheResponseTime) {
         EXPECT_LT(sent[i].time - sent[i - 1].time, (end - first) / 40) << i;
 }
 
+TEST_F(HostEnginePacingTest, GeneralAnswerBeginsEarlyEnoughToEndInTime) {
+    for (unsigned sources : {0u, 120u}) { // 183 records, or 3, fit into a packet
+        for (Lox::IpAddr group : range("239.3.0.0", sources ? 300 : 20000))
+            include(group, range("10.1.0.0", sources + 1));
+        settle();
+        limit(10);
+        for (unsigned i = 0; i < 20; ++i) {
+            taken();
+            double end = now + 2;
+            hear(v3Query(20));
+            serve(10);
+            EXPECT_GE(sent.size(), 100u);
+            EXPECT_LE(sent.back().time, end);
+        }
+        limit(1'000'000);
+        for (Lox::IpAddr group : range("239.3.0.0", 20000)) engine.groupDel(group);
+        settle();
+    }
+}
+
+TEST_F(HostEnginePacingTest, LaterQueryDoesNotStretchTheAnswerThatIsOwed) {
+    Sources groups = range("239.3.0.0", 2000);
+    excludeMany("239.3.0.0", 2000);
+    settle();
+    for (unsigned i = 0; i < 100; ++i) {
+        double end = now + 2;
+        hear(v3Query(20));
+        serve(1 + 0.009 * i); // before its answer, or within it
+        hear(v3Query(100));
+        serve(12);
+        EXPECT_LE(timeOf(groups.back()), end) << i;
+        taken();
+    }
+    hear(v3Query(100));
+    hear(v3Query(10));
+    double end = now + 1;
+    serve(12);
+    EXPECT_LE(timeOf(groups.back()), end) << "a more urgent query hurries the answer";
+}
+
 TEST_F(HostEnginePacingTest, QueriesFasterThanTheAnswerDoNotStarveItsEnd) {
     limit(1);
     excludeMany("239.3.0.0", 5000);

@@ -69,7 +69,12 @@ class PacketSocketTest : public testing::Test {
     }
     void doSend(Octets const& packet) {
         tx->packetIs(packet);
-        ASSERT_EQ(tx->flush(), 0);
+        ASSERT_EQ(tx->flush(now), 0);
+    }
+    /// Shapes what leaves tx0; whether the kernel can.
+    bool shape(std::string const& arguments) const {
+        Testing::Netns::Inside const inside(net->nearName());
+        return std::system(("tc qdisc " + arguments).c_str()) == 0;
     }
     /// Writes a frame to tx0, for what a PacketSocket would not send.
     void doSendFrame(std::array<std::uint8_t, 6> const& mac, Octets const& packet) const {
@@ -88,6 +93,7 @@ class PacketSocketTest : public testing::Test {
 
     std::unique_ptr<Testing::Netns> net;
     FileDescriptor space;
+    double now = 1000;
     std::unique_ptr<PacketSocket> tx;
     std::unique_ptr<PacketSocket> rx;
 };
@@ -101,7 +107,7 @@ TEST_F(PacketSocketTest, PacketsArriveWholeUnderTheirGroupsLinkAddress) {
     Octets const packets[] = {packetTo(0xEF8A0102, 40, 1), packetTo(v3Reports, 1500, 2)};
     for (Octets const& packet : packets) tx->packetIs(packet);
     EXPECT_EQ(tx->queued(), 2u);
-    EXPECT_EQ(tx->flush(), 0);
+    EXPECT_EQ(tx->flush(now), 0);
     EXPECT_EQ(tx->sent(), 2u);
     EXPECT_EQ(arrivals(*rx, 2), (std::vector<Octets>{packets[0], packets[1]}));
 
@@ -135,7 +141,7 @@ TEST_F(PacketSocketTest, LongBurstArrivesInOrder) {
         burst.back()[40] = std::uint8_t(i >> 8);
         tx->packetIs(burst.back());
     }
-    EXPECT_EQ(tx->flush(), 0);
+    EXPECT_EQ(tx->flush(now), 0);
     EXPECT_EQ(tx->sent(), 1000u);
     EXPECT_TRUE(arrivals(*rx, 1000) == burst);
 }
@@ -161,40 +167,54 @@ TEST_F(PacketSocketTest, OnePacketBeyondTheMtuDoesNotHoldUpTheOthers) {
     tx->packetIs(packetTo(v3Reports, 40, 1));
     tx->packetIs(packetTo(v3Reports, 1501, 2));
     tx->packetIs(packetTo(v3Reports, 40, 3));
-    EXPECT_EQ(tx->flush(), EMSGSIZE);
+    EXPECT_EQ(tx->flush(now), 0);
     EXPECT_EQ(arrivals(*rx, 2),
               (std::vector<Octets>{packetTo(v3Reports, 40, 1), packetTo(v3Reports, 40, 3)}));
     EXPECT_EQ(tx->dropped(), 1u);
+    EXPECT_EQ(tx->dropError(), EMSGSIZE);
 }
 
 TEST_F(PacketSocketTest, FullQueuesKeepThePacketsForLater) {
-    Testing::Netns::Inside const inside(net->nearName());
-    auto const shape = [](std::string const& arguments) {
-        return std::system(("tc qdisc " + arguments).c_str());
-    };
-    if (shape("add dev tx0 root tbf rate 8kbit burst 2000 limit 5000") != 0)
+    if (!shape("add dev tx0 root tbf rate 8kbit burst 2000 limit 5000"))
         GTEST_SKIP() << "no traffic shaper (tbf) in this kernel";
     for (int i = 0; i < 40; ++i) tx->packetIs(packetTo(v3Reports, 1500));
-    EXPECT_EQ(tx->flush(), ENOBUFS) << "the interface's queue is full";
+    EXPECT_EQ(tx->flush(now), ENOBUFS) << "the interface's queue is full";
     EXPECT_GT(tx->queued(), 30u);
 
     int const least = 1;
     ASSERT_EQ(setsockopt(tx->fd(), SOL_SOCKET, SO_SNDBUF, &least, sizeof least), 0);
-    ASSERT_EQ(shape("replace dev tx0 root tbf rate 8kbit burst 2000 limit 500000"), 0);
-    EXPECT_EQ(tx->flush(), EAGAIN) << "the socket's buffer is full";
+    ASSERT_TRUE(shape("replace dev tx0 root tbf rate 8kbit burst 2000 limit 500000"));
+    EXPECT_EQ(tx->flush(now), EAGAIN) << "the socket's buffer is full";
 
-    EXPECT_EQ(shape("del dev tx0 root"), 0);
-    EXPECT_TRUE(Testing::waitUntil([&] { return tx->flush() == 0; }));
+    EXPECT_TRUE(shape("del dev tx0 root"));
+    EXPECT_TRUE(Testing::waitUntil([&] { return tx->flush(now) == 0; }));
     EXPECT_EQ(tx->sent(), 40u);
     EXPECT_EQ(tx->dropped(), 0u);
+}
+
+TEST_F(PacketSocketTest, PacketsThatTheInterfaceKeepsRefusingAreGivenUp) {
+    if (!shape("add dev tx0 root bfifo limit 200")) GTEST_SKIP() << "no bfifo in this kernel";
+    for (std::size_t second : {301u, 40u}) {
+        tx->packetIs(packetTo(v3Reports, 300));
+        tx->packetIs(packetTo(v3Reports, second));
+        EXPECT_EQ(tx->flush(now), ENOBUFS);
+        EXPECT_EQ(tx->flush(now + 0.9), ENOBUFS) << "it may be a burst";
+        EXPECT_EQ(tx->queued(), 2u);
+        EXPECT_EQ(tx->flush(now + 1), 0) << "all that it refuses, at once";
+        now += 1000;
+    }
+    EXPECT_EQ(arrivals(*rx, 1).size(), 1u);
+    EXPECT_EQ(tx->dropped(), 3u);
+    EXPECT_EQ(tx->dropError(), ENOBUFS);
 }
 
 TEST_F(PacketSocketTest, SocketSurvivesItsInterfaceGoingDownAndUp) {
     net->nearIp("link set tx0 down");
     tx->packetIs(packetTo(v3Reports, 40, 1));
     tx->packetIs(packetTo(v3Reports, 40, 2));
-    EXPECT_EQ(tx->flush(), ENETDOWN);
+    EXPECT_EQ(tx->flush(now), 0);
     EXPECT_EQ(tx->dropped(), 2u);
+    EXPECT_EQ(tx->dropError(), ENETDOWN);
     EXPECT_EQ(tx->queued(), 0u);
     net->nearIp("link set rx0 down");
     rx->receive([](auto) { ADD_FAILURE() << "nothing can have arrived"; });
@@ -203,7 +223,7 @@ TEST_F(PacketSocketTest, SocketSurvivesItsInterfaceGoingDownAndUp) {
     net->nearIp("link set tx0 up");
     EXPECT_TRUE(Testing::waitUntil([&] {
         tx->packetIs(packetTo(v3Reports, 40, 3));
-        tx->flush();
+        tx->flush(now);
         bool arrived = false;
         rx->receive([&](auto octets) { arrived |= octets.back() == 3; });
         return arrived;
@@ -214,7 +234,8 @@ TEST_F(PacketSocketTest, RemovedInterfaceIsAnErrorAndNoMore) {
     int const index = indexOf("tx0");
     net->nearIp("link del tx0");
     tx->packetIs(packetTo(v3Reports, 40));
-    EXPECT_NE(tx->flush(), 0);
+    EXPECT_EQ(tx->flush(now), 0);
+    EXPECT_EQ(tx->dropped(), 1u);
     tx->receive([](auto) { ADD_FAILURE() << "nothing can have arrived"; });
     EXPECT_THROW(PacketSocket(index, space.get()), std::system_error);
 }

@@ -113,8 +113,8 @@ TEST_F(IntfProxy, StartUpClearsGroupsThatNobodyAsksFor) {
     machine().handleGroupList();
     EXPECT_EQ(trace.take(),
               (Lines{"7 Deleting group :239.1.1.1from intfStatus, since it is not in intfConfig",
-                     "7 Ref count is for sg decremented, now is1",
-                     "7 Ref count is for sg decremented, now is0",
+                     "6 Ref count is for sg decremented, now is1",
+                     "6 Ref count is for sg decremented, now is0",
                      "7 Deleting igmpHost v3group with key: 239.1.1.1"}));
     EXPECT_EQ(count(sourceS), 0u);
     EXPECT_EQ(count(sourceT), 0u);
