@@ -2,6 +2,8 @@
 
 #include <set>
 #include <tuple>
+#include <unordered_set>
+#include <vector>
 
 namespace Agent {
 
@@ -14,19 +16,49 @@ Content contentOf(Acl::IpRuleConfig const& rule) {
     return {rule.action, rule.filter.source, rule.filter.destination};
 }
 
+/// The addresses of the destinations that select groups, by their masks.
+template <class Rules>
+std::map<std::uint32_t, std::vector<std::uint32_t>> selections(Rules const& rules) {
+    std::map<std::uint32_t, std::vector<std::uint32_t>> byMask;
+    for (auto const& [sequence, rule] : rules)
+        if (Lox::IpAddrWithFullMask const range = rule.rule.filter.destination;
+            groupCount(rule.rule) > 0)
+            byMask[range.mask()].push_back(range.address().host());
+    return byMask;
+}
+
+/// Whether a rule of each selects the same group. Lists are long, their masks are few.
+template <class Rules>
+bool overlap(Rules const& one, Rules const& other) {
+    auto const selectedByOther = selections(other);
+    for (auto const& [mask, addresses] : selections(one)) {
+        for (auto const& [otherMask, otherAddresses] : selectedByOther) {
+            std::uint32_t const common = mask & otherMask;
+            std::unordered_set<std::uint32_t> prefixes;
+            for (std::uint32_t const address : addresses) prefixes.insert(address & common);
+            for (std::uint32_t const address : otherAddresses)
+                if (prefixes.contains(address & common)) return true;
+        }
+    }
+    return false;
+}
+
 } // namespace
 
-void AccessListWriter::listsIs(Lists const& lists) {
+bool AccessListWriter::listsIs(Lists const& lists) {
+    bool lost = false;
     std::map<std::string, Rules> const before = written_;
     for (auto const& [name, rules] : before) {
         if (lists.contains(name)) continue;
         written_.erase(name);
         config_.aclDel(name);
+        lost = true;
     }
     for (auto const& [name, list] : lists) {
         auto const known = before.find(name);
-        doWrite(name, numbered(list, known == before.end() ? Rules() : known->second));
+        lost |= doWrite(name, numbered(list, known == before.end() ? Rules() : known->second));
     }
+    return lost;
 }
 
 AccessListWriter::Rules AccessListWriter::numbered(AccessListConfiguration const& list,
@@ -54,18 +86,21 @@ AccessListWriter::Rules AccessListWriter::numbered(AccessListConfiguration const
     return rules;
 }
 
-void AccessListWriter::doWrite(std::string const& name, Rules rules) {
+bool AccessListWriter::doWrite(std::string const& name, Rules rules) {
     Rules& written = written_[name];
     auto const acl = config_.aclIs(name);
     std::set<Acl::UniqueId> staying;
     for (auto const& [sequence, rule] : rules) staying.insert(rule.id);
-    Rules kept = written;
-    std::erase_if(kept, [&](auto const& item) { return !staying.contains(item.second.id); });
+    Rules kept = written, gone;
+    for (auto const& [sequence, rule] : written)
+        if (!staying.contains(rule.id)) gone.insert(kept.extract(sequence));
+    if (overlap(gone, kept)) onOverlap_(name);
     // First without what goes, then with what comes: a source that gives way to "any" must be gone
     // before, for any source is refused while specific ones are listed.
-    if (kept.size() != written.size()) doPutInForce(*acl, kept);
+    if (!gone.empty()) doPutInForce(*acl, kept);
     if (kept.size() != rules.size() || !acl->currCfg()) doPutInForce(*acl, rules);
     written = std::move(rules);
+    return !gone.empty();
 }
 
 void AccessListWriter::doPutInForce(Acl::AclConfig& acl, Rules const& rules) {

@@ -6,6 +6,7 @@
 #include "agent/AccessListReader.h"
 #include "agent/PlatformState.h"
 
+#include <functional>
 #include <map>
 #include <string>
 
@@ -15,11 +16,16 @@ class AccessListWriter {
   public:
     using Lists = std::map<std::string, AccessListConfiguration>;
 
-    /// `config` outlives this.
-    explicit AccessListWriter(Acl::AclTypeConfig& config) : config_(config) {}
+    /// Told the name of a list that is about to lose a rule of which another one selects groups,
+    /// too: a reader notes both as one, and must not see the one without the other.
+    using Observer = std::function<void(std::string const& name)>;
 
-    /// Puts these lists in force, in place of those before.
-    void listsIs(Lists const& lists);
+    /// `config` outlives this.
+    AccessListWriter(Acl::AclTypeConfig& config, Observer onOverlap)
+        : config_(config), onOverlap_(std::move(onOverlap)) {}
+
+    /// Puts these lists in force, in place of those before. Returns whether a rule went.
+    bool listsIs(Lists const& lists);
 
   private:
     struct Rule {
@@ -28,12 +34,13 @@ class AccessListWriter {
     };
     using Rules = std::map<std::uint32_t, Rule>; // by sequence number
 
-    void doWrite(std::string const& name, Rules rules);
+    bool doWrite(std::string const& name, Rules rules);
     static void doPutInForce(Acl::AclConfig& acl, Rules const& rules);
     /// The list's rules with the ids of those before, as far as they stay.
     Rules numbered(AccessListConfiguration const& list, Rules const& before);
 
     Acl::AclTypeConfig& config_;
+    Observer onOverlap_;
     std::map<std::string, Rules> written_;
     std::uint64_t lastId_ = 0;
 };

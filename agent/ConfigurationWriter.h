@@ -16,12 +16,14 @@ class ConfigurationWriter {
   public:
     /// `state` outlives this.
     explicit ConfigurationWriter(PlatformState& state)
-        : state_(state), accessLists_(*state.aclConfig) {}
+        : state_(state),
+          accessLists_(*state.aclConfig, [this](std::string const& name) { doDetachList(name); }) {}
 
     Configuration const& configuration() const { return written_; }
     /// Groups that an interface's part of the configuration let go of.
     struct Released {
         std::string interface;
+        std::string list; ///< empty: groups of the interface's own
         Lox::IpAddrWithFullMask groups;
     };
     /// What the configuration in force lacks of the one before: the forwarding table may now
@@ -34,12 +36,16 @@ class ConfigurationWriter {
     void hostIs(std::string const& name, bool present);
 
   private:
-    static void doRemoveGroups(InterfaceConfiguration const& before,
+    // Both return whether they did.
+    static bool doRemoveGroups(InterfaceConfiguration const& before,
                                InterfaceConfiguration const& now,
                                IgmpHostProxy::IntfConfig& record);
+    static bool doDetachLists(InterfaceConfiguration const& now, IgmpHostProxy::IntfConfig& record);
     static void doAddGroups(InterfaceConfiguration const& now, IgmpHostProxy::IntfConfig& record);
-    static void doDetachLists(InterfaceConfiguration const& now, IgmpHostProxy::IntfConfig& record);
     static void doAttachLists(InterfaceConfiguration const& now, IgmpHostProxy::IntfConfig& record);
+    void doDetachList(std::string const& name);
+    void doRenewWishes(InterfaceConfiguration const& now, IgmpHostProxy::IntfConfig& record);
+    bool deniesRoutes(IgmpHostProxy::IntfConfig const& record) const;
 
     PlatformState& state_;
     AccessListWriter accessLists_;

@@ -4,6 +4,8 @@
 #include "agent/ServiceManager.h"
 #include "agent/StatusJson.h"
 
+#include "IgmpHostProxy/AddressRangeIterator.h"
+
 #include <algorithm>
 #include <signal.h>
 #include <system_error>
@@ -80,7 +82,22 @@ void Daemon::doConfigure(Configuration configuration) {
     writer_.configurationIs(std::move(configuration));
     vrfs_->configurationIs(writer_.configuration());
     hosts_->handleConfiguration();
-    for (auto const& [interface, groups] : writer_.released()) vrfs_->doTouch(interface, groups);
+    for (auto const& released : writer_.released()) doRelease(released);
+}
+
+/// Lets the forwarding table have the groups. A machine keeps those of a rule that has gone from it
+/// for as long as the list is attached, by an entry that is empty.
+void Daemon::doRelease(ConfigurationWriter::Released const& released) {
+    auto const* const machine = root_->igmpHostProxyIntfSm(Lox::IntfId(released.interface));
+    Nex::Ptr const list = machine ? machine->igmpHostProxyAclHelper(released.list) : nullptr;
+    if (list) {
+        IgmpHostProxy::AddressRangeIterator group(released.groups.address().host(),
+                                                  released.groups.mask());
+        for (; !group.done(); ++group)
+            if (auto const* const entry = list->groupSourceList(*group); entry && entry->empty())
+                list->groupSourceListDel(*group);
+    }
+    vrfs_->doTouch(released.interface, released.groups);
 }
 
 void Daemon::handleTurn() {

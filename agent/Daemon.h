@@ -64,6 +64,7 @@ class Daemon {
     void handleStatus();
     void handleTerminate();
     void doConfigure(Configuration configuration);
+    void doRelease(ConfigurationWriter::Released const& released);
     IgmpHostPort::Location locate(Igmp::IgmpHost const& host) const;
 
     Options options_;

@@ -5,11 +5,13 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <linux/nsfs.h>
 #include <sched.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <system_error>
 #include <utility>
 
@@ -35,10 +37,14 @@ bool same(FileDescriptor const& a, FileDescriptor const& b) {
     return ofA.st_dev == ofB.st_dev && ofA.st_ino == ofB.st_ino;
 }
 
-/// What `ip netns` makes before it mounts the namespace. Namespaces look empty, too.
+/// Whether it is what `ip netns` makes before it mounts the namespace, and leaves for a moment
+/// after unmounting it. Namespaces look empty, too.
 bool emptyFile(FileDescriptor const& file) {
     struct stat const status = statusOf(file);
-    return S_ISREG(status.st_mode) && status.st_size == 0;
+    struct statfs system {};
+    if (fstatfs(file.get(), &system) < 0)
+        throw std::system_error(errno, std::generic_category(), "fstatfs");
+    return S_ISREG(status.st_mode) && status.st_size == 0 && system.f_type != NSFS_MAGIC;
 }
 
 } // namespace
@@ -77,11 +83,12 @@ void NamespaceWatch::doLook() {
 
 std::optional<FileDescriptor> NamespaceWatch::doOpen() {
     try {
+        // That file is nobody's to read. Nothing tells when it goes.
+        if (emptyFile(namespaceOpen(name_, O_PATH))) return FileDescriptor();
         FileDescriptor file = namespaceOpen(name_);
         if (same(file, namespace_)) return file;
-        int const type = ioctl(file.get(), NS_GET_NSTYPE);
-        if (type < 0 && emptyFile(file)) return FileDescriptor();
-        if (type != CLONE_NEWNET) return doFail("not a network namespace");
+        if (ioctl(file.get(), NS_GET_NSTYPE) != CLONE_NEWNET)
+            return doFail("not a network namespace");
         NamespaceScope const entered(file.get());
         return file;
     } catch (std::system_error const& exception) {

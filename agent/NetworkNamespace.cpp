@@ -3,7 +3,6 @@
 #include "Nex/Error.h"
 
 #include <cerrno>
-#include <fcntl.h>
 #include <sched.h>
 #include <system_error>
 
@@ -11,17 +10,17 @@ namespace Agent {
 
 namespace {
 
-FileDescriptor openFile(std::string const& path) {
+FileDescriptor openFile(std::string const& path, int flags = O_RDONLY) {
     // What is no namespace after all, such as a pipe, must not be waited for.
-    FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    FileDescriptor file(open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK));
     if (file.get() < 0) throw std::system_error(errno, std::generic_category(), path);
     return file;
 }
 
 } // namespace
 
-FileDescriptor namespaceOpen(std::string const& name) {
-    return openFile(name.find('/') == std::string::npos ? "/run/netns/" + name : name);
+FileDescriptor namespaceOpen(std::string const& name, int flags) {
+    return openFile(name.find('/') == std::string::npos ? "/run/netns/" + name : name, flags);
 }
 
 NamespaceScope::NamespaceScope(int namespaceFd) {

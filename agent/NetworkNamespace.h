@@ -4,13 +4,14 @@
 
 #include "agent/FileDescriptor.h"
 
+#include <fcntl.h>
 #include <string>
 
 namespace Agent {
 
 /// Opens a namespace that `ip netns` names so, or the file itself if `name` holds a '/'. Throws
-/// std::system_error.
-FileDescriptor namespaceOpen(std::string const& name);
+/// std::system_error. With other `flags` than these the namespace cannot be entered.
+FileDescriptor namespaceOpen(std::string const& name, int flags = O_RDONLY);
 
 /// While it lives, the calling thread is in another network namespace.
 class NamespaceScope {

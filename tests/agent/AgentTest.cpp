@@ -108,39 +108,6 @@ TEST_F(AgentTest, GroupGoesFromEachKindOfWishToEachOther) {
     }
 }
 
-TEST_F(AgentTest, EditedAccessListChangesTheGroupsThatItShould) {
-    std::string const attached = "[interface.up0]\naccess-lists = ['iptv']\n"
-                                 "unsolicited-report-interval = 0.1\n";
-    auto const rule = [](int sequence, std::string const& destination) {
-        return "[[access-list.iptv]]\nsequence = " + std::to_string(sequence) +
-               "\naction = 'permit'\nsource = '10.1.1.1'\ndestination = '" + destination + "'\n";
-    };
-    Lines const range = twice({"ALLOW 239.1.1.0 10.1.1.1", "ALLOW 239.1.1.1 10.1.1.1",
-                               "ALLOW 239.1.1.2 10.1.1.1", "ALLOW 239.1.1.3 10.1.1.1"});
-    start(attached + rule(10, "239.1.1.0/30"));
-    EXPECT_EQ(wire->heardAfter(range), range);
-
-    struct {
-        std::string rules;
-        Lines told;
-    } const edits[] = {
-        {rule(10, "239.2.0.0") + rule(20, "239.1.1.0/30"), {"ALLOW 239.2.0.0 10.1.1.1"}},
-        {rule(20, "239.1.1.0/31"),
-         {"BLOCK 239.1.1.2 10.1.1.1", "BLOCK 239.1.1.3 10.1.1.1", "BLOCK 239.2.0.0 10.1.1.1"}},
-        {rule(5, "239.1.1.1") + rule(6, "239.1.1.0"), {}},
-    };
-    for (auto const& edit : edits) {
-        wire->forget();
-        reload(attached + edit.rules);
-        EXPECT_EQ(wire->heardAfter(twice(edit.told)), twice(edit.told)) << edit.rules;
-    }
-    EXPECT_TRUE(learned({"down0 239.1.1.0 include 10.1.1.1", "down0 239.1.1.1 include 10.1.1.1"}));
-    wire->forget();
-    reload("[interface.up0]\nunsolicited-report-interval = 0.1\n" + edits[2].rules);
-    Lines const left = twice({"BLOCK 239.1.1.0 10.1.1.1", "BLOCK 239.1.1.1 10.1.1.1"});
-    EXPECT_EQ(wire->heardAfter(left), left) << "the list is detached";
-}
-
 TEST_F(AgentTest, InterfaceTakenOutOfTheFileLeavesItsGroupsAndComesBack) {
     start(groupsOn("up0", threeGroups));
     ASSERT_EQ(wire->heardAfter(threeJoined), threeJoined);

@@ -3,17 +3,14 @@
 #include "DeafSocket.h"
 #include "LoopFixture.h"
 #include "MulticastRouter.h"
+#include "StaticRouter.h"
 #include "agent/NetworkNamespace.h"
 #include "agent/Vrfs.h"
 #include "netns/Netns.h"
 
-#include <csignal>
-#include <cstdlib>
-#include <fstream>
 #include <net/if.h>
 #include <optional>
 #include <set>
-#include <sys/wait.h>
 
 namespace Agent {
 namespace {
@@ -116,15 +113,7 @@ TEST_F(KernelRoutesTest, RoutesComeChangeAndGoWithTheKernels) {
 TEST_F(KernelRoutesTest, UnresolvedRoutesAreNotAnnounced) {
     auto const send = [&] {
         NamespaceScope const inside(space.get());
-        FileDescriptor const sender(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        in_addr interface { htonl(IpAddr("10.99.0.2").host()) };
-        setsockopt(sender.get(), IPPROTO_IP, IP_MULTICAST_IF, &interface, sizeof interface);
-        sockaddr_in to{};
-        to.sin_family = AF_INET;
-        to.sin_addr.s_addr = htonl(group(1).host());
-        to.sin_port = htons(9);
-        ASSERT_EQ(
-            sendto(sender.get(), "x", 1, 0, reinterpret_cast<sockaddr const*>(&to), sizeof to), 1);
+        trafficSend(IpAddr("10.99.0.2"), group(1));
     };
     send();
     ASSERT_NE(net->nearIp("mroute show").find("unresolved"), std::string::npos);
@@ -304,46 +293,8 @@ TEST_F(KernelRoutesTest, ObserverThatThrowsMissesNothing) {
               std::string::npos);
 }
 
-/// An smcrouted in the near namespace, with a directory of its own.
-class StaticRouter {
-  public:
-    StaticRouter(std::string const& space, std::string const& configuration) : space_(space) {
-        std::string path = testing::TempDir() + "smcrouteXXXXXX";
-        directory_ = mkdtemp(path.data());
-        std::ofstream(directory_ + "/conf") << configuration;
-        std::string const command = "exec ip netns exec " + space_ + " smcrouted -n -N -f " +
-                                    directory_ + "/conf -P " + directory_ + "/pid -u " + socket() +
-                                    " >/dev/null 2>&1";
-        pid_ = fork();
-        if (pid_ == 0) {
-            execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
-            _exit(127);
-        }
-    }
-    ~StaticRouter() {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-        std::system(("rm -r " + directory_).c_str());
-    }
-    StaticRouter(StaticRouter const&) = delete;
-    StaticRouter& operator=(StaticRouter const&) = delete;
-
-    bool control(std::string const& command) const {
-        return std::system(("ip netns exec " + space_ + " smcroutectl -u " + socket() + " " +
-                            command + " >/dev/null 2>&1")
-                               .c_str()) == 0;
-    }
-
-  private:
-    std::string socket() const { return directory_ + "/sock"; }
-
-    std::string space_;
-    std::string directory_;
-    pid_t pid_ = -1;
-};
-
 TEST_F(KernelRoutesTest, RoutesOfADaemonFollowItsCommandsAndItsEnd) {
-    if (std::system("command -v smcrouted >/dev/null") != 0) GTEST_SKIP() << "no smcrouted";
+    if (!StaticRouter::installed()) GTEST_SKIP() << "no smcrouted";
     router.reset();
     doFollow();
     {

@@ -64,4 +64,18 @@ class MulticastRouter {
     FileDescriptor socket_{socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_IGMP)};
 };
 
+/// Traffic of a group for which the calling thread's namespace may have no route: a packet from,
+/// and out by, the interface of that address.
+inline void trafficSend(Lox::IpAddr source, Lox::IpAddr group) {
+    FileDescriptor const sender(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    in_addr interface { htonl(source.host()) };
+    setsockopt(sender.get(), IPPROTO_IP, IP_MULTICAST_IF, &interface, sizeof interface);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_addr.s_addr = htonl(group.host());
+    to.sin_port = htons(9);
+    if (sendto(sender.get(), "x", 1, 0, reinterpret_cast<sockaddr const*>(&to), sizeof to) != 1)
+        throw std::system_error(errno, std::generic_category(), "sending to a group");
+}
+
 } // namespace Agent

@@ -134,6 +134,14 @@ void Netns::upstreamIs() const {
     nearIp("link set up0 up");
 }
 
+void Netns::nearDel() const { run("ip netns del " + near_.name); }
+
+void Netns::nearIs() const {
+    run("ip netns add " + near_.name);
+    nearIp("link set lo up");
+    upstreamIs();
+}
+
 std::vector<std::string> Netns::bridgeTable() const {
     std::vector<std::string> table;
     for (auto const& line : split(run("bridge -n " + far_.name + " -d mdb show"), '\n'))

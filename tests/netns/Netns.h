@@ -35,6 +35,11 @@ class Netns {
     /// Makes both again after upstreamDel, with the same address and a new interface index.
     void upstreamIs() const;
 
+    /// Removes the near namespace with all that is in it.
+    void nearDel() const;
+    /// Makes it again under the same name, after nearDel and once its end of the link has gone.
+    void nearIs() const;
+
     /// What the bridge has learned of IPv4 groups, sorted, one line for a group on a port:
     /// "PORT GROUP include|exclude [SOURCE,...]". The sources of an exclude line are the blocked
     /// ones: "down0 239.1.1.1 exclude" is a group wanted from any source.

@@ -1,0 +1,323 @@
+// Multicast routes of the kernel as the upstream router comes to know them: whoever writes them, in
+// each VRF, and beside groups that the operator wants.
+#include "agent/AgentFixture.h"
+#include "agent/MulticastRouter.h"
+#include "agent/StaticRouter.h"
+
+#include <optional>
+
+namespace Testing {
+namespace {
+
+using Agent::ip;
+
+/// The router of a near namespace: traffic comes in by the upstream interface and goes out by out0.
+class RoutedNetns {
+  public:
+    RoutedNetns(Netns const& net, char const* upstream) {
+        net.nearIp("link add out0 type veth peer name out1");
+        net.nearIp("addr add 10.98.0.1/24 dev out0");
+        net.nearIp("link set out0 up");
+        net.nearIp("link set out1 up");
+        Netns::Inside const inside(net.nearName());
+        router_.emplace();
+        router_->interfaceIs(0, int(if_nametoindex(upstream)));
+        router_->interfaceIs(1, int(if_nametoindex("out0")));
+    }
+    void routeIs(char const* source, char const* group) {
+        router_->routeIs(ip(source), ip(group), 0, {1});
+    }
+    void routeDel(char const* source, char const* group) {
+        router_->routeDel(ip(source), ip(group));
+    }
+    Agent::MulticastRouter& router() { return *router_; }
+    /// The routing daemon ends, and so do all its routes.
+    void routerDel() { router_.reset(); }
+
+  private:
+    std::optional<Agent::MulticastRouter> router_;
+};
+
+class AgentRoutesTest : public AgentTest {
+  protected:
+    void SetUp() override {
+        AgentTest::SetUp();
+        if (net) near.emplace(*net, "up0");
+    }
+
+    std::optional<RoutedNetns> near;
+};
+
+TEST_F(AgentRoutesTest, RoutesOfADaemonReachTheUpstreamRouterAndLeaveIt) {
+    if (!Agent::StaticRouter::installed()) GTEST_SKIP() << "no smcrouted";
+    near->routerDel();
+    start(groupsOn("up0", ""));
+    {
+        Agent::StaticRouter const daemon(net->nearName(), "phyint up0 enable\nphyint out0 enable\n"
+                                                          "mroute from up0 group 239.1.1.1 source "
+                                                          "10.0.0.1 to out0\n");
+        EXPECT_TRUE(learned({"down0 239.1.1.1 include 10.0.0.1"}));
+        ASSERT_TRUE(waitUntil([&] { return daemon.control("add up0 10.0.0.2 239.1.1.1 out0"); }));
+        EXPECT_TRUE(daemon.control("add up0 10.0.0.2 239.1.1.2 out0"));
+        EXPECT_TRUE(learned(
+            {"down0 239.1.1.1 include 10.0.0.1,10.0.0.2", "down0 239.1.1.2 include 10.0.0.2"}));
+        EXPECT_TRUE(daemon.control("remove up0 10.0.0.1 239.1.1.1"));
+        EXPECT_TRUE(daemon.control("remove up0 10.0.0.2 239.1.1.2"));
+        EXPECT_TRUE(learned({"down0 239.1.1.1 include 10.0.0.2"}));
+    }
+    EXPECT_TRUE(learned({})) << "the daemon was killed";
+}
+
+TEST_F(AgentRoutesTest, OnlyRoutesThatTheFileAsksForAreAnnounced) {
+    near->routeIs("10.0.0.1", "239.1.1.1");
+    near->router().routeIs(ip("10.0.0.1"), ip("239.1.1.2"), 0, {});
+    near->router().routeIs(ip("10.0.0.1"), ip("239.1.1.3"), 1, {0});
+    near->router().routeIs({}, ip("239.1.1.5"), 0, {1});
+    struct {
+        char const* table;
+        std::set<int> groups;
+    } const files[] = {
+        {"", {1, 5}},
+        {"require-output = false\n", {1, 2, 5}},
+        {"incoming = 'any'\n", {1, 3, 5}},
+        {"require-output = false\nincoming = 'any'\n", {1, 2, 3, 5}},
+        {"incoming = 'proxy-interface'\n", {1, 5}},
+    };
+    start("");
+    for (auto const& file : files) {
+        {
+            Netns::Inside const inside(net->nearName());
+            Agent::trafficSend(ip("10.99.0.2"), ip("239.1.1.4"));
+        }
+        ASSERT_NE(net->nearIp("mroute show").find("unresolved"), std::string::npos);
+        reload(groupsOn("up0", "") + "[forwarding-table]\n" + file.table);
+        Lines table;
+        for (int const group : file.groups)
+            table.push_back("down0 239.1.1." + std::to_string(group) +
+                            (group == 5 ? " exclude" : " include 10.0.0.1"));
+        EXPECT_TRUE(learned(table)) << file.table;
+    }
+    near->router().routeIs(ip("10.0.0.1"), ip("239.1.1.2"), 0, {1});
+    near->router().routeIs(ip("10.0.0.1"), ip("239.1.1.1"), 0, {});
+    near->routeDel("0.0.0.0", "239.1.1.5");
+    EXPECT_TRUE(learned({"down0 239.1.1.2 include 10.0.0.1"}));
+    near->routerDel();
+    EXPECT_TRUE(learned({}));
+}
+
+TEST_F(AgentRoutesTest, GroupThatTheOperatorReleasesComesBackFromTheTable) {
+    for (char const* group : {"239.1.1.1", "239.1.1.2", "239.1.1.3", "239.1.1.4"})
+        near->routeIs("10.0.0.1", group);
+    std::string const include = " = { include = ['10.0.0.9'] }\n";
+    auto const rule = [](int sequence, std::string const& destination) {
+        return "[[access-list.iptv]]\nsequence = " + std::to_string(sequence) +
+               "\naction = 'permit'\nsource = '10.0.0.8'\ndestination = '" + destination + "'\n";
+    };
+    std::string const attached = "[interface.up0]\naccess-lists = ['iptv']\n"
+                                 "unsolicited-report-interval = 0.1\n";
+    auto const table = [](Lines const& sources) {
+        Lines lines;
+        for (std::size_t i = 0; i < sources.size(); ++i)
+            lines.push_back("down0 239.1.1." + std::to_string(i + 1) + " include 10.0.0." +
+                            sources[i]);
+        return lines;
+    };
+    struct {
+        char const* what;
+        std::string file;
+        Lines sources, others;
+    } const steps[] = {
+        {"a range by rule, one group by the file, one by both",
+         attached + "[interface.up0.group]\n'239.1.1.1'" + include + "'239.1.1.2'" + include +
+             rule(10, "239.1.1.2/31"),
+         {"9", "8,10.0.0.9", "8", "1"},
+         {}},
+        {"the group of the file",
+         attached + "[interface.up0.group]\n'239.1.1.2'" + include + rule(10, "239.1.1.2/31"),
+         {"1", "8,10.0.0.9", "8", "1"},
+         {}},
+        {"both of the file", attached + rule(10, "239.1.1.2/31"), {"1", "8", "8", "1"}, {}},
+        {"half of the range", attached + rule(10, "239.1.1.3"), {"1", "1", "8", "1"}, {}},
+        {"another rule",
+         attached + rule(10, "239.1.1.3") + rule(20, "239.1.1.4"),
+         {"1", "1", "8", "8"},
+         {}},
+        {"one rule of two", attached + rule(20, "239.1.1.4"), {"1", "1", "1", "8"}, {}},
+        {"the list", groupsOn("up0", "") + rule(20, "239.1.1.4"), {"1", "1", "1", "1"}, {}},
+        {"the list again",
+         attached + rule(20, "239.1.1.2/31") + rule(30, "239.1.1.6/31"),
+         {"1", "8", "8", "1"},
+         {"6 include 10.0.0.8", "7 include 10.0.0.8"}},
+        {"one rule of two again", attached + rule(20, "239.1.1.2/31"), {"1", "8", "8", "1"}, {}},
+        {"all rules", attached, {"1", "1", "1", "1"}, {"6 include 10.0.0.1"}},
+    };
+    start(groupsOn("up0", ""));
+    EXPECT_TRUE(learned(table({"1", "1", "1", "1"}))) << "routes from before the start";
+    for (auto const& step : steps) {
+        reload(step.file);
+        Lines expected = table(step.sources);
+        for (std::string const& other : step.others) expected.push_back("down0 239.1.1." + other);
+        EXPECT_TRUE(learned(expected)) << step.what;
+        if (step.what != std::string("one rule of two again")) continue;
+        near->routeIs("10.0.0.1", "239.1.1.6"); // a route of a group that was released before
+        expected.push_back("down0 239.1.1.6 include 10.0.0.1");
+        EXPECT_TRUE(learned(expected));
+    }
+}
+
+TEST_F(AgentRoutesTest, DenyAllKeepsRoutesOutUntilTheLastOneGoes) {
+    near->routeIs("10.0.0.1", "239.1.1.1");
+    std::string const configured = "down0 239.1.1.9 exclude";
+    auto const text = [](std::string const& lists, std::string const& denying) {
+        std::string file = "[interface.up0]\naccess-lists = [" + lists +
+                           "]\nunsolicited-report-interval = 0.1\n"
+                           "[interface.up0.group]\n'239.1.1.9' = {}\n";
+        for (char const list : denying)
+            file += std::string("[[access-list.") + list +
+                    "]]\nsequence = 1\naction = 'deny'\nsource = 'any'\ndestination = 'any'\n";
+        return file;
+    };
+    struct {
+        std::string lists, denying;
+        bool denied;
+    } const steps[] = {{"'a', 'b'", "ab", true}, {"'a', 'b'", "a", true}, {"'a', 'b'", "ab", true},
+                       {"'b'", "ab", true},      {"'a', 'b'", "", false}, {"'a', 'b'", "b", true},
+                       {"", "b", false}};
+    start(text("'a'", ""));
+    ASSERT_TRUE(learned({"down0 239.1.1.1 include 10.0.0.1", configured}));
+    for (auto const& step : steps) {
+        reload(text(step.lists, step.denying));
+        if (!step.denied) {
+            EXPECT_TRUE(learned({"down0 239.1.1.1 include 10.0.0.1", configured}));
+            continue;
+        }
+        EXPECT_TRUE(learned({configured}));
+        near->routeDel("10.0.0.1", "239.1.1.1");
+        near->routeIs("10.0.0.1", "239.1.1.1");
+        wire->forget();
+        EXPECT_EQ(wire->heardAfter({}), Lines{}) << step.lists << " with " << step.denying;
+    }
+}
+
+/// A second VRF, "red", whose interface up1 has the address of the other one's up0.
+class AgentVrfTest : public AgentRoutesTest {
+  protected:
+    void SetUp() override {
+        AgentRoutesTest::SetUp();
+        if (!net) return;
+        red = std::make_unique<Netns>();
+        red->farIp("link set br0 type bridge mcast_last_member_interval 10 "
+                   "mcast_query_response_interval 20");
+        doRename();
+        redNear.emplace(*red, "up1");
+    }
+    void doRename() const {
+        red->nearIp("link set up0 down name up1");
+        red->nearIp("link set up1 up");
+    }
+    std::string inRed(std::string const& groups) const {
+        return "[vrf.red]\nnamespace = '" + red->nearName() +
+               "'\n[interface.up1]\nvrf = 'red'\nunsolicited-report-interval = 0.1\n"
+               "[interface.up1.group]\n" +
+               groups;
+    }
+    testing::AssertionResult redLearned(Lines const& table) const {
+        if (waitUntil([&] { return red->bridgeTable() == table; }))
+            return testing::AssertionSuccess();
+        return testing::AssertionFailure()
+               << "the red bridge knows " << testing::PrintToString(red->bridgeTable())
+               << ", the agent says:\n"
+               << agent->output();
+    }
+
+    std::unique_ptr<Netns> red;
+    std::optional<RoutedNetns> redNear;
+};
+
+std::string const here = groupsOn("up0", "'239.1.1.1' = { include = ['10.0.0.1'] }\n");
+std::string const there = "'239.1.1.1' = { include = ['10.0.0.2'] }\n";
+Lines const hereTold = twice({"ALLOW 239.1.1.1 10.0.0.1", "ALLOW 239.1.1.2 10.0.0.3"});
+Lines const hereLearned{"down0 239.1.1.1 include 10.0.0.1", "down0 239.1.1.2 include 10.0.0.3"};
+Lines const thereLearned{"down0 239.1.1.1 include 10.0.0.2", "down0 239.1.1.2 include 10.0.0.4"};
+
+TEST_F(AgentVrfTest, VrfsWithTheSameAddressesAndGroupsDoNotMix) {
+    near->routeIs("10.0.0.3", "239.1.1.2");
+    redNear->routeIs("10.0.0.4", "239.1.1.2");
+    start(here + inRed(there));
+    ASSERT_TRUE(wire->hears(hereTold));
+    EXPECT_TRUE(learned(hereLearned));
+    EXPECT_TRUE(redLearned(thereLearned));
+
+    // What happens in one is nothing to the other.
+    wire->forget();
+    redNear->routeDel("10.0.0.4", "239.1.1.2");
+    redNear->routeIs("10.0.0.3", "239.1.1.3");
+    reload(here + inRed(""));
+    EXPECT_TRUE(redLearned({"down0 239.1.1.3 include 10.0.0.3"}));
+    redNear->routerDel();
+    EXPECT_TRUE(redLearned({}));
+    EXPECT_EQ(wire->heardAfter({}), Lines{});
+    EXPECT_EQ(net->bridgeTable(), hereLearned);
+}
+
+TEST_F(AgentVrfTest, NamespaceThatIsDeletedAndMadeAgainHeals) {
+    near->routeIs("10.0.0.3", "239.1.1.2");
+    redNear->routeIs("10.0.0.4", "239.1.1.2");
+    start(here + inRed(there));
+    ASSERT_TRUE(wire->hears(hereTold));
+    EXPECT_TRUE(redLearned(thereLearned));
+    std::size_t const descriptors = agent->openDescriptors();
+    wire->forget();
+    for (int i = 0; i < 2; ++i) {
+        redNear.reset();
+        red->nearDel();
+        // Its end of the link is gone when the agent holds nothing of it any more.
+        EXPECT_TRUE(waitUntil(
+            [&] { return red->farIp("-brief link show").find("down0") == std::string::npos; },
+            std::chrono::seconds(3)))
+            << agent->output();
+        EXPECT_TRUE(redLearned({}));
+        red->nearIs();
+        doRename();
+        redNear.emplace(*red, "up1");
+        redNear->routeIs("10.0.0.4", "239.1.1.2");
+        EXPECT_TRUE(redLearned(thereLearned));
+    }
+    EXPECT_EQ(agent->openDescriptors(), descriptors);
+    EXPECT_EQ(wire->heardAfter({}), Lines{});
+    EXPECT_EQ(net->bridgeTable(), hereLearned);
+    agent->signal(SIGTERM);
+    EXPECT_EQ(agent->exitStatus(), 0);
+    EXPECT_TRUE(redLearned({}));
+}
+
+TEST_F(AgentVrfTest, ReloadAddsAndRemovesVrfsBesideOthers) {
+    near->routeIs("10.0.0.3", "239.1.1.2");
+    redNear->routeIs("10.0.0.4", "239.1.1.2");
+    start(here);
+    ASSERT_TRUE(wire->hears(hereTold));
+    std::size_t const descriptors = agent->openDescriptors();
+    wire->forget();
+    for (int i = 0; i < 2; ++i) {
+        reload(here + inRed(there));
+        EXPECT_TRUE(redLearned(thereLearned));
+        reload(here);
+        EXPECT_TRUE(redLearned({}));
+        EXPECT_EQ(agent->openDescriptors(), descriptors);
+    }
+    // Under another name; then the interface leaves the VRF for the default one, which lacks it.
+    std::string blue = inRed(there);
+    for (auto at = blue.find("red"); at != blue.npos; at = blue.find("red"))
+        blue.replace(at, 3, "blue");
+    reload(here + inRed(there));
+    EXPECT_TRUE(redLearned(thereLearned));
+    reload(here + blue);
+    EXPECT_TRUE(redLearned(thereLearned));
+    reload(here + groupsOn("up1", there));
+    EXPECT_TRUE(redLearned({}));
+    EXPECT_EQ(wire->heardAfter({}), Lines{});
+    EXPECT_EQ(net->bridgeTable(), hereLearned);
+}
+
+} // namespace
+} // namespace Testing
