@@ -228,7 +228,7 @@ class Reader {
     }
 
     void doWarn(TomlText const& found, std::string const& text) {
-        diagnostics_.warningIs(found.position, fmt::format("{} {}", quoted(found.value), text));
+        diagnostics_.warningIs(found.position, fmt::format("{} {}", inQuotes(found.value), text));
     }
 
     Configuration& configuration_;

@@ -53,7 +53,7 @@ void doAttachFilter(int socket, int ifindex) {
             "attaching the packet filter");
 }
 
-FileDescriptor openSocket(int ifindex, int namespaceFd) {
+FileDescriptor openPacketSocket(int ifindex, int namespaceFd) {
     NamespaceScope const scope(namespaceFd);
     // Without a protocol, so that nothing arrives before filter and interface are set.
     FileDescriptor socket(::socket(AF_PACKET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -119,7 +119,7 @@ struct PacketSocket::ReceiveBuffers {
 };
 
 PacketSocket::PacketSocket(int ifindex, int namespaceFd)
-    : ifindex_(ifindex), socket_(openSocket(ifindex, namespaceFd)) {}
+    : ifindex_(ifindex), socket_(openPacketSocket(ifindex, namespaceFd)) {}
 
 void PacketSocket::receive(std::function<void(Bytes)> const& handler) {
     thread_local auto const buffers = std::make_unique<ReceiveBuffers>();

@@ -19,7 +19,7 @@ std::string printable(std::string_view text) {
     return shown;
 }
 
-std::string quoted(std::string_view text) {
+std::string inQuotes(std::string_view text) {
     static constexpr std::size_t longest = 64;
     std::string shown = "\"";
     shown += printable(text.substr(0, longest));

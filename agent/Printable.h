@@ -11,6 +11,6 @@ namespace Agent {
 std::string printable(std::string_view text);
 
 /// The same between quotation marks, cut after 64 bytes.
-std::string quoted(std::string_view text);
+std::string inQuotes(std::string_view text);
 
 } // namespace Agent

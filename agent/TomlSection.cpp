@@ -103,7 +103,7 @@ char const* typeName(toml::node const& node) {
 
 void reportFound(TomlText const& found, std::string_view expected, Diagnostics& diagnostics) {
     diagnostics.errorIs(found.position,
-                        fmt::format("{} found, expected {}", quoted(found.value), expected));
+                        fmt::format("{} found, expected {}", inQuotes(found.value), expected));
 }
 
 std::optional<toml::table> tomlParse(std::string_view text, Diagnostics& diagnostics) {
@@ -133,8 +133,9 @@ std::vector<TomlText> TomlSection::keys() const {
 void TomlSection::keysAre(std::initializer_list<std::string_view> known) const {
     for (TomlText const& key : keys()) {
         if (std::find(known.begin(), known.end(), key.value) != known.end()) continue;
-        diagnostics_->errorIs(key.position, fmt::format("unknown key {}, expected one of {}",
-                                                        quoted(key.value), fmt::join(known, ", ")));
+        diagnostics_->errorIs(key.position,
+                              fmt::format("unknown key {}, expected one of {}", inQuotes(key.value),
+                                          fmt::join(known, ", ")));
     }
 }
 
@@ -233,7 +234,7 @@ std::vector<TomlSection> TomlSection::sections(std::string_view key) const {
 
 void TomlSection::doReportType(std::string_view key, toml::node const& found,
                                char const* expected) const {
-    diagnostics_->errorIs(begin(found.source()), fmt::format("{} is {}, expected {}", quoted(key),
+    diagnostics_->errorIs(begin(found.source()), fmt::format("{} is {}, expected {}", inQuotes(key),
                                                              typeName(found), expected));
 }
 

@@ -8,16 +8,18 @@ build=$1
 passed=$build/tidy-passed
 mkdir -p "$passed"
 
-# One line for each object that the build knows: its source, then the tree's headers in it.
+# One line for each object that the build knows: its source, which may stand for several of the
+# tree's, then the tree's files in it. Precompiled headers are no sources.
 sourcesWithHeaders() {
     ninja -C "$build" -t deps | awk -v root="$PWD/" '
         /^[^ ]/ { if (line) print line; line = "" }
         /^    / {
             path = $1
             if (index(path, root) == 1) path = substr(path, length(root) + 1)
-            if (path !~ /^(\/|build\/)/) line = line ? line " " path : path
+            if (!line) line = path
+            else if (path !~ /^(\/|build\/)/) line = line " " path
         }
-        END { if (line) print line }'
+        END { if (line) print line }' | grep -v '^[^ ]*cmake_pch'
 }
 
 tidy() {
