@@ -16,7 +16,7 @@ sourcesWithHeaders() {
         /^    / {
             path = $1
             if (index(path, root) == 1) path = substr(path, length(root) + 1)
-            if (!line) line = path
+            if (!line) line = path ~ /\.c(pp|xx)$/ ? path : ""
             else if (path !~ /^(\/|build\/)/) line = line " " path
         }
         END { if (line) print line }' | grep -v '^[^ ]*cmake_pch'
