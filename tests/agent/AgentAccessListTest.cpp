@@ -186,7 +186,7 @@ TEST_F(AgentAccessListTest, GroupGoesFromEachMixOfWishesToEachOther) {
     auto const becomes = [&](auto const& from, auto const& to) {
         reload(text(to));
         EXPECT_TRUE(
-            waitUntil([&] { return net->bridgeTable() == table(to); }, std::chrono::seconds(1)))
+            waitUntil([&] { return net->bridgeTable() == table(to); }, std::chrono::seconds(5)))
             << from.what << " -> " << to.what << ": " << testing::PrintToString(net->bridgeTable());
     };
     start(text(mixes[0]));
@@ -217,24 +217,28 @@ TEST_F(AgentAccessListTest, GroupGoesFromEachMixOfWishesToEachOther) {
 TEST_F(AgentAccessListTest, TenThousandGroupsLeaveAtOncePacked) {
     // An entry for each group and one for each of its sources.
     net->farIp("link set br0 type bridge mcast_hash_max 65536");
-    // What waited for a random delay within this interval would not be heard in time.
+    // What waited for a random delay within an hour would not be heard in time.
     std::string const attached =
         "[interface.up0]\naccess-lists = ['iptv']\nunsolicited-report-interval = 3600\n";
     start(attached);
     constexpr std::size_t count = 16384, inPacket = (1500 - 24 - 8) / 12;
+    std::set<std::string> groups;
     reload(attached + iptv(10, "239.1.0.0/18"));
-    EXPECT_TRUE(waitUntil([&] { return wire->heard().size() >= count; }));
-    Lines const heard = wire->heard();
-    EXPECT_EQ(heard.size(), count);
-    EXPECT_EQ(std::set<std::string>(heard.begin(), heard.end()).size(), count);
-    EXPECT_EQ(heard.front(), "ALLOW 239.1.0.0 10.1.1.1");
-    EXPECT_EQ(wire->sources().size(), (count + inPacket - 1) / inPacket) << "packets";
+    EXPECT_TRUE(waitUntil([&] {
+        Lines const heard = wire->heard();
+        groups = {heard.begin(), heard.end()};
+        return groups.size() >= count;
+    }));
+    EXPECT_EQ(groups.size(), count);
+    EXPECT_EQ(*groups.begin(), "ALLOW 239.1.0.0 10.1.1.1");
+    // Few of the repeats happen to be early.
+    EXPECT_LE(wire->sources().size(), (count / inPacket + 1) * 11 / 10) << "packets";
     EXPECT_TRUE(waitUntil([&] { return net->bridgeTable().size() == count; }));
 
     // While they wait to be repeated, one more group leaves at once, too.
     wire->forget();
     reload(attached + iptv(10, "239.1.0.0/18") + iptv(20, "239.2.0.0"));
-    EXPECT_EQ(wire->heardAfter({"ALLOW 239.2.0.0 10.1.1.1"}), Lines{"ALLOW 239.2.0.0 10.1.1.1"});
+    EXPECT_TRUE(wire->hears({"ALLOW 239.2.0.0 10.1.1.1"}));
 }
 
 } // namespace
