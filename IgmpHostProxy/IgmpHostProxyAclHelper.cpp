@@ -37,7 +37,8 @@ bool IgmpHostProxyAclHelper::isDenyAll(Acl::IpRuleConfig const& rule) {
 
 /// A permitted source is included and a denied one excluded. For any source it is the other way
 /// round, and meant to be: permit any excludes 0.0.0.0, which joins all sources without standing in
-/// the way of specific ones, and deny any mirrors that by including 0.0.0.0.
+/// the way of specific ones, and deny any mirrors that by including 0.0.0.0. Only the address says
+/// which it is, as it was written, also under a mask of zeros.
 IgmpHostProxyAclHelper::Effect IgmpHostProxyAclHelper::effectOf(Acl::IpRuleConfig const& rule) {
     bool const permit = rule.action == Acl::Action::permit;
     Lox::IpAddr const source = rule.filter.source.address();

@@ -217,6 +217,7 @@ void IgmpHostProxyIntfSm::doRemoveAnyExclude(GroupSource* entry, SourceGroup sg)
     IHP_TRACE(6, "Creating local groupSource to restore sources after removing 0.0.0.0"
                  "from excludeSourceList");
     Nex::Ptr<GroupSource> const local = restored(sg.groupAddr);
+    // Only if somebody has counted (*,G) anew, told that it left the exclude list.
     if (local->includeSourceListCount() > 1 && local->includeSourceListHas(anySource)) {
         entry->includeSourceListDelAll();
         entry->excludeSourceListDelAll();

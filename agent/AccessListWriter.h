@@ -3,8 +3,8 @@
 // ones. Each list's rules are replaced as a whole, so its readers look at them once.
 #pragma once
 
+#include "IgmpHostProxy/PlatformState.h"
 #include "agent/AccessListReader.h"
-#include "agent/PlatformState.h"
 
 #include <functional>
 #include <map>

@@ -2,9 +2,9 @@
 // difference to what was written before: what stays is not touched, and so causes no packet.
 #pragma once
 
+#include "IgmpHostProxy/PlatformState.h"
 #include "agent/AccessListWriter.h"
 #include "agent/Configuration.h"
-#include "agent/PlatformState.h"
 
 #include <set>
 #include <string>
@@ -15,7 +15,7 @@ namespace Agent {
 class ConfigurationWriter {
   public:
     /// `state` outlives this.
-    explicit ConfigurationWriter(PlatformState& state)
+    explicit ConfigurationWriter(IgmpHostProxy::PlatformState& state)
         : state_(state),
           accessLists_(*state.aclConfig, [this](std::string const& name) { doDetachList(name); }) {}
 
@@ -47,7 +47,7 @@ class ConfigurationWriter {
     void doRenewWishes(InterfaceConfiguration const& now, IgmpHostProxy::IntfConfig& record);
     bool deniesRoutes(IgmpHostProxy::IntfConfig const& record) const;
 
-    PlatformState& state_;
+    IgmpHostProxy::PlatformState& state_;
     AccessListWriter accessLists_;
     Configuration written_;
     Configuration before_;        ///< in force before that

@@ -2,11 +2,11 @@
 // and the operator, the kernel and the wire.
 #pragma once
 
+#include "IgmpHostProxy/PlatformState.h"
 #include "agent/Configuration.h"
 #include "agent/ConfigurationWriter.h"
 #include "agent/EventLoop.h"
 #include "agent/IgmpHostAgent.h"
-#include "agent/PlatformState.h"
 #include "agent/Vrfs.h"
 
 #include <memory>
@@ -70,7 +70,7 @@ class Daemon {
     Options options_;
     EventLoop loop_;
     LoopTime time_;
-    PlatformState state_;
+    IgmpHostProxy::PlatformState state_;
     ConfigurationWriter writer_;
     Nex::Owned<NexSourceIntfSm> sourceIntfSm_;
     Nex::Ptr<IgmpHostProxy::IgmpHostProxySm> root_;

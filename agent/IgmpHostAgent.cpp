@@ -4,8 +4,8 @@
 
 namespace Agent {
 
-IgmpHostAgent::IgmpHostAgent(PlatformState& state, EventLoop& loop, IgmpHostPort::Locate locate,
-                             Observer observer)
+IgmpHostAgent::IgmpHostAgent(IgmpHostProxy::PlatformState& state, EventLoop& loop,
+                             IgmpHostPort::Locate locate, Observer observer)
     : state_(state), loop_(loop), locate_(std::move(locate)), observer_(std::move(observer)) {
     Nex::watch(hostDir_, state_.hostDir, this);
     for (auto const& item : state_.hostDir->igmpHost()) handleHost(item.key);

@@ -19,7 +19,7 @@ class IgmpHostAgent : public Nex::PtrInterface {
     using Observer = std::function<void(std::string const& name, bool present)>;
 
     /// `state` and `loop` outlive this.
-    IgmpHostAgent(PlatformState& state, EventLoop& loop, IgmpHostPort::Locate locate,
+    IgmpHostAgent(IgmpHostProxy::PlatformState& state, EventLoop& loop, IgmpHostPort::Locate locate,
                   Observer observer);
     ~IgmpHostAgent() override;
 
@@ -44,7 +44,7 @@ class IgmpHostAgent : public Nex::PtrInterface {
 
     void handleHost(Nex::Name const& name);
 
-    PlatformState& state_;
+    IgmpHostProxy::PlatformState& state_;
     EventLoop& loop_;
     IgmpHostPort::Locate locate_;
     Observer observer_;

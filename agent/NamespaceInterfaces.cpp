@@ -6,8 +6,8 @@
 
 namespace Agent {
 
-NamespaceInterfaces::NamespaceInterfaces(PlatformState& state, EventLoop& loop, Place place,
-                                         Owns owns, Observer observer)
+NamespaceInterfaces::NamespaceInterfaces(IgmpHostProxy::PlatformState& state, EventLoop& loop,
+                                         Place place, Owns owns, Observer observer)
     : state_(state),
       loop_(loop),
       place_(std::move(place)),

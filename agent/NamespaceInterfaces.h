@@ -3,9 +3,9 @@
 // link is up and it has an IPv4 address; every interface comes and goes on its own.
 #pragma once
 
+#include "IgmpHostProxy/PlatformState.h"
 #include "agent/EventLoop.h"
 #include "agent/KernelInterfaces.h"
-#include "agent/PlatformState.h"
 
 #include <functional>
 #include <map>
@@ -32,8 +32,8 @@ class NamespaceInterfaces {
     using Observer = std::function<void(std::string const& name)>;
 
     /// Throws std::system_error where the kernel refuses. `state` and `loop` outlive this.
-    NamespaceInterfaces(PlatformState& state, EventLoop& loop, Place place, Owns owns,
-                        Observer observer);
+    NamespaceInterfaces(IgmpHostProxy::PlatformState& state, EventLoop& loop, Place place,
+                        Owns owns, Observer observer);
     ~NamespaceInterfaces();
     NamespaceInterfaces(NamespaceInterfaces const&) = delete;
     NamespaceInterfaces& operator=(NamespaceInterfaces const&) = delete;
@@ -58,7 +58,7 @@ class NamespaceInterfaces {
     void doPublishKernelInterface(int ifindex);
     void doPublishUsable(Lox::IntfId const& intfId, Lox::IpAddr usableAddress);
 
-    PlatformState& state_;
+    IgmpHostProxy::PlatformState& state_;
     EventLoop& loop_;
     Place place_;
     Owns owns_;

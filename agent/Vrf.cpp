@@ -10,7 +10,7 @@
 
 namespace Agent {
 
-Vrf::Vrf(PlatformState& state, EventLoop& loop, std::string name,
+Vrf::Vrf(IgmpHostProxy::PlatformState& state, EventLoop& loop, std::string name,
          std::optional<std::string> namespaceName, Owns owns, Observer observer)
     : state_(state),
       loop_(loop),

@@ -24,7 +24,7 @@ class Vrf {
     /// `namespaceName` as namespaceOpen() takes it; nothing for the agent's own namespace. `state`
     /// and `loop` outlive this. The agent's own namespace is followed at once; throws
     /// std::system_error where the kernel refuses. Another one waits for doRetry().
-    Vrf(PlatformState& state, EventLoop& loop, std::string name,
+    Vrf(IgmpHostProxy::PlatformState& state, EventLoop& loop, std::string name,
         std::optional<std::string> namespaceName, Owns owns, Observer observer);
     ~Vrf();
     /// Takes the interfaces down and forgets the routes.
@@ -53,7 +53,7 @@ class Vrf {
     void handleInterface(std::string const& name);
     void doFilterRoutes();
 
-    PlatformState& state_;
+    IgmpHostProxy::PlatformState& state_;
     EventLoop& loop_;
     L3::VrfName name_;
     std::optional<std::string> namespaceName_;

@@ -18,7 +18,8 @@ std::string placeIn(std::map<std::string, std::string> const& places, std::strin
 
 } // namespace
 
-Vrfs::Vrfs(PlatformState& state, EventLoop& loop, NamespaceInterfaces::Observer observer)
+Vrfs::Vrfs(IgmpHostProxy::PlatformState& state, EventLoop& loop,
+           NamespaceInterfaces::Observer observer)
     : state_(state),
       loop_(loop),
       observer_(std::move(observer)),

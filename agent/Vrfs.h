@@ -15,7 +15,8 @@ class Vrfs {
   public:
     /// `observer` is told the name of an interface that changed. `state` and `loop` outlive this.
     /// Throws std::system_error where the kernel refuses the agent's own namespace.
-    Vrfs(PlatformState& state, EventLoop& loop, NamespaceInterfaces::Observer observer);
+    Vrfs(IgmpHostProxy::PlatformState& state, EventLoop& loop,
+         NamespaceInterfaces::Observer observer);
 
     /// Adds, replaces and removes VRFs, and moves interfaces between them; whatever stays is not
     /// touched.
@@ -40,7 +41,7 @@ class Vrfs {
     void doForget(std::string const& interface);
     void doRetry();
 
-    PlatformState& state_;
+    IgmpHostProxy::PlatformState& state_;
     EventLoop& loop_;
     NamespaceInterfaces::Observer observer_;
     std::map<std::string, std::string> vrfOfInterface_; ///< of those that the configuration names

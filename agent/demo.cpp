@@ -13,22 +13,9 @@ namespace {
 
 using Agent::GroupConfiguration;
 
-/// Publishes the status of each host entity as it is initialised, as a host does.
-class HostStatusPublisher
-    : public Nex::Reactor<Igmp::IgmpHostDir::Notifiee, Igmp::IgmpHostStatusDir> {
-  public:
-    using Reactor::Reactor;
-    void onIgmpHost(Nex::Name name) override {
-        if (notifier()->igmpHost(name)) {
-            machine()->igmpHostStatusIs(name);
-        } else {
-            machine()->igmpHostStatusDel(name);
-        }
-    }
-};
-
 /// An interface of the default VRF that is up, with device and address.
-void makeUsable(Agent::PlatformState& state, std::string const& name, std::uint32_t ifIndex) {
+void makeUsable(IgmpHostProxy::PlatformState& state, std::string const& name,
+                std::uint32_t ifIndex) {
     Lox::IntfId const intfId(name);
     auto const ipConfig = Ip::IpIntfConfig::IpIntfConfigIs(intfId);
     ipConfig->vrfIs(L3::VrfName("default"));
@@ -73,7 +60,7 @@ GroupConfiguration programmed(Igmp::IgmpV3GroupRecord const* record) {
 }
 
 /// Prints one interface and returns whether its three views agree.
-bool show(Agent::PlatformState& state, std::string const& name,
+bool show(IgmpHostProxy::PlatformState& state, std::string const& name,
           Agent::InterfaceConfiguration const& interface) {
     auto* const status = state.status->intfStatus(Lox::IntfId(name));
     auto* const host = state.hostDir->igmpHost(name);
@@ -104,9 +91,9 @@ int main(int argc, char** argv) {
         std::puts(diagnostic.stringValue().c_str());
     if (!reading.valid()) return 1;
 
-    Agent::PlatformState state;
+    IgmpHostProxy::PlatformState state;
     auto const root = state.makeRoot();
-    Nex::Owned<HostStatusPublisher> publisher;
+    Nex::Owned<IgmpHostProxy::HostStatusPublisher> publisher;
     publisher.make(state.hostDir, state.hostStatusDir.get());
     state.mfibDir->keshCollIs(L3::VrfName("default"));
     Agent::ConfigurationWriter(state).configurationIs(reading.configuration);

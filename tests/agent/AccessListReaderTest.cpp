@@ -141,8 +141,8 @@ TEST(AccessListReaderTest, ManyGroupsOnOneInterfaceMustBeAskedFor) {
 }
 
 TEST(AccessListWriterTest, RulesThatMoveKeepTheirIds) {
-    PlatformState state;
-    AccessListWriter writer(*state.aclConfig);
+    IgmpHostProxy::PlatformState state;
+    AccessListWriter writer(*state.aclConfig, [](std::string const&) {});
     auto const rule = [](char const* group) {
         return Acl::IpRuleConfig{Acl::Action::permit,
                                  {{}, IpAddrWithFullMask(IpAddr(group), 0xFFFFFFFF)}};

@@ -224,7 +224,7 @@ TEST_F(KernelRoutesTest, ReadingThatTheKernelGivesUpIsBegunAgain) {
 TEST_F(KernelRoutesTest, ReadinessDoesNotWaitForALongTable) {
     for (unsigned i = 0; i < 3000; ++i) router->routeIs(source, group(i), 0, {1});
     NamespaceScope const inside(space.get());
-    PlatformState state;
+    IgmpHostProxy::PlatformState state;
     Vrfs vrfs(state, loop, [](std::string const&) {});
     Configuration configuration;
     configuration.forwardingTable.incoming = ForwardingTableConfiguration::Incoming::any;
@@ -242,7 +242,7 @@ TEST_F(KernelRoutesTest, ReadinessDoesNotWaitForALongTable) {
 
 TEST_F(KernelRoutesTest, InterfacesThatTheKernelGivesUpAreReadAgain) {
     NamespaceScope const inside(space.get());
-    PlatformState state;
+    IgmpHostProxy::PlatformState state;
     Vrfs vrfs(state, loop, [](std::string const&) {});
     for (int const each : netlinkSockets(true)) deafen(each); // links have come, addresses not yet
     vrfs.configurationIs({});
@@ -252,7 +252,7 @@ TEST_F(KernelRoutesTest, InterfacesThatTheKernelGivesUpAreReadAgain) {
 
 TEST_F(KernelRoutesTest, OnlyConfiguredInterfacesAreWrittenDown) {
     NamespaceScope const inside(space.get());
-    PlatformState state;
+    IgmpHostProxy::PlatformState state;
     Vrfs vrfs(state, loop, [](std::string const&) {});
     auto const written = [&](Configuration const& configuration) {
         vrfs.configurationIs(configuration);

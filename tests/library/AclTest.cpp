@@ -199,6 +199,39 @@ TEST_F(AclTest, AListTakesEffectOnceItIsNamedAndExists) {
     EXPECT_EQ(count(sourceT), 0u);
 }
 
+TEST_F(AclTest, ListsAndRulesAreTakenInOrderWhateverOrderTheyCameIn) {
+    TraceLog trace(7);
+    for (auto const* const list : {"c", "a", "b"}) {
+        attach(list);
+        for (std::uint32_t const sequence : {30u, 10u, 20u})
+            ruleIs(list, sequence, permit(sourceS, Lox::IpAddr::fromHost(0xEF010100 + sequence)),
+                   sequence);
+    }
+    auto const order = [&](std::string const& start) {
+        std::string names;
+        for (auto const& line : trace.take())
+            if (line.starts_with(start)) names += line.substr(start.size()) + " ";
+        return names;
+    };
+    trace.take();
+    restart();
+    EXPECT_EQ(order("7 Creating helper for acl: "), "a b c a b c ");
+    rulesOf("d");
+    attach("d");
+    auto const version = Acl::AclSubConfig::AclSubConfigIs("d");
+    for (std::uint32_t const sequence : {30u, 10u, 20u}) {
+        Acl::UniqueId const id(40 - sequence);
+        version->ipRuleByIdIs(id, permit(sourceS, Lox::IpAddr::fromHost(0xEF010200 + sequence)));
+        version->ruleBySequenceIs(sequence, id);
+    }
+    version->ruleBySequenceIs(5, Acl::UniqueId(99)); // names no rule
+    trace.take();
+    world.aclConfig->acl("d")->currCfgIs(version);
+    EXPECT_EQ(order("7 Adding group "), "239.1.2.10 to status 239.1.2.20 to status "
+                                        "239.1.2.30 to status ");
+    EXPECT_EQ(cachedRules("d"), 3u);
+}
+
 TEST_F(AclTest, NamesWithoutAListAndListsWithoutANameDoNothing) {
     TraceLog trace(7);
     config->aclListIs("nowhere");

@@ -144,8 +144,12 @@ TEST_F(HostBinding, AnySourceInTheIncludeListTogglesTheRecordAway) {
                                    "7 Deleting source : 0.0.0.0 from group : 239.1.1.1"}));
     EXPECT_EQ(announced(), "mode 2"); // the sources come with the next binding only
 
+    std::uint32_t const version = record()->version();
+    trace.take();
     group->excludeSourceListIs(anySource);
-    EXPECT_EQ(announced(), "mode 2"); // excluding any source lists none
+    EXPECT_EQ(announced(), "mode 2");                             // excluding any source lists none
+    EXPECT_EQ(trace.take(), Lines{"7 Changing mode to exclude"}); // and leaves the record alone
+    EXPECT_EQ(record()->version(), version + 1);
     binding().groupSourceListStatus(groupG)->handleIncludeSourceList(anySource);
     EXPECT_EQ(announced(), "0.0.0.0 mode 1"); // the include handler adds it as any other
 }

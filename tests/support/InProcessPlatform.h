@@ -1,50 +1,27 @@
-// A whole platform in the process, for tests, benchmarks and the demonstration: the state that a
-// root machine is given, and short ways to change it as a device would.
+// A whole platform in the process, for tests and benchmarks: the state that a root machine is
+// given, and short ways to change it as a device would.
 #pragma once
 
-#include "IgmpHostProxy/IgmpHostProxySm.h"
+#include "IgmpHostProxy/PlatformState.h"
 
 #include <string>
 
 namespace Support {
 
-/// Publishes a host status for every host entity as it is initialised, as a host agent does.
-class HostStatusPublisher
-    : public Nex::Reactor<Igmp::IgmpHostDir::Notifiee, Igmp::IgmpHostStatusDir> {
-  public:
-    using Reactor::Reactor;
-    void onIgmpHost(Nex::Name name) override {
-        if (notifier()->igmpHost(name)) {
-            machine()->igmpHostStatusIs(name);
-        } else {
-            machine()->igmpHostStatusDel(name);
-        }
-    }
-};
-
-struct InProcessPlatform {
-    InProcessPlatform() {
-        entityManager->factoryIs("KernelNetInfo::Status", [](Nex::String const& path) {
-            return KernelNetInfo::Status::StatusIs(path);
-        });
-        teller.make(sourceIntfSm, this);
-    }
+struct InProcessPlatform : IgmpHostProxy::PlatformState {
+    InProcessPlatform() { teller.make(sourceIntfSm, this); }
     ~InProcessPlatform() { publisher.del(); }
 
     /// Starts the root machine, then the host agent's part: hosts that came up with the root are
     /// published at once.
     void start() {
-        root = IgmpHostProxy::IgmpHostProxySmIs(config, status, mfibDir, aclConfig, hostDir,
-                                                hostStatusDir, clock, sourceIntfSm, ipStatus,
-                                                allIntfStatusDir, allIntfStatusLocalDir,
-                                                allVrfStatusLocal, timerWheel, entityManager);
+        root = makeRoot();
         publisher.make(hostDir, hostStatusDir.get());
         for (auto const& item : hostDir->igmpHost()) publisher->onIgmpHost(item.key);
     }
 
     KernelNetInfo::Status* kni(std::string const& ns = "default") const {
-        auto const* const mounted = entityManager->mounted("kni/ns/" + ns + "/status");
-        return mounted ? dynamic_cast<KernelNetInfo::Status*>(mounted->entity().get()) : nullptr;
+        return PlatformState::kni(Lox::NamespaceName(ns));
     }
     void vrfOfIntf(std::string const& intf, std::string const& vrf) {
         Lox::IntfId const intfId(intf);
@@ -105,30 +82,9 @@ struct InProcessPlatform {
         InProcessPlatform* platform_;
     };
 
-    Nex::Ptr<IgmpHostProxy::Config> config = IgmpHostProxy::Config::ConfigIs("config");
-    Nex::Ptr<IgmpHostProxy::Status> status = IgmpHostProxy::Status::StatusIs("status");
-    Nex::Ptr<Kesh::Multicast::Fib::MfibKeshDir> mfibDir =
-        Kesh::Multicast::Fib::MfibKeshDir::MfibKeshDirIs("mfib");
-    Nex::Ptr<Acl::AclTypeConfig> aclConfig = Acl::AclTypeConfig::AclTypeConfigIs("ip");
-    Nex::Ptr<Igmp::IgmpHostDir> hostDir = Igmp::IgmpHostDir::IgmpHostDirIs("igmpHost");
-    Nex::Ptr<Igmp::IgmpHostStatusDir> hostStatusDir =
-        Igmp::IgmpHostStatusDir::IgmpHostStatusDirIs("igmpHostStatus");
-    Nex::Ptr<Nex::Clock> clock = Nex::Clock::ClockIs();
-    Nex::Ptr<Ip::SourceIntf::SourceIntfSm> sourceIntfSm =
-        Ip::SourceIntf::SourceIntfSm::SourceIntfSmIs();
-    Nex::Ptr<Ip::Status> ipStatus = Ip::Status::StatusIs("ip");
-    Nex::Ptr<Interface::AllIntfStatusDir> allIntfStatusDir =
-        Interface::AllIntfStatusDir::AllIntfStatusDirIs("intf");
-    Nex::Ptr<Interface::AllIntfStatusLocalDir> allIntfStatusLocalDir =
-        Interface::AllIntfStatusLocalDir::AllIntfStatusLocalDirIs("intfLocal");
-    Nex::Ptr<Ip::AllVrfStatusLocal> allVrfStatusLocal =
-        Ip::AllVrfStatusLocal::AllVrfStatusLocalIs("vrf");
-    Nex::Ptr<Olm::TimerWheel> timerWheel = Olm::TimerWheel::TimerWheelIs();
-    Nex::Ptr<Vardo::EntityManager> entityManager = Vardo::EntityManager::EntityManagerIs();
-
     Nex::Map<Lox::IntfId, Lox::IpAddr> addresses;
     Nex::Owned<AddressTeller> teller;
-    Nex::Owned<HostStatusPublisher> publisher;
+    Nex::Owned<IgmpHostProxy::HostStatusPublisher> publisher;
     Nex::Ptr<IgmpHostProxy::IgmpHostProxySm> root;
 };
 

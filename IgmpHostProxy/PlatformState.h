@@ -1,11 +1,10 @@
-// The state that the agent shares with the root machine: every record that the machine is given,
-// under one roof. The agent's modules write it from what the operator and the kernel say, and read
-// from it what is to be announced.
+// The state that a root machine is given, under one roof, for programs that embed the library. They
+// write it from what the operator and the device say, and read from it what is to be announced.
 #pragma once
 
 #include "IgmpHostProxy/IgmpHostProxySm.h"
 
-namespace Agent {
+namespace IgmpHostProxy {
 
 struct PlatformState {
     PlatformState() {
@@ -15,11 +14,10 @@ struct PlatformState {
     }
 
     /// A root machine over this state.
-    Nex::Ptr<IgmpHostProxy::IgmpHostProxySm> makeRoot() const {
-        return IgmpHostProxy::IgmpHostProxySmIs(config, status, mfibDir, aclConfig, hostDir,
-                                                hostStatusDir, clock, sourceIntfSm, ipStatus,
-                                                allIntfStatusDir, allIntfStatusLocalDir,
-                                                allVrfStatusLocal, timerWheel, entityManager);
+    Nex::Ptr<IgmpHostProxySm> makeRoot() const {
+        return IgmpHostProxySmIs(config, status, mfibDir, aclConfig, hostDir, hostStatusDir, clock,
+                                 sourceIntfSm, ipStatus, allIntfStatusDir, allIntfStatusLocalDir,
+                                 allVrfStatusLocal, timerWheel, entityManager);
     }
 
     /// The kernel interface table of a namespace; null until a machine has mounted it.
@@ -29,8 +27,8 @@ struct PlatformState {
         return mounted ? dynamic_cast<KernelNetInfo::Status*>(mounted->entity().get()) : nullptr;
     }
 
-    Nex::Ptr<IgmpHostProxy::Config> config = IgmpHostProxy::Config::ConfigIs("config");
-    Nex::Ptr<IgmpHostProxy::Status> status = IgmpHostProxy::Status::StatusIs("status");
+    Nex::Ptr<Config> config = Config::ConfigIs("config");
+    Nex::Ptr<Status> status = Status::StatusIs("status");
     Nex::Ptr<Kesh::Multicast::Fib::MfibKeshDir> mfibDir =
         Kesh::Multicast::Fib::MfibKeshDir::MfibKeshDirIs("mfib");
     Nex::Ptr<Acl::AclTypeConfig> aclConfig = Acl::AclTypeConfig::AclTypeConfigIs("ip");
@@ -51,4 +49,19 @@ struct PlatformState {
     Nex::Ptr<Vardo::EntityManager> entityManager = Vardo::EntityManager::EntityManagerIs();
 };
 
-} // namespace Agent
+/// Publishes a status for each host entity as it is initialised, which is the least that a host
+/// agent does. For programs without one.
+class HostStatusPublisher
+    : public Nex::Reactor<Igmp::IgmpHostDir::Notifiee, Igmp::IgmpHostStatusDir> {
+  public:
+    using Reactor::Reactor;
+    void onIgmpHost(Nex::Name name) override {
+        if (notifier()->igmpHost(name)) {
+            machine()->igmpHostStatusIs(name);
+        } else {
+            machine()->igmpHostStatusDel(name);
+        }
+    }
+};
+
+} // namespace IgmpHostProxy
