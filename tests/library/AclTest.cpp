@@ -215,7 +215,7 @@ TEST_F(AclTest, ListsAndRulesAreTakenInOrderWhateverOrderTheyCameIn) {
     };
     trace.take();
     restart();
-    EXPECT_EQ(order("7 Creating helper for acl: "), "a b c a b c ");
+    EXPECT_EQ(order("7 Creating helper for acl: "), "a b c c a b "); // then as attached
     rulesOf("d");
     attach("d");
     auto const version = Acl::AclSubConfig::AclSubConfigIs("d");
