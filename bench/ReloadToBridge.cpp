@@ -59,9 +59,10 @@ class BridgeQuery {
 
 constexpr std::uint32_t firstGroup = 0xEF010000; // 239.1.0.0
 
-/// Changes are not repeated while the clock runs.
+/// Changes are not repeated while the clock runs, and as many packets leave as may.
 std::string head(std::string const& more) {
-    return "[interface.up0]\nunsolicited-report-interval = 3600\n" + more;
+    return "[interface.up0]\nunsolicited-report-interval = 3600\npackets-per-100-ms = 10000\n" +
+           more;
 }
 
 std::string singleGroups(std::size_t groups) {
