@@ -49,8 +49,17 @@ void PtrInterface::freeUnusually(void* object, std::size_t bytes) noexcept {
 }
 
 void Slab::refill() {
-    fresh_ = static_cast<std::byte*>(::operator new(chunkBytes));
-    left_ = chunkBytes;
+    Chunk*& next = current_ ? current_->next : first_;
+    if (!next) next = ::new (::operator new(chunkBytes)) Chunk{nullptr};
+    current_ = next;
+    fresh_ = reinterpret_cast<std::byte*>(next) + sizeof(Chunk);
+    left_ = chunkBytes - sizeof(Chunk);
+}
+
+void Slab::startAnew() {
+    free_ = nullptr;
+    current_ = nullptr;
+    left_ = 0;
 }
 
 } // namespace Nex
