@@ -43,6 +43,10 @@ require-router-alert = true
 [interface."eth0.7".group."239.1.1.1"]
 [interface.ssm]
 ssm-only = true
+vrf = "red"
+[vrf.red]
+[vrf.blue]
+namespace = "/proc/1/ns/net"
 )";
 
 TEST(ConfigurationTest, FileBecomesAPlainValue) {
@@ -69,28 +73,12 @@ TEST(ConfigurationTest, FileBecomesAPlainValue) {
     EXPECT_EQ(interfaces.at("eth0.7"), eth);
     InterfaceConfiguration ssm;
     ssm.ssmOnly = true;
+    ssm.vrf = "red";
     EXPECT_EQ(interfaces.at("ssm"), ssm);
     EXPECT_EQ(configurationParse(interfaceText(""), "f").configuration.interfaces.at("up0"),
               InterfaceConfiguration());
-}
-
-TEST(ConfigurationTest, VrfsAndForwardingTableHaveDefaults) {
-    Configuration const given =
-        configurationParse("[vrf.red]\n[vrf.blue]\nnamespace = \"/proc/1/ns/net\"\n"
-                           "[interface.a]\n[interface.b]\nvrf = \"red\"\n[interface.c]\n"
-                           "vrf = \"default\"\n[forwarding-table]\nrequire-output = false\n"
-                           "incoming = \"any\"\n",
-                           "f")
-            .configuration;
-    EXPECT_EQ(given.vrfs,
+    EXPECT_EQ(reading.configuration.vrfs,
               (std::map<std::string, std::string>{{"red", "red"}, {"blue", "/proc/1/ns/net"}}));
-    EXPECT_EQ(given.interfaces.at("a").vrf, "default");
-    EXPECT_EQ(given.interfaces.at("b").vrf, "red");
-    EXPECT_EQ(given.interfaces.at("c").vrf, "default");
-    using Incoming = ForwardingTableConfiguration::Incoming;
-    EXPECT_EQ(given.forwardingTable, (ForwardingTableConfiguration{false, Incoming::any}));
-    EXPECT_EQ(configurationParse("", "f").configuration.forwardingTable,
-              (ForwardingTableConfiguration{true, Incoming::proxyInterface}));
 }
 
 TEST(ConfigurationTest, EveryErrorNamesItsPlaceAndWhatWasExpected) {
