@@ -76,20 +76,8 @@ TEST_F(AgentAccessListTest, EditsTellWhatTheyChangeAndNothingElse) {
         reload(attached + edit.rules);
         EXPECT_EQ(wire->heardAfter(expected), expected) << edit.what;
     }
-    Lines const left{"down0 239.1.1.1 include 10.1.1.1", "down0 239.2.0.0 include 10.1.1.1",
-                     "down0 239.4.0.2 include 10.1.1.1", "down0 239.4.0.3 include 10.1.1.1"};
-    EXPECT_TRUE(learned(left));
-
-    wire->forget();
-    int refused = 0;
-    for (std::string const& bad :
-         {iptv(10, "239.9.0.0"), iptv(60, "239.9.0.0/3"), iptv(60, "239.9.0.0", "10.0.0.0/8")}) {
-        folder.write("ihproxyd.toml", attached + iptv(10, "239.2.0.0") + bad);
-        agent->signal(SIGHUP);
-        EXPECT_TRUE(agent->says("nothing is changed", ++refused)) << bad;
-    }
-    EXPECT_EQ(wire->heardAfter({}), Lines{}) << "a bad file changes nothing";
-    EXPECT_TRUE(learned(left));
+    EXPECT_TRUE(learned({"down0 239.1.1.1 include 10.1.1.1", "down0 239.2.0.0 include 10.1.1.1",
+                         "down0 239.4.0.2 include 10.1.1.1", "down0 239.4.0.3 include 10.1.1.1"}));
 }
 
 TEST_F(AgentAccessListTest, ListIsSharedDetachedAndAttachedAgain) {

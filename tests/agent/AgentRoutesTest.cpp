@@ -2,7 +2,6 @@
 // each VRF, and beside groups that the operator wants.
 #include "agent/AgentFixture.h"
 #include "agent/MulticastRouter.h"
-#include "agent/StaticRouter.h"
 
 #include <optional>
 
@@ -10,6 +9,42 @@ namespace Testing {
 namespace {
 
 using Agent::ip;
+
+/// An smcrouted in a network namespace; it ends with the object.
+class StaticRouter {
+  public:
+    static bool installed() { return std::system("command -v smcrouted >/dev/null") == 0; }
+
+    StaticRouter(std::string const& space, std::string const& configuration) : space_(space) {
+        folder_.write("conf", configuration);
+        std::string const command = "exec ip netns exec " + space_ + " smcrouted -n -N -f " +
+                                    folder_.file("conf") + " -P " + folder_.file("pid") + " -u " +
+                                    folder_.file("sock") + " >/dev/null 2>&1";
+        pid_ = fork();
+        if (pid_ == 0) {
+            execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+            _exit(127);
+        }
+    }
+    ~StaticRouter() {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    StaticRouter(StaticRouter const&) = delete;
+    StaticRouter& operator=(StaticRouter const&) = delete;
+
+    /// Whether it takes the command of smcroutectl.
+    bool control(std::string const& command) const {
+        return std::system(("ip netns exec " + space_ + " smcroutectl -u " + folder_.file("sock") +
+                            " " + command + " >/dev/null 2>&1")
+                               .c_str()) == 0;
+    }
+
+  private:
+    Folder const folder_;
+    std::string space_;
+    pid_t pid_ = -1;
+};
 
 /// The router of a near namespace: traffic comes in by the upstream interface and goes out by out0.
 class RoutedNetns {
@@ -49,13 +84,13 @@ class AgentRoutesTest : public AgentTest {
 };
 
 TEST_F(AgentRoutesTest, RoutesOfADaemonReachTheUpstreamRouterAndLeaveIt) {
-    if (!Agent::StaticRouter::installed()) GTEST_SKIP() << "no smcrouted";
+    if (!StaticRouter::installed()) GTEST_SKIP() << "no smcrouted";
     near->routerDel();
     start(groupsOn("up0", ""));
     {
-        Agent::StaticRouter const daemon(net->nearName(), "phyint up0 enable\nphyint out0 enable\n"
-                                                          "mroute from up0 group 239.1.1.1 source "
-                                                          "10.0.0.1 to out0\n");
+        StaticRouter const daemon(net->nearName(), "phyint up0 enable\nphyint out0 enable\n"
+                                                   "mroute from up0 group 239.1.1.1 source "
+                                                   "10.0.0.1 to out0\n");
         EXPECT_TRUE(learned({"down0 239.1.1.1 include 10.0.0.1"}));
         ASSERT_TRUE(waitUntil([&] { return daemon.control("add up0 10.0.0.2 239.1.1.1 out0"); }));
         EXPECT_TRUE(daemon.control("add up0 10.0.0.2 239.1.1.2 out0"));
@@ -138,17 +173,12 @@ TEST_F(AgentRoutesTest, GroupThatTheOperatorReleasesComesBackFromTheTable) {
          {}},
         {"both of the file", attached + rule(10, "239.1.1.2/31"), {"1", "8", "8", "1"}, {}},
         {"half of the range", attached + rule(10, "239.1.1.3"), {"1", "1", "8", "1"}, {}},
-        {"another rule",
-         attached + rule(10, "239.1.1.3") + rule(20, "239.1.1.4"),
-         {"1", "1", "8", "8"},
-         {}},
-        {"one rule of two", attached + rule(20, "239.1.1.4"), {"1", "1", "1", "8"}, {}},
-        {"the list", groupsOn("up0", "") + rule(20, "239.1.1.4"), {"1", "1", "1", "1"}, {}},
+        {"the list", groupsOn("up0", "") + rule(10, "239.1.1.3"), {"1", "1", "1", "1"}, {}},
         {"the list again",
          attached + rule(20, "239.1.1.2/31") + rule(30, "239.1.1.6/31"),
          {"1", "8", "8", "1"},
          {"6 include 10.0.0.8", "7 include 10.0.0.8"}},
-        {"one rule of two again", attached + rule(20, "239.1.1.2/31"), {"1", "8", "8", "1"}, {}},
+        {"one rule of two", attached + rule(20, "239.1.1.2/31"), {"1", "8", "8", "1"}, {}},
         {"all rules", attached, {"1", "1", "1", "1"}, {"6 include 10.0.0.1"}},
     };
     start(groupsOn("up0", ""));
@@ -158,7 +188,7 @@ TEST_F(AgentRoutesTest, GroupThatTheOperatorReleasesComesBackFromTheTable) {
         Lines expected = table(step.sources);
         for (std::string const& other : step.others) expected.push_back("down0 239.1.1." + other);
         EXPECT_TRUE(learned(expected)) << step.what;
-        if (step.what != std::string("one rule of two again")) continue;
+        if (step.what != std::string("one rule of two")) continue;
         near->routeIs("10.0.0.1", "239.1.1.6"); // a route of a group that was released before
         expected.push_back("down0 239.1.1.6 include 10.0.0.1");
         EXPECT_TRUE(learned(expected));
@@ -210,6 +240,8 @@ class AgentVrfTest : public AgentRoutesTest {
                    "mcast_query_response_interval 20");
         doRename();
         redNear.emplace(*red, "up1");
+        near->routeIs("10.0.0.3", "239.1.1.2");
+        redNear->routeIs("10.0.0.4", "239.1.1.2");
     }
     void doRename() const {
         red->nearIp("link set up0 down name up1");
@@ -241,8 +273,6 @@ Lines const hereLearned{"down0 239.1.1.1 include 10.0.0.1", "down0 239.1.1.2 inc
 Lines const thereLearned{"down0 239.1.1.1 include 10.0.0.2", "down0 239.1.1.2 include 10.0.0.4"};
 
 TEST_F(AgentVrfTest, VrfsWithTheSameAddressesAndGroupsDoNotMix) {
-    near->routeIs("10.0.0.3", "239.1.1.2");
-    redNear->routeIs("10.0.0.4", "239.1.1.2");
     start(here + inRed(there));
     ASSERT_TRUE(wire->hears(hereTold));
     EXPECT_TRUE(learned(hereLearned));
@@ -261,8 +291,6 @@ TEST_F(AgentVrfTest, VrfsWithTheSameAddressesAndGroupsDoNotMix) {
 }
 
 TEST_F(AgentVrfTest, NamespaceThatIsDeletedAndMadeAgainHeals) {
-    near->routeIs("10.0.0.3", "239.1.1.2");
-    redNear->routeIs("10.0.0.4", "239.1.1.2");
     start(here + inRed(there));
     ASSERT_TRUE(wire->hears(hereTold));
     EXPECT_TRUE(redLearned(thereLearned));
@@ -292,8 +320,6 @@ TEST_F(AgentVrfTest, NamespaceThatIsDeletedAndMadeAgainHeals) {
 }
 
 TEST_F(AgentVrfTest, ReloadAddsAndRemovesVrfsBesideOthers) {
-    near->routeIs("10.0.0.3", "239.1.1.2");
-    redNear->routeIs("10.0.0.4", "239.1.1.2");
     start(here);
     ASSERT_TRUE(wire->hears(hereTold));
     std::size_t const descriptors = agent->openDescriptors();

@@ -83,31 +83,6 @@ TEST_F(AgentTest, ReloadTellsTheDifferenceAndNothingElse) {
     EXPECT_EQ(wire->heardAfter({}), Lines{}) << "nothing has changed";
 }
 
-TEST_F(AgentTest, GroupGoesFromEachKindOfWishToEachOther) {
-    struct {
-        char const* sources;
-        char const* learned;
-    } const kinds[] = {{"", " exclude"},
-                       {"include = ['10.0.0.1', '10.0.0.2']", " include 10.0.0.1,10.0.0.2"},
-                       {"exclude = ['10.0.0.1', '10.0.0.3']", " exclude 10.0.0.1,10.0.0.3"},
-                       {"include = ['10.0.0.3']", " include 10.0.0.3"},
-                       {"exclude = ['10.0.0.2', '10.0.0.9']", " exclude 10.0.0.2,10.0.0.9"}};
-    auto const text = [](auto const& kind) {
-        return groupsOn("up0", "'239.1.1.1' = {" + std::string(kind.sources) + "}\n");
-    };
-    start(text(kinds[0]));
-    // With each stride a round over all kinds, and so from each to each.
-    std::size_t at = 0;
-    for (std::size_t stride = 1; stride < std::size(kinds); ++stride) {
-        for (std::size_t i = 0; i < std::size(kinds); ++i) {
-            auto const& from = kinds[std::exchange(at, (at + stride) % std::size(kinds))];
-            reload(text(kinds[at]));
-            EXPECT_TRUE(learned({std::string("down0 239.1.1.1") + kinds[at].learned}))
-                << from.sources << " -> " << kinds[at].sources;
-        }
-    }
-}
-
 TEST_F(AgentTest, InterfaceTakenOutOfTheFileLeavesItsGroupsAndComesBack) {
     start(groupsOn("up0", threeGroups));
     ASSERT_EQ(wire->heardAfter(threeJoined), threeJoined);
@@ -133,8 +108,6 @@ TEST_F(AgentTest, BadFileChangesNothingAndIsLoggedWithItsPlaces) {
     };
     folder.write("ihproxyd.toml", "[interface.up0\n");
     EXPECT_TRUE(refuses("error: " + file + ":1:15: error: "));
-    folder.write("ihproxyd.toml", groupsOn("up0", "'239.1.1.5' = {}\n'10.0.0.1' = {}\n"));
-    EXPECT_TRUE(refuses("error: " + file + ":6:1: error: "));
     folder.write("ihproxyd.toml", std::string("\0\x1b[2J\xff", 6));
     EXPECT_TRUE(refuses("error: " + file + ":1:"));
     std::filesystem::remove(file);
@@ -166,34 +139,24 @@ TEST_F(AgentTest, NamespaceThatOnlyItsProcessNamesIsRefusedWithAdvice) {
     EXPECT_TRUE(agent->says("Permission denied; expected a name, as `ip netns attach"));
 }
 
-TEST_F(AgentTest, BadFileAtTheStartIsRefused) {
-    folder.write("bad", "\n[interface.up0]\nigmp-version = 4\n");
-    AgentProcess process(folder, net->nearName(), {"--config", folder.file("bad")});
-    EXPECT_EQ(process.exitStatus(), 1);
-    EXPECT_NE(process.output().find(folder.file("bad") + ":3:16: error: "), std::string::npos)
-        << process.output();
-    EXPECT_EQ(process.output().find("ready"), std::string::npos);
-}
-
-TEST_F(AgentTest, CheckReportsAllErrorsAndNothingElse) {
+TEST_F(AgentTest, BadFileAtTheStartOrInACheckIsRefusedWithItsPlaces) {
+    std::string const bad =
+        "[interface.up0]\ncolour = 1\nigmp-version = 0\n[interface.up0.group]\n'1.2.3.4' = {}\n";
     struct {
+        char const* option;
         std::string text;
         int status;
-        Lines places;
-    } const files[] = {
-        {groupsOn("up0", threeGroups), 0, {}},
-        {"", 0, {}},
-        {"[interface.up0]\ncolour = 1\nigmp-version = 0\n[interface.up0.group]\n'1.2.3.4' = {}\n",
-         1,
-         {":2:1: ", ":3:16: ", ":5:1: "}}};
-    for (auto const& file : files) {
+    } const runs[] = {
+        {"--check", groupsOn("up0", threeGroups), 0}, {"--check", bad, 1}, {"--config", bad, 1}};
+    for (auto const& run : runs) {
         Folder const own;
-        own.write("file", file.text);
-        AgentProcess process(own, net->nearName(), {"--check", own.file("file")});
-        EXPECT_EQ(process.exitStatus(), file.status) << file.text;
-        for (std::string const& place : file.places)
-            EXPECT_NE(process.output().find("file" + place + "error: "), std::string::npos)
+        own.write("file", run.text);
+        AgentProcess process(own, net->nearName(), {run.option, own.file("file")});
+        EXPECT_EQ(process.exitStatus(), run.status) << run.option << process.output();
+        for (char const* place : {"file:2:1: error: ", "file:3:16: error: ", "file:5:1: error: "})
+            EXPECT_EQ(process.output().find(place) != std::string::npos, run.status == 1)
                 << place << process.output();
+        EXPECT_EQ(process.output().find("ready"), std::string::npos);
     }
     EXPECT_EQ(wire->heardAfter({}), Lines{}) << "a check speaks to no router";
 }

@@ -8,19 +8,6 @@ namespace {
 
 using AlarmTest = LoopFixture;
 
-TEST_F(AlarmTest, AlarmsRingOnceAndNotBeforeTheirDelay) {
-    double const start = EventLoop::now();
-    std::vector<double> rings;
-    Alarm alarm(loop, [&] { rings.push_back(EventLoop::now() - start); });
-    alarm.delayIs(1000);
-    alarm.delayIs(0.02);
-    EXPECT_FALSE(serveUntil([&] { return rings.size() > 1; }, 0.1));
-    ASSERT_EQ(rings.size(), 1u);
-    EXPECT_GE(rings[0], 0.02);
-    alarm.delayIs(0);
-    EXPECT_TRUE(serveUntil([&] { return rings.size() == 2; }, 1));
-}
-
 TEST_F(AlarmTest, AlarmPutOffByItsNeighbourInTheSameTurnRingsLater) {
     std::vector<double> rings;
     auto const ring = [&](Alarm& other) {

@@ -64,18 +64,6 @@ TEST_F(EventLoopTest, HandlerMayRemoveItself) {
     EXPECT_EQ(calls, "abbb");
 }
 
-TEST_F(EventLoopTest, RemovedNeighbourIsNotCalledInTheSameTurn) {
-    ReadyPipe a, b;
-    auto const other = [&](ReadyPipe& self) { return self.fd() == a.fd() ? b.fd() : a.fd(); };
-    for (ReadyPipe* each : {&a, &b})
-        loop.descriptorIs(each->fd(), EPOLLIN, [&, each](std::uint32_t) {
-            loop.descriptorDel(other(*each));
-            calls += 'x';
-        });
-    doTurns(1);
-    EXPECT_EQ(calls, "x");
-}
-
 TEST_F(EventLoopTest, EventOfAClosedDescriptorIsNotTakenForItsSuccessors) {
     ReadyPipe a, b, quiet;
     char byte;
@@ -120,27 +108,6 @@ TEST_F(EventLoopTest, ExceptionsAreLoggedAndTheLoopGoesOn) {
     EXPECT_EQ(turn, 2);
 }
 
-TEST_F(EventLoopTest, TimeIsToldWhenTheExpiryIsReachedAndNotBefore) {
-    double const start = EventLoop::now();
-    std::vector<double> expiries{start - 5, start + 0.02, start + 0.05};
-    std::vector<double> told;
-    loop.timeIs(
-        [&]() -> std::optional<double> {
-            if (expiries.empty()) return std::nullopt;
-            return expiries.front();
-        },
-        [&](double now) {
-            EXPECT_GE(now, expiries.front());
-            told.push_back(now);
-            expiries.erase(expiries.begin());
-            if (expiries.empty()) loop.stopIs(3);
-        });
-    EXPECT_EQ(loop.run(), 3);
-    ASSERT_EQ(told.size(), 3u);
-    EXPECT_LT(told[0], start + 0.02);
-    EXPECT_LT(told[2], start + 5);
-}
-
 TEST_F(EventLoopTest, ExpiryThatComesNearerIsKept) {
     ReadyPipe a;
     double const start = EventLoop::now();
@@ -155,21 +122,6 @@ TEST_F(EventLoopTest, ExpiryThatComesNearerIsKept) {
     EXPECT_LT(EventLoop::now(), start + 10);
 }
 
-TEST_F(EventLoopTest, SignalsBecomeCallsAndStopEndsTheTurn) {
-    loop.signalIs(SIGUSR1, [&] { calls += '1'; });
-    loop.signalIs(SIGTERM, [&] {
-        calls += 'T';
-        loop.stopIs(4);
-        loop.stopIs(5);
-    });
-    loop.endOfTurnIs([&] { calls += '.'; });
-    raise(SIGUSR1);
-    raise(SIGUSR1);
-    raise(SIGTERM);
-    EXPECT_EQ(loop.run(), 4);
-    EXPECT_EQ(calls, "1T.");
-}
-
 TEST_F(EventLoopTest, SignalSentWithoutEndStarvesNoOther) {
     loop.signalIs(SIGTERM, [&] { loop.stopIs(4); });
     loop.signalIs(SIGHUP, [&] {
@@ -181,13 +133,6 @@ TEST_F(EventLoopTest, SignalSentWithoutEndStarvesNoOther) {
     raise(SIGHUP);
     EXPECT_EQ(loop.run(), 4);
     EXPECT_EQ(calls, "H.H.H..") << "a call in each turn, and none beside the end";
-}
-
-TEST_F(EventLoopTest, DescriptorThatCannotBeWaitedForIsRefused) {
-    FileDescriptor const file(memfd_create("plain", 0));
-    EXPECT_THROW(loop.descriptorIs(file.get(), EPOLLIN, [](std::uint32_t) {}), std::system_error);
-    EXPECT_THROW(loop.descriptorIs(-1, EPOLLIN, [](std::uint32_t) {}), std::system_error);
-    loop.descriptorDel(file.get());
 }
 
 } // namespace

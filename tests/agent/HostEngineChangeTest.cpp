@@ -131,16 +131,6 @@ TEST_F(HostEngineChangeTest, LinkThatComesUpAnnouncesTheStateThatIsWantedThen) {
     EXPECT_EQ(pass(9), "") << "other settings say nothing new to the routers";
 }
 
-TEST_F(HostEngineChangeTest, ShutdownLeavesEveryGroupAtOnceWhateverTheBudget) {
-    limit(1);
-    excludeMany("239.2.0.0", 400);
-    settle();
-    engine.leaveAll(now);
-    ASSERT_EQ(sent.size(), 3u);
-    EXPECT_EQ(sent[2].octets, 32u + 8 * (400 - 2 * 183)) << "a TO_IN for each";
-    EXPECT_EQ(engine.nextExpiry(), never);
-}
-
 TEST_F(HostEngineChangeTest, RepeatedLeaveIsInRobustnessPackets) {
     settings.robustness = 3;
     settingsApply();

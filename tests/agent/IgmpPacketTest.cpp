@@ -124,16 +124,6 @@ TEST(IgmpPacketTest, QueriesYieldTheirFields) {
     }
 }
 
-TEST(IgmpPacketTest, CodesGrowWithoutGapUpToTheTop) {
-    EXPECT_EQ(codedValue(0), 0u);
-    EXPECT_EQ(codedValue(255), 31744u);
-    for (unsigned code = 0; code < 255; ++code) {
-        unsigned step = code < 128 ? 1 : 8u << (code - 128) / 16;
-        EXPECT_EQ(codedValue(std::uint8_t(code + 1)), codedValue(std::uint8_t(code)) + step)
-            << code;
-    }
-}
-
 TEST(ReportBuilderTest, ReportsAreFilledAndRecordsSplitButForExcludeLists) {
     std::string shape; // the number of sources of each record, "|" behind each packet
     ReportBuilder report(ip("10.0.0.2"), 1500, [&](std::span<std::uint8_t const> packet) {

@@ -1,6 +1,5 @@
 #include "agent/KernelInterfaces.h"
 
-#include "DeafSocket.h"
 #include "agent/NetworkNamespace.h"
 #include "netns/Netns.h"
 
@@ -56,7 +55,6 @@ class KernelInterfacesTest : public testing::Test {
     }
     int index() const { return followed->interfaceIndex("up0"); }
     KernelInterface const* up0() const { return followed->interface(index()); }
-    std::string address() const { return up0() ? up0()->primaryAddress().stringValue() : "none"; }
 
     /// Waits until the table shows what a newcomer reads of the kernel.
     void expectFresh() {
@@ -87,72 +85,6 @@ class KernelInterfacesTest : public testing::Test {
     std::unique_ptr<KernelInterfaces> followed;
     std::multiset<int> reported;
 };
-
-TEST_F(KernelInterfacesTest, FirstReadingShowsLinksWithTheirAddresses) {
-    EXPECT_EQ(up0()->name, "up0");
-    EXPECT_EQ(up0()->mtu, 1500u);
-    EXPECT_NE(up0()->mac, Lox::EthAddr());
-    EXPECT_EQ(address(), "10.99.0.2");
-    EXPECT_EQ(followed->interfaceIndex("absent"), 0);
-    EXPECT_EQ(followed->interface(12345), nullptr);
-    ASSERT_NE(followed->interfaceIndex("lo"), 0);
-    EXPECT_EQ(followed->interface(followed->interfaceIndex("lo"))->mac, Lox::EthAddr());
-}
-
-TEST_F(KernelInterfacesTest, FlapsOfCarrierAndAdministratorAreTold) {
-    net->carrierIs(false);
-    EXPECT_TRUE(follows([&] { return !up0()->up; }));
-    net->carrierIs(true);
-    EXPECT_TRUE(follows([&] { return up0()->up; }));
-    EXPECT_EQ(address(), "10.99.0.2");
-
-    // Also where both happen before anyone looks.
-    reported.clear();
-    net->nearIp("link set up0 down");
-    net->nearIp("link set up0 up");
-    EXPECT_TRUE(follows([&] { return up0()->up && reported.count(index()) >= 2; }));
-}
-
-TEST_F(KernelInterfacesTest, LostAddressMakesRoomForTheNext) {
-    ipBatch("addr add 10.99.0.3/24 dev up0\naddr add 10.98.0.1/24 dev up0\n");
-    EXPECT_TRUE(follows([&] { return up0()->addresses.size() == 3; }));
-    EXPECT_EQ(address(), "10.99.0.2");
-    net->nearIp("addr del 10.99.0.2/24 dev up0"); // and with it its secondary 10.99.0.3
-    EXPECT_TRUE(follows([&] { return address() == "10.98.0.1"; }));
-    net->nearIp("addr flush dev up0");
-    EXPECT_TRUE(follows([&] { return address() == "0.0.0.0"; }));
-    net->nearIp("addr add 10.99.0.2/24 dev up0");
-    EXPECT_TRUE(follows([&] { return address() == "10.99.0.2"; }));
-    expectFresh();
-}
-
-TEST_F(KernelInterfacesTest, RenamedInterfaceKeepsItsIndex) {
-    int const before = index();
-    net->nearIp("link set up0 down name up1");
-    EXPECT_TRUE(follows([&] { return followed->interfaceIndex("up1") == before; }));
-    EXPECT_EQ(index(), 0);
-    EXPECT_GE(reported.count(before), 1u);
-}
-
-TEST_F(KernelInterfacesTest, InterfaceThatComesBackHasANewIndex) {
-    int const before = index();
-    net->upstreamDel();
-    EXPECT_TRUE(follows([&] { return index() == 0; }));
-    EXPECT_EQ(followed->interface(before), nullptr);
-    net->upstreamIs();
-    EXPECT_TRUE(follows([&] { return index() != 0 && up0()->up && address() == "10.99.0.2"; }));
-    EXPECT_NE(index(), before);
-    EXPECT_GE(reported.count(before), 1u);
-    EXPECT_GE(reported.count(index()), 1u);
-    expectFresh();
-}
-
-TEST_F(KernelInterfacesTest, InterfaceThatLeavesItsBridgeIsStillThere) {
-    ipBatch("link add br7 type bridge\nlink set up0 master br7\nlink set up0 nomaster\n"
-            "link set up0 mtu 1400\n");
-    EXPECT_TRUE(follows([&] { return up0() == nullptr || up0()->mtu == 1400; }));
-    EXPECT_EQ(address(), "10.99.0.2");
-}
 
 TEST_F(KernelInterfacesTest, AnyOrderOfChangesLeadsToWhatTheKernelShows) {
     {
@@ -205,28 +137,6 @@ TEST_F(KernelInterfacesTest, AfterAnOverrunOnlyDifferencesAreTold) {
     EXPECT_EQ(reported.count(index()), 0u);
 }
 
-TEST_F(KernelInterfacesTest, ReadingThatTheKernelGivesUpIsBegunOnAnotherSocket) {
-    EXPECT_FALSE(followed->stalled());
-    int const size = 1; // the kernel takes its minimum
-    ASSERT_EQ(setsockopt(followed->fd(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size), 0);
-    std::string lines;
-    for (int i = 0; i < 200; ++i)
-        lines += "link set lo mtu " + std::to_string(60000 + i % 2) + "\n";
-    ipBatch(lines);
-    deafen(followed->fd());
-    net->nearIp("addr add 10.98.0.1/24 dev up0");
-    testing::internal::CaptureStderr();
-    followed->receive(); // what is lost, and so asks for a reading
-    testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(followed->stalled());
-    EXPECT_EQ(address(), "10.99.0.2") << "what is known stays";
-    followed->doReopen();
-    EXPECT_FALSE(followed->stalled());
-    expectFresh();
-    net->nearIp("addr del 10.98.0.1/24 dev up0");
-    EXPECT_TRUE(follows([&] { return up0()->addresses.size() == 1; })) << "subscribed again";
-}
-
 TEST_F(KernelInterfacesTest, RefusedDumpIsToldByTheSocketAndLoggedOnce) {
     struct Reader : Netlink::Observer {
         void onMessage(nlmsghdr const&, bool) override {}
@@ -250,23 +160,6 @@ TEST_F(KernelInterfacesTest, RefusedDumpIsToldByTheSocketAndLoggedOnce) {
     netlink.dumpIs(RTM_GETLINK, ifinfomsg{});
     netlink.receive();
     EXPECT_TRUE(reader.done);
-}
-
-TEST_F(KernelInterfacesTest, ObserverThatThrowsMissesNothing) {
-    int calls = 0;
-    KernelInterfaces thrower(
-        [&](int) {
-            ++calls;
-            throw std::runtime_error("observer");
-        },
-        space.get());
-    testing::internal::CaptureStderr();
-    EXPECT_TRUE(Testing::waitUntil([&] {
-        thrower.receive();
-        return thrower.synchronized();
-    }));
-    testing::internal::GetCapturedStderr();
-    EXPECT_EQ(calls, int(thrower.interfaces().size()));
 }
 
 } // namespace

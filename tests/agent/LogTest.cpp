@@ -20,16 +20,6 @@ TEST(LogTest, LineStaysOneLineWhateverItsText) {
               "warning: name a\\x0a<3>b\\x1b[2J\\xff\nplain\n");
 }
 
-TEST(LogTest, GraverLinesThanTheLevelAreWritten) {
-    testing::internal::CaptureStderr();
-    logLevelIs(LogLevel::warning);
-    log(LogLevel::info, "no");
-    log(LogLevel::error, "yes");
-    logLevelIs(LogLevel::info);
-    log(LogLevel::debug, "no");
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "error: yes\n");
-}
-
 TEST(LogTest, PrefixesAreForTheJournalAlone) {
     testing::internal::CaptureStderr();
     struct stat status {};
@@ -75,16 +65,6 @@ TEST(LogTest, LinesThatNobodyReadsAreLostAndCounted) {
     log(LogLevel::info, "here");
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "warning: 1 lines of the log were lost\nhere\n");
-}
-
-TEST(LogTest, LimitTellsHowManyLinesItHeldBack) {
-    LogLimit limit(60);
-    EXPECT_EQ(limit.admitted(0), 0u);
-    EXPECT_EQ(limit.admitted(1), std::nullopt);
-    EXPECT_EQ(limit.admitted(59.9), std::nullopt);
-    EXPECT_EQ(limit.admitted(60), 2u);
-    EXPECT_EQ(limit.admitted(119), std::nullopt);
-    EXPECT_EQ(limit.admitted(500), 1u);
 }
 
 } // namespace

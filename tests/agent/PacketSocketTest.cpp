@@ -104,20 +104,13 @@ TEST_F(PacketSocketTest, PacketsArriveWholeUnderTheirGroupsLinkAddress) {
         NamespaceScope const scope(space.get());
         wire = FileDescriptor(socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, htons(ETH_P_IP)));
     }
-    Octets const packets[] = {packetTo(0xEF8A0102, 40, 1), packetTo(v3Reports, 1500, 2)};
-    for (Octets const& packet : packets) tx->packetIs(packet);
-    EXPECT_EQ(tx->queued(), 2u);
-    EXPECT_EQ(tx->flush(now), 0);
-    EXPECT_EQ(tx->sent(), 2u);
-    EXPECT_EQ(arrivals(*rx, 2), (std::vector<Octets>{packets[0], packets[1]}));
-
-    Octets const macs[] = {{0x01, 0x00, 0x5e, 0x0a, 0x01, 0x02},
-                           {0x01, 0x00, 0x5e, 0x00, 0x00, 0x16}};
-    for (Octets const& mac : macs) {
-        Octets frame(2000);
-        ASSERT_GT(recv(wire.get(), frame.data(), frame.size(), 0), 14);
-        EXPECT_EQ(Octets(frame.begin(), frame.begin() + 6), mac);
-    }
+    Octets const packet = packetTo(0xEF8A0102, 1500);
+    doSend(packet);
+    EXPECT_EQ(arrivals(*rx, 1), std::vector<Octets>{packet});
+    Octets frame(2000);
+    ASSERT_GT(recv(wire.get(), frame.data(), frame.size(), 0), 14);
+    frame.resize(6);
+    EXPECT_EQ(frame, (Octets{0x01, 0x00, 0x5e, 0x0a, 0x01, 0x02}));
     EXPECT_EQ(arrivals(*tx, 0).size(), 0u) << "own packets do not come back";
     EXPECT_NE(net->nearIp("-d link show rx0").find("allmulti 1"), std::string::npos);
 }
@@ -130,37 +123,6 @@ TEST_F(PacketSocketTest, OnlyIgmpForThisHostOrGroupsPasses) {
     doSend(packetTo(v3Reports, 40, 4));
     EXPECT_EQ(arrivals(*rx, 2),
               (std::vector<Octets>{packetTo(0xFFFFFFFF, 40, 3), packetTo(v3Reports, 40, 4)}));
-}
-
-TEST_F(PacketSocketTest, LongBurstArrivesInOrder) {
-    int const room = 16 << 20;
-    ASSERT_EQ(setsockopt(rx->fd(), SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room), 0);
-    std::vector<Octets> burst;
-    for (int i = 0; i < 1000; ++i) {
-        burst.push_back(packetTo(v3Reports, 1500, std::uint8_t(i)));
-        burst.back()[40] = std::uint8_t(i >> 8);
-        tx->packetIs(burst.back());
-    }
-    EXPECT_EQ(tx->flush(now), 0);
-    EXPECT_EQ(tx->sent(), 1000u);
-    EXPECT_TRUE(arrivals(*rx, 1000) == burst);
-}
-
-TEST_F(PacketSocketTest, TooLongPacketIsCountedAndNotHandedOn) {
-    net->nearIp("link set tx0 mtu 20000");
-    net->nearIp("link set rx0 mtu 20000");
-    doSend(packetTo(v3Reports, 9217, 1));
-    doSend(packetTo(v3Reports, 9216, 2));
-    EXPECT_EQ(arrivals(*rx, 1), std::vector<Octets>{packetTo(v3Reports, 9216, 2)});
-    EXPECT_EQ(rx->truncated(), 1u);
-}
-
-TEST_F(PacketSocketTest, PacketWithoutAGroupIsDropped) {
-    tx->packetIs({});
-    tx->packetIs(Octets(19, 0xE0));
-    tx->packetIs(packetTo(0x0A000001, 40));
-    EXPECT_EQ(tx->queued(), 0u);
-    EXPECT_EQ(tx->dropped(), 3u);
 }
 
 TEST_F(PacketSocketTest, OnePacketBeyondTheMtuDoesNotHoldUpTheOthers) {
@@ -206,38 +168,6 @@ TEST_F(PacketSocketTest, PacketsThatTheInterfaceKeepsRefusingAreGivenUp) {
     EXPECT_EQ(arrivals(*rx, 1).size(), 1u);
     EXPECT_EQ(tx->dropped(), 3u);
     EXPECT_EQ(tx->dropError(), ENOBUFS);
-}
-
-TEST_F(PacketSocketTest, SocketSurvivesItsInterfaceGoingDownAndUp) {
-    net->nearIp("link set tx0 down");
-    tx->packetIs(packetTo(v3Reports, 40, 1));
-    tx->packetIs(packetTo(v3Reports, 40, 2));
-    EXPECT_EQ(tx->flush(now), 0);
-    EXPECT_EQ(tx->dropped(), 2u);
-    EXPECT_EQ(tx->dropError(), ENETDOWN);
-    EXPECT_EQ(tx->queued(), 0u);
-    net->nearIp("link set rx0 down");
-    rx->receive([](auto) { ADD_FAILURE() << "nothing can have arrived"; });
-
-    net->nearIp("link set rx0 up");
-    net->nearIp("link set tx0 up");
-    EXPECT_TRUE(Testing::waitUntil([&] {
-        tx->packetIs(packetTo(v3Reports, 40, 3));
-        tx->flush(now);
-        bool arrived = false;
-        rx->receive([&](auto octets) { arrived |= octets.back() == 3; });
-        return arrived;
-    }));
-}
-
-TEST_F(PacketSocketTest, RemovedInterfaceIsAnErrorAndNoMore) {
-    int const index = indexOf("tx0");
-    net->nearIp("link del tx0");
-    tx->packetIs(packetTo(v3Reports, 40));
-    EXPECT_EQ(tx->flush(now), 0);
-    EXPECT_EQ(tx->dropped(), 1u);
-    tx->receive([](auto) { ADD_FAILURE() << "nothing can have arrived"; });
-    EXPECT_THROW(PacketSocket(index, space.get()), std::system_error);
 }
 
 } // namespace
