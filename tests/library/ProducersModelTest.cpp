@@ -56,7 +56,9 @@ std::ostream& operator<<(std::ostream& out, Drawn const& d) {
 
 /// Ranges, masks with holes, rules that are rejected, and the one that denies everything.
 Acl::IpRuleConfig ruleOf(Drawn const& d) {
-    auto const action = d.first ? Acl::Action::permit : Acl::Action::deny;
+    // An action that nobody knows works as deny, but denies nothing as a whole.
+    auto const other = d.shape == 5 ? Acl::Action(2) : Acl::Action::deny;
+    auto const action = d.first ? Acl::Action::permit : other;
     auto const source = sourceOf(d.source);
     switch (d.shape) {
     case 0:
