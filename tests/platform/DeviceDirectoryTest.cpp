@@ -90,21 +90,6 @@ struct Inputs {
     Nex::Ptr<Reader> reader;
 };
 
-TEST(DeviceDirectory, AnyOrderOfArrivalEndsInTheSameState) {
-    std::array<int, 4> order{0, 1, 2, 3};
-    do {
-        Inputs in;
-        for (int const step : order) {
-            if (step == 0) in.operUp("a", true);
-            if (step == 1) in.local("a", "eth0");
-            if (step == 2) in.kernel(7, "eth0");
-            if (step == 3) in.start();
-        }
-        EXPECT_EQ(in.listed(), "a=eth0 ");
-        EXPECT_EQ(in.take(), order[3] == 3 ? "" : "a=7 ");
-    } while (std::next_permutation(order.begin(), order.end()));
-}
-
 TEST(DeviceDirectory, DeviceThatVanishesIsRenamedOrReindexed) {
     Inputs in;
     in.start();
