@@ -241,9 +241,6 @@ TEST_F(ReviewTimerTest, NothingIsPendingInsideTheReview) {
     EXPECT_EQ(at(1001), "a");
     EXPECT_FALSE(pending);
     EXPECT_EQ(a->timeMin(), 1002) << "asked for from inside";
-    EXPECT_EQ(timer->lastReviewTime(), 0);
-    timer->lastReviewTimeIs(1001);
-    EXPECT_EQ(timer->lastReviewTime(), 1001);
 }
 
 } // namespace

@@ -107,19 +107,6 @@ TEST(DeviceDirectory, DeviceThatVanishesIsRenamedOrReindexed) {
     EXPECT_EQ(in.take(), "a=8 a=0 a=9 ");
     in.kernel(8, "");
     EXPECT_EQ(in.take(), "") << "another device now";
-    in.kernel(10, "eth0");
-    in.kernel(10, "");
-    EXPECT_EQ(in.listed(), "a=eth0 ") << "the device of index 9 is still there";
-    in.take();
-    in.local("a", "eth0", "elsewhere");
-    in.local("a", "eth0");
-    in.operUp("a", false);
-    in.operUp("a", true);
-    EXPECT_EQ(in.take(), "a=0 a=9 a=0 a=9 ");
-    in.all->intfStatusDel(Lox::IntfId("a"));
-    in.operUp("a", true); // another record of that name
-    EXPECT_EQ(in.take(), "a=0 a=9 ");
-    EXPECT_EQ(in.listed(), "a=eth0 ");
 }
 
 TEST(DeviceDirectory, WhatHappensWhileAnInterfaceIsTakenOutCounts) {
