@@ -1,4 +1,5 @@
-// The words of the membership merge: each row is a short history of one group, and what it traces.
+// The membership merge: each row is a short history of one group, and what it leaves
+// or traces.
 #include "Library.h"
 
 namespace IgmpHostProxy {
@@ -27,12 +28,61 @@ class Merge : public OneInterface {
         include ? record->includeSourceListIs(source) : record->excludeSourceListIs(source);
         if (what == '~') config->deletedGroupSourceListDel(groupG);
     }
+    /// As "i1 e23 1:2 *:1": both lists, then the counts; "none" without a status entry.
+    std::string state() {
+        std::string lists = "none", counts;
+        if (auto const* const entry = status->groupSourceList(groupG)) {
+            std::string include, exclude;
+            for (char const name : names) {
+                if (entry->includeSourceListHas(sourceOf(name))) include += name;
+                if (entry->excludeSourceListHas(sourceOf(name))) exclude += name;
+            }
+            lists = "i" + include + " e" + exclude;
+        }
+        for (char const name : names)
+            if (auto const count = machine().groupSourceRefCounter({sourceOf(name), groupG}))
+                counts += std::string(" ") + name + ":" + std::to_string(count);
+        return lists + counts;
+    }
     void forget() {
         config->groupSourceListDel(groupG);
         status->groupSourceListDel(groupG);
         machine().groupSourceRefCounterDelAll();
     }
+
+    static constexpr std::string_view names = "*123";
 };
+
+struct Row {
+    char const* history;
+    char const* state;
+};
+
+// These take several steps about any source of one group, which random histories seldom meet.
+TEST_F(Merge, WhatAnySourceHidIsBackAsItLeaves) {
+    Row const rows[] = {
+        // Without any source in the include list, the sources that it hid are back
+        {"+i* -i*", "none"},
+        {"+i1 +e2 +i* -i*", "i1 e2 1:1 2:1"},
+        {"+i* +i1 +e2 -i*", "i1 e2 1:1 2:1"},
+        {"+i1 +e1 +i* -i*", "i e1 1:2"},
+        {"+i* +i1 ti2 -i*", "i12 e 1:1"},
+        {"+i* +e* -i*", "i e* *:1"},
+        {"+i* +e* +e1 -i*", "i e1 *:1 1:1"},
+        {"+i* +e* +i1 -i*", "i1 e *:1 1:1"},
+        // Without any source in the exclude list, likewise; all references to it are forgotten
+        {"+e* -e*", "none"},
+        {"+i1 +e* -e*", "i1 e 1:1"},
+        {"+i* +e* -e*", "i* e"},
+        {"+i* +e* -e* -i*", "none"},
+        {"+i* +i1 +e* -e*", "i*1 e 1:1"},
+    };
+    for (auto const& row : rows) {
+        run(row.history);
+        EXPECT_EQ(state(), row.state) << row.history;
+        forget();
+    }
+}
 
 struct TraceRow {
     char const* history;
