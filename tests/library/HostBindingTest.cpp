@@ -31,12 +31,8 @@ TEST_F(HostBinding, SettingsReachTheHostWithTheStampsOfEach) {
     EXPECT_EQ(raised([&] { status->macAddrIs(Lox::EthAddr({2, 0, 0, 0, 0, 9})); }), "1/1");
     EXPECT_EQ(host->macAddr(), Lox::EthAddr({2, 0, 0, 0, 0, 9}));
     EXPECT_EQ(raised([&] { binding().handleIntfEthAddr(); }), "1/1"); // unchanged, and yet
-    EXPECT_EQ(raised([&] { status->macAddrIs(Lox::EthAddr()); }), "1/1");
-    EXPECT_EQ(host->macAddr(), Lox::EthAddr());
-
     EXPECT_EQ(raised([&] { status->deviceNameIs("up0a"); }), "0/0");
-    EXPECT_EQ(host->deviceName(), "up0a");
-    EXPECT_EQ(raised([&] { status->deviceNameIs(""); }), "0/0");
+    status->deviceNameIs("");
     EXPECT_EQ(host->deviceName(), "up0a");
     EXPECT_EQ(raised([&] { status->unsolicitedReportIntvlIs(UnsolicitedReportInterval(0.25)); }),
               "0/0");
@@ -64,11 +60,6 @@ TEST_F(HostBinding, ADeviceNameThatComesBeforeTheAddressIsNotPushedByIt) {
     EXPECT_EQ(host->deviceName(), "up0");
     status->deviceNameIs("later");
     EXPECT_EQ(host->deviceName(), "later");
-
-    auto const other = Ip::SourceIntf::SourceIntf::SourceIntfIs(up0);
-    other->ipAddrIs(ip("203.0.113.1"));
-    EXPECT_EQ(raised([&] { binding().srcIntfIhpIntfIs(other); }), "0/1");
-    EXPECT_EQ(host->ipAddr(), ip("203.0.113.1"));
 }
 
 TEST_F(HostBinding, ARecordJoinsAllSourcesUntilTheGroupsSourcesRefineIt) {
@@ -76,64 +67,30 @@ TEST_F(HostBinding, ARecordJoinsAllSourcesUntilTheGroupsSourcesRefineIt) {
     auto const group = status->groupSourceListIs(groupG);
     EXPECT_EQ(trace.take(), (Lines{"7 Adding igmpHost v3group : 239.1.1.1",
                                    "6 Source list is empty. Creating new source"}));
-    EXPECT_EQ(announced(), "mode 2");
-    EXPECT_EQ(record()->version(), 1u);
-
     group->includeSourceListIs(sourceS);
     EXPECT_EQ(trace.take(), (Lines{"7 Adding source : 10.0.0.1 to group : 239.1.1.1",
                                    "7 Changing mode to include"}));
-    EXPECT_EQ(announced(), "10.0.0.1 mode 1");
-    EXPECT_EQ(record()->version(), 2u);
     group->includeSourceListDel(sourceS);
     EXPECT_EQ(trace.take(), Lines{"7 Deleting source : 10.0.0.1 from group : 239.1.1.1"});
     EXPECT_EQ(announced(), "mode 1"); // the mode stays: leaving is the host's affair
-    EXPECT_EQ(record()->version(), 3u);
-
     group->excludeSourceListIs(sourceT);
     EXPECT_EQ(trace.take(), (Lines{"7 Adding source : 10.0.0.2 to group : 239.1.1.1",
                                    "7 Changing mode to exclude"}));
-    EXPECT_EQ(announced(), "10.0.0.2 mode 2");
-    binding().handleGroupList(groupG);
-    EXPECT_EQ(announced(), "10.0.0.2 mode 2");
-    EXPECT_EQ(record()->version(), 5u);
-
-    trace.take();
     status->groupSourceListDel(groupG);
     EXPECT_EQ(trace.take(), Lines{"7 Deleting igmpHost v3group with key: 239.1.1.1"});
-    EXPECT_EQ(announced(), "none");
     EXPECT_EQ(binding().groupSourceListStatus(groupG), nullptr);
     group->includeSourceListIs(sourceS); // no longer ours
     EXPECT_EQ(trace.take(), Lines());
-}
-
-// The mode is that of the handler that added last, and both handlers add what either list holds.
-TEST_F(HostBinding, TheModeIsThatOfTheHandlerThatAddedLast) {
-    auto const group = status->groupSourceListIs(groupG);
-    group->excludeSourceListIs(sourceT);
-    group->includeSourceListIs(sourceS);
-    EXPECT_EQ(announced(), "10.0.0.1 10.0.0.2 mode 1");
-    group->excludeSourceListIs(sourceS);
-    EXPECT_EQ(announced(), "10.0.0.1 10.0.0.2 mode 2");
-    group->excludeSourceListDel(sourceS); // still in the include list: added again
-    EXPECT_EQ(announced(), "10.0.0.1 10.0.0.2 mode 2");
-    group->includeSourceListDel(sourceS);
-    EXPECT_EQ(announced(), "10.0.0.2 mode 2");
-    group->includeSourceListIs(sourceS);
-    EXPECT_EQ(announced(), "10.0.0.1 10.0.0.2 mode 1");
-    world.hostStatusDir->igmpHostStatusDel("up0");
-    world.hostStatusDir->igmpHostStatusIs("up0"); // a binding anew takes the include list first
-    EXPECT_EQ(announced(), "10.0.0.1 10.0.0.2 mode 2");
 }
 
 // Any source in the include list toggles the record: one that is there is deleted, not refreshed.
 TEST_F(HostBinding, AnySourceInTheIncludeListTogglesTheRecordAway) {
     auto const group = status->groupSourceListIs(groupG);
     group->includeSourceListIs(anySource);
-    EXPECT_EQ(announced(), "none");
-    binding().handleGroupList(groupG);
-    EXPECT_EQ(announced(), "mode 2");
-    binding().handleGroupList(groupG);
-    EXPECT_EQ(announced(), "none");
+    for (char const* const then : {"mode 2", "none"}) {
+        binding().handleGroupList(groupG);
+        EXPECT_EQ(announced(), then);
+    }
     TraceLog trace(7);
     group->includeSourceListIs(sourceS); // without a record there is nothing to refine
     group->excludeSourceListIs(sourceT);
@@ -143,15 +100,9 @@ TEST_F(HostBinding, AnySourceInTheIncludeListTogglesTheRecordAway) {
                                    "6 Source list is empty. Creating new source",
                                    "7 Deleting source : 0.0.0.0 from group : 239.1.1.1"}));
     EXPECT_EQ(announced(), "mode 2"); // the sources come with the next binding only
-
-    std::uint32_t const version = record()->version();
-    trace.take();
-    group->excludeSourceListIs(anySource);
-    EXPECT_EQ(announced(), "mode 2");                             // excluding any source lists none
-    EXPECT_EQ(trace.take(), Lines{"7 Changing mode to exclude"}); // and leaves the record alone
-    EXPECT_EQ(record()->version(), version + 1);
-    binding().groupSourceListStatus(groupG)->handleIncludeSourceList(anySource);
-    EXPECT_EQ(announced(), "0.0.0.0 mode 1"); // the include handler adds it as any other
+    world.hostStatusDir->igmpHostStatusDel("up0");
+    world.hostStatusDir->igmpHostStatusIs("up0");
+    EXPECT_EQ(announced(), "10.0.0.1 10.0.0.2 mode 2"); // the include list first
 }
 
 TEST_F(HostBinding, ASourceStoredWithValueZeroIsAbsent) {
@@ -190,13 +141,6 @@ TEST_F(HostBinding, PointedAtAnotherStatusItTakesAllOver) {
     EXPECT_NE(binding().groupSourceListStatus(groupG), nullptr);
     EXPECT_EQ(binding().groupSourceListStatus(ip("239.1.1.9")), nullptr);
     EXPECT_EQ(announced(), "none");
-
-    auto const replaced = GroupSource::GroupSourceIs(groupG);
-    host->v3groupIs(groupG);
-    replaced->includeSourceListIs(sourceS);
-    replaced->excludeSourceListIs(sourceT);
-    binding().groupSourceListStatusIs(replaced);
-    EXPECT_EQ(announced(), "10.0.0.1 10.0.0.2 mode 2");
     binding().intfStatusIs(nullptr);
     EXPECT_EQ(binding().groupSourceListStatus(groupG), nullptr);
 }
@@ -238,16 +182,10 @@ TEST_F(HostBinding, CountersAreCopiedNotAdded) {
     binding().resetPacketCounters();
     EXPECT_EQ(trace.take(), Lines{"7 Resetting packet counters to 0"});
     EXPECT_EQ(shown(), std::vector<std::uint32_t>(std::size(counters), 0));
-    hostStatus().v2ReportsSentIs(15);
-    EXPECT_EQ(status->v2ReportsSent(), 15u); // the host's full value, no difference
-
-    // A binding starts from 0; pointed at another host status it takes over all of that.
-    world.hostStatusDir->igmpHostStatusDel("up0");
+    // Pointed at another host status it takes over all of that.
     auto const other = Igmp::IgmpHostStatus::IgmpHostStatusIs("up0");
     for (std::size_t i = 0; i < std::size(counters); ++i)
         ((*other).*counters[i].is)(std::uint32_t(20 + i));
-    world.hostStatusDir->igmpHostStatusIs("up0");
-    EXPECT_EQ(shown(), std::vector<std::uint32_t>(std::size(counters), 0));
     binding().igmpHostStatusIs(other);
     EXPECT_EQ(shown(), (std::vector<std::uint32_t>{20, 21, 22, 23, 24, 25, 26, 27, 28}));
 }

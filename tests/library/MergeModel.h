@@ -30,8 +30,10 @@ struct ModelLists {
     bool empty() const { return include.addrs.empty() && exclude.addrs.empty(); }
 };
 
-class Model {
+class MergeModel {
   public:
+    virtual ~MergeModel() = default;
+
     void configure(Lox::IpAddr group) {
         if (configured_.try_emplace(group).second) insertStatus(group);
     }
@@ -39,8 +41,7 @@ class Model {
     void configure(Lox::IpAddr group, Lox::IpAddr source, Mode mode) {
         configure(group);
         if (!configured_[group].of(mode).add(source)) return;
-        insertStatus(group);
-        mode == Mode::include ? addInclude(source, group) : addExclude(source, group);
+        add(source, group, mode);
     }
     /// Takes the source out of the configured list, which tells nobody.
     void unconfigure(Lox::IpAddr group, Lox::IpAddr source, Mode mode) {
@@ -74,11 +75,20 @@ class Model {
         return found == host_.end() ? nullptr : &found->second;
     }
 
-  private:
+  protected:
     struct Counted {
         Lox::IpAddr source, group;
         std::uint32_t count;
     };
+
+    /// Whether somebody wants the pair still.
+    virtual bool wanted(Lox::IpAddr source, Lox::IpAddr group, Mode mode) {
+        return configured_.count(group) > 0 && configured_[group].of(mode).has(source);
+    }
+    /// Whether the pair comes back as any source leaves.
+    virtual bool restorable(Lox::IpAddr source, Lox::IpAddr group, Mode mode) {
+        return wanted(source, group, mode);
+    }
 
     // References
     bool groupCounted(Lox::IpAddr group) const {
@@ -103,11 +113,12 @@ class Model {
             return counted.source == source && counted.group == group;
         });
     }
-    bool wanted(Lox::IpAddr source, Lox::IpAddr group, Mode mode) {
-        return configured_.count(group) > 0 && configured_[group].of(mode).has(source);
-    }
 
     // The merge
+    void add(Lox::IpAddr source, Lox::IpAddr group, Mode mode) {
+        insertStatus(group);
+        mode == Mode::include ? addInclude(source, group) : addExclude(source, group);
+    }
     void addInclude(Lox::IpAddr source, Lox::IpAddr group) {
         ModelLists& entry = status_[group];
         if (!groupCounted(group)) delAllSources(group);
@@ -163,8 +174,7 @@ class Model {
     void removeExclude(Lox::IpAddr source, Lox::IpAddr group) {
         if (count(source, group) == 0) {
             if (source == anySource) {
-                delUncounted(group, Mode::include);
-                delUncounted(group, Mode::exclude);
+                delUncounted(group);
             } else {
                 delSource(group, source, Mode::exclude);
             }
@@ -196,9 +206,9 @@ class Model {
         ModelLists local;
         for (auto const& counted : counts_) {
             if (counted.group != group) continue;
-            if (wanted(counted.source, group, Mode::exclude)) {
+            if (restorable(counted.source, group, Mode::exclude)) {
                 local.exclude.add(counted.source);
-            } else if (wanted(counted.source, group, Mode::include)) {
+            } else if (restorable(counted.source, group, Mode::include)) {
                 local.include.add(counted.source);
             }
         }
@@ -213,10 +223,11 @@ class Model {
     void insertStatus(Lox::IpAddr group) {
         if (status_.try_emplace(group).second) announce(group);
     }
+    void eraseStatus(Lox::IpAddr group) {
+        if (status_.erase(group) > 0) announce(group);
+    }
     void eraseIfEmpty(Lox::IpAddr group) {
-        if (status_.count(group) == 0 || !status_[group].empty()) return;
-        status_.erase(group);
-        announce(group);
+        if (status_.count(group) > 0 && status_[group].empty()) eraseStatus(group);
     }
     void addSource(Lox::IpAddr group, Lox::IpAddr source, Mode mode) {
         if (status_.count(group) > 0 && status_[group].of(mode).add(source))
@@ -226,15 +237,19 @@ class Model {
         if (status_.count(group) > 0 && status_[group].of(mode).del(source))
             program(group, source, mode);
     }
+    void delSources(Lox::IpAddr group, Mode mode) {
+        for (auto const source : std::vector(status_[group].of(mode).addrs))
+            delSource(group, source, mode);
+    }
     void delAllSources(Lox::IpAddr group) {
+        delSources(group, Mode::include);
+        delSources(group, Mode::exclude);
+    }
+    void delUncounted(Lox::IpAddr group) {
+        if (status_.count(group) == 0) return;
         for (Mode const mode : {Mode::include, Mode::exclude})
             for (auto const source : std::vector(status_[group].of(mode).addrs))
-                delSource(group, source, mode);
-    }
-    void delUncounted(Lox::IpAddr group, Mode mode) {
-        if (status_.count(group) == 0) return;
-        for (auto const source : std::vector(status_[group].of(mode).addrs))
-            if (count(source, group) == 0) delSource(group, source, mode);
+                if (count(source, group) == 0) delSource(group, source, mode);
     }
 
     // The host

@@ -41,15 +41,12 @@ struct HostWatch : GroupWatch<Igmp::IgmpHost> {
 class NestedChange : public Producers {
   protected:
     /// Has `act` done within the notification that tells of the group.
-    void when(Lox::IpAddr group, bool present, std::function<void()> act) {
-        watch_.make(status, [=](Lox::IpAddr told, bool isPresent) {
-            bool const meant = told == group && isPresent == present;
+    void whenAnnounced(Lox::IpAddr group, std::function<void()> act) {
+        watch_.make(status, [=](Lox::IpAddr told, bool present) {
+            bool const meant = told == group && present;
             if (meant) act();
             return meant;
         });
-    }
-    void whenAnnounced(Lox::IpAddr group, std::function<void()> act) {
-        when(group, true, std::move(act));
     }
 
   private:
@@ -127,6 +124,20 @@ TEST_F(NestedChange, ARuleOrListThatGoesWhileItIsAppliedLeavesNothing) {
         EXPECT_EQ(machine().groupSourceRefCounter().groupCount(), 0u);
         world.aclConfig->aclDel("iptv");
     }
+}
+
+TEST_F(NestedChange, ARuleThatIsAddedWhileAnotherIsAppliedStays) {
+    config->aclListIs("iptv");
+    ruleIs("iptv", 1, permit(sourceS, ip("239.1.1.9")));
+    whenAnnounced(groupG, [&] {
+        ruleIs("iptv", 5, permit(sourceT, ip("239.1.1.5")));
+        ruleDel("iptv", 1);
+    });
+    ruleIs("iptv", 2, permit(sourceS, groupG));
+    EXPECT_EQ(announced(), "include 10.0.0.1 exclude");
+    EXPECT_EQ(announced(ip("239.1.1.5")), "include 10.0.0.2 exclude");
+    EXPECT_EQ(announced(ip("239.1.1.9")), "absent");
+    EXPECT_EQ(cachedRules(), 2u);
 }
 
 TEST_F(NestedChange, RoutesThatAreWantedAgainDuringASliceAreSyncedAgain) {

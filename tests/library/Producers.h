@@ -36,58 +36,14 @@ inline std::string sourcesOf(GroupSource const* groupSource) {
     return text;
 }
 
-/// Counts what is told of an interface's groups while it lives; each group's sources, too, from
-/// the time that the group is there.
-class AnnouncementWatch {
-  public:
-    explicit AnnouncementWatch(IntfStatus* status) {
-        groups_.make(status, this);
-        for (auto const& item : status->groupSourceList()) doWatch(item.value);
-    }
-
-    unsigned notifications() const { return notifications_; }
-    unsigned removedGroups() const { return removedGroups_; }
-
-  private:
-    /// No reactor here belongs to a machine.
-    static constexpr Nex::PtrInterface* nobody = nullptr;
-
-    class Groups : public Nex::Reactor<IntfStatus::NotifieeConst, Nex::PtrInterface> {
-      public:
-        Groups(Nex::Ptr<IntfStatus const> status, AnnouncementWatch* watch)
-            : Reactor(std::move(status), nobody), watch_(watch) {}
-        void onGroupSourceList(Lox::IpAddr group) override {
-            ++watch_->notifications_;
-            if (GroupSource const* const entry = notifier()->groupSourceList(group)) {
-                watch_->doWatch(entry);
-            } else {
-                ++watch_->removedGroups_;
-            }
-        }
-
-      private:
-        AnnouncementWatch* watch_;
-    };
-    class Sources : public Nex::Reactor<GroupSource::NotifieeConst, Nex::PtrInterface> {
-      public:
-        Sources(Nex::Ptr<GroupSource const> groupSource, AnnouncementWatch* watch)
-            : Reactor(std::move(groupSource), nobody), watch_(watch) {}
-        void onIncludeSourceList(Lox::IpAddr) override { ++watch_->notifications_; }
-        void onExcludeSourceList(Lox::IpAddr) override { ++watch_->notifications_; }
-
-      private:
-        AnnouncementWatch* watch_;
-    };
-
-    void doWatch(Nex::Ptr<GroupSource const> const& entry) {
-        sources_.emplace_back(std::make_unique<Nex::Owned<Sources>>())->make(entry, this);
-    }
-
-    unsigned notifications_ = 0;
-    unsigned removedGroups_ = 0;
-    Nex::Owned<Groups> groups_;
-    std::vector<std::unique_ptr<Nex::Owned<Sources>>> sources_;
-};
+/// How many lines show a group or a source of a group that was told to the host anew.
+inline std::ptrdiff_t toldToHost(Lines const& lines) {
+    return std::count_if(lines.begin(), lines.end(), [](std::string const& line) {
+        return line.find(" igmpHost v3group") != line.npos ||
+               line.find(" Changing mode to ") != line.npos ||
+               line.find(" Deleting source : ") != line.npos;
+    });
+}
 
 /// Interface up0 with the means to write access lists and routes. Nothing is reviewed but when a
 /// test moves the time on or calls for it.

@@ -1,5 +1,5 @@
 // One interface with all that can ask it for groups, as plain lists: configuration, access lists,
-// routes. Slow and without sharing between the rules, so that each can be read against its wording.
+// routes.
 //
 // A review has time for one route of the full sync and for one changed route.
 #pragma once
@@ -13,7 +13,7 @@
 
 namespace IgmpHostProxy {
 
-class ProducersModel {
+class ProducersModel : public MergeModel {
   public:
     /// All groups that routes and configuration speak of, in ascending order.
     explicit ProducersModel(std::vector<Lox::IpAddr> groups) : groups_(std::move(groups)) {}
@@ -37,30 +37,17 @@ class ProducersModel {
     };
     using Changed = std::pair<std::size_t, RouteName>; ///< with the table's number
 
-    std::map<Lox::IpAddr, ModelLists> status;
-    std::map<RouteName, unsigned> counts;
     std::map<std::string, Helper> helpers;
     bool deny = false;
     bool fullSync = false;
     std::optional<Changed> bookmark;
     std::vector<Changed> changed;
 
-    // The configuration
-    void configure(Lox::IpAddr group, Lox::IpAddr source, Mode mode) {
-        if (!find(configured_, group)) status[group];
-        if (of(configured_, group).of(mode).add(source)) add(source, group, mode);
+    // Sources that the configuration takes back
+    void listAsDeleted(Lox::IpAddr group, Lox::IpAddr source, Mode mode) {
+        if (deleted_[group].of(mode).add(source)) remove(group, source, mode);
     }
-    void unconfigure(Lox::IpAddr group) {
-        std::erase_if(configured_, [&](auto const& entry) { return entry.first == group; });
-    }
-    /// Takes the source back, and keeps the table from announcing it until `unblock`.
-    void block(Lox::IpAddr group, Lox::IpAddr source, Mode mode) {
-        if (ModelLists* const lists = find(configured_, group)) lists->of(mode).del(source);
-        if (of(deleted_, group).of(mode).add(source)) remove(source, group, mode);
-    }
-    void unblock(Lox::IpAddr group) {
-        std::erase_if(deleted_, [&](auto const& entry) { return entry.first == group; });
-    }
+    void unlistDeleted(Lox::IpAddr group) { deleted_.erase(group); }
 
     // Access lists
     void attach(std::string const& name) {
@@ -137,20 +124,20 @@ class ProducersModel {
 
     /// The machine goes, and another one starts up on what is there.
     void restart() {
-        counts.clear();
+        counts_.clear();
         helpers.clear();
         changed.clear();
         wantFullSync();
         for (auto const& [name, list] : lists_) handleList(name);
         for (auto const& [name, list] : lists_) reconcile(name);
         for (auto const& [group, lists] : configured_) {
-            status[group];
+            insertStatus(group);
             for (auto const source : lists.include.addrs) add(source, group, Mode::include);
             for (auto const source : lists.exclude.addrs) add(source, group, Mode::exclude);
         }
         for (auto const& [group, lists] : deleted_) {
-            for (auto const source : lists.include.addrs) remove(source, group, Mode::include);
-            for (auto const source : lists.exclude.addrs) remove(source, group, Mode::exclude);
+            for (auto const source : lists.include.addrs) remove(group, source, Mode::include);
+            for (auto const source : lists.exclude.addrs) remove(group, source, Mode::exclude);
         }
         handleDeny();
         clearLeftovers();
@@ -161,17 +148,6 @@ class ProducersModel {
     }
 
   private:
-    using Configured = std::vector<std::pair<Lox::IpAddr, ModelLists>>; ///< as it was written
-
-    static ModelLists* find(Configured& entries, Lox::IpAddr group) {
-        for (auto& entry : entries)
-            if (entry.first == group) return &entry.second;
-        return nullptr;
-    }
-    static ModelLists& of(Configured& entries, Lox::IpAddr group) {
-        if (!find(entries, group)) entries.push_back({group, {}});
-        return *find(entries, group);
-    }
     bool attached(std::string const& name) const {
         return std::count(attached_.begin(), attached_.end(), name) > 0;
     }
@@ -217,7 +193,6 @@ class ProducersModel {
             for (auto const group : groups_) {
                 if (!covers(rule.config, group)) continue;
                 helper.groups[group].of(modeOf(rule.config)).add(source);
-                status[group];
                 add(source, group, modeOf(rule.config));
             }
         }
@@ -232,7 +207,7 @@ class ProducersModel {
         for (auto const group : groups_) {
             if (!covers(rule, group)) continue;
             if (helper.groups.count(group) > 0) helper.groups[group].of(modeOf(rule)).del(source);
-            remove(source, group, modeOf(rule));
+            remove(group, source, modeOf(rule));
         }
     }
     void reconcile(std::string const& name) {
@@ -254,17 +229,8 @@ class ProducersModel {
         }
     }
 
-    // The merge
-    bool counted(Lox::IpAddr source, Lox::IpAddr group) const {
-        return counts.count({group, source}) > 0;
-    }
-    bool groupCounted(Lox::IpAddr group) const {
-        return std::any_of(counts.begin(), counts.end(),
-                           [&](auto const& entry) { return entry.first.group == group; });
-    }
-    bool wanted(Lox::IpAddr source, Lox::IpAddr group, Mode mode) {
-        ModelLists* const lists = find(configured_, group);
-        if (lists && lists->of(mode).has(source)) return true;
+    bool wanted(Lox::IpAddr source, Lox::IpAddr group, Mode mode) override {
+        if (MergeModel::wanted(source, group, mode)) return true;
         for (auto const& [name, helper] : helpers)
             for (Rule const& rule : helper.cached)
                 if (rule.config.filter.source.address() == source && covers(rule.config, group) &&
@@ -272,93 +238,12 @@ class ProducersModel {
                     return true;
         return false;
     }
-    void add(Lox::IpAddr source, Lox::IpAddr group, Mode mode) {
-        ModelLists& entry = status[group];
-        if (!groupCounted(group)) entry = {};
-        ++counts[{group, source}];
-        mode == Mode::include ? addInclude(source, entry)
-                              : addExclude(source, entry, counted(anySource, group));
-    }
-    static void addInclude(Lox::IpAddr source, ModelLists& entry) {
-        if (entry.include.has(anySource)) return;
-        if (source == anySource) {
-            entry = {};
-        } else {
-            entry.exclude.del(anySource);
-            if (entry.exclude.has(source)) return;
-        }
-        entry.include.add(source);
-    }
-    static void addExclude(Lox::IpAddr source, ModelLists& entry, bool anyCounted) {
-        if (entry.include.has(anySource) && anyCounted) return;
-        if (source == anySource && !entry.empty()) return;
-        if (source != anySource) {
-            entry.exclude.del(anySource);
-            entry.include.del(source);
-        }
-        entry.exclude.add(source);
-    }
-    void remove(Lox::IpAddr source, Lox::IpAddr group, Mode mode) {
-        if (!counted(source, group)) return removeUncounted(source, group, mode);
-        unsigned const left = --counts[{group, source}];
-        if (left > 0 && wanted(source, group, mode)) return;
-        if (left == 0 || (source == anySource && mode == Mode::exclude))
-            counts.erase({group, source});
-        if (status.count(group) == 0) return;
-        ModelLists& entry = status[group];
-        entry.of(mode).del(source);
-        if (source == anySource) return restore(group, mode);
-        if (left > 0) {
-            entry.of(mode == Mode::include ? Mode::exclude : Mode::include).add(source);
-        } else if (entry.empty() && !groupCounted(group)) {
-            status.erase(group);
-        }
-    }
-    void removeUncounted(Lox::IpAddr source, Lox::IpAddr group, Mode mode) {
-        if (status.count(group) == 0) return;
-        ModelLists& entry = status[group];
-        if (source == anySource && mode == Mode::exclude) {
-            for (Mode const each : {Mode::include, Mode::exclude})
-                std::erase_if(entry.of(each).addrs,
-                              [&](auto const listed) { return !counted(listed, group); });
-        } else {
-            entry.of(mode).del(source);
-        }
-        if (entry.empty()) status.erase(group);
-    }
-    /// Any source has left the group in that mode: what it had displaced comes back.
-    void restore(Lox::IpAddr group, Mode mode) {
-        ModelLists local;
-        for (auto const& [pair, count] : counts)
-            if (pair.group == group) restoreSource(pair.source, group, local);
-        ModelLists& entry = status[group];
-        if (mode == Mode::include) {
-            if (local.exclude.addrs.size() >= 2 || !local.include.addrs.empty())
-                local.exclude.del(anySource);
-        } else if (local.include.addrs.size() > 1 && local.include.has(anySource)) {
-            entry = {};
-            entry.include.add(anySource);
-            return;
-        }
-        for (auto const source : local.include.addrs) entry.include.add(source);
-        for (auto const source : local.exclude.addrs) entry.exclude.add(source);
-        if (entry.empty()) status.erase(group);
-    }
-    void restoreSource(Lox::IpAddr source, Lox::IpAddr group, ModelLists& local) {
-        bool included = false;
-        bool excluded = false;
-        auto const look = [&](ModelLists const* lists) {
-            included = included || (lists && lists->include.has(source));
-            excluded = excluded || (lists && lists->exclude.has(source));
-        };
-        look(find(configured_, group));
-        for (auto const& [name, helper] : helpers)
-            look(helper.groups.count(group) > 0 ? &helper.groups.at(group) : nullptr);
-        if (excluded) {
-            local.exclude.add(source);
-        } else if (included) {
-            local.include.add(source);
-        }
+    bool restorable(Lox::IpAddr source, Lox::IpAddr group, Mode mode) override {
+        if (MergeModel::wanted(source, group, mode)) return true;
+        return std::any_of(helpers.begin(), helpers.end(), [&](auto& entry) {
+            auto& groups = entry.second.groups;
+            return groups.count(group) > 0 && groups[group].of(mode).has(source);
+        });
     }
 
     // Routes
@@ -387,7 +272,7 @@ class ProducersModel {
         if (at) sync(*at);
     }
     bool owned(Lox::IpAddr group) {
-        if (find(configured_, group)) return true;
+        if (configured_.count(group) > 0) return true;
         return std::any_of(helpers.begin(), helpers.end(),
                            [&](auto const& entry) { return entry.second.groups.count(group) > 0; });
     }
@@ -396,25 +281,22 @@ class ProducersModel {
         auto const& table = tables_[named.first];
         if (deny || group == Lox::IpAddr("224.0.0.0") || owned(group)) return;
         if (table.count(named.second) == 0) return syncAbsent(group, source);
-        ModelLists* const deleted = find(deleted_, group);
-        if (deleted && (deleted->exclude.has(anySource) || deleted->include.has(source) ||
-                        deleted->exclude.has(source)))
+        auto const deleted = deleted_.find(group);
+        if (deleted != deleted_.end() &&
+            (deleted->second.exclude.has(anySource) || deleted->second.include.has(source) ||
+             deleted->second.exclude.has(source)))
             return;
-        if (table.count({group, anySource}) == 0) {
-            status[group].include.add(source);
-        } else {
-            status[group].include = {};
-            status[group].exclude.add(anySource);
-        }
+        if (table.count({group, anySource}) == 0) return contribute(group, source, Mode::include);
+        if (status_.count(group) > 0) delSources(group, Mode::include);
+        contribute(group, anySource, Mode::exclude);
     }
     void syncAbsent(Lox::IpAddr group, Lox::IpAddr source) {
         if (source == anySource) {
-            status.erase(group);
+            eraseStatus(group);
             return wantFullSync();
         }
-        if (status.count(group) == 0) return;
-        status[group].include.del(source);
-        if (status[group].empty()) status.erase(group);
+        delSource(group, source, Mode::include);
+        eraseIfEmpty(group);
     }
 
     // Keeping the tables out
@@ -426,26 +308,24 @@ class ProducersModel {
     }
     void handleDeny() {
         if (!deny) return wantFullSync();
-        for (auto entry = status.begin(); entry != status.end();) {
-            for (Mode const mode : {Mode::include, Mode::exclude})
-                std::erase_if(entry->second.of(mode).addrs,
-                              [&](auto const source) { return !counted(source, entry->first); });
-            entry = entry->second.empty() ? status.erase(entry) : std::next(entry);
+        for (auto const& entry : std::map(status_)) {
+            delUncounted(entry.first);
+            eraseIfEmpty(entry.first);
         }
     }
     /// At start-up, what nobody asks for goes, however often it was counted.
     void clearLeftovers() {
-        for (auto const& entry : configured_) status[entry.first];
-        std::erase_if(status, [&](auto const& entry) {
-            if (owned(entry.first)) return false;
-            for (auto const& lists : {entry.second.include, entry.second.exclude})
-                for (auto const source : lists.addrs) counts.erase({entry.first, source});
-            return true;
-        });
+        for (auto const& entry : configured_) insertStatus(entry.first);
+        for (auto const& [group, entry] : std::map(status_)) {
+            if (owned(group)) continue;
+            for (auto const& lists : {entry.include, entry.exclude})
+                for (auto const source : lists.addrs) forget(source, group);
+            eraseStatus(group);
+        }
     }
 
     std::vector<Lox::IpAddr> groups_;
-    Configured configured_, deleted_;
+    std::map<Lox::IpAddr, ModelLists> deleted_;
     std::vector<std::string> attached_;
     std::map<std::string, List> lists_;
     std::array<std::set<RouteName>, 2> tables_;

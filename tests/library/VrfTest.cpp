@@ -68,10 +68,6 @@ TEST_F(Vrf, AViewLivesFromTheFirstNamespaceUntilTheVrfGoes) {
     EXPECT_EQ(world.root->vrfIntfStatusDir(blue), nullptr);
     EXPECT_EQ(mountOf("ns-blue"), nullptr);
     EXPECT_FALSE(managed("ns-azure"));
-
-    world.vrf("blue", "ns-blue");
-    EXPECT_NE(world.root->kernelVrfIntfStatus(blue), nullptr);
-    EXPECT_NE(mountOf("ns-blue"), nullptr);
 }
 
 /// Deletes the VRF "blue" as the status of an interface appears.
@@ -104,27 +100,6 @@ TEST(VrfThatVanishes, TakesItsViewMountAndManagerAlong) {
         EXPECT_EQ(world.entityManager->mounted("kni/ns/ns-blue/status"), nullptr);
         EXPECT_FALSE(
             world.root->intfStatusManagerRoot()->intfStatusManager(Lox::NamespaceName("ns-blue")));
-    }
-}
-
-TEST_F(Vrf, DeletingItsReactorAloneEndsTheView) {
-    world.vrf("blue", "ns-blue");
-    world.root->vrfDel(blue);
-    EXPECT_EQ(world.root->kernelVrfIntfStatus(blue), nullptr);
-    EXPECT_EQ(mountOf("ns-blue"), nullptr);
-    EXPECT_FALSE(managed("ns-blue"));
-}
-
-TEST_F(Vrf, AViewOfAnotherTableIsInTheWay) {
-    auto const other = KernelNetInfo::Status::StatusIs("other");
-    try {
-        world.root->kernelVrfIntfStatusIs(defaultVrf, other);
-        ADD_FAILURE() << "no error";
-    } catch (Nex::NameInUseException const& error) {
-        EXPECT_EQ(std::string(error.what())
-                      .find("Reinstantiating the pointer interface where constructor parameter "
-                            "attribute _kniStatus has a different value of "),
-                  0u);
     }
 }
 
@@ -188,10 +163,6 @@ TEST_F(VrfWithInterface, ADeviceNameTakesTheInterfaceUpAndDown) {
     // Another kernel index is another device: everything anew, with its MAC address.
     world.kernelDevice("up0", 5, "ns-blue");
     EXPECT_EQ(mac(), "02:00:00:00:00:05");
-
-    world.listIntf("eth0", "ns-blue");
-    world.kernelDevice("eth0", 4, "ns-blue");
-    EXPECT_EQ(world.intfStatus("eth0"), nullptr);
 }
 
 // A directory that is handed to the view with interfaces in it takes them up as it comes.

@@ -90,21 +90,6 @@ struct Inputs {
     Nex::Ptr<Reader> reader;
 };
 
-TEST(DeviceDirectory, AnyOrderOfArrivalEndsInTheSameState) {
-    std::array<int, 4> order{0, 1, 2, 3};
-    do {
-        Inputs in;
-        for (int const step : order) {
-            if (step == 0) in.operUp("a", true);
-            if (step == 1) in.local("a", "eth0");
-            if (step == 2) in.kernel(7, "eth0");
-            if (step == 3) in.start();
-        }
-        EXPECT_EQ(in.listed(), "a=eth0 ");
-        EXPECT_EQ(in.take(), order[3] == 3 ? "" : "a=7 ");
-    } while (std::next_permutation(order.begin(), order.end()));
-}
-
 TEST(DeviceDirectory, DeviceThatVanishesIsRenamedOrReindexed) {
     Inputs in;
     in.start();
@@ -122,19 +107,6 @@ TEST(DeviceDirectory, DeviceThatVanishesIsRenamedOrReindexed) {
     EXPECT_EQ(in.take(), "a=8 a=0 a=9 ");
     in.kernel(8, "");
     EXPECT_EQ(in.take(), "") << "another device now";
-    in.kernel(10, "eth0");
-    in.kernel(10, "");
-    EXPECT_EQ(in.listed(), "a=eth0 ") << "the device of index 9 is still there";
-    in.take();
-    in.local("a", "eth0", "elsewhere");
-    in.local("a", "eth0");
-    in.operUp("a", false);
-    in.operUp("a", true);
-    EXPECT_EQ(in.take(), "a=0 a=9 a=0 a=9 ");
-    in.all->intfStatusDel(Lox::IntfId("a"));
-    in.operUp("a", true); // another record of that name
-    EXPECT_EQ(in.take(), "a=0 a=9 ");
-    EXPECT_EQ(in.listed(), "a=eth0 ");
 }
 
 TEST(DeviceDirectory, WhatHappensWhileAnInterfaceIsTakenOutCounts) {

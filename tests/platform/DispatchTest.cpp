@@ -73,14 +73,6 @@ String without(String labels, char label) {
     return labels;
 }
 
-TEST_F(DispatchTest, TheValueIsStoredFirstAndTheMutatorReturnsAfterAllCallbacks) {
-    watchersAre(3);
-    std::vector<int> seen;
-    for (auto const& watcher : watchers) watcher->act = [&] { seen.push_back(tree->number()); };
-    EXPECT_EQ(change(), "ABC");
-    EXPECT_EQ(seen, (std::vector{1, 1, 1}));
-}
-
 TEST_F(DispatchTest, SwitchingOnDeliversNothing) {
     tree->numberIs(5);
     watchersAre(1);
@@ -147,17 +139,6 @@ TEST_F(DispatchTest, NewcomerIsNotToldOfTheChangeUnderWay) {
             }
 }
 
-TEST_F(DispatchTest, ManyNewcomersAndLeaversInOnePass) {
-    watchersAre(2);
-    watchers[0]->act = [&] {
-        for (int i = 0; i < 4; ++i) add();
-        watchers[1] = watchers[3] = nullptr;
-    };
-    EXPECT_EQ(change(), "A");
-    watchers[0]->act = nullptr;
-    EXPECT_EQ(change(), "ACEF");
-}
-
 TEST_F(DispatchTest, RetargetingIsANewRegistration) {
     auto const elsewhere = Tree::TreeIs("elsewhere");
     watchersAre(3);
@@ -173,11 +154,6 @@ TEST_F(DispatchTest, RetargetingIsANewRegistration) {
     EXPECT_EQ(change(), "BAC");
     watchers[0]->notifierIs(tree);
     EXPECT_EQ(change(), "BAC") << "it was there already";
-    watchers[0]->notifierIs(elsewhere);
-    EXPECT_EQ(change(), "BC");
-    told.clear();
-    elsewhere->numberIs(1);
-    EXPECT_EQ(told, "A");
 }
 
 TEST_F(DispatchTest, NestedChangesAreToldDepthFirst) {

@@ -231,31 +231,6 @@ TEST(MapScale, OneToAHundredThousandEntriesOfEveryPattern) {
     fillChurnAndDrain<SmallMap<IpAddr, std::uint32_t, 4>>(stride<14>, 20000);
 }
 
-} // namespace
-
-/// All its values hash alike.
-struct Alike {
-    int number;
-    friend bool operator==(Alike, Alike) = default;
-};
-
-} // namespace Nex
-
-template <>
-struct std::hash<Nex::Alike> {
-    std::size_t operator()(Nex::Alike) const noexcept { return 12345; }
-};
-
-namespace Nex {
-namespace {
-
-TEST(MapScale, KeysThatHashAlikeAreOnlySlower) {
-    Map<Alike, int> map;
-    for (int n = 0; n < 500; ++n) *map.findOrInsert({n}).first = n;
-    for (int n = 0; n < 500; n += 2) EXPECT_EQ(map.take({n}), n);
-    for (int n = 0; n < 500; ++n) EXPECT_EQ(map.has({n}), n % 2 == 1) << n;
-}
-
 TEST(MapWalk, ThatIsLeftEarlyLeavesNothingBehind) {
     Map<int, Ptr<Counted>> map;
     for (int n = 0; n < 20; ++n) *map.findOrInsert(n).first = newObject<Counted>(n);
@@ -286,15 +261,6 @@ TEST(MapWalk, YieldsWhatACallbackMayTakeAway) {
     }
     EXPECT_EQ(sum, 41);
     EXPECT_EQ(Counted::alive, 0);
-}
-
-TEST(MapWalk, SortedKeysAreThoseOfTheMoment) {
-    Set<String> set;
-    for (char const* key : {"c", "a", "b"}) set.findOrInsert(key);
-    EXPECT_EQ(sortedKeys(set.walk()), (std::vector<String>{"a", "b", "c"}));
-    SmallMap<IpAddr, std::uint8_t, 4> map;
-    for (std::uint32_t n : {9u, 2u}) map.findOrInsert(IpAddr::fromHost(n));
-    EXPECT_EQ(sortedKeys(map.walk()), (std::vector{IpAddr::fromHost(2), IpAddr::fromHost(9)}));
 }
 
 TEST(SmallMapSize, HoldsFewEntriesInsideAndMovesWithThem) {

@@ -83,15 +83,6 @@ TEST_F(RecordTest, EveryMutatorTellsOnceAndOnlyOfAChange) {
     }
 }
 
-TEST_F(RecordTest, AbsentKeysYieldNothing) {
-    EXPECT_EQ(tree->octet(ip(1)), 0);
-    EXPECT_EQ(tree->text("k"), "");
-    EXPECT_EQ(tree->leaf("l"), nullptr);
-    EXPECT_FALSE(tree->leafHas("l"));
-    EXPECT_EQ(tree->leafCount(), 0u);
-    EXPECT_TRUE(tree->leaf().empty());
-}
-
 TEST_F(RecordTest, DelAllTellsOfEachRemovedKeyInTheOrderOfInsertion) {
     fill();
     tree->addressDelAll();
@@ -104,9 +95,6 @@ TEST_F(RecordTest, DelAllTellsOfEachRemovedKeyInTheOrderOfInsertion) {
     EXPECT_EQ(recorder->take(), "text=1= text=2= text=3= ");
     tree->leafDelAll();
     EXPECT_EQ(recorder->take(), "leaf=1=0 leaf=2=0 leaf=3=0 ");
-    tree->addressDelAll();
-    tree->leafDelAll();
-    EXPECT_EQ(recorder->take(), "");
 }
 
 TEST_F(RecordTest, DelAllLeavesWhatItsCallbacksBringBack) {
@@ -161,15 +149,6 @@ TEST_F(RecordTest, KeysMayComeFromTheEntryThatGoes) {
     EXPECT_EQ(tree->leafCount() + tree->wordCount(), 0u);
 }
 
-TEST_F(RecordTest, CreatingReturnsWhatIsThere) {
-    auto const leaf = tree->leafIs("l");
-    EXPECT_EQ(tree->leafIs("l"), leaf);
-    EXPECT_EQ(tree->leaf("l"), leaf.get());
-    EXPECT_EQ(leaf->name(), "l");
-    tree->leafDel("l");
-    EXPECT_NE(tree->leafIs("l"), leaf);
-}
-
 TEST_F(RecordTest, EntryDeletedByItsOwnNotificationIsStillReturned) {
     struct Deleter : TreeWatcher {
         using TreeWatcher::TreeWatcher;
@@ -212,35 +191,6 @@ TEST_F(RecordTest, PointingAtAnotherRecordRunsTheImmediateCallbacksAndConstructi
     recorder->hasNotificationActiveIs(false);
     recorder->notifierIs(tree);
     EXPECT_EQ(recorder->take(), "");
-}
-
-/// Writes down all that it is shown.
-struct Visitor {
-    String* seen;
-    void attr(char const* name, int value) { *seen += name + ("=" + textOf(value)) + ' '; }
-    void attr(char const* name, Ptr<Leaf> const&) { *seen += String(name) + ' '; }
-    void set(char const* name, auto walk) {
-        for (auto const& key : walk) *seen += name + ("=" + textOf(key)) + ' ';
-    }
-    void map(char const* name, auto walk) {
-        for (auto const& item : walk)
-            *seen += name + ("=" + textOf(item.key)) + ':' + textOf(item.value) + ' ';
-    }
-    void records(char const* name, auto walk) {
-        for (auto const& item : walk) *seen += name + ("=" + item.value->nexFullName()) + ' ';
-    }
-};
-
-TEST_F(RecordTest, VisitShowsEveryAttributeByNameInTheOrderOfTheList) {
-    tree->numberIs(3);
-    tree->addressIs(ip(1));
-    tree->wordIs("w");
-    tree->octetIs(ip(2), 'x');
-    tree->textIs("k", "v");
-    tree->leafIs("l");
-    String seen;
-    tree->nexVisit(Visitor{&seen});
-    EXPECT_EQ(seen, "number=3 top address=0.0.0.1 word=w octet=0.0.0.2:x text=k:v leaf=tree/l ");
 }
 
 } // namespace

@@ -102,13 +102,6 @@ TEST_F(TraceTest, SwitchedOffHandleBuildsNoText) {
     EXPECT_EQ(both(), "TraceTest 7 <4>");
 }
 
-TEST_F(TraceTest, EnabledHandleWithoutASinkIsHarmless) {
-    TraceHandle::sinkIs(nullptr);
-    traced.levelIs(9);
-    NEX_TRACE(traced, 7, "%", 1);
-    EXPECT_EQ(entry().text(), "1");
-}
-
 TEST_F(TraceTest, WhatDoesNotFitIntoAnEntryIsCut) {
     NEX_TRACE(traced, 6, "%|", String(500, 'x'));
     EXPECT_EQ(entry().text(), String(47, 'x') + '|');
