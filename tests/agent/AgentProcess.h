@@ -56,6 +56,7 @@ class AgentProcess {
         : folder_(folder) {
         arguments.insert(arguments.begin(), IHPROXYD);
         std::vector<char*> argv;
+        argv.reserve(arguments.size() + 1);
         for (std::string& argument : arguments) argv.push_back(argument.data());
         argv.push_back(nullptr);
         Netns::Inside const inside(namespaceName);
@@ -80,7 +81,7 @@ class AgentProcess {
         return waitUntil([&] {
             std::string const all = output();
             int found = 0;
-            for (auto at = all.find(text); at != all.npos; at = all.find(text, at + 1)) ++found;
+            for (auto at = all.find(text); at != std::string::npos; at = all.find(text, at + 1)) ++found;
             return found >= times;
         });
     }
