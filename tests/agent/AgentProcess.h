@@ -81,7 +81,8 @@ class AgentProcess {
         return waitUntil([&] {
             std::string const all = output();
             int found = 0;
-            for (auto at = all.find(text); at != std::string::npos; at = all.find(text, at + 1)) ++found;
+            for (auto at = all.find(text); at != std::string::npos; at = all.find(text, at + 1))
+                ++found;
             return found >= times;
         });
     }
