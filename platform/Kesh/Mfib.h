@@ -16,7 +16,8 @@ struct IpGenRouteKey {
     Lox::IpPrefix source;
     Lox::IpPrefix group;
 
-    using NexSorted = void; ///< tables are walked in the order of the keys
+    using NexSorted = void;     ///< tables are walked in the order of the keys
+    using NexNeighbours = void; ///< one source's groups are neighbours
 
     /// By group, then by source.
     friend constexpr auto operator<=>(IpGenRouteKey const& a, IpGenRouteKey const& b) {
@@ -35,8 +36,12 @@ IpGenRouteKey invalidRouteKey();
 template <>
 struct std::hash<Routing::Multicast::Fib::IpGenRouteKey> {
     std::size_t operator()(Routing::Multicast::Fib::IpGenRouteKey const& key) const noexcept {
-        return (std::size_t(key.source.address().host()) << 32 | key.group.address().host()) ^
-               (std::size_t(key.source.length()) << 16 | key.group.length());
+        std::uint32_t const source = key.source.address().host();
+        std::uint32_t const lengths = std::uint32_t(key.source.length() << 8) | key.group.length();
+        // The odd factors set sources and lengths apart, far from each other's groups.
+        std::uint32_t const near =
+            key.group.address().host() + source * 0x9E3779B1u + lengths * 0x85EBCA6Bu;
+        return std::size_t(source) << 32 | near;
     }
 };
 
@@ -88,6 +93,8 @@ class MfibKeshDir : public Nex::RecordBase {
 /// Names a route of a table. The pointer is the table's identity in its collection and is never
 /// followed; the serial number tells whether the table found under it is still the one meant.
 struct MfibKeshDirRouteKey {
+    using NexNeighbours = void; ///< as of the routes
+
     Status const* table = nullptr;
     std::uint64_t serial = 0;
     IpGenRouteKey route;

@@ -46,13 +46,14 @@ class SmallMap;
 template <class Key, class Value, std::size_t N>
 inline constexpr bool isRelocatable<SmallMap<Key, Value, N>> = true;
 
-/// Whether the hash of a key is a number under which neighbouring keys are neighbours. Such a map
-/// starts out with neighbours in neighbouring slots, which is what runs of addresses want.
+/// Whether the low bits of a key's hash are a number under which neighbouring keys are neighbours.
+/// Such a map starts out with neighbours in neighbouring slots, which is what runs of addresses
+/// want. A key type that is no address itself says so.
 template <class Key>
 inline constexpr bool hashKeepsNeighbours = requires(Key const& key) {
     key.host();
 }
-|| std::is_integral_v<Key>;
+|| std::is_integral_v<Key> || requires { typename Key::NexNeighbours; };
 
 template <class Key, class Value>
 struct Item {
