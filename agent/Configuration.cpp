@@ -22,7 +22,6 @@ constexpr std::size_t mostFileBytes = 64 << 20;
 constexpr double longestReportInterval = 3600;
 /// Within 100 ms. A million groups in version 3 need fewer.
 constexpr std::int64_t mostPackets = 10000;
-constexpr char const* defaultVrf = "default";
 /// Each group costs memory and report space; a slip in a mask should not ask for millions.
 constexpr std::uint64_t mostGroupsUnasked = 65536;
 

@@ -48,6 +48,9 @@
 
 namespace Agent {
 
+/// The VRF of the agent's own network namespace.
+inline constexpr char defaultVrf[] = "default";
+
 /// From where one group is wanted.
 struct GroupConfiguration {
     /// Unicast sources.
@@ -78,8 +81,8 @@ struct InterfaceConfiguration {
     std::vector<std::string> accessLists;
     /// Whether these may select more than 65,536 groups.
     bool largeRanges = false;
-    /// "default", or a key of Configuration::vrfs.
-    std::string vrf = "default";
+    /// The default VRF, or a key of Configuration::vrfs.
+    std::string vrf = defaultVrf;
 
     friend bool operator==(InterfaceConfiguration const&, InterfaceConfiguration const&) = default;
 };
@@ -101,7 +104,7 @@ struct Configuration {
     /// By kernel name.
     std::map<std::string, InterfaceConfiguration> interfaces;
     std::map<std::string, AccessListConfiguration> accessLists;
-    /// Namespaces, as namespaceOpen() takes them, by VRF; without "default", the agent's own.
+    /// Namespaces, as namespaceOpen() takes them, by VRF; without the default one.
     std::map<std::string, std::string> vrfs;
     ForwardingTableConfiguration forwardingTable;
 

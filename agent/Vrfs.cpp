@@ -8,7 +8,6 @@ namespace Agent {
 
 namespace {
 
-std::string const defaultVrf = "default";
 constexpr double retrySeconds = 5;
 
 std::string placeIn(std::map<std::string, std::string> const& places, std::string const& name) {

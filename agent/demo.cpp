@@ -18,7 +18,7 @@ void makeUsable(IgmpHostProxy::PlatformState& state, std::string const& name,
                 std::uint32_t ifIndex) {
     Lox::IntfId const intfId(name);
     auto const ipConfig = Ip::IpIntfConfig::IpIntfConfigIs(intfId);
-    ipConfig->vrfIs(L3::VrfName("default"));
+    ipConfig->vrfIs(L3::VrfName(Agent::defaultVrf));
     state.ipStatus->ipIntfStatusIs(intfId)->ipIntfConfigIs(ipConfig);
     state.sourceIntfSm->registerSourceIntf(intfId)->ipAddrIs(Lox::IpAddr("192.0.2.1"));
     state.kni(Lox::NamespaceName::defaultNamespace())
@@ -95,7 +95,7 @@ int main(int argc, char** argv) {
     auto const root = state.makeRoot();
     Nex::Owned<IgmpHostProxy::HostStatusPublisher> publisher;
     publisher.make(state.hostDir, state.hostStatusDir.get());
-    state.mfibDir->keshCollIs(L3::VrfName("default"));
+    state.mfibDir->keshCollIs(L3::VrfName(Agent::defaultVrf));
     Agent::ConfigurationWriter(state).configurationIs(reading.configuration);
     std::uint32_t ifIndex = 1;
     for (auto const& item : reading.configuration.interfaces)
