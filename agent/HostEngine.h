@@ -60,7 +60,8 @@ class HostEngine {
         /// Bound of the random delay before a change is told again. 0 or less: the default of the
         /// version in use, 1 s in version 3 (RFC 9776, 8.11) and 10 s before (RFC 2236, 8.10).
         double unsolicitedReportIntervalSeconds = 0;
-        Lox::IpAddr address;       ///< source of our packets; zero while the interface has none
+        Lox::IpAddr address; ///< source of our packets; zero while the interface has none
+        std::vector<Lox::IpAddr> localAddresses; ///< of the interface, others than `address` too
         unsigned prefixLength = 0; ///< of the address; 0: every querier counts as on the subnet
         unsigned mtu = 1500;       ///< octets
         unsigned robustness = 2;   ///< how often a change is told; less counts as 2
@@ -161,6 +162,8 @@ class HostEngine {
     void handleQuery(double now, IgmpDatagram const& datagram);
     void handleOlderQuerier(double now, IgmpQuery const& query);
     void handleOlderReport(double now, IgmpDatagram const& datagram);
+    bool isForUs(Lox::IpAddr destination, IgmpQuery const& query) const;
+    bool isMember(Lox::IpAddr group) const;
     void doCountOddities(double now, IgmpDatagram const& datagram, IgmpQuery const& query);
     void doCountQuery(IgmpQuery const& query);
     double responseSeconds(IgmpQuery const& query) const;

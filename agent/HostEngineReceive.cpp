@@ -17,14 +17,6 @@ constexpr double queryIntervalSeconds = 125;
 /// would have us set all timers over and over.
 constexpr double copySeconds = 0.1;
 
-/// A query may go to an address of ours, to all systems, or to the group it asks about (RFC 9776,
-/// 4.1.12); a general one to no other group (9.1). All our addresses are not known here, but the
-/// frame came to this host.
-bool isForUs(IgmpDatagram const& datagram, IgmpQuery const& query) {
-    Lox::IpAddr to = datagram.destination;
-    return !to.isMulticast() || to == allSystems || to == query.group;
-}
-
 } // namespace
 
 void HostEngine::received(double now, std::span<std::uint8_t const> ipPacket) {
@@ -52,7 +44,7 @@ void HostEngine::handleQuery(double now, IgmpDatagram const& datagram) {
     DropReason reason;
     auto query = IgmpQuery::decode(datagram.payload, reason);
     if (!query) return dropped(reason);
-    if (!isForUs(datagram, *query)) return dropped(DropReason::strayDestination);
+    if (!isForUs(datagram.destination, *query)) return dropped(DropReason::strayDestination);
     if (query->version > 1 && !datagram.routerAlert && settings_.requireRouterAlert)
         return dropped(DropReason::noRouterAlert);
     doCountQuery(*query);
@@ -67,6 +59,24 @@ void HostEngine::handleQuery(double now, IgmpDatagram const& datagram) {
         doScheduleAnswer(now, *query);
     else
         doScheduleOlderReports(now, *query);
+}
+
+/// A query may go to any address of the interface, unicast or multicast, and so to a group that we
+/// are a member of (RFC 9776, 4.1.12); a general one to no group but all systems (9.1). A router
+/// also receives what it is to forward.
+bool HostEngine::isForUs(Lox::IpAddr destination, IgmpQuery const& query) const {
+    if (destination == allSystems) return true;
+    if (destination.isMulticast())
+        return !query.isGeneral() && (destination == query.group || isMember(destination));
+    auto const& ours = settings_.localAddresses;
+    return !destination.isZero() &&
+           (destination == settings_.address ||
+            std::find(ours.begin(), ours.end(), destination) != ours.end());
+}
+
+bool HostEngine::isMember(Lox::IpAddr group) const {
+    auto found = groups_.find(group);
+    return found != groups_.end() && found->second.group.hasState();
 }
 
 void HostEngine::doCountQuery(IgmpQuery const& query) {
@@ -101,7 +111,7 @@ void HostEngine::doCountOddities(double now, IgmpDatagram const& datagram, IgmpQ
 /// Starts the timer of an older querier. A version 2 query for a group is sent by newer queriers as
 /// well and says nothing of their version (RFC 9776, 7.2.1).
 void HostEngine::handleOlderQuerier(double now, IgmpQuery const& query) {
-    if (query.version == 2 && !query.group.isZero()) return;
+    if (!query.isGeneral()) return;
     if (settings_.version == 3)
         doWarn(now, olderQuery, [&] {
             return "IGMPv" + std::to_string(query.version) + " querier heard" +
@@ -123,7 +133,7 @@ double HostEngine::responseSeconds(IgmpQuery const& query) const {
 /// The rules of RFC 9776, 5.2, in their order.
 void HostEngine::doScheduleAnswer(double now, IgmpQuery const& query) {
     double bound = responseSeconds(query);
-    if (query.version == 1 || query.group.isZero()) return doScheduleGeneralAnswer(now, bound);
+    if (query.isGeneral()) return doScheduleGeneralAnswer(now, bound);
     double due = now + randomDelay(bound);
     if (generalDue_ <= due) return;
     auto found = groups_.find(query.group);
@@ -156,7 +166,7 @@ double HostEngine::walkSeconds() const {
 void HostEngine::doScheduleOlderReports(double now, IgmpQuery const& query) {
     double bound = responseSeconds(query);
     if (version_ == 1) bound = std::min(bound, v1ResponseSeconds);
-    if (query.version > 1 && !query.group.isZero()) {
+    if (!query.isGeneral()) {
         auto found = groups_.find(query.group);
         if (found != groups_.end()) doScheduleOlderReport(now, bound, found->second);
         return;
@@ -175,8 +185,10 @@ void HostEngine::doScheduleOlderReport(double now, double boundSeconds, GroupEnt
 }
 
 /// Another host answers for the group, so ours is silent. What nobody has heard yet is told anyway.
+/// The routers hear the group alone: a report to any other address must not silence ours.
 void HostEngine::handleOlderReport(double now, IgmpDatagram const& datagram) {
     if (!datagram.group().isMulticast()) return dropped(DropReason::badGroup);
+    if (datagram.destination != datagram.group()) return dropped(DropReason::strayDestination);
     ++counters_.v12ReportReceived;
     handleVersion(now);
     auto found = groups_.find(datagram.group());

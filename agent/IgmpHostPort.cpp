@@ -116,6 +116,8 @@ void IgmpHostPort::doApplySettings(double now) {
     settings.version = unsigned(host()->igmpVersion());
     settings.unsolicitedReportIntervalSeconds = host()->unsolicitedReportInterval();
     settings.address = host()->ipAddr();
+    for (KernelAddress const& address : kernel->addresses)
+        settings.localAddresses.push_back(address.local);
     settings.prefixLength = prefixLengthOf(*kernel, settings.address);
     settings.mtu = kernel->mtu;
     if (InterfaceConfiguration const* const wanted = location.configuration) {

@@ -30,7 +30,7 @@ enum class IgmpType : std::uint8_t {
     REASON(badChecksum)      /* of the IPv4 header or of the message */                            \
     REASON(badGroup)         /* sources without a group, or a group that is not multicast */       \
     REASON(ownPacket)        /* sent from our own address */                                       \
-    REASON(strayDestination) /* a query that was not meant for this interface */                   \
+    REASON(strayDestination) /* a query not sent to us, a report not sent to its group */          \
     REASON(noRouterAlert)    /* and the settings insist on it */
 
 #define AGENT_ENUMERATOR(name) name,
@@ -67,6 +67,8 @@ struct IgmpQuery {
     Lox::IpAddr group;                ///< zero: general
     std::vector<Lox::IpAddr> sources; ///< in the order of the packet
 
+    /// Version 1 asks about all groups, whatever its group field says (RFC 1112, appendix I).
+    bool isGeneral() const { return version == 1 || group.isZero(); }
     /// From the payload of a datagram of type query.
     static std::optional<IgmpQuery> decode(std::span<std::uint8_t const> payload,
                                            DropReason& reason);

@@ -52,6 +52,10 @@ class HostEngineFixture : public testing::Test, protected HostEngine::Output {
     void hear(Bytes const& payload, Envelope const& envelope = {}) {
         engine.received(now, packetOf(payload, envelope));
     }
+    /// Another host, perhaps without an address, reports the group to the group.
+    void hearReport(IgmpType type, Lox::IpAddr group) {
+        hear(message(type, group), {.source = {}, .destination = group});
+    }
 
     /// Lets `seconds` pass, serving the engine.
     void serve(double seconds) {

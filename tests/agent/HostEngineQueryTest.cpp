@@ -114,21 +114,34 @@ TEST_F(HostEngineQueryTest, EarlierOfTwoTimesHolds) {
     EXPECT_EQ(engine.nextExpiry(), never);
 }
 
-TEST_F(HostEngineQueryTest, QueriesMayGoToAllSystemsToUsOrToTheirGroup) {
-    Lox::IpAddr us = settings.address, other = ip("10.0.0.3"), general;
-    auto answered = [&](Lox::IpAddr group, Lox::IpAddr destination, Lox::IpAddr source = {}) {
-        hear(v3Query(10, group), {.source = source, .destination = destination});
+TEST_F(HostEngineQueryTest, QueriesMayGoToAllSystemsToUsOrToAGroupOfOurs) {
+    Lox::IpAddr us = settings.address, second = ip("10.0.7.2"), left = ip("239.9.9.9"), general;
+    settings.localAddresses = {us, second};
+    settingsApply();
+    auto answered = [&](Lox::IpAddr group, Lox::IpAddr destination) {
+        hear(v3Query(10, group), {.destination = destination});
         return pass(1) != "";
     };
     for (Lox::IpAddr group : {general, g1}) {
-        EXPECT_TRUE(answered(group, allSystems));
-        EXPECT_TRUE(answered(group, us));
-        EXPECT_TRUE(answered(group, other)) << "another address of ours, or it would not be here";
-        EXPECT_FALSE(answered(group, g2));
+        for (Lox::IpAddr ours : {allSystems, us, second}) EXPECT_TRUE(answered(group, ours));
+        for (Lox::IpAddr other :
+             {ip("192.0.2.9"), ip("10.0.0.255"), ip("255.255.255.255"), general, allRouters, left})
+            EXPECT_FALSE(answered(group, other)) << other;
+        EXPECT_EQ(answered(group, g2), group == g1) << "a general one to all systems alone";
     }
     EXPECT_TRUE(answered(g1, g1));
-    EXPECT_EQ(dropped(DropReason::strayDestination), 2u);
+    EXPECT_EQ(dropped(DropReason::strayDestination), 13u);
     EXPECT_EQ(counters().v3GeneralQueryReceived, 3u) << "what is dropped does not count";
+
+    hear(message(IgmpType::query, {}), {.destination = ip("192.0.2.9"), .ttl = 60});
+    EXPECT_EQ(engine.version(), 3u) << "a query in transit";
+    settings.address = {};
+    settings.localAddresses = {second};
+    settingsApply();
+    settle();
+    EXPECT_FALSE(answered(general, {}));
+    EXPECT_FALSE(answered(general, us)) << "not ours any more";
+    EXPECT_TRUE(answered(general, second));
 }
 
 TEST_F(HostEngineQueryTest, OddQueriesAreUsedAndCounted) {
@@ -146,10 +159,10 @@ TEST_F(HostEngineQueryTest, OddQueriesAreUsedAndCounted) {
 
 TEST_F(HostEngineQueryTest, WhatIsNoneOfOurBusinessIsIgnored) {
     hear(v3Query(10), {.source = settings.address});
-    for (Bytes const& payload :
-         {message(IgmpType(0x13), g1), message(IgmpType::v2Leave, g1),
-          message(IgmpType::v3Report, {}), message(IgmpType::v2Report, ip("10.1.1.1"))})
+    for (Bytes const& payload : {message(IgmpType(0x13), g1), message(IgmpType::v2Leave, g1),
+                                 message(IgmpType::v3Report, {})})
         hear(payload);
+    hearReport(IgmpType::v2Report, ip("10.1.1.1"));
     engine.received(now, {});
     EXPECT_EQ(engine.nextExpiry(), never);
     for (DropReason why : {DropReason::ownPacket, DropReason::badGroup, DropReason::badLength})
@@ -159,8 +172,8 @@ TEST_F(HostEngineQueryTest, WhatIsNoneOfOurBusinessIsIgnored) {
     engine.groupDel(g2);
     flush();
     hear(v3Query(10, g1));
-    hear(message(IgmpType::v2Report, g2)); // suppresses no repeat in version 3,
-    hear(message(IgmpType::v1Report, g1)); // nor an answer
+    hearReport(IgmpType::v2Report, g2); // suppresses no repeat in version 3,
+    hearReport(IgmpType::v1Report, g1); // nor an answer
     EXPECT_EQ(pass(1).size(), ("TO_IN 239.1.1.2; " + whole1).size());
     EXPECT_EQ(counters().v12ReportReceived, 2u);
 }
