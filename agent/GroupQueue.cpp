@@ -47,6 +47,16 @@ void GroupQueue::del(TimedLink& link) {
     link.queue = nullptr;
 }
 
+void GroupEntry::changeDel() {
+    GroupQueue::del(change);
+    group.changeDel();
+}
+
+void GroupEntry::answerDel() {
+    GroupQueue::del(answer);
+    group.askedDel();
+}
+
 GroupEntry* GroupQueue::first(double now) const {
     return nextExpiry() <= now && !lists_.empty() ? lists_.begin()->second.first() : nullptr;
 }

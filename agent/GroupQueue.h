@@ -76,6 +76,9 @@ struct GroupEntry {
     static constexpr std::size_t noWish = ~std::size_t(0);
 
     explicit GroupEntry(Lox::IpAddr address) : group(address) {}
+    /// Nothing is owed about it any more: no change, or no answer.
+    void changeDel();
+    void answerDel();
 
     HostGroup group;
     TimedLink change{this};    ///< the next report of a change; in the older versions, any report
@@ -83,6 +86,8 @@ struct GroupEntry {
     GroupLink walk{this};      ///< the walk over all groups with state
     std::size_t wish = noWish; ///< index of what this turn wants of it
     bool lastReporter = false; ///< nobody reported it after us (RFC 2236, 6)
+    /// All that is asked is told by the general answer, too, if that comes sooner.
+    bool generalServes = false;
 };
 
 } // namespace Agent

@@ -126,16 +126,18 @@ void HostEngine::handleVersion(double now) {
 /// neither: it leaves in the version now spoken.
 void HostEngine::doCancel() {
     late_.clear();
-    doDrop(repeats_, &GroupEntry::change);
-    doDrop(answers_, &GroupEntry::answer);
+    doDrop(repeats_);
+    doDrop(answers_);
     generalDue_ = generalDeadline_ = walkDue_ = walkDeadline_ = never;
     olderQueryTime_ = -never;
 }
 
-void HostEngine::doDrop(GroupQueue& queue, TimedLink GroupEntry::*link) {
+void HostEngine::doDrop(GroupQueue& queue) {
     while (GroupEntry* entry = queue.first()) {
-        GroupQueue::del(entry->*link);
-        if (link == &GroupEntry::change) entry->group.changeDel();
+        if (&queue == &answers_)
+            entry->answerDel();
+        else
+            entry->changeDel();
         doRelease(*entry);
     }
 }
@@ -186,7 +188,7 @@ void HostEngine::linkDown(double now) {
     heardRobustness_ = 0;
     handleVersion(now);
     doCancel();
-    doDrop(fresh_, &GroupEntry::change);
+    doDrop(fresh_);
 }
 
 void HostEngine::linkUp(double now) {

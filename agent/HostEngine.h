@@ -139,7 +139,7 @@ class HostEngine {
     bool handleExclude(double now, Wish const& wish);
     void doAnnounceAll(double now);
     void doCancel();
-    void doDrop(GroupQueue& queue, TimedLink GroupEntry::*link);
+    void doDrop(GroupQueue& queue);
     void doRelease(GroupEntry& entry);
     unsigned robustness() const;
     double reportIntervalSeconds() const;

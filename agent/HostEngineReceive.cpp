@@ -135,13 +135,18 @@ void HostEngine::doScheduleAnswer(double now, IgmpQuery const& query) {
     double bound = responseSeconds(query);
     if (query.isGeneral()) return doScheduleGeneralAnswer(now, bound);
     double due = now + randomDelay(bound);
-    if (generalDue_ <= due) return;
     auto found = groups_.find(query.group);
     if (found == groups_.end() || !found->second.group.hasState()) return;
     GroupEntry& entry = found->second;
     bool pending = entry.answer.queue != nullptr;
+    // Rule 1: no answer of its own if the general one comes sooner. But that is spread up to its
+    // deadline: which of them does shows when the first of them leaves. What was owed before the
+    // general query stays owed.
+    bool sooner = generalDue_ <= due;
+    entry.generalServes = (sooner || walkDue_ != never) && (!pending || entry.generalServes);
     entry.group.askedAdd(query.sources, pending);
-    if (!pending || due < entry.answer.due) answers_.add(entry.answer, now, due);
+    if (!pending || due < entry.answer.due)
+        answers_.add(entry.answer, sooner ? std::max(now, generalDue_) : now, due);
 }
 
 /// The answer begins early enough to end within the response time. What an earlier query is still

@@ -88,7 +88,7 @@ void HostEngine::doSendAnswers(double now) {
         &HostCounters::v3CurrentStateReportSent, [&] { return answers_.first(now); },
         [&](HostGroup const& group) { group.answerRecordsAdd(records_); },
         [&](GroupEntry& entry) {
-            GroupQueue::del(entry.answer);
+            entry.answerDel();
             doRelease(entry);
         });
 }
@@ -99,7 +99,10 @@ void HostEngine::doSendWalk(double now) {
     std::size_t named = doFillReport(
         &HostCounters::v3CurrentStateReportSent, [&] { return walking_.first(); },
         [&](HostGroup const& group) { group.stateRecordAdd(records_); },
-        [&](GroupEntry& entry) { settled_.add(entry.walk); });
+        [&](GroupEntry& entry) {
+            settled_.add(entry.walk);
+            if (entry.generalServes) entry.answerDel();
+        });
     walkLeft_ -= std::min(named, walkLeft_);
     walkDue_ = never;
     if (walking_.isEmpty()) {

@@ -74,13 +74,14 @@ void HostGroup::stateRecordAdd(RecordList& records) const {
 }
 
 void HostGroup::askedAdd(std::span<Lox::IpAddr const> sources, bool pending) {
-    bool wholeGroup = sources.empty() || (pending && asked_.empty());
-    if (wholeGroup || !pending) asked_.clear();
-    if (wholeGroup) return;
-    asked_.insert(asked_.end(), sources.begin(), sources.end());
-    std::sort(asked_.begin(), asked_.end());
-    asked_.erase(std::unique(asked_.begin(), asked_.end()), asked_.end());
-    if (asked_.size() > maxAsked) asked_.clear();
+    if (sources.empty()) return askedDel();
+    if (pending && asked_.empty()) return;
+    for (Lox::IpAddr source : sources) {
+        auto at = std::lower_bound(asked_.begin(), asked_.end(), source);
+        if (at != asked_.end() && *at == source) continue;
+        if (asked_.size() == maxAsked) return askedDel();
+        asked_.insert(at, source);
+    }
 }
 
 void HostGroup::answerRecordsAdd(RecordList& records) const {

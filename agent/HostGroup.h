@@ -55,6 +55,8 @@ class HostGroup {
     /// Notes what a query asks about; no sources: about the whole group. `pending`: an earlier
     /// query waits for its answer too. Beyond maxAsked sources the whole group counts as asked.
     void askedAdd(std::span<Lox::IpAddr const> sources, bool pending);
+    /// Forgets it all, and gives back the memory: whoever is on the link may ask.
+    void askedDel() { asked_ = std::vector<Lox::IpAddr>(); }
     /// Appends the answer, possibly nothing.
     void answerRecordsAdd(RecordList& records) const;
 
@@ -73,7 +75,7 @@ class HostGroup {
     void doRecount();
 
     std::vector<Source> sources_;    // ascending; listed ones, and others while they are owed
-    std::vector<Lox::IpAddr> asked_; // ascending; empty: the whole group. Of use while pending
+    std::vector<Lox::IpAddr> asked_; // ascending; empty: the whole group, or none pending
     Lox::IpAddr group_;
     std::uint32_t listed_ = 0;  // how many of the sources are listed
     std::uint32_t counted_ = 0; // and how many are owed

@@ -149,6 +149,22 @@ TEST_F(HostEnginePacingTest, LaterQueryDoesNotStretchTheAnswerThatIsOwed) {
     EXPECT_LE(timeOf(groups.back()), end) << "a more urgent query hurries the answer";
 }
 
+TEST_F(HostEnginePacingTest, GeneralAnswerServesAQueryForAGroupOnlyIfItNamesItInTime) {
+    Sources groups = range("239.3.0.0", 480);
+    excludeMany("239.3.0.0", 480);
+    settle();
+    for (unsigned i = 0; i < 40; ++i) {
+        hear(v3Query(100));
+        serve(0.25 * i); // before its answer, or within it
+        taken();
+        double end = now + 2;
+        for (Lox::IpAddr group : groups) hear(v3Query(20, group));
+        serve(30);
+        for (Lox::IpAddr group : groups) ASSERT_LE(timeOf(group), end) << group << ", " << i;
+        EXPECT_EQ(engine.nextExpiry(), never);
+    }
+}
+
 TEST_F(HostEnginePacingTest, QueriesFasterThanTheAnswerDoNotStarveItsEnd) {
     limit(1);
     excludeMany("239.3.0.0", 5000);

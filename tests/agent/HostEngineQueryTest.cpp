@@ -2,6 +2,7 @@
 #include "HostEngineFixture.h"
 
 #include <array>
+#include <malloc.h>
 
 namespace Agent {
 namespace {
@@ -93,6 +94,29 @@ TEST_F(HostEngineQueryTest, SpecificQueriesAreAnsweredForWhatIsWantedAndMergeWhi
     }
     EXPECT_EQ(counters().v3GroupQueryReceived, 5u);
     EXPECT_EQ(counters().v3GroupSourceQueryReceived, 12u);
+}
+
+TEST_F(HostEngineQueryTest, SourcesAreKeptUpToALimitAndUntilTheAnswer) {
+    excludeMany("239.3.0.0", 1000);
+    settle();
+    auto ask = [&](unsigned sources) {
+        for (Lox::IpAddr group : range("239.3.0.0", 1000))
+            hear(v3Query(100, group, range("10.9.0.0", sources)));
+    };
+    std::size_t before = mallinfo2().uordblks; // of the whole process
+    auto octetsPerGroup = [&] { return (double(mallinfo2().uordblks) - double(before)) / 1000; };
+    for (bool general : {false, true}) {
+        ask(HostGroup::maxAsked);
+        if (general) hear(v3Query(0));
+        EXPECT_LT(octetsPerGroup(), 400);
+        ask(255);
+        EXPECT_LT(octetsPerGroup(), 100) << "the whole group is asked about";
+        pass(10);
+        ask(HostGroup::maxAsked);
+        if (general) hear(message(IgmpType::query, {}, 1)); // cancels the answers
+        pass(10);
+        EXPECT_LT(octetsPerGroup(), 30);
+    }
 }
 
 TEST_F(HostEngineQueryTest, EarlierOfTwoTimesHolds) {
