@@ -30,6 +30,7 @@ void HostEngine::settingsIs(double now, Settings const& settings) {
     settings_.mtu = std::clamp(settings.mtu, leastMtu, mostMtu);
     settings_.robustness = std::clamp(settings.robustness, leastRobustness, mostRobustness);
     settings_.ssmOnly = settings.ssmOnly && settings_.version == 3;
+    if (settings_.version < 3) heardRobustness_ = 0;
     if (settings_.ssmOnly) v1QuerierExpiry_ = v2QuerierExpiry_ = never;
     settings_.packetsPer100ms = std::max(settings.packetsPer100ms, 1u);
     budget_.limitIs(settings_.packetsPer100ms);

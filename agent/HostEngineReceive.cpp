@@ -11,6 +11,8 @@ namespace {
 constexpr double tenth = 0.1; // unit of the Max Resp Time, in seconds
 /// An older host's longest delay, whatever is asked (RFC 1112, appendix I).
 constexpr double v1ResponseSeconds = 10;
+/// How long a version 1 router counts as present to a version 2 host (RFC 2236, 8.11).
+constexpr double v1RouterSeconds = 400;
 /// Hosts do not know the interval of an older querier and go by the default (RFC 9776, 8.12).
 constexpr double queryIntervalSeconds = 125;
 /// Older general queries closer together than this are copies. Without a bound a flood of them
@@ -42,17 +44,17 @@ void HostEngine::received(double now, std::span<std::uint8_t const> ipPacket) {
 
 void HostEngine::handleQuery(double now, IgmpDatagram const& datagram) {
     DropReason reason;
-    auto query = IgmpQuery::decode(datagram.payload, reason);
+    auto query = IgmpQuery::decode(datagram.payload, settings_.version, reason);
     if (!query) return dropped(reason);
     if (!isForUs(datagram.destination, *query)) return dropped(DropReason::strayDestination);
-    if (query->version > 1 && !datagram.routerAlert && settings_.requireRouterAlert)
+    if (query->wireVersion > 1 && !datagram.routerAlert && settings_.requireRouterAlert)
         return dropped(DropReason::noRouterAlert);
     doCountQuery(*query);
     doCountOddities(now, datagram, *query);
     if (query->version < 3)
         handleOlderQuerier(now, *query);
-    else if (query->robustness > 0)
-        heardRobustness_ = std::max<unsigned>(query->robustness, 2);
+    else // 0 stands for our own (RFC 9776, 4.1.6)
+        heardRobustness_ = query->robustness > 0 ? std::max<unsigned>(query->robustness, 2) : 0;
     handleVersion(now);
     if (query->version < 3 && settings_.ssmOnly) return;
     if (version_ == 3)
@@ -81,11 +83,11 @@ bool HostEngine::isMember(Lox::IpAddr group) const {
 
 void HostEngine::doCountQuery(IgmpQuery const& query) {
     bool general = query.group.isZero();
-    if (query.version == 1)
+    if (query.wireVersion == 1)
         ++counters_.v1QueryReceived;
-    else if (query.version == 2 && general)
+    else if (query.wireVersion == 2 && general)
         ++counters_.v2GeneralQueryReceived;
-    else if (query.version == 2)
+    else if (query.wireVersion == 2)
         ++counters_.v2GroupQueryReceived;
     else if (general)
         ++counters_.v3GeneralQueryReceived;
@@ -101,7 +103,7 @@ void HostEngine::doCountOddities(double now, IgmpDatagram const& datagram, IgmpQ
     bool offSubnet = length > 0 && different >> (32 - length) != 0;
     if (datagram.source.isZero() || offSubnet) ++counters_.oddSource;
     if (datagram.ttl != 1) ++counters_.oddTtl;
-    if (query.version == 1 || datagram.routerAlert) return;
+    if (query.wireVersion == 1 || datagram.routerAlert) return;
     ++counters_.oddRouterAlert;
     doWarn(now, routerAlert, [&] {
         return "query without Router Alert from " + datagram.source.stringValue() + ", accepted";
@@ -109,25 +111,27 @@ void HostEngine::doCountOddities(double now, IgmpDatagram const& datagram, IgmpQ
 }
 
 /// Starts the timer of an older querier. A version 2 query for a group is sent by newer queriers as
-/// well and says nothing of their version (RFC 9776, 7.2.1).
+/// well and says nothing of their version (RFC 9776, 7.2.1); nor does what an older host makes of a
+/// version 3 query, should it become a host of version 3.
 void HostEngine::handleOlderQuerier(double now, IgmpQuery const& query) {
-    if (!query.isGeneral()) return;
+    if (!query.isGeneral() || (query.version == 2 && query.wireVersion == 3)) return;
     if (settings_.version == 3)
         doWarn(now, olderQuery, [&] {
             return "IGMPv" + std::to_string(query.version) + " querier heard" +
                    (settings_.ssmOnly ? ", ignored" : ": sources cannot be announced");
         });
     if (settings_.ssmOnly) return;
-    double& expiry = query.version == 1 ? v1QuerierExpiry_ : v2QuerierExpiry_;
-    expiry = now + settings_.robustness * queryIntervalSeconds + 10 * responseSeconds(query);
+    double present = settings_.robustness * queryIntervalSeconds + 10 * responseSeconds(query);
+    if (query.version == 2)
+        v2QuerierExpiry_ = now + present;
+    else
+        v1QuerierExpiry_ = now + (settings_.version == 3 ? present : v1RouterSeconds);
 }
 
-/// The Max Resp Time. A version 3 query that reaches an older host is read as its first 8 octets
-/// (RFC 2236, 2.5), so the code is linear then.
+/// The Max Resp Time.
 double HostEngine::responseSeconds(IgmpQuery const& query) const {
-    bool linear = query.version < 3 || settings_.version < 3;
-    if (linear && query.maxRespCode == 0) return v1ResponseSeconds;
-    return tenth * (linear ? query.maxRespCode : codedValue(query.maxRespCode));
+    if (query.version == 1) return v1ResponseSeconds;
+    return tenth * (query.version == 2 ? query.maxRespCode : codedValue(query.maxRespCode));
 }
 
 /// The rules of RFC 9776, 5.2, in their order.

@@ -134,18 +134,21 @@ Lox::IpAddr IgmpDatagram::group() const {
 }
 
 std::optional<IgmpQuery> IgmpQuery::decode(std::span<std::uint8_t const> payload,
-                                           DropReason& reason) {
+                                           unsigned hostVersion, DropReason& reason) {
     IgmpQuery query;
     query.maxRespCode = payload[Message::maxRespCode];
     query.group = Lox::IpAddr::fromOctets(&payload[Message::group]);
+    bool olderHost = hostVersion < 3;
+    bool longer = payload.size() >= Message::querySources;
+    query.wireVersion = longer ? 3 : query.maxRespCode == 0 ? 1 : 2;
+    query.version = !olderHost ? query.wireVersion : query.maxRespCode == 0 ? 1 : 2;
     reason = DropReason::badLength;
-    if (payload.size() == messageOctets) {
-        query.version = query.maxRespCode == 0 ? 1 : 2;
-    } else {
-        if (payload.size() < Message::querySources) return std::nullopt;
+    if (!longer && !olderHost && payload.size() != messageOctets) return std::nullopt;
+    if (longer) {
+        std::size_t room = (payload.size() - Message::querySources) / GroupRecord::sourceOctets;
         std::size_t count = get16(payload, Message::querySourceCount);
-        if (payload.size() < Message::querySources + GroupRecord::sourceOctets * count)
-            return std::nullopt;
+        if (count > room && !olderHost) return std::nullopt;
+        count = std::min(count, room);
         query.robustness = payload[Message::robustness] & 0x07;
         query.sources.reserve(count);
         for (std::size_t i = 0; i < count; ++i)
@@ -153,8 +156,9 @@ std::optional<IgmpQuery> IgmpQuery::decode(std::span<std::uint8_t const> payload
                 &payload[Message::querySources + GroupRecord::sourceOctets * i]));
     }
     reason = DropReason::badGroup;
-    bool general = query.group.isZero();
-    if (general ? !query.sources.empty() : !query.group.isMulticast()) return std::nullopt;
+    bool wrong = query.isGeneral() ? query.version == 3 && !query.sources.empty()
+                                   : !query.group.isMulticast();
+    if (wrong) return std::nullopt;
     return query;
 }
 

@@ -61,17 +61,19 @@ struct IgmpDatagram {
 /// A membership query of any version. The S flag and the querier's interval are for routers alone
 /// and are not read.
 struct IgmpQuery {
-    unsigned version = 3;             ///< 1 to 3, told by length and code (RFC 9776, 7.1)
+    unsigned wireVersion = 3;         ///< 1 to 3, told by length and code (RFC 9776, 7.1)
+    unsigned version = 3;             ///< as the host reads it
     std::uint8_t maxRespCode = 0;     ///< octet 1 as it stands; see codedValue()
-    std::uint8_t robustness = 0;      ///< QRV; 0 in versions 1 and 2, and for "over 7"
+    std::uint8_t robustness = 0;      ///< QRV; 0: none told, or over 7
     Lox::IpAddr group;                ///< zero: general
-    std::vector<Lox::IpAddr> sources; ///< in the order of the packet
+    std::vector<Lox::IpAddr> sources; ///< in the order of the packet; not for older hosts
 
     /// Version 1 asks about all groups, whatever its group field says (RFC 1112, appendix I).
     bool isGeneral() const { return version == 1 || group.isZero(); }
-    /// From the payload of a datagram of type query.
+    /// From the payload of a datagram of type query. A host of version 1 or 2 reads the first 8
+    /// octets alone, and sees version 1 or 2 in them (RFC 2236, 2.5 and 4).
     static std::optional<IgmpQuery> decode(std::span<std::uint8_t const> payload,
-                                           DropReason& reason);
+                                           unsigned hostVersion, DropReason& reason);
 };
 
 /// The number of tenths of seconds behind a version 3 Max Resp Code: itself below 128, else a

@@ -28,7 +28,9 @@ TEST_F(HostEngineOlderTest, OlderQuerierCountsAsPresentForItsTime) {
         answer(step.query, step.seconds);
         EXPECT_EQ(engine.version(), step.version) << &step - steps;
     }
-    EXPECT_EQ(counters().v1QueryReceived, 2u);
+    answer(message(IgmpType::query, ip("10.1.1.1")), 349.9);
+    EXPECT_EQ(engine.version(), 1u) << "whatever its group field says";
+    EXPECT_EQ(counters().v1QueryReceived, 3u);
     EXPECT_EQ(counters().v2GeneralQueryReceived, 3u);
     EXPECT_EQ(counters().v2GroupQueryReceived, 2u);
     engine.linkDown(now);
@@ -176,6 +178,42 @@ TEST_F(HostEngineOlderTest, CopyOfAQuerySetsNoTimersUnlessItIsMoreUrgent) {
     EXPECT_EQ(answer(v2Query(2), 0.2), report);
     hear(v2Query(100));
     EXPECT_EQ(answer(v1Query(), 10), "v1 239.1.1.1") << "a switch leaves nothing to copy";
+}
+
+TEST_F(HostEngineOlderTest, Version2ReadsTheFirstEightOctetsOfAQuery) {
+    answer(v3Query(10, {}, {}, 7)); // adopted, until the host is one of version 2
+    speak(2);
+    exclude(g1);
+    engine.flush(now);
+    EXPECT_EQ(pass(30), report + "; " + report);
+    for (std::size_t size = 8; size < 18; ++size) {
+        Bytes query = v3Query(10, size % 2 ? g1 : Lox::IpAddr(), range("10.0.0.1", 9), 7);
+        query.resize(size); // the sources are cut off
+        EXPECT_EQ(answer(query), report) << size;
+    }
+    exclude(g2);
+    engine.flush(now);
+    EXPECT_EQ(pass(30), "v2 239.1.1.2; v2 239.1.1.2") << "no robustness is told";
+    EXPECT_EQ(counters().v2GroupQueryReceived, 2u);
+    EXPECT_EQ(counters().v3GroupSourceQueryReceived, 1u);
+    EXPECT_EQ(counters().v3GeneralQueryReceived, 4u);
+
+    std::pair<Bytes, bool> const queries[] = {{v1Query(), true},
+                                              {message(IgmpType::query, ip("10.1.1.1")), true},
+                                              {v3Query(0), true},
+                                              {v3Query(1), false},
+                                              {v2Query(1), false}};
+    for (auto const& [query, ofVersion1] : queries) {
+        hear(query);
+        for (auto [seconds, version] : {std::pair(399.9, 1u), std::pair(0.2, 2u)}) {
+            serve(seconds);
+            EXPECT_EQ(engine.version(), ofVersion1 ? version : 2)
+                << int(query[1]) << ", " << seconds;
+        }
+    }
+    hear(v3Query(1));
+    speak(3);
+    EXPECT_EQ(engine.version(), 3u) << "the querier is of version 3";
 }
 
 TEST_F(HostEngineOlderTest, SourceSpecificHostIgnoresOlderQueriers) {

@@ -202,8 +202,8 @@ TEST_F(HostEngineQueryTest, WhatIsNoneOfOurBusinessIsIgnored) {
     EXPECT_EQ(counters().v12ReportReceived, 2u);
 }
 
-TEST_F(HostEngineQueryTest, RobustnessOfTheQuerierIsAdopted) {
-    std::pair<std::uint8_t, unsigned> const cases[] = {{5, 5}, {0, 5}, {1, 2}};
+TEST_F(HostEngineQueryTest, RobustnessOfTheQuerierIsAdoptedUntilItTellsNone) {
+    std::pair<std::uint8_t, unsigned> const cases[] = {{5, 5}, {1, 2}, {7, 7}, {0, 2}};
     for (auto [told, times] : cases) {
         answer(v3Query(10, {}, {}, told));
         exclude(ip("239.3.3.3"));

@@ -15,7 +15,7 @@ std::optional<IgmpDatagram> datagramOf(std::span<std::uint8_t const> packet) {
 }
 
 std::optional<IgmpQuery> queryOf(Bytes const& payload) {
-    return IgmpQuery::decode(payload, reason = DropReason::count);
+    return IgmpQuery::decode(payload, 3, reason = DropReason::count);
 }
 
 RecordList recordsOf(RecordType type, Sources const& sources) {
@@ -54,8 +54,10 @@ TEST(IgmpPacketTest, EveryTruncationIsRejected) {
         auto datagram = datagramOf(packet);
         ASSERT_EQ(datagram.has_value(), size >= 8) << size;
         bool fits = size == 8 || size == whole.size();
-        EXPECT_EQ(datagram && IgmpQuery::decode(datagram->payload, reason), fits) << size;
+        EXPECT_EQ(datagram && IgmpQuery::decode(datagram->payload, 3, reason), fits) << size;
         EXPECT_TRUE(fits || reason == DropReason::badLength) << size;
+        auto older = datagram ? IgmpQuery::decode(datagram->payload, 2, reason) : std::nullopt;
+        EXPECT_EQ(older && older->version == 2, size >= 8) << size << ", of use to an older host";
     }
 }
 
@@ -65,7 +67,7 @@ TEST(IgmpPacketTest, PaddingIsCutOffAndExtraOctetsCountForTheChecksumAlone) {
     Bytes packet = packetOf(extra);
     packet.resize(60, 0xEE);
     EXPECT_EQ(datagramOf(packet)->payload.size(), 15u);
-    EXPECT_TRUE(IgmpQuery::decode(datagramOf(packet)->payload, reason));
+    EXPECT_TRUE(IgmpQuery::decode(datagramOf(packet)->payload, 3, reason));
     packet[24 + 14] ^= 1;
     EXPECT_FALSE(datagramOf(packet));
     EXPECT_EQ(reason, DropReason::badChecksum);
