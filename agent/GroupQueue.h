@@ -81,7 +81,7 @@ struct GroupEntry {
     void answerDel();
 
     HostGroup group;
-    TimedLink change{this};    ///< the next report of a change; in the older versions, any report
+    TimedLink change{this};    ///< next report of a change; before version 3, of any but `answer`
     TimedLink answer{this};    ///< the answer to a specific query
     GroupLink walk{this};      ///< the walk over all groups with state
     std::size_t wish = noWish; ///< index of what this turn wants of it

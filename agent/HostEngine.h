@@ -120,7 +120,14 @@ class HostEngine {
   private:
     using Counter = std::uint32_t HostCounters::*;
     enum Job : unsigned { freshChanges, repeatedChanges, specificAnswers, generalAnswer, jobCount };
-    enum Warning : unsigned { olderQuery, routerAlert, ssmExclude, excludeList, warningCount };
+    enum Warning : unsigned {
+        olderQuery,
+        routerAlert,
+        ssmExclude,
+        excludeList,
+        pace,
+        warningCount
+    };
 
     struct Wish { // what a turn wants of one group
         GroupEntry* entry;
@@ -171,7 +178,8 @@ class HostEngine {
     void doScheduleGeneralAnswer(double now, double boundSeconds);
     double walkSeconds() const;
     void doScheduleOlderReports(double now, IgmpQuery const& query);
-    void doScheduleOlderReport(double now, double boundSeconds, GroupEntry& entry);
+    void doScheduleOlderAnswer(double now, double boundSeconds, GroupEntry& entry);
+    bool isDueBy(GroupEntry const& entry, double time) const;
     void dropped(DropReason reason) { ++counters_.dropped[std::size_t(reason)]; }
 
     Output& output_;
@@ -192,11 +200,12 @@ class HostEngine {
     unsigned heardRobustness_ = 0; // of the last version 3 query; 0: none
 
     GroupQueue fresh_;   // changes not told yet; they keep their turn however often they change
-    GroupQueue repeats_; // changes to tell again; in the older versions, every delayed report
-    GroupQueue answers_; // to specific queries, version 3
+    GroupQueue repeats_; // changes to tell again; before version 3, the general answer, too
+    GroupQueue answers_; // to specific queries
     double generalDue_ = never; // start of the answer to a general query, version 3
     double generalDeadline_ = never;
-    GroupList settled_; // groups with state, but for
+    // Groups with state in two lists; in each, who was reported longest ago comes first.
+    GroupList settled_; // all but for
     GroupList walking_; // those that the answer in progress, or one that was cut off, did not name
     std::size_t walkLeft_ = 0; // about how many those are; only the pace depends on it
     double walkDue_ = never;   // the next packet of the answer

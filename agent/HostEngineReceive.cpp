@@ -3,6 +3,7 @@
 #include "HostEngine.h"
 
 #include <algorithm>
+#include <fmt/format.h>
 
 namespace Agent {
 
@@ -18,6 +19,9 @@ constexpr double queryIntervalSeconds = 125;
 /// Older general queries closer together than this are copies. Without a bound a flood of them
 /// would have us set all timers over and over.
 constexpr double copySeconds = 0.1;
+/// Of the response time that the reports of all groups take. Above it, timers at random would have
+/// the last reports queue up beyond its end.
+constexpr double mostLoad = 0.9;
 
 } // namespace
 
@@ -177,20 +181,49 @@ void HostEngine::doScheduleOlderReports(double now, IgmpQuery const& query) {
     if (version_ == 1) bound = std::min(bound, v1ResponseSeconds);
     if (!query.isGeneral()) {
         auto found = groups_.find(query.group);
-        if (found != groups_.end()) doScheduleOlderReport(now, bound, found->second);
+        if (found != groups_.end()) doScheduleOlderAnswer(now, bound, found->second);
         return;
     }
     if (now < olderQueryTime_ + copySeconds && olderQueryDeadline_ <= now + bound) return;
     olderQueryTime_ = now;
     olderQueryDeadline_ = now + bound;
-    for (auto& [address, entry] : groups_) doScheduleOlderReport(now, bound, entry);
+    double needed = budget_.secondsFor(double(members_));
+    if (needed > std::max(bound, copySeconds))
+        doWarn(now, pace, [&] {
+            return fmt::format(
+                "{} groups take {:.1f} s to report at packets-per-100-ms = {}, longer "
+                "than the {:.1f} s of the query: some answers come late",
+                members_, needed, settings_.packetsPer100ms, bound);
+        });
+    // Where the pace leaves no room for chance, the groups take turns: whoever was reported longest
+    // ago, by anybody, comes first.
+    bool inTurn = needed > mostLoad * bound;
+    double width = inTurn ? bound / double(members_) : bound;
+    double turn = now;
+    walking_.addAll(settled_);
+    for (GroupEntry* entry = walking_.first(); entry; entry = entry->walk.next->entry) {
+        if (!isDueBy(*entry, now + bound))
+            repeats_.add(entry->change, now, turn + randomDelay(width));
+        if (inTurn) turn += width;
+    }
 }
 
-/// A timer that runs is shortened, never extended (RFC 2236, 3).
-void HostEngine::doScheduleOlderReport(double now, double boundSeconds, GroupEntry& entry) {
-    if (!entry.group.hasState() || entry.change.queue == &fresh_) return;
-    if (entry.change.queue == &repeats_ && entry.change.due <= now + boundSeconds) return;
-    repeats_.add(entry.change, now, now + randomDelay(boundSeconds));
+/// Whether the group's timer need not be set: one that runs is shortened, never extended (RFC 2236,
+/// 3), and what nobody has heard yet is told anyway.
+bool HostEngine::isDueBy(GroupEntry const& entry, double time) const {
+    TimedLink const &change = entry.change, &answer = entry.answer;
+    return change.queue == &fresh_ || (change.queue == &repeats_ && change.due <= time) ||
+           (answer.queue && answer.due <= time);
+}
+
+/// The same timer, but its end has a turn of its own: many groups may be due before this one, and
+/// the router that asks for one group alone is about to drop it.
+void HostEngine::doScheduleOlderAnswer(double now, double boundSeconds, GroupEntry& entry) {
+    TimedLink const& change = entry.change;
+    double latest = now + boundSeconds;
+    if (!entry.group.hasState() || (entry.answer.queue && entry.answer.due <= latest)) return;
+    bool runs = change.queue == &repeats_ && change.due <= latest;
+    answers_.add(entry.answer, now, runs ? change.due : now + randomDelay(boundSeconds));
 }
 
 /// Another host answers for the group, so ours is silent. What nobody has heard yet is told anyway.
@@ -201,10 +234,12 @@ void HostEngine::handleOlderReport(double now, IgmpDatagram const& datagram) {
     ++counters_.v12ReportReceived;
     handleVersion(now);
     auto found = groups_.find(datagram.group());
-    if (version_ == 3 || found == groups_.end() || found->second.change.queue != &repeats_) return;
+    if (version_ == 3 || found == groups_.end() || !found->second.group.hasState()) return;
     GroupEntry& entry = found->second;
-    GroupQueue::del(entry.change);
-    entry.group.changeDel();
+    settled_.add(entry.walk);
+    if (entry.change.queue != &repeats_ && entry.answer.queue == nullptr) return;
+    if (entry.change.queue == &repeats_) entry.changeDel();
+    entry.answerDel();
     entry.lastReporter = false;
 }
 

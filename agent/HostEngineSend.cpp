@@ -39,13 +39,14 @@ double HostEngine::jobDue(Job job) const {
 }
 
 void HostEngine::doJob(double now, Job job) {
-    if (job == specificAnswers) return doSendAnswers(now);
     if (job == generalAnswer) return doSendWalk(now);
-    GroupQueue& queue = job == freshChanges ? fresh_ : repeats_;
-    if (version_ == 3)
-        doSendChanges(now, queue);
-    else
+    GroupQueue& queue = job == freshChanges ? fresh_ : job == repeatedChanges ? repeats_ : answers_;
+    if (version_ < 3)
         doSendOlderReport(now, queue);
+    else if (job == specificAnswers)
+        doSendAnswers(now);
+    else
+        doSendChanges(now, queue);
 }
 
 /// Packs one report, or more if a single group exceeds it, from the groups that `first` yields
@@ -116,8 +117,10 @@ void HostEngine::doSendWalk(double now) {
 void HostEngine::doSendOlderReport(double now, GroupQueue& queue) {
     GroupEntry& entry = *queue.first(now);
     HostGroup& group = entry.group;
+    entry.answerDel();
     GroupQueue::del(entry.change);
     if (group.hasState()) {
+        settled_.add(entry.walk);
         bool v2 = version_ == 2;
         doTransmit(v2 ? &HostCounters::v2ReportsSent : &HostCounters::v1ReportsSent,
                    encodeMessage(v2 ? IgmpType::v2Report : IgmpType::v1Report, settings_.address,

@@ -147,9 +147,14 @@ TEST_F(HostEngineOlderTest, ReportOfAnotherHostSilencesOursAndTheLeave) {
     EXPECT_EQ(flush(), report);
     hearReport(IgmpType::v1Report, g1); // silences repeats as well
     EXPECT_EQ(pass(30), "");
+    hear(v2Query(10, g1));
+    hearReport(IgmpType::v2Report, g1);
+    EXPECT_EQ(pass(30), "") << "an answer about one group, too";
     EXPECT_EQ(answer(v2Query(10), 30), report);
+    hear(v2Query(10, g1));
     engine.groupDel(g1);
     EXPECT_EQ(flush(), "leave 239.1.1.1") << "the last reporter again";
+    EXPECT_EQ(pass(30), "");
 
     limit(1);
     exclude(g2);
