@@ -38,6 +38,11 @@ class RecordList {
         records_.push_back({type, group, sources_.size()});
     }
     void sourceAdd(Lox::IpAddr source) { sources_.push_back(source); }
+    /// Adds a copy of a record of another list.
+    void recordAdd(GroupRecord const& record) {
+        recordAdd(record.type, record.group);
+        sources_.insert(sources_.end(), record.sources.begin(), record.sources.end());
+    }
     /// Takes the record opened last back if it has no source.
     void emptyRecordDel() {
         if (records_.back().firstSource == sources_.size()) records_.pop_back();
