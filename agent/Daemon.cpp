@@ -23,17 +23,33 @@ void logDiagnostics(std::vector<Diagnostic> const& diagnostics) {
 }
 
 Daemon::Daemon(Options options, Configuration configuration)
-    : options_(std::move(options)), writer_(state_) {
+    : options_(std::move(options)),
+      writer_(state_),
+      keeper_(loop_, options_.stateFile, [this](StateText& text, std::string& after) {
+          return hosts_->heldAdd(text, after);
+      }) {
     doFollowSignals();
     sourceIntfSm_.make(state_.sourceIntfSm, this);
     root_ = state_.makeRoot();
     hosts_ = Nex::newObject<IgmpHostAgent>(
-        state_, loop_, [this](Igmp::IgmpHost const& host) { return locate(host); },
+        state_, loop_,
+        [this](std::string const& name, std::string const& vrf) { return locate(name, vrf); },
         [this](std::string const& name, bool present) { writer_.hostIs(name, present); });
     vrfs_ = std::make_unique<Vrfs>(state_, loop_,
                                    [this](std::string const& name) { hosts_->handleDevice(name); });
     doFollowTime();
+    doReadState();
     doConfigure(std::move(configuration));
+}
+
+void Daemon::doReadState() {
+    if (options_.stateFile.empty()) return;
+    try {
+        hosts_->formerAdd(stateRead(options_.stateFile));
+    } catch (std::exception const& error) {
+        log(LogLevel::warning, "{}: {}; groups of an earlier run are not left", options_.stateFile,
+            error.what());
+    }
 }
 
 /// The hosts go first: they would look for their interfaces while the VRFs are being taken apart.
@@ -68,13 +84,27 @@ void Daemon::NexSourceIntfSm::onSourceIntf(Lox::IntfId intfId) {
     notifier()->sourceIntf(intfId)->ipAddrIs(address);
 }
 
-IgmpHostPort::Location Daemon::locate(Igmp::IgmpHost const& host) const {
-    if (!vrfs_) return {};
-    std::string const name = host.intfId().stringValue();
-    auto const& interfaces = writer_.configuration().interfaces;
-    auto const wanted = interfaces.find(name);
-    return {vrfs_->device(name), vrfs_->namespaceFd(name),
-            wanted == interfaces.end() ? nullptr : &wanted->second};
+IgmpHostPort::Location Daemon::locate(std::string const& name, std::string const& vrf) const {
+    IgmpHostPort::Location location;
+    if (!vrfs_) return location;
+    auto const& configured = writer_.configuration().interfaces;
+    auto const wanted = configured.find(name);
+    if (wanted != configured.end() && wanted->second.vrf == vrf)
+        location.configuration = &wanted->second;
+    location.settled = ready_ && (!location.configuration || settled(name, vrf));
+    if (NamespaceInterfaces const* const interfaces = vrfs_->interfaces(vrf)) {
+        location.followed = true;
+        location.device = interfaces->device(name);
+        location.namespaceFd = interfaces->place().namespaceFd;
+    }
+    return location;
+}
+
+/// Whether all routes have come through to the groups of the interface, once at least.
+bool Daemon::settled(std::string const& name, std::string const& vrf) const {
+    auto const* const machine = root_->igmpHostProxyIntfSm(Lox::IntfId(name));
+    return machine && vrfs_->routesTold(vrf) && !machine->syncAllRoutes() &&
+           !machine->reviewTimer()->reviewPending();
 }
 
 void Daemon::doConfigure(Configuration configuration) {
@@ -102,13 +132,23 @@ void Daemon::doRelease(ConfigurationWriter::Released const& released) {
 
 void Daemon::handleTurn() {
     hosts_->handleTurn(EventLoop::now());
-    if (ready_ || !vrfs_->synchronized()) return;
+    if (hosts_->takeHeldChange()) keeper_.handleChange();
+    if (hosts_->ended()) {
+        // Before it was ready, what an earlier run announced was not left.
+        if (ready_) keeper_.doRemove();
+        return loop_.stopIs(0);
+    }
+    if (ready_ || ending_ || !vrfs_->synchronized()) return;
     ready_ = true;
+    // What an earlier run announced, where nobody asks for it now, waits for this.
+    hosts_->handleConfiguration();
+    hosts_->handleTurn(EventLoop::now());
     writeAtOnce(STDOUT_FILENO, "ready\n");
     serviceNotify("READY=1");
 }
 
 void Daemon::handleReload() {
+    if (ending_) return;
     serviceNotify("RELOADING=1");
     try {
         doReload();
@@ -140,9 +180,10 @@ void Daemon::handleStatus() {
 }
 
 void Daemon::handleTerminate() {
+    // The end takes a second, whoever asks for it again.
+    if (std::exchange(ending_, true)) return;
     serviceNotify("STOPPING=1");
-    hosts_->doLeave(EventLoop::now());
-    loop_.stopIs(0);
+    hosts_->doEnd(EventLoop::now());
 }
 
 } // namespace Agent

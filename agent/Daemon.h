@@ -7,6 +7,7 @@
 #include "agent/ConfigurationWriter.h"
 #include "agent/EventLoop.h"
 #include "agent/IgmpHostAgent.h"
+#include "agent/StateKeeper.h"
 #include "agent/Vrfs.h"
 
 #include <memory>
@@ -23,6 +24,9 @@ class Daemon {
         std::string configurationFile;
         /// Where SIGUSR1 writes the agent's view; empty for nowhere.
         std::string statusFile;
+        /// Where a later run finds what this one announced, if it ends without leaving; empty for
+        /// nowhere.
+        std::string stateFile;
     };
 
     /// Starts everything and puts the configuration in force. Throws std::system_error where the
@@ -63,9 +67,11 @@ class Daemon {
     void doReload();
     void handleStatus();
     void handleTerminate();
+    void doReadState();
+    bool settled(std::string const& name, std::string const& vrf) const;
     void doConfigure(Configuration configuration);
     void doRelease(ConfigurationWriter::Released const& released);
-    IgmpHostPort::Location locate(Igmp::IgmpHost const& host) const;
+    IgmpHostPort::Location locate(std::string const& name, std::string const& vrf) const;
 
     Options options_;
     EventLoop loop_;
@@ -76,7 +82,9 @@ class Daemon {
     Nex::Ptr<IgmpHostProxy::IgmpHostProxySm> root_;
     Nex::Ptr<IgmpHostAgent> hosts_;
     std::unique_ptr<Vrfs> vrfs_;
+    StateKeeper keeper_;
     bool ready_ = false;
+    bool ending_ = false;
 };
 
 } // namespace Agent

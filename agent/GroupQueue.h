@@ -23,6 +23,7 @@ struct GroupLink {
     GroupLink& operator=(GroupLink const&) = delete;
     /// Leaves the list, if in one.
     void unlink();
+    bool isLinked() const { return next != this; }
 
     GroupEntry* entry; ///< null at the head of a list
     GroupLink* previous = this;
@@ -83,7 +84,7 @@ struct GroupEntry {
     HostGroup group;
     TimedLink change{this};    ///< next report of a change; before version 3, of any but `answer`
     TimedLink answer{this};    ///< the answer to a specific query
-    GroupLink walk{this};      ///< the walk over all groups with state
+    GroupLink walk{this};      ///< the walk over all groups with state, or over those leaving
     std::size_t wish = noWish; ///< index of what this turn wants of it
     bool lastReporter = false; ///< nobody reported it after us (RFC 2236, 6)
     /// All that is asked is told by the general answer, too, if that comes sooner.

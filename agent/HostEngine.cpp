@@ -1,7 +1,7 @@
 #include "HostEngine.h"
 
 #include <algorithm>
-#include <limits>
+#include <cmath>
 
 namespace Agent {
 
@@ -12,6 +12,7 @@ constexpr unsigned mostRobustness = 255;
 constexpr unsigned leastMtu = 68;
 constexpr unsigned mostMtu = 65535;
 constexpr double quietSeconds = 600; // between two warnings of a kind
+constexpr double leaveTicksPerSecond = 128;
 
 /// 232.0.0.0/8 (RFC 4607).
 bool isSourceSpecific(Lox::IpAddr group) { return group.host() >> 24 == 232; }
@@ -61,10 +62,14 @@ void HostEngine::groupDel(Lox::IpAddr group) {
 }
 
 void HostEngine::flush(double now) {
+    doApplyWishes(now);
+    doSend(now);
+}
+
+void HostEngine::doApplyWishes(double now) {
     for (Wish const& wish : wishes_) doApply(now, wish);
     wishes_.clear();
     wishSources_.clear();
-    doSend(now);
 }
 
 void HostEngine::doApply(double now, Wish const& wish) {
@@ -86,14 +91,15 @@ void HostEngine::doApply(double now, Wish const& wish) {
         settled_.add(entry.walk);
         ++members_;
     }
-    if (version_ < 3) { // only membership counts, and a leave is sent once
+    if (version_ < 3) { // only membership counts
         changed = joinedOrLeft;
-        group.repeatsIs(!joinedOrLeft ? reports : wasMember ? 1 : robustness());
+        group.repeatsIs(joinedOrLeft ? robustness() : reports);
     }
     if (!linkUp_)
         group.changeDel();
     else if (changed && entry.change.queue != &fresh_)
         fresh_.add(entry.change, now, now);
+    heldChanged_ |= changed;
     doRelease(entry);
 }
 
@@ -157,16 +163,21 @@ void HostEngine::doAnnounceAll(double now) {
 }
 
 void HostEngine::doRelease(GroupEntry& entry) {
-    bool pending = entry.change.queue != nullptr || entry.answer.queue != nullptr;
-    if (!pending && !entry.group.hasState() && entry.wish == GroupEntry::noWish)
-        groups_.erase(entry.group.group());
+    // Without state, the walk is that of leaving.
+    bool pending =
+        entry.change.queue != nullptr || entry.answer.queue != nullptr || entry.walk.isLinked();
+    if (pending || entry.group.hasState() || entry.wish != GroupEntry::noWish) return;
+    groups_.erase(entry.group.group());
+    heldChanged_ = true;
 }
 
 double HostEngine::nextExpiry() const {
     double work = late_.empty() ? never : -never;
     for (unsigned job = 0; job < jobCount; ++job) work = std::min(work, jobDue(Job(job)));
-    return std::min(
-        {std::max(work, budget_.nextExpiry()), generalDue_, v1QuerierExpiry_, v2QuerierExpiry_});
+    // Many leaves share a turn of whoever serves the engine.
+    double leave = std::ceil(leaveDue_ * leaveTicksPerSecond) / leaveTicksPerSecond;
+    return std::min({std::max(work, budget_.nextExpiry()), leave, generalDue_, v1QuerierExpiry_,
+                     v2QuerierExpiry_});
 }
 
 void HostEngine::timeIs(double now) {
@@ -184,27 +195,96 @@ void HostEngine::timeIs(double now) {
 }
 
 void HostEngine::linkDown(double now) {
+    if (linkUp_) {
+        doReckonFormer(now); // so that no group stands in it twice, however often the link goes
+        heldRecordsAdd(former_);
+        heldChanged_ = true;
+    }
     linkUp_ = false;
     v1QuerierExpiry_ = v2QuerierExpiry_ = never;
     heardRobustness_ = 0;
     handleVersion(now);
     doCancel();
     doDrop(fresh_);
+    leaving_.addAll(left_);
+    leavingCount_ = leftCount_ = 0;
+    leaveDue_ = never;
+    while (GroupEntry* entry = leaving_.first()) {
+        entry->walk.unlink();
+        entry->group.changeDel();
+        doRelease(*entry);
+    }
 }
 
 void HostEngine::linkUp(double now) {
+    doApplyWishes(now);
     linkUp_ = true;
+    heldChanged_ = true;
     doAnnounceAll(now);
     doSend(now);
 }
 
-void HostEngine::leaveAll(double now, bool repeated) {
+void HostEngine::formerAdd(RecordList const& records) {
+    for (std::size_t i = 0; i < records.size(); ++i) former_.recordAdd(records.record(i));
+}
+
+void HostEngine::heldRecordsAdd(RecordList& records) const {
+    if (linkUp_)
+        for (auto const& [address, entry] : groups_) {
+            if (version_ == 3)
+                entry.group.heldRecordAdd(records);
+            else if (entry.group.hasState() || entry.group.hasChange())
+                records.recordAdd(RecordType::isEx, address); // all that those versions can say
+        }
+    if (&records == &former_) return;
+    for (std::size_t i = 0; i < former_.size(); ++i) records.recordAdd(former_.record(i));
+}
+
+void HostEngine::formerEnd(double now) {
+    if (!linkUp_ || !hasFormer()) return;
+    doReckonFormer(now);
+    doSend(now);
+}
+
+void HostEngine::doReckonFormer(double now) {
+    for (std::size_t i = 0; i < former_.size(); ++i) {
+        GroupRecord record = former_.record(i);
+        GroupEntry& entry = groups_.try_emplace(record.group, record.group).first->second;
+        HostGroup& group = entry.group;
+        bool owed = false;
+        if (version_ == 3) {
+            auto mode = record.type == RecordType::isEx ? FilterMode::exclude : FilterMode::include;
+            owed = group.formerIs(mode, record.sources, robustness());
+        } else if (!group.hasState()) { // only membership counts
+            group.repeatsIs(robustness());
+            owed = entry.lastReporter = true; // as far as anybody knows
+        }
+        if (owed && entry.change.queue != &fresh_) fresh_.add(entry.change, now, now);
+        doRelease(entry);
+    }
+    former_.clear();
+    heldChanged_ = true;
+}
+
+void HostEngine::leaveAll(double now) {
     for (auto& [address, entry] : groups_) groupDel(address);
-    budget_.limitIs(std::numeric_limits<unsigned>::max());
-    flush(now);
-    while (repeated && repeats_.first()) doJob(repeats_.nextExpiry(), repeatedChanges);
-    linkDown(now);
-    budget_.limitIs(settings_.packetsPer100ms);
+    doApplyWishes(now);
+    if (!linkUp_) return;
+    doReckonFormer(now);
+    leaving_.addAll(left_);
+    leavingCount_ += std::exchange(leftCount_, 0);
+    for (GroupQueue* queue : {&fresh_, &repeats_})
+        while (GroupEntry* entry = queue->first()) {
+            GroupQueue::del(entry->change);
+            leaving_.add(entry->walk);
+            ++leavingCount_;
+        }
+    doCancel();
+    if (leaving_.isEmpty()) return;
+    leaveDue_ = now;
+    leaveRoundSeconds_ = leaveSeconds / robustness();
+    leaveRoundEnd_ = now + leaveRoundSeconds_;
+    doSend(now);
 }
 
 unsigned HostEngine::robustness() const {

@@ -3,8 +3,9 @@
 // Pure logic: it is told the time and the packets received, and hands over packets to send.
 //
 // Timers: a queue of the changes to repeat, a queue of the answers to specific queries, one timer
-// for the answer to a general query and the pace of that answer, and one timer for each older
-// version whose querier is present. Times are absolute seconds that never go back.
+// for the answer to a general query and the pace of that answer, one for the pace of leaving, and
+// one timer for each older version whose querier is present. Times are absolute seconds that never
+// go back.
 #pragma once
 
 #include "GroupQueue.h"
@@ -21,6 +22,7 @@
 #include <span>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace Agent {
@@ -105,13 +107,29 @@ class HostEngine {
     /// Does what is due.
     void timeIs(double now);
 
-    /// Drops everything pending and forgets older queriers; groups stay wanted.
+    /// Drops everything pending and forgets older queriers; groups stay wanted. What routers may
+    /// hold is remembered as former state.
     void linkDown(double now);
-    /// Announces the whole state.
+    /// Announces the whole state, with what this turn wants.
     void linkUp(double now);
-    /// Leaves every group at once, unpaced; then the link counts as down. `repeated`: what would be
-    /// told again later follows at once.
-    void leaveAll(double now, bool repeated = false);
+
+    /// Adds state that routers may hold from an earlier time. It is left only by formerEnd(), for
+    /// groups that are wanted again may take some time to come.
+    void formerAdd(RecordList const& records);
+    bool hasFormer() const { return former_.size() > 0; }
+    /// What is wanted is known: former state beyond it is taken back, once the link is up.
+    void formerEnd(double now);
+    /// Appends what routers may hold: IS_IN and IS_EX, a group possibly more than once.
+    void heldRecordsAdd(RecordList& records) const;
+    /// Whether that has changed since the last call.
+    bool takeHeldChange() { return std::exchange(heldChanged_, false); }
+
+    /// Leaves every group, as often as changes are told, evenly spread over `leaveSeconds` however
+    /// many there are: the packet limit yields. Groups may come back meanwhile.
+    void leaveAll(double now);
+    /// Whether that is over.
+    bool hasLeft() const { return leaveDue_ == never; }
+    static constexpr double leaveSeconds = 0.7;
 
     HostCounters const& counters() const { return counters_; }
     /// What we speak now, 1 to 3: the older of the setting and the queriers heard.
@@ -145,6 +163,8 @@ class HostEngine {
     void doApply(double now, Wish const& wish);
     bool handleExclude(double now, Wish const& wish);
     void doAnnounceAll(double now);
+    void doApplyWishes(double now);
+    void doReckonFormer(double now);
     void doCancel();
     void doDrop(GroupQueue& queue);
     void doRelease(GroupEntry& entry);
@@ -159,6 +179,9 @@ class HostEngine {
     void doJob(double now, Job job);
     void doSendChanges(double now, GroupQueue& queue);
     void doSendOlderReport(double now, GroupQueue& queue);
+    bool doSendOlderLeave(GroupEntry& entry);
+    void doSendLeaves(double now);
+    std::size_t doSendLeave();
     void doSendAnswers(double now);
     void doSendWalk(double now);
     template <class First, class Records, class Taken>
@@ -194,6 +217,9 @@ class HostEngine {
     std::vector<Wish> wishes_;
     std::vector<Lox::IpAddr> wishSources_;
 
+    RecordList former_; // what routers may hold, besides what groups_ tells
+    bool heldChanged_ = false;
+
     unsigned version_ = 3;
     double v1QuerierExpiry_ = never; // never: not present
     double v2QuerierExpiry_ = never;
@@ -212,6 +238,15 @@ class HostEngine {
     double walkDeadline_ = never;
     double olderQueryTime_ = -never; // the last older general query that set timers,
     double olderQueryDeadline_ = 0;  // and when its last answer is due
+
+    GroupList leaving_; // groups without state that this round of leaving has yet to name,
+    GroupList left_;    // and those that it has named and the next one names again
+    std::size_t leavingCount_ = 0; // about how many; only the pace depends on it
+    std::size_t leftCount_ = 0;
+    double leaveDue_ = never; // when the next packet should leave; late ones catch up
+    double leaveRoundEnd_ = 0;
+    double leaveRoundSeconds_ = 0;
+    bool unlimited_ = false; // while packets of leaving are built
 
     PacketBudget budget_;
     std::deque<LatePacket> late_;

@@ -234,13 +234,21 @@ void HostEngine::handleOlderReport(double now, IgmpDatagram const& datagram) {
     ++counters_.v12ReportReceived;
     handleVersion(now);
     auto found = groups_.find(datagram.group());
-    if (version_ == 3 || found == groups_.end() || !found->second.group.hasState()) return;
+    if (version_ == 3 || found == groups_.end()) return;
     GroupEntry& entry = found->second;
-    settled_.add(entry.walk);
-    if (entry.change.queue != &repeats_ && entry.answer.queue == nullptr) return;
-    if (entry.change.queue == &repeats_) entry.changeDel();
-    entry.answerDel();
+    bool repeats = entry.change.queue == &repeats_;
+    if (entry.group.hasState()) {
+        settled_.add(entry.walk);
+        if (!repeats && entry.answer.queue == nullptr) return;
+        entry.answerDel();
+        if (repeats) entry.changeDel();
+    } else { // somebody else is a member: our leave need not be told again
+        if (!repeats && !entry.walk.isLinked()) return;
+        entry.walk.unlink();
+        entry.changeDel();
+    }
     entry.lastReporter = false;
+    doRelease(entry);
 }
 
 } // namespace Agent

@@ -1,7 +1,7 @@
-// What leaves, and at which pace: changes told for the first time, changes told again, answers to
+// What is sent, and at which pace: changes told for the first time, changes told again, answers to
 // specific queries and the answer to a general query take turns, a packet each (a single group that
 // needs several sends them all). None starves another, and a fresh change waits for one turn of
-// each other at most, however much they have to tell.
+// each other at most, however much they have to tell. Leaving altogether has a pace of its own.
 #include "HostEngine.h"
 
 #include <algorithm>
@@ -9,7 +9,19 @@
 
 namespace Agent {
 
+namespace {
+
+/// The delay before a version 2 leave is told again: routers act on one within seconds, so the 10 s
+/// of reports would be too late (RFC 2236, 8.8: they ask once more after 1 s).
+constexpr double leaveRepeatSeconds = 1;
+/// Packets, so that whoever takes them keeps up. A tick of nextExpiry() each is enough for 65,536
+/// version 2 leaves, told twice.
+constexpr unsigned mostLeavesAtOnce = 2048;
+
+} // namespace
+
 void HostEngine::doSend(double now) {
+    if (linkUp_ && leaveDue_ <= now) doSendLeaves(now);
     while (linkUp_ && budget_.has(now)) {
         if (!late_.empty()) {
             LatePacket packet = std::move(late_.front());
@@ -131,19 +143,77 @@ void HostEngine::doSendOlderReport(double now, GroupQueue& queue) {
             repeats_.add(entry.change, now, now + randomDelay(reportIntervalSeconds()));
         return;
     }
+    if (doSendOlderLeave(entry)) {
+        double bound = std::min(reportIntervalSeconds(), leaveRepeatSeconds);
+        repeats_.add(entry.change, now, now + randomDelay(bound));
+    }
+    doRelease(entry);
+}
+
+/// Whether it is to be told again. RFC 2236, 3, has a host send a leave and says nothing of
+/// repeats, unlike for reports; but one that is lost costs minutes of unwanted traffic, and a
+/// router that has heard one is checking for members already and does not mind a copy (7).
+bool HostEngine::doSendOlderLeave(GroupEntry& entry) {
+    HostGroup& group = entry.group;
     // Whoever reported the group after us answers for it; version 1 knows no leave.
-    if (entry.lastReporter && version_ == 2)
+    if (entry.lastReporter && version_ == 2) {
         doTransmit(&HostCounters::v2LeavesSent,
                    encodeMessage(IgmpType::v2Leave, settings_.address, group.group()));
+        group.changeSent();
+        if (group.hasChange()) return true;
+    }
     entry.lastReporter = false;
     group.changeDel();
-    doRelease(entry);
+    return false;
+}
+
+/// The packets of one round follow each other in even steps, and each group is named in one packet
+/// of each round.
+void HostEngine::doSendLeaves(double now) {
+    budget_.has(now); // the packets count, but need not wait
+    unlimited_ = true;
+    for (unsigned packets = 0; leaveDue_ <= now && packets < mostLeavesAtOnce; ++packets) {
+        std::size_t named = leaving_.isEmpty() ? 0 : doSendLeave();
+        leavingCount_ -= std::min(named, leavingCount_);
+        if (!leaving_.isEmpty()) {
+            double left = leaveRoundEnd_ - leaveDue_;
+            leaveDue_ += left * double(named) / double(named + leavingCount_);
+            continue;
+        }
+        leaving_.addAll(left_);
+        leavingCount_ = std::exchange(leftCount_, 0);
+        leaveDue_ = leaving_.isEmpty() ? never : leaveRoundEnd_;
+        leaveRoundEnd_ += leaveRoundSeconds_;
+    }
+    unlimited_ = false;
+}
+
+/// One packet; the number of groups that it names.
+std::size_t HostEngine::doSendLeave() {
+    auto named = [&](GroupEntry& entry, bool again) {
+        entry.walk.unlink();
+        if (!again) return doRelease(entry);
+        left_.add(entry.walk);
+        ++leftCount_;
+    };
+    if (version_ < 3) {
+        GroupEntry& entry = *leaving_.first();
+        named(entry, doSendOlderLeave(entry));
+        return 1;
+    }
+    return doFillReport(
+        &HostCounters::v3StateChangeReportSent, [&] { return leaving_.first(); },
+        [&](HostGroup const& group) { group.changeRecordsAdd(records_); },
+        [&](GroupEntry& entry) {
+            entry.group.changeSent();
+            named(entry, entry.group.hasChange());
+        });
 }
 
 /// Sends, or keeps the packet until the budget allows it; only the reports of one group, or the end
 /// of one report, are ever kept.
 void HostEngine::doTransmit(Counter counter, std::span<std::uint8_t const> packet) {
-    if (!budget_.has()) {
+    if (!budget_.has() && !unlimited_) {
         late_.push_back({counter, {packet.begin(), packet.end()}});
         return;
     }

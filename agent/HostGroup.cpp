@@ -44,6 +44,41 @@ void HostGroup::announce(unsigned robustness) {
     doRecount();
 }
 
+bool HostGroup::formerIs(FilterMode mode, std::span<Lox::IpAddr const> sources,
+                         unsigned robustness) {
+    if (mode_ == FilterMode::exclude) return false; // its own TO_EX replaces all there was
+    if (mode == FilterMode::exclude) {
+        repeats_ = std::uint8_t(robustness);
+        return true;
+    }
+    auto less = [](Source const& a, Source const& b) { return a.address < b.address; };
+    std::vector<Source> missing;
+    for (Lox::IpAddr address : sources) {
+        Source source{address, std::uint8_t(robustness)};
+        if (!std::binary_search(sources_.begin(), sources_.end(), source, less))
+            missing.push_back(source);
+    }
+    std::sort(missing.begin(), missing.end(), less);
+    auto same = [](Source const& a, Source const& b) { return a.address == b.address; };
+    missing.erase(std::unique(missing.begin(), missing.end(), same), missing.end());
+    std::vector<Source> merged;
+    merged.reserve(sources_.size() + missing.size());
+    std::merge(sources_.begin(), sources_.end(), missing.begin(), missing.end(),
+               std::back_inserter(merged), less);
+    sources_.swap(merged);
+    doRecount();
+    return !missing.empty();
+}
+
+void HostGroup::heldRecordAdd(RecordList& records) const {
+    // A change of the mode that is owed still may find EXCLUDE at the routers.
+    if (mode_ == FilterMode::exclude || repeats_ > 0)
+        return records.recordAdd(RecordType::isEx, group_);
+    records.recordAdd(RecordType::isIn, group_);
+    for (Source const& source : sources_) records.sourceAdd(source.address);
+    records.emptyRecordDel();
+}
+
 void HostGroup::changeDel() { repeatsIs(0); }
 
 void HostGroup::repeatsIs(unsigned repeats) {

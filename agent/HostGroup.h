@@ -30,6 +30,12 @@ class HostGroup {
     bool stateIs(FilterMode mode, std::span<Lox::IpAddr const> sources, unsigned robustness);
     /// Makes the whole state owed `robustness` times, as if it were new.
     void announce(unsigned robustness);
+    /// Routers may still hold this state: what the state as it is now does not replace is owed
+    /// `robustness` times. Sources in any order. Tells whether anything is.
+    bool formerIs(FilterMode mode, std::span<Lox::IpAddr const> sources, unsigned robustness);
+    /// Appends the least state that covers what routers may hold, if they may hold any: IS_IN with
+    /// all sources announced or not yet known to be gone, or IS_EX without sources.
+    void heldRecordAdd(RecordList& records) const;
 
     /// Whether a change is still owed.
     bool hasChange() const { return repeats_ > 0 || counted_ > 0; }

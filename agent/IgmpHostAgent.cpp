@@ -4,6 +4,15 @@
 
 namespace Agent {
 
+namespace {
+
+std::string vrfOf(IgmpHostProxy::PlatformState const& state, Lox::IntfId const& intfId) {
+    Nex::Ptr const status = state.ipStatus->ipIntfStatus(intfId);
+    return status && status->ipIntfConfig() ? status->ipIntfConfig()->vrf().stringValue() : "";
+}
+
+} // namespace
+
 IgmpHostAgent::IgmpHostAgent(IgmpHostProxy::PlatformState& state, EventLoop& loop,
                              IgmpHostPort::Locate locate, Observer observer)
     : state_(state), loop_(loop), locate_(std::move(locate)), observer_(std::move(observer)) {
@@ -17,46 +26,104 @@ void IgmpHostAgent::handleHost(Nex::Name const& name) {
     if (Nex::Ptr<Igmp::IgmpHost> const host = state_.hostDir->igmpHost(name)) {
         auto const [known, fresh] = ports_.try_emplace(name);
         if (!fresh) return;
-        auto const port = Nex::newObject<IgmpHostPort>(loop_, host, locate_);
+        std::string const vrf = vrfOf(state_, Lox::IntfId(name));
+        auto const port = portFor(name, vrf);
         known->second = port;
+        port->hostIs(host, vrf);
         port->statusIs(state_.hostStatusDir->igmpHostStatusIs(name));
         observer_(name, true);
     } else if (auto gone = ports_.extract(name)) {
-        gone.mapped()->doLeave(EventLoop::now(), true);
+        gone.mapped()->hostDel(EventLoop::now());
+        absent_.emplace(name, gone.mapped());
         state_.hostStatusDir->igmpHostStatusDel(name);
         observer_(name, false);
     }
 }
 
+/// One that is still leaving takes the groups back.
+Nex::Ptr<IgmpHostPort> IgmpHostAgent::portFor(std::string const& name, std::string const& vrf) {
+    auto const [first, last] = absent_.equal_range(name);
+    auto const found =
+        std::find_if(first, last, [&](auto const& item) { return item.second->fits(vrf); });
+    if (found != last) return absent_.extract(found).mapped();
+    return Nex::newObject<IgmpHostPort>(loop_, name, vrf, locate_);
+}
+
+void IgmpHostAgent::formerAdd(std::vector<InterfaceState> const& former) {
+    for (InterfaceState const& interface : former) {
+        auto const port = portFor(interface.name, interface.vrf);
+        port->formerAdd(interface.groups, interface.version);
+        absent_.emplace(interface.name, port);
+    }
+}
+
+bool IgmpHostAgent::heldAdd(StateText& text, std::string& after) const {
+    auto const port = ports_.upper_bound(after);
+    auto const absent = absent_.upper_bound(after);
+    if (port == ports_.end() && absent == absent_.end()) return false;
+    bool const portFirst =
+        port != ports_.end() && (absent == absent_.end() || port->first <= absent->first);
+    after = portFirst ? port->first : absent->first;
+    auto const add = [&](IgmpHostPort const& each) {
+        InterfaceState interface {
+            after, each.vrf(), each.version(), {}
+        };
+        each.heldRecordsAdd(interface.groups);
+        if (interface.groups.size() > 0) text.interfaceAdd(interface);
+    };
+    if (portFirst) add(*port->second);
+    auto const [first, last] = absent_.equal_range(after);
+    std::for_each(first, last, [&](auto const& item) { add(*item.second); });
+    return true;
+}
+
 void IgmpHostAgent::handleDevice(std::string const& name) {
     auto const found = ports_.find(name);
     if (found != ports_.end()) found->second->handleLocation();
+    auto const [first, last] = absent_.equal_range(name);
+    std::for_each(first, last, [](auto const& item) { item.second->handleLocation(); });
 }
 
 void IgmpHostAgent::handleConfiguration() {
-    for (auto const& [name, port] : ports_) port->handleLocation();
+    forPorts([](IgmpHostPort& port) { port.handleLocation(); });
 }
 
 void IgmpHostAgent::handleTurn(double now) {
-    for (auto const& [name, port] : ports_) port->handleTurn(now);
+    forPorts([&](IgmpHostPort& port) {
+        port.handleTurn(now);
+        heldChanged_ |= port.takeHeldChange();
+    });
+    doForgetFinished(now);
+}
+
+void IgmpHostAgent::doForgetFinished(double now) {
+    heldChanged_ |= std::erase_if(absent_, [&](auto const& item) {
+                        return item.second->finished(now, ending_);
+                    }) > 0;
 }
 
 double IgmpHostAgent::nextExpiry() const {
     double next = Nex::never;
-    for (auto const& [name, port] : ports_) next = std::min(next, port->nextExpiry());
+    forPorts([&](IgmpHostPort const& port) { next = std::min(next, port.nextExpiry()); });
     return next;
 }
 
 void IgmpHostAgent::timeIs(double now) {
-    for (auto const& [name, port] : ports_)
-        if (port->nextExpiry() <= now) port->timeIs(now);
+    forPorts([&](IgmpHostPort& port) {
+        if (port.nextExpiry() <= now) port.timeIs(now);
+    });
 }
 
-void IgmpHostAgent::doLeave(double now) {
+void IgmpHostAgent::doEnd(double now) {
     // An interface that comes up in the turn at hand would still join.
     hostDir_.del();
-    for (auto const& [name, port] : ports_) port->doLeave(now, false);
+    ending_ = true;
+    for (auto const& [name, port] : ports_) {
+        port->hostDel(now);
+        absent_.emplace(name, port);
+    }
     ports_.clear();
+    doForgetFinished(now);
 }
 
 nlohmann::json IgmpHostAgent::statusJson() const {

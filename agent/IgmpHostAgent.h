@@ -1,5 +1,6 @@
-// The host protocol's agent: a port for every host entity, made and withdrawn in the notification
-// in which the entity comes and goes. The status that it publishes there is what binds the entity
+// The host protocol's agent: a port for every host entity, which it is given and loses in the
+// notification in which the entity comes and goes; ports without one stay for as long as they have
+// groups to leave. The status that it publishes there is what binds the entity
 // to its interface while the interface is the one being set up.
 //
 // Build it after the root machine: it must be told of an entity after the machine has initialised
@@ -7,9 +8,12 @@
 #pragma once
 
 #include "agent/IgmpHostPort.h"
+#include "agent/StateFile.h"
 
 #include <map>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace Agent {
 
@@ -23,15 +27,27 @@ class IgmpHostAgent : public Nex::PtrInterface {
                   Observer observer);
     ~IgmpHostAgent() override;
 
+    /// What routers may hold from an earlier run, to be left unless it is wanted again. To be told
+    /// before any entity is there.
+    void formerAdd(std::vector<InterfaceState> const& former);
+    /// Adds what routers may hold by the first interface behind `after`, in the order of names, and
+    /// sets `after` to its name. Returns whether there was one.
+    bool heldAdd(StateText& text, std::string& after) const;
+    /// Whether that has changed since the last call.
+    bool takeHeldChange() { return std::exchange(heldChanged_, false); }
+
     /// A kernel interface changed.
     void handleDevice(std::string const& name);
-    /// The configuration changed, of any interface.
+    /// The configuration changed, or what locates any interface.
     void handleConfiguration();
     void handleTurn(double now);
     double nextExpiry() const;
     void timeIs(double now);
-    /// Leaves all groups everywhere, for a shutdown: nothing is sent or opened afterwards.
-    void doLeave(double now);
+    /// Leaves all groups everywhere, for a shutdown: no interface is opened from now on. The time
+    /// goes on to be told.
+    void doEnd(double now);
+    /// Whether that is over, a second later at most.
+    bool ended() const { return ending_ && absent_.empty(); }
     /// What each port has counted, by the interface's name.
     nlohmann::json statusJson() const;
 
@@ -43,12 +59,23 @@ class IgmpHostAgent : public Nex::PtrInterface {
     };
 
     void handleHost(Nex::Name const& name);
+    Nex::Ptr<IgmpHostPort> portFor(std::string const& name, std::string const& vrf);
+    void doForgetFinished(double now);
+    template <class Visit>
+    void forPorts(Visit visit) const {
+        for (auto const& [name, port] : ports_) visit(*port);
+        for (auto const& [name, port] : absent_) visit(*port);
+    }
 
     IgmpHostProxy::PlatformState& state_;
     EventLoop& loop_;
     IgmpHostPort::Locate locate_;
     Observer observer_;
     std::map<std::string, Nex::Ptr<IgmpHostPort>> ports_;
+    /// Without an entity. An interface that moves to another network may have several.
+    std::multimap<std::string, Nex::Ptr<IgmpHostPort>> absent_;
+    bool ending_ = false;
+    bool heldChanged_ = false;
     NEX_WATCHED(Igmp::IgmpHostDir, hostDir, NexIgmpHostDir)
 };
 

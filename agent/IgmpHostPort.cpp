@@ -5,10 +5,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstring>
-#include <poll.h>
 #include <sys/epoll.h>
+#include <sys/stat.h>
 #include <system_error>
 
 namespace Agent {
@@ -19,8 +18,12 @@ namespace {
 constexpr double retrySeconds = 0.005;
 /// How soon opening a socket is tried again, in seconds.
 constexpr double openRetrySeconds = 1;
-/// How long leaving waits for the interface to take the packets, in seconds.
-constexpr double leaveSeconds = 1;
+/// When leaving is given up, in seconds: a little after the engine has told everything, if the
+/// interface takes the packets.
+constexpr double leaveSeconds = 0.95;
+/// How long groups that were announced before wait for the forwarding table to ask for them again,
+/// in seconds: about as long as routers keep them (RFC 9776, 8.4).
+constexpr double settlingSeconds = 260;
 
 std::mt19937 seededRandom() {
     std::random_device device;
@@ -34,17 +37,76 @@ std::uint8_t prefixLengthOf(KernelInterface const& kernel, Lox::IpAddr address) 
     return 0;
 }
 
+bool hasAddress(IgmpHostPort::Location const& location) {
+    KernelInterface const* const kernel = location.device.kernel;
+    return kernel && kernel->up && !kernel->primaryAddress().isZero();
+}
+
+/// What tells a namespace from others while a socket of it is open.
+std::pair<dev_t, ino_t> identityOf(int namespaceFd) {
+    struct stat status {};
+    if (namespaceFd < 0 || fstat(namespaceFd, &status) < 0) return {};
+    return {status.st_dev, status.st_ino};
+}
+
 } // namespace
 
-IgmpHostPort::IgmpHostPort(EventLoop& loop, Nex::Ptr<Igmp::IgmpHost> host, Locate locate)
-    : loop_(loop), locate_(std::move(locate)), engine_(*this, seededRandom()) {
-    Nex::watch(host_, host, this);
-    for (auto const& item : host->v3group()) handleGroup(item.key);
-}
+IgmpHostPort::IgmpHostPort(EventLoop& loop, std::string name, std::string vrf, Locate locate)
+    : loop_(loop),
+      name_(std::move(name)),
+      vrf_(std::move(vrf)),
+      locate_(std::move(locate)),
+      engine_(*this, seededRandom()) {}
 
 IgmpHostPort::~IgmpHostPort() {
     nexDoZombieReactors(true);
     if (socket_) loop_.descriptorDel(socket_->fd());
+}
+
+bool IgmpHostPort::fits(std::string const& vrf) const {
+    if (!socket_) return true;
+    Location const there = locate_(name_, vrf);
+    return there.device.ifindex == openIfindex_ && identityOf(there.namespaceFd) == openNamespace_;
+}
+
+void IgmpHostPort::hostIs(Nex::Ptr<Igmp::IgmpHost> host, std::string const& vrf) {
+    vrf_ = vrf;
+    leaveDeadline_ = Nex::never;
+    settingsChanged_ = true;
+    Nex::watch(host_, host, this);
+    for (auto const& item : host->v3group()) handleGroup(item.key);
+}
+
+void IgmpHostPort::hostDel(double now) {
+    host_.del();
+    v3groupDelAll();
+    status_ = nullptr;
+    // An interface that lost its address has none to speak from.
+    Location const here = location();
+    if (here.followed && (here.device.ifindex != openIfindex_ || !hasAddress(here))) doClose(now);
+    doLeave(now);
+}
+
+void IgmpHostPort::doLeave(double now) {
+    engine_.leaveAll(now);
+    if (socket_) leaveDeadline_ = now + leaveSeconds;
+    doFlushSocket(now);
+}
+
+bool IgmpHostPort::finished(double now, bool ending) {
+    if (host()) return false;
+    if (!socket_) return ending || forgotten_ || !engine_.hasFormer();
+    bool const told = engine_.hasLeft() && socket_->queued() == 0;
+    if (!told && now < leaveDeadline_) return false;
+    if (std::uint64_t const lost = socket_->queued() + socket_->dropped() - loggedDrops_)
+        log(LogLevel::warning, "{}: gave up on {} packets while leaving", name_, lost);
+    doClose(now);
+    return true;
+}
+
+void IgmpHostPort::formerAdd(RecordList const& groups, unsigned version) {
+    settings_.version = version;
+    engine_.formerAdd(groups);
 }
 
 void IgmpHostPort::handleGroup(Lox::IpAddr group) {
@@ -59,40 +121,28 @@ void IgmpHostPort::handleGroup(Lox::IpAddr group) {
 void IgmpHostPort::handleLocation() { settingsChanged_ = true; }
 
 void IgmpHostPort::handleTurn(double now) {
-    if (settingsChanged_) doApplySettings(now);
     if (!changedGroups_.empty()) doApplyGroups();
+    if (settingsChanged_) doApplySettings(now);
     engine_.flush(now);
+    if (endsFormer()) doEndFormer(now);
     doFlushSocket(now);
     doPublishCounters();
 }
 
-double IgmpHostPort::nextExpiry() const { return std::min(engine_.nextExpiry(), retryTime_); }
+double IgmpHostPort::nextExpiry() const {
+    double const engine = congested() ? Nex::never : engine_.nextExpiry();
+    double const settling = endsFormer() ? openTime_ + settlingSeconds : Nex::never;
+    return std::min({engine, settling, retryTime_, leaveDeadline_});
+}
 
 void IgmpHostPort::timeIs(double now) {
     if (!socket_ && retryTime_ <= now) {
         retryTime_ = Nex::never;
         doApplySettings(now);
     }
-    engine_.timeIs(now);
+    if (!congested()) engine_.timeIs(now);
     doFlushSocket(now);
     doPublishCounters();
-}
-
-void IgmpHostPort::doLeave(double now, bool repeated) {
-    // An interface that lost its address has none to speak from.
-    Location const location = locate_(*host());
-    bool const usable = socket_ && location.device.kernel && location.device.kernel->up &&
-                        location.device.ifindex == openIfindex_ &&
-                        !location.device.kernel->primaryAddress().isZero();
-    if (!usable) return doClose(now);
-    leaveDeadline_ = now + leaveSeconds;
-    engine_.leaveAll(now, repeated);
-    doDrainSocket();
-    if (std::uint64_t const lost = socket_->queued() + socket_->dropped() - loggedDrops_)
-        log(LogLevel::warning, "{}: gave up on {} packets while leaving", host()->deviceName(),
-            lost);
-    doPublishCounters();
-    doClose(now);
 }
 
 nlohmann::json IgmpHostPort::statusJson() const {
@@ -107,40 +157,68 @@ nlohmann::json IgmpHostPort::statusJson() const {
 
 void IgmpHostPort::doApplySettings(double now) {
     settingsChanged_ = false;
-    Location const location = locate_(*host());
-    KernelInterface const* const kernel = location.device.kernel;
+    Location const here = location();
+    KernelInterface const* const kernel = here.device.kernel;
     bool const up = kernel && kernel->up;
-    if (socket_ && (!up || location.device.ifindex != openIfindex_)) doClose(now);
+    bool const lost = !up || here.device.ifindex != openIfindex_;
+    if (socket_ && here.followed && (lost || (!host() && !hasAddress(here)))) doClose(now);
+    // A device that went away with the operator's wish for it takes its network along.
+    forgotten_ = !kernel && !here.configuration && here.settled;
     if (!up) return;
-    HostEngine::Settings settings;
-    settings.version = unsigned(host()->igmpVersion());
-    settings.unsolicitedReportIntervalSeconds = host()->unsolicitedReportInterval();
-    settings.address = host()->ipAddr();
-    for (KernelAddress const& address : kernel->addresses)
-        settings.localAddresses.push_back(address.local);
-    settings.prefixLength = prefixLengthOf(*kernel, settings.address);
-    settings.mtu = kernel->mtu;
-    if (InterfaceConfiguration const* const wanted = location.configuration) {
-        settings.robustness = wanted->robustness;
-        settings.requireRouterAlert = wanted->requireRouterAlert;
-        settings.ssmOnly = wanted->ssmOnly;
-        settings.packetsPer100ms = wanted->packetsPer100ms;
+    if (!host()) return doApplyAbsence(here, now);
+    settings_.version = unsigned(host()->igmpVersion());
+    settings_.unsolicitedReportIntervalSeconds = host()->unsolicitedReportInterval();
+    settings_.address = host()->ipAddr();
+    if (InterfaceConfiguration const* const wanted = here.configuration) {
+        settings_.robustness = wanted->robustness;
+        settings_.requireRouterAlert = wanted->requireRouterAlert;
+        settings_.ssmOnly = wanted->ssmOnly;
+        settings_.packetsPer100ms = wanted->packetsPer100ms;
     }
-    engine_.settingsIs(now, settings);
-    if (!socket_) doOpen(location, now);
+    doApplyKernel(*kernel, now);
+    if (!socket_) doOpen(here, now);
 }
 
-void IgmpHostPort::doOpen(Location const& location, double now) {
+void IgmpHostPort::doApplyKernel(KernelInterface const& kernel, double now) {
+    settings_.prefixLength = prefixLengthOf(kernel, settings_.address);
+    settings_.mtu = kernel.mtu;
+    settings_.localAddresses.clear();
+    for (KernelAddress const& address : kernel.addresses)
+        settings_.localAddresses.push_back(address.local);
+    engine_.settingsIs(now, settings_);
+}
+
+/// Leaves what could not be left before. An interface that is configured waits for its entity,
+/// which may want the groups.
+void IgmpHostPort::doApplyAbsence(Location const& here, double now) {
+    if (socket_ || here.configuration || !here.settled || !hasAddress(here)) return;
+    if (!engine_.hasFormer()) return;
+    settings_.address = here.device.kernel->primaryAddress();
+    doApplyKernel(*here.device.kernel, now);
+    doOpen(here, now);
+    if (socket_) doLeave(now);
+}
+
+/// A machine that has just been made, or an agent that has just been started, takes some time to
+/// know what the forwarding table asks for; but it may never be read.
+void IgmpHostPort::doEndFormer(double now) {
+    if (!location().settled && now < openTime_ + settlingSeconds) return;
+    engine_.formerEnd(now);
+    doFlushSocket(now);
+}
+
+void IgmpHostPort::doOpen(Location const& here, double now) {
     try {
-        socket_ = std::make_unique<PacketSocket>(location.device.ifindex, location.namespaceFd);
+        socket_ = std::make_unique<PacketSocket>(here.device.ifindex, here.namespaceFd);
     } catch (std::system_error const& error) {
         if (auto const heldBack = openErrors_.admitted(now))
-            log(LogLevel::error, "{}: {} ({} more like this)", host()->deviceName(), error.what(),
-                *heldBack);
+            log(LogLevel::error, "{}: {} ({} more like this)", name_, error.what(), *heldBack);
         retryTime_ = now + openRetrySeconds;
         return;
     }
-    openIfindex_ = location.device.ifindex;
+    openIfindex_ = here.device.ifindex;
+    openNamespace_ = identityOf(here.namespaceFd);
+    openTime_ = now;
     awaited_ = 0;
     loggedDrops_ = 0;
     doFlushSocket(now); // also has the loop watch it
@@ -152,7 +230,7 @@ void IgmpHostPort::doClose(double now) {
     if (socket_) loop_.descriptorDel(socket_->fd());
     socket_ = nullptr;
     openIfindex_ = 0;
-    retryTime_ = Nex::never;
+    retryTime_ = leaveDeadline_ = Nex::never;
 }
 
 // Groups
@@ -165,7 +243,7 @@ void IgmpHostPort::doApplyGroups() {
 }
 
 void IgmpHostPort::doApplyGroup(Lox::IpAddr group) {
-    Igmp::IgmpV3GroupRecord const* const record = host()->v3group(group);
+    Igmp::IgmpV3GroupRecord const* const record = host() ? host()->v3group(group) : nullptr;
     if (!record) return engine_.groupDel(group);
     sources_.clear();
     if (record->source())
@@ -187,13 +265,11 @@ void IgmpHostPort::handleSocket(std::uint32_t events) {
 
 void IgmpHostPort::send(std::span<std::uint8_t const> ipPacket) {
     if (!socket_) return;
-    if (socket_->queued() == PacketSocket::longestQueue) doDrainSocket();
+    if (socket_->queued() == PacketSocket::longestQueue) socket_->flush(EventLoop::now());
     socket_->packetIs(ipPacket);
 }
 
-void IgmpHostPort::warn(std::string const& text) {
-    log(LogLevel::warning, "{}: {}", host()->deviceName(), text);
-}
+void IgmpHostPort::warn(std::string const& text) { log(LogLevel::warning, "{}: {}", name_, text); }
 
 void IgmpHostPort::doFlushSocket(double now) {
     if (!socket_) return;
@@ -205,26 +281,12 @@ void IgmpHostPort::doFlushSocket(double now) {
     doLogDrops(now);
 }
 
-/// Sends what is queued; while leaving, also waits for the interface to take it.
-void IgmpHostPort::doDrainSocket() {
-    for (;;) {
-        double const now = EventLoop::now();
-        int const error = socket_->flush(now);
-        double const left = leaveDeadline_ - now;
-        if (error == 0 || left <= 0) return;
-        // While the interface's queue is full, the socket is writable.
-        pollfd writable{socket_->fd(), POLLOUT, 0};
-        double const wait = error == ENOBUFS ? retrySeconds : left;
-        poll(&writable, error == ENOBUFS ? 0 : 1, int(std::ceil(wait * 1000)));
-    }
-}
-
 void IgmpHostPort::doLogDrops(double now) {
     std::uint64_t const fresh = socket_->dropped() - loggedDrops_;
     if (fresh == 0 || !sendWarnings_.admitted(now)) return;
     loggedDrops_ += fresh;
-    log(LogLevel::warning, "{}: {} packets were not sent, the last one because of: {}",
-        host()->deviceName(), fresh, std::strerror(socket_->dropError()));
+    log(LogLevel::warning, "{}: {} packets were not sent, the last one because of: {}", name_,
+        fresh, std::strerror(socket_->dropError()));
 }
 
 void IgmpHostPort::doPublishCounters() {

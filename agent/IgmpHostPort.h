@@ -2,7 +2,11 @@
 // socket on the other, the engine between them. Changes are gathered and given to the engine at the
 // end of the turn, so that what ends a turn as it began is not told to anybody.
 //
-// Timers: the engine's, and one to try again to open the socket or to send into a full queue.
+// It outlives the entity: without one it leaves its groups, at once or once the link and an address
+// are back, and may be given an entity again at any time.
+//
+// Timers: the engine's, one to try again to open the socket or to send into a full queue, one that
+// ends the wait for the forwarding table, and one that ends the attempt to leave.
 #pragma once
 
 #include "agent/Configuration.h"
@@ -16,6 +20,9 @@
 
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <string>
+#include <sys/types.h>
+#include <utility>
 #include <vector>
 
 namespace Agent {
@@ -26,18 +33,39 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     /// Where the interface is now, the namespace to open sockets in, and what the operator wants of
     /// the interface, null for nothing.
     struct Location {
+        bool followed = false; ///< whether anybody knows, as long as the VRF is there
         Device device;
         int namespaceFd = -1;
         InterfaceConfiguration const* configuration = nullptr;
+        /// What the forwarding table asks for is known, too, as far as it was there at the start.
+        bool settled = false;
     };
-    using Locate = std::function<Location(Igmp::IgmpHost const&)>;
+    /// Told the interface's name and VRF.
+    using Locate = std::function<Location(std::string const& name, std::string const& vrf)>;
 
-    /// `loop` outlives this.
-    IgmpHostPort(EventLoop& loop, Nex::Ptr<Igmp::IgmpHost> host, Locate locate);
+    /// Without an entity. `loop` outlives this.
+    IgmpHostPort(EventLoop& loop, std::string name, std::string vrf, Locate locate);
     ~IgmpHostPort() override;
 
+    std::string const& vrf() const { return vrf_; }
+    /// Whether an entity of the interface in that VRF may use this port: it speaks to the same
+    /// network, or to none.
+    bool fits(std::string const& vrf) const;
+    /// Announces what the entity asks for, in that VRF, in place of whatever was announced before.
+    void hostIs(Nex::Ptr<Igmp::IgmpHost> host, std::string const& vrf);
     /// The counters go here from now on.
     void statusIs(Nex::Ptr<Igmp::IgmpHostStatus> status) { status_ = std::move(status); }
+    /// The entity is gone: leaves every group, if the interface can still be heard.
+    void hostDel(double now);
+    /// Whether there is no entity and nothing that could still be left. `ending`: nor will be.
+    bool finished(double now, bool ending);
+
+    /// What routers may hold from an earlier run that ended without leaving, when version `version`
+    /// was spoken.
+    void formerAdd(RecordList const& groups, unsigned version);
+    void heldRecordsAdd(RecordList& groups) const { engine_.heldRecordsAdd(groups); }
+    bool takeHeldChange() { return engine_.takeHeldChange(); }
+    unsigned version() const { return engine_.version(); }
 
     /// The kernel interface or its part of the configuration changed: the socket and the engine's
     /// settings follow at the end of the turn.
@@ -46,10 +74,6 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     void handleTurn(double now);
     double nextExpiry() const;
     void timeIs(double now);
-    /// Leaves every group, if the interface can still be heard, and goes silent. Waits up to a
-    /// second from `now` for the interface to take the packets. `repeated`: tells it as often as
-    /// any other change, for nobody will answer for the groups later.
-    void doLeave(double now, bool repeated);
     /// What the engine and the socket have counted.
     nlohmann::json statusJson() const;
 
@@ -72,13 +96,20 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
 
     void handleGroup(Lox::IpAddr group);
     void doMarkChanged(Lox::IpAddr group) { changedGroups_.findOrInsert(group); }
+    Location location() const { return locate_(name_, vrf_); }
     void doApplySettings(double now);
+    void doApplyKernel(KernelInterface const& kernel, double now);
+    void doApplyAbsence(Location const& here, double now);
+    bool endsFormer() const { return engine_.hasFormer() && host() && socket_; }
+    void doEndFormer(double now);
+    void doLeave(double now);
     void doApplyGroups();
     void doApplyGroup(Lox::IpAddr group);
-    void doOpen(Location const& location, double now);
+    void doOpen(Location const& here, double now);
     void doClose(double now);
     void doFlushSocket(double now);
-    void doDrainSocket();
+    /// Whether leaving waits for the interface to take packets.
+    bool congested() const { return socket_ && !engine_.hasLeft() && socket_->queued() > 0; }
     void doLogDrops(double now);
     void handleSocket(std::uint32_t events);
     void doPublishCounters();
@@ -88,19 +119,25 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     void warn(std::string const& text) override;
 
     EventLoop& loop_;
+    std::string name_;
+    std::string vrf_;
     Locate locate_;
     Nex::Ptr<Igmp::IgmpHostStatus> status_;
     HostEngine engine_;
+    HostEngine::Settings settings_; ///< as the last entity had them
     std::unique_ptr<PacketSocket> socket_;
     int openIfindex_ = 0;
-    std::uint32_t awaited_ = 0; ///< events that the loop watches the socket for
+    double openTime_ = 0;
+    std::pair<dev_t, ino_t> openNamespace_; ///< zero for the agent's own
+    std::uint32_t awaited_ = 0;             ///< events that the loop watches the socket for
     /// When to try again what failed: to open the socket, or to send into a full queue.
     double retryTime_ = Nex::never;
-    double leaveDeadline_ = -Nex::never; ///< until when sending waits for room
-    std::uint64_t loggedDrops_ = 0;      ///< of those of the socket
+    double leaveDeadline_ = Nex::never; ///< when to give up leaving
+    std::uint64_t loggedDrops_ = 0;     ///< of those of the socket
     LogLimit sendWarnings_;
     LogLimit openErrors_;
     bool settingsChanged_ = true;
+    bool forgotten_ = false; ///< nobody will ever hear what is owed
     Nex::Set<Lox::IpAddr> changedGroups_;
     std::vector<Lox::IpAddr> sources_; ///< scratch
     NEX_WATCHED(Igmp::IgmpHost, host, NexIgmpHost)

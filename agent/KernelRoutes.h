@@ -34,6 +34,8 @@ class KernelRoutes final : private Netlink::Observer {
 
     /// Whether the kernel's table has been read once.
     bool synchronized() const { return synchronized_; }
+    /// Whether, moreover, no route waits to be told.
+    bool told() const { return synchronized_ && table_.reviewed(); }
     /// Of all that the kernel has, unresolved ones aside.
     std::size_t routeCount() const { return table_.routeCount(); }
     /// Octets that notifications may fill before they are lost.

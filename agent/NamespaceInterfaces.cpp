@@ -67,9 +67,10 @@ void NamespaceInterfaces::doPublishKernelInterface(int ifindex) {
 }
 
 void NamespaceInterfaces::doPublish(std::string const& name) {
-    if (!owns_(name)) return;
     Lox::IpAddr const usableAddress = address(name);
-    if (usableAddress.isZero()) {
+    if (!owns_(name)) {
+        // Not listed; but groups may have to be left there.
+    } else if (usableAddress.isZero()) {
         doWithdraw(name);
     } else {
         doPublishUsable(Lox::IntfId(name), usableAddress);

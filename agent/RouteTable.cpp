@@ -132,7 +132,7 @@ bool RouteTable::doReview(std::size_t most) {
         RouteRing::remove(node);
         doJudge(node);
     }
-    return toDrop_.empty() && toJudge_.empty();
+    return reviewed();
 }
 
 bool RouteTable::uses(int ifindex) const { return interfaces_.count(ifindex) != 0; }

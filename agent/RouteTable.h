@@ -67,6 +67,8 @@ class RouteTable {
 
     /// Judges or drops up to `most` of the routes that wait for it. Returns whether none is left.
     bool doReview(std::size_t most);
+    /// The same, without doing anything.
+    bool reviewed() const { return toDrop_.empty() && toJudge_.empty(); }
 
     /// Whether any route has ever come in or gone out by that interface.
     bool uses(int ifindex) const;

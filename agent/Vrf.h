@@ -41,6 +41,8 @@ class Vrf {
     /// Whether the interfaces have been read, if there is a namespace. Not the routes: the kernel
     /// takes minutes to tell a million.
     bool synchronized() const { return !interfaces_ || interfaces_->synchronized(); }
+    /// Whether the routes have been read, too, and those that pass the filter been announced.
+    bool routesTold() const { return !routes_ || routes_->told(); }
 
     /// Which routes to announce, and the names of this VRF's proxy interfaces.
     void routePolicyIs(ForwardingTableConfiguration const& policy, std::set<std::string> proxies);

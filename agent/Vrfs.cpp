@@ -99,14 +99,14 @@ NamespaceInterfaces* Vrfs::interfacesOf(std::string const& interface) const {
     return found == vrfs_.end() ? nullptr : found->second->interfaces();
 }
 
-Device Vrfs::device(std::string const& interface) const {
-    NamespaceInterfaces const* const interfaces = interfacesOf(interface);
-    return interfaces ? interfaces->device(interface) : Device();
+NamespaceInterfaces const* Vrfs::interfaces(std::string const& vrf) const {
+    auto const found = vrfs_.find(vrf);
+    return found == vrfs_.end() ? nullptr : found->second->interfaces();
 }
 
-int Vrfs::namespaceFd(std::string const& interface) const {
-    NamespaceInterfaces const* const interfaces = interfacesOf(interface);
-    return interfaces ? interfaces->place().namespaceFd : -1;
+bool Vrfs::routesTold(std::string const& vrf) const {
+    auto const found = vrfs_.find(vrf);
+    return found == vrfs_.end() || found->second->routesTold();
 }
 
 Lox::IpAddr Vrfs::address(std::string const& interface) const {

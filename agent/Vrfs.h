@@ -23,10 +23,10 @@ class Vrfs {
     void configurationIs(Configuration const& configuration);
 
     bool synchronized() const;
-    /// Where an interface is now; no device while it is not there.
-    Device device(std::string const& interface) const;
-    /// Of the namespace that the interface is in.
-    int namespaceFd(std::string const& interface) const;
+    /// The interfaces of a VRF; null while its namespace is not there.
+    NamespaceInterfaces const* interfaces(std::string const& vrf) const;
+    /// Whether all routes of that VRF have been announced, as far as they were there at the start.
+    bool routesTold(std::string const& vrf) const;
     /// 0.0.0.0 unless the interface is usable.
     Lox::IpAddr address(std::string const& interface) const;
     /// Somebody who announced these groups on the interface has let go of them.

@@ -61,6 +61,10 @@ int main(int argc, char** argv) {
                "--status", options.statusFile,
                "Write the agent's view here upon SIGUSR1, in a directory of the user who runs it")
             ->needs(config);
+        app.add_option("--state", options.stateFile,
+                       "Keep here what is announced; after an abrupt end the next run leaves what "
+                       "is no longer wanted")
+            ->needs(config);
         app.add_option("--trace", traceLevel, "Log what the machines do, up to this level")
             ->check(CLI::Range(0, 8))
             ->needs(config);

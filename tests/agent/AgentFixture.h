@@ -42,10 +42,17 @@ class AgentTest : public testing::Test {
     /// Starts the agent with this configuration, and waits until it says that it is ready.
     void start(std::string const& configuration) {
         folder.write("ihproxyd.toml", configuration);
-        agent = std::make_unique<AgentProcess>(
-            folder, net->nearName(),
-            Lines{"--config", folder.file("ihproxyd.toml"), "--status", folder.file("status")});
+        agent = std::make_unique<AgentProcess>(folder, net->nearName(),
+                                               Lines{"--config", folder.file("ihproxyd.toml"),
+                                                     "--status", folder.file("status"), "--state",
+                                                     folder.file("state")});
         ASSERT_TRUE(agent->says("ready\n")) << agent->output();
+    }
+    /// Ends the agent before it can do anything about it.
+    void crash() {
+        agent->signal(SIGKILL);
+        ASSERT_EQ(agent->exitStatus(), -SIGKILL);
+        folder.write("output", "");
     }
     /// Has the agent read this configuration, and waits until it has.
     void reload(std::string const& configuration) {

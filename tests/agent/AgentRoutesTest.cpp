@@ -345,5 +345,24 @@ TEST_F(AgentVrfTest, ReloadAddsAndRemovesVrfsBesideOthers) {
     EXPECT_EQ(net->bridgeTable(), hereLearned);
 }
 
+TEST_F(AgentRoutesTest, GroupsAnnouncedBeforeAreLeftOnlyOnceTheRoutesAreKnown) {
+    near->routeIs("10.0.0.1", "239.2.0.1");
+    near->routeIs("10.0.0.2", "239.2.0.2");
+    start("[interface.up0]\nunsolicited-report-interval = 0.1\n");
+    ASSERT_TRUE(wire->hears(twice({"ALLOW 239.2.0.1 10.0.0.1", "ALLOW 239.2.0.2 10.0.0.2"})));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    crash();
+    near->routeDel("10.0.0.2", "239.2.0.2");
+    wire->forget();
+    start("[interface.up0]\nunsolicited-report-interval = 0.1\n");
+    Lines const now = twice({"ALLOW 239.2.0.1 10.0.0.1", "BLOCK 239.2.0.2 10.0.0.2"});
+    EXPECT_EQ(wire->heardAfter(now), now);
+    wire->forget();
+    net->nearIp("addr del 10.99.0.2/24 dev up0");
+    net->nearIp("addr add 10.99.0.2/24 dev up0");
+    Lines const again = twice({"ALLOW 239.2.0.1 10.0.0.1"});
+    EXPECT_EQ(wire->heardAfter(again), again);
+}
+
 } // namespace
 } // namespace Testing

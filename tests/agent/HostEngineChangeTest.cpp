@@ -11,6 +11,20 @@ using HostEngineChangeTest = HostEngineFixture;
 
 auto constexpr in = FilterMode::include, ex = FilterMode::exclude;
 
+/// The records of a text, in the order of their groups.
+std::string inOrder(std::string const& text) {
+    std::map<std::string, std::string> records;
+    for (std::size_t at = 0; at <= text.size();) {
+        std::size_t end = std::min(text.find_first_of(",;", at), text.size());
+        std::string record = text.substr(at, end - at);
+        records[record.substr(record.find("239."))] += record;
+        at = end + 2;
+    }
+    std::string all;
+    for (auto& [key, record] : records) all += (all.empty() ? "" : ", ") + record;
+    return all;
+}
+
 TEST_F(HostEngineChangeTest, ChangesAreToldAtOnceAndOnceMoreAndMergeMeanwhile) {
     struct Case {
         FilterMode mode;
@@ -131,20 +145,115 @@ TEST_F(HostEngineChangeTest, LinkThatComesUpAnnouncesTheStateThatIsWantedThen) {
     EXPECT_EQ(pass(9), "") << "other settings say nothing new to the routers";
 }
 
-TEST_F(HostEngineChangeTest, RepeatedLeaveIsInRobustnessPackets) {
+TEST_F(HostEngineChangeTest, LeavingTellsEachGroupAsOftenAsAChangeWithGaps) {
     settings.robustness = 3;
-    settingsApply();
-    include(g1, {a});
-    settle();
-    engine.leaveAll(now, true);
-    EXPECT_EQ(taken(), "BLOCK 239.1.1.1 10.0.0.11; BLOCK 239.1.1.1 10.0.0.11; "
-                       "BLOCK 239.1.1.1 10.0.0.11");
-    speak(2);
-    engine.linkUp(now);
+    for (unsigned version : {3u, 2u, 1u}) {
+        speak(version);
+        include(g1, {a});
+        settle();
+        exclude(g2); // whose joining is still to be repeated
+        engine.flush(now);
+        taken();
+        double start = now;
+        engine.leaveAll(now);
+        serve(1);
+        EXPECT_TRUE(engine.hasLeft());
+        EXPECT_EQ(engine.nextExpiry(), never);
+        ASSERT_EQ(sent.size(), version == 3 ? 3u : version == 2 ? 6u : 0u);
+        for (std::size_t i = 0; i < sent.size(); ++i) {
+            std::string next = version == 3 ? "" : "; " + sent[i ^ 1].text;
+            EXPECT_EQ(inOrder(sent[i].text + next),
+                      version == 3 ? "BLOCK 239.1.1.1 10.0.0.11, TO_IN 239.1.1.2"
+                                   : "leave 239.1.1.1, leave 239.1.1.2");
+            double round = HostEngine::leaveSeconds / 3, at = double(version == 3 ? 2 * i : i) / 2;
+            EXPECT_NEAR(sent[i].time, start + at * round, 1.0 / 128);
+        }
+        taken();
+    }
+}
+
+TEST_F(HostEngineChangeTest, GroupThatComesBackWhileItIsLeftIsJoinedAgain) {
+    include(g1, {a, b});
     exclude(g2);
     settle();
-    engine.leaveAll(now, true);
-    EXPECT_EQ(taken(), "leave 239.1.1.2") << "which is not repeated";
+    engine.leaveAll(now);
+    EXPECT_EQ(inOrder(taken()), "BLOCK 239.1.1.1 10.0.0.11 10.0.0.12, TO_IN 239.1.1.2");
+    include(g1, {b, c});
+    EXPECT_EQ(flush(), "ALLOW 239.1.1.1 10.0.0.12 10.0.0.13, BLOCK 239.1.1.1 10.0.0.11");
+    hear(v3Query(1));
+    EXPECT_EQ(pass(0.1), "IS_IN 239.1.1.1 10.0.0.12 10.0.0.13");
+    serve(9);
+    std::sort(sent.begin(), sent.end(), [](auto& x, auto& y) { return x.text < y.text; });
+    EXPECT_EQ(taken(), "ALLOW 239.1.1.1 10.0.0.12 10.0.0.13; TO_IN 239.1.1.2");
+    engine.leaveAll(now);
+    engine.linkDown(now);
+    EXPECT_EQ(engine.nextExpiry(), never);
+}
+
+TEST_F(HostEngineChangeTest, WhatWasGivenUpWhileTheLinkWasAwayIsOwedUntilAllIsKnown) {
+    Lox::IpAddr g3 = ip("239.1.1.3"), g4 = ip("239.1.1.4"), g5 = ip("239.1.1.5");
+    include(g1, {a, b});
+    exclude(g2);
+    exclude(g3);
+    include(g4, {a});
+    settle();
+    engine.groupDel(g4); // told once when the link goes
+    engine.flush(now);
+    for (unsigned flaps = 0; flaps < 3; ++flaps) {
+        engine.linkDown(now);
+        include(g1, {b});
+        engine.groupDel(g2);
+        include(g3, {a});
+        exclude(g5);
+        engine.flush(now);
+        engine.groupDel(g5); // which no router has heard of
+        engine.flush(now);
+        taken();
+        engine.linkUp(now);
+        EXPECT_EQ(inOrder(taken()), "ALLOW 239.1.1.1 10.0.0.12, ALLOW 239.1.1.3 10.0.0.11");
+    }
+    settle();
+    EXPECT_TRUE(engine.hasFormer());
+    RecordList held;
+    engine.heldRecordsAdd(held);
+    EXPECT_EQ(held.size(), 2u + 4u) << "however often the link went";
+    taken();
+    engine.formerEnd(now);
+    serve(9);
+    std::set<std::string> owed{"BLOCK 239.1.1.1 10.0.0.11", "TO_IN 239.1.1.2",
+                               "TO_IN 239.1.1.3 10.0.0.11", "BLOCK 239.1.1.4 10.0.0.11"};
+    for (SentPacket const& packet : sent)
+        for (std::string const& each : owed)
+            EXPECT_NE((packet.text + ",").find(each + ","), std::string::npos) << packet.text;
+    EXPECT_EQ(sent.size(), 2u);
+    EXPECT_FALSE(engine.hasFormer());
+    EXPECT_EQ(engine.nextExpiry(), never);
+}
+
+TEST_F(HostEngineChangeTest, StateOfAnEarlierRunIsTakenBackUnlessItIsWantedAgain) {
+    for (unsigned version : {3u, 2u}) {
+        exclude(g1);
+        include(g2, {a});
+        settle();
+        speak(version);
+        settle();
+        RecordList held;
+        engine.heldRecordsAdd(held);
+        HostEngine next(*this, std::mt19937(7));
+        next.settingsIs(now, settings);
+        next.formerAdd(held);
+        next.groupIs(g2, in, Sources{b});
+        taken();
+        next.linkUp(now);
+        EXPECT_EQ(taken(), version == 3 ? "ALLOW 239.1.1.2 10.0.0.12" : "v2 239.1.1.2");
+        if (version == 3) { // ended before all was known
+            next.leaveAll(now);
+            EXPECT_NE(taken().find("TO_IN 239.1.1.1"), std::string::npos);
+            continue;
+        }
+        next.formerEnd(now);
+        EXPECT_EQ(taken(), "leave 239.1.1.1");
+    }
 }
 
 /// What a router believes that listens to this host alone, and loses one of its packets.

@@ -76,9 +76,22 @@ TEST_F(HostEngineOlderTest, Version2TellsMembershipOnly) {
     EXPECT_EQ(engine.nextExpiry(), never);
     engine.groupDel(g1);
     EXPECT_EQ(flush(), "leave 239.1.1.1");
-    EXPECT_EQ(engine.nextExpiry(), never) << "a leave is not repeated";
+    EXPECT_EQ(pass(1), "leave 239.1.1.1");
+    EXPECT_EQ(engine.nextExpiry(), never);
     EXPECT_EQ(counters().v2ReportsSent, 2u);
-    EXPECT_EQ(counters().v2LeavesSent, 1u);
+    EXPECT_EQ(counters().v2LeavesSent, 2u);
+    for (bool heardAnother : {true, false}) { // while the leave is to be repeated
+        exclude(g1);
+        settle();
+        engine.groupDel(g1);
+        EXPECT_EQ(flush(), "leave 239.1.1.1");
+        if (heardAnother)
+            hearReport(IgmpType::v2Report, g1);
+        else
+            exclude(g1);
+        EXPECT_EQ(flush(), heardAnother ? "" : report);
+        EXPECT_EQ(pass(30), heardAnother ? "" : report);
+    }
 }
 
 TEST_F(HostEngineOlderTest, DefaultIntervalIsThatOfTheVersion) {
@@ -142,6 +155,7 @@ TEST_F(HostEngineOlderTest, ReportOfAnotherHostSilencesOursAndTheLeave) {
     engine.groupDel(g1);
     engine.groupDel(g2);
     EXPECT_EQ(flush(), "leave 239.1.1.2");
+    EXPECT_EQ(pass(2), "leave 239.1.1.2; leave 239.1.1.2");
 
     exclude(g1);
     EXPECT_EQ(flush(), report);
@@ -154,7 +168,7 @@ TEST_F(HostEngineOlderTest, ReportOfAnotherHostSilencesOursAndTheLeave) {
     hear(v2Query(10, g1));
     engine.groupDel(g1);
     EXPECT_EQ(flush(), "leave 239.1.1.1") << "the last reporter again";
-    EXPECT_EQ(pass(30), "");
+    EXPECT_EQ(pass(30), "leave 239.1.1.1; leave 239.1.1.1");
 
     limit(1);
     exclude(g2);

@@ -44,9 +44,29 @@ TEST_F(HostEnginePacingTest, NoHundredMillisecondsSeeMoreThanTheLimit) {
             EXPECT_LE(mostPer100ms(), packets);
             EXPECT_GE(mostPer100ms(), atOnce);
             engine.leaveAll(now);
-            engine.linkUp(now);
+            serve(1);
             taken();
         }
+}
+
+TEST_F(HostEnginePacingTest, LeavingEndsWithinASecondHoweverManyGroups) {
+    for (unsigned version : {3u, 2u}) {
+        speak(version);
+        limit(1'000'000);
+        excludeMany("239.3.0.0", version == 3 ? 65536 : 10000);
+        settle();
+        limit(1);
+        taken();
+        double start = now;
+        engine.leaveAll(now);
+        EXPECT_LE(sent.size(), 1u);
+        serve(0.75);
+        EXPECT_TRUE(engine.hasLeft());
+        EXPECT_EQ(sent.size(), version == 3 ? 2 * 359u : 2 * 10000u);
+        EXPECT_LT(mostPer100ms(), sent.size() / 6) << "evenly";
+        EXPECT_GE(sent[sent.size() / 2].time, start + HostEngine::leaveSeconds / 2);
+        taken();
+    }
 }
 
 TEST_F(HostEnginePacingTest, GroupTooBigForTheBudgetLeavesInPieces) {

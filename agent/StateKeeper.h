@@ -1,0 +1,47 @@
+// Keeps the state file in step with what is announced, at little cost: it is written a moment after
+// a change, in slices, and then not again for long, measured by the work. A write that fails is
+// tried again with the next change.
+//
+// One alarm: it begins a write, and goes on with one in the next turn.
+#pragma once
+
+#include "agent/Alarm.h"
+#include "agent/StateFile.h"
+
+#include <functional>
+#include <optional>
+#include <string>
+
+namespace Agent {
+
+class StateKeeper {
+  public:
+    /// Adds the first interface behind the one named, in the order of names, all of an empty name;
+    /// `after` becomes its name. Returns whether there was one.
+    using Next = std::function<bool(StateText& text, std::string& after)>;
+
+    /// An empty `file` keeps nothing. `loop` outlives this.
+    StateKeeper(EventLoop& loop, std::string file, Next next);
+
+    /// Something announced has changed.
+    void handleChange();
+    /// Nothing is announced any more: the file goes.
+    void doRemove();
+
+  private:
+    void handleAlarm();
+    void doWrite();
+
+    std::string file_;
+    Next next_;
+    Alarm alarm_;
+    std::optional<StateText> text_; ///< being built
+    std::string after_;
+    bool changed_ = false;
+    double workSeconds_ = 0;
+    double restUntil_ = 0;
+    LogLimit failureLimit_;
+    LogLimit truncationLimit_{3600};
+};
+
+} // namespace Agent

@@ -1,0 +1,94 @@
+// What is left, and when: by an agent that ends or was ended, on interfaces that the file no longer
+// names, and over links that do not always take packets.
+#include "agent/AgentFixture.h"
+
+namespace Testing {
+namespace {
+
+char constexpr twoGroups[] = "'239.1.1.1' = {}\n'239.1.1.2' = { include = ['10.0.0.1'] }\n";
+Lines const joined{"ALLOW 239.1.1.2 10.0.0.1", "TO_EX 239.1.1.1"};
+Lines const left{"BLOCK 239.1.1.2 10.0.0.1", "TO_IN 239.1.1.1"};
+
+Lines operator+(Lines a, Lines const& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    std::sort(a.begin(), a.end());
+    return a;
+}
+
+TEST_F(AgentTest, GroupsThatLeftTheFileWhileTheAgentWasDeadAreLeft) {
+    start(groupsOn("up0", twoGroups));
+    ASSERT_EQ(wire->heardAfter(twice(joined)), twice(joined));
+    for (int i = 0; i < 2; ++i) { // the second time, only the file remembers them
+        crash();
+        net->nearIp(i == 0 ? "link set up0 down" : "link set up0 up");
+        wire->forget();
+        start(groupsOn("up0", "'239.1.1.3' = {}\n'239.1.1.2' = { include = ['10.0.0.1'] }\n"));
+    }
+    Lines const now = twice({"ALLOW 239.1.1.2 10.0.0.1", "TO_EX 239.1.1.3", "TO_IN 239.1.1.1"});
+    EXPECT_EQ(wire->heardAfter(now), now);
+
+    crash();
+    wire->forget();
+    start("");
+    Lines const all = twice({"BLOCK 239.1.1.2 10.0.0.1", "TO_IN 239.1.1.3"});
+    EXPECT_EQ(wire->heardAfter(all), all) << "on an interface that is not configured at all";
+    EXPECT_TRUE(learned({}));
+
+    reload(groupsOn("up0", twoGroups));
+    ASSERT_TRUE(wire->hears(twice(joined)));
+    agent->signal(SIGTERM);
+    EXPECT_EQ(agent->exitStatus(), 0);
+    EXPECT_FALSE(std::filesystem::exists(folder.file("state")));
+}
+
+TEST_F(AgentTest, DamagedStateFileIsReportedAndLeavesNothing) {
+    start(groupsOn("up0", twoGroups));
+    ASSERT_EQ(wire->heardAfter(twice(joined)), twice(joined));
+    crash();
+    std::string damaged = folder.read("state");
+    ASSERT_GT(damaged.size(), 30u);
+    damaged[25] = char(damaged[25] + 1);
+    folder.write("state", damaged);
+    wire->forget();
+    start(groupsOn("up0", "'239.1.1.3' = {}\n"));
+    EXPECT_TRUE(agent->says("its checksum is wrong; groups of an earlier run are not left"));
+    EXPECT_EQ(wire->heardAfter(twice({"TO_EX 239.1.1.3"})), twice({"TO_EX 239.1.1.3"}));
+}
+
+TEST_F(AgentTest, InterfaceThatLeavesAndIsConfiguredAgainJoinsWhatItWants) {
+    start(groupsOn("up0", twoGroups));
+    ASSERT_EQ(wire->heardAfter(twice(joined)), twice(joined));
+    wire->forget();
+    reload("");
+    EXPECT_TRUE(wire->hears(left));
+    reload(groupsOn("up0", "'239.1.1.1' = {}\n"));
+    Lines const merged = left + Lines{"BLOCK 239.1.1.2 10.0.0.1"} + twice({"TO_EX 239.1.1.1"});
+    Lines heard = wire->heardAfter(merged);
+    std::erase(heard, "IS_EX 239.1.1.1"); // the bridge asks who is left
+    EXPECT_EQ(heard, merged) << "the other group goes on leaving";
+    EXPECT_TRUE(learned({"down0 239.1.1.1 exclude"}));
+}
+
+TEST_F(AgentTest, LeavesOutliveTheVrfOfTheirInterface) {
+    std::string const vrf = "[vrf.red]\nnamespace = '" + net->nearName() + "'\n";
+    std::string inRed = groupsOn("up0", twoGroups);
+    inRed.insert(inRed.find('\n') + 1, "vrf = 'red'\n");
+    start(vrf + inRed);
+    ASSERT_EQ(wire->heardAfter(twice(joined)), twice(joined));
+    wire->forget();
+    reload("");
+    EXPECT_EQ(wire->heardAfter(twice(left)), twice(left));
+}
+
+TEST_F(AgentTest, InterfaceRemovedWhileItsLinkIsAwayIsLeftWhenTheLinkIsBack) {
+    start(groupsOn("up0", twoGroups));
+    ASSERT_EQ(wire->heardAfter(twice(joined)), twice(joined));
+    net->nearIp("link set up0 down");
+    reload("");
+    wire->forget();
+    net->nearIp("link set up0 up");
+    EXPECT_EQ(wire->heardAfter(twice(left)), twice(left));
+}
+
+} // namespace
+} // namespace Testing
