@@ -1,55 +1,50 @@
-// Fills a namespace's directory of device names: an interface is listed while its status says that
-// it can be used, its local status places it in the namespace, and the kernel table of the
-// namespace has its device.
+// Fills the directories of device names: an interface is listed in a namespace's directory while
+// its status says that it can be used, its local status places it in the namespace, and the kernel
+// table of the namespace has its device.
+//
+// The root watches the interfaces, once for all managers, and tells those whom a change concerns; a
+// manager watches the kernel table of its namespace. So a change costs the same, and a manager
+// takes the same memory, however many interfaces and namespaces there are.
 #pragma once
 
 #include "Interface/Status.h"
 #include "KernelNetInfo/Status.h"
 #include "Nex/Machine.h"
 
+#include <set>
+#include <vector>
+
 namespace Interface {
 
+class NetNsIntfStatusManagerRoot;
+
+/// Where local status has an interface.
+struct Place {
+    Lox::NamespaceName networkNamespace;
+    Nex::String deviceName;
+    friend auto operator<=>(Place const&, Place const&) = default;
+};
+
+/// Fills one directory from one kernel table.
 class NetNsIntfStatusManager : public Nex::PtrInterface {
   public:
-    NetNsIntfStatusManager(Nex::Ptr<AllIntfStatusDir const> allIntfStatusDir,
-                           Nex::Ptr<AllIntfStatusLocalDir const> allIntfStatusLocalDir,
-                           Nex::Ptr<DeviceIntfStatusDir> deviceIntfStatusDir,
+    /// Fills nothing yet. `root` outlives the manager's reactors, and calls what is below.
+    NetNsIntfStatusManager(Nex::Ptr<DeviceIntfStatusDir> deviceIntfStatusDir,
                            Nex::Ptr<KernelNetInfo::Status const> kniStatus,
-                           Lox::NamespaceName networkNamespace);
+                           Lox::NamespaceName networkNamespace, NetNsIntfStatusManagerRoot* root);
     ~NetNsIntfStatusManager() override { nexDoZombieReactors(true); }
 
     DeviceIntfStatusDir* deviceIntfStatusDir() const { return deviceIntfStatusDir_.get(); }
 
+    /// Looks at the whole kernel table.
+    void handleInterface();
+    void handleInterface(KernelNetInfo::InterfaceKey key);
     /// Lists the interface, or takes it out.
     void handleIntf(Lox::IntfId const& intfId);
-    void handleIntfStatus(Lox::IntfId const& intfId);
-    void handleIntfStatusLocal(Lox::IntfId const& intfId);
-    void handleInterface(KernelNetInfo::InterfaceKey key);
 
   private:
-    template <class Interface>
-    using Reactor = Nex::Reactor<Interface, NetNsIntfStatusManager>;
-
-    struct NexAllIntfStatusDir : Reactor<AllIntfStatusDir::NotifieeConst> {
-        using Reactor::Reactor;
-        void onIntfStatus(Lox::IntfId intfId) override { machine()->handleIntfStatus(intfId); }
-    };
-    struct NexIntfStatus : Reactor<IntfStatus::NotifieeConst> {
-        using Reactor::Reactor;
-        void onOperUp() override { machine()->handleIntf(notifier()->intfId()); }
-    };
-    struct NexAllIntfStatusLocalDir : Reactor<AllIntfStatusLocalDir::NotifieeConst> {
-        using Reactor::Reactor;
-        void onIntfStatusLocal(Lox::IntfId intfId) override {
-            machine()->handleIntfStatusLocal(intfId);
-        }
-    };
-    struct NexIntfStatusLocal : Reactor<IntfStatusLocal::NotifieeConst> {
-        using Reactor::Reactor;
-        void onNetworkNamespace() override { machine()->handleIntf(notifier()->intfId()); }
-        void onDeviceName() override { machine()->handleIntf(notifier()->intfId()); }
-    };
-    struct NexKniStatus : Reactor<KernelNetInfo::Status::NotifieeConst> {
+    struct NexKniStatus
+        : Nex::Reactor<KernelNetInfo::Status::NotifieeConst, NetNsIntfStatusManager> {
         using Reactor::Reactor;
         void onInterface(KernelNetInfo::InterfaceKey key) override {
             machine()->handleInterface(key);
@@ -60,48 +55,91 @@ class NetNsIntfStatusManager : public Nex::PtrInterface {
     IntfStatusAndDeviceName entryOf(Lox::IntfId const& intfId) const;
     void doList(Lox::IntfId const& intfId, IntfStatusAndDeviceName const& entry);
     void doDelist(Lox::IntfId const& intfId);
-    /// The device has left its index.
-    void doForgetDevice(Nex::String const& deviceName);
 
-    Nex::Ptr<AllIntfStatusDir const> allIntfStatus_;
-    Nex::Ptr<AllIntfStatusLocalDir const> allIntfStatusLocal_;
     Nex::Ptr<DeviceIntfStatusDir> deviceIntfStatusDir_;
     Nex::Ptr<KernelNetInfo::Status const> kni_;
     Lox::NamespaceName networkNamespace_;
+    NetNsIntfStatusManagerRoot* root_;
 
-    Nex::Map<Nex::String, std::uint32_t> ifIndexByDevice_;
-    Nex::Map<std::uint32_t, Nex::String> deviceByIfIndex_;
-    Nex::Owned<NexAllIntfStatusDir> allIntfStatusDir_;
-    Nex::Owned<NexAllIntfStatusLocalDir> allIntfStatusLocalDir_;
+    Nex::Map<KernelNetInfo::InterfaceKey, KernelNetInfo::Interface> known_; ///< of the table
+    /// Between a device's end and its successor's beginning the table may show both, in any order:
+    /// the one that came last counts.
+    Nex::Map<Nex::String, std::vector<std::uint32_t>> ifIndexesByDevice_;
     Nex::Owned<NexKniStatus> kniStatus_;
-    Nex::ReactorMap<Lox::IntfId, NexIntfStatus> intfStatus_;
-    Nex::ReactorMap<Lox::IntfId, NexIntfStatusLocal> intfStatusLocal_;
 };
 
-/// The managers of all namespaces.
+/// The managers of all namespaces, and the interfaces by their places.
 class NetNsIntfStatusManagerRoot : public Nex::PtrInterface {
   public:
-    /// With `active` false the managers fill nothing.
+    /// With `active` false, or without a directory to read, the managers fill nothing.
     NetNsIntfStatusManagerRoot(Nex::Ptr<AllIntfStatusDir const> allIntfStatusDir,
                                Nex::Ptr<AllIntfStatusLocalDir const> allIntfStatusLocalDir,
-                               bool active)
-        : allIntfStatusDir_(std::move(allIntfStatusDir)),
-          allIntfStatusLocalDir_(std::move(allIntfStatusLocalDir)),
-          active_(active) {}
+                               bool active);
+    ~NetNsIntfStatusManagerRoot() override;
 
-    /// Starts filling `deviceIntfStatusDir` for a namespace. A manager that fills another
-    /// directory, or reads another table, makes way.
+    /// Starts filling `deviceIntfStatusDir` for a namespace; a manager that fills it already makes
+    /// way. A namespace may have several directories.
     void intfStatusManagerIs(Nex::Ptr<DeviceIntfStatusDir> deviceIntfStatusDir,
                              Nex::Ptr<KernelNetInfo::Status const> kniStatus,
                              Lox::NamespaceName networkNamespace);
-    void intfStatusManagerDel(Lox::NamespaceName const& networkNamespace);
+    /// Ends the filling of one directory, or of all directories of the namespace.
+    void intfStatusManagerDel(Lox::NamespaceName networkNamespace,
+                              Nex::Ptr<DeviceIntfStatusDir const> deviceIntfStatusDir = nullptr);
+    /// The namespace's first manager, or null.
     NetNsIntfStatusManager* intfStatusManager(Lox::NamespaceName const& networkNamespace) const;
 
+    AllIntfStatusDir const* allIntfStatus() const { return allIntfStatus_.get(); }
+    AllIntfStatusLocalDir const* allIntfStatusLocal() const { return allIntfStatusLocal_.get(); }
+    /// The interfaces on a device, by name.
+    std::vector<Lox::IntfId> intfsAt(Place const& place) const;
+
+    void handleIntfStatus(Lox::IntfId const& intfId);
+    void handleIntfStatusLocal(Lox::IntfId const& intfId);
+    /// The interface may have moved.
+    void handlePlace(Lox::IntfId const& intfId);
+    /// Has the managers of a namespace look at an interface.
+    void handleIntf(Lox::NamespaceName const& networkNamespace, Lox::IntfId const& intfId);
+
   private:
-    Nex::Ptr<AllIntfStatusDir const> allIntfStatusDir_;
-    Nex::Ptr<AllIntfStatusLocalDir const> allIntfStatusLocalDir_;
+    template <class Interface>
+    using Reactor = Nex::Reactor<Interface, NetNsIntfStatusManagerRoot>;
+
+    struct NexAllIntfStatusDir : Reactor<AllIntfStatusDir::NotifieeConst> {
+        using Reactor::Reactor;
+        void onIntfStatus(Lox::IntfId intfId) override { machine()->handleIntfStatus(intfId); }
+    };
+    struct NexIntfStatus : Reactor<IntfStatus::NotifieeConst> {
+        using Reactor::Reactor;
+        void onOperUp() override { machine()->handleIntfStatus(notifier()->intfId()); }
+    };
+    struct NexAllIntfStatusLocalDir : Reactor<AllIntfStatusLocalDir::NotifieeConst> {
+        using Reactor::Reactor;
+        void onIntfStatusLocal(Lox::IntfId intfId) override {
+            machine()->handleIntfStatusLocal(intfId);
+        }
+    };
+    struct NexIntfStatusLocal : Reactor<IntfStatusLocal::NotifieeConst> {
+        using Reactor::Reactor;
+        void onNetworkNamespace() override { machine()->handlePlace(notifier()->intfId()); }
+        void onDeviceName() override { machine()->handlePlace(notifier()->intfId()); }
+    };
+    using Managers = std::vector<Nex::Ptr<NetNsIntfStatusManager>>;
+
+    void doFollowIntfStatus(Lox::IntfId const& intfId);
+    void doFollowIntfStatusLocal(Lox::IntfId const& intfId);
+    /// Brings the index in step; returns where the interface was.
+    Place doMoveIntf(Lox::IntfId const& intfId);
+
+    Nex::Ptr<AllIntfStatusDir const> allIntfStatus_;
+    Nex::Ptr<AllIntfStatusLocalDir const> allIntfStatusLocal_;
     bool active_;
-    Nex::Map<Lox::NamespaceName, Nex::Ptr<NetNsIntfStatusManager>> managers_;
+    Nex::Map<Lox::NamespaceName, Managers> managers_;
+    Nex::Map<Lox::IntfId, Place> places_;
+    std::set<std::pair<Place, Lox::IntfId>> intfs_; ///< the same, by place
+    Nex::Owned<NexAllIntfStatusDir> allIntfStatusDir_;
+    Nex::Owned<NexAllIntfStatusLocalDir> allIntfStatusLocalDir_;
+    Nex::ReactorMap<Lox::IntfId, NexIntfStatus> intfStatus_;
+    Nex::ReactorMap<Lox::IntfId, NexIntfStatusLocal> intfStatusLocal_;
 };
 
 } // namespace Interface

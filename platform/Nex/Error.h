@@ -1,6 +1,7 @@
 // The errors that the framework raises. Each carries the complete text for the caller.
 #pragma once
 
+#include <exception>
 #include <stdexcept>
 #include <string>
 
@@ -23,6 +24,26 @@ class RangeException : public Exception {
 /// A text that is not the text form of the value asked for.
 class ParseException : public Exception {
     using Exception::Exception;
+};
+
+/// Has several things done although one of them fails: an error keeps nobody else waiting, and the
+/// first one reaches the caller in the end.
+class FirstError {
+  public:
+    template <class F>
+    void attempt(F&& act) {
+        try {
+            act();
+        } catch (...) {
+            if (!error_) error_ = std::current_exception();
+        }
+    }
+    void rethrow() const {
+        if (error_) std::rethrow_exception(error_);
+    }
+
+  private:
+    std::exception_ptr error_;
 };
 
 /// A broken precondition of the program itself: prints `text` to standard error and aborts.

@@ -9,26 +9,15 @@ namespace {
 
 using KernelNetInfo::InterfaceKey;
 
-/// Watches the directory as a machine does, and looks up at once what it is told of.
-struct Reader : Nex::Reactor<DeviceIntfStatusDir::NotifieeConst, Nex::PtrInterface> {
-    explicit Reader(Nex::Ptr<DeviceIntfStatusDir> directory)
-        : Reactor(std::move(directory), static_cast<Nex::PtrInterface*>(nullptr)) {
+/// A namespace with its directory, watched as a machine does: what it is told it looks up at once.
+struct Namespace : Nex::Reactor<DeviceIntfStatusDir::NotifieeConst, Nex::PtrInterface> {
+    explicit Namespace(Nex::String const& name)
+        : Reactor(DeviceIntfStatusDir::DeviceIntfStatusDirIs(name),
+                  static_cast<Nex::PtrInterface*>(nullptr)),
+          ns(name),
+          directory(const_cast<DeviceIntfStatusDir*>(notifier())) {
         hasNotificationActiveIs(true);
     }
-    void onIntfStatusAndDeviceName(Lox::IntfId intfId) override {
-        auto const entry = notifier()->intfStatusAndDeviceName(intfId);
-        told += intfId.stringValue() + '=' + Nex::textOf(entry.ifIndex) + ' ';
-        if (entry.ifIndex != 0) {
-            EXPECT_EQ(notifier()->intfToDeviceName(entry.ifIndex),
-                      (IntfToDeviceName{intfId, entry.deviceName}));
-        }
-        if (act) act();
-    }
-    Nex::String told;
-    std::function<void()> act;
-};
-
-struct Inputs {
     void kernel(std::uint32_t ifIndex, Nex::String const& device) {
         if (device.empty()) {
             kni->interfaceDel(InterfaceKey(ifIndex));
@@ -36,6 +25,27 @@ struct Inputs {
             kni->interfaceIs(InterfaceKey(ifIndex), {ifIndex, device, {}});
         }
     }
+    void onIntfStatusAndDeviceName(Lox::IntfId intfId) override {
+        auto const entry = notifier()->intfStatusAndDeviceName(intfId);
+        told += intfId.stringValue() + '=' + Nex::textOf(entry.ifIndex) + ' ';
+        if (entry.ifIndex != 0) {
+            EXPECT_EQ(notifier()->intfToDeviceName(entry.ifIndex),
+                      (IntfToDeviceName{intfId, entry.deviceName}));
+            EXPECT_FALSE(other && other->directory->intfStatusAndDeviceNameHas(intfId));
+        }
+        if (act) act();
+    }
+    Nex::String take() { return std::exchange(told, ""); }
+
+    Lox::NamespaceName ns;
+    Nex::Ptr<DeviceIntfStatusDir> directory;
+    Nex::Ptr<KernelNetInfo::Status> kni = KernelNetInfo::Status::StatusIs("kni");
+    Namespace* other = nullptr;
+    Nex::String told;
+    std::function<void()> act;
+};
+
+struct Inputs {
     void local(Nex::String const& intf, Nex::String const& device, Nex::String const& ns = "ns1") {
         auto const status = allLocal->intfStatusLocalIs(Lox::IntfId(intf));
         status->networkNamespaceIs(Lox::NamespaceName(ns));
@@ -44,140 +54,152 @@ struct Inputs {
     void operUp(Nex::String const& intf, bool up) {
         all->intfStatusIs(Lox::IntfId(intf))->operUpIs(up);
     }
-    void start() {
-        root->intfStatusManagerIs(directory, kni, ns1);
-        reader = Nex::newObject<Reader>(directory);
-    }
+    void start(Namespace const& in) { root->intfStatusManagerIs(in.directory, in.kni, in.ns); }
     /// The entries as the inputs demand them, "intf=device ..."; an index must name the device.
-    Nex::String demanded() const {
+    Nex::String demanded(Namespace const& in) const {
         Nex::String text;
         for (auto const& key : Nex::sortedKeys(all->intfStatus())) {
             auto const* const local = allLocal->intfStatusLocal(key);
-            if (!all->intfStatus(key)->operUp() || !local || local->networkNamespace() != ns1)
+            if (!all->intfStatus(key)->operUp() || !local || local->networkNamespace() != in.ns)
                 continue;
             bool found = false;
-            for (auto const& item : kni->interface())
+            for (auto const& item : in.kni->interface())
                 found |= item.value.deviceName == local->deviceName();
             if (found) text += key.stringValue() + '=' + local->deviceName() + ' ';
         }
         return text;
     }
-    Nex::String listed() const {
+    Nex::String listed(Namespace const& in) const {
         Nex::String text;
         std::size_t consistent = 0;
-        for (auto const& key : Nex::sortedKeys(directory->intfStatusAndDeviceName())) {
-            auto const entry = directory->intfStatusAndDeviceName(key);
+        for (auto const& key : Nex::sortedKeys(in.directory->intfStatusAndDeviceName())) {
+            auto const entry = in.directory->intfStatusAndDeviceName(key);
             text += key.stringValue() + '=' + entry.deviceName + ' ';
             consistent +=
                 entry.intfStatus.get() == all->intfStatus(key) &&
-                kni->interface(InterfaceKey(entry.ifIndex)).deviceName == entry.deviceName &&
-                directory->intfToDeviceName(entry.ifIndex).intfId == key;
+                in.kni->interface(InterfaceKey(entry.ifIndex)).deviceName == entry.deviceName &&
+                in.directory->intfToDeviceName(entry.ifIndex).intfId == key;
         }
-        EXPECT_EQ(consistent, directory->intfStatusAndDeviceNameCount());
-        EXPECT_EQ(consistent, directory->intfToDeviceNameCount());
+        EXPECT_EQ(consistent, in.directory->intfStatusAndDeviceNameCount());
+        EXPECT_EQ(consistent, in.directory->intfToDeviceNameCount());
         return text;
     }
-    Nex::String take() { return std::exchange(reader->told, ""); }
 
-    Lox::NamespaceName const ns1{"ns1"};
     Nex::Ptr<AllIntfStatusDir> all = AllIntfStatusDir::AllIntfStatusDirIs("all");
     Nex::Ptr<AllIntfStatusLocalDir> allLocal =
         AllIntfStatusLocalDir::AllIntfStatusLocalDirIs("local");
-    Nex::Ptr<DeviceIntfStatusDir> directory = DeviceIntfStatusDir::DeviceIntfStatusDirIs("ns1");
-    Nex::Ptr<KernelNetInfo::Status> kni = KernelNetInfo::Status::StatusIs("kni");
     Nex::Ptr<NetNsIntfStatusManagerRoot> root =
         Nex::newObject<NetNsIntfStatusManagerRoot>(all, allLocal, true);
-    Nex::Ptr<Reader> reader;
+    Nex::Ptr<Namespace> one = Nex::newObject<Namespace>("ns1");
 };
 
 TEST(DeviceDirectory, DeviceThatVanishesIsRenamedOrReindexed) {
     Inputs in;
-    in.start();
+    in.start(*in.one);
     in.operUp("a", true);
     in.local("a", "eth0");
-    in.kernel(7, "eth0");
-    EXPECT_EQ(in.take(), "a=7 ");
-    in.kernel(7, "other");
-    EXPECT_EQ(in.take(), "a=0 ");
-    in.kernel(7, "eth0");
-    in.kernel(7, "");
-    EXPECT_EQ(in.take(), "a=7 a=0 ");
-    in.kernel(8, "eth0");
-    in.kernel(9, "eth0"); // the successor is seen before the end of the device before it
-    EXPECT_EQ(in.take(), "a=8 a=0 a=9 ");
-    in.kernel(8, "");
-    EXPECT_EQ(in.take(), "") << "another device now";
+    in.one->kernel(7, "eth0");
+    EXPECT_EQ(in.one->take(), "a=7 ");
+    in.one->kernel(7, "other");
+    EXPECT_EQ(in.one->take(), "a=0 ");
+    in.one->kernel(7, "eth0");
+    in.one->kernel(7, "");
+    EXPECT_EQ(in.one->take(), "a=7 a=0 ");
+    in.one->kernel(8, "eth0");
+    in.one->kernel(9, "eth0"); // the successor is seen before the end of the device before it
+    EXPECT_EQ(in.one->take(), "a=8 a=0 a=9 ");
+    in.one->kernel(8, "");
+    EXPECT_EQ(in.one->take(), "") << "another device now";
 }
 
 TEST(DeviceDirectory, WhatHappensWhileAnInterfaceIsTakenOutCounts) {
     Inputs in;
-    in.start();
+    in.start(*in.one);
     in.operUp("a", true);
     in.local("a", "eth0");
-    in.kernel(7, "eth0");
-    in.reader->act = [&] {
+    in.one->kernel(7, "eth0");
+    in.one->act = [&] {
         // The device that was to be listed next.
-        if (in.directory->intfStatusAndDeviceNameCount() == 0) in.kernel(8, "");
+        if (in.one->directory->intfStatusAndDeviceNameCount() == 0) in.one->kernel(8, "");
     };
-    in.kernel(8, "eth0");
-    EXPECT_EQ(in.listed(), in.demanded());
+    in.one->kernel(8, "eth0");
+    EXPECT_EQ(in.listed(*in.one), in.demanded(*in.one));
 }
 
+// Two VRFs may have one namespace, and be it until one of them has gone.
 TEST(DeviceDirectory, ManagerThatGoesOrMakesWayFillsNoMore) {
     Inputs in;
-    in.start();
+    in.start(*in.one);
     in.operUp("a", true);
     in.local("a", "eth0");
-    Nex::Ptr<NetNsIntfStatusManager> const held(in.root->intfStatusManager(in.ns1));
-    auto const other = DeviceIntfStatusDir::DeviceIntfStatusDirIs("other");
-    in.root->intfStatusManagerIs(other, in.kni, in.ns1);
-    in.kernel(7, "eth0");
-    EXPECT_EQ(in.take(), "");
-    EXPECT_EQ(other->intfStatusAndDeviceNameCount(), 1u);
-    in.root->intfStatusManagerDel(in.ns1);
-    EXPECT_EQ(in.root->intfStatusManager(in.ns1), nullptr);
-    in.kernel(7, "");
-    EXPECT_EQ(other->intfStatusAndDeviceNameCount(), 1u);
+    Nex::Ptr<NetNsIntfStatusManager> const held(in.root->intfStatusManager(in.one->ns));
+    auto const second = Nex::newObject<Namespace>("ns1");
+    in.root->intfStatusManagerIs(second->directory, in.one->kni, in.one->ns);
+    in.one->kernel(7, "eth0");
+    EXPECT_EQ(in.one->take() + second->take(), "a=7 a=7 ");
+    in.root->intfStatusManagerDel(in.one->ns, in.one->directory);
+    in.one->kernel(7, "");
+    EXPECT_EQ(in.one->take() + second->take(), "a=0 ");
+    in.root->intfStatusManagerIs(second->directory, second->kni, in.one->ns);
+    in.one->kernel(7, "eth0");
+    second->kernel(8, "eth0");
+    EXPECT_EQ(second->take(), "a=8 ");
+    in.root->intfStatusManagerDel(in.one->ns);
+    EXPECT_EQ(in.root->intfStatusManager(in.one->ns), nullptr);
+    second->kernel(8, "");
+    EXPECT_EQ(second->take(), "");
 
     auto const idle = Nex::newObject<NetNsIntfStatusManagerRoot>(in.all, in.allLocal, false);
-    idle->intfStatusManagerIs(in.directory, in.kni, in.ns1);
-    in.kernel(7, "eth0");
-    EXPECT_EQ(in.listed(), "");
+    idle->intfStatusManagerIs(second->directory, in.one->kni, in.one->ns);
+    in.one->kernel(9, "eth0");
+    EXPECT_EQ(second->take(), "");
 }
 
+// An interface is in one directory at a time, whichever way it moves, and an error of whoever is
+// told of one interface keeps no other from being listed.
 RC_GTEST_PROP(DeviceDirectory, FollowsItsInputsThroughEveryHistory, ()) {
     Inputs in;
-    bool started = false;
+    Nex::Ptr<Namespace> const two = Nex::newObject<Namespace>("ns2");
+    in.one->other = two.get();
+    two->other = in.one.get();
+    Nex::Set<Namespace*> started;
+    auto const someNamespace = [&] { return *rc::gen::element(in.one.get(), two.get()); };
     auto const intf = [] { return Nex::String(1, *rc::gen::element('a', 'b', 'c')); };
     // Two device names of each interface's own, so that no two want one device.
     auto const device = [&](Nex::String const& owner) {
         return owner + *rc::gen::element('0', '1');
     };
-    int const steps = *rc::gen::inRange(0, 100);
-    for (int i = 0; i < steps; ++i) {
+    auto const step = [&] {
         Nex::String const name = intf();
+        Namespace* const place = someNamespace();
         switch (*rc::gen::inRange(0, 8)) {
         case 0:
-            in.operUp(name, *rc::gen::element(false, true));
-            break;
+            return in.operUp(name, *rc::gen::element(false, true));
         case 1:
-            in.all->intfStatusDel(Lox::IntfId(name));
-            break;
+            return in.all->intfStatusDel(Lox::IntfId(name));
         case 2:
-            in.allLocal->intfStatusLocalDel(Lox::IntfId(name));
-            break;
+            return in.allLocal->intfStatusLocalDel(Lox::IntfId(name));
         case 3:
-            in.local(name, device(name), *rc::gen::element("ns1", "ns1", "ns2"));
-            break;
+            return in.local(name, device(name), *rc::gen::element("ns1", "ns2", "ns3"));
         case 4:
-            if (!std::exchange(started, true)) in.start();
-            break;
+            if (started.findOrInsert(place).second) in.start(*place);
+            return;
         default:
-            in.kernel(*rc::gen::inRange(1u, 6u),
-                      *rc::gen::element(true, true, false) ? device(name) : "");
+            place->kernel(*rc::gen::inRange(1u, 6u),
+                          *rc::gen::element(true, true, false) ? device(name) : "");
         }
-        if (!started) continue;
-        RC_ASSERT(in.listed() == in.demanded());
+    };
+    int const steps = *rc::gen::inRange(0, 100);
+    bool const throws = *rc::gen::element(false, true);
+    if (throws) in.one->act = [] { throw Nex::RangeException("as told"); };
+    for (int i = 0; i < steps; ++i) {
+        try {
+            step();
+        } catch (Nex::RangeException const&) {
+            RC_ASSERT(throws);
+        }
+        for (Namespace* const each : started.walk())
+            RC_ASSERT(in.listed(*each) == in.demanded(*each));
     }
 }
 
