@@ -40,18 +40,29 @@ IgmpHostProxySm::IgmpHostProxySm(
       allIntfStatusDir_(std::move(allIntfStatusDir)),
       allIntfStatusLocalDir_(std::move(allIntfStatusLocalDir)),
       timerWheel_(std::move(timerWheel)),
-      entityManager_(std::move(entityManager)) {
+      entityManager_(std::move(entityManager)),
+      defaultVrf_(this, L3::VrfName("default")) {
     Nex::watch(igmpHostProxyConfig_, igmpHostProxyConfig, this);
     Nex::watch(mfibKeshDir_, mfibKeshDir, this);
     Nex::watch(igmpHostDir_, igmpHostDir, this);
     Nex::watch(igmpHostStatusDir_, igmpHostStatusDir, this);
     Nex::watch(clock_, clock, this);
     Nex::watch(allVrfStatusLocal_, allVrfStatusLocal, this);
-    handleInitialized();
-    if (allVrfStatusLocal) handleVrf();
+    try {
+        handleInitialized();
+        if (allVrfStatusLocal) handleVrf();
+    } catch (...) {
+        Nex::FirstError ignored; // beside the one that has ended the start
+        ignored.attempt([&] { vrfDelAll(); });
+        ignored.attempt([&] { defaultVrf_.del(); });
+        doEnd();
+        throw;
+    }
 }
 
-IgmpHostProxySm::~IgmpHostProxySm() {
+IgmpHostProxySm::~IgmpHostProxySm() { doEnd(); }
+
+void IgmpHostProxySm::doEnd() {
     nexDoZombieReactors(true);
     vrfIntfStatusDirDelAll();
     kernelVrfIntfStatusDelAll();
@@ -64,7 +75,8 @@ void IgmpHostProxySm::handleInitialized() {
     IHP_TRACE_ENTRY();
     if (clock_) clock_->timeMinIs(Nex::never);
     ipStatusCheckTimerIs(timerWheel_);
-    doSetUpDefaultVrf();
+    intfStatusManagerRootIs(allIntfStatusDir(), allIntfStatusLocalDir(), true);
+    defaultVrf_.networkNamespaceIs(Lox::NamespaceName(Lox::DEFAULT_NS));
     // Both return at once, for `initialized` is still false. Interfaces that were configured before
     // come up by their device names and tables; taking them up here as well would do it twice.
     handleIntfConfig();
@@ -81,12 +93,37 @@ void IgmpHostProxySm::ipStatusCheckTimerIs(Nex::Ptr<Olm::TimerWheel> timerWheel)
 void IgmpHostProxySm::handleIntfConfig() {
     IHP_TRACE_ENTRY();
     if (!initialized() || !igmpHostProxyConfig()) return;
-    for (auto const& item : igmpHostProxyConfig()->intfConfig()) handleIntfConfig(item.key);
+    Nex::FirstError error;
+    for (auto const& item : igmpHostProxyConfig()->intfConfig())
+        error.attempt([&] { handleIntfConfig(item.key); });
+    error.rethrow();
 }
 
 void IgmpHostProxySm::handleIntfConfig(Lox::IntfId intfId) {
     IHP_TRACE_ENTRY(" ( % )", intfId);
     if (!igmpHostProxyConfig() || !igmpHostProxyStatus()) return;
+    IntfInProgress* const progress = inProgress_.find(intfId);
+    if (progress && igmpHostProxyConfig()->intfConfigHas(intfId)) {
+        progress->again = true;
+    } else {
+        doInProgress(intfId, [&] { doDecideIntf(intfId); });
+    }
+}
+
+template <class Act>
+void IgmpHostProxySm::doInProgress(Lox::IntfId const& intfId, Act act) {
+    if (!inProgress_.findOrInsert(intfId).second) return act();
+    Nex::FirstError error;
+    error.attempt(act);
+    while (inProgress_.find(intfId)->again) {
+        *inProgress_.find(intfId) = IntfInProgress();
+        error.attempt([&] { doDecideIntf(intfId); });
+    }
+    inProgress_.take(intfId);
+    error.rethrow();
+}
+
+void IgmpHostProxySm::doDecideIntf(Lox::IntfId const& intfId) {
     if (!igmpHostProxyConfig()->intfConfigHas(intfId)) return doForgetIntf(intfId);
 
     L3::VrfName const vrfName = doGetVrfNameFromIntf(intfId);
@@ -112,6 +149,12 @@ void IgmpHostProxySm::handleIntfConfig(Lox::IntfId intfId) {
     doProxyIntf(intfId, vrfName);
 }
 
+Nex::Ptr<Ip::SourceIntf::SourceIntf>
+IgmpHostProxySm::sourceIntfOf(Lox::IntfId const& intfId) const {
+    IntfInProgress const* const progress = inProgress_.find(intfId);
+    return progress && progress->sourceIntf ? progress->sourceIntf : Nex::Ptr(srcIntfIhpIntf());
+}
+
 void IgmpHostProxySm::doForgetIntf(Lox::IntfId const& intfId) {
     deleteIntfSm(intfId);
     IHP_TRACE(7, "Unregistering interface: %", intfId);
@@ -122,9 +165,14 @@ void IgmpHostProxySm::doForgetIntf(Lox::IntfId const& intfId) {
 void IgmpHostProxySm::doRegisterIntf(Lox::IntfId const& intfId, L3::VrfName const& vrfName,
                                      Interface::IntfStatusAndDeviceName const& device) {
     IHP_TRACE(7, "Registering interface:%", intfId);
-    if (sourceIntfSm()) srcIntfIhpIntfIs(sourceIntfSm()->registerSourceIntf(intfId));
-    // Who is told of the registration may answer by taking the interface out.
-    if (!igmpHostProxyConfig()->intfConfigHas(intfId)) return;
+    if (sourceIntfSm()) {
+        auto const sourceIntf = sourceIntfSm()->registerSourceIntf(intfId);
+        // Another interface that comes up inside this set-up takes the slot.
+        inProgress_.find(intfId)->sourceIntf = sourceIntf;
+        srcIntfIhpIntfIs(sourceIntf);
+    }
+    // Who is told of the registration may answer by taking the interface down.
+    if (inProgress_.find(intfId)->takenDown) return;
     IHP_TRACE(7, "Adding intfStatus for %", intfId);
     Nex::Ptr<IntfStatus> const intfStatus = igmpHostProxyStatus()->intfStatusIs(intfId);
     IHP_TRACE(7, "Setting interface MAC address");
@@ -144,11 +192,15 @@ void IgmpHostProxySm::doProxyIntf(Lox::IntfId const& intfId, L3::VrfName const& 
     if (!mfibKeshColl) return;
     IHP_TRACE(7, "Adding igmpHostProxyIntfSm for intfId: %", intfId);
     igmpHostProxyIntfSmIs(intfId, intfConfig, intfStatus, mfibKeshColl, ipAclConfig(), clock(),
-                          srcIntfIhpIntf());
+                          sourceIntfOf(intfId));
     // The same holds for whoever saw its groups come: without a machine there is no host, either.
     if (!igmpHostProxyIntfSm(intfId)) return;
     IHP_TRACE(7, "Initialize IgmpHost");
-    if (igmpHostDir()) igmpHostDir()->igmpHostIs(intfId.stringValue());
+    if (!igmpHostDir()) return;
+    Nex::Name const name = intfId.stringValue();
+    if (!igmpHostDir()->igmpHostHas(name)) unfilledHost_.findOrInsert(name);
+    igmpHostDir()->igmpHostIs(name);
+    if (unfilledHost_.has(name)) initializeIgmpHost(name);
 }
 
 L3::VrfName IgmpHostProxySm::doGetVrfNameFromIntf(Lox::IntfId intfId) const {
@@ -168,15 +220,20 @@ void IgmpHostProxySm::doArmIpStatusCheckTimer() {
 
 void IgmpHostProxySm::ipStatusCheckTimerExpired() {
     IHP_TRACE_ENTRY();
+    Nex::FirstError error;
     for (Lox::IntfId const& intfId : checkInterface()) {
         if (!ipStatus() || !ipStatus()->ipIntfStatus(intfId)) continue;
-        handleIntfConfig(intfId);
+        error.attempt([&] { handleIntfConfig(intfId); });
         // Afterwards, even if the call has queued the interface again: without a VRF it waits for
         // the next notification rather than for the timer.
         checkInterfaceDel(intfId);
     }
-    if (!checkInterface().empty()) return doArmIpStatusCheckTimer();
-    if (ipStatusCheckTimer_) ipStatusCheckTimer_->timeMinIs(Nex::never);
+    if (!checkInterface().empty()) {
+        doArmIpStatusCheckTimer();
+    } else if (ipStatusCheckTimer_) {
+        ipStatusCheckTimer_->timeMinIs(Nex::never);
+    }
+    error.rethrow();
 }
 
 void IgmpHostProxySm::handleIpAddrChange() {
@@ -194,7 +251,10 @@ void IgmpHostProxySm::handleIpAddrChange() {
 void IgmpHostProxySm::handleMfibKesh() {
     IHP_TRACE_ENTRY();
     if (!initialized() || !mfibKeshDir()) return;
-    for (auto const& item : mfibKeshDir()->keshColl()) handleMfibKesh(item.key);
+    Nex::FirstError error;
+    for (auto const& item : mfibKeshDir()->keshColl())
+        error.attempt([&] { handleMfibKesh(item.key); });
+    error.rethrow();
 }
 
 void IgmpHostProxySm::handleMfibKesh(L3::VrfName vrfName) {
@@ -202,23 +262,35 @@ void IgmpHostProxySm::handleMfibKesh(L3::VrfName vrfName) {
     if (!initialized() || !mfibKeshDir() || !igmpHostProxyConfig()) return;
     // All interfaces, whatever their own VRF, and on purpose: the tables of all VRFs come and go
     // with the one process that routes, so one that goes announces the end of all.
+    Nex::FirstError error;
     for (auto const& item : igmpHostProxyConfig()->intfConfig()) {
         if (mfibKeshDir()->keshColl(vrfName)) {
-            handleIntfConfig(item.key);
+            error.attempt([&] { handleIntfConfig(item.key); });
         } else {
             IHP_TRACE(7, "Deleting IntfSm for intfId : %", item.key);
-            deleteIntfSm(item.key);
+            error.attempt([&] { deleteIntfSm(item.key); });
         }
     }
+    error.rethrow();
 }
 
 void IgmpHostProxySm::deleteIntfSm(Lox::IntfId intfId) {
     IHP_TRACE_ENTRY(" ( % )", intfId);
     IHP_TRACE(7, "IgmpHostProxy configured for interface: % Deleting intfStatus, igmpHost and SMs",
               intfId);
-    igmpHostProxyIntfSmDel(intfId);
-    if (igmpHostDir()) igmpHostDir()->igmpHostDel(intfId.stringValue());
-    if (igmpHostProxyStatus()) igmpHostProxyStatus()->intfStatusDel(intfId);
+    doInProgress(intfId, [&] {
+        // Whoever asked for it before wanted it up until now.
+        IntfInProgress& progress = *inProgress_.find(intfId);
+        progress.again = false;
+        progress.takenDown = true;
+        Nex::FirstError error;
+        error.attempt([&] { igmpHostProxyIntfSmDel(intfId); });
+        error.attempt([&] {
+            if (igmpHostDir()) igmpHostDir()->igmpHostDel(intfId.stringValue());
+        });
+        if (igmpHostProxyStatus()) igmpHostProxyStatus()->intfStatusDel(intfId);
+        error.rethrow();
+    });
 }
 
 void IgmpHostProxySm::initializeIgmpHost(Nex::Name name) {
@@ -226,8 +298,10 @@ void IgmpHostProxySm::initializeIgmpHost(Nex::Name name) {
     Nex::Ptr<Igmp::IgmpHost> const host = igmpHostDir() ? igmpHostDir()->igmpHost(name) : nullptr;
     if (!host) {
         IHP_TRACE(7, "IgmpHost was deleted for : %", name);
+        unfilledHost_.take(name);
         return;
     }
+    unfilledHost_.findOrInsert(name);
     Lox::IntfId const intfId(name);
     IHP_TRACE(7, "Setting intfId : %", intfId);
     host->intfIdIs(intfId);
@@ -239,11 +313,12 @@ void IgmpHostProxySm::initializeIgmpHost(Nex::Name name) {
     if (Nex::Ptr<IntfStatus> const status =
             igmpHostProxyStatus() ? igmpHostProxyStatus()->intfStatus(intfId) : nullptr)
         host->deviceNameIs(status->deviceName());
-    if (srcIntfIhpIntf()) host->ipAddrIs(srcIntfIhpIntf()->ipAddr());
+    if (auto const sourceIntf = sourceIntfOf(intfId)) host->ipAddrIs(sourceIntf->ipAddr());
     host->enabledIs(true);
     host->enablePeriodicReportIs(true);
     raiseConfigVersion(*host);
     raiseIntfConfigVersion(*host);
+    unfilledHost_.take(name);
 }
 
 void IgmpHostProxySm::createOrDeleteIgmpHostIntfSm() {
@@ -262,7 +337,8 @@ void IgmpHostProxySm::createOrDeleteIgmpHostIntfSm(Nex::Name name) {
         IHP_TRACE(7, "Adding igmpHostIntfSm for intfId : %", intfId);
         igmpHostIntfSmIs(
             intfId, igmpHostProxyStatus() ? igmpHostProxyStatus()->intfStatus(intfId) : nullptr,
-            igmpHostDir() ? igmpHostDir()->igmpHost(name) : nullptr, hostStatus, srcIntfIhpIntf());
+            igmpHostDir() ? igmpHostDir()->igmpHost(name) : nullptr, hostStatus,
+            sourceIntfOf(intfId));
     } else {
         IHP_TRACE(7, "Deleting igmpHostIntfSm for intfId : %", intfId);
         igmpHostIntfSmDel(intfId);

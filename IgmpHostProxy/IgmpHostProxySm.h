@@ -163,6 +163,27 @@ class IgmpHostProxySm : public Nex::PtrInterface {
         void onVrfnexImmediate() override { machine()->handleVrf(); }
     };
 
+    /// What a VRF has of its network namespace: the mounted interface table, the view that reads
+    /// it, and the manager that fills the view's device names. It knows at any moment how far they
+    /// have come, for whoever is told of a step may end the VRF.
+    class KernelVrf {
+      public:
+        KernelVrf(IgmpHostProxySm* root, L3::VrfName vrfName);
+        /// Brings up what is not there yet, and fills a new directory of device names.
+        void networkNamespaceIs(Lox::NamespaceName const& networkNamespace);
+        void del();
+
+      private:
+        void doUnmount();
+        void doEndManager();
+
+        IgmpHostProxySm* root_;
+        L3::VrfName vrfName_;
+        Lox::NamespaceName mounted_; ///< whose interface table the view reads
+        Lox::NamespaceName managed_; ///< whose device names fill `directory_`
+        Nex::Ptr<Interface::DeviceIntfStatusDir> directory_;
+    };
+
     /// One VRF. Builds the VRF's kernel view as soon as its namespace is known.
     class NexVrf : public Nex::Reactor<Ip::VrfStatusLocal::NotifieeConst, IgmpHostProxySm> {
       public:
@@ -176,8 +197,7 @@ class IgmpHostProxySm : public Nex::PtrInterface {
         void nexRetire() override;
 
       private:
-        Lox::NamespaceName mounted_; ///< whose interface table the view reads
-        Lox::NamespaceName managed_; ///< whose device names are being filled in
+        KernelVrf kernelVrf_;
     };
 
     /// One VRF's kernel view: follows its interface table, and its directory of device names even
@@ -220,17 +240,29 @@ class IgmpHostProxySm : public Nex::PtrInterface {
     };
 
   private:
+    /// An interface that is being set up or taken down. Taking it down inside its set-up ends that;
+    /// setting it up waits until neither is under way, and then begins from scratch.
+    struct IntfInProgress {
+        bool again = false;                              ///< to be decided anew
+        bool takenDown = false;                          ///< since its set-up began
+        Nex::Ptr<Ip::SourceIntf::SourceIntf> sourceIntf; ///< that its set-up has registered
+    };
+    /// Calls `act` for an interface, then decides the interface anew if that was asked for.
+    template <class Act>
+    void doInProgress(Lox::IntfId const& intfId, Act act);
+    void doDecideIntf(Lox::IntfId const& intfId);
     void doForgetIntf(Lox::IntfId const& intfId);
+    /// The source interface that the set-up under way has registered, otherwise the slot's.
+    Nex::Ptr<Ip::SourceIntf::SourceIntf> sourceIntfOf(Lox::IntfId const& intfId) const;
+    /// Ends all machines, silently. The destructor's part that a failed constructor needs, too.
+    void doEnd();
     void doRegisterIntf(Lox::IntfId const& intfId, L3::VrfName const& vrfName,
                         Interface::IntfStatusAndDeviceName const& device);
     void doProxyIntf(Lox::IntfId const& intfId, L3::VrfName const& vrfName);
     void doArmIpStatusCheckTimer();
-    void doSetUpDefaultVrf();
     /// Mounts the kernel interface table of a namespace; null when there is none to be had.
     Nex::Ptr<KernelNetInfo::Status> doMountKniStatus(Lox::NamespaceName const& networkNamespace);
     void doUnmountKniStatus(Lox::NamespaceName const& networkNamespace);
-    /// Gives a VRF's view its directory of device names, and has it filled.
-    void doFollowDeviceNames(KernelVrfIntfStatus& view, Lox::NamespaceName const& networkNamespace);
     Lox::NamespaceName namespaceOf(Lox::IntfId const& intfId) const;
 
     NEX_WATCHED(Config const, igmpHostProxyConfig, NexIgmpHostProxyConfig)
@@ -260,6 +292,9 @@ class IgmpHostProxySm : public Nex::PtrInterface {
     /// of the others is watched by their own bindings, and their loss shows in the device names.
     NEX_WATCHED(Ip::SourceIntf::SourceIntf, srcIntfIhpIntf, NexSrcIntfIhpIntf)
     NEX_FIELD_SET(Lox::IntfId, checkInterface)
+    Nex::Map<Lox::IntfId, IntfInProgress> inProgress_;
+    Nex::Set<Nex::Name> unfilledHost_; ///< host entities whose filling in was interrupted
+    KernelVrf defaultVrf_;
     Nex::Owned<NexIpStatusCheckTimer> ipStatusCheckTimer_;
 };
 

@@ -19,14 +19,6 @@ Nex::String kniPath(Lox::NamespaceName const& networkNamespace) {
 
 } // namespace
 
-void IgmpHostProxySm::doSetUpDefaultVrf() {
-    Lox::NamespaceName const networkNamespace(Lox::DEFAULT_NS);
-    Nex::Ptr<KernelNetInfo::Status> const kniStatus = doMountKniStatus(networkNamespace);
-    intfStatusManagerRootIs(allIntfStatusDir(), allIntfStatusLocalDir(), true);
-    if (!kniStatus) return;
-    doFollowDeviceNames(*kernelVrfIntfStatusIs(defaultVrf, kniStatus), networkNamespace);
-}
-
 Nex::Ptr<KernelNetInfo::Status>
 IgmpHostProxySm::doMountKniStatus(Lox::NamespaceName const& networkNamespace) {
     if (!entityManager()) return nullptr;
@@ -37,15 +29,6 @@ IgmpHostProxySm::doMountKniStatus(Lox::NamespaceName const& networkNamespace) {
 
 void IgmpHostProxySm::doUnmountKniStatus(Lox::NamespaceName const& networkNamespace) {
     if (entityManager()) NexKesh::Mount(entityManager()).mountDel(kniPath(networkNamespace));
-}
-
-void IgmpHostProxySm::doFollowDeviceNames(KernelVrfIntfStatus& view,
-                                          Lox::NamespaceName const& networkNamespace) {
-    Nex::Ptr<KernelVrfIntfStatus> const hold(&view);
-    auto const directory = Interface::DeviceIntfStatusDir::DeviceIntfStatusDirIs(
-        "kvis-" + view.vrfName().stringValue());
-    view.deviceIntfStatusDirIs(directory);
-    intfStatusManagerRoot()->intfStatusManagerIs(directory, view.kniStatus(), networkNamespace);
 }
 
 void IgmpHostProxySm::intfStatusManagerRootIs(
@@ -83,8 +66,9 @@ void IgmpHostProxySm::getIntfEthAddr(L3::VrfName vrfName, std::uint32_t ifIndex)
         view->kniStatus()->handleCorruption();
     }
     if (kernelIntf == KernelNetInfo::Interface()) return;
+    if (!view->deviceIntfStatusDir()->intfToDeviceNameHas(ifIndex)) return;
     Lox::IntfId const intfId = view->deviceIntfStatusDir()->intfToDeviceName(ifIndex).intfId;
-    if (intfId.empty() || !igmpHostProxyStatus()) return;
+    if (!igmpHostProxyStatus()) return;
     Nex::Ptr<IntfStatus> const status = igmpHostProxyStatus()->intfStatus(intfId);
     if (!status) return;
     IHP_TRACE(7, "IGMP host-proxy configured on interface : %", intfId);
@@ -127,18 +111,65 @@ void IgmpHostProxySm::handleVrf(L3::VrfName vrfName) {
 void IgmpHostProxySm::handleVrf() {
     IHP_TRACE_ENTRY();
     Nex::Ptr<Ip::AllVrfStatusLocal const> const vrfs = allVrfStatusLocal();
+    Nex::FirstError error;
     if (vrfs)
-        for (auto const& item : vrfs->vrf()) vrfIs(item.value);
+        for (auto const& item : vrfs->vrf()) error.attempt([&] { vrfIs(item.value); });
     for (auto const& item : vrf())
-        if (!vrfs || !vrfs->vrfHas(item.key)) handleVrf(item.key);
+        if (!vrfs || !vrfs->vrfHas(item.key)) error.attempt([&] { handleVrf(item.key); });
+    error.rethrow();
 }
 
 // One VRF
 
+IgmpHostProxySm::KernelVrf::KernelVrf(IgmpHostProxySm* root, L3::VrfName vrfName)
+    : root_(root), vrfName_(std::move(vrfName)) {}
+
+void IgmpHostProxySm::KernelVrf::networkNamespaceIs(Lox::NamespaceName const& networkNamespace) {
+    if (!root_->kernelVrfIntfStatus(vrfName_)) {
+        doUnmount(); // what an earlier failure has left
+        mounted_ = networkNamespace;
+        auto const kniStatus = root_->doMountKniStatus(networkNamespace);
+        if (!kniStatus || mounted_ != networkNamespace) return;
+        root_->kernelVrfIntfStatusIs(vrfName_, kniStatus);
+    }
+    doEndManager();
+    auto const directory =
+        Interface::DeviceIntfStatusDir::DeviceIntfStatusDirIs("kvis-" + vrfName_.stringValue());
+    managed_ = networkNamespace;
+    directory_ = directory;
+    Nex::Ptr<KernelVrfIntfStatus> const view = root_->kernelVrfIntfStatus(vrfName_);
+    view->deviceIntfStatusDirIs(directory);
+    if (directory_ == directory)
+        root_->intfStatusManagerRoot()->intfStatusManagerIs(directory, view->kniStatus(),
+                                                            networkNamespace);
+}
+
+void IgmpHostProxySm::KernelVrf::del() {
+    root_->kernelVrfIntfStatusDel(vrfName_);
+    Nex::FirstError error;
+    error.attempt([&] { doUnmount(); });
+    doEndManager();
+    error.rethrow();
+}
+
+void IgmpHostProxySm::KernelVrf::doUnmount() {
+    root_->doUnmountKniStatus(std::exchange(mounted_, Lox::NamespaceName()));
+}
+
+void IgmpHostProxySm::KernelVrf::doEndManager() {
+    if (auto const directory = std::exchange(directory_, nullptr))
+        root_->intfStatusManagerRoot()->intfStatusManagerDel(managed_, directory);
+}
+
 IgmpHostProxySm::NexVrf::NexVrf(Nex::Ptr<Ip::VrfStatusLocal const> vrf, IgmpHostProxySm* root)
-    : Reactor(std::move(vrf), root) {
+    : Reactor(std::move(vrf), root), kernelVrf_(root, notifier()->vrfName()) {
     hasNotificationActiveIs(true);
-    handleNetworkNamespace();
+    try {
+        handleNetworkNamespace();
+    } catch (...) {
+        nexRetire();
+        throw;
+    }
 }
 
 void IgmpHostProxySm::NexVrf::handleNetworkNamespace() {
@@ -146,28 +177,14 @@ void IgmpHostProxySm::NexVrf::handleNetworkNamespace() {
     IHP_TRACE_ENTRY(" for %", vrfName);
     if (vrfName.empty() || vrfName == defaultVrf) return;
     Lox::NamespaceName const networkNamespace = notifier()->networkNamespace();
-    if (networkNamespace.empty()) return;
-    if (!machine()->kernelVrfIntfStatus(vrfName)) {
-        auto const kniStatus = machine()->doMountKniStatus(networkNamespace);
-        if (!kniStatus) return;
-        mounted_ = networkNamespace;
-        machine()->kernelVrfIntfStatusIs(vrfName, kniStatus);
-    }
-    // A VRF that moves to another namespace leaves no manager behind. A namespace belongs to one
-    // VRF: managers are told apart by their namespaces.
-    if (managed_ != networkNamespace)
-        machine()->intfStatusManagerRoot()->intfStatusManagerDel(managed_);
-    managed_ = networkNamespace;
-    machine()->doFollowDeviceNames(*machine()->kernelVrfIntfStatus(vrfName), networkNamespace);
+    if (!networkNamespace.empty()) kernelVrf_.networkNamespaceIs(networkNamespace);
 }
 
 void IgmpHostProxySm::NexVrf::handleDel() {
     L3::VrfName const vrfName = notifier()->vrfName();
     IHP_TRACE_ENTRY(" for %", vrfName);
     if (vrfName.empty() || vrfName == defaultVrf) return;
-    machine()->kernelVrfIntfStatusDel(vrfName);
-    machine()->doUnmountKniStatus(mounted_);
-    machine()->intfStatusManagerRoot()->intfStatusManagerDel(managed_);
+    kernelVrf_.del();
 }
 
 /// The VRF's view lives as long as its reactor, whoever deletes that, and be it while it is made.
@@ -222,11 +239,13 @@ void IgmpHostProxySm::NexVrfIntfStatusDir::NexKernelIntfStatusDir::handleDeviceN
     IHP_TRACE_ENTRY();
     Nex::Ptr<Interface::DeviceIntfStatusDir const> const directory = notifier();
     if (!directory) return;
+    Nex::FirstError error;
     for (auto const& item : directory->intfStatusAndDeviceName()) {
         // What an interface brings about may end the VRF.
-        if (notifier() != directory.get() || !machine()->notifier()) return;
-        handleDeviceName(item.key);
+        if (notifier() != directory.get() || !machine()->notifier()) break;
+        error.attempt([&] { handleDeviceName(item.key); });
     }
+    error.rethrow();
 }
 
 } // namespace IgmpHostProxy

@@ -114,7 +114,7 @@ L3::VrfName const blue("blue");
 
 /// An interface in the VRF "blue" comes up. Returns its configuration.
 Nex::Ptr<IntfConfig> comeUp(World& world) {
-    world.start();
+    if (!world.root) world.start();
     world.tables("blue");
     world.vrf("blue", "ns-blue");
     Nex::Ptr<IntfConfig> const config = world.config->intfConfigIs(up0);
@@ -231,6 +231,82 @@ TEST(Reentrance, AnInterfaceConfiguredAnewWhileItComesUpFollowsTheNewConfigurati
                            EXPECT_TRUE(world.host("up0")->v3groupHas(ip("239.1.1.9")));
                        }},
                       comeUp);
+}
+
+/// What there is of an interface belongs together, and to that interface.
+void expectSound(World& world, Lox::IntfId const& intfId) {
+    std::string const name = intfId.stringValue();
+    IgmpHostProxySm& root = *world.root;
+    auto const* const machine = root.igmpHostProxyIntfSm(intfId);
+    auto const* const binding = root.igmpHostIntfSm(intfId);
+    ASSERT_TRUE(machine && binding && world.host(name) && world.intfStatus(name)) << name;
+    EXPECT_EQ(machine->intfStatus(), world.intfStatus(name));
+    EXPECT_EQ(machine->srcIntfIhpIntf()->intfId(), intfId);
+    EXPECT_EQ(binding->srcIntfIhpIntf()->intfId(), intfId);
+    EXPECT_EQ(world.host(name)->ipAddr(), binding->srcIntfIhpIntf()->ipAddr());
+}
+
+TEST(Reentrance, EachInterfaceIsSetUpAndTakenDownInOnePiece) {
+    disturbEverywhere({"another interface comes up",
+                       [](World& world) {
+                           world.config->intfConfigIs(up1);
+                           world.usableIntf("up1", 3, "blue");
+                       },
+                       [](World& world) {
+                           expectSound(world, up0);
+                           expectSound(world, up1);
+                       }},
+                      comeUp);
+    Disturbance const anew = {"looked at anew",
+                              [](World& world) { world.root->handleIntfConfig(up0); },
+                              [](World& world) { expectSound(world, up0); }};
+    disturbEverywhere(anew, comeUp);
+    disturbEverywhere(anew, [](World& world) {
+        comeUp(world);
+        world.addressOf("up0", "0.0.0.0");
+        world.addressOf("up0", "192.0.2.2");
+    });
+    // Taken down and up again at one moment.
+    disturbEverywhere({"its address goes and comes",
+                       [](World& world) {
+                           world.addressOf("up0", "0.0.0.0");
+                           world.addressOf("up0", "192.0.2.2");
+                       },
+                       [](World& world) { expectSound(world, up0); }},
+                      comeUp);
+}
+
+// A watcher that throws interrupts whoever wrote. The host is filled in the next time, the
+// interface goes as a whole, and comes up complete when it is configured anew.
+TEST(Reentrance, WhatAnErrorInterruptedIsMadeGood) {
+    World calm;
+    comeUp(calm);
+    for (unsigned at = 0;; ++at) {
+        SCOPED_TRACE("thrown at notification " + std::to_string(at));
+        World world;
+        auto const disturber = Nex::newObject<Disturber>(
+            world, at, [](World&) { throw Nex::RangeException("thrown by a watcher"); });
+        auto const attempt = [&](auto const& act) {
+            try {
+                act();
+            } catch (Nex::RangeException const&) {
+            }
+        };
+        attempt([&] { comeUp(world); });
+        comeUp(world);
+        world.root->handleIntfConfig(up0);
+        ASSERT_NE(world.host("up0"), nullptr);
+        EXPECT_TRUE(world.host("up0")->enablePeriodicReport());
+        bool const cameUpCalmly = !disturber->disturbed();
+        attempt([&] { world.config->intfConfigDel(up0); });
+        EXPECT_EQ(world.status->intfStatusCount() + world.hostDir->igmpHostCount(), 0u);
+        EXPECT_EQ(world.root->igmpHostProxyIntfSm(up0), nullptr);
+        if (!disturber->disturbed()) break;
+        if (cameUpCalmly) continue; // the host agent may have missed the host's end
+        comeUp(world);
+        EXPECT_EQ(world.dump(), calm.dump());
+        if (::testing::Test::HasFailure()) break;
+    }
 }
 
 } // namespace

@@ -257,6 +257,56 @@ TEST_F(Root, ErrorsTellTheWholeStory) {
               "IgmpHostProxy::IgmpHostIntfSm::groupSourceListStatus not allowed\"");
 }
 
+/// Finds fault with the status of up0.
+struct Objector : Nex::Reactor<Status::NotifieeConst, Nex::PtrInterface> {
+    explicit Objector(Nex::Ptr<Status> status)
+        : Reactor(std::move(status), static_cast<Nex::PtrInterface*>(nullptr)) {}
+    void onIntfStatus(Lox::IntfId intfId) override {
+        if (intfId == up0) throw Nex::NameInUseException("up0");
+    }
+};
+
+TEST_F(Root, AnErrorOfOneInterfaceHoldsUpNoOther) {
+    world.start();
+    Nex::Owned<Objector> objector;
+    objector.make(world.status);
+    for (std::uint32_t const at : {0u, 1u, 2u}) {
+        std::string const name = "up" + std::to_string(at);
+        world.config->intfConfigIs(Lox::IntfId(name));
+        world.kernelDevice(name, at + 2);
+        world.listIntf(name);
+        if (at != 2) world.vrfOfIntf(name, "default");
+    }
+    EXPECT_EQ(errorOf<Nex::NameInUseException>([&] { world.pass(1); }), "up0");
+    EXPECT_NE(world.intfStatus("up1"), nullptr);
+    EXPECT_DOUBLE_EQ(world.timerWheel->nextExpiry(), 102); // for up2
+    root().deleteIntfSm(up1);
+    EXPECT_EQ(errorOf<Nex::NameInUseException>([&] { root().deleteIntfSm(up0); }), "up0");
+    EXPECT_EQ(errorOf<Nex::NameInUseException>([&] { world.tables(); }), "up0");
+    EXPECT_TRUE(proxying(up1));
+}
+
+// A root that cannot be made leaves nothing behind that could be in another one's way.
+TEST_F(Root, FailsToStartWithoutATrace) {
+    bool refuses = true;
+    world.entityManager->factoryIs("KernelNetInfo::Status", [&](Nex::String const& path) {
+        if (refuses && path == "kni/ns/ns-red/status") throw Nex::RangeException(path);
+        return world.kniTable(path);
+    });
+    world.config->intfConfigIs(up1);
+    world.tables("blue");
+    world.usableIntf("up1", 3, "blue");
+    for (auto const* const name : {"blue", "red", "green"})
+        world.vrf(name, "ns-" + std::string(name));
+    EXPECT_EQ(errorOf<Nex::RangeException>([&] { world.start(); }), "kni/ns/ns-red/status");
+    for (auto const& item : world.entityManager->mounted()) ADD_FAILURE() << item.key;
+    EXPECT_EQ(world.root, nullptr);
+    refuses = false;
+    world.start();
+    EXPECT_TRUE(proxying(up1));
+    EXPECT_NE(root().kernelVrfIntfStatus(L3::VrfName("green")), nullptr);
+}
+
 /// The machines in the order in which they were destroyed.
 struct Destructions : Nex::DestructionObserver {
     Destructions() { Nex::PtrInterface::destructionObserverIs(this); }

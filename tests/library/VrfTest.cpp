@@ -70,6 +70,19 @@ TEST_F(Vrf, AViewLivesFromTheFirstNamespaceUntilTheVrfGoes) {
     EXPECT_FALSE(managed("ns-azure"));
 }
 
+// As when a VRF is renamed: the new one may come before the old one goes.
+TEST_F(Vrf, TwoVrfsMayHaveOneNamespace) {
+    world.vrf("azure", "ns-blue");
+    world.vrf("blue", "ns-blue");
+    EXPECT_EQ(mountOf("ns-blue")->mounts(), 2u);
+    world.allVrfStatusLocal->vrfDel(L3::VrfName("azure"));
+    world.usableIntf("up0", 2, "blue");
+    EXPECT_EQ(mountOf("ns-blue")->mounts(), 1u);
+    EXPECT_TRUE(directoryOf(blue).intfStatusAndDeviceNameHas(up0));
+    world.allVrfStatusLocal->vrfDel(blue);
+    EXPECT_FALSE(managed("ns-blue"));
+}
+
 /// Deletes the VRF "blue" as the status of an interface appears.
 class Vanisher : public Nex::Reactor<Status::NotifieeConst, Nex::PtrInterface> {
   public:
@@ -82,12 +95,32 @@ class Vanisher : public Nex::Reactor<Status::NotifieeConst, Nex::PtrInterface> {
     World* world_;
 };
 
+/// Deletes it as a table is mounted.
+class MountVanisher : public Nex::Reactor<Vardo::EntityManager::NotifieeConst, Nex::PtrInterface> {
+  public:
+    MountVanisher(Nex::Ptr<Vardo::EntityManager> entityManager, World* world)
+        : Reactor(std::move(entityManager), static_cast<Nex::PtrInterface*>(nullptr)),
+          world_(world) {}
+    void onMounted(Nex::String path) override {
+        if (path == "kni/ns/ns-blue/status") world_->allVrfStatusLocal->vrfDel(blue);
+    }
+
+  private:
+    World* world_;
+};
+
 TEST(VrfThatVanishes, TakesItsViewMountAndManagerAlong) {
-    for (bool const beforeTheRoot : {true, false}) {
-        SCOPED_TRACE(beforeTheRoot);
+    for (unsigned const moment : {0u, 1u, 2u, 3u}) {
+        bool const beforeTheRoot = moment % 2 == 0;
+        SCOPED_TRACE(moment);
         World world;
         Nex::Owned<Vanisher> vanisher;
-        vanisher.make(world.status, &world);
+        Nex::Owned<MountVanisher> mountVanisher;
+        if (moment < 2) {
+            vanisher.make(world.status, &world);
+        } else {
+            mountVanisher.make(world.entityManager, &world);
+        }
         for (auto const* const name : {"up0", "up1"}) world.config->intfConfigIs(Lox::IntfId(name));
         if (!beforeTheRoot) world.start();
         world.tables("blue");
@@ -147,6 +180,18 @@ TEST_F(VrfWithInterface, TheMacAddressFollowsTheKernelsTable) {
     macIs(2, 8, 77); // the entry of 2 names 77: corrupt, reported, not used
     EXPECT_EQ(table->corruptions(), 1u);
     EXPECT_EQ(mac(), "02:00:00:00:00:09");
+}
+
+TEST_F(VrfWithInterface, AnInterfaceWithoutANameHasAMacAddress) {
+    world.config->intfConfigIs(Lox::IntfId());
+    world.vrfOfIntf("", "blue");
+    world.kernelDevice("eth3", 3, "ns-blue");
+    auto const directory = filledDirectory();
+    directory->intfToDeviceNameIs(3, {Lox::IntfId(), "eth3"});
+    directory->intfStatusAndDeviceNameIs(Lox::IntfId(), {nullptr, "eth3", 3});
+    world.root->kernelVrfIntfStatus(blue)->deviceIntfStatusDirIs(directory);
+    ASSERT_NE(world.intfStatus(""), nullptr);
+    EXPECT_EQ(world.intfStatus("")->macAddr(), World::macOf(3));
 }
 
 TEST_F(VrfWithInterface, ADeviceNameTakesTheInterfaceUpAndDown) {
