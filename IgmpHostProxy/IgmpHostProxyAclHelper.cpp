@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <utility>
 
 namespace IgmpHostProxy {
 
@@ -39,7 +38,7 @@ bool IgmpHostProxyAclHelper::isDenyAll(Acl::IpRuleConfig const& rule) {
 /// round, and meant to be: permit any excludes 0.0.0.0, which joins all sources without standing in
 /// the way of specific ones, and deny any mirrors that by including 0.0.0.0. Only the address says
 /// which it is, as it was written, also under a mask of zeros.
-IgmpHostProxyAclHelper::Effect IgmpHostProxyAclHelper::effectOf(Acl::IpRuleConfig const& rule) {
+RuleEffect IgmpHostProxyAclHelper::effectOf(Acl::IpRuleConfig const& rule) {
     bool const permit = rule.action == Acl::Action::permit;
     Lox::IpAddr const source = rule.filter.source.address();
     return {permit == (source != anySource), source};
@@ -85,6 +84,25 @@ void IgmpHostProxyAclHelper::doTraceFault(Acl::UniqueId id, Acl::IpRuleConfig co
 
 // Applying rules
 
+/// While a rule is being applied or taken back, also if that ends by an exception.
+class IgmpHostProxyAclHelper::Work {
+  public:
+    Work(IgmpHostProxyAclHelper& helper, UnderWay const& underWay)
+        : helper_(helper), outer_(std::exchange(helper.underWay_, underWay)) {}
+    Work(Work const&) = delete;
+    Work& operator=(Work const&) = delete;
+    ~Work() { helper_.underWay_ = outer_; }
+
+  private:
+    IgmpHostProxyAclHelper& helper_;
+    std::optional<UnderWay> outer_; ///< only if somebody works on the helper past its owner
+};
+
+bool IgmpHostProxyAclHelper::doDefer(Asked asked) {
+    if (underWay_) asked_ = std::max(asked_, asked);
+    return underWay_.has_value();
+}
+
 void IgmpHostProxyAclHelper::handleRule(Acl::UniqueId id) {
     IHP_TRACE_ENTRY();
     Acl::AclConfig const* const acl =
@@ -92,23 +110,24 @@ void IgmpHostProxyAclHelper::handleRule(Acl::UniqueId id) {
     Nex::Ptr<Acl::AclSubConfig const> const cfg = acl ? acl->currCfg() : nullptr;
     // A rule that is gone reads as all zeros, which is an invalid range.
     Acl::IpRuleConfig const rule = cfg ? cfg->ipRuleById(id) : Acl::IpRuleConfig();
-    if (isDenyAll(rule)) {
-        if (!machine_->intfStatus()) return;
-        machine_->intfStatus()->denyMrouteIs(true);
-        cachedRulesIs(id, rule);
-        return;
-    }
-    if (Fault const fault = faultOf(rule); fault != Fault::none)
-        return doTraceFault(id, rule, fault);
+    Fault const fault = faultOf(rule);
+    if (!isDenyAll(rule) && fault != Fault::none) return doTraceFault(id, rule, fault);
     if (!machine_->intfStatus()) return;
-    Lox::IpAddrWithFullMask const range = rule.filter.destination;
-    for (AddressRangeIterator group(range.address().host(), range.mask()); !group.done(); ++group)
-        doApply(id, rule, *group);
+    Work const work(*this, {rule, false, false, {}});
+    if (isDenyAll(rule)) {
+        machine_->intfStatus()->denyMrouteIs(true);
+    } else {
+        Lox::IpAddrWithFullMask const range = rule.filter.destination;
+        for (AddressRangeIterator group(range.address().host(), range.mask()); !group.done();
+             ++group)
+            doApply(id, rule, *group);
+    }
     cachedRulesIs(id, rule);
 }
 
 void IgmpHostProxyAclHelper::doApply(Acl::UniqueId id, Acl::IpRuleConfig const& rule,
                                      Lox::IpAddr group) {
+    underWay_->group = group;
     Nex::Ptr<GroupSource> const contribution = groupSourceListIs(group);
     Nex::Ptr<IntfStatus> const status = machine_->intfStatus();
     if (!status->groupSourceListHas(group)) {
@@ -117,7 +136,7 @@ void IgmpHostProxyAclHelper::doApply(Acl::UniqueId id, Acl::IpRuleConfig const& 
     }
     void const* const self = this;
     IHP_TRACE(7, "%::handleRule( % ): Rule type: %", self, id, rule.action);
-    Effect const effect = effectOf(rule);
+    RuleEffect const effect = effectOf(rule);
     if (effect.include) {
         contribution->includeSourceListIs(effect.source);
         machine_->addIncludeSourceGroup(effect.source, group);
@@ -139,28 +158,24 @@ void IgmpHostProxyAclHelper::handleAllRules() {
 // Taking rules back
 
 void IgmpHostProxyAclHelper::purgeCachedRule(Acl::IpRuleConfig const& rule) {
-    std::optional<Acl::UniqueId> cachedAs;
-    for (auto const& item : cachedRules_.walk())
-        if (!cachedAs && item.value == rule) cachedAs = item.key;
-    purgeCachedRule(Acl::IpRuleConfig(rule), cachedAs); // the caller's may stand in the cache
+    purgeCachedRule(rule, true);
 }
 
 void IgmpHostProxyAclHelper::purgeCachedRules() {
     IHP_TRACE_ENTRY();
     for (auto const& item : cachedRules_.walk()) {
         cachedRulesDel(item.key);
-        purgeCachedRule(item.value, std::nullopt);
+        purgeCachedRule(item.value, false);
     }
 }
 
-void IgmpHostProxyAclHelper::purgeCachedRule(Acl::IpRuleConfig const& rule,
-                                             std::optional<Acl::UniqueId> cachedAs) {
+void IgmpHostProxyAclHelper::purgeCachedRule(Acl::IpRuleConfig const& rule, bool cached) {
     IHP_TRACE_ENTRY();
     if (!machine_->intfStatus()) return;
+    if (rule.filter == Acl::IpFilter() && !isDenyAll(rule)) return;
+    Work const work(*this, {rule, true, cached, {}});
     if (isDenyAll(rule)) return machine_->intfStatus()->denyMrouteIs(false);
-    if (rule.filter == Acl::IpFilter()) return;
-    std::optional<Acl::UniqueId> const outer = std::exchange(takenBack_, cachedAs);
-    Effect const effect = effectOf(rule);
+    RuleEffect const effect = effectOf(rule);
     Lox::IpAddrWithFullMask const range = rule.filter.destination;
     // A rejected rule may have been cached and cover the whole address space. Groups that nobody
     // knows need no visit.
@@ -171,7 +186,6 @@ void IgmpHostProxyAclHelper::purgeCachedRule(Acl::IpRuleConfig const& rule,
              ++group)
             doTakeBack(effect, *group);
     }
-    takenBack_ = outer;
 }
 
 std::vector<Lox::IpAddr>
@@ -187,7 +201,8 @@ IgmpHostProxyAclHelper::knownGroupsIn(Lox::IpAddrWithFullMask range) const {
     return groups;
 }
 
-void IgmpHostProxyAclHelper::doTakeBack(Effect effect, Lox::IpAddr group) {
+void IgmpHostProxyAclHelper::doTakeBack(RuleEffect effect, Lox::IpAddr group) {
+    underWay_->group = group;
     GroupSource* const contribution = groupSourceList(group);
     if (effect.include) {
         if (contribution) contribution->includeSourceListDel(effect.source);
@@ -198,24 +213,16 @@ void IgmpHostProxyAclHelper::doTakeBack(Effect effect, Lox::IpAddr group) {
     }
 }
 
-// What the cached rules still contribute
+// What the rules still contribute
 
-bool IgmpHostProxyAclHelper::includeWanted(Lox::IpAddr source, Lox::IpAddr group) const {
-    return wanted({true, source}, group);
-}
-
-bool IgmpHostProxyAclHelper::excludeWanted(Lox::IpAddr source, Lox::IpAddr group) const {
-    return wanted({false, source}, group);
-}
-
-/// Rules that were rejected contribute nothing, nor does one that denies everything, whose range is
-/// as invalid as theirs.
-bool IgmpHostProxyAclHelper::wanted(Effect effect, Lox::IpAddr group) const {
-    for (auto const& [id, rule] : cachedRules_.walk())
-        if (id != takenBack_ && effectOf(rule) == effect &&
-            inRange(group, rule.filter.destination) && faultOf(rule) == Fault::none)
-            return true;
-    return false;
+bool IgmpHostProxyAclHelper::wanted(RuleEffect effect, Lox::IpAddr group) const {
+    std::uint32_t rules = contributions_.count(effect, group);
+    if (underWay_ && effectOf(underWay_->rule) == effect && isSelecting(underWay_->rule) &&
+        inRange(group, underWay_->rule.filter.destination)) {
+        if (underWay_->takenBack && underWay_->cached && rules > 0) --rules;
+        if (underWay_->takenBack ? group > underWay_->group : group <= underWay_->group) ++rules;
+    }
+    return rules > 0;
 }
 
 // Collections
@@ -241,7 +248,16 @@ Acl::IpRuleConfig IgmpHostProxyAclHelper::cachedRules(Acl::UniqueId id) const {
 }
 
 void IgmpHostProxyAclHelper::cachedRulesIs(Acl::UniqueId id, Acl::IpRuleConfig const& rule) {
-    *cachedRules_.findOrInsert(id).first = rule;
+    Acl::IpRuleConfig& cached = *cachedRules_.findOrInsert(id).first;
+    doForget(cached);
+    cached = rule;
+    if (isSelecting(rule)) contributions_.add(effectOf(rule), rule.filter.destination);
+}
+
+void IgmpHostProxyAclHelper::cachedRulesDel(Acl::UniqueId id) { doForget(cachedRules_.take(id)); }
+
+void IgmpHostProxyAclHelper::doForget(Acl::IpRuleConfig const& rule) {
+    if (isSelecting(rule)) contributions_.del(effectOf(rule), rule.filter.destination);
 }
 
 void IgmpHostProxyAclHelper::cachedRulesDelAll() {

@@ -5,14 +5,20 @@
 // rule's effect can be taken back exactly. The rule that denies everything selects no groups: it
 // keeps the forwarding table's groups out of the interface. The interface machine owns the helper,
 // for as long as the list is attached.
+//
+// Whoever hears of a group may edit, attach or detach the list while one of its rules is being
+// applied or taken back. The helper then finishes that rule first: what was asked of it meanwhile
+// is left to its owner, who looks again when the rule is done.
 #pragma once
 
 #include "Acl/AclConfig.h"
 #include "IgmpHostProxy/GroupSource.h"
+#include "IgmpHostProxy/RuleIndex.h"
 #include "Nex/Map.h"
 #include "Nex/Ptr.h"
 
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace IgmpHostProxy {
@@ -32,15 +38,29 @@ class IgmpHostProxyAclHelper : public Nex::PtrInterface {
     /// Applies one rule of the list's current configuration. An invalid rule is traced and left.
     void handleRule(Acl::UniqueId id);
     void handleAllRules();
-    /// Takes back what a rule did. Its groups' entries here stay, be they empty.
+    /// Takes back what a rule did that still stands in the cache. Its groups' entries here stay, be
+    /// they empty.
     void purgeCachedRule(Acl::IpRuleConfig const& rule);
     /// Takes everything back and empties the cache.
     void purgeCachedRules();
 
-    /// Whether a cached rule contributes the pair in that mode, other than the one that is being
-    /// taken back.
-    bool includeWanted(Lox::IpAddr source, Lox::IpAddr group) const;
-    bool excludeWanted(Lox::IpAddr source, Lox::IpAddr group) const;
+    /// What is to be looked at again: the list's rules, or whether the list takes effect at all.
+    enum class Asked { nothing, rules, list };
+    /// While a rule is being applied or taken back, remembers what was asked for meanwhile. Whether
+    /// one is: the caller then leaves everything as it is.
+    bool doDefer(Asked asked);
+    Asked asked() const { return asked_; }
+    /// Forgets it, too.
+    Asked takeAsked() { return std::exchange(asked_, Asked::nothing); }
+
+    /// Whether a rule contributes the pair in that mode: one in the cache, or the one that is being
+    /// applied or taken back, as far as it has got.
+    bool includeWanted(Lox::IpAddr source, Lox::IpAddr group) const {
+        return wanted({true, source}, group);
+    }
+    bool excludeWanted(Lox::IpAddr source, Lox::IpAddr group) const {
+        return wanted({false, source}, group);
+    }
 
     /// What the list contributes to a group, or null.
     GroupSource* groupSourceList(Lox::IpAddr group) const;
@@ -53,34 +73,42 @@ class IgmpHostProxyAclHelper : public Nex::PtrInterface {
     Acl::IpRuleConfig cachedRules(Acl::UniqueId id) const;
     auto cachedRules() const { return cachedRules_.walk(); }
     void cachedRulesIs(Acl::UniqueId id, Acl::IpRuleConfig const& rule);
-    void cachedRulesDel(Acl::UniqueId id) { cachedRules_.take(id); }
+    void cachedRulesDel(Acl::UniqueId id);
     void cachedRulesDelAll();
 
   private:
-    /// What a rule says of each group in its range.
-    struct Effect {
-        bool include;
-        Lox::IpAddr source;
-        friend bool operator==(Effect const&, Effect const&) = default;
-    };
-    static Effect effectOf(Acl::IpRuleConfig const& rule);
+    static RuleEffect effectOf(Acl::IpRuleConfig const& rule);
     static bool isDenyAll(Acl::IpRuleConfig const& rule);
     enum class Fault { none, range, sourceRange, sourceMulticast };
     static Fault faultOf(Acl::IpRuleConfig const& rule);
     void doTraceFault(Acl::UniqueId id, Acl::IpRuleConfig const& rule, Fault fault) const;
 
-    bool wanted(Effect effect, Lox::IpAddr group) const;
+    /// The rule that is being applied or taken back, group by group in ascending order.
+    struct UnderWay {
+        Acl::IpRuleConfig rule;
+        bool takenBack;
+        bool cached;       ///< among the cached rules, all the time
+        Lox::IpAddr group; ///< how far it has got
+    };
+    class Work;
+
+    /// What contributes something: neither a rule that denies everything nor a rejected one.
+    static bool isSelecting(Acl::IpRuleConfig const& rule) { return faultOf(rule) == Fault::none; }
+    bool wanted(RuleEffect effect, Lox::IpAddr group) const;
     void doApply(Acl::UniqueId id, Acl::IpRuleConfig const& rule, Lox::IpAddr group);
-    void doTakeBack(Effect effect, Lox::IpAddr group);
+    void doForget(Acl::IpRuleConfig const& rule);
+    /// `cached` says whether the rule still stands in the cache.
+    void purgeCachedRule(Acl::IpRuleConfig const& rule, bool cached);
+    void doTakeBack(RuleEffect effect, Lox::IpAddr group);
     /// The groups of a range that have an entry here, a status or a count, in ascending order.
     std::vector<Lox::IpAddr> knownGroupsIn(Lox::IpAddrWithFullMask range) const;
-    /// `cachedAs` is the id under which the rule still stands in the cache, if it does.
-    void purgeCachedRule(Acl::IpRuleConfig const& rule, std::optional<Acl::UniqueId> cachedAs);
 
     Nex::String aclName_;
     Nex::Map<Lox::IpAddr, Nex::Ptr<GroupSource>> groupSourceList_;
     Nex::Map<Acl::UniqueId, Acl::IpRuleConfig> cachedRules_;
-    std::optional<Acl::UniqueId> takenBack_; ///< while its effect is being taken back
+    RuleIndex contributions_; ///< of the cached rules
+    std::optional<UnderWay> underWay_;
+    Asked asked_ = Asked::nothing;
     IgmpHostProxyIntfSm* machine_;
 };
 

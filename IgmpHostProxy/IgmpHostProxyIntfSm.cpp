@@ -30,7 +30,7 @@ IgmpHostProxyIntfSm::IgmpHostProxyIntfSm(
     handleKeshPtr();
     if (ipAclConfig)
         for (Nex::Name const& name : Nex::sortedKeys(ipAclConfig->acl()))
-            aclIs(ipAclConfig->acl(name));
+            if (Acl::AclConfig const* const acl = ipAclConfig->acl(name)) aclIs(acl);
     handleGroupSourceListConfig();
     handleDeletedGroupSourceListConfig();
     handleInitialized();

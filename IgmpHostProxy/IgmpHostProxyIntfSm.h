@@ -186,6 +186,9 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
         NexAcl(Nex::Ptr<Acl::AclConfig const> acl, IgmpHostProxyIntfSm* machine);
         void handleCfg();
         void handleRule();
+        /// Applies the list's new rules and takes the vanished ones back. Ends early when something
+        /// is asked of the helper meanwhile.
+        void doReconcile();
         void cfgIs(Nex::Ptr<Acl::AclSubConfig const> cfg);
         void cfgDel() { cfg_.del(); }
 
@@ -289,7 +292,10 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     void mfibKeshDirDel() { mfibKeshDir_.del(); }
 
   private:
-    bool doPurgeIfDetached(IgmpHostProxyAclHelper& helper) const;
+    /// Attaches, purges or detaches a list whose helper, if there is one, is not at work.
+    void doAclConfig(Nex::String const& name);
+    /// Does what was asked of a list's helper while it was at work.
+    void doFollowUp(Nex::String const& name);
     void doReviewSoon();
     /// Has the next review walk every route from the start.
     void doWantSyncAllRoutes();

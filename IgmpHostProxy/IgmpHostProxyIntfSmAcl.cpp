@@ -1,5 +1,8 @@
 // Which access lists take effect on the interface: those that its configuration names and that
 // exist. Each has a helper, which is kept in step with the list's rules by their ids.
+//
+// Whoever hears of a group may change the list at once. While a helper is at work on a rule it
+// takes no other one up: `doFollowUp` looks again when it is done.
 #include "IgmpHostProxy/IgmpHostProxyIntfSm.h"
 
 #include "IgmpHostProxy/Trace.h"
@@ -25,32 +28,45 @@ void IgmpHostProxyIntfSm::handleAclConfig() {
 
 void IgmpHostProxyIntfSm::handleAclConfig(Nex::String name) {
     IHP_TRACE_ENTRY(" ( % )", name);
-    bool const attached = intfConfig() && intfConfig()->aclListHas(name);
-    if (attached && ipAclConfig() && ipAclConfig()->aclHas(name)) {
+    IgmpHostProxyAclHelper* const helper = igmpHostProxyAclHelper(name);
+    if (helper && helper->doDefer(IgmpHostProxyAclHelper::Asked::list)) return;
+    doAclConfig(name);
+    doFollowUp(name);
+}
+
+void IgmpHostProxyIntfSm::doAclConfig(Nex::String const& name) {
+    if (intfConfig() && intfConfig()->aclListHas(name) && ipAclConfig() &&
+        ipAclConfig()->aclHas(name)) {
         IHP_TRACE(7, "Creating helper for acl: %", name);
         // Also for a helper that is there already: its rules are then counted once more. Those who
         // attach lists know this and attach each once.
-        Nex::Ptr<IgmpHostProxyAclHelper> const helper = igmpHostProxyAclHelperIs(name);
-        helper->handleAllRules();
-        doPurgeIfDetached(*helper);
+        igmpHostProxyAclHelperIs(name)->handleAllRules();
         return;
     }
     if (Nex::Ptr<IgmpHostProxyAclHelper> const helper = igmpHostProxyAclHelper(name)) {
         IHP_TRACE(7, "ACL config deleted. Purging cached rules.");
         helper->purgeCachedRules();
     }
-    if (!attached) {
+    // Asked now: whoever heard of the purge may have attached the list again.
+    if (!intfConfig() || !intfConfig()->aclListHas(name)) {
         IHP_TRACE(7, "ACL removed from config. Purging cached rules. Deleting helper");
         igmpHostProxyAclHelperDel(name);
     }
 }
 
-/// A list that was detached while its rules were applied leaves nothing behind. Whether it was, for
-/// whoever applied some of them.
-bool IgmpHostProxyIntfSm::doPurgeIfDetached(IgmpHostProxyAclHelper& helper) const {
-    if (igmpHostProxyAclHelper(helper.aclName()) == &helper) return false;
-    helper.purgeCachedRules();
-    return true;
+void IgmpHostProxyIntfSm::doFollowUp(Nex::String const& name) {
+    using Asked = IgmpHostProxyAclHelper::Asked;
+    while (Nex::Ptr<IgmpHostProxyAclHelper> const helper = igmpHostProxyAclHelper(name)) {
+        Asked const asked = helper->takeAsked();
+        if (asked == Asked::nothing) return;
+        if (asked == Asked::list) {
+            // The list may be another one by now, with other rules under the same ids.
+            helper->purgeCachedRules();
+            doAclConfig(name);
+        } else if (Nex::Ptr<NexAcl> const reactor = acl(name)) {
+            reactor->doReconcile();
+        }
+    }
 }
 
 void IgmpHostProxyIntfSm::handleAcl(Nex::Name name) {
@@ -120,35 +136,37 @@ void IgmpHostProxyIntfSm::NexAcl::handleCfg() {
 
 void IgmpHostProxyIntfSm::NexAcl::handleRule() {
     IHP_TRACE_ENTRY();
-    Nex::Ptr<IgmpHostProxyAclHelper> const helper =
-        machine()->igmpHostProxyAclHelper(notifier()->name());
+    Nex::Name const name = notifier()->name();
+    IgmpHostProxyAclHelper* const helper = machine()->igmpHostProxyAclHelper(name);
+    if (!helper || helper->doDefer(IgmpHostProxyAclHelper::Asked::rules)) return;
+    doReconcile();
+    machine()->doFollowUp(name);
+}
+
+void IgmpHostProxyIntfSm::NexAcl::doReconcile() {
+    if (!notifier()) return;
+    Nex::Name const name = notifier()->name();
+    Nex::Ptr<IgmpHostProxyAclHelper> const helper = machine()->igmpHostProxyAclHelper(name);
     Nex::Ptr<Acl::AclSubConfig const> const cfg = notifier()->currCfg();
     if (!helper || !cfg) return;
-    IgmpHostProxyIntfSm const* const intfSm = machine();
-    // Taken down before anything is applied: a rule that somebody has applied meanwhile, told of an
-    // earlier one, is not stale for not having been listed here.
+    // The helper reads the list that is there now. If that is not ours, we are about to follow.
+    Acl::AclTypeConfig const* const all = machine()->ipAclConfig();
+    if (!all || all->acl(name) != notifier()) return;
     Nex::Set<Acl::UniqueId> stale;
     for (auto const& item : helper->cachedRules()) stale.findOrInsert(item.key);
     for (std::uint32_t const sequence : Nex::sortedKeys(cfg->ruleBySequence())) {
         Acl::UniqueId const id = cfg->ruleBySequence(sequence);
-        Acl::IpRuleConfig const rule = cfg->ipRuleById(id);
-        if (rule == Acl::IpRuleConfig()) continue;
+        if (cfg->ipRuleById(id) == Acl::IpRuleConfig()) continue;
         if (helper->cachedRules(id) != Acl::IpRuleConfig()) {
             stale.take(id);
             continue;
         }
         helper->handleRule(id);
-        if (intfSm->doPurgeIfDetached(*helper) || !notifier()) return;
-        // Whoever heard of its groups may have put other rules in force: all are compared anew.
-        if (notifier()->currCfg() != cfg) return handleRule();
-        Acl::IpRuleConfig const now = cfg->ipRuleById(id);
-        if (now != Acl::IpRuleConfig()) {
-            // Also if it was rejected as invalid: it is then taken back like any other, which gives
-            // up whatever references its pairs have.
-            helper->cachedRulesIs(id, now);
-        } else {
-            stale.findOrInsert(id); // withdrawn while it was applied
-        }
+        if (helper->asked() != IgmpHostProxyAclHelper::Asked::nothing) return;
+        // Also if it was rejected as invalid: it is then taken back like any other, which gives up
+        // whatever references its pairs have. A good rule stands there as it was applied.
+        if (helper->cachedRules(id) == Acl::IpRuleConfig())
+            helper->cachedRulesIs(id, cfg->ipRuleById(id));
     }
     // New rules first, vanished ones after: a group that passes from one rule to another stays.
     for (Acl::UniqueId const id : stale.walk()) {

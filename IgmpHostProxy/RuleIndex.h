@@ -1,0 +1,82 @@
+// Which (source, group) pairs the rules of an access list contribute, and in which mode.
+//
+// A rule contributes one source to a range of groups: an address under a mask. Under one mask a
+// group lies in one range, so a pair is asked for with one lookup for each mask that the rules of
+// its source and mode have. Those are few, however many the rules are.
+#pragma once
+
+#include "Lox/IpAddr.h"
+#include "Nex/Map.h"
+
+namespace IgmpHostProxy {
+
+/// What a rule says of each group in its range.
+struct RuleEffect {
+    bool include;
+    Lox::IpAddr source;
+    friend bool operator==(RuleEffect const&, RuleEffect const&) = default;
+};
+
+struct RuleKey {
+    RuleEffect effect;
+    std::uint32_t mask;
+    std::uint32_t fixed; ///< the range's bits under the mask
+    friend bool operator==(RuleKey const&, RuleKey const&) = default;
+};
+
+} // namespace IgmpHostProxy
+
+template <>
+struct std::hash<IgmpHostProxy::RuleEffect> {
+    std::size_t operator()(IgmpHostProxy::RuleEffect const& effect) const noexcept {
+        return std::size_t(effect.source.host()) << 1 | std::size_t(effect.include);
+    }
+};
+template <>
+struct std::hash<IgmpHostProxy::RuleKey> {
+    std::size_t operator()(IgmpHostProxy::RuleKey const& key) const noexcept {
+        std::size_t const range = key.fixed + std::size_t(key.mask) * 0x9E3779B1u;
+        return range ^ std::hash<IgmpHostProxy::RuleEffect>()(key.effect) << 31;
+    }
+};
+
+namespace IgmpHostProxy {
+
+class RuleIndex {
+  public:
+    void add(RuleEffect effect, Lox::IpAddrWithFullMask range) {
+        ++*rules_.findOrInsert(keyOf(effect, range.mask(), range.address())).first;
+        ++*masks_.findOrInsert(effect).first->findOrInsert(range.mask()).first;
+    }
+    /// Of a rule that was added.
+    void del(RuleEffect effect, Lox::IpAddrWithFullMask range) {
+        doDrop(rules_, keyOf(effect, range.mask(), range.address()));
+        Masks& masks = *masks_.find(effect);
+        doDrop(masks, range.mask());
+        if (masks.empty()) masks_.take(effect);
+    }
+    /// How many rules contribute the pair of the effect's source and the group.
+    std::uint32_t count(RuleEffect effect, Lox::IpAddr group) const {
+        std::uint32_t rules = 0;
+        if (Masks const* const masks = masks_.find(effect))
+            for (auto const& item : masks->walk())
+                if (auto const* const found = rules_.find(keyOf(effect, item.key, group)))
+                    rules += *found;
+        return rules;
+    }
+
+  private:
+    using Masks = Nex::SmallMap<std::uint32_t, std::uint32_t, 2>;
+
+    static RuleKey keyOf(RuleEffect effect, std::uint32_t mask, Lox::IpAddr address) {
+        return {effect, mask, address.host() & mask};
+    }
+    static void doDrop(auto& counts, auto const& key) {
+        if (--*counts.find(key) == 0) counts.take(key);
+    }
+
+    Nex::Map<RuleKey, std::uint32_t> rules_;
+    Nex::Map<RuleEffect, Masks> masks_; ///< with how many rules have each
+};
+
+} // namespace IgmpHostProxy
