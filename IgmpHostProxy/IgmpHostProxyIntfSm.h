@@ -312,10 +312,9 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     void doSyncAbsent(Routing::Multicast::Fib::IpGenRouteKey const& key);
     bool routeDeleted(Lox::IpAddr source, Lox::IpAddr group) const;
 
-    /// Step one of both adds: a group that only the forwarding table contributed so far loses what
-    /// the table put in.
-    void doDropMfibSources(GroupSource* entry, Lox::IpAddr group);
-    void doCountUp(SourceGroup sg);
+    /// The first steps of both adds: a group that only the forwarding table contributed so far
+    /// loses what the table put in, and the reference is counted. Returns the group's entry.
+    Nex::Ptr<GroupSource> doCount(SourceGroup sg);
     /// The removal of a pair that nobody counts, in one mode: it came from the forwarding table.
     void doRemoveUncountedInclude(GroupSource* entry, SourceGroup sg);
     void doRemoveUncountedExclude(GroupSource* entry, SourceGroup sg);

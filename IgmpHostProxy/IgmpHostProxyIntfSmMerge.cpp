@@ -12,12 +12,9 @@ namespace IgmpHostProxy {
 void IgmpHostProxyIntfSm::addIncludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group) {
     IHP_TRACE_ENTRY(". Source: %, Group: %", source, group);
     if (!intfStatus()) return;
-    Nex::Ptr<GroupSource> const entry = intfStatus()->groupSourceList(group);
-    doDropMfibSources(entry.get(), group);
     // The reference is counted before the rules below may find that nothing is to be done: a later
     // removal gives it back.
-    doCountUp({source, group});
-    if (!entry) return;
+    Nex::Ptr<GroupSource> const entry = doCount({source, group});
     bool const any = source == anySource;
     if (entry->includeSourceListHas(anySource)) {
         if (any) return;
@@ -45,10 +42,7 @@ void IgmpHostProxyIntfSm::addIncludeSourceGroup(Lox::IpAddr source, Lox::IpAddr 
 void IgmpHostProxyIntfSm::addExcludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group) {
     IHP_TRACE_ENTRY(". Source: %, Group: %", source, group);
     if (!intfStatus()) return;
-    Nex::Ptr<GroupSource> const entry = intfStatus()->groupSourceList(group);
-    doDropMfibSources(entry.get(), group);
-    doCountUp({source, group});
-    if (!entry) return;
+    Nex::Ptr<GroupSource> const entry = doCount({source, group});
     bool const any = source == anySource;
     bool const anyCounted = groupSourceRefCounter({anySource, group}) > 0;
     if (entry->includeSourceListHas(anySource) && anyCounted) {
@@ -106,19 +100,26 @@ void IgmpHostProxyIntfSm::removeExcludeSourceGroup(Lox::IpAddr source, Lox::IpAd
     }
 }
 
-void IgmpHostProxyIntfSm::doDropMfibSources(GroupSource* entry, Lox::IpAddr group) {
-    if (!entry) return;
-    IHP_TRACE(6, "Group is present in status.Checking if it was configured or added from mfib");
-    if (groupSourceRefCounter_.groupHas(group)) return;
-    IHP_TRACE(6, "Deleting sources added from mfib for group:%", group);
-    entry->includeSourceListDelAll();
-    entry->excludeSourceListDelAll();
-}
-
-void IgmpHostProxyIntfSm::doCountUp(SourceGroup sg) {
+Nex::Ptr<GroupSource> IgmpHostProxyIntfSm::doCount(SourceGroup sg) {
+    Nex::Ptr<GroupSource> entry = intfStatus()->groupSourceList(sg.groupAddr);
+    bool certain = bool(entry);
+    if (entry) {
+        IHP_TRACE(6, "Group is present in status.Checking if it was configured or added from mfib");
+        if (!groupSourceRefCounter_.groupHas(sg.groupAddr)) {
+            IHP_TRACE(6, "Deleting sources added from mfib for group:%", sg.groupAddr);
+            certain = entry->empty();
+            entry->includeSourceListDelAll();
+            // What somebody contributes who is told of that stays.
+            if (!groupSourceRefCounter_.groupHas(sg.groupAddr)) entry->excludeSourceListDelAll();
+        }
+    }
     std::uint32_t const count = groupSourceRefCounterInc(sg, 1);
     if (count == 1) IHP_TRACE(6, "Adding sg into ref counter");
     IHP_TRACE(6, "Ref count for sg incremented, now is%", count);
+    // Whoever was told of the entry as it came, or of what it lost, may have had it taken away. A
+    // pair that is counted has one.
+    if (!certain) entry = intfStatus()->groupSourceListIs(sg.groupAddr);
+    return entry;
 }
 
 void IgmpHostProxyIntfSm::doRemoveUncountedInclude(GroupSource* entry, SourceGroup sg) {
