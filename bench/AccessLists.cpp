@@ -1,4 +1,4 @@
-// One permit rule over a range of groups: applied, and taken back.
+// One permit rule over a range of groups, applied and taken back; and lists of many rules.
 #include "Floor.h"
 #include "IgmpHostProxy/AddressRangeIterator.h"
 #include "Measure.h"
@@ -128,6 +128,69 @@ BENCHMARK(ruleTakenBack<ListFloor>)
 BENCHMARK(ruleTakenBack<ListWorld>)
     ->Arg(65536)
     ->Arg(1048576)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+
+/// Lists "iptv" and "news", with the same rules of one group each.
+struct RulesWorld {
+    explicit RulesWorld(std::uint32_t rules) {
+        platform.start();
+        platform.tables();
+        config = platform.config->intfConfigIs(Lox::IntfId("up0"));
+        platform.usableIntf("up0", 2);
+        for (auto const* const name : {"iptv", "news"}) {
+            auto const version = Acl::AclSubConfig::AclSubConfigIs(name);
+            Lox::IpAddrWithFullMask const from(Lox::IpAddr::fromHost(source), ~std::uint32_t(0));
+            for (std::uint32_t rule = 0; rule < rules; ++rule) {
+                Lox::IpAddr const group = Lox::IpAddr::fromHost(firstGroup + rule);
+                Lox::IpAddrWithFullMask const to(group, ~std::uint32_t(0));
+                version->ipRuleByIdIs(Acl::UniqueId(rule), {Acl::Action::permit, {from, to}});
+                version->ruleBySequenceIs(rule, Acl::UniqueId(rule));
+            }
+            platform.aclConfig->aclIs(name)->currCfgIs(version);
+        }
+    }
+    std::size_t announced() const { return platform.host("up0")->v3groupCount(); }
+
+    Support::InProcessPlatform platform;
+    Nex::Ptr<IgmpHostProxy::IntfConfig> config;
+};
+
+void rulesWithdrawn(benchmark::State& state) {
+    auto const rules = std::uint32_t(state.range(0));
+    Bench::perItem(
+        state, rules,
+        [&] {
+            auto world = std::make_unique<RulesWorld>(rules);
+            world->config->aclListIs("iptv");
+            return world;
+        },
+        [&](RulesWorld& world) {
+            expect(world.announced() == rules);
+            auto const none = Acl::AclSubConfig::AclSubConfigIs("iptv");
+            world.platform.aclConfig->acl("iptv")->currCfgIs(none);
+            expect(world.announced() == 0);
+        });
+}
+void oneOfTwoListsDetached(benchmark::State& state) {
+    auto const rules = std::uint32_t(state.range(0));
+    Bench::perItem(
+        state, rules,
+        [&] {
+            auto world = std::make_unique<RulesWorld>(rules);
+            for (auto const* const name : {"iptv", "news"}) world->config->aclListIs(name);
+            return world;
+        },
+        [&](RulesWorld& world) {
+            world.config->aclListDel("iptv");
+            expect(world.announced() == rules);
+        });
+}
+// The same for each rule, however many there are.
+BENCHMARK(rulesWithdrawn)->Arg(10000)->Arg(20000)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(oneOfTwoListsDetached)
+    ->Arg(10000)
+    ->Arg(20000)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
 
