@@ -25,6 +25,15 @@ struct IpGenRouteKey {
         return a.source <=> b.source;
     }
     friend constexpr bool operator==(IpGenRouteKey const&, IpGenRouteKey const&) = default;
+
+    constexpr std::uint64_t nexHashNumber() const {
+        std::uint32_t const from = source.address().host();
+        std::uint32_t const lengths = std::uint32_t(source.length() << 8) | group.length();
+        // The odd factors set sources and lengths apart, far from each other's groups.
+        std::uint32_t const near =
+            group.address().host() + from * 0x9E3779B1u + lengths * 0x85EBCA6Bu;
+        return std::uint64_t(from) << 32 | near;
+    }
 };
 std::ostream& operator<<(std::ostream&, IpGenRouteKey const&);
 
@@ -36,12 +45,7 @@ IpGenRouteKey invalidRouteKey();
 template <>
 struct std::hash<Routing::Multicast::Fib::IpGenRouteKey> {
     std::size_t operator()(Routing::Multicast::Fib::IpGenRouteKey const& key) const noexcept {
-        std::uint32_t const source = key.source.address().host();
-        std::uint32_t const lengths = std::uint32_t(key.source.length() << 8) | key.group.length();
-        // The odd factors set sources and lengths apart, far from each other's groups.
-        std::uint32_t const near =
-            key.group.address().host() + source * 0x9E3779B1u + lengths * 0x85EBCA6Bu;
-        return std::size_t(source) << 32 | near;
+        return std::hash<std::uint64_t>()(key.nexHashNumber());
     }
 };
 
@@ -93,8 +97,6 @@ class MfibKeshDir : public Nex::RecordBase {
 /// Names a route of a table. The pointer is the table's identity in its collection and is never
 /// followed; the serial number tells whether the table found under it is still the one meant.
 struct MfibKeshDirRouteKey {
-    using NexNeighbours = void; ///< as of the routes
-
     Status const* table = nullptr;
     std::uint64_t serial = 0;
     IpGenRouteKey route;
@@ -104,6 +106,8 @@ struct MfibKeshDirRouteKey {
         : table(&named), serial(named.serial()), route(key) {}
     friend constexpr auto operator<=>(MfibKeshDirRouteKey const&,
                                       MfibKeshDirRouteKey const&) = default;
+
+    std::uint64_t nexHashNumber() const { return route.nexHashNumber() ^ serial << 40; }
 };
 std::ostream& operator<<(std::ostream&, MfibKeshDirRouteKey const&);
 
@@ -138,6 +142,6 @@ class MfibKeshCollRouteIteratorConst {
 template <>
 struct std::hash<Kesh::Multicast::Fib::MfibKeshDirRouteKey> {
     std::size_t operator()(Kesh::Multicast::Fib::MfibKeshDirRouteKey const& key) const noexcept {
-        return std::hash<Routing::Multicast::Fib::IpGenRouteKey>()(key.route) ^ key.serial << 40;
+        return std::hash<std::uint64_t>()(key.nexHashNumber());
     }
 };

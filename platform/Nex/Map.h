@@ -12,12 +12,13 @@
 // A `Set` of either kind is a map to `Nothing`. No collection may be destroyed while it is walked.
 #pragma once
 
+#include "Nex/Hash.h"
+
 #include <algorithm>
 #include <bit>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <iterator>
 #include <memory>
 #include <new>
@@ -46,9 +47,9 @@ class SmallMap;
 template <class Key, class Value, std::size_t N>
 inline constexpr bool isRelocatable<SmallMap<Key, Value, N>> = true;
 
-/// Whether the low bits of a key's hash are a number under which neighbouring keys are neighbours.
-/// Such a map starts out with neighbours in neighbouring slots, which is what runs of addresses
-/// want. A key type that is no address itself says so.
+/// Whether the low bits of a key's number make neighbours of neighbouring keys. Such a map starts
+/// out with neighbours in neighbouring slots, which is what runs of addresses want, and hashes its
+/// keys only once they pile up. A key type that is no address itself says so.
 template <class Key>
 inline constexpr bool hashKeepsNeighbours = requires(Key const& key) {
     key.host();
@@ -192,8 +193,10 @@ class Map {
     static constexpr Position none = ~Position(0);
     /// Up to here a look through the entries is as fast as an index.
     static constexpr Position unindexed = 8;
-    /// How far a neighbour-keeping index may push an entry from its slot before it is scattered.
+    /// How far a neighbour-keeping index may push an entry from its slot before it is scattered,
+    /// and how many entries one insertion may push.
     static constexpr std::uint32_t farthest = 16;
+    static constexpr std::uint32_t mostPushed = 512;
 
     struct Entry {
         Key key;
@@ -209,13 +212,8 @@ class Map {
     static constexpr bool relocatable = isRelocatable<Key> && isRelocatable<Value>;
 
     std::uint32_t homeOf(Key const& key) const {
-        std::uint64_t hash = std::hash<Key>()(key);
-        if (scattered_) {
-            hash ^= hash >> 32;
-            hash *= 0x9E3779B97F4A7C15u;
-            hash ^= hash >> 32;
-        }
-        return std::uint32_t(hash) & mask_;
+        std::uint64_t const number = hashNumber(key);
+        return (scattered_ ? HashSecrets::inForce()(number) : std::uint32_t(number)) & mask_;
     }
     /// How far the entry in `slot` lies behind its home slot.
     std::uint32_t distance(std::uint32_t slot) const {
@@ -269,12 +267,13 @@ class Map {
     /// Robin Hood insertion, from `slot` on, which is `away` from home: whoever is farther from
     /// home gets the slot. False when the map should be scattered, for keys pile up.
     bool addToIndex(Position at, std::uint32_t slot, std::uint32_t away) {
-        for (; index_[slot] != 0; ++away, slot = (slot + 1) & mask_) {
+        for (std::uint32_t pushed = 0; index_[slot] != 0; ++away, slot = (slot + 1) & mask_) {
             if (std::uint32_t const theirs = distance(slot); theirs < away) {
                 at = std::exchange(index_[slot], at + 1) - 1;
                 away = theirs;
+                ++pushed;
             }
-            if (away > farthest && !scattered_) return false;
+            if ((away > farthest || pushed > mostPushed) && !scattered_) return false;
         }
         index_[slot] = at + 1;
         return true;
@@ -291,6 +290,7 @@ class Map {
     void rebuildIndex() {
         std::free(std::exchange(index_, nullptr));
         if (capacity_ <= unindexed) return;
+        if (scattered_) HashSecrets::need();
         std::size_t const slots = std::size_t(capacity_) * 2;
         index_ = static_cast<std::uint32_t*>(std::calloc(slots, sizeof *index_));
         if (!index_) throw std::bad_alloc();

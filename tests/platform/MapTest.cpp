@@ -1,8 +1,10 @@
 // The collections against a naive model, with walks that are changed from inside.
 #include "Lox/IpAddr.h"
+#include "Nex/LinkedSet.h"
 #include "TestRecords.h"
 
 #include <gtest/gtest.h>
+#include <list>
 #include <rapidcheck/gtest.h>
 #include <unordered_map>
 
@@ -275,6 +277,117 @@ TEST(SmallMapSize, HoldsFewEntriesInsideAndMovesWithThem) {
         for (std::uint32_t source = 0; source < group % 8; ++source)
             EXPECT_TRUE(sources->has(neighbour(source)));
     }
+}
+
+/// Counts how often keys are hashed: the steps that a collection takes.
+template <bool neighbours>
+struct Chosen {
+    std::uint32_t number;
+    std::uint32_t host() const requires neighbours { return number; }
+    std::uint64_t nexHashNumber() const {
+        ++hashed;
+        return number;
+    }
+    friend bool operator==(Chosen, Chosen) = default;
+    static inline std::uint64_t hashed = 0;
+};
+
+class HashSecretTest : public testing::Test {
+  protected:
+    ~HashSecretTest() override { HashSecrets::secretIs(HashSecret::drawn()); }
+    /// Steps for each key, of keys that meet in every index under the secret `plain`.
+    template <class Collection, class Key>
+    static std::uint64_t stepsPerKey() {
+        constexpr std::uint32_t keys = 4096;
+        std::uint64_t const start = Key::hashed;
+        Collection collection;
+        for (std::uint32_t n = 0; n < keys; ++n) {
+            if constexpr (requires { collection.insert({}); }) {
+                collection.insert({n << 16});
+                EXPECT_TRUE(collection.has({n << 16}));
+            } else {
+                collection.findOrInsert({n << 16});
+            }
+        }
+        return (Key::hashed - start) / keys;
+    }
+    /// A key's hash is its number.
+    static constexpr HashSecret plain{0, std::uint64_t(1) << 32, 0};
+};
+
+TEST_F(HashSecretTest, KeysThatWereChosenForOneSecretAreHarmlessUnderAnother) {
+    auto const worst = [] {
+        return std::max({stepsPerKey<Set<Chosen<true>>, Chosen<true>>(),
+                         stepsPerKey<Set<Chosen<false>>, Chosen<false>>()});
+    };
+    HashSecrets::secretIs(plain);
+    EXPECT_GT(worst(), 1000u);
+    for (int draw = 0; draw < 3; ++draw) {
+        HashSecrets::secretIs(HashSecret::drawn());
+        EXPECT_LT(worst(), 30u);
+        EXPECT_LT((stepsPerKey<LinkedSet<Chosen<false>>, Chosen<false>>()), 10u);
+    }
+}
+
+// Entries that have moved on by one slot each are no pile, but move all at once.
+TEST_F(HashSecretTest, ARunOfNeighboursIsNotPushedOnAgainAndAgain) {
+    constexpr std::uint32_t run = 60000;
+    Set<Chosen<true>> set;
+    for (std::uint32_t n = 0; n < run; ++n) set.findOrInsert({n});
+    std::uint64_t const start = Chosen<true>::hashed;
+    for (std::uint32_t n = 1; n <= 100; ++n) {
+        set.findOrInsert({n << 20});
+        set.take({n << 20});
+    }
+    EXPECT_LT(Chosen<true>::hashed - start, 10 * run);
+}
+
+TEST(LinkedSetTest, KeepsTheOrderOfInsertionAndNeverDoesMuchAtOnce) {
+    using Key = Chosen<false>;
+    LinkedSet<Key> set;
+    std::list<std::uint32_t> model;
+    std::uint64_t before = 0;
+    auto const changed = [&] {
+        EXPECT_LT(Key::hashed - before, 100u) << set.size();
+        before = Key::hashed;
+    };
+    std::uint32_t next = 0;
+    for (std::uint32_t const most : {1u, 9u, 50000u, 3u, 1000u}) {
+        before = Key::hashed;
+        while (model.size() < most) {
+            set.insert({next * 977});
+            model.push_back(next++);
+            changed();
+            set.insert({model.front() * 977}); // there already
+            changed();
+            if (next % 5 == 0) {
+                set.toBack({model.front() * 977});
+                model.splice(model.end(), model, model.begin());
+                changed();
+            }
+        }
+        ASSERT_EQ(set.size(), model.size());
+        for (std::uint32_t const n : model) ASSERT_TRUE(set.has({n * 977}));
+        before = Key::hashed;
+        while (model.size() > most / 100) {
+            if (next++ % 7 == 0) { // one from the midst; `next` was never in
+                auto const second = std::next(model.begin(), model.size() > 1);
+                set.take({*second * 977});
+                set.take({next * 977});
+                model.erase(second);
+            } else {
+                ASSERT_EQ(set.front().number, model.front() * 977);
+                set.take(set.front());
+                model.pop_front();
+            }
+            changed();
+        }
+        EXPECT_EQ(set.empty(), model.empty());
+    }
+    set.clear();
+    EXPECT_FALSE(set.has({(next - 1) * 977}));
+    set.insert({1});
+    EXPECT_EQ(set.size(), 1u);
 }
 
 } // namespace

@@ -112,7 +112,7 @@ TEST_F(TraceTest, WhatDoesNotFitIntoAnEntryIsCut) {
     // A number that does not fit ends the entry; what would fit after it is not taken for it.
     NEX_TRACE(traced, 6, "%|%|%", String(42, 'x'), 1.5, 'c');
     EXPECT_EQ(entry().text(), String(42, 'x') + "||");
-    NEX_TRACE(traced, 6, "%%%%%%%", 1ul, 2ul, 3ul, 4ul, 5ul, 6ul, 7ul);
+    NEX_TRACE(traced, 6, "%%%%%%%", 1ull, 2ull, 3ull, 4ull, 5ull, 6ull, 7ull);
     EXPECT_EQ(entry().text(), "123456");
 }
 

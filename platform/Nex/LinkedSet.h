@@ -1,0 +1,155 @@
+// A set in the order of insertion, for work queues: no single change takes longer because the set
+// is large. Nothing is moved but the keys of one bucket at a time (linear hashing), where a `Map`
+// now and then moves all at once.
+#pragma once
+
+#include "Nex/Hash.h"
+#include "Nex/Ptr.h"
+
+#include <bit>
+#include <memory>
+#include <vector>
+
+namespace Nex {
+
+template <class Key>
+class LinkedSet {
+  public:
+    LinkedSet() = default;
+    LinkedSet(LinkedSet const&) = delete;
+    LinkedSet& operator=(LinkedSet const&) = delete;
+    ~LinkedSet() { clear(); }
+
+    std::size_t size() const { return count_; }
+    bool empty() const { return count_ == 0; }
+    bool has(Key const& key) const { return find(key) != nullptr; }
+    /// The key that is there for the longest time; not to be called when there is none.
+    Key const& front() const { return first_->key; }
+
+    /// A key that is there already keeps its place.
+    void insert(Key const& key) {
+        if (has(key)) return;
+        if (count_ == buckets_) grow();
+        Node* const node = new Node{key};
+        enchain(node);
+        append(node);
+        ++count_;
+    }
+    void take(Key const& key) {
+        if (Node* const node = find(key)) erase(node);
+    }
+    void clear() {
+        for (Node* node = first_; node;) delete std::exchange(node, node->after);
+        first_ = last_ = nullptr;
+        segments_.clear();
+        buckets_ = count_ = 0;
+    }
+    /// Puts a key that is there behind all others.
+    void toBack(Key const& key) {
+        Node* const node = find(key);
+        if (!node) return;
+        detach(node);
+        append(node);
+    }
+
+  private:
+    struct Node {
+        Key key;
+        Node* inBucket = nullptr; ///< the next one
+        Node* before = nullptr;
+        Node* after = nullptr;
+
+        /// Among the counted objects, whose memory comes and goes in pieces of one size.
+        static void* operator new(std::size_t bytes) { return PtrInterface::operator new(bytes); }
+        static void operator delete(void* node, std::size_t bytes) {
+            PtrInterface::operator delete(node, bytes);
+        }
+    };
+    /// Buckets of the first segment; every other segment has as many as all before it.
+    static constexpr std::size_t fewest = 8;
+
+    static std::size_t segmentOf(std::size_t bucket) {
+        return std::size_t(std::bit_width(bucket / fewest));
+    }
+    static std::size_t firstOf(std::size_t segment) {
+        return segment == 0 ? 0 : fewest << (segment - 1);
+    }
+    Node*& head(std::size_t bucket) const {
+        std::size_t const segment = segmentOf(bucket);
+        return segments_[segment][bucket - firstOf(segment)];
+    }
+    /// The bucket that was split to make this one.
+    static std::size_t parentOf(std::size_t bucket) { return bucket - std::bit_floor(bucket); }
+    std::size_t bucketOf(Key const& key) const {
+        std::size_t const hash = HashSecrets::inForce()(hashNumber(key));
+        std::size_t const bucket = hash & (std::bit_ceil(buckets_) - 1);
+        return bucket < buckets_ ? bucket : parentOf(bucket);
+    }
+    Node* find(Key const& key) const {
+        if (buckets_ == 0) return nullptr;
+        Node* node = head(bucketOf(key));
+        while (node && !(node->key == key)) node = node->inBucket;
+        return node;
+    }
+
+    void enchain(Node* node) {
+        Node*& bucket = head(bucketOf(node->key));
+        node->inBucket = bucket;
+        bucket = node;
+    }
+    void append(Node* node) {
+        node->before = last_;
+        node->after = nullptr;
+        (last_ ? last_->after : first_) = node;
+        last_ = node;
+    }
+    void detach(Node* node) {
+        (node->before ? node->before->after : first_) = node->after;
+        (node->after ? node->after->before : last_) = node->before;
+    }
+    void erase(Node* node) {
+        Node** link = &head(bucketOf(node->key));
+        while (*link != node) link = &(*link)->inBucket;
+        *link = node->inBucket;
+        detach(node);
+        delete node;
+        --count_;
+        // Faster than the keys go, so that few keys never keep many buckets.
+        for (int i = 0; i < 2 && buckets_ > fewest && buckets_ / 2 > count_; ++i) shrink();
+    }
+
+    /// One bucket more, or the first ones.
+    void grow() {
+        if (buckets_ == 0) {
+            HashSecrets::need();
+            segments_.push_back(std::make_unique<Node*[]>(fewest));
+            buckets_ = fewest;
+            return;
+        }
+        std::size_t const fresh = buckets_;
+        // Not cleared: a bucket is when it comes into use.
+        if (segmentOf(fresh) == segments_.size())
+            segments_.push_back(std::make_unique_for_overwrite<Node*[]>(fresh));
+        head(fresh) = nullptr;
+        ++buckets_;
+        rechain(parentOf(fresh));
+    }
+    /// One bucket less.
+    void shrink() {
+        std::size_t const stale = --buckets_;
+        rechain(stale);
+        if (stale == firstOf(segments_.size() - 1)) segments_.pop_back();
+    }
+    void rechain(std::size_t bucket) {
+        Node* node = std::exchange(head(bucket), nullptr);
+        while (node) enchain(std::exchange(node, node->inBucket));
+    }
+
+    std::vector<std::unique_ptr<Node*[]>> segments_;
+    std::size_t buckets_ = 0;
+    std::size_t count_ = 0;
+    Node* first_ = nullptr;
+    Node* last_ = nullptr;
+};
+
+} // namespace Nex
