@@ -48,18 +48,12 @@ void PtrInterface::freeUnusually(void* object, std::size_t bytes) noexcept {
     Slab::of(bytes).giveBack(object);
 }
 
-void Slab::refill() {
-    Chunk*& next = current_ ? current_->next : first_;
-    if (!next) next = ::new (::operator new(chunkBytes)) Chunk{nullptr};
-    current_ = next;
-    fresh_ = reinterpret_cast<std::byte*>(next) + sizeof(Chunk);
-    left_ = chunkBytes - sizeof(Chunk);
-}
-
-void Slab::startAnew() {
-    free_ = nullptr;
-    current_ = nullptr;
-    left_ = 0;
+bool Slab::trim(std::size_t most) {
+    std::lock_guard const lock(mutex);
+    bool more = false;
+    for (std::size_t at = 1; at < slabs.size(); ++at)
+        more = slabs[at].trim(at * granule, most) || more;
+    return more;
 }
 
 } // namespace Nex

@@ -67,7 +67,8 @@ class PtrInterface {
     bool nexZombieReactors() const { return zombieReactors_; }
 
     /// Objects of one size come from slabs: a million small records cost no allocator headers, and
-    /// those made together lie together. A slab keeps its memory for later objects of its size.
+    /// those made together lie together. A slab keeps its memory for later objects of its size
+    /// until it is trimmed.
     [[gnu::always_inline]] static void* operator new(std::size_t bytes) {
         if (bytes > Slab::largest || unusualAllocation_) [[unlikely]]
             return allocateUnusually(bytes);

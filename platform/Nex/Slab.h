@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <new>
 #include <utility>
 
@@ -15,50 +16,75 @@ class Slab {
     /// Sizes are rounded up to the granule. Octets.
     static constexpr std::size_t granule = 8;
     static constexpr std::size_t largest = 256;
+    static constexpr std::size_t chunkBytes = 64 * 1024;
 
     /// The slab of the objects of a size up to `largest`.
     static Slab& of(std::size_t bytes);
 
     /// Room for one object, aligned to the granule. Throws std::bad_alloc.
     [[gnu::always_inline]] void* take(std::size_t bytes) {
+        if (!free_) {
+            bytes = roundedUp(bytes);
+            if (left_ < bytes) [[unlikely]]
+                return takeFromAnother(bytes);
+            left_ -= bytes;
+            ++objects_;
+            return std::exchange(fresh_, fresh_ + bytes);
+        }
         ++objects_;
-        if (free_) return std::exchange(free_, free_->next);
-        bytes = (bytes + granule - 1) / granule * granule;
-        if (left_ < bytes) [[unlikely]]
-            refill();
-        left_ -= bytes;
-        return std::exchange(fresh_, fresh_ + bytes);
+        return std::exchange(free_, free_->next);
     }
     void giveBack(void* object) {
         free_ = ::new (object) Free{free_};
         if (--objects_ == 0) startAnew();
     }
 
+    /// Of all slabs that are free for the most part, gives the chunks in which nothing lives back
+    /// to the heap. Looks at no more than `most` free places of each slab in one call, and returns
+    /// whether there are more: whoever knows that much has gone calls it as there is time.
+    static bool trim(std::size_t most);
+    /// The same of this slab, whose objects have that size.
+    bool trim(std::size_t bytes, std::size_t most);
+    /// What it holds of the heap, in octets.
+    std::size_t heldBytes() const { return count_ * chunkBytes; }
+
   private:
     struct Free {
         Free* next;
     };
-    static constexpr std::size_t chunkBytes = 64 * 1024;
-
-    /// A piece of memory that begins with the address of the next one.
+    /// A piece of memory, and of the places in it those that were found free by a trim.
     struct Chunk {
-        Chunk* next;
+        std::byte* memory;
+        Free* free;
+        std::uint32_t freeCount;
     };
 
-    void refill();
+    static constexpr std::size_t roundedUp(std::size_t bytes) {
+        return (bytes + granule - 1) / granule * granule;
+    }
+    void* takeFromAnother(std::size_t bytes);
+    void beginChunk();
+    void addChunk();
     void startAnew();
+    void sortIn(Free* place, std::size_t placesOfChunk);
+    void release(std::size_t at);
 
     std::size_t objects_ = 0; ///< that live
     Free* free_ = nullptr;
     std::byte* fresh_ = nullptr;
     std::size_t left_ = 0; ///< octets at `fresh_`
-    Chunk* first_ = nullptr;
-    Chunk* current_ = nullptr; ///< the chunk of `fresh_`; null before the first
+    // Those from `begun_` on hold nothing; those below `reused_` hold nothing that a trim found
+    // free.
+    Chunk* chunks_ = nullptr;
+    std::size_t count_ = 0;
+    std::size_t room_ = 0;
+    std::size_t begun_ = 0;
+    std::size_t reused_ = 0;
 };
 
 /// Never destroyed: objects may outlive every other static object.
 inline constinit std::array<Slab, Slab::largest / Slab::granule + 1> slabs;
 
-inline Slab& Slab::of(std::size_t bytes) { return slabs[(bytes + granule - 1) / granule]; }
+inline Slab& Slab::of(std::size_t bytes) { return slabs[roundedUp(bytes) / granule]; }
 
 } // namespace Nex

@@ -2,7 +2,10 @@
 #include "TestRecords.h"
 
 #include <atomic>
+#include <cstring>
+#include <functional>
 #include <gtest/gtest.h>
+#include <map>
 #include <stdexcept>
 #include <thread>
 
@@ -97,34 +100,76 @@ TEST(PtrThreads, MayCopyDropAndCreateWhenSaidSo) {
     PtrInterface::threadSafeIs(false);
 }
 
-TEST(PtrStorage, NoTwoLivingObjectsShareRoomWhateverTheirSizes) {
-    struct Small : PtrInterface {
-        unsigned char fill[5];
-    };
-    struct Large : PtrInterface {
-        unsigned char fill[229]; // the largest that comes from a slab
-    };
-    std::vector<Ptr<Small>> small;
-    std::vector<Ptr<Large>> large;
-    auto const make = [](auto& objects, std::size_t n) {
-        objects.push_back(newObject<std::remove_reference_t<decltype(*objects[0])>>());
-        auto& fill = objects.back()->fill;
-        std::fill(std::begin(fill), std::end(fill), static_cast<unsigned char>(n));
-    };
-    auto const check = [](auto const& objects) {
-        for (auto const& object : objects) {
-            auto const& fill = object->fill;
-            ASSERT_EQ(std::count(std::begin(fill), std::end(fill), fill[0]), std::ssize(fill));
-        }
-    };
-    for (std::size_t n = 0; n < 2000; ++n) {
-        make(small, n);
-        make(large, n + 2);
-        if (n % 3 == 0) small.erase(small.begin() + std::ptrdiff_t(small.size() / 2));
-        if (n % 2 == 0) large.erase(large.begin());
+/// The allocator itself, which the address sanitizer never sees at work: objects of one size, each
+/// filled with a number of its own.
+class SlabTest : public testing::TestWithParam<std::size_t> {
+  protected:
+    ~SlabTest() override {
+        for (auto const& [object, number] : living_) slab_.giveBack(object);
+        EXPECT_FALSE(trimmed());
+        EXPECT_EQ(slab_.heldBytes(), 0u);
     }
-    check(small);
-    check(large);
+    void take(std::size_t count) {
+        for (std::size_t n = 0; n < count; ++n) {
+            void* const object = slab_.take(bytes_);
+            EXPECT_EQ(reinterpret_cast<std::uintptr_t>(object) % Slab::granule, 0u);
+            std::memset(object, int(++taken_ % 251), bytes_);
+            ASSERT_TRUE(living_.emplace(object, taken_ % 251).second);
+        }
+    }
+    /// Those that `goes` names by the order of their addresses. What stays is as it was.
+    void giveBack(std::function<bool(std::size_t)> const& goes) {
+        std::size_t at = 0;
+        for (auto next = living_.begin(); next != living_.end(); ++at) {
+            auto const [object, number] = *next;
+            auto const* const octets = static_cast<unsigned char const*>(object);
+            ASSERT_EQ(std::size_t(std::count(octets, octets + bytes_, number)), bytes_);
+            if (!goes(at)) {
+                ++next;
+                continue;
+            }
+            slab_.giveBack(object);
+            next = living_.erase(next);
+        }
+    }
+    bool trimmed() {
+        for (int calls = 0; slab_.trim(bytes_, 100); ++calls)
+            if (calls > 100000) return true;
+        return false;
+    }
+    std::size_t chunks() const { return slab_.heldBytes() / Slab::chunkBytes; }
+
+    std::size_t const bytes_ = GetParam();
+    std::size_t const perChunk_ = Slab::chunkBytes / ((bytes_ + 7) / 8 * 8);
+    Slab slab_;
+    std::map<void*, std::size_t> living_;
+    std::size_t taken_ = 0;
+};
+INSTANTIATE_TEST_SUITE_P(Sizes, SlabTest, testing::Values(8, 20, 56, 256));
+
+TEST_P(SlabTest, NoTwoLivingObjectsShareRoomAndWhatIsFreeIsGivenBack) {
+    take(20 * perChunk_);
+    EXPECT_EQ(chunks(), 20u);
+    giveBack([](std::size_t at) { return at % 3 == 0; });
+    EXPECT_FALSE(trimmed());
+    EXPECT_EQ(chunks(), 20u); // most of it lives
+    take(10);
+    giveBack([&](std::size_t at) { return at > 3 * perChunk_; });
+    EXPECT_FALSE(trimmed());
+    std::size_t const left = chunks();
+    EXPECT_LE(left, 6u); // a third of each chunk was free
+    // What a trim found free comes before new chunks, and may go at the next trim.
+    take(left * perChunk_ - living_.size());
+    EXPECT_EQ(chunks(), left);
+    take(perChunk_ + 1);
+    EXPECT_EQ(chunks(), left + 2);
+    giveBack([](std::size_t at) { return at % 100 != 0; });
+    slab_.trim(bytes_, 50); // not to its end
+    take(5 * perChunk_ / 2);
+    giveBack([](std::size_t at) { return at % 7 != 0; });
+    EXPECT_FALSE(trimmed());
+    giveBack([](std::size_t) { return true; });
+    take(perChunk_ + 1); // from the start again
 }
 
 } // namespace
