@@ -22,6 +22,7 @@
 #include "Ip/SourceIntf.h"
 #include "Kesh/Mfib.h"
 #include "Nex/Clock.h"
+#include "Nex/LinkedSet.h"
 #include "Nex/Machine.h"
 #include "Olm/ReviewTimer.h"
 
@@ -151,6 +152,19 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     /// The table at which a suspended full sync resumes, or null. Only its name: it may be gone.
     Kesh::Multicast::Fib::Status const* keshBookmark() const { return keshBookmark_; }
     void keshBookmarkIs(Kesh::Multicast::Fib::Status const* table);
+
+    /// Routes that changed and have not been reviewed, the first to change in front.
+    using ChangedRoutes = Nex::LinkedSet<Kesh::Multicast::Fib::MfibKeshDirRouteKey>;
+    ChangedRoutes const& changedRoute() const { return changedRoute_; }
+    bool changedRouteHas(Kesh::Multicast::Fib::MfibKeshDirRouteKey key) const {
+        return changedRoute_.has(key);
+    }
+    void changedRouteIs(Kesh::Multicast::Fib::MfibKeshDirRouteKey key) {
+        changedRoute_.insert(key);
+    }
+    void changedRouteDel(Kesh::Multicast::Fib::MfibKeshDirRouteKey key) { changedRoute_.take(key); }
+    void changedRouteDelAll() { changedRoute_.clear(); }
+
     bool rkBookmarkNotNull() const;
 
     class NexIntfConfig : public Nex::Reactor<IntfConfig::NotifieeConst, IgmpHostProxyIntfSm> {
@@ -297,6 +311,7 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     /// Does what was asked of a list's helper while it was at work.
     void doFollowUp(Nex::String const& name);
     void doReviewSoon();
+    void doReviewRoutes();
     /// Has the next review walk every route from the start.
     void doWantSyncAllRoutes();
     void doClearBookmarks();
@@ -307,10 +322,15 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     /// The table to begin a slice with; null when there is none, or the bookmarked one is gone.
     Kesh::Multicast::Fib::Status const* syncStart() const;
     void doEndSlice(Kesh::Multicast::Fib::MfibKeshCollRouteIteratorConst const& at);
+    void doEndSyncChanged(bool again);
     void doSyncPresent(Kesh::Multicast::Fib::Status const& table,
                        Routing::Multicast::Fib::IpGenRouteKey const& key);
     void doSyncAbsent(Routing::Multicast::Fib::IpGenRouteKey const& key);
+    /// Whether `entry` is still its group's in `status`, and nobody owns the group. To be asked
+    /// anew after every notification.
+    bool routesOwn(IntfStatus const& status, GroupSource const& entry) const;
     bool routeDeleted(Lox::IpAddr source, Lox::IpAddr group) const;
+    static bool listsAsDeleted(GroupSource const& deleted, Lox::IpAddr source);
 
     /// The first steps of both adds: a group that only the forwarding table contributed so far
     /// loses what the table put in, and the reference is counted. Returns the group's entry.
@@ -352,7 +372,7 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     std::uint64_t keshBookmarkSerial_ = 0; ///< of the table meant, 0 for whichever has the name
     /// The first route that a suspended full sync has not reached.
     NEX_FIELD(Routing::Multicast::Fib::IpGenRouteKey, rkBookmark, {})
-    NEX_FIELD_SET(Kesh::Multicast::Fib::MfibKeshDirRouteKey, changedRoute)
+    ChangedRoutes changedRoute_;
     /// Of `changedRoute`, the route that is being synced; and whether it changed again meanwhile.
     std::optional<Kesh::Multicast::Fib::MfibKeshDirRouteKey> syncing_;
     bool syncAgain_ = false;

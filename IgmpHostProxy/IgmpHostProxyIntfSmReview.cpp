@@ -65,6 +65,16 @@ void IgmpHostProxyIntfSm::doReview() {
     IHP_TRACE_ENTRY();
     if (!initialized() || !mfibKeshDir()) return;
     IHP_TRACE(3, "Starting review");
+    try {
+        doReviewRoutes();
+    } catch (...) {
+        if (syncRestarted_) doClearBookmarks();
+        doReviewSoon();
+        throw;
+    }
+}
+
+void IgmpHostProxyIntfSm::doReviewRoutes() {
     if (syncAllRoutes()) {
         syncRestarted_ = false;
         doSyncAllRoutes();
@@ -141,7 +151,16 @@ void IgmpHostProxyIntfSm::doSyncAllRoutes() {
     while (!at.atEnd()) {
         void const* const table = at.table();
         IHP_TRACE(3, "Syncing % from kesh table %", at.routeKey(), table);
-        doSyncKey(at.table(), at.routeKey());
+        try {
+            doSyncKey(at.table(), at.routeKey());
+        } catch (...) {
+            // It is tried again as a changed route, and holds up nobody who comes after it.
+            handleRoute({*at.table(), at.routeKey()});
+            at.updateToBestRouteIterators();
+            doEndSlice(at);
+            if (at.atEnd() && !syncRestarted_) syncAllRoutesIs(false);
+            throw;
+        }
         // After the work: every slice syncs one route at least.
         bool const late = Nex::System::currentTime() >= deadline;
         at.updateToBestRouteIterators();
@@ -167,16 +186,30 @@ void IgmpHostProxyIntfSm::doEndSlice(MfibKeshCollRouteIteratorConst const& at) {
 
 void IgmpHostProxyIntfSm::doSyncChangedRoutes() {
     IHP_TRACE_ENTRY();
+    if (syncing_) return; // from inside the sync of one: whoever is at it goes on
     double const deadline = Nex::System::currentTime() + reviewQuantum();
-    for (MfibKeshDirRouteKey const& changed : changedRoute()) {
-        syncing_ = changed;
+    // Those that come meanwhile, at the back, are left for the next review.
+    for (std::size_t left = changedRoute_.size(); left > 0 && !changedRoute_.empty(); --left) {
+        syncing_ = changedRoute_.front();
         syncAgain_ = false;
-        doSyncKey(changed);
-        syncing_.reset();
-        changedRouteDel(changed);
-        if (syncAgain_) changedRouteIs(changed);
+        try {
+            doSyncKey(*syncing_);
+        } catch (...) {
+            doEndSyncChanged(true);
+            throw;
+        }
+        doEndSyncChanged(syncAgain_);
         if (Nex::System::currentTime() >= deadline) return;
     }
+}
+
+void IgmpHostProxyIntfSm::doEndSyncChanged(bool again) {
+    if (again) {
+        changedRoute_.toBack(*syncing_);
+    } else {
+        changedRoute_.take(*syncing_);
+    }
+    syncing_.reset();
 }
 
 /// Asks for the review at once: what traffic has brought about is to be announced while it lasts.
@@ -267,10 +300,20 @@ void IgmpHostProxyIntfSm::doSyncPresent(Table const& table, IpGenRouteKey const&
     if (aclHas(group) || routeDeleted(source, group)) return;
     // The exact key: a (*,G) route with a shorter group prefix does not stand for the group.
     bool const anySourceRoute = table.route({anyPrefix, Lox::IpPrefix(group, 32)}) != Route();
-    Nex::Ptr<GroupSource> entry = intfStatus()->groupSourceList(group);
+    Nex::Ptr<IntfStatus> const status(intfStatus());
+    Nex::Ptr<GroupSource> entry = status->groupSourceList(group);
+    // Whoever is told of the entry may give the group an owner, or want none of it.
+    auto const stillWanted = [&] {
+        if (!routesOwn(*status, *entry) || status->denyMroute()) return false;
+        GroupSource const* const deleted = intfConfig()->deletedGroupSourceList(group);
+        return !deleted || !listsAsDeleted(*deleted, source);
+    };
     if (!anySourceRoute) {
         IHP_TRACE(6, "( *,G ) not found in mroute for group : %", group);
-        if (!entry) entry = intfStatus()->groupSourceListIs(group);
+        if (!entry) {
+            entry = status->groupSourceListIs(group);
+            if (!stillWanted()) return;
+        }
         IHP_TRACE(6, "Adding source to include list");
         entry->includeSourceListIs(source);
         return;
@@ -278,10 +321,16 @@ void IgmpHostProxyIntfSm::doSyncPresent(Table const& table, IpGenRouteKey const&
     if (entry) {
         entry->includeSourceListDelAll();
     } else {
-        entry = intfStatus()->groupSourceListIs(group);
+        entry = status->groupSourceListIs(group);
     }
+    if (!stillWanted()) return;
     IHP_TRACE(6, "0.0.0.0 source.Adding to exclude source list");
     entry->excludeSourceListIs(anySource);
+}
+
+bool IgmpHostProxyIntfSm::routesOwn(IntfStatus const& status, GroupSource const& entry) const {
+    return intfStatus() == &status && entry.nexParent() == &status && intfConfig() &&
+           !intfConfig()->groupSourceListHas(entry.group()) && !aclHas(entry.group());
 }
 
 /// Whether the operator removed the source, or the whole group, from the configuration.
@@ -289,8 +338,12 @@ bool IgmpHostProxyIntfSm::routeDeleted(Lox::IpAddr source, Lox::IpAddr group) co
     GroupSource const* const deleted = intfConfig()->deletedGroupSourceList(group);
     if (!deleted) return false;
     IHP_TRACE(6, "Group: % found in deletedGroupSourceList", group);
-    return deleted->excludeSourceListHas(anySource) || deleted->includeSourceListHas(source) ||
-           deleted->excludeSourceListHas(source);
+    return listsAsDeleted(*deleted, source);
+}
+
+bool IgmpHostProxyIntfSm::listsAsDeleted(GroupSource const& deleted, Lox::IpAddr source) {
+    return deleted.excludeSourceListHas(anySource) || deleted.includeSourceListHas(source) ||
+           deleted.excludeSourceListHas(source);
 }
 
 void IgmpHostProxyIntfSm::doSyncAbsent(IpGenRouteKey const& key) {
@@ -309,26 +362,28 @@ void IgmpHostProxyIntfSm::doSyncAbsent(IpGenRouteKey const& key) {
         return;
     }
     IHP_TRACE(6, "Routekey is ( S,G )");
-    Nex::Ptr<GroupSource> const entry = intfStatus()->groupSourceList(group);
+    Nex::Ptr<IntfStatus> const status(intfStatus());
+    Nex::Ptr<GroupSource> const entry = status->groupSourceList(group);
     if (!entry) return;
     entry->includeSourceListDel(key.source.address());
-    if (!entry->empty()) return;
+    if (!entry->empty() || !routesOwn(*status, *entry)) return;
     IHP_TRACE(6, "No sources present for the group. Deleting group");
-    intfStatus()->groupSourceListDel(group);
+    status->groupSourceListDel(group);
 }
 
 // Keeping the tables' groups out
 
 void IgmpHostProxyIntfSm::handleDenyMroute() {
     IHP_TRACE_ENTRY();
-    if (!intfStatus()) return;
-    if (!intfStatus()->denyMroute()) {
+    Nex::Ptr<IntfStatus> const status(intfStatus());
+    if (!status) return;
+    if (!status->denyMroute()) {
         IHP_TRACE(7, "Restarting the review to add the mfib sources back");
         doWantSyncAllRoutes();
         return;
     }
     IHP_TRACE(7, "Deleting mfib-only sources from the status");
-    for (auto const& [group, entry] : intfStatus()->groupSourceList()) {
+    for (auto const& [group, entry] : status->groupSourceList()) {
         for (Lox::IpAddr const source : entry->includeSourceList()) {
             if (groupSourceRefCounter({source, group}) > 0) continue;
             IHP_TRACE(6, "Deleting included source IP% added only through mfib", source);
@@ -339,9 +394,10 @@ void IgmpHostProxyIntfSm::handleDenyMroute() {
             IHP_TRACE(6, "Deleting excluded source IP% added only through mfib", source);
             entry->excludeSourceListDel(source);
         }
-        if (!entry->empty()) continue;
+        if (intfStatus() != status.get()) return; // another one was looked at as it came
+        if (!entry->empty() || entry->nexParent() != status.get()) continue;
         IHP_TRACE(7, "Deleting group since there are no included/excluded sources");
-        intfStatus()->groupSourceListDel(group);
+        status->groupSourceListDel(group);
     }
 }
 

@@ -49,8 +49,25 @@ class NestedChange : public Producers {
         });
     }
 
+    /// Has `act` done as the first of the group's sources comes or goes.
+    void whenSourcesChange(Lox::IpAddr group, std::function<void()> act) {
+        sourceWatch_.make(Nex::Ptr<GroupSource const>(status->groupSourceList(group)),
+                          std::move(act));
+    }
+
   private:
+    struct SourceWatch : Nex::Reactor<GroupSource::NotifieeConst, Nex::PtrInterface> {
+        SourceWatch(Nex::Ptr<GroupSource const> group, std::function<void()> act)
+            : Reactor(std::move(group), static_cast<Nex::PtrInterface*>(nullptr)),
+              act_(std::move(act)) {}
+        void onIncludeSourceList(Lox::IpAddr) override {
+            if (auto const act = std::exchange(act_, nullptr)) act();
+        }
+        std::function<void()> act_;
+    };
+
     Nex::Owned<StatusWatch> watch_;
+    Nex::Owned<SourceWatch> sourceWatch_;
 };
 
 TEST_F(NestedChange, AGroupThatGoesAsItsEntryComesBackIsCountedNoMore) {
@@ -82,6 +99,109 @@ TEST_F(NestedChange, AGroupThatIsTakenBackAsItsRecordGoesStaysAway) {
     EXPECT_EQ(announced(), "absent");
     EXPECT_EQ(count(anySource), 0u);
     EXPECT_FALSE(host->v3groupHas(groupG));
+}
+
+TEST_F(NestedChange, AGroupThatGetsAnOwnerDuringItsReviewIsLeftToTheOwner) {
+    auto const table = newTable();
+    settle();
+    enum Moment { appears, losesItsSourcesToAnyRoute, losesItsLastRoute };
+    struct Case {
+        char const* owner;
+        std::function<void()> happen;
+        std::string expected;
+        std::function<void()> undo;
+    };
+    Case const cases[] = {
+        {"configuration", [&] { config->groupSourceListIs(groupG)->includeSourceListIs(sourceT); },
+         "include 10.0.0.2 exclude",
+         [&] {
+             removeInclude(*config, sourceT, groupG);
+             config->groupSourceListDel(groupG);
+         }},
+        {"configuration without sources", [&] { config->groupSourceListIs(groupG); },
+         "include exclude", [&] { config->groupSourceListDel(groupG); }},
+        {"list",
+         [&] {
+             ruleIs("iptv", 1, permit(sourceT, groupG));
+             config->aclListIs("iptv");
+         },
+         "include 10.0.0.2 exclude", [&] { config->aclListDel("iptv"); }},
+        {"deny", [&] { status->denyMrouteIs(true); }, "absent",
+         [&] { status->denyMrouteIs(false); }},
+        {"deleted source",
+         [&] { config->deletedGroupSourceListIs(groupG)->includeSourceListIs(sourceS); }, "absent",
+         [&] { config->deletedGroupSourceListDel(groupG); }},
+    };
+    for (Case const& each : cases)
+        for (Moment const moment : {appears, losesItsSourcesToAnyRoute, losesItsLastRoute}) {
+            SCOPED_TRACE(std::string(each.owner) + " at moment " + std::to_string(moment));
+            if (moment == appears) {
+                whenAnnounced(groupG, each.happen);
+                routeIs(*table, sourceS, groupG);
+            } else {
+                routeIs(*table, sourceS, groupG);
+                settle();
+                whenSourcesChange(groupG, each.happen);
+                if (moment == losesItsLastRoute) {
+                    routeDel(*table, sourceS, groupG);
+                } else {
+                    routeIs(*table, anySource, groupG);
+                }
+            }
+            settle();
+            EXPECT_EQ(announced(), each.expected);
+            for (auto const source : {sourceS, anySource}) routeDel(*table, source, groupG);
+            settle();
+            each.undo();
+            status->groupSourceListDel(groupG);
+            settle();
+        }
+}
+
+TEST_F(NestedChange, AStatusThatIsTakenAwayDuringItsReviewIsLeftAlone) {
+    auto const table = newTable();
+    Lox::IpAddr const other = ip("239.1.1.2");
+    std::function<void()> const takeAway = [&] { machine().intfStatusIs(nullptr); };
+    for (auto const& review :
+         std::initializer_list<std::function<void()>>{[&] { status->denyMrouteIs(true); },
+                                                      [&] {
+                                                          routeDel(*table, sourceS, groupG);
+                                                          settle();
+                                                      }}) {
+        for (auto const group : {groupG, other}) routeIs(*table, sourceS, group);
+        settle();
+        whenSourcesChange(groupG, takeAway);
+        review();
+        EXPECT_EQ(announced(), "include exclude");
+        EXPECT_EQ(announced(other), "include 10.0.0.1 exclude");
+        status->denyMrouteIs(false);
+        machine().intfStatusIs(status);
+    }
+}
+
+TEST_F(NestedChange, AReviewThatFailsGoesOnAndTriesTheRouteAgain) {
+    auto const table = newTable();
+    settle();
+    auto const groups = {groupG, ip("239.1.1.2"), ip("239.1.1.3")};
+    for (bool const wholeTable : {true, false})
+        for (auto const failing : groups) {
+            SCOPED_TRACE(failing.stringValue() + (wholeTable ? " of all" : " of the changed"));
+            for (auto const group : groups) routeIs(*table, sourceS, group);
+            if (wholeTable) machine().handleDenyMroute();
+            whenAnnounced(failing, [] { throw std::runtime_error("full"); });
+            EXPECT_THROW(settle(), std::runtime_error);
+            // A watcher that will not have one route keeps no other from its turn.
+            whenSourcesChange(failing, [] { throw std::runtime_error("still full"); });
+            EXPECT_THROW(settle(), std::runtime_error);
+            for (auto const group : groups)
+                EXPECT_EQ(status->groupSourceListHas(group), true) << group;
+            settle();
+            for (auto const group : groups) EXPECT_EQ(announced(group), "include 10.0.0.1 exclude");
+            EXPECT_FALSE(machine().syncAllRoutes());
+            for (auto const group : groups) routeDel(*table, sourceS, group);
+            settle();
+            ASSERT_EQ(status->groupSourceListCount(), 0u);
+        }
 }
 
 TEST_F(NestedChange, TablesThatAreForgottenAndFoundAgainAreFollowed) {
