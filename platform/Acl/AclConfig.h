@@ -67,5 +67,7 @@ class AclTypeConfig : public Nex::RecordBase {
 
 template <>
 struct std::hash<Acl::UniqueId> {
-    std::size_t operator()(Acl::UniqueId id) const noexcept { return id.number(); }
+    std::size_t operator()(Acl::UniqueId id) const noexcept {
+        return std::hash<std::uint64_t>()(id.number());
+    }
 };

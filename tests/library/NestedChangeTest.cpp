@@ -187,7 +187,10 @@ TEST_F(NestedChange, AReviewThatFailsGoesOnAndTriesTheRouteAgain) {
         for (auto const failing : groups) {
             SCOPED_TRACE(failing.stringValue() + (wholeTable ? " of all" : " of the changed"));
             for (auto const group : groups) routeIs(*table, sourceS, group);
-            if (wholeTable) machine().handleDenyMroute();
+            if (wholeTable) {
+                machine().changedRouteDelAll();
+                machine().handleDenyMroute();
+            }
             whenAnnounced(failing, [] { throw std::runtime_error("full"); });
             EXPECT_THROW(settle(), std::runtime_error);
             // A watcher that will not have one route keeps no other from its turn.
