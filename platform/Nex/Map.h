@@ -1,15 +1,19 @@
 // The collections of the framework.
 //
+// A walk over any of them is repeatable and tolerates every change, from the moment that it is
+// taken: an entry that stays throughout is visited once and in order, one that is gone is not
+// visited, and no key is visited twice. One that comes meanwhile, be it back, may be visited: here
+// it never is, in a `SortedMap` where its place is still ahead. No collection may be destroyed
+// while it is walked; a record is held by the walks over its collections.
+//
 // `Map` keeps its entries in one array in the order of insertion and finds them through an open
-// addressing index of 32-bit positions beside it. Walking is fast and repeatable, and tolerates
-// every change: an entry that stays is visited once, a removed one is not visited, one inserted
-// during the walk is left for the next. A removal leaves a hole; holes are closed when nobody
-// walks.
+// addressing index of 32-bit positions beside it. A removal leaves a hole; holes are closed when
+// nobody walks.
 //
-// `SmallMap` holds its first entries inside itself and becomes a `Map` beyond that; most groups
-// have no more than a few sources.
+// `SmallMap` holds its first entries inside itself, in the same way, and becomes a `Map` beyond
+// that; most groups have no more than a few sources.
 //
-// A `Set` of either kind is a map to `Nothing`. No collection may be destroyed while it is walked.
+// A `Set` of either kind is a map to `Nothing`.
 #pragma once
 
 #include "Nex/Hash.h"
@@ -165,17 +169,9 @@ class Map {
         explicit Cursor(Map const& map) : map_(&map), end_(map.used_) { ++map_->walkers_; }
         Cursor(Cursor const&) = delete;
         Cursor& operator=(Cursor const&) = delete;
-        ~Cursor() {
-            if (--map_->walkers_ == 0) const_cast<Map*>(map_)->closeHoles();
-        }
+        ~Cursor() { map_->endWalk(); }
 
-        std::optional<Yielded<Key, As>> next() {
-            while (at_ < end_) {
-                Entry const& entry = map_->entries_[at_++];
-                if (entry.live) return yield<Key, As>(entry);
-            }
-            return std::nullopt;
-        }
+        std::optional<Yielded<Key, As>> next() { return map_->template next<As>(at_, end_); }
         std::size_t size() const { return map_->size(); }
 
       private:
@@ -189,6 +185,8 @@ class Map {
     }
 
   private:
+    template <class, class, std::size_t>
+    friend class SmallMap;
     using Position = std::uint32_t;
     static constexpr Position none = ~Position(0);
     /// Up to here a look through the entries is as fast as an index.
@@ -210,6 +208,19 @@ class Map {
         entry.live = false;
     }
     static constexpr bool relocatable = isRelocatable<Key> && isRelocatable<Value>;
+
+    /// The next entry of a walk that stands at `at`.
+    template <class As>
+    std::optional<Yielded<Key, As>> next(Position& at, Position end) const {
+        while (at < end) {
+            Entry const& entry = entries_[at++];
+            if (entry.live) return yield<Key, As>(entry);
+        }
+        return std::nullopt;
+    }
+    void endWalk() const {
+        if (--walkers_ == 0) const_cast<Map*>(this)->closeHoles();
+    }
 
     std::uint32_t homeOf(Key const& key) const {
         std::uint64_t const number = hashNumber(key);
@@ -252,11 +263,25 @@ class Map {
         return probeFor(key).at;
     }
     Value& add(Key const& key, Probe const& probe) {
-        Position const at = used_++;
+        Position const at = used_;
         ::new (&entries_[at]) Entry{key, true, Value()};
+        ++used_;
         ++count_;
-        if (index_ && !addToIndex(at, probe.slot, probe.away)) scatter();
+        if (index_ && !addToIndex(at, probe.slot, probe.away)) {
+            try {
+                scatter();
+            } catch (...) { // the map is whole without an index, only slower
+                destroy(entries_[--used_]);
+                --count_;
+                throw;
+            }
+        }
         return entries_[at].value;
+    }
+    /// As if an entry had come and gone.
+    void addHole() {
+        if (used_ == capacity_) makeRoom();
+        entries_[used_++].live = false;
     }
     std::uint32_t slotOf(Position at) const {
         std::uint32_t slot = homeOf(entries_[at].key);
@@ -366,12 +391,15 @@ class Map {
 template <class Key, class Value, std::size_t N>
 class SmallMap {
     static_assert(std::is_trivially_copyable_v<Key> && std::is_trivially_copyable_v<Value>);
+    static_assert(N <= 8, "one bit each");
     using Large = Map<Key, Value>;
     using Entry = Item<Key, Value>;
 
   public:
     SmallMap() = default;
-    SmallMap(SmallMap&& other) noexcept : count_(std::exchange(other.count_, 0)) {
+    SmallMap(SmallMap&& other) noexcept
+        : used_(std::exchange(other.used_, std::uint8_t(0))),
+          live_(std::exchange(other.live_, std::uint8_t(0))) {
         std::memcpy(room_, other.room_, roomBytes);
     }
     SmallMap& operator=(SmallMap&&) = delete;
@@ -379,57 +407,63 @@ class SmallMap {
         if (isLarge()) delete large();
     }
 
-    std::size_t size() const { return isLarge() ? large()->size() : count_; }
-    bool empty() const { return size() == 0; }
+    std::size_t size() const {
+        return isLarge() ? large()->size() : std::size_t(std::popcount(live_));
+    }
+    bool empty() const { return isLarge() ? large()->empty() : live_ == 0; }
     bool has(Key const& key) const { return find(key) != nullptr; }
 
     /// As of `Map`.
     Value* find(Key const& key) {
         if (isLarge()) return large()->find(key);
-        Entry* const found = findSmall(key);
-        return found ? &found->value : nullptr;
+        unsigned const at = positionOf(key);
+        return at == used_ ? nullptr : &small()[at].value;
     }
     Value const* find(Key const& key) const { return const_cast<SmallMap*>(this)->find(key); }
 
     /// As of `Map`.
     std::pair<Value*, bool> findOrInsert(Key const& key) {
         if (Value* found = find(key)) return {found, false};
-        if (count_ == N) becomeLarge();
+        if (used_ == N) becomeLarge();
         if (isLarge()) return large()->findOrInsert(key);
-        small()[count_] = Entry{key, Value()};
-        return {&small()[count_++].value, true};
+        unsigned const at = used_++;
+        small()[at] = Entry{key, Value()};
+        live_ = std::uint8_t(live_ | 1u << at);
+        return {&small()[at].value, true};
     }
 
     /// As of `Map`.
     Value take(Key const& key) {
         if (isLarge()) return large()->take(key);
-        Entry* const found = findSmall(key);
-        if (!found) return Value();
-        Value const value = found->value;
-        std::copy(found + 1, small() + count_, found);
-        --count_;
+        unsigned const at = positionOf(key);
+        if (at == used_) return Value();
+        Value const value = small()[at].value;
+        live_ = std::uint8_t(live_ & ~(1u << at));
+        if (walkers_ == 0) closeHoles();
         return value;
     }
 
-    /// Few keys are copied as the walk begins, and asked for again as their turn comes; one that
-    /// went and came back counts as one that stayed.
+    /// As of `Map`. Positions stay as they are also when the map becomes large meanwhile.
     class Cursor {
       public:
-        explicit Cursor(SmallMap const& map) : map_(&map) {
+        explicit Cursor(SmallMap const& map)
+            : map_(&map), end_(map.isLarge() ? map.large()->used_ : map.used_) {
             if (map.isLarge()) {
-                large_.emplace(*map.large());
+                ++map.large()->walkers_;
             } else {
-                count_ = map.count_;
-                std::memcpy(small_, map.room_, sizeof small_); // all of it: a known length is fast
+                ++map.walkers_;
             }
         }
+        Cursor(Cursor const&) = delete;
+        Cursor& operator=(Cursor const&) = delete;
+        ~Cursor() { map_->endWalk(); }
+
         std::optional<Yielded<Key, Value>> next() {
-            if (large_) [[unlikely]]
-                return large_->next();
-            while (at_ < count_) {
-                Key const key = small_[at_++].key;
-                if (Value const* const value = map_->find(key))
-                    return yield<Key, Value>(Entry{key, *value});
+            if (map_->isLarge()) [[unlikely]]
+                return map_->large()->template next<Value>(at_, end_);
+            while (at_ < end_) {
+                std::uint32_t const at = at_++;
+                if (map_->live(at)) return yield<Key, Value>(map_->small()[at]);
             }
             return std::nullopt;
         }
@@ -438,21 +472,18 @@ class SmallMap {
       private:
         SmallMap const* map_;
         std::uint32_t at_ = 0;
-        std::uint32_t count_ = 0;
-        union {
-            Entry small_[N]; ///< the first `count_` of them
-        };
-        std::optional<typename Large::template Cursor<Value>> large_;
+        std::uint32_t end_;
     };
     Walk<Cursor> walk() const { return Walk<Cursor>(*this); }
 
   private:
-    static constexpr std::uint32_t largeMark = ~std::uint32_t(0);
+    static constexpr std::uint8_t largeMark = 0xFF;
     /// The room holds the entries, or the address of the large map. Octets keep the object free of
     /// a pointer's alignment.
     static constexpr std::size_t roomBytes = std::max(N * sizeof(Entry), sizeof(Large*));
 
-    bool isLarge() const { return count_ == largeMark; }
+    bool isLarge() const { return used_ == largeMark; }
+    bool live(unsigned at) const { return live_ >> at & 1; }
     Entry* small() { return reinterpret_cast<Entry*>(room_); }
     Entry const* small() const { return reinterpret_cast<Entry const*>(room_); }
     Large* large() const {
@@ -460,21 +491,44 @@ class SmallMap {
         std::memcpy(&map, room_, sizeof map);
         return map;
     }
-    Entry* findSmall(Key const& key) {
-        for (Entry* at = small(); at != small() + count_; ++at)
-            if (at->key == key) return at;
-        return nullptr;
+    /// `used_` where the key is not.
+    unsigned positionOf(Key const& key) const {
+        unsigned at = 0;
+        while (at < used_ && !(small()[at].key == key && live(at))) ++at;
+        return at;
+    }
+    void endWalk() const {
+        if (isLarge()) {
+            large()->endWalk();
+        } else if (--walkers_ == 0) {
+            const_cast<SmallMap*>(this)->closeHoles();
+        }
+    }
+    void closeHoles() {
+        unsigned to = 0;
+        for (unsigned at = 0; at < used_; ++at)
+            if (live(at)) small()[to++] = small()[at];
+        used_ = std::uint8_t(to);
+        live_ = std::uint8_t((1u << to) - 1);
     }
     void becomeLarge() {
         auto map = std::make_unique<Large>();
-        for (Entry const* at = small(); at != small() + count_; ++at)
-            *map->findOrInsert(at->key).first = at->value;
+        map->walkers_ = walkers_;
+        for (unsigned at = 0; at < used_; ++at) {
+            if (live(at)) {
+                *map->findOrInsert(small()[at].key).first = small()[at].value;
+            } else {
+                map->addHole();
+            }
+        }
         Large* const address = map.release();
         std::memcpy(room_, &address, sizeof address);
-        count_ = largeMark;
+        used_ = largeMark;
     }
 
-    std::uint32_t count_ = 0; ///< entries in the room, or `largeMark`
+    std::uint8_t used_ = 0; ///< entries and holes in the room, or `largeMark`
+    std::uint8_t live_ = 0; ///< a bit for each of them: whether it is an entry
+    mutable std::uint16_t walkers_ = 0;
     alignas(Entry) std::byte room_[roomBytes];
 };
 
@@ -483,17 +537,19 @@ using Set = Map<Key, Nothing>;
 template <class Key, std::size_t N = 5>
 using SmallSet = SmallMap<Key, Nothing, N>;
 
+/// The key of what a walk yields.
+auto const& keyOf(auto const& yielded) {
+    if constexpr (requires { yielded.key; }) {
+        return yielded.key;
+    } else {
+        return yielded;
+    }
+}
+
 /// The keys of a set or the keys of a map in ascending order, as they are now.
 template <class Cursor>
 auto sortedKeys(Walk<Cursor>&& walk) {
-    constexpr auto keyOf = [](auto const& yielded) {
-        if constexpr (requires { yielded.key; }) {
-            return yielded.key;
-        } else {
-            return yielded;
-        }
-    };
-    std::vector<decltype(keyOf(*walk.begin()))> keys;
+    std::vector<std::remove_cvref_t<decltype(keyOf(*walk.begin()))>> keys;
     for (auto const& yielded : walk) keys.push_back(keyOf(yielded));
     std::sort(keys.begin(), keys.end());
     return keys;

@@ -20,7 +20,12 @@ class SortedMap {
     std::pair<Value*, bool> findOrInsert(Key const& key) {
         auto const found = entries_.findOrInsert(key);
         if (found.second) {
-            order_.insert(key);
+            try {
+                order_.insert(key);
+            } catch (...) {
+                entries_.take(key);
+                throw;
+            }
             ++revision_;
         }
         return found;
@@ -69,19 +74,21 @@ class SortedMap {
     template <class As>
     class Cursor {
       public:
-        explicit Cursor(SortedMap const& map) : map_(&map), at_(map) {}
+        explicit Cursor(SortedMap const& map) : map_(&map) {}
         std::optional<Yielded<Key, As>> next() {
-            if (started_) at_.advance();
-            started_ = true;
-            if (at_.atEnd()) return std::nullopt;
-            return yield<Key, As>(Item<Key, As>{at_.key(), *map_->find(at_.key())});
+            if (at_) {
+                at_->advance();
+            } else {
+                at_.emplace(*map_);
+            }
+            if (at_->atEnd()) return std::nullopt;
+            return yield<Key, As>(Item<Key, As>{at_->key(), *map_->find(at_->key())});
         }
         std::size_t size() const { return map_->size(); }
 
       private:
         SortedMap const* map_;
-        Position at_;
-        bool started_ = false;
+        std::optional<Position> at_; ///< none before the first step: all may change until then
     };
     template <class As = Value>
     Walk<Cursor<As>> walk() const {

@@ -34,11 +34,11 @@ std::uint8_t octet(std::uint32_t n) { return std::uint8_t(n); }
 Ptr<Counted> object(std::uint32_t n) { return newObject<Counted>(int(n)); }
 Nothing nothing(std::uint32_t) { return {}; }
 
-/// How many entries a collection holds inside itself.
+/// Whether a collection is walked in the order of its keys, newcomers included.
 template <class Collection>
-constexpr std::size_t inlineEntries = 0;
-template <class Key, class Value, std::size_t N>
-constexpr std::size_t inlineEntries<SmallMap<Key, Value, N>> = N;
+constexpr bool sorted = false;
+template <class Key, class Value>
+constexpr bool sorted<SortedMap<Key, Value>> = true;
 
 template <class Collection_, auto keyOf_, auto valueOf_>
 struct Kind {
@@ -62,8 +62,10 @@ class Compared {
         RC_ASSERT(fresh == !known);
         if (!known) {
             RC_ASSERT(*slot == Value());
-            model_.push_back({key, value, ++insertions_});
-            most_ = std::max(most_, model_.size());
+            auto const place = std::find_if(model_.begin(), model_.end(), [&](Entry const& e) {
+                return sorted<typename K::Collection> && key < e.key;
+            });
+            model_.insert(place, {key, value, ++insertions_});
         } else {
             RC_ASSERT(*slot == known->value);
             known->value = value;
@@ -84,31 +86,37 @@ class Compared {
         RC_ASSERT(collection_.size() == model_.size());
         RC_ASSERT(collection_.empty() == model_.empty());
     }
-    /// Walks, and calls `disturb` at each entry: what stayed throughout comes once and in order
-    /// with its present value; what went, or came meanwhile, does not. A small collection takes a
-    /// key that went and came back for one that stayed.
+    /// Takes a walk, and calls `disturb` before it begins and at each entry. What stays throughout
+    /// comes once and in order, with its present value; nothing else comes, unless it came
+    /// meanwhile and the order is that of the keys.
     template <class Disturb>
     void walk(Disturb disturb) {
-        bool const small = most_ <= inlineEntries<typename K::Collection>;
         auto const before = model_;
+        unsigned const insertionsBefore = insertions_;
+        auto walk = collection_.walk();
+        disturb();
         auto next = before.begin();
         auto const skipGone = [&] {
             auto const stayed = [&](Entry const& e) {
                 Entry const* const now = entry(e.key);
-                return now && (small || now->insertion == e.insertion);
+                return now && now->insertion == e.insertion;
             };
             while (next != before.end() && !stayed(*next)) ++next;
         };
-        for (auto const& yielded : collection_.walk()) {
+        std::optional<Key> last;
+        for (auto const& yielded : walk) {
+            Key const key = keyOf(yielded);
+            Entry const* const now = entry(key);
+            RC_ASSERT(now);
+            if constexpr (!std::is_same_v<Value, Nothing>) RC_ASSERT(yielded.value == now->value);
             skipGone();
-            RC_ASSERT(next != before.end());
-            if constexpr (std::is_same_v<Value, Nothing>) {
-                RC_ASSERT(yielded == next->key);
+            if (next != before.end() && key == next->key) {
+                ++next;
             } else {
-                RC_ASSERT(yielded.key == next->key);
-                RC_ASSERT(yielded.value == entry(next->key)->value);
+                RC_ASSERT(sorted<typename K::Collection> && now->insertion > insertionsBefore);
             }
-            ++next;
+            if (sorted<typename K::Collection>) RC_ASSERT(!last || *last < key);
+            last = key;
             disturb();
         }
         skipGone();
@@ -130,7 +138,6 @@ class Compared {
     typename K::Collection collection_;
     std::vector<Entry> model_;
     unsigned insertions_ = 0;
-    std::size_t most_ = 1;
 };
 
 template <class K>
@@ -140,7 +147,8 @@ using Kinds =
                    Kind<Map<IpAddr, Ptr<Counted>>, stride<16>, object>,
                    Kind<Map<String, Ptr<Counted>>, text, object>, Kind<Set<String>, text, nothing>,
                    Kind<SmallMap<IpAddr, std::uint8_t, 4>, stride<24>, octet>,
-                   Kind<SmallSet<IpAddr>, neighbour, nothing>>;
+                   Kind<SmallSet<IpAddr>, neighbour, nothing>,
+                   Kind<SortedMap<IpAddr, std::uint8_t>, scattered, octet>>;
 TYPED_TEST_SUITE(MapTest, Kinds);
 
 template <class K>
@@ -151,6 +159,7 @@ void disturb(Compared<K>& compared, std::uint32_t keys, int depth) {
         compared.insert(key, K::value(*rc::gen::inRange(0u, 256u)));
     } else if (what < 8) {
         compared.take(key);
+        if (what == 4) compared.insert(key, K::value(0));
     } else {
         compared.walk([&] {
             for (int i = *rc::gen::inRange(0, 4); i > 0; --i) disturb(compared, keys, depth + 1);
