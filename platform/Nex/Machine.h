@@ -7,7 +7,7 @@
 #include "Nex/Entity.h"
 #include "Nex/Error.h"
 
-#include <array>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -23,9 +23,60 @@ class Reactor : public Interface {
     Machine* machine() const { return static_cast<Machine*>(NotifieeBase::machine()); }
 };
 
+/// The target of a reactor.
+template <class R>
+using WatchedBy = std::remove_pointer_t<decltype(std::declval<R const&>().notifier())>;
+
+/// The objects of one owner whose constructors are on the stack, and what was asked for each of
+/// them meanwhile. A constructor may run anything; whatever that does, the place of the object ends
+/// up as the last request said.
+template <class Key, class Request>
+class Makings {
+  public:
+    /// Stands on the stack of whoever makes the object of a key.
+    class Making {
+      public:
+        Making(Makings& all, Key const& key)
+            : all_(all), outer_(std::exchange(all.innermost_, this)), key_(key) {}
+        Making(Making const&) = delete;
+        Making& operator=(Making const&) = delete;
+        ~Making() { all_.innermost_ = outer_; }
+
+        bool wanted = true; ///< not deleted meanwhile
+        std::optional<Request> last;
+
+      private:
+        friend class Makings;
+        Makings& all_;
+        Making* const outer_;
+        Key const key_;
+    };
+
+    /// The object of `key` is being made and wanted: what is asked of it is remembered there.
+    Making* find(Key const& key) const {
+        Making* at = innermost_;
+        while (at && !(at->wanted && at->key_ == key)) at = at->outer_;
+        return at;
+    }
+    /// What is being made for a key that `stays` rejects is wanted no more.
+    template <class Stays>
+    void delUnless(Stays stays) {
+        for (Making* at = innermost_; at; at = at->outer_)
+            at->wanted = at->wanted && stays(at->key_);
+    }
+    void del(Key const& key) {
+        if (Making* const making = find(key)) making->wanted = false;
+    }
+
+  private:
+    Making* innermost_ = nullptr;
+};
+
 /// A reactor in the hand of its machine: dropping it silences it, then lets go.
 template <class R>
 class Owned {
+    using Request = Ptr<WatchedBy<R>>;
+
   public:
     Owned() = default;
     Owned(Owned const&) = delete;
@@ -36,10 +87,27 @@ class Owned {
     template <class... Args>
     void make(Args&&... args) {
         del();
-        reactor_ = newObject<R>(std::forward<Args>(args)...);
-        reactor_->hasNotificationActiveIs(true);
+        typename Makings<Nothing, Request>::Making making(makings_, {});
+        auto const fresh = newObject<R>(std::forward<Args>(args)...);
+        fresh->hasNotificationActiveIs(true);
+        if (!making.wanted) return fresh->nexRetire();
+        reactor_ = fresh;
+        if (making.last) fresh->notifierIs(*making.last);
+    }
+    /// Points the reactor at `watched`, or makes it for a `machine` that has none yet. A null
+    /// object makes no reactor.
+    template <class Machine>
+    void watch(Request watched, Machine* machine) {
+        if (reactor_) {
+            Ptr<R>(reactor_)->notifierIs(std::move(watched));
+        } else if (auto* const making = makings_.find({})) {
+            making->last = std::move(watched);
+        } else if (watched) {
+            make(std::move(watched), machine);
+        }
     }
     void del() {
+        makings_.del({});
         if (Ptr<R> const reactor = std::exchange(reactor_, nullptr)) reactor->nexRetire();
     }
     R* get() const { return reactor_.get(); }
@@ -48,6 +116,7 @@ class Owned {
 
   private:
     Ptr<R> reactor_;
+    Makings<Nothing, Request> makings_;
 };
 
 /// What a reactor watches, or null without a reactor.
@@ -56,15 +125,10 @@ auto watchedBy(Owned<R> const& owned) {
     return owned ? owned->notifier() : nullptr;
 }
 
-/// Points the reactor at `watched`, or makes it for a `machine` that has none yet. A null object
-/// makes no reactor.
+/// As `Owned::watch`.
 template <class R, class Watched, class Machine>
 void watch(Owned<R>& owned, Ptr<Watched> watched, Machine* machine) {
-    if (owned) {
-        owned->notifierIs(std::move(watched));
-    } else if (watched) {
-        owned.make(std::move(watched), machine);
-    }
+    owned.watch(std::move(watched), machine);
 }
 
 /// As `watch`, for a machine that is up: a reactor that is made only now looks at all there is, as
@@ -75,12 +139,6 @@ void watchAnew(Owned<R>& owned, Ptr<Watched> watched, Machine* machine) {
     watch(owned, std::move(watched), machine);
     Ptr<R> const reactor = owned.get();
     if (!wasThere && reactor) reactor->nexDeliver([&] { reactor->onNotifier(); });
-}
-
-/// Takes back the place of an object that could not be made, unless another one has taken it.
-template <class Key, class Object>
-void forgetUnmade(Map<Key, Ptr<Object>>& objects, Key const& key) {
-    if (Ptr<Object> const* const slot = objects.find(key); slot && !*slot) objects.take(key);
 }
 
 /// The per-key reactors of a machine. A reactor may start up in its constructor; whatever its
@@ -101,51 +159,47 @@ class ReactorMap {
     std::size_t size() const { return reactors_.size(); }
     auto walk() const { return reactors_.walk(); }
 
-    /// Makes the reactor of `key` on `watched`, or points the one that is there at it.
+    /// Makes the reactor of `key` on `watched`, or points the one that is there at it. Null while
+    /// that is being made further up the stack: it is pointed at `watched` once it stands.
     template <class Watched, class Machine>
     Ptr<R> is(Key const& key, Ptr<Watched> watched, Machine* machine) {
-        auto const [place, isNew] = reactors_.findOrInsert(key);
-        if (!isNew) {
-            Ptr<R> const known = *place; // null while it is being made further up the stack
-            if (known) known->notifierIs(std::move(watched));
+        if (Ptr<R> const known = get(key)) {
+            known->notifierIs(std::move(watched));
             return known;
         }
-        Ptr<R> const fresh = build(key, std::move(watched), machine);
-        Ptr<R>* const slot = reactors_.find(key);
-        if (slot && !*slot) {
-            *slot = fresh;
+        if (auto* const making = makings_.find(key)) {
+            making->last = std::move(watched);
+            return nullptr;
+        }
+        typename decltype(makings_)::Making making(makings_, key);
+        auto const fresh = newObject<R>(std::move(watched), machine);
+        fresh->hasNotificationActiveIs(true);
+        if (making.wanted) {
+            *reactors_.findOrInsert(key).first = fresh;
+            if (making.last) fresh->notifierIs(*making.last);
         } else {
-            fresh->nexRetire(); // deleted meanwhile
+            fresh->nexRetire();
         }
         return fresh;
     }
     void del(Key const& key) {
+        makings_.del(key);
         if (Ptr<R> const reactor = reactors_.take(key)) reactor->nexRetire();
     }
     void delAll() {
-        for (auto const& item : reactors_.walk()) del(item.key);
+        delUnless([](Key const&) { return false; });
     }
     /// Deletes the reactors whose key `stays` rejects.
     template <class Stays>
     void delUnless(Stays stays) {
+        makings_.delUnless(stays);
         for (auto const& item : reactors_.walk())
             if (!stays(item.key)) del(item.key);
     }
 
   private:
-    template <class Watched, class Machine>
-    Ptr<R> build(Key const& key, Ptr<Watched> watched, Machine* machine) {
-        try {
-            auto fresh = newObject<R>(std::move(watched), machine);
-            fresh->hasNotificationActiveIs(true);
-            return fresh;
-        } catch (...) {
-            forgetUnmade(reactors_, key);
-            throw;
-        }
-    }
-
     Map<Key, Ptr<R>> reactors_;
+    Makings<Key, Ptr<WatchedBy<R>>> makings_;
 };
 
 /// The error of a null object given to a collection of reactors. The quote at its end belongs to
@@ -183,7 +237,8 @@ class MachineMap {
     auto walk() const { return machines_.walk(); }
 
     /// `factory` makes a machine from key, arguments and owner. A machine tells its present
-    /// arguments by `nexArguments()`, a tuple of `Argument`.
+    /// arguments by `nexArguments()`, a tuple of `Argument`. Null, whatever the arguments, while
+    /// the machine is being made further up the stack.
     template <class Factory, class... Args>
     Ptr<Machine> is(Factory factory, Key const& key, Args const&... args) {
         if (Ptr<Machine> const known = get(key)) {
@@ -191,34 +246,27 @@ class MachineMap {
                     std::make_index_sequence<sizeof...(Args)>());
             return known;
         }
-        if (!machines_.findOrInsert(key).second) return nullptr; // being made further up the stack
-        Ptr<Machine> const fresh = build(factory, key, args...);
-        Ptr<Machine>* const slot = machines_.find(key);
-        if (slot && !*slot) {
-            *slot = fresh;
+        if (makings_.find(key)) return nullptr;
+        typename decltype(makings_)::Making making(makings_, key);
+        Ptr<Machine> const fresh = factory(key, args...);
+        if (making.wanted) {
+            *machines_.findOrInsert(key).first = fresh;
         } else {
-            fresh->nexDoZombieReactors(true); // deleted meanwhile
+            fresh->nexDoZombieReactors(true);
         }
         return fresh;
     }
     /// Silences the machine's reactors, then lets go of it.
     void del(Key const& key) {
+        makings_.del(key);
         if (Ptr<Machine> const machine = machines_.take(key)) machine->nexDoZombieReactors(true);
     }
     void delAll() {
+        makings_.delUnless([](Key const&) { return false; });
         for (auto const& item : machines_.walk()) del(item.key);
     }
 
   private:
-    template <class Factory, class... Args>
-    Ptr<Machine> build(Factory factory, Key const& key, Args const&... args) {
-        try {
-            return factory(key, args...);
-        } catch (...) {
-            forgetUnmade(machines_, key);
-            throw;
-        }
-    }
     template <class Present, class Asked, std::size_t... at>
     static void compare(Present const& present, Asked const& asked, std::index_sequence<at...>) {
         (compareOne(std::get<at>(present), std::get<at>(asked)), ...);
@@ -233,6 +281,7 @@ class MachineMap {
     }
 
     Map<Key, Ptr<Machine>> machines_;
+    Makings<Key, Nothing> makings_;
 };
 
 } // namespace Nex

@@ -62,6 +62,9 @@ class Owner : public PtrInterface {
         if (auto const once = std::exchange(startUp, nullptr)) once();
     }
     Owned<NexLeaves> single;
+    void leavesDelUnless() {
+        leaves_.delUnless([](String const&) { return false; });
+    }
 
     NEX_REACTORS(String, NexLeaves, leaves, Tree, name)
 };
@@ -117,21 +120,62 @@ TEST_F(MachineTest, NullReactorTargetIsRefusedByItsName) {
 }
 
 TEST_F(MachineTest, ReactorThatIsDeletedWhileItIsMadeStaysAwayAndSilent) {
-    owner->startUp = [&] {
-        EXPECT_EQ(owner->leaves("tree"), nullptr) << "not there before it is made";
-        owner->leavesDel("tree");
-    };
-    auto const reactor = owner->leavesIs(tree);
-    EXPECT_EQ(owner->leaves("tree"), nullptr);
-    EXPECT_TRUE(owner->leaves().empty());
-    EXPECT_EQ(change(tree), "");
+    std::vector<std::function<void()>> const ways{[&] { owner->leavesDel("tree"); },
+                                                  [&] { owner->leavesDelAll(); },
+                                                  [&] { owner->leavesDelUnless(); },
+                                                  [&] {
+                                                      owner->leavesIs(twin);
+                                                      owner->leavesDel("tree");
+                                                  }};
+    for (auto const& way : ways) {
+        owner->startUp = [&] {
+            EXPECT_EQ(owner->leaves("tree"), nullptr) << "not there before it is made";
+            way();
+        };
+        auto const reactor = owner->leavesIs(tree);
+        EXPECT_EQ(owner->leaves("tree"), nullptr);
+        EXPECT_TRUE(owner->leaves().empty());
+        EXPECT_EQ(change(tree) + change(twin), "");
+    }
 }
 
-TEST_F(MachineTest, ReactorThatIsAskedForAgainWhileItIsMadeIsMadeOnce) {
-    owner->startUp = [&] { EXPECT_EQ(owner->leavesIs(tree), nullptr); };
+TEST_F(MachineTest, ReactorThatIsAskedForAgainWhileItIsMadeIsMadeOnceOnTheLastTarget) {
+    owner->startUp = [&] {
+        EXPECT_EQ(owner->leavesIs(Tree::TreeIs("tree")), nullptr);
+        EXPECT_EQ(owner->leavesIs(twin), nullptr);
+        EXPECT_TRUE(owner->leaves().empty()) << "a walk would find none";
+    };
     auto const reactor = owner->leavesIs(tree);
     EXPECT_EQ(owner->leaves("tree"), reactor.get());
-    EXPECT_EQ(change(tree), "tree ");
+    EXPECT_EQ(owner->told, "onto ");
+    EXPECT_EQ(change(tree), "");
+    EXPECT_EQ(change(twin), "tree ");
+}
+
+/// What the last request for a single reactor says is done, also while it is made.
+TEST_F(MachineTest, OwnedReactorThatIsDisturbedWhileItIsMade) {
+    auto const make = [&](std::function<void()> disturb) {
+        owner->single.del();
+        owner->startUp = std::move(disturb);
+        watch(owner->single, tree, owner.get());
+        return watchedBy(owner->single);
+    };
+    EXPECT_EQ(make([&] { watch(owner->single, twin, owner.get()); }), twin.get());
+    EXPECT_EQ(change(tree), "");
+    EXPECT_EQ(change(twin), "tree ");
+    EXPECT_EQ(make([&] { watch(owner->single, Ptr<Tree>(), owner.get()); }), nullptr);
+    EXPECT_TRUE(owner->single);
+    EXPECT_EQ(make([&] { owner->single.del(); }), nullptr);
+    EXPECT_FALSE(owner->single);
+    EXPECT_EQ(change(tree), "");
+    EXPECT_EQ(make([&] {
+                  owner->single.del();
+                  watch(owner->single, twin, owner.get());
+              }),
+              twin.get());
+    EXPECT_EQ(change(tree), "");
+    EXPECT_THROW(make([] { throw std::runtime_error("start-up"); }), std::runtime_error);
+    EXPECT_EQ(make([] {}), tree.get());
 }
 
 TEST_F(MachineTest, ReactorThatIsReplacedWhileItIsMadeGivesWay) {
