@@ -9,27 +9,38 @@ void EntityManager::factoryIs(Nex::String typeName, Factory factory) {
 }
 
 void EntityManager::doMount(Nex::String path, Nex::String typeName, unsigned mountInfoType) {
-    if (auto* const known = mounted_.find(path)) return (*known)->mountsIs((*known)->mounts() + 1);
-    Factory const* const factory = factories_.find(typeName);
-    if (!factory)
+    if (doMountAgain(path)) return;
+    Factory const* const known = factories_.find(typeName);
+    if (!known)
         throw Nex::RangeException("no tables of type " + typeName + " to mount at " + path);
+    Factory const factory = *known; // it may register others
     auto const table = MountedTable::MountedTableIs(path);
     table->typeNameIs(typeName);
     table->mountInfoTypeIs(mountInfoType);
-    table->entityIs((*factory)(path));
+    table->entityIs(factory(path));
     table->mountsIs(1);
+    if (doMountAgain(path)) return; // the factory has mounted it
     *mounted_.findOrInsert(path).first = table;
     nexNotify<NotifieeConst, &NotifieeConst::onMounted>(path);
+}
+
+bool EntityManager::doMountAgain(Nex::String const& path) {
+    auto* const known = mounted_.find(path);
+    if (!known) return false;
+    Nex::Ptr<MountedTable> const table = *known;
+    table->mountsIs(table->mounts() + 1);
+    return true;
 }
 
 void EntityManager::doUnmount(Nex::String path) {
     auto* const known = mounted_.find(path);
     if (!known) return;
-    unsigned const left = (*known)->mounts() - 1;
-    (*known)->mountsIs(left);
-    if (left > 0) return;
-    auto const gone = mounted_.take(path);
-    nexNotify<NotifieeConst, &NotifieeConst::onMounted>(path);
+    Nex::Ptr<MountedTable> const table = *known;
+    unsigned const left = table->mounts() - 1;
+    // Out of the way before anybody hears of it, who may mount the path anew.
+    if (left == 0) mounted_.take(path);
+    table->mountsIs(left);
+    if (left == 0) nexNotify<NotifieeConst, &NotifieeConst::onMounted>(path);
 }
 
 MountedTable const* EntityManager::mounted(Nex::String const& path) const {

@@ -47,6 +47,9 @@ class EntityManager : public Nex::Entity {
     auto mounted() const { return mounted_.walk<Nex::Ptr<MountedTable const>>(); }
 
   private:
+    /// False when nothing is mounted there.
+    bool doMountAgain(Nex::String const& path);
+
     Nex::Map<Nex::String, Factory> factories_;
     Nex::Map<Nex::String, Nex::Ptr<MountedTable>> mounted_;
 };

@@ -140,6 +140,38 @@ TEST_F(MountTest, PathStaysUntilItWasUnmountedAsOftenAsMounted) {
     EXPECT_NE(mount.entity<Nex::Tree>("a"), table) << "mounted anew";
 }
 
+TEST_F(MountTest, FactoryMayRegisterOthersAndItself) {
+    manager->factoryIs("Forest", [this, mark = Nex::String(100, 'm')](Nex::String const& path) {
+        for (int n = 0; n < 20; ++n) manager->factoryIs(Nex::textOf(n), nullptr);
+        manager->factoryIs("Forest", nullptr);
+        return Nex::Tree::TreeIs(path + mark);
+    });
+    mount.mountIs("a", "Forest", 0);
+    EXPECT_EQ(mount.entity<Nex::Tree>("a")->name(), "a" + Nex::String(100, 'm'));
+}
+
+TEST_F(MountTest, WhoHearsOfTheLastUnmountMayMountAnew) {
+    struct Remounter : Nex::Reactor<Vardo::MountedTable::NotifieeConst, Nex::PtrInterface> {
+        Remounter(Nex::Ptr<Vardo::MountedTable const> table, NexKesh::Mount& mount)
+            : Reactor(std::move(table), static_cast<Nex::PtrInterface*>(nullptr)), mount_(mount) {
+            hasNotificationActiveIs(true);
+        }
+        void onMounts() override {
+            if (notifier()->mounts() == 0) mount_.mountIs("a", "Tree", 3);
+        }
+        NexKesh::Mount& mount_;
+    };
+    mount.mountIs("a", "Tree", 3);
+    auto const table = mount.entity<Nex::Tree>("a");
+    auto const remounter =
+        Nex::newObject<Remounter>(Nex::Ptr<Vardo::MountedTable const>(manager->mounted("a")), mount);
+    mount.mountDel("a");
+    ASSERT_TRUE(mount.entity<Nex::Tree>("a"));
+    EXPECT_NE(mount.entity<Nex::Tree>("a"), table);
+    mount.mountDel("a");
+    EXPECT_FALSE(mount.entity<Nex::Tree>("a"));
+}
+
 TEST_F(MountTest, WrongTypesAndUnknownOnes) {
     EXPECT_THROW(mount.mountIs("a", "Forest", 0), Nex::RangeException);
     EXPECT_EQ(manager->mounted("a"), nullptr);
