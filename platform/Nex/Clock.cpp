@@ -1,8 +1,13 @@
 #include "Nex/Clock.h"
 
+#include "Nex/Error.h"
+
+#include <cmath>
+
 namespace Nex {
 
 void Clock::NotifieeConst::timeMinIs(double seconds) {
+    if (std::isnan(seconds)) throw RangeException("a wake time that is no number");
     if (armedOn_) armedOn_->timers_.erase(this);
     armedOn_ = seconds == never ? nullptr : Ptr<Clock const>(notifier());
     timeMin_ = armedOn_ ? seconds : never;
@@ -28,17 +33,19 @@ double Clock::nextExpiry() const { return timers_.empty() ? never : (*timers_.be
 void Clock::timeIs(double now) {
     Ptr<Clock> const hold(this);
     std::uint64_t const fresh = armings_;
-    // Timers armed meanwhile may stand before others that are due; they are passed over.
+    // Timers armed meanwhile may stand before others that are due; they are passed over. Those that
+    // are due stand behind the last one that fired.
     for (auto at = timers_.begin(); at != timers_.end() && (*at)->timeMin_ <= now;) {
         if ((*at)->armed_ >= fresh) {
             ++at;
             continue;
         }
         Ptr<NotifieeConst> const timer(*at);
+        auto const turn = timer->turn();
         timer->timeMinIs(never);
         Lumen::Ring::Callback const mark(Lumen::ring);
         timer->nexDeliver([&] { timer->onTime(); });
-        at = timers_.begin();
+        at = timers_.upper_bound(turn);
     }
 }
 

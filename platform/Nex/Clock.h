@@ -11,6 +11,7 @@
 #include "Nex/System.h"
 
 #include <set>
+#include <utility>
 
 namespace Nex {
 
@@ -26,7 +27,8 @@ class Clock : public Entity {
         /// `never` when disarmed.
         double timeMin() const { return timeMin_; }
         /// Arms the timer; a time that has passed fires at the next `timeIs`. `never` disarms, and
-        /// without a clock there is nothing to arm.
+        /// without a clock there is nothing to arm. What is no number is refused by
+        /// Nex::RangeException.
         void timeMinIs(double seconds);
         /// The wake time stays behind: the timer is disarmed on its new clock.
         void notifierIs(Ptr<Clock const> clock);
@@ -38,6 +40,8 @@ class Clock : public Entity {
 
       private:
         friend class Clock;
+        /// In what order timers fire.
+        std::pair<double, std::uint64_t> turn() const { return {timeMin_, armed_}; }
         double timeMin_ = never;
         std::uint64_t armed_ = 0; ///< number of its arming, for the order of equal times
         Ptr<Clock const> armedOn_;
@@ -52,9 +56,11 @@ class Clock : public Entity {
 
   private:
     struct Sooner {
-        bool operator()(NotifieeConst const* a, NotifieeConst const* b) const {
-            return a->timeMin_ != b->timeMin_ ? a->timeMin_ < b->timeMin_ : a->armed_ < b->armed_;
-        }
+        using is_transparent = void;
+        using Turn = std::pair<double, std::uint64_t>;
+        static Turn of(NotifieeConst const* timer) { return timer->turn(); }
+        static Turn of(Turn turn) { return turn; }
+        bool operator()(auto const& a, auto const& b) const { return of(a) < of(b); }
     };
 
     Name name_;

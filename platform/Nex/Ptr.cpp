@@ -3,6 +3,7 @@
 #include <atomic>
 #include <mutex>
 #include <new>
+#include <vector>
 
 // Under the address sanitizer every object is an allocation of its own, so that a use after the
 // end is seen.
@@ -21,9 +22,37 @@ void PtrInterface::nexRefDecShared() const {
         nexZeroReferences();
 }
 
-void PtrInterface::nexZeroReferences() const {
+void PtrInterface::nexEnd() const {
     if (destructionObserver_) destructionObserver_->onDestruction(*this);
     onZeroReferences();
+}
+
+/// Destructors of this thread that are on the stack, within each other. An object that would end
+/// deeper than the deepest is held until the one that holds it has ended, so a long chain of
+/// objects needs no long stack.
+static constexpr unsigned deepest = 50;
+static constinit thread_local unsigned depth = 0;
+static constinit thread_local std::vector<PtrInterface const*>* held = nullptr;
+
+void PtrInterface::nexZeroReferences() const {
+    if (held) {
+        references_ = 1; // the list's
+        held->push_back(this);
+    } else if (++depth < deepest) {
+        nexEnd();
+        --depth;
+    } else {
+        std::vector<PtrInterface const*> waiting;
+        held = &waiting;
+        nexEnd();
+        while (!waiting.empty()) {
+            PtrInterface const* const next = waiting.back();
+            waiting.pop_back();
+            if (--next->references_ == 0) next->nexEnd(); // nobody has found it meanwhile
+        }
+        held = nullptr;
+        --depth;
+    }
 }
 
 bool PtrInterface::unusualAllocation_ = plainAllocation;

@@ -2,7 +2,9 @@
 //
 // An object is born with one reference, which its factory (`newObject`) adopts; so a counted
 // pointer that a constructor hands out and drops again never frees a half-built object. Copying a
-// `Ptr` counts up, dropping it counts down, and the last one to go destroys the object.
+// `Ptr` counts up, dropping it counts down, and the last one to go destroys the object. Only where
+// destructors nest very deep, as along a chain of objects, does the inner object end after the
+// outer.
 #pragma once
 
 #include "Nex/Slab.h"
@@ -90,6 +92,7 @@ class PtrInterface {
   private:
     void nexRefDecShared() const;
     void nexZeroReferences() const;
+    void nexEnd() const;
     static void* allocateUnusually(std::size_t bytes);
     static void freeUnusually(void* object, std::size_t bytes) noexcept;
 

@@ -3,6 +3,7 @@
 #include "Olm/TimerWheel.h"
 #include "TestRecords.h"
 
+#include <cmath>
 #include <functional>
 #include <gtest/gtest.h>
 #include <stdexcept>
@@ -70,6 +71,26 @@ TEST_F(ClockTest, TimerMayArmItselfAgainAndFiresInTheNextRound) {
     EXPECT_EQ(clock->nextExpiry(), 0);
     a->act = nullptr;
     EXPECT_EQ(at(10), "a");
+}
+
+TEST_F(ClockTest, ThousandsOfTimersMayArmThemselvesAgainInThePast) {
+    std::vector<Ptr<Timer>> timers;
+    for (int n = 0; n < 20000; ++n) {
+        timers.push_back(newTimer('t'));
+        Timer* const timer = timers.back().get();
+        timer->timeMinIs(n);
+        timer->act = [timer, n] { timer->timeMinIs(n % 3 == 0 ? 0 : n + 0.5); };
+    }
+    EXPECT_EQ(at(20000), String(20000, 't'));
+    EXPECT_EQ(at(20000), String(20000, 't'));
+}
+
+TEST_F(ClockTest, WakeTimeThatIsNoNumberIsRefusedAndChangesNothing) {
+    a->timeMinIs(1);
+    b->timeMinIs(2);
+    EXPECT_THROW(a->timeMinIs(std::nan("")), RangeException);
+    EXPECT_EQ(a->timeMin(), 1);
+    EXPECT_EQ(at(2), "ab");
 }
 
 TEST_F(ClockTest, NeighbourMayDisarmRearmOrDropAnotherBeforeItsTurn) {

@@ -80,6 +80,24 @@ TEST_P(PtrTest, ObserverIsToldBeforeTheDestructorRuns) {
     EXPECT_FALSE(observer.endedBefore);
 }
 
+TEST_P(PtrTest, ChainOfAMillionIsDroppedWithoutALongStack) {
+    struct Link : PtrInterface {
+        Ptr<Link> next;
+    };
+    Destructions destructions;
+    Ptr<Link> first;
+    Link const* held = nullptr;
+    for (int n = 0; n < 1000000; ++n) {
+        auto const link = newObject<Link>();
+        link->next = std::exchange(first, link);
+        if (n == 500000) held = link.get();
+    }
+    Ptr<Link const> const rest(held);
+    first = nullptr;
+    EXPECT_EQ(destructions.size(), 499999u);
+    EXPECT_EQ(rest->nexReferences(), 1u);
+}
+
 TEST(PtrThreads, MayCopyDropAndCreateWhenSaidSo) {
     PtrInterface::threadSafeIs(true);
     auto shared = newObject<Exposed>();
