@@ -103,8 +103,12 @@ void IgmpHostIntfSm::handleIntfEthAddr() {
 
 void IgmpHostIntfSm::handleGroupList() {
     IHP_TRACE_ENTRY();
-    if (!intfStatus()) return;
-    for (auto const& item : intfStatus()->groupSourceList()) handleGroupList(item.key);
+    Nex::Ptr<IntfStatus> const status = intfStatus();
+    if (!status) return;
+    for (auto const& item : status->groupSourceList()) {
+        if (intfStatus() != status.get()) return; // pointed elsewhere by whoever heard of a record
+        handleGroupList(item.key);
+    }
 }
 
 void IgmpHostIntfSm::handleGroupList(Lox::IpAddr group) {
@@ -138,6 +142,7 @@ void IgmpHostIntfSm::doDeleteRecord(Lox::IpAddr group) {
 
 void IgmpHostIntfSm::handleGroupSourceListStatus(Lox::IpAddr group) {
     IHP_TRACE_ENTRY();
+    if (!intfStatus()) return;
     if (GroupSource* const groupSource = intfStatus()->groupSourceList(group)) {
         groupSourceListStatusIs(groupSource);
     } else {

@@ -73,18 +73,24 @@ void IgmpHostProxyIntfSm::handleUnsolicitedReportInterval() {
 
 void IgmpHostProxyIntfSm::handleGroupList() {
     IHP_TRACE_ENTRY();
-    if (!intfConfig() || !intfStatus()) return;
-    for (auto const& [group, configured] : intfConfig()->groupSourceList()) {
-        if (intfStatus()->groupSourceListHas(group)) continue;
+    Nex::Ptr<IntfConfig const> const config = intfConfig();
+    Nex::Ptr<IntfStatus> const status = intfStatus();
+    if (!config || !status) return;
+    // Whoever hears of a group may point the machine elsewhere.
+    auto const same = [&] { return intfConfig() == config.get() && intfStatus() == status.get(); };
+    for (auto const& [group, configured] : config->groupSourceList()) {
+        if (!same()) return;
+        if (status->groupSourceListHas(group)) continue;
         IHP_TRACE(7, "Adding group =% to status", group);
-        intfStatus()->groupSourceListIs(group);
+        status->groupSourceListIs(group);
     }
-    for (auto const& [group, entry] : intfStatus()->groupSourceList()) {
+    for (auto const& [group, entry] : status->groupSourceList()) {
+        if (!same()) return;
         if (groupKept(group)) continue;
         IHP_TRACE(7, "Deleting group :%from intfStatus, since it is not in intfConfig", group);
         for (Lox::IpAddr const source : entry->includeSourceList()) doDropCount({source, group});
         for (Lox::IpAddr const source : entry->excludeSourceList()) doDropCount({source, group});
-        intfStatus()->groupSourceListDel(group);
+        status->groupSourceListDel(group);
     }
 }
 

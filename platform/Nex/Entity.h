@@ -11,9 +11,9 @@
 #include "Nex/Map.h"
 #include "Nex/Ptr.h"
 
+#include <optional>
 #include <sstream>
 #include <string>
-#include <vector>
 
 namespace Nex {
 
@@ -73,8 +73,12 @@ class NotifieeBase : public PtrInterface {
     PtrInterface* machine_;
 };
 
-/// The notifiees of one entity, in the order of registration. One notifiee costs a pointer.
+/// The notifiees of one entity, in the order of registration. One notifiee costs a pointer; each
+/// comes and goes in constant time, however many there are.
 class NotifieeList {
+    /// From the second notifiee on.
+    using Many = Set<NotifieeBase*>;
+
   public:
     NotifieeList() = default;
     NotifieeList(NotifieeList const&) = delete;
@@ -88,43 +92,23 @@ class NotifieeList {
     /// One walk over those who are registered as it begins. Passes nest.
     class Pass {
       public:
-        [[gnu::always_inline]] explicit Pass(NotifieeList& list) : list_(list) {
-            if (Many* const all = list.many()) {
-                end_ = all->notifiees.size();
-                ++all->passes;
-            }
-        }
-        Pass(Pass const&) = delete;
-        Pass& operator=(Pass const&) = delete;
-        [[gnu::always_inline]] ~Pass() {
-            // A list that became `Many` during this pass did not count it.
-            Many* const all = list_.many();
-            if (all && all->passes != 0 && --all->passes == 0 && all->holes) all->sweep();
+        [[gnu::always_inline]] explicit Pass(NotifieeList const& list) : list_(list) {
+            if (Many const* const all = list.many()) walk_.emplace(*all);
         }
         /// The next notifiee that is still there, or null at the end.
         [[gnu::always_inline]] NotifieeBase* next() {
-            Many* const all = list_.many();
-            if (!all) return at_++ < end_ ? list_.one() : nullptr;
-            while (at_ < end_)
-                if (NotifieeBase* const notifiee = all->notifiees[at_++]) return notifiee;
-            return nullptr;
+            if (walk_) return walk_->next().value_or(nullptr);
+            // The others of a list that has become `Many` since are newcomers.
+            return std::exchange(begun_, true) || list_.many() ? nullptr : list_.one();
         }
 
       private:
-        NotifieeList& list_;
-        std::size_t at_ = 0;
-        std::size_t end_ = 1;
+        NotifieeList const& list_;
+        bool begun_ = false;
+        std::optional<Many::Cursor<Nothing>> walk_;
     };
 
   private:
-    /// From the second notifiee on. Those who leave during a pass leave a null behind.
-    struct Many {
-        std::vector<NotifieeBase*> notifiees;
-        unsigned passes = 0;
-        bool holes = false;
-
-        void sweep();
-    };
     static constexpr std::uintptr_t tag = 1;
 
     Many* many() const { return head_ & tag ? reinterpret_cast<Many*>(head_ & ~tag) : nullptr; }
@@ -136,10 +120,13 @@ class NotifieeList {
 /// A named record in the tree of the state store.
 class Entity : public PtrInterface {
   public:
-    /// Unique among the entity's siblings.
+    /// Unique in its collection.
     virtual String nexName() const = 0;
-    /// The names from the root of the tree down, joined with '/'.
+    /// The names from the root of the tree down, each after that of its collection, joined with
+    /// '/'. One that stands in an attribute goes by the attribute's name.
     String nexFullName() const;
+    /// What `child` adds to the full name of the entity that holds it; empty when this does not.
+    virtual String nexPlaceOf(Entity const&) const { return {}; }
     /// Null for a root, and for an entity that was removed from its tree. Not owned.
     Entity* nexParent() const { return parent_; }
     void nexParentIs(Entity* parent) { parent_ = parent; }

@@ -17,7 +17,8 @@
 // at another record.
 //
 // A lookup returns a plain pointer, good until the entry is deleted: hold a `Ptr` across calls
-// that may do so. `nameIs` of RECORDS returns a counted pointer for that reason.
+// that may do so. `nameIs` of RECORDS returns a counted pointer for that reason. A walk holds its
+// record.
 #pragma once
 
 #include "Nex/Entity.h"
@@ -65,13 +66,32 @@ class RecordMap : public Map<Key, Ptr<Record>> {
     }
 };
 
+/// A walk `W` over a collection of a record, which stays as long as the walk.
+template <class W>
+class HeldWalk : Ptr<Entity const>, public W {
+  public:
+    template <class Collection>
+    HeldWalk(Entity const* record, Collection const& collection)
+        : Ptr<Entity const>(record), W(collection) {}
+};
+
 /// The mutators behind the generated ones. `Interface` and `callback` name who is told.
 class RecordBase : public Entity {
   protected:
+    template <class W, class Collection>
+    HeldWalk<W> nexWalk(Collection const& collection) const {
+        return {this, collection};
+    }
+
     template <class Interface, auto callback, class T>
     void nexAttributeIs(T& attribute, T value) {
         if (attribute == value) return;
-        attribute = std::move(value);
+        std::swap(attribute, value);
+        if constexpr (requires { value->nexParentIs(nullptr); }) {
+            if (value && value->nexParent() == this && nexPlaceOf(*value).empty())
+                value->nexParentIs(nullptr);
+            value = nullptr;
+        }
         nexNotify<Interface, callback>();
     }
 
@@ -87,7 +107,13 @@ class RecordBase : public Entity {
     Ptr<Record> nexRecordIs(Map<Key, Ptr<Record>>& records, Key const& key) {
         auto const [slot, fresh] = records.findOrInsert(key);
         if (!fresh) return *slot;
-        Ptr<Record> record = newObject<Record>(key);
+        Ptr<Record> record;
+        try {
+            record = newObject<Record>(key);
+        } catch (...) { // no entry without its record
+            records.take(key);
+            throw;
+        }
         record->nexParentIs(this);
         *slot = record;
         nexNotify<Interface, callback>(key);
@@ -107,13 +133,8 @@ class RecordBase : public Entity {
     void nexEntriesDelAll(Collection& collection) {
         if (collection.empty()) return;
         Ptr<RecordBase> const hold(this); // with the collection that is walked
-        for (auto const& yielded : collection.walk()) {
-            if constexpr (requires { yielded.key; }) {
-                nexEntryDel<Interface, callback>(collection, yielded.key);
-            } else {
-                nexEntryDel<Interface, callback>(collection, yielded);
-            }
-        }
+        for (auto const& yielded : collection.walk())
+            nexEntryDel<Interface, callback>(collection, keyOf(yielded));
     }
 
     template <class Key, class Value>
@@ -127,6 +148,21 @@ class RecordBase : public Entity {
         return found ? found->get() : nullptr;
     }
 };
+
+/// Whether `child` is what a record holds as an attribute, or under its own key in a collection.
+template <class T>
+bool isHeld(T const&, Entity const&) {
+    return false;
+}
+template <class T>
+requires std::is_base_of_v<Entity, T>
+bool isHeld(Ptr<T> const& attribute, Entity const& child) { return attribute.get() == &child; }
+template <class Key, class Record>
+bool isHeld(RecordMap<Key, Record> const& records, Entity const& child) {
+    auto const* const record = dynamic_cast<Record const*>(&child);
+    auto const* const found = record ? records.find(record->nexKey()) : nullptr;
+    return found && found->get() == record;
+}
 
 /// Whether two spellings of an attribute's name differ in the case of the first letter only.
 constexpr bool sameName(std::string_view lower, std::string_view upper) {
@@ -143,7 +179,13 @@ constexpr bool sameName(std::string_view lower, std::string_view upper) {
         return ::Nex::newObject<TYPE>(std::move(KEYNAME));                                         \
     }                                                                                              \
     KEY KEYNAME() const { return KEYNAME##_; }                                                     \
+    KEY const& nexKey() const { return KEYNAME##_; }                                               \
     ::Nex::String nexName() const override { return ::Nex::textOf(KEYNAME##_); }                   \
+    ::Nex::String nexPlaceOf([[maybe_unused]] ::Nex::Entity const& child) const override {         \
+        LIST(NEX_NOTHING, NEX_NOTHING, NEX_NOTHING, NEX_PLACE_RECORDS)                             \
+        LIST(NEX_PLACE_ATTR, NEX_NOTHING, NEX_NOTHING, NEX_NOTHING)                                \
+        return {};                                                                                 \
+    }                                                                                              \
     class NotifieeConst : public ::Nex::NotifieeOf<TYPE> {                                         \
       public:                                                                                      \
         LIST(NEX_CALLBACK_ATTR, NEX_CALLBACK_KEYED, NEX_CALLBACK_MAP, NEX_CALLBACK_RECORDS)        \
@@ -175,7 +217,11 @@ constexpr bool sameName(std::string_view lower, std::string_view upper) {
 #define NEX_CALLBACK_MAP(KEY, VALUE, NAME, UPPER) NEX_CALLBACK_KEYED(KEY, NAME, UPPER)
 #define NEX_CALLBACK_RECORDS(KEY, TYPE, NAME, UPPER) NEX_CALLBACK_KEYED(KEY, NAME, UPPER)
 
-#define NEX_NOTHING(TYPE, NAME, UPPER)
+#define NEX_NOTHING(...)
+#define NEX_PLACE_ATTR(TYPE, NAME, UPPER)                                                          \
+    if (::Nex::isHeld(NAME##_, child)) return #NAME;
+#define NEX_PLACE_RECORDS(KEY, TYPE, NAME, UPPER)                                                  \
+    if (::Nex::isHeld(NAME##_, child)) return #NAME "/" + child.nexName();
 #define NEX_IMMEDIATE_SET(KEY, NAME, UPPER) on##UPPER##nexImmediate();
 #define NEX_IMMEDIATE(KEY, TYPE, NAME, UPPER) on##UPPER##nexImmediate();
 
@@ -205,14 +251,14 @@ constexpr bool sameName(std::string_view lower, std::string_view upper) {
 #define NEX_KEYED(KEY, UPPER) static_cast<void (NotifieeConst::*)(KEY)>(&NotifieeConst::on##UPPER)
 
 #define NEX_ACCESS_SET(KEY, NAME, UPPER)                                                           \
-    auto NAME() const { return NAME##_.walk(); }                                                   \
+    auto NAME() const { return nexWalk<decltype(NAME##_.walk())>(NAME##_); }                       \
     void NAME##Is(KEY key) {                                                                       \
         nexEntryIs<NotifieeConst, NEX_KEYED(KEY, UPPER)>(NAME##_, key, ::Nex::Nothing());          \
     }                                                                                              \
     NEX_ACCESS_COLLECTION(KEY, NAME, UPPER)
 
 #define NEX_ACCESS_MAP(KEY, VALUE, NAME, UPPER)                                                    \
-    auto NAME() const { return NAME##_.walk(); }                                                   \
+    auto NAME() const { return nexWalk<decltype(NAME##_.walk())>(NAME##_); }                       \
     VALUE NAME(KEY key) const { return nexLookup<KEY, VALUE>(NAME##_, key); }                      \
     void NAME##Is(KEY key, VALUE value) {                                                          \
         nexEntryIs<NotifieeConst, NEX_KEYED(KEY, UPPER)>(NAME##_, key, std::move(value));          \
@@ -220,8 +266,10 @@ constexpr bool sameName(std::string_view lower, std::string_view upper) {
     NEX_ACCESS_COLLECTION(KEY, NAME, UPPER)
 
 #define NEX_ACCESS_RECORDS(KEY, TYPE, NAME, UPPER)                                                 \
-    auto NAME() const { return NAME##_.template walk<::Nex::Ptr<TYPE const>>(); }                  \
-    auto NAME() { return NAME##_.walk(); }                                                         \
+    auto NAME() const {                                                                            \
+        return nexWalk<decltype(NAME##_.template walk<::Nex::Ptr<TYPE const>>())>(NAME##_);        \
+    }                                                                                              \
+    auto NAME() { return nexWalk<decltype(NAME##_.walk())>(NAME##_); }                             \
     TYPE const* NAME(KEY key) const { return nexFind(NAME##_, key); }                              \
     TYPE* NAME(KEY key) { return nexFind(NAME##_, key); }                                          \
     ::Nex::Ptr<TYPE> NAME##Is(KEY key) {                                                           \

@@ -108,6 +108,20 @@ TEST_F(DispatchTest, WhoeverIsTakenOutIsToldNoMoreAndTheOthersOnce) {
                 }
 }
 
+TEST_F(DispatchTest, ThousandsMayLeaveInAnyOrderAlsoDuringAPass) {
+    std::size_t const count = 40000;
+    watchersAre(count);
+    watchers[0]->act = [&] { // the others in the order of neither coming nor going
+        for (std::size_t n = 1; n < count; ++n)
+            if (std::size_t const other = n * 7919 % count; other % 10 != 0)
+                watchers[other]->notifierIs(nullptr);
+    };
+    EXPECT_EQ(change().size(), count / 10);
+    watchers[0]->act = nullptr;
+    for (std::size_t n = count; n-- > 1;) watchers[n] = nullptr;
+    EXPECT_EQ(change(), "A");
+}
+
 TEST_F(DispatchTest, WatcherThatDropsItselfLivesUntilItsCallbackReturns) {
     for (std::size_t count : {1u, 2u}) {
         watchersAre(count);

@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <gtest/gtest.h>
+#include <new>
 
 namespace Nex {
 namespace {
@@ -142,6 +143,56 @@ TEST(RecordLifeTest, RecordMayBeDroppedInTheMiddleOfDelAll) {
     }
 }
 
+TEST_F(RecordTest, RecordMayBeDroppedInTheMiddleOfAWalk) {
+    auto const walked = [this](auto walk) {
+        tree = Tree::TreeIs("tree");
+        recorder->notifierIs(tree);
+        fill();
+        recorder->notifierIs(nullptr);
+        Destructions destructions;
+        Tree const* const record = tree.get();
+        int entries = 0;
+        for ([[maybe_unused]] auto const& yielded : walk(*tree)) {
+            tree = nullptr;
+            EXPECT_EQ(destructions.count(record), 0);
+            ++entries;
+        }
+        EXPECT_EQ(entries, 3);
+        EXPECT_EQ(destructions.count(record), 1);
+    };
+    walked([](Tree& t) { return t.address(); });
+    walked([](Tree& t) { return t.word(); });
+    walked([](Tree& t) { return t.octet(); });
+    walked([](Tree& t) { return t.text(); });
+    walked([](Tree& t) { return t.leaf(); });
+    walked([](Tree const& t) { return t.leaf(); });
+}
+
+/// There is no memory for an odd one.
+#define EVEN(ATTR, SET, MAP, RECORDS)
+#define EVENS(ATTR, SET, MAP, RECORDS) RECORDS(int, Even, even, Even)
+struct EvenKey {
+    int number = 0;
+    EvenKey(int n = 0) : number(n % 2 == 0 ? n : throw std::bad_alloc()) {}
+    operator int() const { return number; }
+};
+class Even : public RecordBase {
+    NEX_RECORD(Even, EvenKey, number, EVEN)
+};
+class Evens : public RecordBase {
+    NEX_RECORD(Evens, String, name, EVENS)
+};
+
+TEST(RecordMemoryTest, EntryStandsWithItsRecordOrNotAtAll) {
+    auto const evens = Evens::EvensIs("evens");
+    for (int number = 0; number < 20; number += 2) {
+        evens->evenIs(number);
+        EXPECT_THROW(evens->evenIs(number + 1), std::bad_alloc);
+    }
+    EXPECT_EQ(evens->evenCount(), 10u);
+    for (auto const& item : evens->even()) EXPECT_TRUE(item.value) << item.key;
+}
+
 TEST_F(RecordTest, KeysMayComeFromTheEntryThatGoes) {
     fill();
     for (auto const& item : tree->leaf()) tree->leafDel(item.value->name());
@@ -165,7 +216,11 @@ TEST_F(RecordTest, RemovedEntityIsARootOfItsOwnAndStaysUsable) {
     auto const byKey = tree->leafIs("byKey"), byAll = tree->leafIs("byAll"),
                byParent = tree->leafIs("byParent");
     EXPECT_EQ(byKey->nexParent(), tree.get());
-    EXPECT_EQ(byKey->nexFullName(), "tree/byKey");
+    EXPECT_EQ(byKey->nexFullName(), "tree/leaf/byKey");
+    EXPECT_EQ(tree->budIs("byKey")->nexFullName(), "tree/bud/byKey");
+    tree->topIs(byKey);
+    tree->topIs(nullptr);
+    EXPECT_EQ(byKey->nexFullName(), "tree/leaf/byKey") << "its collection has it still";
     tree->leafDel("byKey");
     EXPECT_EQ(byKey->nexFullName(), "byKey");
     tree->leafDelAll();
@@ -176,6 +231,18 @@ TEST_F(RecordTest, RemovedEntityIsARootOfItsOwnAndStaysUsable) {
     EXPECT_EQ(last->nexFullName(), "last") << "the parent is destroyed";
     last->numberIs(3);
     EXPECT_EQ(last->number(), 3);
+}
+
+TEST_F(RecordTest, AttributeThatIsReplacedIsARootOfItsOwn) {
+    for (auto const& successor : {Leaf::LeafIs("successor"), Ptr<Leaf>()}) {
+        auto const top = Leaf::LeafIs("name");
+        top->nexParentIs(tree.get());
+        tree->topIs(top);
+        EXPECT_EQ(top->nexFullName(), "tree/top");
+        tree->topIs(successor);
+        EXPECT_EQ(top->nexParent(), nullptr);
+        EXPECT_EQ(top->nexFullName(), "name");
+    }
 }
 
 TEST_F(RecordTest, PointingAtAnotherRecordRunsTheImmediateCallbacksAndConstructionDoesNot) {

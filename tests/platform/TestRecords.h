@@ -24,7 +24,8 @@ class Leaf : public RecordBase {
     SET(String, word, Word)                                                                        \
     MAP(Lox::IpAddr, std::uint8_t, octet, Octet) /* held inside the record while it is small */    \
     MAP(String, String, text, Text)                                                                \
-    RECORDS(String, Leaf, leaf, Leaf)
+    RECORDS(String, Leaf, leaf, Leaf)                                                              \
+    RECORDS(String, Leaf, bud, Bud)
 
 class Tree : public RecordBase {
     NEX_RECORD(Tree, String, name, TREE)
