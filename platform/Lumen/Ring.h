@@ -160,12 +160,13 @@ class Ring {
 
     /// Within one callback all entries carry one time stamp, taken at the first of them.
     template <class... Values>
-    [[gnu::always_inline]] void record(Point const& point, Values const&... values) {
+    [[gnu::always_inline]] Entry const& record(Point const& point, Values const&... values) {
         Entry& entry = entries_[written_++ % capacity_];
         entry.point = &point;
         entry.stamp = stamp_ != 0 ? stamp_ : freshStamp();
         Writer writer(entry.payload);
         (writer.put(values), ...);
+        return entry;
     }
 
     /// Marks the time that a callback is on the stack; callbacks nest.

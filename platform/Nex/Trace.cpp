@@ -15,8 +15,10 @@ TraceHandle* TraceHandle::handle(std::string_view fileName) {
 
 TraceHelper::~TraceHelper() {
     if (!TraceHandle::sink_) return;
-    text_ << format_;
-    TraceHandle::sink_->onTrace(handle_, point_.level, text_.str());
+    try {
+        TraceHandle::sink_->onTrace(handle_, entry_.point->level, entry_.text());
+    } catch (...) { // see TraceSink
+    }
 }
 
 } // namespace Nex

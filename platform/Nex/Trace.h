@@ -8,8 +8,8 @@
 
 #include "Lumen/Ring.h"
 
-#include <sstream>
 #include <string>
+#include <string_view>
 
 namespace Nex {
 
@@ -18,7 +18,7 @@ class TraceHandle;
 /// Where text traces go. Set by the embedding program.
 class TraceSink {
   public:
-    /// `text` is one line without its end.
+    /// `text` is one line without its end. What this throws is dropped: a trace disturbs nobody.
     virtual void onTrace(TraceHandle const&, unsigned level, std::string const& text) = 0;
 
   protected:
@@ -53,37 +53,20 @@ class TraceHandle {
     TraceHandle* next_;
 };
 
-/// Builds one line of text and hands it over when it goes.
+/// Hands the text of one trace point to the sink when it goes. That is the text of the ring's
+/// entry, cut where that is cut.
 class TraceHelper {
   public:
-    TraceHelper(TraceHandle const& handle, Lumen::Point const& point)
-        : handle_(handle), point_(point), format_(point.format) {
-        if (point.entry) text_ << point.function;
-    }
+    TraceHelper(TraceHandle const& handle, Lumen::Entry const& entry)
+        : handle_(handle), entry_(entry) {}
     TraceHelper(TraceHelper const&) = delete;
     TraceHelper& operator=(TraceHelper const&) = delete;
     ~TraceHelper();
 
-    /// The next value of the format.
-    template <class T>
-    TraceHelper& operator<<(T const& value) {
-        format_ = Lumen::printUpToValue(format_, text_);
-        text_ << value;
-        return *this;
-    }
-
   private:
     TraceHandle const& handle_;
-    Lumen::Point const& point_;
-    char const* format_;
-    std::ostringstream text_;
+    Lumen::Entry const entry_;
 };
-
-template <class... Values>
-void writeTrace(TraceHandle const& handle, Lumen::Point const& point, Values const&... values) {
-    TraceHelper helper(handle, point);
-    static_cast<void>((helper << ... << values));
-}
 
 } // namespace Nex
 
@@ -93,9 +76,9 @@ void writeTrace(TraceHandle const& handle, Lumen::Point const& point, Values con
         static constexpr ::Lumen::Point nexPoint{                                                  \
             __PRETTY_FUNCTION__, __LINE__, LEVEL, ENTRY, FORMAT, &NexTypes::print};                \
         static_assert(::Lumen::valuesIn(FORMAT) == ::Lumen::countOf(NexTypes()));                  \
-        ::Lumen::ring.record(nexPoint __VA_OPT__(, ) __VA_ARGS__);                                 \
+        auto const& nexEntry = ::Lumen::ring.record(nexPoint __VA_OPT__(, ) __VA_ARGS__);          \
         if ((HANDLE).enabled(LEVEL)) [[unlikely]]                                                  \
-            ::Nex::writeTrace(HANDLE, nexPoint __VA_OPT__(, ) __VA_ARGS__);                        \
+            ::Nex::TraceHelper(HANDLE, nexEntry);                                                  \
     } while (false)
 #define NEX_TRACE(HANDLE, LEVEL, ...) NEX_TRACE_POINT(HANDLE, LEVEL, false, __VA_ARGS__)
 /// For functions only, not for lambdas: the signature is the function's own.

@@ -11,8 +11,7 @@ void EntityManager::factoryIs(Nex::String typeName, Factory factory) {
 void EntityManager::doMount(Nex::String path, Nex::String typeName, unsigned mountInfoType) {
     if (doMountAgain(path)) return;
     Factory const* const known = factories_.find(typeName);
-    if (!known)
-        throw Nex::RangeException("no tables of type " + typeName + " to mount at " + path);
+    if (!known) throw Nex::RangeException("no tables of type " + typeName + " to mount at " + path);
     Factory const factory = *known; // it may register others
     auto const table = MountedTable::MountedTableIs(path);
     table->typeNameIs(typeName);

@@ -163,8 +163,8 @@ TEST_F(MountTest, WhoHearsOfTheLastUnmountMayMountAnew) {
     };
     mount.mountIs("a", "Tree", 3);
     auto const table = mount.entity<Nex::Tree>("a");
-    auto const remounter =
-        Nex::newObject<Remounter>(Nex::Ptr<Vardo::MountedTable const>(manager->mounted("a")), mount);
+    auto const remounter = Nex::newObject<Remounter>(
+        Nex::Ptr<Vardo::MountedTable const>(manager->mounted("a")), mount);
     mount.mountDel("a");
     ASSERT_TRUE(mount.entity<Nex::Tree>("a"));
     EXPECT_NE(mount.entity<Nex::Tree>("a"), table);

@@ -102,11 +102,22 @@ TEST_F(TraceTest, SwitchedOffHandleBuildsNoText) {
     EXPECT_EQ(both(), "TraceTest 7 <4>");
 }
 
+TEST_F(TraceTest, SinkThatThrowsDisturbsNobody) {
+    struct : TraceSink {
+        void onTrace(TraceHandle const&, unsigned, String const&) override { throw 0; }
+    } thrower;
+    TraceHandle::sinkIs(&thrower);
+    traced.levelIs(6);
+    NEX_TRACE(traced, 6, "thrown");
+    EXPECT_EQ(entry().text(), "thrown");
+}
+
 TEST_F(TraceTest, WhatDoesNotFitIntoAnEntryIsCut) {
+    traced.levelIs(6);
     NEX_TRACE(traced, 6, "%|", String(500, 'x'));
-    EXPECT_EQ(entry().text(), String(47, 'x') + '|');
+    EXPECT_EQ(both(), "TraceTest 6 " + String(47, 'x') + '|');
     NEX_TRACE(traced, 6, "%|%|%", String(30, 'x'), String(30, 'y'), 7);
-    EXPECT_EQ(entry().text(), String(30, 'x') + '|' + String(16, 'y') + '|');
+    EXPECT_EQ(both(), "TraceTest 6 " + String(30, 'x') + '|' + String(16, 'y') + '|');
     NEX_TRACE(traced, 6, "%|%|%|%", String(46, 'x'), String("y"), String("z"), String());
     EXPECT_EQ(entry().text(), String(46, 'x') + "|||");
     // A number that does not fit ends the entry; what would fit after it is not taken for it.
