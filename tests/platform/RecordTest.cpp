@@ -169,7 +169,7 @@ TEST_F(RecordTest, RecordMayBeDroppedInTheMiddleOfAWalk) {
 }
 
 /// There is no memory for an odd one.
-#define EVEN(ATTR, SET, MAP, RECORDS)
+#define EVEN(ATTR, SET, MAP, RECORDS) ATTR(int, half, Half)
 #define EVENS(ATTR, SET, MAP, RECORDS) RECORDS(int, Even, even, Even)
 struct EvenKey {
     int number = 0;
