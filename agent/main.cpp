@@ -5,9 +5,9 @@
 #include "agent/ServiceManager.h"
 
 #include <CLI/CLI.hpp>
-#include <csignal>
 #include <cstdio>
 #include <exception>
+#include <signal.h>
 #include <string>
 
 namespace {
@@ -34,9 +34,18 @@ int check(std::string const& file) {
     return reading.valid() ? 0 : 1;
 }
 
+/// Those that only ask something of the agent. Pending until its loop takes them: they end nothing
+/// that is still starting, and count once it runs.
+void holdRequests() {
+    sigset_t requests;
+    sigemptyset(&requests);
+    for (int const signal : {SIGHUP, SIGUSR1}) sigaddset(&requests, signal);
+    sigprocmask(SIG_BLOCK, &requests, nullptr);
+}
+
 int serve(Agent::Daemon::Options options) {
     // Whoever reads the log may go away.
-    std::signal(SIGPIPE, SIG_IGN);
+    signal(SIGPIPE, SIG_IGN);
     Agent::descriptorLimitRaise();
     // First, so that a file that can be read now can be read again.
     Agent::capabilitiesLimit();
@@ -50,6 +59,7 @@ int serve(Agent::Daemon::Options options) {
 } // namespace
 
 int main(int argc, char** argv) {
+    holdRequests();
     try {
         CLI::App app("Announces multicast groups on upstream interfaces, as an IGMP host.");
         Agent::Daemon::Options options;
@@ -69,6 +79,7 @@ int main(int argc, char** argv) {
             ->check(CLI::Range(0, 8))
             ->needs(config);
         app.add_option("--check", checkFile, "Only check this configuration")->excludes(config);
+        app.set_version_flag("--version", "ihproxyd " IHP_VERSION);
         CLI11_PARSE(app, argc, argv);
         if (options.configurationFile.empty() && checkFile.empty()) {
             std::fputs(app.help().c_str(), stderr);

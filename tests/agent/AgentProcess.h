@@ -86,6 +86,14 @@ class AgentProcess {
             return found >= times;
         });
     }
+    /// A field of /proc/PID/status, which shows sets of signals or capabilities in hexadecimal.
+    unsigned long long statusField(std::string const& name) const {
+        std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+        for (std::string line; std::getline(status, line);)
+            if (line.starts_with(name + ":"))
+                return std::stoull(line.substr(name.size() + 1), {}, 16);
+        return 0;
+    }
     /// Lets it open only so many descriptors from now on.
     void descriptorsLeftIs(int count) const {
         std::string const used = "/proc/" + std::to_string(pid_) + "/fd/";

@@ -85,6 +85,19 @@ TEST_F(AgentTest, ReloadTellsTheDifferenceAndNothingElse) {
     EXPECT_EQ(wire->heardAfter({}), Lines{}) << "nothing has changed";
 }
 
+TEST_F(AgentTest, RequestsDuringTheStartCountOnceTheAgentRuns) {
+    folder.write("ihproxyd.toml", std::string(32 << 20, '\n')); // takes a while to read
+    agent = std::make_unique<AgentProcess>(
+        folder, net->nearName(),
+        Lines{"--config", folder.file("ihproxyd.toml"), "--status", folder.file("status")});
+    ASSERT_TRUE(
+        waitUntil([&] { return (agent->statusField("SigIgn") >> (SIGPIPE - 1) & 1) != 0; }));
+    folder.write("ihproxyd.toml", "");
+    for (int const request : {SIGHUP, SIGUSR1}) agent->signal(request);
+    EXPECT_TRUE(agent->says("is in force")) << agent->output();
+    EXPECT_TRUE(waitUntil([&] { return std::filesystem::exists(folder.file("status")); }));
+}
+
 TEST_F(AgentTest, InterfaceTakenOutOfTheFileLeavesItsGroupsAndComesBack) {
     start(groupsOn("up0", threeGroups));
     ASSERT_EQ(wire->heardAfter(threeJoined), threeJoined);
