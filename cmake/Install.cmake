@@ -17,9 +17,15 @@ endfunction()
 function(ihp_install_agent)
   install(TARGETS ihproxyd DESTINATION ${CMAKE_INSTALL_SBINDIR})
   install(FILES examples/ihproxyd.toml DESTINATION ${CMAKE_INSTALL_DOCDIR})
-  configure_file(agent/systemd/ihproxyd.service.in ihproxyd.service @ONLY)
-  # Below the prefix even where that is not /usr, so that installing never needs to write elsewhere.
-  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ihproxyd.service DESTINATION lib/systemd/system)
+  # Written while installing: only then is the prefix known, which names the program. Below the
+  # prefix even where that is not /usr, so that installing never needs to write elsewhere.
+  install(CODE "
+    cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX NORMALIZE OUTPUT_VARIABLE prefix)
+    cmake_path(APPEND prefix \"${CMAKE_INSTALL_SBINDIR}\" ihproxyd OUTPUT_VARIABLE IHP_PROGRAM)
+    configure_file(\"${PROJECT_SOURCE_DIR}/agent/systemd/ihproxyd.service.in\"
+      \"${PROJECT_BINARY_DIR}/ihproxyd.service\" @ONLY)
+    file(INSTALL \"${PROJECT_BINARY_DIR}/ihproxyd.service\"
+      DESTINATION \"\${CMAKE_INSTALL_PREFIX}/lib/systemd/system\")")
 endfunction()
 
 # Called last: exports every library that was installed.
