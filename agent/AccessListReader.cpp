@@ -81,7 +81,7 @@ std::uint64_t groupCount(Acl::IpRuleConfig const& rule) {
     return std::uint64_t(1) << std::popcount(~rule.filter.destination.mask());
 }
 
-AccessListConfiguration readAccessList(std::vector<TomlSection> const& rules,
+AccessListConfiguration readAccessList(std::vector<TomlSection> const& rules, bool attached,
                                        Diagnostics& diagnostics) {
     AccessListConfiguration list;
     for (TomlSection const& section : rules) {
@@ -97,6 +97,7 @@ AccessListConfiguration readAccessList(std::vector<TomlSection> const& rules,
                                             *sequence));
             continue;
         }
+        if (!attached) continue;
         diagnostics.infoIs(section.positionOf("destination"),
                            isDenyAll(*rule) ? "shuts out the groups of the forwarding table"
                                             : fmt::format("selects {} group{}", groupCount(*rule),

@@ -23,9 +23,9 @@ using AccessListConfiguration = std::map<std::uint32_t, Acl::IpRuleConfig>;
 /// the groups of the forwarding table.
 std::uint64_t groupCount(Acl::IpRuleConfig const& rule);
 
-/// Reads the rules of a list, and reports how many groups each selects. Leaves out rules with
-/// errors.
-AccessListConfiguration readAccessList(std::vector<TomlSection> const& rules,
+/// Reads the rules of a list, and reports how many groups each selects where the list is attached.
+/// Leaves out rules with errors.
+AccessListConfiguration readAccessList(std::vector<TomlSection> const& rules, bool attached,
                                        Diagnostics& diagnostics);
 
 } // namespace Agent

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <optional>
@@ -31,6 +32,9 @@ bool isLinkLocal(Lox::IpAddr group) { return group.host() >> 8 == 0xE00000; }
 /// 232.0.0.0/8, source-specific multicast (RFC 4604).
 bool isSourceSpecific(Lox::IpAddr group) { return group.host() >> 24 == 232; }
 
+/// The library's names of namespaces hold 150, of which the agent's prefix takes three.
+constexpr std::size_t longestVrfName = 147;
+
 /// Whether `name` can stand in a directory, as interfaces do in /sys and namespaces in /run/netns.
 bool isFileName(std::string_view name) {
     auto const forbidden = [](char c) { return c == '/' || (c >= '\0' && c < ' ') || c == '\x7f'; };
@@ -44,36 +48,54 @@ bool isInterfaceName(std::string_view name) {
            name.find_first_of(": ") == std::string_view::npos;
 }
 
+/// A name as `ip netns` takes it, or a path.
+bool isNamespace(std::string_view name) {
+    if (name.find('/') == std::string_view::npos) return isFileName(name);
+    return name.size() < PATH_MAX && name.find('\0') == std::string_view::npos;
+}
+
 /// Walks the tables of one file and fills a Configuration.
 class Reader {
   public:
-    Reader(Configuration& configuration, Diagnostics& diagnostics)
-        : configuration_(configuration), diagnostics_(diagnostics) {}
+    Reader(Configuration& configuration, Diagnostics& diagnostics,
+           std::set<std::string> attachedLists)
+        : configuration_(configuration),
+          diagnostics_(diagnostics),
+          attachedLists_(std::move(attachedLists)) {}
 
     void doRead(TomlSection const& root) {
         root.keysAre({"access-list", "forwarding-table", "interface", "vrf"});
         // First, for the interfaces name lists and VRFs.
-        if (auto const lists = root.section("access-list"))
-            for (TomlText const& name : lists->keys())
-                configuration_.accessLists[name.value] =
-                    readAccessList(lists->sections(name.value), diagnostics_);
+        if (auto const lists = root.section("access-list")) doReadLists(*lists);
         if (auto const vrfs = root.section("vrf")) doReadVrfs(*vrfs);
         if (auto const table = root.section("forwarding-table")) doReadForwardingTable(*table);
         if (auto const interfaces = root.section("interface")) doReadInterfaces(*interfaces);
     }
 
   private:
+    void doReadLists(TomlSection const& lists) {
+        for (TomlText const& name : lists.keys()) {
+            bool const attached = attachedLists_.contains(name.value);
+            if (!attached) doWarn(name, "is attached to no interface: its rules select nothing");
+            configuration_.accessLists[name.value] =
+                readAccessList(lists.sections(name.value), attached, diagnostics_);
+        }
+    }
+
     void doReadVrfs(TomlSection const& vrfs) {
         for (TomlText const& name : vrfs.keys()) {
-            if (!isFileName(name.value) || name.value == defaultVrf)
+            if (!isFileName(name.value) || name.value.size() > longestVrfName ||
+                name.value == defaultVrf)
                 reportFound(name,
-                            "a VRF name other than default, without '/' or control characters",
+                            fmt::format("a VRF name other than default: 1 to {} bytes without '/' "
+                                        "or control characters",
+                                        longestVrfName),
                             diagnostics_);
             auto const section = vrfs.section(name.value);
             if (!section) continue;
-            section->keysAre({"namespace"});
+            section->keysAre({"namespace"}, name.value);
             auto const space = section->text("namespace").value_or(name);
-            if (space.value.empty() || space.value.find('\0') != std::string::npos)
+            if (!isNamespace(space.value))
                 reportFound(space, "the name of a namespace as in ip netns, or a path",
                             diagnostics_);
             configuration_.vrfs[name.value] = space.value;
@@ -100,14 +122,16 @@ class Reader {
                             "control characters",
                             diagnostics_);
             if (auto const section = interfaces.section(name.value))
-                doReadInterface(*section, configuration_.interfaces[name.value]);
+                doReadInterface(*section, name.value);
         }
     }
 
-    void doReadInterface(TomlSection const& section, InterfaceConfiguration& interface) {
+    void doReadInterface(TomlSection const& section, std::string const& name) {
+        InterfaceConfiguration& interface = configuration_.interfaces[name];
         section.keysAre({"igmp-version", "unsolicited-report-interval", "robustness",
                          "packets-per-100-ms", "require-router-alert", "ssm-only", "group",
-                         "access-lists", "large-ranges", "vrf"});
+                         "access-lists", "large-ranges", "vrf"},
+                        name);
         doReadProtocol(section, interface);
         if (auto const groups = section.section("group")) doReadGroups(*groups, interface);
         interface.largeRanges = section.boolean("large-ranges").value_or(false);
@@ -170,7 +194,7 @@ class Reader {
     std::optional<Lox::IpAddr> readGroup(TomlText const& text) {
         auto const group = parseAddress(text.value);
         if (!group || !group->isMulticast()) {
-            reportFound(text, "a multicast address such as \"239.1.1.1\"", diagnostics_);
+            reportFound(text, "a multicast address in quotes such as \"239.1.1.1\"", diagnostics_);
             return std::nullopt;
         }
         if (*group == Lox::IpAddr::fromHost(0xE0000001)) {
@@ -232,7 +256,20 @@ class Reader {
 
     Configuration& configuration_;
     Diagnostics& diagnostics_;
+    std::set<std::string> attachedLists_;
 };
+
+/// What the interfaces name, well or badly; their reader complains, but the lists come first.
+std::set<std::string> attachedLists(toml::table const& root) {
+    Diagnostics unheard("");
+    std::set<std::string> names;
+    auto const interfaces = TomlSection(root, unheard).section("interface");
+    if (!interfaces) return names;
+    for (TomlText const& key : interfaces->keys())
+        if (auto const interface = interfaces->section(key.value))
+            for (TomlText const& list : interface->texts("access-lists")) names.insert(list.value);
+    return names;
+}
 
 /// Throws std::runtime_error with the reason.
 std::string fileContent(std::string const& file) {
@@ -265,7 +302,8 @@ ConfigurationReading configurationParse(std::string_view text, std::string const
     ConfigurationReading reading;
     Diagnostics diagnostics(file);
     if (auto const table = tomlParse(text, diagnostics))
-        Reader(reading.configuration, diagnostics).doRead(TomlSection(*table, diagnostics));
+        Reader(reading.configuration, diagnostics, attachedLists(*table))
+            .doRead(TomlSection(*table, diagnostics));
     reading.diagnostics = diagnostics.take();
     return reading;
 }

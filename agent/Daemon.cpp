@@ -18,7 +18,7 @@ void logDiagnostics(std::vector<Diagnostic> const& diagnostics) {
         LogLevel const level = diagnostic.level == Diagnostic::Level::error     ? LogLevel::error
                                : diagnostic.level == Diagnostic::Level::warning ? LogLevel::warning
                                                                                 : LogLevel::info;
-        log(level, "{}", diagnostic.stringValue());
+        log(level, "{}", diagnostic.textInFile());
     }
 }
 

@@ -24,6 +24,8 @@ struct Diagnostic {
 
     /// FILE:LINE:COLUMN: LEVEL: TEXT, or FILE: LEVEL: TEXT for the file as a whole.
     std::string stringValue() const;
+    /// The same without the level.
+    std::string textInFile() const;
 };
 
 /// Collects the findings about one file.
@@ -42,7 +44,9 @@ class Diagnostics {
         add(Diagnostic::Level::info, position, text);
     }
 
-    /// Hands over all findings in the order of their places.
+    /// Hands over the findings in the order of their places, infos behind all others. Of one kind
+    /// that is found again and again, with other names or numbers, only the first 20, and how many
+    /// more there are.
     std::vector<Diagnostic> take();
 
   private:

@@ -99,6 +99,26 @@ char const* typeName(toml::node const& node) {
     }
 }
 
+/// What the parser says, in words that help. It quotes a key that stands in quotes with the first
+/// two characters repeated, for it has looked for three quotation marks there.
+std::string wordsOf(toml::parse_error const& error, std::string_view text) {
+    std::string words(error.description());
+    auto const name = words.find('\'') + 1;
+    if (words.find("cannot redefine") != std::string::npos && name != 0) {
+        auto const end = words.rfind('\'');
+        bool const verbatim =
+            text.find(std::string_view(words).substr(name, end - name)) != std::string_view::npos;
+        for (std::size_t at = name; !verbatim && at + 5 < words.size(); ++at)
+            if ((words[at] == '"' || words[at] == '\'') &&
+                words.compare(at + 1, 2, words, at + 3, 2) == 0)
+                words.erase(at + 1, 2);
+    }
+    if (words.find("floating-point") != std::string::npos ||
+        words.find("determine value type") != std::string::npos)
+        words += " (addresses and names stand in quotes)";
+    return words;
+}
+
 } // namespace
 
 void reportFound(TomlText const& found, std::string_view expected, Diagnostics& diagnostics) {
@@ -116,7 +136,7 @@ std::optional<toml::table> tomlParse(std::string_view text, Diagnostics& diagnos
     try {
         return toml::parse(text);
     } catch (toml::parse_error const& error) {
-        diagnostics.errorIs(begin(error.source()), std::string(error.description()));
+        diagnostics.errorIs(begin(error.source()), wordsOf(error, text));
     }
     return std::nullopt;
 }
@@ -130,12 +150,16 @@ std::vector<TomlText> TomlSection::keys() const {
     return keys;
 }
 
-void TomlSection::keysAre(std::initializer_list<std::string_view> known) const {
+void TomlSection::keysAre(std::initializer_list<std::string_view> known,
+                          std::string_view named) const {
     for (TomlText const& key : keys()) {
         if (std::find(known.begin(), known.end(), key.value) != known.end()) continue;
-        diagnostics_->errorIs(key.position,
-                              fmt::format("unknown key {}, expected one of {}", inQuotes(key.value),
-                                          fmt::join(known, ", ")));
+        std::string text = fmt::format("unknown key {}, expected one of {}", inQuotes(key.value),
+                                       fmt::join(known, ", "));
+        if (!named.empty() && table_->get(key.value)->is_table())
+            text += fmt::format("; a name with a dot stands in quotes: {}",
+                                inQuotes(fmt::format("{}.{}", named, key.value)));
+        diagnostics_->errorIs(key.position, text);
     }
 }
 

@@ -37,8 +37,9 @@ class TomlSection {
     Position position() const;
     /// All keys, in the order of their texts.
     std::vector<TomlText> keys() const;
-    /// Reports every key that is not among `known`.
-    void keysAre(std::initializer_list<std::string_view> known) const;
+    /// Reports every key that is not among `known`. A table `named` by the operator may hold one
+    /// because its name has a dot and no quotes.
+    void keysAre(std::initializer_list<std::string_view> known, std::string_view named = {}) const;
     /// Reports every one of `required` that is absent.
     void doRequire(std::initializer_list<std::string_view> required) const;
     bool has(std::string_view key) const { return table_->contains(key); }

@@ -9,6 +9,7 @@
 #include <exception>
 #include <signal.h>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -29,8 +30,13 @@ class TraceLog : public Nex::TraceSink {
 
 int check(std::string const& file) {
     Agent::ConfigurationReading const reading = Agent::configurationRead(file);
-    for (Agent::Diagnostic const& diagnostic : reading.diagnostics)
+    bool faults = false;
+    for (Agent::Diagnostic const& diagnostic : reading.diagnostics) {
+        bool const info = diagnostic.level == Agent::Diagnostic::Level::info;
+        if (info && std::exchange(faults, false)) std::puts("");
+        faults |= !info;
         std::puts(diagnostic.stringValue().c_str());
+    }
     return reading.valid() ? 0 : 1;
 }
 

@@ -47,16 +47,25 @@ TEST(AccessListReaderTest, RulesAreKeptBySequenceNumber) {
     EXPECT_FALSE(reading.configuration.interfaces.at("up0").largeRanges);
 }
 
-TEST(AccessListReaderTest, EachRuleTellsHowManyGroupsItSelects) {
+TEST(AccessListReaderTest, EachRuleTellsHowManyGroupsItSelectsWhereItDoes) {
     std::pair<char const*, char const*> const cases[] = {
         {"239.1.1.1/32", "selects 1 group"},
         {"239.1.1.2/30", "selects 4 groups"},
         {"239.0.0.0/255.0.0.255", "selects 65536 groups"},
         {"224.0.0.0/4", "selects 268435456 groups"},
     };
-    for (auto const& [destination, expected] : cases)
-        EXPECT_EQ(diagnosticsOf(permitText(destination)),
-                  std::vector<std::string>{std::string("f:5:15: info: ") + expected});
+    std::string const warning =
+        "f:1:15: warning: \"iptv\" is attached to no interface: its rules select nothing";
+    std::string const interface = "[interface.up0]\nlarge-ranges = true\naccess-lists = ['iptv']\n";
+    for (auto const& [destination, expected] : cases) {
+        EXPECT_EQ(diagnosticsOf(permitText(destination)), std::vector<std::string>{warning});
+        EXPECT_EQ(diagnosticsOf(permitText(destination) + interface + "group.'224.0.0.5' = {}\n"),
+                  (std::vector<std::string>{
+                      "f:9:7: warning: \"224.0.0.5\" is link-local: routers never forward it, "
+                      "expected no need to announce it",
+                      std::string("f:5:15: info: ") + expected}))
+            << "infos behind faults";
+    }
 }
 
 TEST(AccessListReaderTest, FaultyRulesAreReportedAtTheirPlaces) {

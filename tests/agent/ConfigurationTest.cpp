@@ -29,6 +29,11 @@ std::string interfaceText(std::string const& body) { return "[interface.up0]\n" 
 
 std::string groupText(std::string const& body) { return "[interface.up0.group]\n" + body; }
 
+std::string repeated(std::string const& part, int times, std::string before = "") {
+    for (int i = 0; i < times; ++i) before += part;
+    return before;
+}
+
 constexpr char const* example = R"([interface.up0]
 igmp-version = 3
 unsolicited-report-interval = 0.5
@@ -85,7 +90,8 @@ TEST(ConfigurationTest, EveryErrorNamesItsPlaceAndWhatWasExpected) {
     std::string const name = " found, expected an interface name: 1 to 15 bytes without '/', ':', "
                              "white space or control characters";
     std::string const interval = ", expected a number above 0 and up to 3600";
-    std::string const group = " found, expected a multicast address such as \"239.1.1.1\"";
+    std::string const group =
+        " found, expected a multicast address in quotes such as \"239.1.1.1\"";
     std::string const unicast = " found, expected the unicast address of a source";
     auto const sources = [](std::string const& lists) {
         return groupText("'239.1.1.1' = { " + lists + " }");
@@ -119,6 +125,16 @@ TEST(ConfigurationTest, EveryErrorNamesItsPlaceAndWhatWasExpected) {
          "\"ssm-only\" is a string, expected true or false"},
         {groupText("'239.001.1.1' = {}"), "2:1", "\"239.001.1.1\"" + group},
         {groupText("239.1.1.1 = {}"), "2:1", "\"239\"" + group},
+        {"[interface.eth0.7]", "1:17",
+         "unknown key \"7\", expected one of igmp-version, unsolicited-report-interval, "
+         "robustness, packets-per-100-ms, require-router-alert, ssm-only, group, access-lists, "
+         "large-ranges, vrf; a name with a dot stands in quotes: \"eth0.7\""},
+        {"a = 0 # 'b'\n[interface.\"1212\"]\n[interface.\"1212\"]", "3:1",
+         "Error while parsing table header: cannot redefine existing table "
+         "'interface.\"1212\"'"},
+        {sources("include = [10.0.0.1]"), "2:32",
+         "Error while parsing floating-point: expected decimal digit or exponent, saw '.' "
+         "(addresses and names stand in quotes)"},
         {groupText("'224.0.0.1' = {}"), "2:1",
          "\"224.0.0.1\" found, expected a group that hosts announce; 224.0.0.1 is joined always, "
          "and silently"},
@@ -138,8 +154,16 @@ TEST(ConfigurationTest, EveryErrorNamesItsPlaceAndWhatWasExpected) {
         {interfaceText("vrf = 'red'"), "2:7",
          "\"red\" found, expected \"default\" or a VRF of this file"},
         {"[vrf.default]", "1:6",
-         "\"default\" found, expected a VRF name other than default, without '/' or control "
-         "characters"},
+         "\"default\" found, expected a VRF name other than default: 1 to 147 bytes without '/' or "
+         "control characters"},
+        {"[vrf." + repeated("a", 148) + "]", "1:6",
+         "\"" + repeated("a", 64) +
+             "...\" found, expected a VRF name other than default: 1 to 147 "
+             "bytes without '/' or control characters"},
+        {"[vrf.red]\nnamespace = '" + repeated("a", 256) + "'", "2:13",
+         "\"" + repeated("a", 64) +
+             "...\" found, expected the name of a namespace as in ip netns, "
+             "or a path"},
         {"[vrf.red]\nnamespace = \"a\\u0000\"", "2:13",
          "\"a\\x00\" found, expected the name of a namespace as in ip netns, or a path"},
         {"[forwarding-table]\nincoming = 'all'", "2:12",
@@ -157,11 +181,25 @@ TEST(ConfigurationTest, EveryErrorNamesItsPlaceAndWhatWasExpected) {
 TEST(ConfigurationTest, OneReadingFindsAllErrorsInTheirOrder) {
     EXPECT_EQ(diagnosticsOf("[interface.z.group]\n\"1\" = {}\n[interface.a]\nigmp-version = 0\n"
                             "[y]\n"),
-              (Lines{"f:2:1: error: \"1\" found, expected a multicast address such as "
+              (Lines{"f:2:1: error: \"1\" found, expected a multicast address in quotes such as "
                      "\"239.1.1.1\"",
                      "f:4:16: error: igmp-version is 0, expected an integer from 1 to 3",
                      "f:5:2: error: unknown key \"y\", expected one of access-list, "
                      "forwarding-table, interface, vrf"}));
+}
+
+TEST(ConfigurationTest, OfOneKindTheFirstAreShownAndTheRestCounted) {
+    std::string text = "[interface.up0.group]\n";
+    for (int i = 0; i < 30; ++i)
+        text += "'239.1.1." + std::to_string(i) + "' = { exclude = ['10.0.0." +
+                std::to_string(i + 1) + "'] }\n";
+    Lines const lines = diagnosticsOf(text + "'232.1.1.1' = {}\nlater = {}\n");
+    ASSERT_EQ(lines.size(), 23u);
+    std::string const words = " excludes sources: some routers ignore exclude lists (RFC 5790)";
+    EXPECT_EQ(lines[19], "f:21:1: warning: \"239.1.1.19\"" + words);
+    EXPECT_EQ(lines[20], "f:22:1: warning: and 10 more like this: \"239.1.1.20\"" + words);
+    EXPECT_NE(lines[21].find("RFC 4604"), std::string::npos) << "the only one of its kind";
+    EXPECT_NE(lines[22].find("error: \"later\""), std::string::npos);
 }
 
 TEST(ConfigurationTest, WhatMayNotWorkIsAWarningOnly) {
@@ -183,11 +221,6 @@ TEST(ConfigurationTest, WhatMayNotWorkIsAWarningOnly) {
         EXPECT_NE(reading.diagnostics[0].text.find(expected), std::string::npos)
             << reading.diagnostics[0].text;
     }
-}
-
-std::string repeated(std::string const& part, int times, std::string before = "") {
-    for (int i = 0; i < times; ++i) before += part;
-    return before;
 }
 
 TEST(ConfigurationTest, HostileTextIsASyntaxErrorWithAPlace) {
