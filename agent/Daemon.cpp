@@ -7,6 +7,7 @@
 #include "IgmpHostProxy/AddressRangeIterator.h"
 
 #include <algorithm>
+#include <linux/capability.h>
 #include <signal.h>
 #include <system_error>
 #include <unistd.h>
@@ -35,7 +36,10 @@ Daemon::Daemon(Options options, Configuration configuration)
         state_, loop_,
         [this](std::string const& name, std::string const& vrf) { return locate(name, vrf); },
         [this](std::string const& name, bool present) { writer_.hostIs(name, present); });
-    vrfs_ = std::make_unique<Vrfs>(state_, loop_,
+    if (!hasCapability(CAP_NET_RAW))
+        obstacles_.reasonIs("the agent", "has no CAP_NET_RAW: it can neither send nor hear IGMP",
+                            LogLevel::error);
+    vrfs_ = std::make_unique<Vrfs>(state_, loop_, obstacles_,
                                    [this](std::string const& name) { hosts_->handleDevice(name); });
     doFollowTime();
     doReadState();
@@ -138,6 +142,8 @@ void Daemon::handleTurn() {
         if (ready_) keeper_.doRemove();
         return loop_.stopIs(0);
     }
+    vrfs_->handleTurn();
+    obstacles_.handleTurn();
     if (ready_ || ending_ || !vrfs_->synchronized()) return;
     ready_ = true;
     // What an earlier run announced, where nobody asks for it now, waits for this.
@@ -176,6 +182,9 @@ void Daemon::handleStatus() {
         return log(LogLevel::warning, "no status is written: --status names no file");
     nlohmann::json json = toJson(*state_.status);
     json["igmpHost"] = hosts_->statusJson();
+    json["obstacles"] = nlohmann::json::object();
+    for (auto const& [subject, obstacle] : obstacles_.obstacles())
+        json["obstacles"][subject] = obstacle.reason;
     fileReplace(options_.statusFile, json.dump(2) + "\n");
 }
 

@@ -7,6 +7,7 @@
 #include "agent/ConfigurationWriter.h"
 #include "agent/EventLoop.h"
 #include "agent/IgmpHostAgent.h"
+#include "agent/Obstacles.h"
 #include "agent/StateKeeper.h"
 #include "agent/Vrfs.h"
 
@@ -78,6 +79,7 @@ class Daemon {
     LoopTime time_;
     IgmpHostProxy::PlatformState state_;
     ConfigurationWriter writer_;
+    Obstacles obstacles_;
     Nex::Owned<NexSourceIntfSm> sourceIntfSm_;
     Nex::Ptr<IgmpHostProxy::IgmpHostProxySm> root_;
     Nex::Ptr<IgmpHostAgent> hosts_;

@@ -40,6 +40,14 @@ Lox::IpAddr NamespaceInterfaces::address(std::string const& name) const {
     return kernel && kernel->up ? kernel->primaryAddress() : Lox::IpAddr();
 }
 
+std::optional<std::string> NamespaceInterfaces::obstacle(std::string const& name) const {
+    if (!synchronized()) return std::nullopt;
+    KernelInterface const* const kernel = device(name).kernel;
+    if (!kernel) return "does not exist";
+    if (!kernel->up) return "is down";
+    return kernel->primaryAddress().isZero() ? "has no IPv4 address" : "";
+}
+
 void NamespaceInterfaces::handleInterface(int ifindex) {
     KernelInterface const* const kernel = kernel_.interface(ifindex);
     auto const known = names_.find(ifindex);

@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 
 namespace Agent {
@@ -45,6 +46,8 @@ class NamespaceInterfaces {
     Device device(std::string const& name) const;
     /// 0.0.0.0 unless the interface is usable.
     Lox::IpAddr address(std::string const& name) const;
+    /// What keeps it from being usable; empty for nothing, and nothing before all has been read.
+    std::optional<std::string> obstacle(std::string const& name) const;
     /// Writes what is known of an interface of this VRF.
     void doPublish(std::string const& name);
     /// Takes an interface, or all of this VRF, out of those that can be used; the root machine

@@ -81,7 +81,13 @@ void NamespaceWatch::doLook() {
     observer_();
 }
 
+std::string NamespaceWatch::obstacle() const {
+    if (namespace_.get() >= 0) return {};
+    return "namespace " + name_ + (failure_.empty() ? " does not exist" : ": " + failure_);
+}
+
 std::optional<FileDescriptor> NamespaceWatch::doOpen() {
+    failure_.clear();
     try {
         // That file is nobody's to read. Nothing tells when it goes.
         if (emptyFile(namespaceOpen(name_, O_PATH))) return FileDescriptor();
@@ -98,13 +104,16 @@ std::optional<FileDescriptor> NamespaceWatch::doOpen() {
         if (error == EACCES && name_.starts_with("/proc/"))
             return doFail(std::string(exception.what()) +
                           "; expected a name, as `ip netns attach NAME PID` gives one");
+        if (error == EPERM)
+            return doFail(std::string(exception.what()) +
+                          "; that takes CAP_SYS_ADMIN, which the agent keeps if it starts with it "
+                          "and with a VRF in its configuration");
         return doFail(exception.what());
     }
 }
 
 std::optional<FileDescriptor> NamespaceWatch::doFail(std::string const& text) {
-    if (auto const heldBack = failureLimit_.admitted(EventLoop::now()))
-        log(LogLevel::error, "namespace {}: {} ({} more not shown)", name_, text, *heldBack);
+    failure_ = text;
     return std::nullopt;
 }
 

@@ -33,10 +33,12 @@ class NamespaceWatch {
     /// The namespace, which can be entered; negative while there is none. One that goes is closed
     /// once the observer has been told.
     int namespaceFd() const { return namespace_.get(); }
+    /// Why there is none; empty while there is one.
+    std::string obstacle() const;
 
   private:
     void doLook();
-    /// Nothing where the name cannot tell: a failure, which is logged.
+    /// Nothing where the name cannot tell, because of a failure.
     std::optional<FileDescriptor> doOpen();
     std::optional<FileDescriptor> doFail(std::string const& text);
 
@@ -45,7 +47,7 @@ class NamespaceWatch {
     Observer observer_;
     FileDescriptor mounts_;
     FileDescriptor namespace_;
-    LogLimit failureLimit_;
+    std::string failure_; ///< of the last look; empty for none
     Alarm poll_;
 };
 

@@ -41,11 +41,12 @@ void descriptorLimitRaise() {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-void capabilitiesLimit() {
+void capabilitiesLimit(bool namespaces) {
     if (capng_get_caps_process() != 0)
         throw std::system_error(errno, std::generic_category(), "capabilities");
     capng_select_t const all = CAPNG_SELECT_CAPS;
-    std::vector<unsigned> kept{CAP_NET_ADMIN, CAP_NET_RAW, CAP_SYS_ADMIN, CAP_DAC_READ_SEARCH};
+    std::vector<unsigned> kept{CAP_NET_ADMIN, CAP_NET_RAW, CAP_DAC_READ_SEARCH};
+    if (namespaces) kept.push_back(CAP_SYS_ADMIN);
     std::erase_if(
         kept, [](unsigned wanted) { return capng_have_capability(CAPNG_PERMITTED, wanted) == 0; });
     capng_clear(all);
@@ -53,6 +54,10 @@ void capabilitiesLimit() {
         capng_update(CAPNG_ADD, capng_type_t(CAPNG_EFFECTIVE | CAPNG_PERMITTED), each);
     if (capng_apply(all) != 0)
         throw std::system_error(errno, std::generic_category(), "capabilities");
+}
+
+bool hasCapability(unsigned capability) {
+    return capng_get_caps_process() == 0 && capng_have_capability(CAPNG_EFFECTIVE, capability) != 0;
 }
 
 } // namespace Agent

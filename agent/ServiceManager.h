@@ -13,8 +13,10 @@ void serviceNotify(std::string_view assignment);
 void descriptorLimitRaise();
 
 /// Gives up all capabilities but those that the agent needs: CAP_NET_ADMIN, CAP_NET_RAW,
-/// CAP_SYS_ADMIN to enter network namespaces, and CAP_DAC_READ_SEARCH to read its configuration
-/// again, whoever owns the file. Throws std::system_error.
-void capabilitiesLimit();
+/// CAP_DAC_READ_SEARCH to read its configuration again, whoever owns the file, and, where it has
+/// `namespaces` to enter, CAP_SYS_ADMIN. Throws std::system_error.
+void capabilitiesLimit(bool namespaces);
+/// Whether the agent has a CAP_ number.
+bool hasCapability(unsigned capability);
 
 } // namespace Agent

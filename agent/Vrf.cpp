@@ -10,10 +10,11 @@
 
 namespace Agent {
 
-Vrf::Vrf(IgmpHostProxy::PlatformState& state, EventLoop& loop, std::string name,
-         std::optional<std::string> namespaceName, Owns owns, Observer observer)
+Vrf::Vrf(IgmpHostProxy::PlatformState& state, EventLoop& loop, Obstacles& obstacles,
+         std::string name, std::optional<std::string> namespaceName, Owns owns, Observer observer)
     : state_(state),
       loop_(loop),
+      obstacles_(obstacles),
       name_(std::move(name)),
       namespaceName_(std::move(namespaceName)),
       owns_(std::move(owns)),
@@ -24,7 +25,10 @@ Vrf::Vrf(IgmpHostProxy::PlatformState& state, EventLoop& loop, std::string name,
     if (!namespaceName_) doStart(-1);
 }
 
-Vrf::~Vrf() { doStop(); }
+Vrf::~Vrf() {
+    doStop();
+    obstacles_.reasonDel(subject());
+}
 
 void Vrf::handleNamespace() {
     doStop();
@@ -37,15 +41,26 @@ void Vrf::doRetry() {
         if (!watch_)
             watch_ = std::make_unique<NamespaceWatch>(loop_, *namespaceName_,
                                                       [this] { handleNamespace(); });
-        if (watch_->namespaceFd() < 0) return;
-        doStart(watch_->namespaceFd());
-        log(LogLevel::info, "VRF {}: namespace {} is there", name_.stringValue(), *namespaceName_);
+        if (watch_->namespaceFd() >= 0) doStart(watch_->namespaceFd());
+        obstacleIs(watch_->obstacle());
     } catch (std::exception const& error) {
         doStop();
-        if (auto const heldBack = failureLimit_.admitted(EventLoop::now()))
-            log(LogLevel::error, "VRF {}: {} ({} more not shown)", name_.stringValue(),
-                error.what(), *heldBack);
+        obstacleIs(error.what());
     }
+}
+
+std::string Vrf::subject() const { return "VRF " + name_.stringValue(); }
+
+/// Its interfaces share what stands in its way.
+void Vrf::obstacleIs(std::string obstacle) {
+    if (obstacle == obstacle_) return;
+    obstacle_ = std::move(obstacle);
+    obstacles_.reasonIs(subject(), obstacle_, LogLevel::error);
+    for (std::string const& name : proxies_) observer_(name);
+}
+
+std::optional<std::string> Vrf::obstacle(std::string const& interface) const {
+    return interfaces_ ? interfaces_->obstacle(interface) : subject() + ": " + obstacle_;
 }
 
 void Vrf::doStart(int namespaceFd) {

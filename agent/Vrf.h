@@ -7,6 +7,7 @@
 #include "agent/KernelRoutes.h"
 #include "agent/NamespaceInterfaces.h"
 #include "agent/NamespaceWatch.h"
+#include "agent/Obstacles.h"
 #include "agent/RouteWriter.h"
 
 #include <memory>
@@ -21,11 +22,12 @@ class Vrf {
     using Owns = NamespaceInterfaces::Owns;
     using Observer = NamespaceInterfaces::Observer;
 
-    /// `namespaceName` as namespaceOpen() takes it; nothing for the agent's own namespace. `state`
-    /// and `loop` outlive this. The agent's own namespace is followed at once; throws
-    /// std::system_error where the kernel refuses. Another one waits for doRetry().
-    Vrf(IgmpHostProxy::PlatformState& state, EventLoop& loop, std::string name,
-        std::optional<std::string> namespaceName, Owns owns, Observer observer);
+    /// `namespaceName` as namespaceOpen() takes it; nothing for the agent's own namespace. `state`,
+    /// `loop` and `obstacles`, which is told of the namespace, outlive this. The agent's own
+    /// namespace is followed at once; throws std::system_error where the kernel refuses. Another
+    /// one waits for doRetry().
+    Vrf(IgmpHostProxy::PlatformState& state, EventLoop& loop, Obstacles& obstacles,
+        std::string name, std::optional<std::string> namespaceName, Owns owns, Observer observer);
     ~Vrf();
     /// Takes the interfaces down and forgets the routes.
     void doStop();
@@ -33,11 +35,13 @@ class Vrf {
     Vrf& operator=(Vrf const&) = delete;
 
     std::optional<std::string> const& namespaceName() const { return namespaceName_; }
-    /// Does what the kernel has refused so far; to be called every few seconds. What fails again is
-    /// logged.
+    /// Does what the kernel has refused so far; to be called every few seconds.
     void doRetry();
     /// Null while the namespace is not there, or cannot be followed.
     NamespaceInterfaces* interfaces() const { return interfaces_.get(); }
+    /// What keeps an interface of this VRF from being used; empty for nothing, and nothing while
+    /// that is not known.
+    std::optional<std::string> obstacle(std::string const& interface) const;
     /// Whether the interfaces have been read, if there is a namespace. Not the routes: the kernel
     /// takes minutes to tell a million.
     bool synchronized() const { return !interfaces_ || interfaces_->synchronized(); }
@@ -51,20 +55,23 @@ class Vrf {
 
   private:
     void handleNamespace();
+    void obstacleIs(std::string obstacle);
+    std::string subject() const;
     void doStart(int namespaceFd);
     void handleInterface(std::string const& name);
     void doFilterRoutes();
 
     IgmpHostProxy::PlatformState& state_;
     EventLoop& loop_;
+    Obstacles& obstacles_;
     L3::VrfName name_;
     std::optional<std::string> namespaceName_;
     Owns owns_;
     Observer observer_;
     ForwardingTableConfiguration policy_;
     std::set<std::string> proxies_;
-    RouteFilter filter_; ///< in force
-    LogLimit failureLimit_;
+    RouteFilter filter_;   ///< in force
+    std::string obstacle_; ///< why there are no interfaces
     std::unique_ptr<NamespaceInterfaces> interfaces_;
     std::unique_ptr<RouteWriter> writer_;
     std::unique_ptr<KernelRoutes> routes_;

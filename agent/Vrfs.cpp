@@ -17,27 +17,33 @@ std::string placeIn(std::map<std::string, std::string> const& places, std::strin
 
 } // namespace
 
-Vrfs::Vrfs(IgmpHostProxy::PlatformState& state, EventLoop& loop,
+Vrfs::Vrfs(IgmpHostProxy::PlatformState& state, EventLoop& loop, Obstacles& obstacles,
            NamespaceInterfaces::Observer observer)
     : state_(state),
       loop_(loop),
-      observer_(std::move(observer)),
+      obstacles_(obstacles),
+      observer_([this, observer = std::move(observer)](std::string const& name) {
+          changed_.insert(name);
+          observer(name);
+      }),
       retry_(loop, [this] { doRetry(); }) {
     doAdd(defaultVrf, std::nullopt);
 }
 
 void Vrfs::doAdd(std::string const& name, std::optional<std::string> namespaceName) {
     vrfs_[name] = std::make_unique<Vrf>(
-        state_, loop_, name, std::move(namespaceName),
+        state_, loop_, obstacles_, name, std::move(namespaceName),
         [this, name](std::string const& interface) { return vrfOf(interface) == name; }, observer_);
 }
 
 void Vrfs::configurationIs(Configuration const& configuration) {
     std::map<std::string, std::string> vrfOfInterface;
     std::map<std::string, std::set<std::string>> proxies;
+    for (auto const& item : vrfOfInterface_) changed_.insert(item.first);
     for (auto const& [name, interface] : configuration.interfaces) {
         vrfOfInterface[name] = interface.vrf;
         proxies[interface.vrf].insert(name);
+        changed_.insert(name);
     }
     doMoveInterfaces(std::move(vrfOfInterface));
     auto const goes = [&](auto const& item) {
@@ -83,6 +89,19 @@ void Vrfs::doForget(std::string const& interface) {
     state_.allIntfStatusDir->intfStatusDel(intfId);
     state_.allIntfStatusLocalDir->intfStatusLocalDel(intfId);
     state_.ipStatus->ipIntfStatusDel(intfId);
+}
+
+void Vrfs::handleTurn() {
+    std::erase_if(changed_, [this](std::string const& name) {
+        auto const vrf = vrfs_.find(vrfOf(name));
+        if (vrf == vrfs_.end()) {
+            obstacles_.reasonDel(name);
+            return true;
+        }
+        std::optional<std::string> const obstacle = vrf->second->obstacle(name);
+        if (obstacle) obstacles_.reasonIs(name, *obstacle);
+        return obstacle.has_value();
+    });
 }
 
 bool Vrfs::synchronized() const {

@@ -7,21 +7,25 @@
 
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 
 namespace Agent {
 
 class Vrfs {
   public:
-    /// `observer` is told the name of an interface that changed. `state` and `loop` outlive this.
-    /// Throws std::system_error where the kernel refuses the agent's own namespace.
-    Vrfs(IgmpHostProxy::PlatformState& state, EventLoop& loop,
+    /// `observer` is told the name of an interface that changed. `state`, `loop` and
+    /// `obstacles`, which is told of every interface, outlive this. Throws std::system_error where
+    /// the kernel refuses the agent's own namespace.
+    Vrfs(IgmpHostProxy::PlatformState& state, EventLoop& loop, Obstacles& obstacles,
          NamespaceInterfaces::Observer observer);
 
     /// Adds, replaces and removes VRFs, and moves interfaces between them; whatever stays is not
     /// touched.
     void configurationIs(Configuration const& configuration);
 
+    /// The end of a turn: tells what keeps the interfaces that changed from being used.
+    void handleTurn();
     bool synchronized() const;
     /// The interfaces of a VRF; null while its namespace is not there.
     NamespaceInterfaces const* interfaces(std::string const& vrf) const;
@@ -43,7 +47,9 @@ class Vrfs {
 
     IgmpHostProxy::PlatformState& state_;
     EventLoop& loop_;
+    Obstacles& obstacles_;
     NamespaceInterfaces::Observer observer_;
+    std::set<std::string> changed_; ///< interfaces to tell of, or that nothing is known of yet
     std::map<std::string, std::string> vrfOfInterface_; ///< of those that the configuration names
     Alarm retry_;
     std::map<std::string, std::unique_ptr<Vrf>> vrfs_;

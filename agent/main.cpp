@@ -54,10 +54,11 @@ int serve(Agent::Daemon::Options options) {
     signal(SIGPIPE, SIG_IGN);
     Agent::descriptorLimitRaise();
     // First, so that a file that can be read now can be read again.
-    Agent::capabilitiesLimit();
+    Agent::capabilitiesLimit(true);
     Agent::ConfigurationReading reading = Agent::configurationRead(options.configurationFile);
     Agent::logDiagnostics(reading.diagnostics);
     if (!reading.valid()) return 1;
+    if (reading.configuration.vrfs.empty()) Agent::capabilitiesLimit(false);
     Agent::Daemon daemon(std::move(options), std::move(reading.configuration));
     return daemon.run();
 }

@@ -40,12 +40,15 @@ class AgentTest : public testing::Test {
     }
 
     /// Starts the agent with this configuration, and waits until it says that it is ready.
-    void start(std::string const& configuration) {
+    void start(std::string const& configuration, std::optional<int> missingCapability = {}) {
+        agent.reset();
+        folder.write("output", "");
         folder.write("ihproxyd.toml", configuration);
         agent = std::make_unique<AgentProcess>(folder, net->nearName(),
                                                Lines{"--config", folder.file("ihproxyd.toml"),
                                                      "--status", folder.file("status"), "--state",
-                                                     folder.file("state")});
+                                                     folder.file("state")},
+                                               missingCapability);
         ASSERT_TRUE(agent->says("ready\n")) << agent->output();
     }
     /// Ends the agent before it can do anything about it.

@@ -22,6 +22,9 @@ TEST_F(AgentTest, GroupsComeBackWithTheCarrier) {
     EXPECT_TRUE(learned({}));
     net->nearIp("link set up0 up");
     EXPECT_TRUE(learned(learnedOnce));
+    EXPECT_EQ(agent->output(),
+              "ready\nwarning: up0: is down\nup0: can be used now (before: is down)\n"
+              "warning: up0: is down\nup0: can be used now (before: is down)\n");
 }
 
 TEST_F(AgentTest, InterfaceThatComesLateOrAgainHasTheSameGroups) {
@@ -36,6 +39,8 @@ TEST_F(AgentTest, InterfaceThatComesLateOrAgainHasTheSameGroups) {
     agent->signal(SIGTERM);
     EXPECT_EQ(agent->exitStatus(), 0);
     EXPECT_TRUE(learned({})) << "it leaves on the new interface";
+    EXPECT_TRUE(agent->says("warning: up0: does not exist\n", 2)) << agent->output();
+    EXPECT_TRUE(agent->says("up0: can be used now", 2)) << agent->output();
 }
 
 TEST_F(AgentTest, NoWordWithoutAnAddressAndAllOfThemWithANewOne) {
@@ -45,6 +50,7 @@ TEST_F(AgentTest, NoWordWithoutAnAddressAndAllOfThemWithANewOne) {
     net->nearIp("addr del 10.99.0.2/24 dev up0");
     reload(groupsOn("up0", "'239.1.1.3' = {}\n"));
     EXPECT_EQ(wire->heardAfter({}), Lines{});
+    EXPECT_TRUE(agent->says("warning: up0: has no IPv4 address\n")) << agent->output();
     net->nearIp("addr add 10.99.0.2/24 dev up0");
     Lines const owed = twice({"TO_EX 239.1.1.3", "TO_IN 239.1.1.1", "BLOCK 239.1.1.2 10.0.0.1"});
     EXPECT_EQ(wire->heardAfter(owed), owed) << "also the leaves that nobody could be told";
@@ -72,6 +78,16 @@ TEST_F(AgentTest, RenamedInterfaceFollowsTheNameInTheFile) {
     net->nearIp("link set up9 name up0");
     net->nearIp("link set up0 up");
     EXPECT_TRUE(learned(learnedOnce));
+}
+
+TEST_F(AgentTest, ManyInterfacesThatCannotBeUsedTakeFewLines) {
+    std::string many = oneGroup;
+    for (int i = 0; i < 30; ++i) many += "[interface.no" + std::to_string(i) + "]\n";
+    start(many);
+    EXPECT_TRUE(agent->says("and 10 more that cannot be used")) << agent->output();
+    EXPECT_FALSE(agent->output().find("no9: ") < agent->output().size());
+    reload(oneGroup);
+    EXPECT_EQ(agent->output().find("can be used now"), std::string::npos) << "they are gone";
 }
 
 TEST_F(AgentTest, AgentEndsWellWithoutItsInterface) {

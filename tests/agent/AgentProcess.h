@@ -51,8 +51,9 @@ class AgentProcess {
   public:
     /// Starts the program in a network namespace. It writes its output into the folder, and is
     /// ended with the object or with the test's own process, whichever ends first.
+    /// Without `missing` it has all capabilities that the test has.
     AgentProcess(Folder const& folder, std::string const& namespaceName,
-                 std::vector<std::string> arguments)
+                 std::vector<std::string> arguments, std::optional<int> missing = {})
         : folder_(folder) {
         arguments.insert(arguments.begin(), IHPROXYD);
         std::vector<char*> argv;
@@ -61,6 +62,7 @@ class AgentProcess {
         argv.push_back(nullptr);
         Netns::Inside const inside(namespaceName);
         pid_ = fork();
+        if (pid_ == 0 && missing) prctl(PR_CAPBSET_DROP, *missing);
         if (pid_ == 0) doExec(argv, folder.file("output"));
         if (pid_ < 0) throw std::system_error(errno, std::generic_category(), "fork");
     }

@@ -1,6 +1,7 @@
 // What an operator does to the running agent: files, signals, and what it says in return.
 #include "agent/AgentFixture.h"
 
+#include <linux/capability.h>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -31,13 +32,17 @@ class ServiceSocket {
     }
     ~ServiceSocket() { unsetenv("NOTIFY_SOCKET"); }
 
-    /// The next message, or nothing if none comes.
-    std::string next() const {
-        char text[64];
+    /// The next message but a status, or nothing if none comes.
+    std::string next() {
+        char text[400];
         ssize_t length = -1;
         waitUntil([&] { return (length = recv(socket_.get(), text, sizeof text, 0)) >= 0; });
-        return {text, std::size_t(std::max<ssize_t>(length, 0))};
+        std::string const message(text, std::size_t(std::max<ssize_t>(length, 0)));
+        if (!message.starts_with("STATUS=")) return message;
+        status = message;
+        return next();
     }
+    std::string status; ///< the last one before the message
 
   private:
     Agent::FileDescriptor socket_;
@@ -178,9 +183,10 @@ TEST_F(AgentTest, BadFileAtTheStartOrInACheckIsRefusedWithItsPlaces) {
 }
 
 TEST_F(AgentTest, ServiceManagerIsToldOfEachPhase) {
-    ServiceSocket const service(folder.file("notify"));
+    ServiceSocket service(folder.file("notify"));
     start(groupsOn("up0", threeGroups));
     EXPECT_EQ(service.next(), "READY=1");
+    EXPECT_EQ(service.status, "");
     agent->signal(SIGHUP);
     EXPECT_EQ(service.next().substr(0, 11), "RELOADING=1");
     EXPECT_EQ(service.next(), "READY=1");
@@ -190,8 +196,11 @@ TEST_F(AgentTest, ServiceManagerIsToldOfEachPhase) {
 }
 
 TEST_F(AgentTest, VrfWaitsForDescriptorsAndStartsWhenThereAreSome) {
-    ServiceSocket const service(folder.file("notify"));
-    start(groupsOn("up0", threeGroups));
+    ServiceSocket service(folder.file("notify"));
+    // Else it would give up what enters namespaces.
+    std::string const file =
+        groupsOn("up0", threeGroups) + "[vrf.near]\nnamespace = '" + net->nearName() + "'\n";
+    start(file);
     EXPECT_EQ(service.next(), "READY=1");
     ASSERT_EQ(wire->heardAfter(threeJoined), threeJoined);
     wire->forget();
@@ -202,10 +211,10 @@ TEST_F(AgentTest, VrfWaitsForDescriptorsAndStartsWhenThereAreSome) {
     // Enough to read the file, to watch for the namespace, for all sockets but the last.
     int refused = 0;
     for (int const left : {1, 5, 8}) {
-        reload(groupsOn("up0", threeGroups));
+        reload(file);
         EXPECT_EQ(agent->openDescriptors(), open);
         agent->descriptorsLeftIs(left);
-        reload(groupsOn("up0", threeGroups) + red("red" + std::to_string(left)));
+        reload(file + red("red" + std::to_string(left)));
         EXPECT_TRUE(agent->says("Too many open files", ++refused)) << agent->output();
         for (int i = 0; i < 2; ++i) {
             EXPECT_EQ(service.next().substr(0, 11), "RELOADING=1");
@@ -213,14 +222,43 @@ TEST_F(AgentTest, VrfWaitsForDescriptorsAndStartsWhenThereAreSome) {
         }
     }
     agent->descriptorsLeftIs(100);
-    EXPECT_TRUE(agent->says("VRF red8: namespace " + net->farName() + " is there"));
-    reload(groupsOn("up0", threeGroups));
+    EXPECT_TRUE(agent->says("VRF red8: can be used now (before: "));
+    reload(file);
     EXPECT_EQ(agent->openDescriptors(), open);
     EXPECT_EQ(wire->heardAfter({}), Lines{}) << "up0 is not disturbed";
 }
 
+TEST_F(AgentTest, WhatTheAgentMayNotDoIsAnErrorFromTheStart) {
+    std::string const vrf = "[vrf.red]\nnamespace = '" + net->farName() + "'\n";
+    struct {
+        std::string configuration;
+        int missing;
+        std::string expected;
+    } const cases[] = {
+        {"", CAP_NET_RAW, "the agent: has no CAP_NET_RAW"},
+        {vrf, CAP_SYS_ADMIN,
+         "VRF red: namespace " + net->farName() +
+             ": entering a network namespace: Operation not permitted"},
+    };
+    for (auto const& [configuration, missing, expected] : cases) {
+        Folder const own;
+        ServiceSocket service(own.file("notify"));
+        start(configuration, missing);
+        EXPECT_TRUE(agent->says("error: " + expected)) << agent->output();
+        EXPECT_EQ(service.next(), "READY=1");
+        EXPECT_TRUE(service.status.starts_with("STATUS=" + expected)) << service.status;
+    }
+    auto const mayEnter = [&] { return (agent->statusField("CapPrm") >> CAP_SYS_ADMIN & 1) != 0; };
+    start(vrf);
+    EXPECT_TRUE(mayEnter());
+    EXPECT_EQ(agent->output().find("error"), std::string::npos) << agent->output();
+    start("");
+    EXPECT_FALSE(mayEnter()) << "there is nothing to enter";
+}
+
 TEST_F(AgentTest, StatusFileShowsWhatIsAnnounced) {
-    start(groupsOn("up0", threeGroups));
+    start(groupsOn("up0", threeGroups) +
+          "[interface.up1]\n[interface.up2]\nvrf = 'none'\n[vrf.none]");
     ASSERT_TRUE(learned(threeLearned));
     std::filesystem::create_directory(folder.file("status"));
     agent->signal(SIGUSR1);
@@ -235,6 +273,10 @@ TEST_F(AgentTest, StatusFileShowsWhatIsAnnounced) {
     EXPECT_EQ(groups["239.1.1.1"]["excludeSourceList"], nlohmann::json({"0.0.0.0"}));
     EXPECT_EQ(groups["239.1.1.2"]["includeSourceList"], nlohmann::json({"10.0.0.1", "10.0.0.2"}));
     EXPECT_EQ(groups["239.1.1.3"]["excludeSourceList"], nlohmann::json({"10.0.0.9"}));
+    EXPECT_EQ(status["obstacles"],
+              nlohmann::json({{"up1", "does not exist"},
+                              {"up2", "VRF none: namespace none does not exist"},
+                              {"VRF none", "namespace none does not exist"}}));
 }
 
 } // namespace

@@ -181,7 +181,8 @@ TEST_F(KernelRoutesTest, ReadingThatTheKernelGivesUpIsBegunAgain) {
 TEST_F(KernelRoutesTest, InterfacesThatTheKernelGivesUpAreReadAgain) {
     NamespaceScope const inside(space.get());
     IgmpHostProxy::PlatformState state;
-    Vrfs vrfs(state, loop, [](std::string const&) {});
+    Obstacles obstacles;
+    Vrfs vrfs(state, loop, obstacles, [](std::string const&) {});
     for (int const each : netlinkSockets(true)) deafen(each); // links have come, addresses not yet
     vrfs.configurationIs({});
     EXPECT_FALSE(serveUntil([&] { return vrfs.synchronized(); }, 1));

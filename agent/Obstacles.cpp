@@ -1,0 +1,53 @@
+#include "agent/Obstacles.h"
+
+#include "agent/Printable.h"
+#include "agent/ServiceManager.h"
+
+#include <algorithm>
+
+namespace Agent {
+
+namespace {
+
+/// Lines in one turn: a namespace may take thousands of interfaces with it.
+constexpr unsigned most = 20;
+
+} // namespace
+
+void Obstacles::reasonIs(std::string const& subject, std::string const& reason, LogLevel level) {
+    std::string const name = printable(subject);
+    auto const known = obstacles_.find(name);
+    if (known == obstacles_.end() ? reason.empty() : known->second.reason == printable(reason))
+        return;
+    changed_ = true;
+    if (reason.empty()) {
+        if (++ended_ <= most)
+            log(LogLevel::info, "{}: can be used now (before: {})", name, known->second.reason);
+        obstacles_.erase(known);
+        return;
+    }
+    obstacles_[name] = {level, printable(reason)};
+    if (++begun_ <= most) log(level, "{}: {}", name, obstacles_[name].reason);
+}
+
+void Obstacles::reasonDel(std::string const& subject) {
+    if (obstacles_.erase(printable(subject)) != 0) changed_ = true;
+}
+
+void Obstacles::handleTurn() {
+    if (!changed_) return;
+    if (begun_ > most) log(LogLevel::warning, "and {} more that cannot be used", begun_ - most);
+    if (ended_ > most) log(LogLevel::info, "and {} more that can be used now", ended_ - most);
+    changed_ = false;
+    begun_ = ended_ = 0;
+    auto const gravest =
+        std::min_element(obstacles_.begin(), obstacles_.end(), [](auto const& a, auto const& b) {
+            return a.second.level < b.second.level;
+        });
+    if (gravest == obstacles_.end()) return serviceNotify("STATUS=nothing is in the way");
+    std::string status = fmt::format("STATUS={}: {}", gravest->first, gravest->second.reason);
+    if (obstacles_.size() > 1) status += fmt::format(" (and {} more)", obstacles_.size() - 1);
+    serviceNotify(status);
+}
+
+} // namespace Agent

@@ -1,0 +1,37 @@
+// What keeps the agent, a VRF or an interface from working, in words. It is told once as it begins
+// and once as it ends: in the log, and to the service manager, which shows it while it lasts.
+#pragma once
+
+#include "agent/Log.h"
+
+#include <map>
+#include <string>
+
+namespace Agent {
+
+class Obstacles {
+  public:
+    struct Obstacle {
+        LogLevel level;
+        std::string reason;
+    };
+
+    /// Why `subject` cannot be used, such as "is down"; empty once it can be. What is known already
+    /// is not told again.
+    void reasonIs(std::string const& subject, std::string const& reason,
+                  LogLevel level = LogLevel::warning);
+    /// There is no such subject any more.
+    void reasonDel(std::string const& subject);
+    /// The end of a turn of the event loop, of which only so many lines go into the log.
+    void handleTurn();
+    /// By subject; printable ASCII only.
+    std::map<std::string, Obstacle> const& obstacles() const { return obstacles_; }
+
+  private:
+    std::map<std::string, Obstacle> obstacles_;
+    bool changed_ = false; ///< in this turn
+    unsigned begun_ = 0;   ///< in this turn
+    unsigned ended_ = 0;   ///< in this turn
+};
+
+} // namespace Agent
