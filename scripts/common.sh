@@ -1,4 +1,5 @@
-# Read by ./check and ./run: the Debian packages that they need, and how to become root.
+# Read by ./check and ./run: the Debian packages that they need, how to become root, and how they tell
+# what they do. They set `log`, the file that takes all that a step says.
 # shellcheck shell=bash disable=SC2034 # its readers use what it sets
 
 # To build the agent and to show it at work.
@@ -30,14 +31,62 @@ missingPackages() {
     comm -23 <(printf '%s\n' "$@" | sort -u) <(sort -u <<<"$installed")
 }
 
-# Installs those of the packages named that are missing; asks apt for nothing if none is.
+# Runs a command as one step: a line with its name and how long it took, its output in the log. That
+# part of the log is shown if it fails, which ends the script.
+step() {
+    current=$1
+    logged=$(stat -c %s "$log")
+    local begun=$SECONDS
+    shift
+    printf '%s ... ' "$current" >&2
+    "$@" >>"$log" 2>&1 </dev/null
+    printf '%d s\n' $((SECONDS - begun)) >&2
+    current=
+}
+
+# What the script's end says of the step that it fails in.
+endOfScript() {
+    local status=$?
+    [ $status != 0 ] && [ -n "${current:-}" ] || return 0
+    echo "failed" >&2
+    [ $status = 130 ] || tail -c "+$((logged + 1))" "$log" >&2
+    echo "${0##*/}: failed: $current (all output is in $log)" >&2
+}
+
+# Begins the log, and has the end of the script looked at.
+beginLog() {
+    log=$1
+    mkdir -p "$(dirname "$log")"
+    : >"$log"
+    trap endOfScript EXIT
+}
+
+# What installing these packages takes, in apt's own words.
+installationSize() {
+    LC_ALL=C apt-get install --assume-no --no-install-recommends -o Debug::NoLocking=true "$@" 2>&1 |
+        sed -n 's/^Need to get \(.*\) of archives\.$/  to fetch: \1/p
+                s/^After this operation, \(.*\) of additional disk space will be used\.$/  on disk: \1/p' || true
+}
+
+# Installs those of the packages named that are missing; asks apt for nothing if none is. Says first
+# what it does and how long all takes, `$1`.
 installPackages() {
-    local missing
+    local time=$1 missing
+    shift
     mapfile -t missing < <(missingPackages "$@")
     [ "${#missing[@]}" -gt 0 ] || return 0
-    echo "installing: ${missing[*]}"
-    asRoot apt-get update -q
-    asRoot env DEBIAN_FRONTEND=noninteractive \
+    if [ "$EUID" != 0 ] && ! command -v sudo >/dev/null; then
+        echo "These Debian packages are missing, and without sudo only root can install them:" >&2
+        echo "  apt-get install --no-install-recommends ${missing[*]}" >&2
+        exit 1
+    fi
+    echo "To install first: ${missing[*]}" >&2
+    echo "With the first build this takes $time." >&2
+    # So that a password is asked for here, and not within a step.
+    [ "$EUID" = 0 ] || sudo true
+    step "packages: look up" asRoot apt-get update -q
+    installationSize "${missing[@]}" >&2
+    step "packages: install" asRoot env DEBIAN_FRONTEND=noninteractive \
         apt-get install -q -y --no-install-recommends "${missing[@]}"
 }
 
