@@ -2,7 +2,6 @@
 
 #include "agent/Log.h"
 #include "agent/ServiceManager.h"
-#include "agent/StatusJson.h"
 
 #include "IgmpHostProxy/AddressRangeIterator.h"
 
@@ -13,6 +12,39 @@
 #include <unistd.h>
 
 namespace Agent {
+
+namespace {
+
+/// What is announced, under "igmpHost" what the ports count, and under "obstacles" what keeps whom
+/// from working.
+class StatusPart : public JsonPart {
+  public:
+    /// `obstacles` outlives this.
+    StatusPart(Nex::Ptr<IgmpHostProxy::Status const> announced, std::unique_ptr<JsonPart> hosts,
+               Obstacles const& obstacles)
+        : announced_(std::move(announced)), hosts_(std::move(hosts)), obstacles_(&obstacles) {}
+    bool next(JsonStream& stream) override {
+        if (announced_.next(stream)) return true;
+        if (hosts_) {
+            stream.open("igmpHost", std::move(hosts_));
+            return true;
+        }
+        if (!obstacles_) return false;
+        auto json = nlohmann::json::object();
+        for (auto const& [subject, obstacle] : obstacles_->obstacles())
+            json[subject] = obstacle.reason;
+        stream.add("obstacles", json);
+        obstacles_ = nullptr;
+        return true;
+    }
+
+  private:
+    RecordPart<IgmpHostProxy::Status> announced_;
+    std::unique_ptr<JsonPart> hosts_;
+    Obstacles const* obstacles_;
+};
+
+} // namespace
 
 void logDiagnostics(std::vector<Diagnostic> const& diagnostics) {
     for (Diagnostic const& diagnostic : diagnostics) {
@@ -41,6 +73,10 @@ Daemon::Daemon(Options options, Configuration configuration)
                             LogLevel::error);
     vrfs_ = std::make_unique<Vrfs>(state_, loop_, obstacles_,
                                    [this](std::string const& name) { hosts_->handleDevice(name); });
+    if (!options_.statusFile.empty())
+        statusFile_.emplace(loop_, options_.statusFile, [this] {
+            return std::make_unique<StatusPart>(state_.status, hosts_->statusPart(), obstacles_);
+        });
     doFollowTime();
     doReadState();
     doConfigure(std::move(configuration));
@@ -178,14 +214,8 @@ void Daemon::doReload() {
 }
 
 void Daemon::handleStatus() {
-    if (options_.statusFile.empty())
-        return log(LogLevel::warning, "no status is written: --status names no file");
-    nlohmann::json json = toJson(*state_.status);
-    json["igmpHost"] = hosts_->statusJson();
-    json["obstacles"] = nlohmann::json::object();
-    for (auto const& [subject, obstacle] : obstacles_.obstacles())
-        json["obstacles"][subject] = obstacle.reason;
-    fileReplace(options_.statusFile, json.dump(2) + "\n");
+    if (!statusFile_) return log(LogLevel::warning, "no status is written: --status names no file");
+    statusFile_->doWrite();
 }
 
 void Daemon::handleTerminate() {

@@ -9,9 +9,11 @@
 #include "agent/IgmpHostAgent.h"
 #include "agent/Obstacles.h"
 #include "agent/StateKeeper.h"
+#include "agent/StatusFile.h"
 #include "agent/Vrfs.h"
 
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace Agent {
@@ -85,6 +87,7 @@ class Daemon {
     Nex::Ptr<IgmpHostAgent> hosts_;
     std::unique_ptr<Vrfs> vrfs_;
     StateKeeper keeper_;
+    std::optional<StatusFile> statusFile_;
     bool ready_ = false;
     bool ending_ = false;
 };

@@ -126,10 +126,25 @@ void IgmpHostAgent::doEnd(double now) {
     doForgetFinished(now);
 }
 
-nlohmann::json IgmpHostAgent::statusJson() const {
-    auto json = nlohmann::json::object();
-    for (auto const& [name, port] : ports_) json[name] = port->statusJson();
-    return json;
+/// One port at a time, found by the name of the one before: ports come and go meanwhile.
+class IgmpHostAgent::StatusPart : public JsonPart {
+  public:
+    explicit StatusPart(Nex::Ptr<IgmpHostAgent const> agent) : agent_(std::move(agent)) {}
+    bool next(JsonStream& stream) override {
+        auto const port = agent_->ports_.upper_bound(last_);
+        if (port == agent_->ports_.end()) return false;
+        last_ = port->first;
+        stream.add(last_, port->second->statusJson());
+        return true;
+    }
+
+  private:
+    Nex::Ptr<IgmpHostAgent const> agent_;
+    std::string last_;
+};
+
+std::unique_ptr<JsonPart> IgmpHostAgent::statusPart() const {
+    return std::make_unique<StatusPart>(Nex::Ptr<IgmpHostAgent const>(this));
 }
 
 } // namespace Agent

@@ -8,6 +8,7 @@
 #pragma once
 
 #include "agent/IgmpHostPort.h"
+#include "agent/JsonStream.h"
 #include "agent/StateFile.h"
 
 #include <map>
@@ -49,7 +50,7 @@ class IgmpHostAgent : public Nex::PtrInterface {
     /// Whether that is over, a second later at most.
     bool ended() const { return ending_ && absent_.empty(); }
     /// What each port has counted, by the interface's name.
-    nlohmann::json statusJson() const;
+    std::unique_ptr<JsonPart> statusPart() const;
 
   private:
     class NexIgmpHostDir : public Nex::Reactor<Igmp::IgmpHostDir::Notifiee, IgmpHostAgent> {
@@ -57,6 +58,8 @@ class IgmpHostAgent : public Nex::PtrInterface {
         using Reactor::Reactor;
         void onIgmpHost(Nex::Name name) override { machine()->handleHost(name); }
     };
+
+    class StatusPart;
 
     void handleHost(Nex::Name const& name);
     Nex::Ptr<IgmpHostPort> portFor(std::string const& name, std::string const& vrf);

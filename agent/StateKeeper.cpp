@@ -1,7 +1,7 @@
 #include "agent/StateKeeper.h"
 
+#include "agent/FileReplacement.h"
 #include "agent/Log.h"
-#include "agent/StatusJson.h"
 
 #include <algorithm>
 #include <exception>
@@ -54,7 +54,9 @@ void StateKeeper::doWrite() {
     if (text_->truncated() && truncationLimit_.admitted(EventLoop::now()))
         log(LogLevel::warning, "{} has no room for all groups; some would not be left", file_);
     try {
-        fileReplace(file_, text_->take());
+        FileReplacement file(file_);
+        file.add(text_->take());
+        file.finish();
     } catch (std::exception const& error) {
         if (auto const heldBack = failureLimit_.admitted(EventLoop::now()))
             log(LogLevel::warning, "the state file is not written: {} ({} more not shown)",

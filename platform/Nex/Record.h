@@ -12,9 +12,9 @@
 //
 // and NEX_RECORD expands the list into storage, accessors, the notification interfaces
 // `NotifieeConst` and `Notifiee`, and `nexVisit`, which shows every attribute to a visitor with a
-// function of each kind's name. Every collection also has nameCount() and, for reactors that bring
-// themselves in step with the whole, onName##nexImmediate(), which runs as the reactor is pointed
-// at another record.
+// function of each kind's name; the walk over records is made by the visitor, who may keep it.
+// Every collection also has nameCount() and, for reactors that bring themselves in step with the
+// whole, onName##nexImmediate(), which runs as the reactor is pointed at another record.
 //
 // A lookup returns a plain pointer, good until the entry is deleted: hold a `Ptr` across calls
 // that may do so. `nameIs` of RECORDS returns a counted pointer for that reason. A walk holds its
@@ -234,7 +234,7 @@ constexpr bool sameName(std::string_view lower, std::string_view upper) {
 #define NEX_VISIT_SET(KEY, NAME, UPPER) visitor.set(#NAME, NAME##_.walk());
 #define NEX_VISIT_MAP(KEY, VALUE, NAME, UPPER) visitor.map(#NAME, NAME##_.walk());
 #define NEX_VISIT_RECORDS(KEY, TYPE, NAME, UPPER)                                                  \
-    visitor.records(#NAME, NAME##_.template walk<::Nex::Ptr<TYPE const>>());
+    visitor.records(#NAME, [this] { return NAME##_.template walk<::Nex::Ptr<TYPE const>>(); });
 
 #define NEX_ACCESS_ATTR(TYPE, NAME, UPPER)                                                         \
     TYPE NAME() const { return NAME##_; }                                                          \

@@ -71,8 +71,8 @@ class Dump {
         for (auto const& item : walk)
             put(name + "[" + Nex::textOf(item.key) + "] = " + std::to_string(item.value));
     }
-    void records(std::string const& name, auto walk) const {
-        for (auto const& item : walk) {
+    void records(std::string const& name, auto makeWalk) const {
+        for (auto const& item : makeWalk()) {
             std::string const entry = name + "[" + Nex::textOf(item.key) + "]";
             put(entry);
             item.value->nexVisit(Dump(prefix_ + entry + "/", lines_));
