@@ -6,7 +6,7 @@
 #include <cmath>
 #include <ctime>
 #include <exception>
-#include <string>
+#include <new>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
 #include <sys/timerfd.h>
@@ -17,6 +17,10 @@
 namespace Agent {
 
 namespace {
+
+/// After a turn with a failure.
+constexpr double leastPauseSeconds = 0.001;
+constexpr double mostPauseSeconds = 0.1;
 
 int checked(int result, char const* what) {
     if (result < 0) throw std::system_error(errno, std::generic_category(), what);
@@ -61,11 +65,12 @@ void EventLoop::descriptorIs(int fd, std::uint32_t events, DescriptorHandler han
     epoll_event event{};
     event.events = events;
     event.data.u64 = std::uint64_t(watch->serial) << 32 | std::uint32_t(fd);
-    if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) < 0) {
-        if (errno != EEXIST) checked(-1, "epoll_ctl");
-        checked(epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, fd, &event), "epoll_ctl");
-    }
-    watches_[fd] = watch;
+    auto const place = watches_.try_emplace(fd).first; // before the kernel knows of it
+    int result = epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event);
+    if (result < 0 && errno == EEXIST) result = epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, fd, &event);
+    if (result < 0 && !place->second) watches_.erase(place);
+    checked(result, "epoll_ctl");
+    place->second = watch;
 }
 
 void EventLoop::descriptorDel(int fd) {
@@ -106,8 +111,17 @@ void EventLoop::doTurn() {
     for (int i = 0; i < count; ++i)
         handleReady(ready[std::size_t(i)].data.u64, ready[std::size_t(i)].events);
     doGuarded([this] { doRunExpired(); });
-    // By index and by copy: a hook may add hooks.
-    for (std::size_t i = 0; i < hooks_.size(); ++i) doGuarded(Handler(hooks_[i]));
+    for (std::size_t i = 0; i < hooks_.size(); ++i) doGuarded(hooks_[i]); // a hook may add hooks
+    if (std::exchange(exhausted_, false) && handleExhaustion_) doGuarded(handleExhaustion_);
+    doPauseAfterFailure();
+}
+
+void EventLoop::doPauseAfterFailure() {
+    bool const failed = std::exchange(failed_, false);
+    pauseSeconds_ = failed ? std::clamp(2 * pauseSeconds_, leastPauseSeconds, mostPauseSeconds) : 0;
+    if (!failed) return;
+    timespec const pause = toTimespec(pauseSeconds_);
+    nanosleep(&pause, nullptr);
 }
 
 /// 0 if something is due already, otherwise without limit and the timer armed.
@@ -141,30 +155,39 @@ void EventLoop::handleReady(std::uint64_t token, std::uint32_t events) {
 }
 
 void EventLoop::handleSignals() {
-    std::vector<Handler> pending;
-    for (auto const& [signal, handler] : signalHandlers_) {
+    for (std::size_t i = 0; i < signalHandlers_.size(); ++i) {
+        auto const& [signal, handler] = signalHandlers_[i];
         sigset_t one;
         sigemptyset(&one);
         sigaddset(&one, signal);
         // Each once. The descriptor would yield the lowest number for as long as it is sent.
         timespec const noWait{};
-        if (sigtimedwait(&one, nullptr, &noWait) == signal) pending.push_back(handler);
+        if (status_ || sigtimedwait(&one, nullptr, &noWait) != signal) continue;
+        doGuarded(handler);
     }
-    for (Handler const& handler : pending)
-        if (!status_) doGuarded(handler);
 }
 
-void EventLoop::doGuarded(Handler const& handler) {
-    std::string text = "an unknown exception";
+template <class Action>
+void EventLoop::doGuarded(Action const& action) noexcept {
     try {
-        handler();
-        return;
+        action();
+    } catch (std::bad_alloc const& exception) {
+        exhausted_ = true;
+        doLogFailure(exception.what());
     } catch (std::exception const& exception) {
-        text = exception.what();
+        doLogFailure(exception.what());
     } catch (...) {
+        doLogFailure("an unknown exception");
     }
-    if (auto const heldBack = exceptionLimit_.admitted(now()))
-        log(LogLevel::error, "a handler failed: {} ({} more not shown)", text, *heldBack);
+}
+
+void EventLoop::doLogFailure(char const* text) noexcept {
+    failed_ = true;
+    try {
+        if (auto const heldBack = exceptionLimit_.admitted(now()))
+            log(LogLevel::error, "a handler failed: {} ({} more not shown)", text, *heldBack);
+    } catch (...) { // no memory for the line, either
+    }
 }
 
 } // namespace Agent

@@ -7,20 +7,22 @@
 // was not refreshed, so expiries that it has overtaken must count as due.
 //
 // Handlers may add and remove descriptors, their own included, and stop the loop. An exception that
-// a handler lets out is logged and the loop goes on: no input ends the agent.
+// a handler lets out is logged and the loop goes on: no input ends the agent. What failed may be
+// due again at once; so the loop pauses after a turn with a failure, the longer the more of them
+// follow each other.
 #pragma once
 
 #include "agent/FileDescriptor.h"
 #include "agent/Log.h"
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <signal.h>
 #include <utility>
-#include <vector>
 
 namespace Agent {
 
@@ -60,6 +62,11 @@ class EventLoop {
     /// Runs `hook` at the end of every turn, after those added before it.
     void endOfTurnIs(Handler hook);
 
+    /// Calls `handler` at the end of a turn in which memory ran out: something may be half done.
+    void exhaustionIs(Handler handler) { handleExhaustion_ = std::move(handler); }
+    /// For those who catch that themselves.
+    void doReportExhaustion() noexcept { exhausted_ = true; }
+
     /// Serves until stopIs; returns its status.
     int run();
     /// Ends run() after the current turn, or the next run() at once. The first call decides the
@@ -78,7 +85,10 @@ class EventLoop {
     void doRunExpired();
     void handleReady(std::uint64_t token, std::uint32_t events);
     void handleSignals();
-    void doGuarded(Handler const& handler);
+    template <class Action>
+    void doGuarded(Action const& action) noexcept;
+    void doLogFailure(char const* text) noexcept;
+    void doPauseAfterFailure();
 
     FileDescriptor epoll_;
     FileDescriptor timer_;
@@ -88,10 +98,15 @@ class EventLoop {
     std::map<int, std::shared_ptr<Watch>> watches_;
     // Tells a descriptor from a closed one of the same number, whose event may still be in hand.
     std::uint32_t lastSerial_ = 0;
-    std::vector<std::pair<int, Handler>> signalHandlers_; ///< in the order of their rank
+    // Places that stay as handlers add others: what is called is not copied, which takes memory.
+    std::deque<std::pair<int, Handler>> signalHandlers_; ///< in the order of their rank
     std::function<std::optional<double>()> nextExpiry_ = [] { return std::nullopt; };
     std::function<void(double now)> handleTime_;
-    std::vector<Handler> hooks_;
+    std::deque<Handler> hooks_;
+    Handler handleExhaustion_;
+    bool exhausted_ = false;
+    bool failed_ = false;     ///< in this turn
+    double pauseSeconds_ = 0; ///< after the last turn
     std::optional<double> armedFor_;
     std::optional<int> status_;
     LogLimit exceptionLimit_{1};
