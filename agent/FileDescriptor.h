@@ -1,6 +1,7 @@
 // Sole ownership of a file descriptor.
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 #include <utility>
 
@@ -26,5 +27,14 @@ class FileDescriptor {
   private:
     int fd_ = -1;
 };
+
+/// Sees to it that no file or socket gets the number of standard input, output or error, where what
+/// is printed would end up in it. To be called before the first is opened.
+inline void standardDescriptorsReserve() {
+    int fd = 0;
+    do fd = open("/dev/null", O_RDWR);
+    while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0) close(fd);
+}
 
 } // namespace Agent

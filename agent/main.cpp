@@ -1,6 +1,7 @@
 // ihproxyd: announces multicast groups on upstream interfaces, as an IGMP host.
 #include "agent/Configuration.h"
 #include "agent/Daemon.h"
+#include "agent/FileDescriptor.h"
 #include "agent/Log.h"
 #include "agent/ServiceManager.h"
 
@@ -67,6 +68,7 @@ int serve(Agent::Daemon::Options options) {
 
 int main(int argc, char** argv) {
     holdRequests();
+    Agent::standardDescriptorsReserve();
     try {
         CLI::App app("Announces multicast groups on upstream interfaces, as an IGMP host.");
         Agent::Daemon::Options options;

@@ -7,6 +7,7 @@
 #include <string>
 #include <sys/epoll.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace Agent {
@@ -133,6 +134,39 @@ TEST_F(EventLoopTest, SignalSentWithoutEndStarvesNoOther) {
     raise(SIGHUP);
     EXPECT_EQ(loop.run(), 4);
     EXPECT_EQ(calls, "H.H.H..") << "a call in each turn, and none beside the end";
+}
+
+/// Neither a time that stays due nor a descriptor that stays ready keeps the processor busy.
+TEST_F(EventLoopTest, HandlerThatFailsForeverDoesNotSpin) {
+    testing::internal::CaptureStderr();
+    ReadyPipe const pipe;
+    int calls = 0, exhaustions = 0;
+    auto const fail = [&] {
+        ++calls;
+        throw std::bad_alloc();
+    };
+    loop.descriptorIs(pipe.fd(), EPOLLIN, [&](std::uint32_t) { fail(); });
+    loop.timeIs([] { return 0.0; }, [&](double) { fail(); });
+    loop.exhaustionIs([&] { ++exhaustions; });
+    double const start = EventLoop::now();
+    doTurns(12);
+    EXPECT_EQ(calls, 24);
+    EXPECT_EQ(exhaustions, 12);
+    EXPECT_GT(EventLoop::now() - start, 0.3);
+    testing::internal::GetCapturedStderr();
+}
+
+TEST_F(EventLoopTest, StandardDescriptorsThatAreClosedAreTaken) {
+    pid_t const child = fork();
+    if (child == 0) {
+        close(STDIN_FILENO);
+        close(STDERR_FILENO);
+        standardDescriptorsReserve();
+        _exit(dup(STDOUT_FILENO) > STDERR_FILENO && fcntl(STDERR_FILENO, F_GETFD) == 0 ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
 }
 
 } // namespace
