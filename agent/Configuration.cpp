@@ -20,6 +20,8 @@ namespace Agent {
 namespace {
 
 constexpr std::size_t mostFileBytes = 64 << 20;
+/// To read a file that is being written, a millisecond apart.
+constexpr unsigned mostAttempts = 50;
 constexpr double longestReportInterval = 3600;
 /// Within 100 ms. A million groups in version 3 need fewer.
 constexpr std::int64_t mostPackets = 10000;
@@ -271,24 +273,38 @@ std::set<std::string> attachedLists(toml::table const& root) {
     return names;
 }
 
-/// Throws std::runtime_error with the reason.
-std::string fileContent(std::string const& file) {
+/// Nothing if it was written meanwhile: what has been read may be a part. Throws std::runtime_error
+/// with the reason.
+std::optional<std::string> fileContentOnce(std::string const& file) {
     auto const fail = [](int error) { throw std::system_error(error, std::generic_category()); };
     // To open a pipe would wait for a writer, and to read it again find it empty.
     FileDescriptor const descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    struct stat status {};
-    if (descriptor.get() < 0 || fstat(descriptor.get(), &status) < 0) fail(errno);
-    if (!S_ISREG(status.st_mode)) throw std::runtime_error("not a regular file");
+    struct stat before {};
+    if (descriptor.get() < 0 || fstat(descriptor.get(), &before) < 0) fail(errno);
+    if (!S_ISREG(before.st_mode)) throw std::runtime_error("not a regular file");
     std::string content;
     std::string chunk(64 << 10, '\0');
-    for (;;) {
-        ssize_t const got = read(descriptor.get(), chunk.data(), chunk.size());
+    while (ssize_t const got = read(descriptor.get(), chunk.data(), chunk.size())) {
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) fail(errno);
-        if (got == 0) return content;
         content.append(chunk, 0, std::size_t(got));
         if (content.size() > mostFileBytes) fail(EFBIG);
     }
+    struct stat after {};
+    if (fstat(descriptor.get(), &after) < 0) fail(errno);
+    bool const unchanged = before.st_mtim.tv_sec == after.st_mtim.tv_sec &&
+                           before.st_mtim.tv_nsec == after.st_mtim.tv_nsec &&
+                           content.size() == std::size_t(after.st_size);
+    return unchanged ? std::optional(std::move(content)) : std::nullopt;
+}
+
+/// Throws std::runtime_error with the reason.
+std::string fileContent(std::string const& file) {
+    for (unsigned attempt = 0; attempt < mostAttempts; ++attempt) {
+        if (auto content = fileContentOnce(file)) return *std::move(content);
+        usleep(1000);
+    }
+    throw std::runtime_error("it keeps changing");
 }
 
 } // namespace
