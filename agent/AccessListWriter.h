@@ -26,6 +26,8 @@ class AccessListWriter {
 
     /// Puts these lists in force, in place of those before. Returns whether a rule went.
     bool listsIs(Lists const& lists);
+    /// Nothing is in force: somebody has emptied the records.
+    void doForget() { written_.clear(); }
 
   private:
     struct Rule {

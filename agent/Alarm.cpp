@@ -34,4 +34,9 @@ void Alarm::delayIs(double delaySeconds) {
     timerfd_settime(timer_.get(), 0, &setting, nullptr);
 }
 
+void Alarm::delayDel() {
+    itimerspec const none{};
+    timerfd_settime(timer_.get(), 0, &none, nullptr);
+}
+
 } // namespace Agent

@@ -17,6 +17,8 @@ class Alarm {
     /// Calls the handler once, in `delaySeconds` of CLOCK_BOOTTIME in place of an earlier delay; 0
     /// means in the next turn, after what else has become ready.
     void delayIs(double delaySeconds);
+    /// Calls nothing after all.
+    void delayDel();
 
   private:
     EventLoop& loop_;

@@ -70,6 +70,20 @@ std::set<Claim> claims(Configuration const& configuration,
 
 void ConfigurationWriter::configurationIs(Configuration configuration) {
     before_ = std::exchange(written_, std::move(configuration));
+    doWrite();
+}
+
+void ConfigurationWriter::doRewrite(std::function<void()> const& attach) {
+    before_ = {};
+    hosts_.clear();
+    accessLists_.doForget();
+    state_.config->intfConfigDelAll();
+    state_.aclConfig->aclDelAll();
+    attach();
+    doWrite();
+}
+
+void ConfigurationWriter::doWrite() {
     auto const& now = written_.interfaces;
     bool lost = false;
     // What goes, goes first: any source is refused while specific sources of the group are listed.

@@ -15,6 +15,9 @@ namespace Agent {
 
 namespace {
 
+/// How soon the attempt to recover is repeated, in seconds.
+constexpr double rebuildSeconds = 1;
+
 /// What is announced, under "igmpHost" what the ports count, and under "obstacles" what keeps whom
 /// from working.
 class StatusPart : public JsonPart {
@@ -77,6 +80,7 @@ Daemon::Daemon(Options options, Configuration configuration)
         statusFile_.emplace(loop_, options_.statusFile, [this] {
             return std::make_unique<StatusPart>(state_.status, hosts_->statusPart(), obstacles_);
         });
+    loop_.exhaustionIs([this] { handleExhaustion(); });
     doFollowTime();
     doReadState();
     doConfigure(std::move(configuration));
@@ -148,11 +152,47 @@ bool Daemon::settled(std::string const& name, std::string const& vrf) const {
 }
 
 void Daemon::doConfigure(Configuration configuration) {
-    // Interfaces that go leave their groups before their VRF is taken away.
-    writer_.configurationIs(std::move(configuration));
+    try {
+        // Interfaces that go leave their groups before their VRF is taken away.
+        writer_.configurationIs(std::move(configuration));
+        if (damaged_) return doRebuild();
+        vrfs_->configurationIs(writer_.configuration());
+        hosts_->handleConfiguration();
+        for (auto const& released : writer_.released()) doRelease(released);
+    } catch (std::exception const& error) {
+        log(LogLevel::error, "the configuration is put in force anew, because of: {}",
+            error.what());
+        doRebuild();
+    }
+}
+
+/// Something has failed half way, most likely for want of memory, and nobody knows what the
+/// machines have heard. They are made anew, over records that are written anew; the ports stay, so
+/// that the network hears of nothing but differences. If this fails, too, it is tried again.
+void Daemon::doRebuild() {
+    if (ending_) return;
+    handleExhaustion();
+    hosts_->doDetach();
+    root_ = nullptr;
+    state_.hostDir->igmpHostDelAll();
+    state_.hostStatusDir->igmpHostStatusDelAll();
+    state_.status->intfStatusDelAll();
+    writer_.doRewrite([this] {
+        root_ = state_.makeRoot();
+        hosts_->doAttach();
+    });
     vrfs_->configurationIs(writer_.configuration());
+    vrfs_->doRenew();
+    hosts_->doEndRebuild();
     hosts_->handleConfiguration();
-    for (auto const& released : writer_.released()) doRelease(released);
+    damaged_ = false;
+    rebuild_.delayDel();
+    log(LogLevel::warning, "everything was built anew after a failure");
+}
+
+void Daemon::handleExhaustion() {
+    damaged_ = true;
+    rebuild_.delayIs(rebuildSeconds);
 }
 
 /// Lets the forwarding table have the groups. A machine keeps those of a rule that has gone from it

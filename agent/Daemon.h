@@ -41,6 +41,8 @@ class Daemon {
 
     /// Serves until a signal ends it; the exit status.
     int run() { return loop_.run(); }
+    EventLoop& loop() { return loop_; }
+    IgmpHostProxy::PlatformState const& state() const { return state_; }
 
   private:
     /// The loop's time is the time of all machines.
@@ -73,6 +75,8 @@ class Daemon {
     void doReadState();
     bool settled(std::string const& name, std::string const& vrf) const;
     void doConfigure(Configuration configuration);
+    void doRebuild();
+    void handleExhaustion();
     void doRelease(ConfigurationWriter::Released const& released);
     IgmpHostPort::Location locate(std::string const& name, std::string const& vrf) const;
 
@@ -88,6 +92,8 @@ class Daemon {
     std::unique_ptr<Vrfs> vrfs_;
     StateKeeper keeper_;
     std::optional<StatusFile> statusFile_;
+    Alarm rebuild_{loop_, [this] { doRebuild(); }};
+    bool damaged_ = false; ///< what stands between the configuration and the ports
     bool ready_ = false;
     bool ending_ = false;
 };

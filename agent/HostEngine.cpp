@@ -53,8 +53,12 @@ void HostEngine::groupIs(Lox::IpAddr group, FilterMode mode, std::span<Lox::IpAd
         wishes_[entry.wish] = wish;
         return;
     }
-    entry.wish = wishes_.size();
     wishes_.push_back(wish);
+    entry.wish = wishes_.size() - 1;
+}
+
+void HostEngine::groupDelAll() {
+    for (auto& [address, entry] : groups_) groupDel(address);
 }
 
 void HostEngine::groupDel(Lox::IpAddr group) {
@@ -67,9 +71,23 @@ void HostEngine::flush(double now) {
 }
 
 void HostEngine::doApplyWishes(double now) {
-    for (Wish const& wish : wishes_) doApply(now, wish);
-    wishes_.clear();
-    wishSources_.clear();
+    // Those behind one that fails are forgotten: entries must not point at wishes that are gone.
+    auto const forget = [this](Wish const* first) {
+        for (; first != wishes_.data() + wishes_.size(); ++first) {
+            first->entry->wish = GroupEntry::noWish;
+            doRelease(*first->entry);
+        }
+        wishes_.clear();
+        wishSources_.clear();
+    };
+    Wish const* wish = wishes_.data();
+    try {
+        for (; wish != wishes_.data() + wishes_.size(); ++wish) doApply(now, *wish);
+    } catch (...) {
+        forget(wish);
+        throw;
+    }
+    forget(wish);
 }
 
 void HostEngine::doApply(double now, Wish const& wish) {
@@ -267,7 +285,7 @@ void HostEngine::doReckonFormer(double now) {
 }
 
 void HostEngine::leaveAll(double now) {
-    for (auto& [address, entry] : groups_) groupDel(address);
+    groupDelAll();
     doApplyWishes(now);
     if (!linkUp_) return;
     doReckonFormer(now);

@@ -95,6 +95,8 @@ class HostEngine {
     void groupIs(Lox::IpAddr group, FilterMode mode, std::span<Lox::IpAddr const> sources);
     /// The group is not wanted any more: INCLUDE{}.
     void groupDel(Lox::IpAddr group);
+    /// No group is wanted any more, but for those that are given again before the next flush().
+    void groupDelAll();
     /// The end of a turn: what differs from the last turn is told to the routers.
     void flush(double now);
 

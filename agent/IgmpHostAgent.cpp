@@ -22,22 +22,44 @@ IgmpHostAgent::IgmpHostAgent(IgmpHostProxy::PlatformState& state, EventLoop& loo
 
 IgmpHostAgent::~IgmpHostAgent() { nexDoZombieReactors(true); }
 
+void IgmpHostAgent::doDetach() { hostDir_.del(); }
+
+void IgmpHostAgent::doAttach() { Nex::watch(hostDir_, state_.hostDir, this); }
+
+void IgmpHostAgent::doEndRebuild() {
+    std::map<std::string, Nex::Ptr<IgmpHostPort>> const ports = ports_;
+    for (auto const& [name, port] : ports) handleHost(name);
+}
+
 void IgmpHostAgent::handleHost(Nex::Name const& name) {
-    if (Nex::Ptr<Igmp::IgmpHost> const host = state_.hostDir->igmpHost(name)) {
-        auto const [known, fresh] = ports_.try_emplace(name);
-        if (!fresh) return;
-        std::string const vrf = vrfOf(state_, Lox::IntfId(name));
-        auto const port = portFor(name, vrf);
-        known->second = port;
-        port->hostIs(host, vrf);
-        port->statusIs(state_.hostStatusDir->igmpHostStatusIs(name));
-        observer_(name, true);
-    } else if (auto gone = ports_.extract(name)) {
-        gone.mapped()->hostDel(EventLoop::now());
-        absent_.emplace(name, gone.mapped());
-        state_.hostStatusDir->igmpHostStatusDel(name);
-        observer_(name, false);
+    Nex::Ptr<Igmp::IgmpHost> const host = state_.hostDir->igmpHost(name);
+    std::string const vrf = vrfOf(state_, Lox::IntfId(name));
+    if (auto const known = ports_.find(name); known != ports_.end()) {
+        if (host && known->second->host() == host.get()) return;
+        if (!host || !known->second->fits(vrf)) doWithdraw(name);
     }
+    if (!host) return;
+    auto const [known, fresh] = ports_.try_emplace(name);
+    try {
+        if (fresh) known->second = portFor(name, vrf);
+    } catch (...) {
+        ports_.erase(known);
+        throw;
+    }
+    Nex::Ptr<IgmpHostPort> const port = known->second;
+    port->hostIs(host, vrf);
+    port->statusIs(state_.hostStatusDir->igmpHostStatusIs(name));
+    observer_(name, true);
+}
+
+void IgmpHostAgent::doWithdraw(Nex::Name const& name) {
+    auto const gone = ports_.find(name);
+    Nex::Ptr<IgmpHostPort> const port = gone->second;
+    absent_.emplace(name, port); // first, for it may fail
+    ports_.erase(gone);
+    port->hostDel(EventLoop::now());
+    state_.hostStatusDir->igmpHostStatusDel(name);
+    observer_(name, false);
 }
 
 /// One that is still leaving takes the groups back.

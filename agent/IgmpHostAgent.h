@@ -37,6 +37,14 @@ class IgmpHostAgent : public Nex::PtrInterface {
     /// Whether that has changed since the last call.
     bool takeHeldChange() { return std::exchange(heldChanged_, false); }
 
+    // The root machine and all host entities are made anew. Meanwhile the ports stay as they are,
+    // and those whose entity is back afterwards go on with it.
+
+    void doDetach();
+    /// The new root machine is there, the entities not yet.
+    void doAttach();
+    void doEndRebuild();
+
     /// A kernel interface changed.
     void handleDevice(std::string const& name);
     /// The configuration changed, or what locates any interface.
@@ -62,6 +70,7 @@ class IgmpHostAgent : public Nex::PtrInterface {
     class StatusPart;
 
     void handleHost(Nex::Name const& name);
+    void doWithdraw(Nex::Name const& name);
     Nex::Ptr<IgmpHostPort> portFor(std::string const& name, std::string const& vrf);
     void doForgetFinished(double now);
     template <class Visit>

@@ -72,6 +72,10 @@ bool IgmpHostPort::fits(std::string const& vrf) const {
 void IgmpHostPort::hostIs(Nex::Ptr<Igmp::IgmpHost> host, std::string const& vrf) {
     vrf_ = vrf;
     leaveDeadline_ = Nex::never;
+    // What the entity before it asked for and this one does not is left.
+    v3groupDelAll();
+    for (Lox::IpAddr const group : changedGroups_.walk()) changedGroups_.take(group);
+    engine_.groupDelAll();
     settingsChanged_ = true;
     Nex::watch(host_, host, this);
     for (auto const& item : host->v3group()) handleGroup(item.key);
@@ -237,8 +241,8 @@ void IgmpHostPort::doClose(double now) {
 
 void IgmpHostPort::doApplyGroups() {
     for (Lox::IpAddr const group : changedGroups_.walk()) {
-        changedGroups_.take(group);
         doApplyGroup(group);
+        changedGroups_.take(group);
     }
 }
 

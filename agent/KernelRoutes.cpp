@@ -4,6 +4,7 @@
 
 #include <linux/netconf.h>
 #include <linux/rtnetlink.h>
+#include <new>
 #include <sys/epoll.h>
 #include <utility>
 
@@ -19,11 +20,14 @@ constexpr std::size_t mostReviewsInTurn = 512;
 /// Between two readings.
 constexpr double pauseSeconds = 1;
 
-RouteTable::Observer guarded(RouteTable::Observer onRoute) {
-    return [onRoute = std::move(onRoute)](Lox::IpAddr source, Lox::IpAddr group, bool announced) {
+RouteTable::Observer guarded(EventLoop& loop, RouteTable::Observer onRoute) {
+    return [&loop, onRoute = std::move(onRoute)](Lox::IpAddr source, Lox::IpAddr group,
+                                                 bool announced) {
         // Let out, it would cost the messages behind this one.
         try {
             onRoute(source, group, announced);
+        } catch (std::bad_alloc const&) {
+            loop.doReportExhaustion();
         } catch (std::exception const& exception) {
             log(LogLevel::error, "route ({}, {}): {}", source.stringValue(), group.stringValue(),
                 exception.what());
@@ -35,7 +39,7 @@ RouteTable::Observer guarded(RouteTable::Observer onRoute) {
 
 KernelRoutes::KernelRoutes(EventLoop& loop, RouteTable::Observer onRoute, int namespaceFd)
     : loop_(loop),
-      table_(guarded(std::move(onRoute))),
+      table_(guarded(loop, std::move(onRoute))),
       review_(loop, [this] { doReview(); }),
       pause_(loop, [this] { doAdvance(); }),
       notifications_(NETLINK_ROUTE, *this, namespaceFd),
@@ -64,6 +68,12 @@ void KernelRoutes::filterIs(RouteFilter filter) {
     review_.delayIs(0);
 }
 
+void KernelRoutes::doRenew() {
+    table_.doTellAll();
+    readAgain_ = damaged_ = true;
+    doAdvance();
+}
+
 void KernelRoutes::handleNotifications() {
     drained_ = notifications_.receive();
     doAdvance();
@@ -88,6 +98,9 @@ void KernelRoutes::onMessage(nlmsghdr const& message, bool ofDump) {
         if (auto const heldBack = malformedLimit_.admitted(EventLoop::now()))
             log(LogLevel::warning, "kernel route message dropped: {} ({} more not shown)",
                 exception.what(), *heldBack);
+    } catch (std::bad_alloc const&) {
+        readAgain_ = damaged_ = true;
+        loop_.doReportExhaustion();
     }
 }
 

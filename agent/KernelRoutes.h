@@ -32,6 +32,9 @@ class KernelRoutes final : private Netlink::Observer {
     /// Routes whose announced state it changes are told in the turns that follow.
     void filterIs(RouteFilter filter);
 
+    /// Tells all announced routes once more, and reads the kernel's table again.
+    void doRenew();
+
     /// Whether the kernel's table has been read once.
     bool synchronized() const { return synchronized_; }
     /// Whether, moreover, no route waits to be told.

@@ -1,7 +1,6 @@
 #include "agent/NamespaceInterfaces.h"
 
-#include "agent/Log.h"
-
+#include <new>
 #include <sys/epoll.h>
 
 namespace Agent {
@@ -24,7 +23,10 @@ void NamespaceInterfaces::doFollow() {
 }
 
 void NamespaceInterfaces::doRetry() {
-    if (!kernel_.stalled()) return;
+    if (kernel_.stalled()) doReopen();
+}
+
+void NamespaceInterfaces::doReopen() {
     loop_.descriptorDel(kernel_.fd());
     kernel_.doReopen();
     doFollow();
@@ -48,7 +50,17 @@ std::optional<std::string> NamespaceInterfaces::obstacle(std::string const& name
     return kernel->primaryAddress().isZero() ? "has no IPv4 address" : "";
 }
 
+/// Whoever calls this logs what is thrown, and goes on.
 void NamespaceInterfaces::handleInterface(int ifindex) {
+    try {
+        doPublishInterface(ifindex);
+    } catch (std::bad_alloc const&) {
+        loop_.doReportExhaustion();
+        throw;
+    }
+}
+
+void NamespaceInterfaces::doPublishInterface(int ifindex) {
     KernelInterface const* const kernel = kernel_.interface(ifindex);
     auto const known = names_.find(ifindex);
     std::string const before = known == names_.end() ? std::string() : known->second;
@@ -84,6 +96,14 @@ void NamespaceInterfaces::doPublish(std::string const& name) {
         doPublishUsable(Lox::IntfId(name), usableAddress);
     }
     observer_(name);
+}
+
+void NamespaceInterfaces::doRenew() {
+    std::map<int, std::string> const known = names_;
+    for (auto const& [ifindex, name] : known) doPublishInterface(ifindex);
+    for (auto const& [ifindex, interface] : kernel_.interfaces())
+        if (!known.contains(ifindex)) doPublishInterface(ifindex);
+    doReopen();
 }
 
 void NamespaceInterfaces::doPublishUsable(Lox::IntfId const& intfId, Lox::IpAddr usableAddress) {

@@ -50,6 +50,8 @@ class NamespaceInterfaces {
     std::optional<std::string> obstacle(std::string const& name) const;
     /// Writes what is known of an interface of this VRF.
     void doPublish(std::string const& name);
+    /// Writes everything once more, and reads it again from the kernel: memory ran out.
+    void doRenew();
     /// Takes an interface, or all of this VRF, out of those that can be used; the root machine
     /// takes them down.
     void doWithdraw(std::string const& name);
@@ -57,6 +59,8 @@ class NamespaceInterfaces {
 
   private:
     void doFollow();
+    void doReopen();
+    void doPublishInterface(int ifindex);
     void handleInterface(int ifindex);
     void doPublishKernelInterface(int ifindex);
     void doPublishUsable(Lox::IntfId const& intfId, Lox::IpAddr usableAddress);

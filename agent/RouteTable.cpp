@@ -72,11 +72,12 @@ bool RouteTable::handleOutputs(std::span<std::uint8_t const> nextHops) {
 }
 
 void RouteTable::handleRoute(RouteName const& name, int incoming, bool output) {
+    RouteRing& ring = ringOf(incoming);
     auto const [at, fresh] = routes_.try_emplace(name);
     if (!fresh) RouteRing::remove(*at);
     at->second.incoming = incoming;
     at->second.output = output;
-    doJudge(*at);
+    doJudge(*at, ring);
 }
 
 void RouteTable::handleGone(RouteName const& name) {
@@ -84,11 +85,16 @@ void RouteTable::handleGone(RouteName const& name) {
     if (found != routes_.end()) doDrop(*found);
 }
 
-void RouteTable::doJudge(RouteNode& node) {
+RouteRing& RouteTable::ringOf(int incoming) {
+    auto const known = byIncoming_.find(incoming);
+    if (known != byIncoming_.end()) return known->second;
+    interfaces_.insert(incoming);
+    return byIncoming_[incoming];
+}
+
+void RouteTable::doJudge(RouteNode& node, RouteRing& ring) {
     auto& [name, route] = node;
-    auto const [ring, fresh] = byIncoming_.try_emplace(route.incoming);
-    if (fresh) interfaces_.insert(route.incoming);
-    ring->second.add(node);
+    ring.add(node);
     bool const announced = passes(route);
     if (std::exchange(route.announced, announced) != announced)
         onRoute_(name.source, name.group, announced);
@@ -129,10 +135,16 @@ bool RouteTable::doReview(std::size_t most) {
     for (; most > 0 && !toDrop_.empty(); --most) doDrop(toDrop_.front());
     for (; most > 0 && !toJudge_.empty(); --most) {
         RouteNode& node = toJudge_.front();
+        RouteRing& ring = ringOf(node.second.incoming);
         RouteRing::remove(node);
-        doJudge(node);
+        doJudge(node, ring);
     }
     return reviewed();
+}
+
+void RouteTable::doTellAll() const {
+    for (auto const& [name, route] : routes_)
+        if (route.announced) onRoute_(name.source, name.group, true);
 }
 
 bool RouteTable::uses(int ifindex) const { return interfaces_.count(ifindex) != 0; }

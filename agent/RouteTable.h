@@ -70,6 +70,8 @@ class RouteTable {
     /// The same, without doing anything.
     bool reviewed() const { return toDrop_.empty() && toJudge_.empty(); }
 
+    /// Tells the announced routes once more.
+    void doTellAll() const;
     /// Whether any route has ever come in or gone out by that interface.
     bool uses(int ifindex) const;
     /// Of all that the kernel has, unresolved ones aside.
@@ -80,8 +82,11 @@ class RouteTable {
     void handleGone(RouteName const& name);
     /// Whether the route leads anywhere. Throws Nex::ParseException.
     bool handleOutputs(std::span<std::uint8_t const> nextHops);
-    /// Puts the route, which is in no ring, where it belongs, and tells if its state has changed.
-    void doJudge(RouteNode& node);
+    /// Of the routes that come in there. Asked for while the route is still in another ring: it may
+    /// find no memory.
+    RouteRing& ringOf(int incoming);
+    /// Puts the route, which is in no ring, into its own, and tells if its state has changed.
+    void doJudge(RouteNode& node, RouteRing& ring);
     /// Forgets the route, and tells if it was announced.
     void doDrop(RouteNode& node);
     bool passes(RouteEntry const& route) const;

@@ -21,12 +21,6 @@ RouteWriter::RouteWriter(Nex::Ptr<Kesh::Multicast::Fib::MfibKeshColl> tables, Ne
     tables_->keshPtrIs(table_.get(), table_);
 }
 
-RouteWriter::~RouteWriter() {
-    // A table that goes takes no groups along: they leave with their routes.
-    table_->routeDelAll();
-    tables_->keshPtrDel(table_.get());
-}
-
 void RouteWriter::routeIs(Lox::IpAddr source, Lox::IpAddr group, bool announced) {
     IpGenRouteKey const key = toKey(source, group);
     if (!announced)

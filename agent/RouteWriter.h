@@ -8,15 +8,16 @@ namespace Agent {
 
 class RouteWriter {
   public:
-    /// Adds an empty table of that name to `tables`, the collection of the VRF.
+    /// Adds an empty table of that name to `tables`, the collection of the VRF, until doRemove().
     RouteWriter(Nex::Ptr<Kesh::Multicast::Fib::MfibKeshColl> tables, Nex::Name const& name);
-    /// Withdraws every route, then the table.
-    ~RouteWriter();
     RouteWriter(RouteWriter const&) = delete;
     RouteWriter& operator=(RouteWriter const&) = delete;
 
     /// Writes or withdraws a route; source 0.0.0.0 for any. Repeating it writes nothing.
     void routeIs(Lox::IpAddr source, Lox::IpAddr group, bool announced);
+    void doWithdrawAll() { table_->routeDelAll(); }
+    /// Takes the table out of the collection, for good. Nothing is written afterwards.
+    void doRemove() { tables_->keshPtrDel(table_.get()); }
     /// Has all routes of the group examined again by those who follow the table: for a group that
     /// the configuration or an access list has released.
     void doTouch(Lox::IpAddr group);

@@ -83,12 +83,27 @@ void Vrf::doStart(int namespaceFd) {
     doFilterRoutes();
 }
 
-void Vrf::doStop() {
-    if (interfaces_) interfaces_->doWithdrawAll();
+void Vrf::doStop() noexcept {
+    auto const attempt = [this](auto const& act) {
+        try {
+            act();
+        } catch (...) {
+            loop_.doReportExhaustion();
+        }
+    };
+    if (interfaces_) attempt([this] { interfaces_->doWithdrawAll(); });
     routes_ = nullptr;
+    // A table that goes takes no groups along: they leave with their routes.
+    if (writer_) attempt([this] { writer_->doWithdrawAll(); });
+    if (writer_) attempt([this] { writer_->doRemove(); });
     writer_ = nullptr;
     interfaces_ = nullptr;
-    if (namespaceName_) state_.allVrfStatusLocal->vrfDel(name_);
+    if (namespaceName_) attempt([this] { state_.allVrfStatusLocal->vrfDel(name_); });
+}
+
+void Vrf::doRenew() {
+    if (interfaces_) interfaces_->doRenew();
+    if (routes_) routes_->doRenew();
 }
 
 void Vrf::handleInterface(std::string const& name) {
@@ -111,8 +126,8 @@ void Vrf::doFilterRoutes() {
         if (int const ifindex = interfaces_->device(name).ifindex; ifindex != 0)
             filter.proxyInterfaces.insert(ifindex);
     if (filter == filter_) return;
-    filter_ = filter;
-    routes_->filterIs(std::move(filter));
+    routes_->filterIs(filter);
+    filter_ = std::move(filter);
 }
 
 void Vrf::doTouch(Lox::IpAddrWithFullMask groups) {

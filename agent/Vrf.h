@@ -29,8 +29,8 @@ class Vrf {
     Vrf(IgmpHostProxy::PlatformState& state, EventLoop& loop, Obstacles& obstacles,
         std::string name, std::optional<std::string> namespaceName, Owns owns, Observer observer);
     ~Vrf();
-    /// Takes the interfaces down and forgets the routes.
-    void doStop();
+    /// Takes the interfaces down and forgets the routes. What fails is reported to the loop.
+    void doStop() noexcept;
     Vrf(Vrf const&) = delete;
     Vrf& operator=(Vrf const&) = delete;
 
@@ -48,6 +48,8 @@ class Vrf {
     /// Whether the routes have been read, too, and those that pass the filter been announced.
     bool routesTold() const { return !routes_ || routes_->told(); }
 
+    /// Writes interfaces and routes once more, and reads them again from the kernel.
+    void doRenew();
     /// Which routes to announce, and the names of this VRF's proxy interfaces.
     void routePolicyIs(ForwardingTableConfiguration const& policy, std::set<std::string> proxies);
     /// Has the routes of these groups looked at again: somebody has let go of the groups.

@@ -104,6 +104,12 @@ void Vrfs::handleTurn() {
     });
 }
 
+void Vrfs::doRenew() {
+    for (auto const& item : state_.allIntfStatusDir->intfStatus())
+        if (!vrfOfInterface_.contains(item.key.stringValue())) doForget(item.key.stringValue());
+    for (auto const& item : vrfs_) item.second->doRenew();
+}
+
 bool Vrfs::synchronized() const {
     return std::all_of(vrfs_.begin(), vrfs_.end(),
                        [](auto const& item) { return item.second->synchronized(); });

@@ -26,6 +26,9 @@ class Vrfs {
 
     /// The end of a turn: tells what keeps the interfaces that changed from being used.
     void handleTurn();
+    /// Writes once more what all VRFs know, and nothing else, and has them read it again.
+    void doRenew();
+
     bool synchronized() const;
     /// The interfaces of a VRF; null while its namespace is not there.
     NamespaceInterfaces const* interfaces(std::string const& vrf) const;

@@ -336,8 +336,11 @@ class Map {
     }
     void closeHoles() {
         while (used_ > 0 && !entries_[used_ - 1].live) --used_;
-        if (used_ > unindexed && count_ < used_ / 4)
+        if (used_ <= unindexed || count_ >= used_ / 4) return;
+        try {
             reseat(std::bit_ceil(std::max<Position>(count_ * 2, 4)));
+        } catch (std::bad_alloc const&) { // there is only more room, or no index to find keys fast
+        }
     }
     /// Moves the entries into room for `capacity` of them; without walkers, holes go.
     void reseat(Position capacity) {
@@ -345,7 +348,10 @@ class Map {
             if (walkers_ == 0) squeeze();
             auto* moved = static_cast<Entry*>(
                 std::realloc(static_cast<void*>(entries_), capacity * sizeof(Entry)));
-            if (!moved) throw std::bad_alloc();
+            if (!moved) {
+                rebuildIndex(); // of those that were squeezed
+                throw std::bad_alloc();
+            }
             entries_ = moved;
         } else {
             auto* moved = static_cast<Entry*>(std::malloc(capacity * sizeof(Entry)));

@@ -1,0 +1,218 @@
+// A reload for which memory runs out, at each of its allocations in turn.
+#include "agent/Daemon.h"
+#include "netns/Netns.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <new>
+
+namespace {
+
+/// Allocations since the count began, and which of them are refused.
+struct Memory {
+    bool counting = false;
+    long count = 0, first = 0, last = 0;
+
+    bool refuses() {
+        if (!counting) return false;
+        ++count;
+        return first <= count && count <= last;
+    }
+};
+Memory memory;
+
+} // namespace
+
+extern "C" {
+void* __real_malloc(std::size_t);
+void* __real_calloc(std::size_t, std::size_t);
+void* __real_realloc(void*, std::size_t);
+void* __wrap_malloc(std::size_t size) { return memory.refuses() ? nullptr : __real_malloc(size); }
+void* __wrap_calloc(std::size_t n, std::size_t size) {
+    return memory.refuses() ? nullptr : __real_calloc(n, size);
+}
+void* __wrap_realloc(void* old, std::size_t size) {
+    return memory.refuses() ? nullptr : __real_realloc(old, size);
+}
+}
+
+// Not inlined, or compilers see them in pairs with those of the library.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    void* const room = memory.refuses() ? nullptr : __real_malloc(size);
+    if (!room) throw std::bad_alloc();
+    return room;
+}
+[[gnu::noinline]] void operator delete(void* room) noexcept { std::free(room); }
+[[gnu::noinline]] void operator delete(void* room, std::size_t) noexcept { std::free(room); }
+
+namespace Agent {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+constexpr char before[] = R"(
+[interface.up0]
+igmp-version = 2
+access-lists = ["stays", "goes"]
+[interface.up0.group]
+"239.1.1.1" = {}
+"239.1.1.2" = { include = ["10.0.0.1", "10.0.0.2"] }
+[[access-list.stays]]
+sequence = 10
+action = "permit"
+source = "10.0.0.3"
+destination = "239.1.1.0/30"
+[[access-list.stays]]
+sequence = 20
+action = "permit"
+source = "any"
+destination = "239.2.0.0/30"
+[[access-list.goes]]
+sequence = 10
+action = "permit"
+source = "10.0.0.4"
+destination = "239.2.0.0/31"
+)";
+
+constexpr char after[] = R"(
+[vrf.red]
+namespace = "no-such-namespace"
+[interface.up0]
+access-lists = ["comes", "stays"]
+[interface.up0.group]
+"239.1.1.2" = { include = ["10.0.0.2", "10.0.0.5"] }
+"239.4.0.1" = {}
+[interface.up1]
+access-lists = ["comes"]
+[[access-list.stays]]
+sequence = 20
+action = "permit"
+source = "10.0.0.3"
+destination = "239.1.1.0/30"
+[[access-list.comes]]
+sequence = 10
+action = "permit"
+source = "any"
+destination = "239.3.0.0/29"
+)";
+
+class ReloadMemoryTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        IHP_SKIP_WITHOUT_NETNS();
+        logLevelIs(LogLevel::error);
+        net.emplace();
+        net->nearIp("link add name up1 type veth peer name aux1");
+        net->nearIp("addr add 10.98.0.1/24 dev up1");
+        net->nearIp("link set up1 up");
+        net->nearIp("link set aux1 up");
+        inside.emplace(net->nearName());
+        daemon.emplace(Daemon::Options{path, {}}, configurationParse(before, path).configuration);
+        daemon->loop().endOfTurnIs([this] {
+            if (--turnsLeft_ <= 0) daemon->loop().stopIs(0);
+        });
+        tick_.emplace(daemon->loop(), [this] { tick_->delayIs(0); });
+        doRoutes();
+        for (int i = 0; i < 100 && announced().size() < 10; ++i) doTurns(10);
+    }
+    void TearDown() override { std::filesystem::remove(path); }
+
+    /// Of a group that the configuration selects on one interface, and of one on none.
+    void doRoutes() {
+        using namespace Kesh::Multicast::Fib;
+        Nex::Ptr const table = Status::StatusIs("routes");
+        for (char const* const group : {"239.1.1.1", "239.9.9.9"})
+            table->routeIs(
+                {Lox::IpPrefix(Lox::IpAddr("10.0.0.7"), 32), Lox::IpPrefix(Lox::IpAddr(group), 32)},
+                Route{true});
+        daemon->state().mfibDir->keshColl(L3::VrfName("default"))->keshPtrIs(table.get(), table);
+    }
+    void doTurns(int turns) {
+        turnsLeft_ = turns;
+        tick_->delayIs(0);
+        daemon->run();
+    }
+    void doReload(char const* configuration) {
+        std::ofstream(path) << configuration;
+        memory.count = 0;
+        std::raise(SIGHUP);
+        memory.counting = memory.first != 0;
+        doTurns(2);
+        memory.counting = false;
+    }
+    /// Until timers have done what is left.
+    void doSettle() {
+        double const end = EventLoop::now() + 0.15;
+        while (EventLoop::now() < end) doTurns(1);
+    }
+    /// What the library gives to the hosts.
+    Lines announced() const {
+        Lines lines;
+        for (auto const& [name, host] : daemon->state().hostDir->igmpHost())
+            for (auto const& [group, record] : host->v3group()) {
+                std::string line = name + " v" + std::to_string(unsigned(host->igmpVersion())) +
+                                   " " + group.stringValue() + " " +
+                                   std::to_string(unsigned(record->filterMode()));
+                Lines sources;
+                for (auto const& item : record->source()->sourceIp())
+                    if (item.value != 0) sources.push_back(item.key.stringValue());
+                std::sort(sources.begin(), sources.end());
+                for (std::string const& source : sources) line += " " + source;
+                lines.push_back(line);
+            }
+        std::sort(lines.begin(), lines.end());
+        return lines;
+    }
+
+    std::string const path =
+        std::filesystem::temp_directory_path() / ("ihproxyd-reload-" + std::to_string(getpid()));
+    std::optional<Testing::Netns> net;
+    std::optional<Testing::Netns::Inside> inside;
+    std::optional<Daemon> daemon;
+
+  private:
+    std::optional<Alarm> tick_;
+    int turnsLeft_ = 0;
+};
+
+TEST_F(ReloadMemoryTest, EndsWithTheOldOrTheNewConfigurationAndTheNextOneMendsTheRest) {
+    doSettle();
+    Lines const old = announced();
+    doReload(after);
+    doSettle();
+    Lines const wanted = announced();
+    doReload(before);
+    doSettle();
+    ASSERT_EQ(announced(), old);
+    ASSERT_NE(old, wanted);
+    ASSERT_EQ(wanted.size(), 24u) << testing::PrintToString(wanted);
+    testing::internal::CaptureStderr();
+    long refused = 0;
+    for (long const length : {1, 40}) {
+        for (long at = 1;; at += length == 1 ? 1 : 7) {
+            memory.first = at;
+            memory.last = at + length - 1;
+            doReload(after);
+            bool const reached = memory.count >= at;
+            memory.first = 0;
+            if (!reached) break;
+            ++refused;
+            if (length == 1 && announced() != old) {
+                ASSERT_EQ(announced(), wanted) << "refused: allocation " << at;
+            }
+            doReload(after);
+            ASSERT_EQ(announced(), wanted) << "refused: " << length << " from " << at;
+            doReload(before);
+            ASSERT_EQ(announced(), old) << "refused: " << length << " from " << at;
+        }
+    }
+    testing::internal::GetCapturedStderr();
+    EXPECT_GT(refused, 200);
+}
+
+} // namespace
+} // namespace Agent
