@@ -77,6 +77,7 @@ class Daemon {
     void doConfigure(Configuration configuration);
     void doRebuild();
     void handleExhaustion();
+    void doTrim();
     void doRelease(ConfigurationWriter::Released const& released);
     IgmpHostPort::Location locate(std::string const& name, std::string const& vrf) const;
 
@@ -93,7 +94,9 @@ class Daemon {
     StateKeeper keeper_;
     std::optional<StatusFile> statusFile_;
     Alarm rebuild_{loop_, [this] { doRebuild(); }};
-    bool damaged_ = false; ///< what stands between the configuration and the ports
+    Alarm trim_{loop_, [this] { doTrim(); }};
+    std::size_t untrimmable_ = 0; ///< octets that were unused after the last time
+    bool damaged_ = false;        ///< what stands between the configuration and the ports
     bool ready_ = false;
     bool ending_ = false;
 };

@@ -105,6 +105,9 @@ void RouteTable::doDrop(RouteNode& node) {
     RouteRing::remove(node);
     routes_.erase(name);
     if (route.announced) onRoute_(name.source, name.group, false);
+    // A table that has shrunk far gives its room back.
+    if (routes_.bucket_count() > 4096 && routes_.size() < routes_.bucket_count() / 16)
+        routes_.rehash(0);
 }
 
 bool RouteTable::passes(RouteEntry const& route) const {
