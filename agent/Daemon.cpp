@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <linux/capability.h>
-#include <malloc.h>
 #include <signal.h>
 #include <system_error>
 #include <unistd.h>
@@ -18,10 +17,6 @@ namespace {
 
 /// How soon the attempt to recover is repeated, in seconds.
 constexpr double rebuildSeconds = 1;
-
-/// How often unused memory is looked for, in seconds, and how much of it is worth giving back.
-constexpr double trimSeconds = 10;
-constexpr std::size_t unusedOctets = 8 << 20;
 
 /// What is announced, under "igmpHost" what the ports count, and under "obstacles" what keeps whom
 /// from working.
@@ -88,7 +83,6 @@ Daemon::Daemon(Options options, Configuration configuration)
     loop_.exhaustionIs([this] { handleExhaustion(); });
     doFollowTime();
     doReadState();
-    trim_.delayIs(trimSeconds);
     doConfigure(std::move(configuration));
 }
 
@@ -196,16 +190,6 @@ void Daemon::doRebuild() {
     log(LogLevel::warning, "everything was built anew after a failure");
 }
 
-/// The C library keeps what lies between memory in use, however much there is of it.
-void Daemon::doTrim() {
-    trim_.delayIs(trimSeconds);
-    struct mallinfo2 const heap = mallinfo2();
-    if (heap.fordblks < unusedOctets || heap.fordblks < heap.uordblks / 4) return;
-    if (heap.fordblks == untrimmable_) return;
-    malloc_trim(0);
-    untrimmable_ = mallinfo2().fordblks; // pages are given back without being counted
-}
-
 void Daemon::handleExhaustion() {
     damaged_ = true;
     rebuild_.delayIs(rebuildSeconds);
@@ -236,6 +220,7 @@ void Daemon::handleTurn() {
     }
     vrfs_->handleTurn();
     obstacles_.handleTurn();
+    trimmer_.handleTurn();
     if (ready_ || ending_ || !vrfs_->synchronized()) return;
     ready_ = true;
     // What an earlier run announced, where nobody asks for it now, waits for this.

@@ -6,6 +6,7 @@
 #include "agent/Configuration.h"
 #include "agent/ConfigurationWriter.h"
 #include "agent/EventLoop.h"
+#include "agent/HeapTrimmer.h"
 #include "agent/IgmpHostAgent.h"
 #include "agent/Obstacles.h"
 #include "agent/StateKeeper.h"
@@ -77,7 +78,6 @@ class Daemon {
     void doConfigure(Configuration configuration);
     void doRebuild();
     void handleExhaustion();
-    void doTrim();
     void doRelease(ConfigurationWriter::Released const& released);
     IgmpHostPort::Location locate(std::string const& name, std::string const& vrf) const;
 
@@ -94,9 +94,8 @@ class Daemon {
     StateKeeper keeper_;
     std::optional<StatusFile> statusFile_;
     Alarm rebuild_{loop_, [this] { doRebuild(); }};
-    Alarm trim_{loop_, [this] { doTrim(); }};
-    std::size_t untrimmable_ = 0; ///< octets that were unused after the last time
-    bool damaged_ = false;        ///< what stands between the configuration and the ports
+    HeapTrimmer trimmer_{loop_};
+    bool damaged_ = false; ///< what stands between the configuration and the ports
     bool ready_ = false;
     bool ending_ = false;
 };

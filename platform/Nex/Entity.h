@@ -89,24 +89,17 @@ class NotifieeList {
     void add(NotifieeBase* notifiee);
     void del(NotifieeBase* notifiee);
 
-    /// One walk over those who are registered as it begins. Passes nest.
-    class Pass {
-      public:
-        [[gnu::always_inline]] explicit Pass(NotifieeList const& list) : list_(list) {
-            if (Many const* const all = list.many()) walk_.emplace(*all);
+    /// Calls `tell` with each of those who are registered as it begins and still are as their turn
+    /// comes. Calls nest.
+    template <class F>
+    [[gnu::always_inline]] void forEach(F const& tell) const {
+        if (Many const* const all = many()) [[unlikely]] {
+            Many::Cursor<Nothing> walk(*all);
+            while (std::optional<NotifieeBase*> const notifiee = walk.next()) tell(*notifiee);
+        } else if (NotifieeBase* const notifiee = one()) {
+            tell(notifiee);
         }
-        /// The next notifiee that is still there, or null at the end.
-        [[gnu::always_inline]] NotifieeBase* next() {
-            if (walk_) return walk_->next().value_or(nullptr);
-            // The others of a list that has become `Many` since are newcomers.
-            return std::exchange(begun_, true) || list_.many() ? nullptr : list_.one();
-        }
-
-      private:
-        NotifieeList const& list_;
-        bool begun_ = false;
-        std::optional<Many::Cursor<Nothing>> walk_;
-    };
+    }
 
   private:
     static constexpr std::uintptr_t tag = 1;
@@ -141,9 +134,9 @@ class Entity : public PtrInterface {
         if (notifiees_.empty()) return;
         Ptr<Entity> const hold(this);
         Lumen::Ring::Callback const mark(Lumen::ring);
-        NotifieeList::Pass pass(notifiees_);
-        while (NotifieeBase* const notifiee = pass.next())
+        notifiees_.forEach([&](NotifieeBase* notifiee) {
             notifiee->nexDeliver([&] { (static_cast<Interface*>(notifiee)->*callback)(keys...); });
+        });
     }
 
   private:

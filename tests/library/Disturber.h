@@ -51,8 +51,8 @@ class Disturber : public Nex::PtrInterface {
         }
         void set(char const*, auto const&) const {}
         void map(char const*, auto const&) const {}
-        void records(char const* name, auto walk) const {
-            for (auto const& item : walk) attr(name, item.value);
+        void records(char const* name, auto const& makeWalk) const {
+            for (auto const& item : makeWalk()) attr(name, item.value);
         }
     };
 
