@@ -15,13 +15,16 @@ TEST_F(AgentTest, GroupsComeBackWithTheCarrier) {
     start(oneGroup);
     ASSERT_TRUE(learned(learnedOnce));
     net->carrierIs(false);
+    EXPECT_TRUE(agent->says("up0: is down\n")); // the bridge forgets sooner
     EXPECT_TRUE(learned({}));
     net->carrierIs(true);
     EXPECT_TRUE(learned(learnedOnce));
     net->nearIp("link set up0 down");
+    EXPECT_TRUE(agent->says("up0: is down\n", 2));
     EXPECT_TRUE(learned({}));
     net->nearIp("link set up0 up");
     EXPECT_TRUE(learned(learnedOnce));
+    EXPECT_TRUE(agent->says("up0: can be used now", 2));
     EXPECT_EQ(agent->output(),
               "ready\nwarning: up0: is down\nup0: can be used now (before: is down)\n"
               "warning: up0: is down\nup0: can be used now (before: is down)\n");

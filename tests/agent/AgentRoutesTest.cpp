@@ -331,7 +331,9 @@ TEST_F(AgentVrfTest, ReloadAddsAndRemovesVrfsBesideOthers) {
         EXPECT_TRUE(redLearned(thereLearned));
         reload(file);
         EXPECT_TRUE(redLearned({}));
-        EXPECT_EQ(agent->openDescriptors(), descriptors);
+        // An interface that is gone goes on to tell its leaves.
+        EXPECT_TRUE(waitUntil([&] { return agent->openDescriptors() == descriptors; },
+                              std::chrono::seconds(3)));
     }
     // Under another name; then the interface leaves the VRF for the default one, which lacks it.
     std::string blue = inRed(there);
