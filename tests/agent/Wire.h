@@ -12,6 +12,7 @@
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <set>
 #include <sys/socket.h>
 #include <system_error>
 #include <thread>
@@ -38,18 +39,27 @@ class Wire {
     }
 
     /// All messages and records of reports since the last forget(), sorted: "TO_EX 239.1.1.1", or
-    /// "v2 239.1.1.1". Whatever no host may send shows as "malformed".
+    /// "v2 239.1.1.1". Whatever no host may send shows as "malformed". Without the answers to
+    /// version 3 queries: the bridge asks when it likes.
     Lines heard() {
         doReceive();
         Lines lines = heard_;
         std::sort(lines.begin(), lines.end());
         return lines;
     }
+    /// Those answers since the last forget(), sorted, each once, when they are no fewer than
+    /// expected, and a moment later.
+    Lines answersAfter(std::size_t count) {
+        waitUntil([&] { return answers().size() >= count; });
+        doSettle();
+        return answers();
+    }
     /// The source addresses of the packets.
     std::vector<Lox::IpAddr> const& sources() const { return sources_; }
     void forget() {
         doReceive();
         heard_.clear();
+        answers_.clear();
         sources_.clear();
     }
     /// Whether these are heard, in any order, perhaps among others.
@@ -63,7 +73,7 @@ class Wire {
     /// What is heard once these lines have been, and a moment later.
     Lines heardAfter(Lines const& lines) {
         hears(lines);
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        doSettle();
         return heard();
     }
 
@@ -79,6 +89,11 @@ class Wire {
     }
 
   private:
+    static void doSettle() { std::this_thread::sleep_for(std::chrono::milliseconds(300)); }
+    Lines answers() {
+        doReceive();
+        return {answers_.begin(), answers_.end()};
+    }
     void doReceive() {
         Agent::Bytes packet(65536);
         for (;;) {
@@ -98,7 +113,11 @@ class Wire {
         std::string const text = Agent::packetText(packet);
         for (std::size_t at = 0; at <= text.size();) {
             std::size_t const end = std::min(text.find(", ", at), text.size());
-            heard_.push_back(text.substr(at, end - at));
+            std::string const line = text.substr(at, end - at);
+            if (line.starts_with("IS_"))
+                answers_.insert(line);
+            else
+                heard_.push_back(line);
             at = end + 2;
         }
     }
@@ -106,6 +125,7 @@ class Wire {
     Agent::FileDescriptor socket_;
     sockaddr_ll address_{};
     Lines heard_;
+    std::set<std::string> answers_;
     std::vector<Lox::IpAddr> sources_;
 };
 
