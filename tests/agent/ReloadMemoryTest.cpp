@@ -111,7 +111,8 @@ class ReloadMemoryTest : public testing::Test {
         net->nearIp("link set up1 up");
         net->nearIp("link set aux1 up");
         inside.emplace(net->nearName());
-        daemon.emplace(Daemon::Options{path, {}, {}}, configurationParse(before, path).configuration);
+        daemon.emplace(Daemon::Options{path, {}, {}},
+                       configurationParse(before, path).configuration);
         daemon->loop().endOfTurnIs([this] {
             if (--turnsLeft_ <= 0) daemon->loop().stopIs(0);
         });
