@@ -44,10 +44,12 @@ step() {
     current=
 }
 
-# What the script's end says of the step that it fails in.
+# What the script's end says of the step that it fails in, where the script's own errors go: a step
+# ends the script from within, with its output in the log.
 endOfScript() {
     local status=$?
     [ $status != 0 ] && [ -n "${current:-}" ] || return 0
+    exec 2>&3
     echo "failed" >&2
     [ $status = 130 ] || tail -c "+$((logged + 1))" "$log" >&2
     echo "${0##*/}: failed: $current (all output is in $log)" >&2
@@ -56,6 +58,7 @@ endOfScript() {
 # Begins the log, and has the end of the script looked at.
 beginLog() {
     log=$1
+    exec 3>&2
     mkdir -p "$(dirname "$log")"
     : >"$log"
     trap endOfScript EXIT
