@@ -26,6 +26,9 @@
 
 namespace Agent {
 
+/// How long work that can be cut into slices keeps the loop in one turn, in seconds.
+inline constexpr double sliceSeconds = 0.002;
+
 class EventLoop {
   public:
     using Handler = std::function<void()>;

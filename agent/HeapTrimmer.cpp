@@ -10,7 +10,7 @@ namespace Agent {
 namespace {
 
 /// From a busy turn to the look.
-constexpr double delaySeconds = 10;
+constexpr double lookDelaySeconds = 10;
 /// How much unused memory is worth the work.
 constexpr std::size_t worthwhileOctets = 8 << 20;
 /// Free places of each slab that are looked at in one turn: about a millisecond in all.
@@ -20,7 +20,7 @@ constexpr std::size_t sliceLength = 5000;
 
 void HeapTrimmer::handleTurn() {
     if (std::exchange(trimmed_, false) || std::exchange(armed_, true)) return;
-    alarm_.delayIs(delaySeconds);
+    alarm_.delayIs(lookDelaySeconds);
 }
 
 void HeapTrimmer::doTrim() {

@@ -14,8 +14,6 @@ namespace {
 
 /// From a change to the write: more changes come with it.
 constexpr double delaySeconds = 0.05;
-/// Of a turn of the loop.
-constexpr double sliceSeconds = 0.002;
 /// Rest between two writes, as a multiple of the work that the last one took.
 constexpr double restFactor = 50;
 

@@ -4,13 +4,6 @@
 
 namespace Agent {
 
-namespace {
-
-/// Of work in one turn of the loop.
-constexpr double sliceSeconds = 0.002;
-
-} // namespace
-
 StatusFile::StatusFile(EventLoop& loop, std::string path,
                        std::function<std::unique_ptr<JsonPart>()> makeStatus)
     : path_(std::move(path)),

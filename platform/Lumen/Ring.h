@@ -2,8 +2,8 @@
 //
 // A trace point is a static descriptor at its call site. Passing it stores the descriptor, a time
 // stamp and the raw values in a fixed slot of 64 octets; no text is built and nothing is allocated.
-// Text is made when somebody reads the ring. Values that do not fit, and the ends of long names,
-// are cut.
+// Text is made when somebody reads the ring. Names that are too long for the slot stand in a ring
+// of their own, and are cut once that has gone round; values that do not fit are left out.
 #pragma once
 
 #include <array>
@@ -48,7 +48,25 @@ struct Entry {
 };
 static_assert(sizeof(Entry) == 64);
 
-/// Text is stored as a length octet and the characters; everything else as its bytes.
+/// Names that did not fit into their entries, one behind the other in a circle.
+class LongTexts {
+  public:
+    static constexpr std::size_t capacity = 64 * 1024; // octets
+
+    /// Where the text stands, counted in octets that were ever written. Cut at the capacity.
+    std::uint64_t add(std::string_view text);
+    /// Writes the text that was added there; "..." for what newer ones have taken the place of.
+    void print(std::uint64_t position, std::uint32_t length, std::ostream& out) const;
+
+  private:
+    std::uint64_t written_ = 0;
+    std::array<char, capacity> octets_;
+};
+inline LongTexts longTexts;
+
+/// Text is stored as a length octet and the characters, or as `longText` with position and length
+/// among the long texts; everything else as its bytes.
+inline constexpr std::byte longText{0xFF};
 template <class T>
 inline constexpr bool isText = std::is_convertible_v<T const&, std::string_view>;
 
@@ -58,9 +76,23 @@ inline constexpr bool isNamed = requires(T const& v) {
     { v.stringValue() } -> std::same_as<std::string const&>;
 };
 
+/// What a value takes of an entry, at most.
+template <class T>
+std::size_t octetsOf(T const& value) {
+    if constexpr (isText<T>) {
+        return 1 + std::string_view(value).size();
+    } else if constexpr (isNamed<T>) {
+        return 1 + value.stringValue().size();
+    } else {
+        return sizeof value;
+    }
+}
+
 class Writer {
   public:
-    explicit Writer(Payload& payload) : at_(payload.data()), end_(at_ + payload.size()) {}
+    /// `tight`: the values take more than the payload, so names that save room are put elsewhere.
+    Writer(Payload& payload, bool tight)
+        : at_(payload.data()), end_(at_ + payload.size()), tight_(tight) {}
 
     template <class T>
     void put(T const& value) {
@@ -81,15 +113,17 @@ class Writer {
 
   private:
     void putText(std::string_view text) {
-        if (at_ == end_) return;
-        std::size_t const length = std::min(text.size(), std::size_t(end_ - at_ - 1));
-        *at_++ = std::byte(length);
-        std::memcpy(at_, text.data(), length);
-        at_ += length;
+        if (tight_) [[unlikely]]
+            return putTightly(text);
+        *at_++ = std::byte(text.size());
+        std::memcpy(at_, text.data(), text.size());
+        at_ += text.size();
     }
+    void putTightly(std::string_view text);
 
     std::byte* at_;
     std::byte* end_;
+    bool tight_;
 };
 
 class Reader {
@@ -101,6 +135,7 @@ class Reader {
     void print(std::ostream& out) {
         if constexpr (isText<T> || isNamed<T>) {
             if (at_ == end_) return;
+            if (*at_ == longText) return printLongText(out);
             auto const length = std::size_t(*at_++);
             out.write(reinterpret_cast<char const*>(at_), std::streamsize(length));
             at_ += length;
@@ -115,6 +150,8 @@ class Reader {
     }
 
   private:
+    void printLongText(std::ostream& out);
+
     std::byte const* at_;
     std::byte const* end_;
 };
@@ -164,7 +201,8 @@ class Ring {
         Entry& entry = entries_[written_++ % capacity_];
         entry.point = &point;
         entry.stamp = stamp_ != 0 ? stamp_ : freshStamp();
-        Writer writer(entry.payload);
+        Writer writer(entry.payload,
+                      (std::size_t(0) + ... + octetsOf(values)) > sizeof entry.payload);
         (writer.put(values), ...);
         return entry;
     }

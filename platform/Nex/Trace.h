@@ -53,8 +53,7 @@ class TraceHandle {
     TraceHandle* next_;
 };
 
-/// Hands the text of one trace point to the sink when it goes. That is the text of the ring's
-/// entry, cut where that is cut.
+/// Hands the text of one trace point to the sink when it goes: the text of the ring's entry.
 class TraceHelper {
   public:
     TraceHelper(TraceHandle const& handle, Lumen::Entry const& entry)

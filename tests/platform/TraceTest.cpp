@@ -112,19 +112,33 @@ TEST_F(TraceTest, SinkThatThrowsDisturbsNobody) {
     EXPECT_EQ(entry().text(), "thrown");
 }
 
-TEST_F(TraceTest, WhatDoesNotFitIntoAnEntryIsCut) {
+TEST_F(TraceTest, LongNamesAreKeptElsewhereUntilOthersTakeTheirPlace) {
     traced.levelIs(6);
-    NEX_TRACE(traced, 6, "%|", String(500, 'x'));
-    EXPECT_EQ(both(), "TraceTest 6 " + String(47, 'x') + '|');
-    NEX_TRACE(traced, 6, "%|%|%", String(30, 'x'), String(30, 'y'), 7);
-    EXPECT_EQ(both(), "TraceTest 6 " + String(30, 'x') + '|' + String(16, 'y') + '|');
-    NEX_TRACE(traced, 6, "%|%|%|%", String(46, 'x'), String("y"), String("z"), String());
-    EXPECT_EQ(entry().text(), String(46, 'x') + "|||");
+    String const x(500, 'x'), y(30, 'y');
+    NEX_TRACE(traced, 6, "%|", x);
+    EXPECT_EQ(both(), "TraceTest 6 " + x + '|');
+    NEX_TRACE(traced, 6, "%|%|%|%", x, y, Lox::IntfId(y), 7);
+    EXPECT_EQ(both(), "TraceTest 6 " + x + '|' + y + '|' + y + "|7");
+    NEX_TRACE(traced, 6, "%|%|%|%", String(46, 'x'), "y", "z", String());
+    EXPECT_EQ(both(), "TraceTest 6 " + String(46, 'x') + "|y|z|");
+    // Goes round the end of their ring at each place.
+    for (unsigned n = 0; n < 1000; ++n) {
+        String const name = std::to_string(n) + String(100, 'z');
+        NEX_TRACE(traced, 6, "%", name);
+        ASSERT_EQ(both(), "TraceTest 6 " + name);
+    }
+    EXPECT_EQ(entry(1000).text(), "...|y|z|");
+    NEX_TRACE(traced, 6, "%", String(Lumen::LongTexts::capacity + 1, 'x'));
+    EXPECT_EQ(both(), "TraceTest 6 " + String(Lumen::LongTexts::capacity, 'x'));
+}
+
+TEST_F(TraceTest, ValuesThatDoNotFitIntoAnEntryAreLeftOut) {
+    traced.levelIs(6);
     // A number that does not fit ends the entry; what would fit after it is not taken for it.
-    NEX_TRACE(traced, 6, "%|%|%", String(42, 'x'), 1.5, 'c');
-    EXPECT_EQ(entry().text(), String(42, 'x') + "||");
-    NEX_TRACE(traced, 6, "%%%%%%%", 1ull, 2ull, 3ull, 4ull, 5ull, 6ull, 7ull);
-    EXPECT_EQ(entry().text(), "123456");
+    NEX_TRACE(traced, 6, "%%%%%|%|%|%", 1ull, 2ull, 3ull, 4ull, 5ull, Costly{3}, 1.5, 'c');
+    EXPECT_EQ(both(), "TraceTest 6 12345|<3>||");
+    NEX_TRACE(traced, 6, "%%%%%%%", 1ull, 2ull, 3ull, 4ull, 5ull, 6ull, "seven");
+    EXPECT_EQ(both(), "TraceTest 6 123456");
 }
 
 TEST_F(TraceTest, TheRingKeepsTheLastEntriesAsItWrapsAround) {
