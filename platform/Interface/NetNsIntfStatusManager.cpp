@@ -64,14 +64,21 @@ void NetNsIntfStatusManager::handleIntf(Lox::IntfId const& intfId) {
     // Looked up again, for whoever was told may have changed it, or have ended the manager.
     IntfStatusAndDeviceName const entry =
         nexZombieReactors() ? IntfStatusAndDeviceName() : entryOf(intfId);
-    if (entry != IntfStatusAndDeviceName()) error.attempt([&] { doList(intfId, entry); });
+    if (entry != IntfStatusAndDeviceName()) {
+        error.attempt([&] { doList(intfId, entry); });
+        error.attempt([&] { handleIntf(intfId); }); // it may have changed before it was listed
+    }
     error.rethrow();
 }
 
 void NetNsIntfStatusManager::doList(Lox::IntfId const& intfId,
                                     IntfStatusAndDeviceName const& entry) {
-    deviceIntfStatusDir_->intfToDeviceNameIs(entry.ifIndex, {intfId, entry.deviceName});
+    Nex::FirstError error;
+    error.attempt([&] {
+        deviceIntfStatusDir_->intfToDeviceNameIs(entry.ifIndex, {intfId, entry.deviceName});
+    });
     deviceIntfStatusDir_->intfStatusAndDeviceNameIs(intfId, entry);
+    error.rethrow();
 }
 
 void NetNsIntfStatusManager::doDelist(Lox::IntfId const& intfId) {

@@ -35,6 +35,9 @@ struct Namespace : Nex::Reactor<DeviceIntfStatusDir::NotifieeConst, Nex::PtrInte
         }
         if (act) act();
     }
+    void onIntfToDeviceName(std::uint32_t) override {
+        if (auto const now = std::exchange(actOnIndex, nullptr)) now();
+    }
     Nex::String take() { return std::exchange(told, ""); }
 
     Lox::NamespaceName ns;
@@ -43,6 +46,7 @@ struct Namespace : Nex::Reactor<DeviceIntfStatusDir::NotifieeConst, Nex::PtrInte
     Namespace* other = nullptr;
     Nex::String told;
     std::function<void()> act;
+    std::function<void()> actOnIndex; ///< once
 };
 
 struct Inputs {
@@ -124,6 +128,23 @@ TEST(DeviceDirectory, WhatHappensWhileAnInterfaceIsTakenOutCounts) {
     };
     in.one->kernel(8, "eth0");
     EXPECT_EQ(in.listed(*in.one), in.demanded(*in.one));
+
+    // Between the two halves of an entry, perhaps with an error.
+    in.one->act = nullptr;
+    in.one->kernel(7, "");
+    for (bool const fails : {false, true}) {
+        in.one->actOnIndex = [&, fails] {
+            if (fails) throw Nex::Exception("told");
+            in.operUp("a", false);
+        };
+        try {
+            in.one->kernel(7, "eth0");
+        } catch (Nex::Exception const&) {
+        }
+        EXPECT_EQ(in.listed(*in.one), in.demanded(*in.one));
+        in.operUp("a", true);
+        in.one->kernel(7, "");
+    }
 }
 
 // Two VRFs may have one namespace, and be it until one of them has gone.
