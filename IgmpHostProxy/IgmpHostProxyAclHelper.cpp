@@ -130,6 +130,7 @@ void IgmpHostProxyAclHelper::doApply(Acl::UniqueId id, Acl::IpRuleConfig const& 
     underWay_->group = group;
     Nex::Ptr<GroupSource> const contribution = groupSourceListIs(group);
     Nex::Ptr<IntfStatus> const status = machine_->intfStatus();
+    if (!status) return; // gone by what a group before has brought about
     if (!status->groupSourceListHas(group)) {
         IHP_TRACE(7, "Adding group % to status", group);
         status->groupSourceListIs(group);

@@ -344,8 +344,10 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     void doRemoveAnyExclude(GroupSource* entry, SourceGroup sg);
     /// The last reference of a specific source went: an empty group goes, too, unless other pairs
     /// of it are counted.
-    void doDeleteUnlessCounted(GroupSource const* entry, Lox::IpAddr group);
-    void doDeleteIfEmpty(GroupSource const& entry, Lox::IpAddr group);
+    void doDeleteUnlessCounted(GroupSource const* entry);
+    void doDeleteIfEmpty(GroupSource const& entry);
+    /// Nothing, where whoever was told of the entry has taken it away or replaced it.
+    void doDeleteEntry(GroupSource const& entry);
     /// The sources that (*,G) had displaced, as the producers want them now, in a scratch record.
     Nex::Ptr<GroupSource> restored(Lox::IpAddr group) const;
     void doCopySources(GroupSource const& from, GroupSource& to) const;

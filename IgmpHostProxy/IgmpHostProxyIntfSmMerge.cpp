@@ -118,7 +118,7 @@ Nex::Ptr<GroupSource> IgmpHostProxyIntfSm::doCount(SourceGroup sg) {
     IHP_TRACE(6, "Ref count for sg incremented, now is%", count);
     // Whoever was told of the entry as it came, or of what it lost, may have had it taken away. A
     // pair that is counted has one.
-    if (!certain) entry = intfStatus()->groupSourceListIs(sg.groupAddr);
+    if (!certain && intfStatus()) entry = intfStatus()->groupSourceListIs(sg.groupAddr);
     return entry;
 }
 
@@ -126,7 +126,7 @@ void IgmpHostProxyIntfSm::doRemoveUncountedInclude(GroupSource* entry, SourceGro
     IHP_TRACE(6, "(S,G) was added from Mfib. Has no refCounter. Deleting from status");
     if (!entry) return;
     entry->includeSourceListDel(sg.sourceAddr);
-    if (entry->empty()) intfStatus()->groupSourceListDel(sg.groupAddr);
+    if (entry->empty()) doDeleteEntry(*entry);
 }
 
 void IgmpHostProxyIntfSm::doRemoveUncountedExclude(GroupSource* entry, SourceGroup sg) {
@@ -146,7 +146,7 @@ void IgmpHostProxyIntfSm::doRemoveUncountedExclude(GroupSource* entry, SourceGro
         for (Lox::IpAddr const source : entry->excludeSourceList())
             if (uncounted(source)) entry->excludeSourceListDel(source);
     }
-    if (entry->empty()) intfStatus()->groupSourceListDel(sg.groupAddr);
+    if (entry->empty()) doDeleteEntry(*entry);
 }
 
 void IgmpHostProxyIntfSm::doRemoveSpecificInclude(GroupSource* entry, SourceGroup sg) {
@@ -162,7 +162,7 @@ void IgmpHostProxyIntfSm::doRemoveSpecificInclude(GroupSource* entry, SourceGrou
     IHP_TRACE(6, "Ref count is 0. Deleting it from includeSourceList.");
     groupSourceRefCounterDel(sg);
     if (entry) entry->includeSourceListDel(sg.sourceAddr);
-    doDeleteUnlessCounted(entry, sg.groupAddr);
+    doDeleteUnlessCounted(entry);
 }
 
 void IgmpHostProxyIntfSm::doRemoveSpecificExclude(GroupSource* entry, SourceGroup sg) {
@@ -177,15 +177,20 @@ void IgmpHostProxyIntfSm::doRemoveSpecificExclude(GroupSource* entry, SourceGrou
     IHP_TRACE(6, "Ref count is 0. Deleting it from excludeSourceList.");
     groupSourceRefCounterDel(sg);
     if (entry) entry->excludeSourceListDel(sg.sourceAddr);
-    doDeleteUnlessCounted(entry, sg.groupAddr);
+    doDeleteUnlessCounted(entry);
 }
 
-void IgmpHostProxyIntfSm::doDeleteUnlessCounted(GroupSource const* entry, Lox::IpAddr group) {
+void IgmpHostProxyIntfSm::doDeleteUnlessCounted(GroupSource const* entry) {
     if (!entry || !entry->empty()) return;
     IHP_TRACE(6, "Include and exclude source list is empty.");
-    if (groupSourceRefCounter_.groupHas(group)) return;
-    IHP_TRACE(6, "Deleting group:%", group);
-    intfStatus()->groupSourceListDel(group);
+    if (groupSourceRefCounter_.groupHas(entry->group())) return;
+    IHP_TRACE(6, "Deleting group:%", entry->group());
+    doDeleteEntry(*entry);
+}
+
+void IgmpHostProxyIntfSm::doDeleteEntry(GroupSource const& entry) {
+    if (intfStatus() && entry.nexParent() == intfStatus())
+        intfStatus()->groupSourceListDel(entry.group());
 }
 
 void IgmpHostProxyIntfSm::doRemoveAnyInclude(GroupSource* entry, SourceGroup sg) {
@@ -205,7 +210,7 @@ void IgmpHostProxyIntfSm::doRemoveAnyInclude(GroupSource* entry, SourceGroup sg)
     if (local->excludeSourceListCount() >= 2 || local->includeSourceListCount() > 0)
         local->excludeSourceListDel(anySource);
     doCopySources(*local, *entry);
-    doDeleteIfEmpty(*entry, sg.groupAddr);
+    doDeleteIfEmpty(*entry);
 }
 
 /// Unlike its counterpart this forgets all references at once, whatever the count: it is reached
@@ -226,7 +231,7 @@ void IgmpHostProxyIntfSm::doRemoveAnyExclude(GroupSource* entry, SourceGroup sg)
         return;
     }
     doCopySources(*local, *entry);
-    doDeleteIfEmpty(*entry, sg.groupAddr);
+    doDeleteIfEmpty(*entry);
 }
 
 void IgmpHostProxyIntfSm::doCopySources(GroupSource const& from, GroupSource& to) const {
@@ -234,10 +239,10 @@ void IgmpHostProxyIntfSm::doCopySources(GroupSource const& from, GroupSource& to
     for (Lox::IpAddr const source : from.excludeSourceList()) to.excludeSourceListIs(source);
 }
 
-void IgmpHostProxyIntfSm::doDeleteIfEmpty(GroupSource const& entry, Lox::IpAddr group) {
+void IgmpHostProxyIntfSm::doDeleteIfEmpty(GroupSource const& entry) {
     if (!entry.empty()) return;
     IHP_TRACE(6, "Include and exclude source list is empty.Deleting group from intfStatus");
-    intfStatus()->groupSourceListDel(group);
+    doDeleteEntry(entry);
 }
 
 Nex::Ptr<GroupSource> IgmpHostProxyIntfSm::restored(Lox::IpAddr group) const {

@@ -179,6 +179,45 @@ TEST_F(NestedChange, AStatusThatIsTakenAwayDuringItsReviewIsLeftAlone) {
     }
 }
 
+// The same of the merge, and of an entry in whose place another one has come.
+TEST_F(NestedChange, AnEntryThatIsTakenAwayDuringAMergeIsLeftAlone) {
+    Lox::IpAddr const next = ip("239.1.1.2");
+    auto const takeAway = [&] { machine().intfStatusIs(nullptr); };
+    auto const replace = [&] {
+        status->groupSourceListDel(groupG);
+        status->groupSourceListIs(groupG)->includeSourceListIs(sourceT);
+    };
+    auto const table = newTable();
+    routeIs(*table, sourceS, groupG);
+    settle();
+    whenSourcesChange(groupG, takeAway);
+    config->groupSourceListIs(groupG)->includeSourceListIs(sourceT);
+    EXPECT_EQ(count(sourceT), 1u);
+    machine().intfStatusIs(status);
+    config->groupSourceListDel(groupG);
+    for (bool const counted : {false, true})
+        for (auto const& happen : std::initializer_list<std::function<void()>>{takeAway, replace}) {
+            status->groupSourceListDelAll();
+            machine().groupSourceRefCounterDelAll();
+            if (counted) {
+                status->groupSourceListIs(groupG);
+                machine().addIncludeSourceGroup(sourceS, groupG);
+            } else {
+                status->groupSourceListIs(groupG)->includeSourceListIs(sourceS);
+            }
+            whenSourcesChange(groupG, happen);
+            machine().removeIncludeSourceGroup(sourceS, groupG);
+            bool const away = !machine().intfStatus();
+            EXPECT_EQ(announced(), away ? "include exclude" : "include 10.0.0.2 exclude");
+            machine().intfStatusIs(status);
+        }
+    status->groupSourceListDelAll();
+    ruleIs("iptv", 1, permit(sourceS, groupG, ~std::uint32_t(3)));
+    whenAnnounced(groupG, takeAway);
+    config->aclListIs("iptv");
+    EXPECT_EQ(announced(next), "absent");
+}
+
 TEST_F(NestedChange, AReviewThatFailsGoesOnAndTriesTheRouteAgain) {
     auto const table = newTable();
     settle();
