@@ -308,8 +308,10 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
   private:
     /// Attaches, purges or detaches a list whose helper, if there is one, is not at work.
     void doAclConfig(Nex::String const& name);
-    /// Does what was asked of a list's helper while it was at work.
-    void doFollowUp(Nex::String const& name);
+    /// Calls `act`, which works on a list's helper, then does what was asked of that meanwhile, be
+    /// there an exception.
+    template <class Act>
+    void doAndFollowUp(Nex::String const& name, Act act);
     void doReviewSoon();
     void doReviewRoutes();
     /// Has the next review walk every route from the start.

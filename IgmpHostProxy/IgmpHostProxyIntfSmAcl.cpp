@@ -2,12 +2,31 @@
 // exist. Each has a helper, which is kept in step with the list's rules by their ids.
 //
 // Whoever hears of a group may change the list at once. While a helper is at work on a rule it
-// takes no other one up: `doFollowUp` looks again when it is done.
+// takes no other one up: `doAndFollowUp` looks again when it is done.
 #include "IgmpHostProxy/IgmpHostProxyIntfSm.h"
 
 #include "IgmpHostProxy/Trace.h"
 
 namespace IgmpHostProxy {
+
+template <class Act>
+void IgmpHostProxyIntfSm::doAndFollowUp(Nex::String const& name, Act act) {
+    using Asked = IgmpHostProxyAclHelper::Asked;
+    Nex::FirstError error;
+    error.attempt(act);
+    while (Nex::Ptr<IgmpHostProxyAclHelper> const helper = igmpHostProxyAclHelper(name)) {
+        Asked const asked = helper->takeAsked();
+        if (asked == Asked::nothing) break;
+        if (asked == Asked::list) {
+            // The list may be another one by now, with other rules under the same ids.
+            error.attempt([&] { helper->purgeCachedRules(); });
+            error.attempt([&] { doAclConfig(name); });
+        } else if (Nex::Ptr<NexAcl> const reactor = acl(name)) {
+            error.attempt([&] { reactor->doReconcile(); });
+        }
+    }
+    error.rethrow();
+}
 
 void IgmpHostProxyIntfSm::handleAclList() {
     IHP_TRACE_ENTRY();
@@ -30,8 +49,7 @@ void IgmpHostProxyIntfSm::handleAclConfig(Nex::String name) {
     IHP_TRACE_ENTRY(" ( % )", name);
     IgmpHostProxyAclHelper* const helper = igmpHostProxyAclHelper(name);
     if (helper && helper->doDefer(IgmpHostProxyAclHelper::Asked::list)) return;
-    doAclConfig(name);
-    doFollowUp(name);
+    doAndFollowUp(name, [&] { doAclConfig(name); });
 }
 
 void IgmpHostProxyIntfSm::doAclConfig(Nex::String const& name) {
@@ -51,21 +69,6 @@ void IgmpHostProxyIntfSm::doAclConfig(Nex::String const& name) {
     if (!intfConfig() || !intfConfig()->aclListHas(name)) {
         IHP_TRACE(7, "ACL removed from config. Purging cached rules. Deleting helper");
         igmpHostProxyAclHelperDel(name);
-    }
-}
-
-void IgmpHostProxyIntfSm::doFollowUp(Nex::String const& name) {
-    using Asked = IgmpHostProxyAclHelper::Asked;
-    while (Nex::Ptr<IgmpHostProxyAclHelper> const helper = igmpHostProxyAclHelper(name)) {
-        Asked const asked = helper->takeAsked();
-        if (asked == Asked::nothing) return;
-        if (asked == Asked::list) {
-            // The list may be another one by now, with other rules under the same ids.
-            helper->purgeCachedRules();
-            doAclConfig(name);
-        } else if (Nex::Ptr<NexAcl> const reactor = acl(name)) {
-            reactor->doReconcile();
-        }
     }
 }
 
@@ -139,8 +142,7 @@ void IgmpHostProxyIntfSm::NexAcl::handleRule() {
     Nex::Name const name = notifier()->name();
     IgmpHostProxyAclHelper* const helper = machine()->igmpHostProxyAclHelper(name);
     if (!helper || helper->doDefer(IgmpHostProxyAclHelper::Asked::rules)) return;
-    doReconcile();
-    machine()->doFollowUp(name);
+    machine()->doAndFollowUp(name, [&] { doReconcile(); });
 }
 
 void IgmpHostProxyIntfSm::NexAcl::doReconcile() {

@@ -273,5 +273,15 @@ TEST_F(NestedChange, AnExceptionWhileARuleIsTakenBackDoesNotStopTheList) {
     EXPECT_EQ(count(sourceS), 0u);
 }
 
+TEST_F(NestedChange, WhatWasAskedOfAListIsDoneAlsoIfAnExceptionFollows) {
+    ruleIs("iptv", 1, permit(sourceS, groupG));
+    whenAnnounced(groupG, [&] {
+        config->aclListDel("iptv");
+        throw Nex::Exception("from a callback");
+    });
+    EXPECT_THROW(config->aclListIs("iptv"), Nex::Exception);
+    EXPECT_EQ(helper(), nullptr);
+}
+
 } // namespace
 } // namespace IgmpHostProxy
