@@ -154,9 +154,12 @@ void IgmpHostIntfSm::handleGroupSourceListStatus() {
     IHP_TRACE_ENTRY();
     Nex::Ptr<IntfStatus> const status = intfStatus();
     if (status)
-        for (auto const& item : status->groupSourceList()) groupSourceListStatusIs(item.value);
+        for (auto const& item : status->groupSourceList()) {
+            if (intfStatus() != status.get()) break; // another one was looked at as it came
+            groupSourceListStatusIs(item.value);
+        }
     groupSourceListStatus_.delUnless(
-        [&](Lox::IpAddr group) { return status && status->groupSourceListHas(group); });
+        [&](Lox::IpAddr group) { return intfStatus() && intfStatus()->groupSourceListHas(group); });
 }
 
 // The sources of one group

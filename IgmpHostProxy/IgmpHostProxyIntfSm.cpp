@@ -121,9 +121,12 @@ void IgmpHostProxyIntfSm::handleGroupSourceListConfig() {
     IHP_TRACE_ENTRY();
     Nex::Ptr<IntfConfig const> const config = intfConfig();
     if (config)
-        for (auto const& item : config->groupSourceList()) groupSourceListConfigIs(item.value);
+        for (auto const& item : config->groupSourceList()) {
+            if (intfConfig() != config.get()) break; // another one was looked at as it came
+            groupSourceListConfigIs(item.value);
+        }
     groupSourceListConfig_.delUnless(
-        [&](Lox::IpAddr group) { return config && config->groupSourceListHas(group); });
+        [&](Lox::IpAddr group) { return intfConfig() && intfConfig()->groupSourceListHas(group); });
 }
 
 void IgmpHostProxyIntfSm::handleDeletedGroupSourceListConfig(Lox::IpAddr group) {
@@ -140,10 +143,13 @@ void IgmpHostProxyIntfSm::handleDeletedGroupSourceListConfig() {
     IHP_TRACE_ENTRY();
     Nex::Ptr<IntfConfig const> const config = intfConfig();
     if (config)
-        for (auto const& item : config->deletedGroupSourceList())
+        for (auto const& item : config->deletedGroupSourceList()) {
+            if (intfConfig() != config.get()) break;
             deletedGroupSourceListConfigIs(item.value);
-    deletedGroupSourceListConfig_.delUnless(
-        [&](Lox::IpAddr group) { return config && config->deletedGroupSourceListHas(group); });
+        }
+    deletedGroupSourceListConfig_.delUnless([&](Lox::IpAddr group) {
+        return intfConfig() && intfConfig()->deletedGroupSourceListHas(group);
+    });
 }
 
 // Configured groups

@@ -38,6 +38,17 @@ struct HostWatch : GroupWatch<Igmp::IgmpHost> {
     void onV3group(Lox::IpAddr group) override { hear(group, notifier()->v3groupHas(group)); }
 };
 
+/// Acts once, as the record is raised.
+struct RecordWatch : Nex::Reactor<Igmp::IgmpV3GroupRecord::NotifieeConst, Nex::PtrInterface> {
+    RecordWatch(Nex::Ptr<Igmp::IgmpV3GroupRecord const> record, std::function<void()> act)
+        : Reactor(std::move(record), static_cast<Nex::PtrInterface*>(nullptr)),
+          act_(std::move(act)) {}
+    void onVersion() override {
+        if (auto const act = std::exchange(act_, nullptr)) act();
+    }
+    std::function<void()> act_;
+};
+
 class NestedChange : public Producers {
   protected:
     /// Has `act` done within the notification that tells of the group.
@@ -281,6 +292,31 @@ TEST_F(NestedChange, WhatWasAskedOfAListIsDoneAlsoIfAnExceptionFollows) {
     });
     EXPECT_THROW(config->aclListIs("iptv"), Nex::Exception);
     EXPECT_EQ(helper(), nullptr);
+}
+
+// Whoever hears of a group or of its record may point the machines at other records.
+TEST_F(NestedChange, GroupsOfTheRecordThatIsWatchedNowAreFollowed) {
+    Lox::IpAddr const next = ip("239.1.1.2");
+    auto const first = IntfConfig::IntfConfigIs(up0);
+    for (auto const group : {groupG, next}) first->groupSourceListIs(group);
+    auto const second = IntfConfig::IntfConfigIs(up0);
+    second->groupSourceListIs(groupG);
+    whenAnnounced(groupG, [&] { machine().intfConfigIs(Nex::Ptr<IntfConfig const>(second)); });
+    machine().intfConfigIs(Nex::Ptr<IntfConfig const>(first));
+    EXPECT_EQ(machine().groupSourceListConfig(groupG)->notifier(), second->groupSourceList(groupG));
+    EXPECT_EQ(machine().groupSourceListConfig(next), nullptr);
+
+    auto const other = IntfStatus::IntfStatusIs(up0);
+    auto const third = IntfStatus::IntfStatusIs(up0);
+    for (auto const group : {groupG, next})
+        other->groupSourceListIs(group)->includeSourceListIs(sourceS);
+    third->groupSourceListIs(groupG);
+    Nex::Owned<RecordWatch> watch;
+    watch.make(Nex::Ptr<Igmp::IgmpV3GroupRecord const>(host->v3group(groupG)),
+               [&] { binding().intfStatusIs(third); });
+    binding().intfStatusIs(other);
+    EXPECT_EQ(binding().groupSourceListStatus(groupG)->notifier(), third->groupSourceList(groupG));
+    EXPECT_EQ(binding().groupSourceListStatus(next), nullptr);
 }
 
 } // namespace
