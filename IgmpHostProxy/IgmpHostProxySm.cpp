@@ -156,10 +156,12 @@ IgmpHostProxySm::sourceIntfOf(Lox::IntfId const& intfId) const {
 }
 
 void IgmpHostProxySm::doForgetIntf(Lox::IntfId const& intfId) {
-    deleteIntfSm(intfId);
+    Nex::FirstError error;
+    error.attempt([&] { deleteIntfSm(intfId); });
     IHP_TRACE(7, "Unregistering interface: %", intfId);
     // Whichever interface registered last is unregistered; the slot keeps it.
     if (sourceIntfSm() && srcIntfIhpIntf()) sourceIntfSm()->unregisterSourceIntf(srcIntfIhpIntf());
+    error.rethrow();
 }
 
 void IgmpHostProxySm::doRegisterIntf(Lox::IntfId const& intfId, L3::VrfName const& vrfName,
@@ -324,8 +326,10 @@ void IgmpHostProxySm::initializeIgmpHost(Nex::Name name) {
 void IgmpHostProxySm::createOrDeleteIgmpHostIntfSm() {
     IHP_TRACE_ENTRY();
     if (!igmpHostStatusDir()) return;
+    Nex::FirstError error;
     for (auto const& item : igmpHostStatusDir()->igmpHostStatus())
-        createOrDeleteIgmpHostIntfSm(item.key);
+        error.attempt([&] { createOrDeleteIgmpHostIntfSm(item.key); });
+    error.rethrow();
 }
 
 void IgmpHostProxySm::createOrDeleteIgmpHostIntfSm(Nex::Name name) {
