@@ -4,7 +4,7 @@
 #include "agent/Log.h"
 
 #include <algorithm>
-#include <exception>
+#include <limits>
 #include <unistd.h>
 #include <utility>
 
@@ -16,6 +16,8 @@ namespace {
 constexpr double delaySeconds = 0.05;
 /// Rest between two writes, as a multiple of the work that the last one took.
 constexpr double restFactor = 50;
+/// After a write that failed, at least.
+constexpr double retrySeconds = 1;
 
 } // namespace
 
@@ -28,39 +30,60 @@ void StateKeeper::handleChange() {
 }
 
 void StateKeeper::handleAlarm() {
+    double const start = EventLoop::now();
+    if (!text_) workSeconds_ = 0;
+    try {
+        if (!doSlice(start + sliceSeconds)) {
+            workSeconds_ += EventLoop::now() - start;
+            return alarm_.delayIs(0);
+        }
+        workSeconds_ += EventLoop::now() - start;
+        doEnd(restFactor * workSeconds_);
+    } catch (std::exception const& error) {
+        changed_ = true;
+        doEnd(std::max(retrySeconds, restFactor * workSeconds_));
+        doFail(error);
+    }
+}
+
+void StateKeeper::doWriteAtOnce() {
+    if (file_.empty()) return;
+    text_.reset();
+    try {
+        doSlice(std::numeric_limits<double>::infinity());
+    } catch (std::exception const& error) {
+        doFail(error);
+    }
+}
+
+void StateKeeper::doFail(std::exception const& error) {
+    if (auto const heldBack = failureLimit_.admitted(EventLoop::now()))
+        log(LogLevel::warning, "the state file is not written: {} ({} more not shown)",
+            error.what(), *heldBack);
+}
+
+/// Whether the file is written.
+bool StateKeeper::doSlice(double end) {
     if (!text_) {
         text_.emplace();
         after_.clear();
-        workSeconds_ = 0;
         changed_ = false;
     }
-    double const start = EventLoop::now();
     bool more = true;
-    double now = start;
-    while (more && now < start + sliceSeconds) {
-        more = next_(*text_, after_);
-        now = EventLoop::now();
-    }
-    if (!more) doWrite();
-    workSeconds_ += EventLoop::now() - start;
-    if (more) return alarm_.delayIs(0);
-    restUntil_ = EventLoop::now() + restFactor * workSeconds_;
-    if (std::exchange(changed_, false)) handleChange();
-}
-
-void StateKeeper::doWrite() {
+    while (more && EventLoop::now() < end) more = next_(*text_, after_);
+    if (more) return false;
     if (text_->truncated() && truncationLimit_.admitted(EventLoop::now()))
         log(LogLevel::warning, "{} has no room for all groups; some would not be left", file_);
-    try {
-        FileReplacement file(file_);
-        file.add(text_->take());
-        file.finish();
-    } catch (std::exception const& error) {
-        if (auto const heldBack = failureLimit_.admitted(EventLoop::now()))
-            log(LogLevel::warning, "the state file is not written: {} ({} more not shown)",
-                error.what(), *heldBack);
-    }
+    FileReplacement file(file_);
+    file.add(text_->take());
+    file.finish();
+    return true;
+}
+
+void StateKeeper::doEnd(double restSeconds) {
     text_.reset();
+    restUntil_ = EventLoop::now() + restSeconds;
+    if (std::exchange(changed_, false)) handleChange();
 }
 
 void StateKeeper::doRemove() {

@@ -1,6 +1,6 @@
 // Keeps the state file in step with what is announced, at little cost: it is written a moment after
-// a change, in slices, and then not again for long, measured by the work. A write that fails is
-// tried again with the next change.
+// a change, in slices, and then not again for long, measured by the work. One that fails is tried
+// again some seconds later.
 //
 // One alarm: it begins a write, and goes on with one in the next turn.
 #pragma once
@@ -8,6 +8,7 @@
 #include "agent/Alarm.h"
 #include "agent/StateFile.h"
 
+#include <exception>
 #include <functional>
 #include <optional>
 #include <string>
@@ -25,12 +26,16 @@ class StateKeeper {
 
     /// Something announced has changed.
     void handleChange();
+    /// The same, with no turn of the loop to come. Throws nothing.
+    void doWriteAtOnce();
     /// Nothing is announced any more: the file goes.
     void doRemove();
 
   private:
     void handleAlarm();
-    void doWrite();
+    bool doSlice(double end);
+    void doFail(std::exception const& error);
+    void doEnd(double restSeconds);
 
     std::string file_;
     Next next_;
