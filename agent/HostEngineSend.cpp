@@ -171,7 +171,11 @@ bool HostEngine::doSendOlderLeave(GroupEntry& entry) {
 /// of each round.
 void HostEngine::doSendLeaves(double now) {
     budget_.has(now); // the packets count, but need not wait
-    unlimited_ = true;
+    struct Unlimited {
+        explicit Unlimited(bool& flag) : flag_(flag) { flag_ = true; }
+        ~Unlimited() { flag_ = false; } // whatever is thrown
+        bool& flag_;
+    } const unlimited(unlimited_);
     for (unsigned packets = 0; leaveDue_ <= now && packets < mostLeavesAtOnce; ++packets) {
         std::size_t named = leaving_.isEmpty() ? 0 : doSendLeave();
         leavingCount_ -= std::min(named, leavingCount_);
@@ -185,7 +189,6 @@ void HostEngine::doSendLeaves(double now) {
         leaveDue_ = leaving_.isEmpty() ? never : leaveRoundEnd_;
         leaveRoundEnd_ += leaveRoundSeconds_;
     }
-    unlimited_ = false;
 }
 
 /// One packet; the number of groups that it names.
