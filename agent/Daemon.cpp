@@ -119,6 +119,8 @@ void Daemon::doFollowTime() {
             state_.timerWheel->timeIs(now);
             hosts_->timeIs(now);
         });
+    // Two hooks: a port that fails keeps the agent neither from ending nor from saying what fails.
+    loop_.endOfTurnIs([this] { hosts_->handleTurn(EventLoop::now()); });
     loop_.endOfTurnIs([this] { handleTurn(); });
 }
 
@@ -146,6 +148,7 @@ IgmpHostPort::Location Daemon::locate(std::string const& name, std::string const
 
 /// Whether all routes have come through to the groups of the interface, once at least.
 bool Daemon::settled(std::string const& name, std::string const& vrf) const {
+    if (!root_) return false; // building it anew has failed, and is tried again
     auto const* const machine = root_->igmpHostProxyIntfSm(Lox::IntfId(name));
     return machine && vrfs_->routesTold(vrf) && !machine->syncAllRoutes() &&
            !machine->reviewTimer()->reviewPending();
@@ -211,11 +214,13 @@ void Daemon::doRelease(ConfigurationWriter::Released const& released) {
 }
 
 void Daemon::handleTurn() {
-    hosts_->handleTurn(EventLoop::now());
     if (hosts_->takeHeldChange()) keeper_.handleChange();
     if (hosts_->ended()) {
         // Before it was ready, what an earlier run announced was not left.
-        if (ready_) keeper_.doRemove();
+        if (ready_ && hosts_->takeOwing())
+            keeper_.doWriteAtOnce();
+        else if (ready_)
+            keeper_.doRemove();
         return loop_.stopIs(0);
     }
     vrfs_->handleTurn();
@@ -225,13 +230,14 @@ void Daemon::handleTurn() {
     ready_ = true;
     // What an earlier run announced, where nobody asks for it now, waits for this.
     hosts_->handleConfiguration();
-    hosts_->handleTurn(EventLoop::now());
     writeAtOnce(STDOUT_FILENO, "ready\n");
     serviceNotify("READY=1");
+    hosts_->handleTurn(EventLoop::now());
 }
 
 void Daemon::handleReload() {
     if (ending_) return;
+    if (!ready_) return doReload(); // the start is not over by that
     serviceNotify("RELOADING=1");
     try {
         doReload();

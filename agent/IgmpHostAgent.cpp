@@ -55,8 +55,7 @@ void IgmpHostAgent::handleHost(Nex::Name const& name) {
 void IgmpHostAgent::doWithdraw(Nex::Name const& name) {
     auto const gone = ports_.find(name);
     Nex::Ptr<IgmpHostPort> const port = gone->second;
-    absent_.emplace(name, port); // first, for it may fail
-    ports_.erase(gone);
+    absent_.insert(ports_.extract(gone));
     port->hostDel(EventLoop::now());
     state_.hostStatusDir->igmpHostStatusDel(name);
     observer_(name, false);
@@ -110,18 +109,44 @@ void IgmpHostAgent::handleConfiguration() {
     forPorts([](IgmpHostPort& port) { port.handleLocation(); });
 }
 
-void IgmpHostAgent::handleTurn(double now) {
+/// One that fails, most likely for want of memory, keeps the others from nothing.
+template <class Act>
+std::exception_ptr IgmpHostAgent::doForPorts(Act act) {
+    std::exception_ptr failure;
     forPorts([&](IgmpHostPort& port) {
+        try {
+            act(port);
+        } catch (...) {
+            failure = std::current_exception();
+        }
+    });
+    return failure;
+}
+
+void IgmpHostAgent::handleTurn(double now) {
+    auto const failure = doForPorts([&](IgmpHostPort& port) {
         port.handleTurn(now);
         heldChanged_ |= port.takeHeldChange();
     });
     doForgetFinished(now);
+    if (failure) std::rethrow_exception(failure);
 }
 
 void IgmpHostAgent::doForgetFinished(double now) {
-    heldChanged_ |= std::erase_if(absent_, [&](auto const& item) {
-                        return item.second->finished(now, ending_);
-                    }) > 0;
+    for (auto at = absent_.begin(); at != absent_.end();) {
+        auto const item = at++;
+        if (!item->second->finished(now, ending_)) continue;
+        heldChanged_ = true;
+        if (ending_ && item->second->owes())
+            owing_.insert(absent_.extract(item));
+        else
+            absent_.erase(item);
+    }
+}
+
+bool IgmpHostAgent::takeOwing() {
+    absent_.merge(owing_);
+    return !absent_.empty();
 }
 
 double IgmpHostAgent::nextExpiry() const {
@@ -131,21 +156,22 @@ double IgmpHostAgent::nextExpiry() const {
 }
 
 void IgmpHostAgent::timeIs(double now) {
-    forPorts([&](IgmpHostPort& port) {
+    auto const failure = doForPorts([&](IgmpHostPort& port) {
         if (port.nextExpiry() <= now) port.timeIs(now);
     });
+    if (failure) std::rethrow_exception(failure);
 }
 
 void IgmpHostAgent::doEnd(double now) {
     // An interface that comes up in the turn at hand would still join.
     hostDir_.del();
     ending_ = true;
-    for (auto const& [name, port] : ports_) {
-        port->hostDel(now);
-        absent_.emplace(name, port);
-    }
-    ports_.clear();
+    while (!ports_.empty()) absent_.insert(ports_.extract(ports_.begin()));
+    auto const failure = doForPorts([&](IgmpHostPort& port) {
+        if (port.host()) port.hostDel(now);
+    });
     doForgetFinished(now);
+    if (failure) std::rethrow_exception(failure);
 }
 
 /// One port at a time, found by the name of the one before: ports come and go meanwhile.

@@ -11,6 +11,7 @@
 #include "agent/JsonStream.h"
 #include "agent/StateFile.h"
 
+#include <exception>
 #include <map>
 #include <string>
 #include <utility>
@@ -57,6 +58,8 @@ class IgmpHostAgent : public Nex::PtrInterface {
     void doEnd(double now);
     /// Whether that is over, a second later at most.
     bool ended() const { return ending_ && absent_.empty(); }
+    /// Whether routers may still hold something then that could not be left; heldAdd() tells it.
+    bool takeOwing();
     /// What each port has counted, by the interface's name.
     std::unique_ptr<JsonPart> statusPart() const;
 
@@ -73,6 +76,8 @@ class IgmpHostAgent : public Nex::PtrInterface {
     void doWithdraw(Nex::Name const& name);
     Nex::Ptr<IgmpHostPort> portFor(std::string const& name, std::string const& vrf);
     void doForgetFinished(double now);
+    template <class Act>
+    std::exception_ptr doForPorts(Act act);
     template <class Visit>
     void forPorts(Visit visit) const {
         for (auto const& [name, port] : ports_) visit(*port);
@@ -86,6 +91,7 @@ class IgmpHostAgent : public Nex::PtrInterface {
     std::map<std::string, Nex::Ptr<IgmpHostPort>> ports_;
     /// Without an entity. An interface that moves to another network may have several.
     std::multimap<std::string, Nex::Ptr<IgmpHostPort>> absent_;
+    std::multimap<std::string, Nex::Ptr<IgmpHostPort>> owing_; ///< of those, at the end
     bool ending_ = false;
     bool heldChanged_ = false;
     NEX_WATCHED(Igmp::IgmpHostDir, hostDir, NexIgmpHostDir)

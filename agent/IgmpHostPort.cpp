@@ -64,7 +64,7 @@ IgmpHostPort::~IgmpHostPort() {
 }
 
 bool IgmpHostPort::fits(std::string const& vrf) const {
-    if (!socket_) return true;
+    if (!socket_) return vrf == vrf_ || !engine_.hasFormer(); // leaves are owed to one network
     Location const there = locate_(name_, vrf);
     return there.device.ifindex == openIfindex_ && identityOf(there.namespaceFd) == openNamespace_;
 }
@@ -92,7 +92,13 @@ void IgmpHostPort::hostDel(double now) {
 }
 
 void IgmpHostPort::doLeave(double now) {
-    engine_.leaveAll(now);
+    try {
+        engine_.leaveAll(now);
+    } catch (...) { // tried again as if the link had been away
+        doClose(now);
+        retryTime_ = now + openRetrySeconds;
+        throw;
+    }
     if (socket_) leaveDeadline_ = now + leaveSeconds;
     doFlushSocket(now);
 }
@@ -214,27 +220,32 @@ void IgmpHostPort::doEndFormer(double now) {
 void IgmpHostPort::doOpen(Location const& here, double now) {
     try {
         socket_ = std::make_unique<PacketSocket>(here.device.ifindex, here.namespaceFd);
-    } catch (std::system_error const& error) {
+        openIfindex_ = here.device.ifindex;
+        openNamespace_ = identityOf(here.namespaceFd);
+        openTime_ = now;
+        awaited_ = 0;
+        loggedDrops_ = 0;
+        doFlushSocket(now); // also has the loop watch it
+        engine_.linkUp(now);
+    } catch (std::exception const& error) {
+        // A socket that nobody reads, or an engine that told a part, would stay so.
+        doCloseSocket();
+        retryTime_ = now + openRetrySeconds;
         if (auto const heldBack = openErrors_.admitted(now))
             log(LogLevel::error, "{}: {} ({} more like this)", name_, error.what(), *heldBack);
-        retryTime_ = now + openRetrySeconds;
-        return;
     }
-    openIfindex_ = here.device.ifindex;
-    openNamespace_ = identityOf(here.namespaceFd);
-    openTime_ = now;
-    awaited_ = 0;
-    loggedDrops_ = 0;
-    doFlushSocket(now); // also has the loop watch it
-    engine_.linkUp(now);
 }
 
 void IgmpHostPort::doClose(double now) {
     engine_.linkDown(now);
+    doCloseSocket();
+    retryTime_ = leaveDeadline_ = Nex::never;
+}
+
+void IgmpHostPort::doCloseSocket() {
     if (socket_) loop_.descriptorDel(socket_->fd());
     socket_ = nullptr;
     openIfindex_ = 0;
-    retryTime_ = leaveDeadline_ = Nex::never;
 }
 
 // Groups
@@ -280,8 +291,9 @@ void IgmpHostPort::doFlushSocket(double now) {
     int const error = socket_->flush(now);
     retryTime_ = error == ENOBUFS ? now + retrySeconds : Nex::never;
     std::uint32_t const events = error == EAGAIN ? EPOLLIN | EPOLLOUT : EPOLLIN;
-    if (events != std::exchange(awaited_, events))
+    if (events != awaited_)
         loop_.descriptorIs(socket_->fd(), events, [this](std::uint32_t e) { handleSocket(e); });
+    awaited_ = events;
     doLogDrops(now);
 }
 

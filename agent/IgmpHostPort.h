@@ -59,6 +59,8 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     void hostDel(double now);
     /// Whether there is no entity and nothing that could still be left. `ending`: nor will be.
     bool finished(double now, bool ending);
+    /// Whether it is finished all the same, and a later run may leave what this one could not.
+    bool owes() const { return engine_.hasFormer() && !forgotten_; }
 
     /// What routers may hold from an earlier run that ended without leaving, when version `version`
     /// was spoken.
@@ -107,6 +109,7 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     void doApplyGroup(Lox::IpAddr group);
     void doOpen(Location const& here, double now);
     void doClose(double now);
+    void doCloseSocket();
     void doFlushSocket(double now);
     /// Whether leaving waits for the interface to take packets.
     bool congested() const { return socket_ && !engine_.hasLeft() && socket_->queued() > 0; }

@@ -88,5 +88,37 @@ TEST_F(AgentTest, InterfaceRemovedWhileItsLinkIsAwayIsLeftWhenTheLinkIsBack) {
     EXPECT_EQ(wire->heardAfter(twice(left)), twice(left));
 }
 
+TEST_F(AgentTest, LeavesAreOwedToTheNetworkThatHeardTheJoins) {
+    net->farIp("link add up0 type veth peer name aux0"); // of the same name, elsewhere
+    net->farIp("link set aux0 up");
+    net->farIp("addr add 10.97.0.1/24 dev up0");
+    net->farIp("link set up0 up");
+    Wire other(net->farName(), "aux0");
+    std::string const vrf = "[vrf.red]\nnamespace = '" + net->farName() + "'\n";
+    start(vrf + groupsOn("up0", twoGroups));
+    ASSERT_EQ(wire->heardAfter(twice(joined)), twice(joined));
+    net->nearIp("link set up0 down");
+    std::string elsewhere = groupsOn("up0", "'239.1.1.3' = {}\n");
+    elsewhere.insert(elsewhere.find('\n') + 1, "vrf = 'red'\n");
+    reload(vrf + elsewhere);
+    Lines const there = twice({"TO_EX 239.1.1.3"});
+    EXPECT_EQ(other.heardAfter(there), there);
+    wire->forget();
+    net->nearIp("link set up0 up");
+    EXPECT_EQ(wire->heardAfter(twice(left)), twice(left));
+}
+
+TEST_F(AgentTest, WhatAnAgentThatEndsCannotLeaveIsLeftByTheNext) {
+    start(groupsOn("up0", twoGroups));
+    ASSERT_EQ(wire->heardAfter(twice(joined)), twice(joined));
+    net->nearIp("link set up0 down");
+    agent->signal(SIGTERM);
+    ASSERT_EQ(agent->exitStatus(), 0);
+    start("");
+    wire->forget();
+    net->nearIp("link set up0 up");
+    EXPECT_EQ(wire->heardAfter(twice(left)), twice(left));
+}
+
 } // namespace
 } // namespace Testing
