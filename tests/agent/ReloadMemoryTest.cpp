@@ -1,5 +1,6 @@
 // A reload for which memory runs out, at each of its allocations in turn.
 #include "agent/Daemon.h"
+#include "agent/Wire.h"
 #include "netns/Netns.h"
 
 #include <algorithm>
@@ -146,8 +147,9 @@ class ReloadMemoryTest : public testing::Test {
         memory.counting = false;
     }
     /// Until timers have done what is left.
-    void doSettle() {
-        double const end = EventLoop::now() + 0.15;
+    void doSettle() { doTurnsFor(0.15); }
+    void doTurnsFor(double seconds) {
+        double const end = EventLoop::now() + seconds;
         while (EventLoop::now() < end) doTurns(1);
     }
     /// What the library gives to the hosts.
@@ -213,6 +215,21 @@ TEST_F(ReloadMemoryTest, EndsWithTheOldOrTheNewConfigurationAndTheNextOneMendsTh
     }
     testing::internal::GetCapturedStderr();
     EXPECT_GT(refused, 200);
+}
+
+TEST_F(ReloadMemoryTest, BuildingAnewTellsTheNetworkNothing) {
+    Testing::Wire wire(net->farName(), "down0");
+    doReload(after);
+    Lines const all = announced();
+    doTurnsFor(1.2); // until all repeats are out
+    ASSERT_FALSE(wire.heard().empty());
+    wire.forget();
+    Nex::Ptr const host = daemon->state().hostDir->igmpHost("up0");
+    daemon->loop().doReportExhaustion();
+    doTurnsFor(1.5);
+    EXPECT_NE(daemon->state().hostDir->igmpHost("up0"), host) << "it was not built anew";
+    EXPECT_EQ(announced(), all);
+    EXPECT_EQ(wire.heard(), Lines());
 }
 
 } // namespace
