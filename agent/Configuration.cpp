@@ -39,7 +39,7 @@ constexpr std::size_t longestVrfName = 147;
 
 /// Whether `name` can stand in a directory, as interfaces do in /sys and namespaces in /run/netns.
 bool isFileName(std::string_view name) {
-    auto const forbidden = [](char c) { return c == '/' || (c >= '\0' && c < ' ') || c == '\x7f'; };
+    auto const forbidden = [](char c) { return c == '/' || std::uint8_t(c) < ' ' || c == '\x7f'; };
     return !name.empty() && name.size() <= 255 && name != "." && name != ".." &&
            std::none_of(name.begin(), name.end(), forbidden);
 }
