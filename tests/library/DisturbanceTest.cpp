@@ -372,12 +372,8 @@ bool play(Scenario const& scenario, Change const& change, Undone undone, unsigne
     return disturber->disturbed();
 }
 
-// Sanitizers make it slow: there each change starts elsewhere and skips some notifications.
-#ifdef __has_feature
-constexpr unsigned stride = __has_feature(address_sanitizer) ? 11 : 1;
-#else
-constexpr unsigned stride = 1;
-#endif
+// Where programs are slow, each change starts elsewhere and skips some notifications.
+constexpr unsigned stride = IHP_DISTURBANCE_STRIDE;
 
 class Disturbance : public ::testing::TestWithParam<Scenario> {};
 
