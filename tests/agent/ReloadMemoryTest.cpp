@@ -47,6 +47,9 @@ void* __wrap_realloc(void* old, std::size_t size) {
     if (!room) throw std::bad_alloc();
     return room;
 }
+[[gnu::noinline]] void* operator new(std::size_t size, std::nothrow_t const&) noexcept {
+    return memory.refuses() ? nullptr : __real_malloc(size);
+}
 [[gnu::noinline]] void operator delete(void* room) noexcept { std::free(room); }
 [[gnu::noinline]] void operator delete(void* room, std::size_t) noexcept { std::free(room); }
 
