@@ -199,7 +199,7 @@ void IgmpHostProxySm::doProxyIntf(Lox::IntfId const& intfId, L3::VrfName const& 
     if (!igmpHostProxyIntfSm(intfId)) return;
     IHP_TRACE(7, "Initialize IgmpHost");
     if (!igmpHostDir()) return;
-    Nex::Name const name = intfId.stringValue();
+    Nex::Name const& name = intfId.stringValue();
     if (!igmpHostDir()->igmpHostHas(name)) unfilledHost_.findOrInsert(name);
     igmpHostDir()->igmpHostIs(name);
     if (unfilledHost_.has(name)) initializeIgmpHost(name);

@@ -4,6 +4,7 @@
 #include "IgmpHostProxy/PlatformState.h"
 
 #include <algorithm>
+#include <exception>
 #include <iostream>
 
 namespace {
@@ -89,9 +90,7 @@ void runUntil(PlatformState& state, Nex::ManualTime& time, double end) {
     time.nowIs(end);
 }
 
-} // namespace
-
-int main() {
+void run() {
     Nex::ManualTime time;
     Lox::IntfId const up("up0");
     PlatformState state;
@@ -120,4 +119,15 @@ int main() {
     table->routeDel(route);
     runUntil(state, time, 2);
     host->announce();
+}
+
+} // namespace
+
+int main() {
+    try {
+        run();
+    } catch (std::exception const& error) {
+        std::cerr << error.what() << '\n';
+        return 1;
+    }
 }

@@ -8,25 +8,31 @@ namespace Nex {
 
 void Clock::NotifieeConst::timeMinIs(double seconds) {
     if (std::isnan(seconds)) throw RangeException("a wake time that is no number");
-    if (armedOn_) armedOn_->timers_.erase(this);
-    armedOn_ = seconds == never ? nullptr : Ptr<Clock const>(notifier());
-    timeMin_ = armedOn_ ? seconds : never;
-    if (!armedOn_) return;
+    disarm();
+    if (seconds == never || !notifier()) return;
+    armedOn_ = Ptr<Clock const>(notifier());
+    timeMin_ = seconds;
     armed_ = armedOn_->armings_++;
     armedOn_->timers_.insert(this);
 }
 
+void Clock::NotifieeConst::disarm() {
+    if (armedOn_) armedOn_->timers_.erase(this);
+    armedOn_ = nullptr;
+    timeMin_ = never;
+}
+
 void Clock::NotifieeConst::notifierIs(Ptr<Clock const> clock) {
-    if (clock != notifier()) timeMinIs(never);
+    if (clock != notifier()) disarm();
     NotifieeOf<Clock>::notifierIs(std::move(clock));
 }
 
 void Clock::NotifieeConst::nexRetire() {
-    timeMinIs(never);
+    disarm();
     NotifieeOf<Clock>::nexRetire();
 }
 
-Clock::NotifieeConst::~NotifieeConst() { timeMinIs(never); }
+Clock::NotifieeConst::~NotifieeConst() { disarm(); }
 
 double Clock::nextExpiry() const { return timers_.empty() ? never : (*timers_.begin())->timeMin_; }
 
@@ -42,7 +48,7 @@ void Clock::timeIs(double now) {
         }
         Ptr<NotifieeConst> const timer(*at);
         auto const turn = timer->turn();
-        timer->timeMinIs(never);
+        timer->disarm();
         Lumen::Ring::Callback const mark(Lumen::ring);
         timer->nexDeliver([&] { timer->onTime(); });
         at = timers_.upper_bound(turn);

@@ -40,6 +40,8 @@ class Clock : public Entity {
 
       private:
         friend class Clock;
+        void disarm();
+
         /// In what order timers fire.
         std::pair<double, std::uint64_t> turn() const { return {timeMin_, armed_}; }
         double timeMin_ = never;
