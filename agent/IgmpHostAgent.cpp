@@ -111,25 +111,19 @@ void IgmpHostAgent::handleConfiguration() {
 
 /// One that fails, most likely for want of memory, keeps the others from nothing.
 template <class Act>
-std::exception_ptr IgmpHostAgent::doForPorts(Act act) {
-    std::exception_ptr failure;
-    forPorts([&](IgmpHostPort& port) {
-        try {
-            act(port);
-        } catch (...) {
-            failure = std::current_exception();
-        }
-    });
-    return failure;
+Nex::FirstError IgmpHostAgent::doForPorts(Act act) {
+    Nex::FirstError error;
+    forPorts([&](IgmpHostPort& port) { error.attempt([&] { act(port); }); });
+    return error;
 }
 
 void IgmpHostAgent::handleTurn(double now) {
-    auto const failure = doForPorts([&](IgmpHostPort& port) {
+    Nex::FirstError const error = doForPorts([&](IgmpHostPort& port) {
         port.handleTurn(now);
         heldChanged_ |= port.takeHeldChange();
     });
     doForgetFinished(now);
-    if (failure) std::rethrow_exception(failure);
+    error.rethrow();
 }
 
 void IgmpHostAgent::doForgetFinished(double now) {
@@ -156,10 +150,10 @@ double IgmpHostAgent::nextExpiry() const {
 }
 
 void IgmpHostAgent::timeIs(double now) {
-    auto const failure = doForPorts([&](IgmpHostPort& port) {
+    Nex::FirstError const error = doForPorts([&](IgmpHostPort& port) {
         if (port.nextExpiry() <= now) port.timeIs(now);
     });
-    if (failure) std::rethrow_exception(failure);
+    error.rethrow();
 }
 
 void IgmpHostAgent::doEnd(double now) {
@@ -167,11 +161,11 @@ void IgmpHostAgent::doEnd(double now) {
     hostDir_.del();
     ending_ = true;
     while (!ports_.empty()) absent_.insert(ports_.extract(ports_.begin()));
-    auto const failure = doForPorts([&](IgmpHostPort& port) {
+    Nex::FirstError const error = doForPorts([&](IgmpHostPort& port) {
         if (port.host()) port.hostDel(now);
     });
     doForgetFinished(now);
-    if (failure) std::rethrow_exception(failure);
+    error.rethrow();
 }
 
 /// One port at a time, found by the name of the one before: ports come and go meanwhile.

@@ -11,7 +11,8 @@
 #include "agent/JsonStream.h"
 #include "agent/StateFile.h"
 
-#include <exception>
+#include "Nex/Error.h"
+
 #include <map>
 #include <string>
 #include <utility>
@@ -77,7 +78,7 @@ class IgmpHostAgent : public Nex::PtrInterface {
     Nex::Ptr<IgmpHostPort> portFor(std::string const& name, std::string const& vrf);
     void doForgetFinished(double now);
     template <class Act>
-    std::exception_ptr doForPorts(Act act);
+    Nex::FirstError doForPorts(Act act);
     template <class Visit>
     void forPorts(Visit visit) const {
         for (auto const& [name, port] : ports_) visit(*port);
