@@ -1,7 +1,7 @@
 #include "agent/Daemon.h"
 
-#include "agent/Log.h"
-#include "agent/ServiceManager.h"
+#include "agent/loop/Log.h"
+#include "agent/loop/ServiceManager.h"
 
 #include "IgmpHostProxy/AddressRangeIterator.h"
 
@@ -67,15 +67,15 @@ Daemon::Daemon(Options options, Configuration configuration)
     doFollowSignals();
     sourceIntfSm_.make(state_.sourceIntfSm, this);
     root_ = state_.makeRoot();
-    hosts_ = Nex::newObject<IgmpHostAgent>(
+    hosts_ = Nex::newObject<PortRegistry>(
         state_, loop_,
         [this](std::string const& name, std::string const& vrf) { return locate(name, vrf); },
         [this](std::string const& name, bool present) { writer_.hostIs(name, present); });
     if (!hasCapability(CAP_NET_RAW))
         obstacles_.reasonIs("the agent", "has no CAP_NET_RAW: it can neither send nor hear IGMP",
                             LogLevel::error);
-    vrfs_ = std::make_unique<Vrfs>(state_, loop_, obstacles_,
-                                   [this](std::string const& name) { hosts_->handleDevice(name); });
+    vrfs_ = std::make_unique<VrfRegistry>(
+        state_, loop_, obstacles_, [this](std::string const& name) { hosts_->handleDevice(name); });
     if (!options_.statusFile.empty())
         statusFile_.emplace(loop_, options_.statusFile, [this] {
             return std::make_unique<StatusPart>(state_.status, hosts_->statusPart(), obstacles_);
@@ -138,7 +138,7 @@ IgmpHostPort::Location Daemon::locate(std::string const& name, std::string const
     if (wanted != configured.end() && wanted->second.vrf == vrf)
         location.configuration = &wanted->second;
     location.settled = ready_ && (!location.configuration || settled(name, vrf));
-    if (NamespaceInterfaces const* const interfaces = vrfs_->interfaces(vrf)) {
+    if (InterfaceWriter const* const interfaces = vrfs_->interfaces(vrf)) {
         location.followed = true;
         location.device = interfaces->device(name);
         location.namespaceFd = interfaces->place().namespaceFd;

@@ -3,15 +3,15 @@
 #pragma once
 
 #include "IgmpHostProxy/PlatformState.h"
-#include "agent/Configuration.h"
-#include "agent/ConfigurationWriter.h"
-#include "agent/EventLoop.h"
-#include "agent/HeapTrimmer.h"
-#include "agent/IgmpHostAgent.h"
 #include "agent/Obstacles.h"
-#include "agent/StateKeeper.h"
-#include "agent/StatusFile.h"
-#include "agent/Vrfs.h"
+#include "agent/PortRegistry.h"
+#include "agent/VrfRegistry.h"
+#include "agent/config/Configuration.h"
+#include "agent/files/StateKeeper.h"
+#include "agent/files/StatusFile.h"
+#include "agent/loop/EventLoop.h"
+#include "agent/loop/HeapTrimmer.h"
+#include "agent/records/ConfigurationWriter.h"
 
 #include <memory>
 #include <optional>
@@ -89,8 +89,8 @@ class Daemon {
     Obstacles obstacles_;
     Nex::Owned<NexSourceIntfSm> sourceIntfSm_;
     Nex::Ptr<IgmpHostProxy::IgmpHostProxySm> root_;
-    Nex::Ptr<IgmpHostAgent> hosts_;
-    std::unique_ptr<Vrfs> vrfs_;
+    Nex::Ptr<PortRegistry> hosts_;
+    std::unique_ptr<VrfRegistry> vrfs_;
     StateKeeper keeper_;
     std::optional<StatusFile> statusFile_;
     Alarm rebuild_{loop_, [this] { doRebuild(); }};

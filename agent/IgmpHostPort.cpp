@@ -1,7 +1,7 @@
 #include "agent/IgmpHostPort.h"
 
-#include "agent/Log.h"
-#include "agent/StatusJson.h"
+#include "agent/loop/Log.h"
+#include "agent/records/StatusJson.h"
 
 #include <algorithm>
 #include <cerrno>

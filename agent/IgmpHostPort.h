@@ -9,11 +9,11 @@
 // ends the wait for the forwarding table, and one that ends the attempt to leave.
 #pragma once
 
-#include "agent/Configuration.h"
-#include "agent/EventLoop.h"
-#include "agent/HostEngine.h"
-#include "agent/NamespaceInterfaces.h"
-#include "agent/PacketSocket.h"
+#include "agent/config/Configuration.h"
+#include "agent/igmp/HostEngine.h"
+#include "agent/kernel/PacketSocket.h"
+#include "agent/loop/EventLoop.h"
+#include "agent/records/InterfaceWriter.h"
 
 #include "Igmp/IgmpHost.h"
 #include "Nex/Machine.h"

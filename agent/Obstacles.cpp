@@ -1,7 +1,7 @@
 #include "agent/Obstacles.h"
 
-#include "agent/Printable.h"
-#include "agent/ServiceManager.h"
+#include "agent/loop/Printable.h"
+#include "agent/loop/ServiceManager.h"
 
 #include <algorithm>
 

@@ -2,7 +2,7 @@
 // and once as it ends: in the log, and to the service manager, which shows it while it lasts.
 #pragma once
 
-#include "agent/Log.h"
+#include "agent/loop/Log.h"
 
 #include <map>
 #include <string>

@@ -1,6 +1,6 @@
 #include "agent/Vrf.h"
 
-#include "agent/Log.h"
+#include "agent/loop/Log.h"
 
 #include "IgmpHostProxy/AddressRangeIterator.h"
 
@@ -64,12 +64,12 @@ std::optional<std::string> Vrf::obstacle(std::string const& interface) const {
 }
 
 void Vrf::doStart(int namespaceFd) {
-    NamespaceInterfaces::Place place{name_, Lox::NamespaceName::defaultNamespace(), namespaceFd};
+    InterfaceWriter::Place place{name_, Lox::NamespaceName::defaultNamespace(), namespaceFd};
     if (namespaceName_) {
         place.networkNamespace = Lox::NamespaceName("ns-" + name_.stringValue());
         state_.allVrfStatusLocal->vrfIs(name_)->networkNamespaceIs(place.networkNamespace);
     }
-    interfaces_ = std::make_unique<NamespaceInterfaces>(
+    interfaces_ = std::make_unique<InterfaceWriter>(
         state_, loop_, place, owns_, [this](std::string const& name) { handleInterface(name); });
     writer_ = std::make_unique<RouteWriter>(state_.mfibDir->keshColl(name_),
                                             "mroute-" + name_.stringValue());

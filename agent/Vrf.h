@@ -3,12 +3,12 @@
 // namespace and always there.
 #pragma once
 
-#include "agent/Configuration.h"
-#include "agent/KernelRoutes.h"
-#include "agent/NamespaceInterfaces.h"
-#include "agent/NamespaceWatch.h"
 #include "agent/Obstacles.h"
-#include "agent/RouteWriter.h"
+#include "agent/config/Configuration.h"
+#include "agent/kernel/KernelRoutes.h"
+#include "agent/kernel/NamespaceWatch.h"
+#include "agent/records/InterfaceWriter.h"
+#include "agent/records/RouteWriter.h"
 
 #include <memory>
 #include <optional>
@@ -19,8 +19,8 @@ namespace Agent {
 
 class Vrf {
   public:
-    using Owns = NamespaceInterfaces::Owns;
-    using Observer = NamespaceInterfaces::Observer;
+    using Owns = InterfaceWriter::Owns;
+    using Observer = InterfaceWriter::Observer;
 
     /// `namespaceName` as namespaceOpen() takes it; nothing for the agent's own namespace. `state`,
     /// `loop` and `obstacles`, which is told of the namespace, outlive this. The agent's own
@@ -38,7 +38,7 @@ class Vrf {
     /// Does what the kernel has refused so far; to be called every few seconds.
     void doRetry();
     /// Null while the namespace is not there, or cannot be followed.
-    NamespaceInterfaces* interfaces() const { return interfaces_.get(); }
+    InterfaceWriter* interfaces() const { return interfaces_.get(); }
     /// What keeps an interface of this VRF from being used; empty for nothing, and nothing while
     /// that is not known.
     std::optional<std::string> obstacle(std::string const& interface) const;
@@ -74,7 +74,7 @@ class Vrf {
     std::set<std::string> proxies_;
     RouteFilter filter_;   ///< in force
     std::string obstacle_; ///< why there are no interfaces
-    std::unique_ptr<NamespaceInterfaces> interfaces_;
+    std::unique_ptr<InterfaceWriter> interfaces_;
     std::unique_ptr<RouteWriter> writer_;
     std::unique_ptr<KernelRoutes> routes_;
     std::unique_ptr<NamespaceWatch> watch_;

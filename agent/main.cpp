@@ -1,9 +1,9 @@
 // ihproxyd: announces multicast groups on upstream interfaces, as an IGMP host.
-#include "agent/Configuration.h"
 #include "agent/Daemon.h"
-#include "agent/FileDescriptor.h"
-#include "agent/Log.h"
-#include "agent/ServiceManager.h"
+#include "agent/config/Configuration.h"
+#include "agent/loop/FileDescriptor.h"
+#include "agent/loop/Log.h"
+#include "agent/loop/ServiceManager.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>

@@ -3,7 +3,7 @@
 #include "agent/AgentProcess.h"
 #include "netns/Netns.h"
 
-#include "agent/FileDescriptor.h"
+#include "agent/loop/FileDescriptor.h"
 
 #include <benchmark/benchmark.h>
 #include <chrono>

@@ -6,9 +6,10 @@ include(CMakePackageConfigHelpers)
 set(IHP_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/IgmpHostProxy)
 
 # Installs the library whose sources lie in the top directory of the target's own name, with its
-# headers below include/IgmpHostProxy/<name>.
+# headers below include/IgmpHostProxy/<name>, and the other targets named, which have their sources
+# there, too.
 function(ihp_install_library target)
-  install(TARGETS ${target} EXPORT IgmpHostProxyTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  install(TARGETS ${target} ${ARGN} EXPORT IgmpHostProxyTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
   install(DIRECTORY ${target}/
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/IgmpHostProxy/${target}
     FILES_MATCHING PATTERN "*.h")

@@ -1,7 +1,7 @@
 // Multicast routes of the kernel as the upstream router comes to know them: whoever writes them, in
 // each VRF, and beside groups that the operator wants.
 #include "agent/AgentFixture.h"
-#include "agent/MulticastRouter.h"
+#include "agent/kernel/MulticastRouter.h"
 
 #include <optional>
 

@@ -1,0 +1,192 @@
+#include "agent/PortRegistry.h"
+
+#include <algorithm>
+
+namespace Agent {
+
+namespace {
+
+std::string vrfOf(IgmpHostProxy::PlatformState const& state, Lox::IntfId const& intfId) {
+    Nex::Ptr const status = state.ipStatus->ipIntfStatus(intfId);
+    return status && status->ipIntfConfig() ? status->ipIntfConfig()->vrf().stringValue() : "";
+}
+
+} // namespace
+
+PortRegistry::PortRegistry(IgmpHostProxy::PlatformState& state, EventLoop& loop,
+                           IgmpHostPort::Locate locate, Observer observer)
+    : state_(state), loop_(loop), locate_(std::move(locate)), observer_(std::move(observer)) {
+    Nex::watch(hostDir_, state_.hostDir, this);
+    for (auto const& item : state_.hostDir->igmpHost()) handleHost(item.key);
+}
+
+PortRegistry::~PortRegistry() { nexDoZombieReactors(true); }
+
+void PortRegistry::doDetach() { hostDir_.del(); }
+
+void PortRegistry::doAttach() { Nex::watch(hostDir_, state_.hostDir, this); }
+
+void PortRegistry::doEndRebuild() {
+    std::map<std::string, Nex::Ptr<IgmpHostPort>> const ports = ports_;
+    for (auto const& [name, port] : ports) handleHost(name);
+}
+
+void PortRegistry::handleHost(Nex::Name const& name) {
+    Nex::Ptr<Igmp::IgmpHost> const host = state_.hostDir->igmpHost(name);
+    std::string const vrf = vrfOf(state_, Lox::IntfId(name));
+    if (auto const known = ports_.find(name); known != ports_.end()) {
+        if (host && known->second->host() == host.get()) return;
+        if (!host || !known->second->fits(vrf)) doWithdraw(name);
+    }
+    if (!host) return;
+    auto const [known, fresh] = ports_.try_emplace(name);
+    try {
+        if (fresh) known->second = portFor(name, vrf);
+    } catch (...) {
+        ports_.erase(known);
+        throw;
+    }
+    Nex::Ptr<IgmpHostPort> const port = known->second;
+    port->hostIs(host, vrf);
+    port->statusIs(state_.hostStatusDir->igmpHostStatusIs(name));
+    observer_(name, true);
+}
+
+void PortRegistry::doWithdraw(Nex::Name const& name) {
+    auto const gone = ports_.find(name);
+    Nex::Ptr<IgmpHostPort> const port = gone->second;
+    absent_.insert(ports_.extract(gone));
+    port->hostDel(EventLoop::now());
+    state_.hostStatusDir->igmpHostStatusDel(name);
+    observer_(name, false);
+}
+
+/// One that is still leaving takes the groups back.
+Nex::Ptr<IgmpHostPort> PortRegistry::portFor(std::string const& name, std::string const& vrf) {
+    auto const [first, last] = absent_.equal_range(name);
+    auto const found =
+        std::find_if(first, last, [&](auto const& item) { return item.second->fits(vrf); });
+    if (found != last) return absent_.extract(found).mapped();
+    return Nex::newObject<IgmpHostPort>(loop_, name, vrf, locate_);
+}
+
+void PortRegistry::formerAdd(std::vector<InterfaceState> const& former) {
+    for (InterfaceState const& interface : former) {
+        auto const port = portFor(interface.name, interface.vrf);
+        port->formerAdd(interface.groups, interface.version);
+        absent_.emplace(interface.name, port);
+    }
+}
+
+bool PortRegistry::heldAdd(StateText& text, std::string& after) const {
+    auto const port = ports_.upper_bound(after);
+    auto const absent = absent_.upper_bound(after);
+    if (port == ports_.end() && absent == absent_.end()) return false;
+    bool const portFirst =
+        port != ports_.end() && (absent == absent_.end() || port->first <= absent->first);
+    after = portFirst ? port->first : absent->first;
+    auto const add = [&](IgmpHostPort const& each) {
+        InterfaceState interface {
+            after, each.vrf(), each.version(), {}
+        };
+        each.heldRecordsAdd(interface.groups);
+        if (interface.groups.size() > 0) text.interfaceAdd(interface);
+    };
+    if (portFirst) add(*port->second);
+    auto const [first, last] = absent_.equal_range(after);
+    std::for_each(first, last, [&](auto const& item) { add(*item.second); });
+    return true;
+}
+
+void PortRegistry::handleDevice(std::string const& name) {
+    auto const found = ports_.find(name);
+    if (found != ports_.end()) found->second->handleLocation();
+    auto const [first, last] = absent_.equal_range(name);
+    std::for_each(first, last, [](auto const& item) { item.second->handleLocation(); });
+}
+
+void PortRegistry::handleConfiguration() {
+    forPorts([](IgmpHostPort& port) { port.handleLocation(); });
+}
+
+/// One that fails, most likely for want of memory, keeps the others from nothing.
+template <class Act>
+Nex::FirstError PortRegistry::doForPorts(Act act) {
+    Nex::FirstError error;
+    forPorts([&](IgmpHostPort& port) { error.attempt([&] { act(port); }); });
+    return error;
+}
+
+void PortRegistry::handleTurn(double now) {
+    Nex::FirstError const error = doForPorts([&](IgmpHostPort& port) {
+        port.handleTurn(now);
+        heldChanged_ |= port.takeHeldChange();
+    });
+    doForgetFinished(now);
+    error.rethrow();
+}
+
+void PortRegistry::doForgetFinished(double now) {
+    for (auto at = absent_.begin(); at != absent_.end();) {
+        auto const item = at++;
+        if (!item->second->finished(now, ending_)) continue;
+        heldChanged_ = true;
+        if (ending_ && item->second->owes())
+            owing_.insert(absent_.extract(item));
+        else
+            absent_.erase(item);
+    }
+}
+
+bool PortRegistry::takeOwing() {
+    absent_.merge(owing_);
+    return !absent_.empty();
+}
+
+double PortRegistry::nextExpiry() const {
+    double next = Nex::never;
+    forPorts([&](IgmpHostPort const& port) { next = std::min(next, port.nextExpiry()); });
+    return next;
+}
+
+void PortRegistry::timeIs(double now) {
+    Nex::FirstError const error = doForPorts([&](IgmpHostPort& port) {
+        if (port.nextExpiry() <= now) port.timeIs(now);
+    });
+    error.rethrow();
+}
+
+void PortRegistry::doEnd(double now) {
+    // An interface that comes up in the turn at hand would still join.
+    hostDir_.del();
+    ending_ = true;
+    while (!ports_.empty()) absent_.insert(ports_.extract(ports_.begin()));
+    Nex::FirstError const error = doForPorts([&](IgmpHostPort& port) {
+        if (port.host()) port.hostDel(now);
+    });
+    doForgetFinished(now);
+    error.rethrow();
+}
+
+/// One port at a time, found by the name of the one before: ports come and go meanwhile.
+class PortRegistry::StatusPart : public JsonPart {
+  public:
+    explicit StatusPart(Nex::Ptr<PortRegistry const> agent) : agent_(std::move(agent)) {}
+    bool next(JsonStream& stream) override {
+        auto const port = agent_->ports_.upper_bound(last_);
+        if (port == agent_->ports_.end()) return false;
+        last_ = port->first;
+        stream.add(last_, port->second->statusJson());
+        return true;
+    }
+
+  private:
+    Nex::Ptr<PortRegistry const> agent_;
+    std::string last_;
+};
+
+std::unique_ptr<JsonPart> PortRegistry::statusPart() const {
+    return std::make_unique<StatusPart>(Nex::Ptr<PortRegistry const>(this));
+}
+
+} // namespace Agent

@@ -1,0 +1,101 @@
+// The host protocol's agent: a port for every host entity, which it is given and loses in the
+// notification in which the entity comes and goes; ports without one stay for as long as they have
+// groups to leave. The status that it publishes there is what binds the entity
+// to its interface while the interface is the one being set up.
+//
+// Build it after the root machine: it must be told of an entity after the machine has initialised
+// it.
+#pragma once
+
+#include "agent/IgmpHostPort.h"
+#include "agent/files/StateFile.h"
+#include "agent/records/JsonStream.h"
+
+#include "Nex/Error.h"
+
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Agent {
+
+class PortRegistry : public Nex::PtrInterface {
+  public:
+    /// Told the name of a host entity that came or went.
+    using Observer = std::function<void(std::string const& name, bool present)>;
+
+    /// `state` and `loop` outlive this.
+    PortRegistry(IgmpHostProxy::PlatformState& state, EventLoop& loop, IgmpHostPort::Locate locate,
+                 Observer observer);
+    ~PortRegistry() override;
+
+    /// What routers may hold from an earlier run, to be left unless it is wanted again. To be told
+    /// before any entity is there.
+    void formerAdd(std::vector<InterfaceState> const& former);
+    /// Adds what routers may hold by the first interface behind `after`, in the order of names, and
+    /// sets `after` to its name. Returns whether there was one.
+    bool heldAdd(StateText& text, std::string& after) const;
+    /// Whether that has changed since the last call.
+    bool takeHeldChange() { return std::exchange(heldChanged_, false); }
+
+    // The root machine and all host entities are made anew. Meanwhile the ports stay as they are,
+    // and those whose entity is back afterwards go on with it.
+
+    void doDetach();
+    /// The new root machine is there, the entities not yet.
+    void doAttach();
+    void doEndRebuild();
+
+    /// A kernel interface changed.
+    void handleDevice(std::string const& name);
+    /// The configuration changed, or what locates any interface.
+    void handleConfiguration();
+    void handleTurn(double now);
+    double nextExpiry() const;
+    void timeIs(double now);
+    /// Leaves all groups everywhere, for a shutdown: no interface is opened from now on. The time
+    /// goes on to be told.
+    void doEnd(double now);
+    /// Whether that is over, a second later at most.
+    bool ended() const { return ending_ && absent_.empty(); }
+    /// Whether routers may still hold something then that could not be left; heldAdd() tells it.
+    bool takeOwing();
+    /// What each port has counted, by the interface's name.
+    std::unique_ptr<JsonPart> statusPart() const;
+
+  private:
+    class NexIgmpHostDir : public Nex::Reactor<Igmp::IgmpHostDir::Notifiee, PortRegistry> {
+      public:
+        using Reactor::Reactor;
+        void onIgmpHost(Nex::Name name) override { machine()->handleHost(name); }
+    };
+
+    class StatusPart;
+
+    void handleHost(Nex::Name const& name);
+    void doWithdraw(Nex::Name const& name);
+    Nex::Ptr<IgmpHostPort> portFor(std::string const& name, std::string const& vrf);
+    void doForgetFinished(double now);
+    template <class Act>
+    Nex::FirstError doForPorts(Act act);
+    template <class Visit>
+    void forPorts(Visit visit) const {
+        for (auto const& [name, port] : ports_) visit(*port);
+        for (auto const& [name, port] : absent_) visit(*port);
+    }
+
+    IgmpHostProxy::PlatformState& state_;
+    EventLoop& loop_;
+    IgmpHostPort::Locate locate_;
+    Observer observer_;
+    std::map<std::string, Nex::Ptr<IgmpHostPort>> ports_;
+    /// Without an entity. An interface that moves to another network may have several.
+    std::multimap<std::string, Nex::Ptr<IgmpHostPort>> absent_;
+    std::multimap<std::string, Nex::Ptr<IgmpHostPort>> owing_; ///< of those, at the end
+    bool ending_ = false;
+    bool heldChanged_ = false;
+    NEX_WATCHED(Igmp::IgmpHostDir, hostDir, NexIgmpHostDir)
+};
+
+} // namespace Agent

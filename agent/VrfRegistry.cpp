@@ -1,0 +1,147 @@
+#include "agent/VrfRegistry.h"
+
+#include <algorithm>
+#include <set>
+#include <vector>
+
+namespace Agent {
+
+namespace {
+
+constexpr double retrySeconds = 5;
+
+std::string placeIn(std::map<std::string, std::string> const& places, std::string const& name) {
+    auto const found = places.find(name);
+    return found == places.end() ? std::string() : found->second;
+}
+
+} // namespace
+
+VrfRegistry::VrfRegistry(IgmpHostProxy::PlatformState& state, EventLoop& loop, Obstacles& obstacles,
+                         InterfaceWriter::Observer observer)
+    : state_(state),
+      loop_(loop),
+      obstacles_(obstacles),
+      observer_([this, observer = std::move(observer)](std::string const& name) {
+          changed_.insert(name);
+          observer(name);
+      }),
+      retry_(loop, [this] { doRetry(); }) {
+    doAdd(defaultVrf, std::nullopt);
+}
+
+void VrfRegistry::doAdd(std::string const& name, std::optional<std::string> namespaceName) {
+    vrfs_[name] = std::make_unique<Vrf>(
+        state_, loop_, obstacles_, name, std::move(namespaceName),
+        [this, name](std::string const& interface) { return vrfOf(interface) == name; }, observer_);
+}
+
+void VrfRegistry::configurationIs(Configuration const& configuration) {
+    std::map<std::string, std::string> vrfOfInterface;
+    std::map<std::string, std::set<std::string>> proxies;
+    for (auto const& item : vrfOfInterface_) changed_.insert(item.first);
+    for (auto const& [name, interface] : configuration.interfaces) {
+        vrfOfInterface[name] = interface.vrf;
+        proxies[interface.vrf].insert(name);
+        changed_.insert(name);
+    }
+    doMoveInterfaces(std::move(vrfOfInterface));
+    auto const goes = [&](auto const& item) {
+        if (item.first == defaultVrf) return false;
+        auto const stays = configuration.vrfs.find(item.first);
+        return stays == configuration.vrfs.end() || stays->second != item.second->namespaceName();
+    };
+    for (auto const& item : vrfs_)
+        if (goes(item)) item.second->doStop(); // while its interfaces can still be found
+    std::erase_if(vrfs_, goes);
+    for (auto const& [name, namespaceName] : configuration.vrfs)
+        if (!vrfs_.contains(name)) doAdd(name, namespaceName);
+    for (auto const& [name, vrf] : vrfs_)
+        vrf->routePolicyIs(configuration.forwardingTable, proxies[name]);
+    doRetry();
+}
+
+void VrfRegistry::doRetry() {
+    retry_.delayIs(retrySeconds);
+    for (auto const& item : vrfs_) item.second->doRetry();
+}
+
+/// An interface goes down in the VRF that it leaves before it comes up in another one.
+void VrfRegistry::doMoveInterfaces(std::map<std::string, std::string> vrfOfInterface) {
+    std::vector<std::string> moving;
+    for (auto const* const places : {&vrfOfInterface_, &vrfOfInterface})
+        for (auto const& [name, vrf] : *places)
+            if (placeIn(vrfOfInterface_, name) != placeIn(vrfOfInterface, name))
+                moving.push_back(name);
+    for (std::string const& name : moving)
+        if (InterfaceWriter* const from = interfacesOf(name)) from->doWithdraw(name);
+    vrfOfInterface_ = std::move(vrfOfInterface);
+    for (std::string const& name : moving)
+        if (InterfaceWriter* const to = interfacesOf(name))
+            to->doPublish(name);
+        else if (!vrfOfInterface_.contains(name))
+            doForget(name);
+}
+
+/// What the configuration no longer names leaves no trace.
+void VrfRegistry::doForget(std::string const& interface) {
+    Lox::IntfId const intfId(interface);
+    state_.allIntfStatusDir->intfStatusDel(intfId);
+    state_.allIntfStatusLocalDir->intfStatusLocalDel(intfId);
+    state_.ipStatus->ipIntfStatusDel(intfId);
+}
+
+void VrfRegistry::handleTurn() {
+    std::erase_if(changed_, [this](std::string const& name) {
+        auto const vrf = vrfs_.find(vrfOf(name));
+        if (vrf == vrfs_.end()) {
+            obstacles_.reasonDel(name);
+            return true;
+        }
+        std::optional<std::string> const obstacle = vrf->second->obstacle(name);
+        if (obstacle) obstacles_.reasonIs(name, *obstacle);
+        return obstacle.has_value();
+    });
+}
+
+void VrfRegistry::doRenew() {
+    for (auto const& item : state_.allIntfStatusDir->intfStatus())
+        if (!vrfOfInterface_.contains(item.key.stringValue())) doForget(item.key.stringValue());
+    for (auto const& item : vrfs_) item.second->doRenew();
+}
+
+bool VrfRegistry::synchronized() const {
+    return std::all_of(vrfs_.begin(), vrfs_.end(),
+                       [](auto const& item) { return item.second->synchronized(); });
+}
+
+std::string VrfRegistry::vrfOf(std::string const& interface) const {
+    return placeIn(vrfOfInterface_, interface);
+}
+
+InterfaceWriter* VrfRegistry::interfacesOf(std::string const& interface) const {
+    auto const found = vrfs_.find(vrfOf(interface));
+    return found == vrfs_.end() ? nullptr : found->second->interfaces();
+}
+
+InterfaceWriter const* VrfRegistry::interfaces(std::string const& vrf) const {
+    auto const found = vrfs_.find(vrf);
+    return found == vrfs_.end() ? nullptr : found->second->interfaces();
+}
+
+bool VrfRegistry::routesTold(std::string const& vrf) const {
+    auto const found = vrfs_.find(vrf);
+    return found == vrfs_.end() || found->second->routesTold();
+}
+
+Lox::IpAddr VrfRegistry::address(std::string const& interface) const {
+    InterfaceWriter const* const interfaces = interfacesOf(interface);
+    return interfaces ? interfaces->address(interface) : Lox::IpAddr();
+}
+
+void VrfRegistry::doTouch(std::string const& interface, Lox::IpAddrWithFullMask groups) {
+    auto const found = vrfs_.find(vrfOf(interface));
+    if (found != vrfs_.end()) found->second->doTouch(groups);
+}
+
+} // namespace Agent

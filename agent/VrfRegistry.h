@@ -1,0 +1,61 @@
+// All VRFs of the configuration, and which of them each interface is in.
+//
+// One alarm: every few seconds it has all VRFs try again what the kernel has refused them.
+#pragma once
+
+#include "agent/Vrf.h"
+
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+
+namespace Agent {
+
+class VrfRegistry {
+  public:
+    /// `observer` is told the name of an interface that changed. `state`, `loop` and
+    /// `obstacles`, which is told of every interface, outlive this. Throws std::system_error where
+    /// the kernel refuses the agent's own namespace.
+    VrfRegistry(IgmpHostProxy::PlatformState& state, EventLoop& loop, Obstacles& obstacles,
+                InterfaceWriter::Observer observer);
+
+    /// Adds, replaces and removes VRFs, and moves interfaces between them; whatever stays is not
+    /// touched.
+    void configurationIs(Configuration const& configuration);
+
+    /// The end of a turn: tells what keeps the interfaces that changed from being used.
+    void handleTurn();
+    /// Writes once more what all VRFs know, and nothing else, and has them read it again.
+    void doRenew();
+
+    bool synchronized() const;
+    /// The interfaces of a VRF; null while its namespace is not there.
+    InterfaceWriter const* interfaces(std::string const& vrf) const;
+    /// Whether all routes of that VRF have been announced, as far as they were there at the start.
+    bool routesTold(std::string const& vrf) const;
+    /// 0.0.0.0 unless the interface is usable.
+    Lox::IpAddr address(std::string const& interface) const;
+    /// Somebody who announced these groups on the interface has let go of them.
+    void doTouch(std::string const& interface, Lox::IpAddrWithFullMask groups);
+
+  private:
+    /// Empty for an interface that the configuration does not name.
+    std::string vrfOf(std::string const& interface) const;
+    InterfaceWriter* interfacesOf(std::string const& interface) const;
+    void doMoveInterfaces(std::map<std::string, std::string> vrfOfInterface);
+    void doAdd(std::string const& name, std::optional<std::string> namespaceName);
+    void doForget(std::string const& interface);
+    void doRetry();
+
+    IgmpHostProxy::PlatformState& state_;
+    EventLoop& loop_;
+    Obstacles& obstacles_;
+    InterfaceWriter::Observer observer_;
+    std::set<std::string> changed_; ///< interfaces to tell of, or that nothing is known of yet
+    std::map<std::string, std::string> vrfOfInterface_; ///< of those that the configuration names
+    Alarm retry_;
+    std::map<std::string, std::unique_ptr<Vrf>> vrfs_;
+};
+
+} // namespace Agent

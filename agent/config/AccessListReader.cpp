@@ -1,0 +1,109 @@
+#include "agent/config/AccessListReader.h"
+
+#include "agent/config/AddressText.h"
+
+#include <bit>
+#include <fmt/format.h>
+#include <limits>
+#include <optional>
+
+namespace Agent {
+
+namespace {
+
+constexpr std::int64_t largestSequence = std::numeric_limits<std::uint32_t>::max();
+
+bool isAny(Lox::IpAddrWithFullMask range) { return range == Lox::IpAddrWithFullMask(); }
+
+bool isDenyAll(Acl::IpRuleConfig const& rule) {
+    return rule.action == Acl::Action::deny && isAny(rule.filter.source) &&
+           isAny(rule.filter.destination);
+}
+
+bool isWhollyMulticast(Lox::IpAddrWithFullMask range) {
+    std::uint32_t const address = range.address().host();
+    return Lox::IpAddr::fromHost(address & range.mask()).isMulticast() &&
+           Lox::IpAddr::fromHost(address | ~range.mask()).isMulticast();
+}
+
+/// Reads one rule.
+class RuleReader {
+  public:
+    RuleReader(TomlSection const& section, Diagnostics& diagnostics)
+        : section_(section), diagnostics_(diagnostics) {}
+
+    std::optional<Acl::IpRuleConfig> read() const {
+        auto const action = readAction();
+        auto const source = readSource();
+        auto const destination = section_.text("destination");
+        if (!destination) return std::nullopt;
+        auto const range = parseRange(destination->value);
+        if (!range)
+            reportFound(*destination, "a group, a prefix, an address with a mask, or \"any\"",
+                        diagnostics_);
+        if (!action || !source || !range) return std::nullopt;
+        Acl::IpRuleConfig const rule{*action, {*source, *range}};
+        if (isDenyAll(rule) || isWhollyMulticast(*range)) return rule;
+        reportFound(*destination,
+                    "multicast addresses only (and \"any\" only to deny it to source \"any\")",
+                    diagnostics_);
+        return std::nullopt;
+    }
+
+  private:
+    std::optional<Acl::Action> readAction() const {
+        auto const text = section_.text("action");
+        if (!text) return std::nullopt;
+        if (text->value == "permit") return Acl::Action::permit;
+        if (text->value == "deny") return Acl::Action::deny;
+        reportFound(*text, "\"permit\" or \"deny\"", diagnostics_);
+        return std::nullopt;
+    }
+
+    std::optional<Lox::IpAddrWithFullMask> readSource() const {
+        auto const text = section_.text("source");
+        if (!text) return std::nullopt;
+        auto const range = parseRange(text->value);
+        bool const one = range && range->mask() == ~0u && isUnicastHost(range->address());
+        if (one || text->value == "any") return range;
+        reportFound(*text, "one unicast address, or \"any\"", diagnostics_);
+        return std::nullopt;
+    }
+
+    TomlSection const& section_;
+    Diagnostics& diagnostics_;
+};
+
+} // namespace
+
+std::uint64_t groupCount(Acl::IpRuleConfig const& rule) {
+    if (isDenyAll(rule)) return 0;
+    return std::uint64_t(1) << std::popcount(~rule.filter.destination.mask());
+}
+
+AccessListConfiguration readAccessList(std::vector<TomlSection> const& rules, bool attached,
+                                       Diagnostics& diagnostics) {
+    AccessListConfiguration list;
+    for (TomlSection const& section : rules) {
+        section.keysAre({"sequence", "action", "source", "destination"});
+        section.doRequire({"sequence", "action", "source", "destination"});
+        auto const sequence = section.integer("sequence", 0, largestSequence);
+        auto const rule = RuleReader(section, diagnostics).read();
+        if (!sequence || !rule) continue;
+        if (!list.emplace(std::uint32_t(*sequence), *rule).second) {
+            diagnostics.errorIs(section.positionOf("sequence"),
+                                fmt::format("{} is the sequence number of two rules, expected each "
+                                            "once",
+                                            *sequence));
+            continue;
+        }
+        if (!attached) continue;
+        diagnostics.infoIs(section.positionOf("destination"),
+                           isDenyAll(*rule) ? "shuts out the groups of the forwarding table"
+                                            : fmt::format("selects {} group{}", groupCount(*rule),
+                                                          groupCount(*rule) == 1 ? "" : "s"));
+    }
+    return list;
+}
+
+} // namespace Agent

@@ -1,0 +1,50 @@
+#include "agent/config/AddressText.h"
+
+#include "Nex/Error.h"
+
+#include <charconv>
+#include <cstdint>
+
+namespace Agent {
+
+namespace {
+
+/// The mask of a prefix length 0 to 32.
+std::optional<std::uint32_t> parseLength(std::string_view text) {
+    unsigned length = 0;
+    auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), length);
+    if (error != std::errc() || end != text.data() + text.size() || length > 32)
+        return std::nullopt;
+    return length == 0 ? 0 : ~std::uint32_t(0) << (32 - length);
+}
+
+} // namespace
+
+std::optional<Lox::IpAddr> parseAddress(std::string_view text) {
+    try {
+        Lox::IpAddr const address(text);
+        if (address.stringValue() == text) return address;
+    } catch (Nex::ParseException const&) {
+    }
+    return std::nullopt;
+}
+
+std::optional<Lox::IpAddrWithFullMask> parseRange(std::string_view text) {
+    if (text == "any") return Lox::IpAddrWithFullMask();
+    auto const slash = text.find('/');
+    auto const address = parseAddress(text.substr(0, slash));
+    if (!address) return std::nullopt;
+    if (slash == std::string_view::npos) return Lox::IpAddrWithFullMask(*address, ~0u);
+    auto const behind = text.substr(slash + 1);
+    if (auto const mask = parseAddress(behind))
+        return Lox::IpAddrWithFullMask(*address, mask->host());
+    if (auto const mask = parseLength(behind)) return Lox::IpAddrWithFullMask(*address, *mask);
+    return std::nullopt;
+}
+
+bool isUnicastHost(Lox::IpAddr address) {
+    std::uint32_t const network = address.host() >> 24;
+    return network >= 1 && network < 224 && network != 127;
+}
+
+} // namespace Agent

@@ -1,0 +1,337 @@
+#include "agent/config/Configuration.h"
+
+#include "agent/config/AddressText.h"
+#include "agent/config/TomlSection.h"
+#include "agent/loop/FileDescriptor.h"
+#include "agent/loop/Printable.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <optional>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace Agent {
+
+namespace {
+
+constexpr std::size_t mostFileBytes = 64 << 20;
+/// To read a file that is being written, a millisecond apart.
+constexpr unsigned mostAttempts = 50;
+constexpr double longestReportInterval = 3600;
+/// Within 100 ms. A million groups in version 3 need fewer.
+constexpr std::int64_t mostPackets = 10000;
+/// Each group costs memory and report space; a slip in a mask should not ask for millions.
+constexpr std::uint64_t mostGroupsUnasked = 65536;
+
+/// 224.0.0.0/24, which routers never forward; IGMP hosts do not report 224.0.0.1 (RFC 3376, 5).
+bool isLinkLocal(Lox::IpAddr group) { return group.host() >> 8 == 0xE00000; }
+
+/// 232.0.0.0/8, source-specific multicast (RFC 4604).
+bool isSourceSpecific(Lox::IpAddr group) { return group.host() >> 24 == 232; }
+
+/// The library's names of namespaces hold 150, of which the agent's prefix takes three.
+constexpr std::size_t longestVrfName = 147;
+
+/// Whether `name` can stand in a directory, as interfaces do in /sys and namespaces in /run/netns.
+bool isFileName(std::string_view name) {
+    auto const forbidden = [](char c) { return c == '/' || std::uint8_t(c) < ' ' || c == '\x7f'; };
+    return !name.empty() && name.size() <= 255 && name != "." && name != ".." &&
+           std::none_of(name.begin(), name.end(), forbidden);
+}
+
+/// The names that Linux gives interfaces.
+bool isInterfaceName(std::string_view name) {
+    return isFileName(name) && name.size() <= 15 &&
+           name.find_first_of(": ") == std::string_view::npos;
+}
+
+/// A name as `ip netns` takes it, or a path.
+bool isNamespace(std::string_view name) {
+    if (name.find('/') == std::string_view::npos) return isFileName(name);
+    return name.size() < PATH_MAX && name.find('\0') == std::string_view::npos;
+}
+
+/// Walks the tables of one file and fills a Configuration.
+class Reader {
+  public:
+    Reader(Configuration& configuration, Diagnostics& diagnostics,
+           std::set<std::string> attachedLists)
+        : configuration_(configuration),
+          diagnostics_(diagnostics),
+          attachedLists_(std::move(attachedLists)) {}
+
+    void doRead(TomlSection const& root) {
+        root.keysAre({"access-list", "forwarding-table", "interface", "vrf"});
+        // First, for the interfaces name lists and VRFs.
+        if (auto const lists = root.section("access-list")) doReadLists(*lists);
+        if (auto const vrfs = root.section("vrf")) doReadVrfs(*vrfs);
+        if (auto const table = root.section("forwarding-table")) doReadForwardingTable(*table);
+        if (auto const interfaces = root.section("interface")) doReadInterfaces(*interfaces);
+    }
+
+  private:
+    void doReadLists(TomlSection const& lists) {
+        for (TomlText const& name : lists.keys()) {
+            bool const attached = attachedLists_.contains(name.value);
+            if (!attached) doWarn(name, "is attached to no interface: its rules select nothing");
+            configuration_.accessLists[name.value] =
+                readAccessList(lists.sections(name.value), attached, diagnostics_);
+        }
+    }
+
+    void doReadVrfs(TomlSection const& vrfs) {
+        for (TomlText const& name : vrfs.keys()) {
+            if (!isFileName(name.value) || name.value.size() > longestVrfName ||
+                name.value == defaultVrf)
+                reportFound(name,
+                            fmt::format("a VRF name other than default: 1 to {} bytes without '/' "
+                                        "or control characters",
+                                        longestVrfName),
+                            diagnostics_);
+            auto const section = vrfs.section(name.value);
+            if (!section) continue;
+            section->keysAre({"namespace"}, name.value);
+            auto const space = section->text("namespace").value_or(name);
+            if (!isNamespace(space.value))
+                reportFound(space, "the name of a namespace as in ip netns, or a path",
+                            diagnostics_);
+            configuration_.vrfs[name.value] = space.value;
+        }
+    }
+
+    void doReadForwardingTable(TomlSection const& section) {
+        ForwardingTableConfiguration& table = configuration_.forwardingTable;
+        section.keysAre({"require-output", "incoming"});
+        table.requireOutput = section.boolean("require-output").value_or(true);
+        auto const incoming = section.text("incoming");
+        if (!incoming || incoming->value == "proxy-interface") return;
+        if (incoming->value == "any")
+            table.incoming = ForwardingTableConfiguration::Incoming::any;
+        else
+            reportFound(*incoming, "\"proxy-interface\" or \"any\"", diagnostics_);
+    }
+
+    void doReadInterfaces(TomlSection const& interfaces) {
+        for (TomlText const& name : interfaces.keys()) {
+            if (!isInterfaceName(name.value))
+                reportFound(name,
+                            "an interface name: 1 to 15 bytes without '/', ':', white space or "
+                            "control characters",
+                            diagnostics_);
+            if (auto const section = interfaces.section(name.value))
+                doReadInterface(*section, name.value);
+        }
+    }
+
+    void doReadInterface(TomlSection const& section, std::string const& name) {
+        InterfaceConfiguration& interface = configuration_.interfaces[name];
+        section.keysAre({"igmp-version", "unsolicited-report-interval", "robustness",
+                         "packets-per-100-ms", "require-router-alert", "ssm-only", "group",
+                         "access-lists", "large-ranges", "vrf"},
+                        name);
+        doReadProtocol(section, interface);
+        if (auto const groups = section.section("group")) doReadGroups(*groups, interface);
+        interface.largeRanges = section.boolean("large-ranges").value_or(false);
+        doReadAccessLists(section, interface);
+        auto const vrf = section.text("vrf");
+        if (!vrf || vrf->value == defaultVrf) return;
+        interface.vrf = vrf->value;
+        if (configuration_.vrfs.count(vrf->value) == 0)
+            reportFound(*vrf, "\"default\" or a VRF of this file", diagnostics_);
+    }
+
+    void doReadProtocol(TomlSection const& section, InterfaceConfiguration& interface) {
+        interface.igmpVersion = int(section.integer("igmp-version", 1, 3).value_or(3));
+        interface.unsolicitedReportInterval =
+            section.positiveNumber("unsolicited-report-interval", longestReportInterval)
+                .value_or(0);
+        interface.robustness = unsigned(section.integer("robustness", 2, 7).value_or(2));
+        interface.packetsPer100ms =
+            unsigned(section.integer("packets-per-100-ms", 1, mostPackets).value_or(100));
+        interface.requireRouterAlert = section.boolean("require-router-alert").value_or(false);
+        interface.ssmOnly = section.boolean("ssm-only").value_or(false);
+        if (interface.ssmOnly && interface.igmpVersion < 3)
+            diagnostics_.warningIs(section.positionOf("ssm-only"),
+                                   "ssm-only has no effect, expected igmp-version = 3 with it");
+    }
+
+    void doReadGroups(TomlSection const& groups, InterfaceConfiguration& interface) {
+        for (TomlText const& key : groups.keys()) {
+            auto const group = readGroup(key);
+            auto const sources = groups.section(key.value);
+            if (!group || !sources) continue;
+            doReadSources(*sources, interface.groups[*group]);
+            doCheckGroup(key, *group, interface);
+        }
+    }
+
+    void doReadAccessLists(TomlSection const& section, InterfaceConfiguration& interface) {
+        std::uint64_t groups = 0;
+        for (TomlText const& name : section.texts("access-lists")) {
+            auto& names = interface.accessLists;
+            if (std::find(names.begin(), names.end(), name.value) != names.end()) {
+                reportFound(name, "each access list once", diagnostics_);
+                continue;
+            }
+            names.push_back(name.value);
+            auto const list = configuration_.accessLists.find(name.value);
+            if (list == configuration_.accessLists.end()) {
+                doWarn(name, "is not an access list of this file, expected one of them");
+                continue;
+            }
+            for (auto const& [sequence, rule] : list->second) groups += groupCount(rule);
+        }
+        if (groups > mostGroupsUnasked && !interface.largeRanges)
+            diagnostics_.errorIs(section.positionOf("access-lists"),
+                                 fmt::format("access-lists select {} groups, expected up to {}, or "
+                                             "large-ranges = true",
+                                             groups, mostGroupsUnasked));
+    }
+
+    std::optional<Lox::IpAddr> readGroup(TomlText const& text) {
+        auto const group = parseAddress(text.value);
+        if (!group || !group->isMulticast()) {
+            reportFound(text, "a multicast address in quotes such as \"239.1.1.1\"", diagnostics_);
+            return std::nullopt;
+        }
+        if (*group == Lox::IpAddr::fromHost(0xE0000001)) {
+            reportFound(text,
+                        "a group that hosts announce; 224.0.0.1 is joined always, and silently",
+                        diagnostics_);
+            return std::nullopt;
+        }
+        return group;
+    }
+
+    void doReadSources(TomlSection const& section, GroupConfiguration& group) {
+        section.keysAre({"include", "exclude"});
+        doReadSourceList(section, "include", group.include, group.exclude);
+        doReadSourceList(section, "exclude", group.exclude, group.include);
+        if (!section.has("include") && !section.has("exclude")) group.exclude.insert(Lox::IpAddr());
+    }
+
+    void doReadSourceList(TomlSection const& section, char const* key,
+                          std::set<Lox::IpAddr>& sources, std::set<Lox::IpAddr> const& others) {
+        auto const texts = section.texts(key);
+        if (section.has(key) && texts.empty())
+            diagnostics_.errorIs(section.positionOf(key),
+                                 fmt::format("{} holds no source, expected at least one (a group "
+                                             "from any source is written {{}})",
+                                             key));
+        for (TomlText const& text : texts) {
+            auto const source = parseAddress(text.value);
+            if (!source || !isUnicastHost(*source))
+                reportFound(text, "the unicast address of a source", diagnostics_);
+            else if (others.count(*source))
+                reportFound(text, "a source that is not in the include list of the group too",
+                            diagnostics_);
+            else if (!sources.insert(*source).second)
+                reportFound(text, "each source once", diagnostics_);
+        }
+    }
+
+    /// What is legal and yet may not work.
+    void doCheckGroup(TomlText const& key, Lox::IpAddr group,
+                      InterfaceConfiguration const& interface) {
+        GroupConfiguration const& wanted = interface.groups.at(group);
+        bool const anySource = wanted.exclude.count(Lox::IpAddr()) != 0;
+        if (isLinkLocal(group))
+            doWarn(key, "is link-local: routers never forward it, expected no need to announce it");
+        if (isSourceSpecific(group) && !wanted.exclude.empty())
+            doWarn(key, "is a source-specific group, expected included sources only (RFC 4604)");
+        else if (!anySource && !wanted.exclude.empty())
+            doWarn(key, "excludes sources: some routers ignore exclude lists (RFC 5790)");
+        if (!anySource && interface.igmpVersion < 3)
+            doWarn(key, fmt::format("lists sources, which IGMP version {} cannot announce: the "
+                                    "group will come from any source",
+                                    interface.igmpVersion));
+    }
+
+    void doWarn(TomlText const& found, std::string const& text) {
+        diagnostics_.warningIs(found.position, fmt::format("{} {}", inQuotes(found.value), text));
+    }
+
+    Configuration& configuration_;
+    Diagnostics& diagnostics_;
+    std::set<std::string> attachedLists_;
+};
+
+/// What the interfaces name, well or badly; their reader complains, but the lists come first.
+std::set<std::string> attachedLists(toml::table const& root) {
+    Diagnostics unheard("");
+    std::set<std::string> names;
+    auto const interfaces = TomlSection(root, unheard).section("interface");
+    if (!interfaces) return names;
+    for (TomlText const& key : interfaces->keys())
+        if (auto const interface = interfaces->section(key.value))
+            for (TomlText const& list : interface->texts("access-lists")) names.insert(list.value);
+    return names;
+}
+
+/// Nothing if it was written meanwhile: what has been read may be a part. Throws std::runtime_error
+/// with the reason.
+std::optional<std::string> fileContentOnce(std::string const& file) {
+    auto const fail = [](int error) { throw std::system_error(error, std::generic_category()); };
+    // To open a pipe would wait for a writer, and to read it again find it empty.
+    FileDescriptor const descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat before {};
+    if (descriptor.get() < 0 || fstat(descriptor.get(), &before) < 0) fail(errno);
+    if (!S_ISREG(before.st_mode)) throw std::runtime_error("not a regular file");
+    std::string content;
+    std::string chunk(64 << 10, '\0');
+    while (ssize_t const got = read(descriptor.get(), chunk.data(), chunk.size())) {
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) fail(errno);
+        content.append(chunk, 0, std::size_t(got));
+        if (content.size() > mostFileBytes) fail(EFBIG);
+    }
+    struct stat after {};
+    if (fstat(descriptor.get(), &after) < 0) fail(errno);
+    bool const unchanged = before.st_mtim.tv_sec == after.st_mtim.tv_sec &&
+                           before.st_mtim.tv_nsec == after.st_mtim.tv_nsec &&
+                           content.size() == std::size_t(after.st_size);
+    return unchanged ? std::optional(std::move(content)) : std::nullopt;
+}
+
+/// Throws std::runtime_error with the reason.
+std::string fileContent(std::string const& file) {
+    for (unsigned attempt = 0; attempt < mostAttempts; ++attempt) {
+        if (auto content = fileContentOnce(file)) return *std::move(content);
+        usleep(1000);
+    }
+    throw std::runtime_error("it keeps changing");
+}
+
+} // namespace
+
+bool ConfigurationReading::valid() const {
+    return std::none_of(diagnostics.begin(), diagnostics.end(),
+                        [](Diagnostic const& d) { return d.level == Diagnostic::Level::error; });
+}
+
+ConfigurationReading configurationParse(std::string_view text, std::string const& file) {
+    ConfigurationReading reading;
+    Diagnostics diagnostics(file);
+    if (auto const table = tomlParse(text, diagnostics))
+        Reader(reading.configuration, diagnostics, attachedLists(*table))
+            .doRead(TomlSection(*table, diagnostics));
+    reading.diagnostics = diagnostics.take();
+    return reading;
+}
+
+ConfigurationReading configurationRead(std::string const& file) {
+    try {
+        return configurationParse(fileContent(file), file);
+    } catch (std::runtime_error const& error) {
+        Diagnostics diagnostics(file);
+        diagnostics.errorIs({}, std::string("cannot be read: ") + error.what());
+        return {{}, diagnostics.take()};
+    }
+}
+
+} // namespace Agent

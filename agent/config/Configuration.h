@@ -1,0 +1,132 @@
+// The agent's configuration file (TOML) as a plain value. For example
+//
+//     [interface.up0]
+//     igmp-version = 3
+//     unsolicited-report-interval = 1.0
+//     robustness = 2
+//     packets-per-100-ms = 100
+//     require-router-alert = false
+//     ssm-only = false
+//     [interface.up0.group]
+//     "239.1.1.1" = {}                                        # from any source
+//     "239.1.1.2" = { include = ["10.0.0.1", "10.0.0.2"] }
+//     "239.1.1.3" = { exclude = ["10.0.0.9"] }
+//
+// Access lists (AccessListReader.h) add the groups that their rules select:
+//
+//     [interface.up1]
+//     access-lists = ["iptv"]
+//     large-ranges = true                                     # allow more than 65,536 groups
+//
+// Interfaces in other network namespaces belong to VRFs:
+//
+//     [vrf.red]
+//     namespace = "red"                                       # as in `ip netns`, or a path (not
+//                                                             # in /proc: `ip netns attach`)
+//     [interface.up2]
+//     vrf = "red"
+//
+// And which routes of the multicast forwarding table make groups:
+//
+//     [forwarding-table]
+//     require-output = true
+//     incoming = "proxy-interface"                            # or "any"
+//
+// Reading is separate from applying: two values can be compared to find what a new file changes.
+#pragma once
+
+#include "agent/config/AccessListReader.h"
+#include "agent/config/Diagnostic.h"
+
+#include "Lox/IpAddr.h"
+
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Agent {
+
+/// The VRF of the agent's own network namespace.
+inline constexpr char defaultVrf[] = "default";
+
+/// From where one group is wanted.
+struct GroupConfiguration {
+    /// Unicast sources.
+    std::set<Lox::IpAddr> include;
+    /// Unicast sources; or 0.0.0.0 alone, with nothing included: wanted from any source.
+    std::set<Lox::IpAddr> exclude;
+
+    friend bool operator==(GroupConfiguration const&, GroupConfiguration const&) = default;
+};
+
+/// One upstream interface.
+struct InterfaceConfiguration {
+    /// 1, 2 or 3.
+    int igmpVersion = 3;
+    /// Seconds within which a state change report is repeated; 0 for the default of the version
+    /// spoken: 1 s in version 3 (RFC 3376, 8.11), 10 s before (RFC 2236, 8.10).
+    double unsolicitedReportInterval = 0;
+    /// How often a change is told, 2 to 7, until a querier says otherwise.
+    unsigned robustness = 2;
+    /// The most packets that leave within any 100 ms.
+    unsigned packetsPer100ms = 100;
+    /// Whether version 2 and 3 queries without that option are ignored.
+    bool requireRouterAlert = false;
+    /// Whether, in version 3, queriers of older versions are ignored.
+    bool ssmOnly = false;
+    std::map<Lox::IpAddr, GroupConfiguration> groups;
+    /// Names of attached lists, which need not exist.
+    std::vector<std::string> accessLists;
+    /// Whether these may select more than 65,536 groups.
+    bool largeRanges = false;
+    /// The default VRF, or a key of Configuration::vrfs.
+    std::string vrf = defaultVrf;
+
+    friend bool operator==(InterfaceConfiguration const&, InterfaceConfiguration const&) = default;
+};
+
+/// Which routes of the multicast forwarding table make their groups wanted.
+struct ForwardingTableConfiguration {
+    enum class Incoming { proxyInterface, any };
+
+    /// Only those with an outgoing interface.
+    bool requireOutput = true;
+    /// Those that come in on a proxy interface, or on any.
+    Incoming incoming = Incoming::proxyInterface;
+
+    friend bool operator==(ForwardingTableConfiguration const&,
+                           ForwardingTableConfiguration const&) = default;
+};
+
+struct Configuration {
+    /// By kernel name.
+    std::map<std::string, InterfaceConfiguration> interfaces;
+    std::map<std::string, AccessListConfiguration> accessLists;
+    /// Namespaces, as namespaceOpen() takes them, by VRF; without the default one.
+    std::map<std::string, std::string> vrfs;
+    ForwardingTableConfiguration forwardingTable;
+
+    friend bool operator==(Configuration const&, Configuration const&) = default;
+};
+
+struct ConfigurationReading {
+    /// Holds what could be read; to be used only if `valid()`.
+    Configuration configuration;
+    /// In the order of their places in the file.
+    std::vector<Diagnostic> diagnostics;
+
+    /// No errors.
+    bool valid() const;
+};
+
+/// Reads `text`; `file` is the name for the diagnostics. Reports all errors of meaning, or the
+/// first of syntax. Never throws, whatever the text.
+ConfigurationReading configurationParse(std::string_view text, std::string const& file);
+
+/// The same from a regular file of up to 64 MiB. A file that cannot be read is an error among the
+/// diagnostics.
+ConfigurationReading configurationRead(std::string const& file);
+
+} // namespace Agent

@@ -1,0 +1,88 @@
+#include "agent/config/Diagnostic.h"
+
+#include "agent/loop/Printable.h"
+
+#include <algorithm>
+#include <fmt/core.h>
+#include <tuple>
+#include <unordered_map>
+#include <utility>
+
+namespace Agent {
+
+namespace {
+
+char const* levelName(Diagnostic::Level level) {
+    switch (level) {
+    case Diagnostic::Level::info:
+        return "info";
+    case Diagnostic::Level::warning:
+        return "warning";
+    case Diagnostic::Level::error:
+        return "error";
+    }
+    return "";
+}
+
+/// Shown of one kind.
+constexpr unsigned most = 20;
+
+std::string place(Diagnostic const& found) {
+    if (found.position.line == 0) return found.file;
+    return fmt::format("{}:{}:{}", found.file, found.position.line, found.position.column);
+}
+
+/// What the text says of any name in quotes and any number.
+std::string kindOf(Diagnostic const& found) {
+    std::string kind(1, char(found.level));
+    bool quoted = false;
+    for (char const c : found.text) {
+        if (c == '"') quoted = !quoted;
+        if (!quoted && !(c >= '0' && c <= '9')) kind += c;
+    }
+    return kind;
+}
+
+/// Keeps the first ones of each kind; the one behind them tells how many more there are.
+std::vector<Diagnostic> thinnedOut(std::vector<Diagnostic> found) {
+    struct Kind {
+        unsigned count = 0;
+        std::size_t more = 0; ///< where the first is that is not shown
+    };
+    std::unordered_map<std::string, Kind> kinds;
+    std::vector<Diagnostic> shown;
+    for (Diagnostic& each : found) {
+        Kind& kind = kinds[kindOf(each)];
+        if (++kind.count == most + 1) kind.more = shown.size();
+        if (kind.count <= most + 1) shown.push_back(std::move(each));
+    }
+    for (auto const& [name, kind] : kinds)
+        if (kind.count > most) {
+            std::string& text = shown[kind.more].text;
+            text = fmt::format("and {} more like this: {}", kind.count - most, text);
+        }
+    return shown;
+}
+
+} // namespace
+
+std::string Diagnostic::stringValue() const {
+    return fmt::format("{}: {}: {}", place(*this), levelName(level), text);
+}
+
+std::string Diagnostic::textInFile() const { return fmt::format("{}: {}", place(*this), text); }
+
+void Diagnostics::add(Diagnostic::Level level, Position position, std::string const& text) {
+    found_.push_back({level, file_, position, printable(text)});
+}
+
+std::vector<Diagnostic> Diagnostics::take() {
+    auto const rank = [](Diagnostic const& d) {
+        return std::tuple(d.level == Diagnostic::Level::info, d.position.line, d.position.column);
+    };
+    std::stable_sort(found_.begin(), found_.end(),
+                     [&](Diagnostic const& a, Diagnostic const& b) { return rank(a) < rank(b); });
+    return thinnedOut(std::exchange(found_, {}));
+}
+
+} // namespace Agent

@@ -1,0 +1,273 @@
+#include "agent/config/TomlSection.h"
+
+#include "agent/loop/Printable.h"
+
+#include <algorithm>
+#include <cmath>
+#include <fmt/format.h>
+
+namespace Agent {
+
+namespace {
+
+// TOML limits neither the depth of dotted keys nor does the parser, which builds a table in a
+// table for each dot and tears them down by recursion; a line of some 100,000 dots would exhaust
+// the stack. Other nesting is limited by the parser, and line ends bound what it multiplies.
+constexpr unsigned mostDotsInLine = 32;
+
+/// Walks TOML text and finds the dots outside strings and comments.
+class DotCounter {
+  public:
+    explicit DotCounter(std::string_view text) : text_(text) {}
+
+    /// The first line with more than mostDotsInLine of them, or 0.
+    unsigned tooDeepLine() {
+        unsigned dots = 0;
+        while (at_ < text_.size()) {
+            char const c = text_[at_];
+            if (c == '"' || c == '\'') {
+                unsigned const before = line_;
+                doSkipString(c);
+                if (line_ != before) dots = 0;
+                continue;
+            }
+            if (c == '#') {
+                at_ = std::min(text_.find('\n', at_), text_.size());
+                continue;
+            }
+            if (c == '\n') {
+                ++line_;
+                dots = 0;
+            }
+            if (c == '.' && ++dots > mostDotsInLine) return line_;
+            ++at_;
+        }
+        return 0;
+    }
+
+  private:
+    bool tripleAt(char mark) const {
+        return text_.size() - at_ >= 3 && text_[at_] == mark && text_[at_ + 1] == mark &&
+               text_[at_ + 2] == mark;
+    }
+
+    void doSkipString(char mark) {
+        bool const multiline = tripleAt(mark);
+        at_ += multiline ? 3 : 1;
+        for (; at_ < text_.size(); ++at_) {
+            if (text_[at_] == '\n') {
+                if (!multiline) return; // a syntax error, which the parser will find here too
+                ++line_;
+            } else if (text_[at_] == '\\' && mark == '"') {
+                // Only what is escaped on this line, so that line ends are always seen.
+                if (at_ + 1 < text_.size() && text_[at_ + 1] != '\n') ++at_;
+            } else if (multiline ? tripleAt(mark) : text_[at_] == mark) {
+                at_ += multiline ? 3 : 1;
+                // Up to two quotation marks may stand before the closing three.
+                for (int i = 0; multiline && i < 2 && at_ < text_.size() && text_[at_] == mark; ++i)
+                    ++at_;
+                return;
+            }
+        }
+    }
+
+    std::string_view text_;
+    std::size_t at_ = 0;
+    unsigned line_ = 1;
+};
+
+Position begin(toml::source_region const& region) {
+    return {unsigned(region.begin.line), unsigned(region.begin.column)};
+}
+
+char const* typeName(toml::node const& node) {
+    switch (node.type()) {
+    case toml::node_type::table:
+        return "a table";
+    case toml::node_type::array:
+        return "an array";
+    case toml::node_type::string:
+        return "a string";
+    case toml::node_type::integer:
+        return "an integer";
+    case toml::node_type::floating_point:
+        return "a floating-point number";
+    case toml::node_type::boolean:
+        return "a boolean";
+    default:
+        return "a date or time";
+    }
+}
+
+/// What the parser says, in words that help. It quotes a key that stands in quotes with the first
+/// two characters repeated, for it has looked for three quotation marks there.
+std::string wordsOf(toml::parse_error const& error, std::string_view text) {
+    std::string words(error.description());
+    auto const name = words.find('\'') + 1;
+    if (words.find("cannot redefine") != std::string::npos && name != 0) {
+        auto const end = words.rfind('\'');
+        bool const verbatim =
+            text.find(std::string_view(words).substr(name, end - name)) != std::string_view::npos;
+        for (std::size_t at = name; !verbatim && at + 5 < words.size(); ++at)
+            if ((words[at] == '"' || words[at] == '\'') &&
+                words.compare(at + 1, 2, words, at + 3, 2) == 0)
+                words.erase(at + 1, 2);
+    }
+    if (words.find("floating-point") != std::string::npos ||
+        words.find("determine value type") != std::string::npos)
+        words += " (addresses and names stand in quotes)";
+    return words;
+}
+
+} // namespace
+
+void reportFound(TomlText const& found, std::string_view expected, Diagnostics& diagnostics) {
+    diagnostics.errorIs(found.position,
+                        fmt::format("{} found, expected {}", inQuotes(found.value), expected));
+}
+
+std::optional<toml::table> tomlParse(std::string_view text, Diagnostics& diagnostics) {
+    if (unsigned const line = DotCounter(text).tooDeepLine()) {
+        diagnostics.errorIs({line, 1}, fmt::format("more than {} dots outside strings, expected "
+                                                   "keys of a few parts",
+                                                   mostDotsInLine));
+        return std::nullopt;
+    }
+    try {
+        return toml::parse(text);
+    } catch (toml::parse_error const& error) {
+        diagnostics.errorIs(begin(error.source()), wordsOf(error, text));
+    }
+    return std::nullopt;
+}
+
+Position TomlSection::position() const { return begin(table_->source()); }
+
+std::vector<TomlText> TomlSection::keys() const {
+    std::vector<TomlText> keys;
+    for (auto const& [key, node] : *table_)
+        keys.push_back({std::string(key.str()), begin(key.source())});
+    return keys;
+}
+
+void TomlSection::keysAre(std::initializer_list<std::string_view> known,
+                          std::string_view named) const {
+    for (TomlText const& key : keys()) {
+        if (std::find(known.begin(), known.end(), key.value) != known.end()) continue;
+        std::string text = fmt::format("unknown key {}, expected one of {}", inQuotes(key.value),
+                                       fmt::join(known, ", "));
+        if (!named.empty() && table_->get(key.value)->is_table())
+            text += fmt::format("; a name with a dot stands in quotes: {}",
+                                inQuotes(fmt::format("{}.{}", named, key.value)));
+        diagnostics_->errorIs(key.position, text);
+    }
+}
+
+void TomlSection::doRequire(std::initializer_list<std::string_view> required) const {
+    for (std::string_view const key : required)
+        if (!has(key))
+            diagnostics_->errorIs(position(), fmt::format("no key {} found, expected one", key));
+}
+
+Position TomlSection::positionOf(std::string_view key) const {
+    toml::node const* const node = table_->get(key);
+    return begin(node ? node->source() : table_->source());
+}
+
+std::optional<bool> TomlSection::boolean(std::string_view key) const {
+    toml::node const* const node = table_->get(key);
+    if (!node) return std::nullopt;
+    if (auto const* const value = node->as_boolean()) return value->get();
+    doReportType(key, *node, "true or false");
+    return std::nullopt;
+}
+
+std::optional<std::int64_t> TomlSection::integer(std::string_view key, std::int64_t low,
+                                                 std::int64_t high) const {
+    toml::node const* const node = table_->get(key);
+    if (!node) return std::nullopt;
+    std::string const expected = fmt::format("an integer from {} to {}", low, high);
+    auto const* const value = node->as_integer();
+    if (!value) {
+        doReportType(key, *node, expected.c_str());
+        return std::nullopt;
+    }
+    if (value->get() >= low && value->get() <= high) return value->get();
+    diagnostics_->errorIs(begin(node->source()),
+                          fmt::format("{} is {}, expected {}", key, value->get(), expected));
+    return std::nullopt;
+}
+
+std::optional<double> TomlSection::positiveNumber(std::string_view key, double high) const {
+    toml::node const* const node = table_->get(key);
+    if (!node) return std::nullopt;
+    std::string const expected = fmt::format("a number above 0 and up to {}", high);
+    auto const number = node->is_number() ? node->value<double>() : std::nullopt;
+    if (!number) {
+        doReportType(key, *node, expected.c_str());
+        return std::nullopt;
+    }
+    if (*number > 0 && *number <= high) return number;
+    diagnostics_->errorIs(begin(node->source()),
+                          fmt::format("{} is {}, expected {}", key, *number, expected));
+    return std::nullopt;
+}
+
+std::optional<TomlText> TomlSection::text(std::string_view key) const {
+    toml::node const* const node = table_->get(key);
+    if (!node) return std::nullopt;
+    if (auto const* const value = node->as_string())
+        return TomlText{value->get(), begin(node->source())};
+    doReportType(key, *node, "a string");
+    return std::nullopt;
+}
+
+std::optional<TomlSection> TomlSection::section(std::string_view key) const {
+    toml::node const* const node = table_->get(key);
+    if (!node) return std::nullopt;
+    if (auto const* const table = node->as_table()) return TomlSection(*table, *diagnostics_);
+    doReportType(key, *node, "a table");
+    return std::nullopt;
+}
+
+std::vector<TomlText> TomlSection::texts(std::string_view key) const {
+    std::vector<TomlText> texts;
+    toml::array const* const elements = array(key, "an array of strings");
+    if (!elements) return texts;
+    for (toml::node const& element : *elements) {
+        if (auto const* const value = element.as_string())
+            texts.push_back({value->get(), begin(element.source())});
+        else
+            doReportType(key, element, "only strings in the array");
+    }
+    return texts;
+}
+
+std::vector<TomlSection> TomlSection::sections(std::string_view key) const {
+    std::vector<TomlSection> sections;
+    toml::array const* const elements = array(key, "an array of tables");
+    if (!elements) return sections;
+    for (toml::node const& element : *elements) {
+        if (auto const* const table = element.as_table())
+            sections.emplace_back(*table, *diagnostics_);
+        else
+            doReportType(key, element, "only tables in the array");
+    }
+    return sections;
+}
+
+void TomlSection::doReportType(std::string_view key, toml::node const& found,
+                               char const* expected) const {
+    diagnostics_->errorIs(begin(found.source()), fmt::format("{} is {}, expected {}", inQuotes(key),
+                                                             typeName(found), expected));
+}
+
+toml::array const* TomlSection::array(std::string_view key, char const* expected) const {
+    toml::node const* const node = table_->get(key);
+    if (!node) return nullptr;
+    toml::array const* const found = node->as_array();
+    if (!found) doReportType(key, *node, expected);
+    return found;
+}
+
+} // namespace Agent

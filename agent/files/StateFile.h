@@ -1,0 +1,55 @@
+// The file that tells a later run of the agent what routers may hold from this one: for each
+// interface the groups announced, with their sources. Its format alone; StateKeeper.h has the
+// times at which it is written.
+//
+// All numbers are big-endian. "ihproxyd", a 32-bit format version; for each interface its name and
+// its VRF, each a length octet and text, an octet with the IGMP version spoken, a 32-bit count of
+// groups, and the groups: address, 32 bits of the number of sources with the top bit set for
+// EXCLUDE, sources. Then a zero octet, and 64 bits of FNV-1a over all before. Nothing follows.
+#pragma once
+
+#include "agent/igmp/GroupRecord.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Agent {
+
+struct InterfaceState {
+    std::string name; ///< 1 to 255 octets, like that of the VRF
+    std::string vrf;
+    unsigned version = 3;
+    RecordList groups; ///< IS_IN and IS_EX, a group possibly more than once
+};
+
+/// Builds the text of a file.
+class StateText {
+  public:
+    StateText();
+    /// Leaves out groups that would make the file longer than mostOctets.
+    void interfaceAdd(InterfaceState const& interface);
+    /// Whether any was left out.
+    bool truncated() const { return truncated_; }
+    /// The whole file. Nothing is added afterwards.
+    std::string take();
+
+    /// Several times what 65,536 groups take.
+    static constexpr std::size_t mostOctets = 16 << 20;
+
+  private:
+    void textAdd(std::string const& text);
+    void numberAdd(std::uint64_t number, unsigned octets);
+
+    std::string text_;
+    bool truncated_ = false;
+};
+
+/// Throws Nex::ParseException for anything that StateText has not made.
+std::vector<InterfaceState> stateParse(std::string_view text);
+
+/// The same from a regular file; nothing where there is none. Throws std::runtime_error, too.
+std::vector<InterfaceState> stateRead(std::string const& file);
+
+} // namespace Agent

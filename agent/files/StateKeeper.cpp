@@ -1,0 +1,93 @@
+#include "agent/files/StateKeeper.h"
+
+#include "agent/files/FileReplacement.h"
+#include "agent/loop/Log.h"
+
+#include <algorithm>
+#include <limits>
+#include <unistd.h>
+#include <utility>
+
+namespace Agent {
+
+namespace {
+
+/// From a change to the write: more changes come with it.
+constexpr double delaySeconds = 0.05;
+/// Rest between two writes, as a multiple of the work that the last one took.
+constexpr double restFactor = 50;
+/// After a write that failed, at least.
+constexpr double retrySeconds = 1;
+
+} // namespace
+
+StateKeeper::StateKeeper(EventLoop& loop, std::string file, Next next)
+    : file_(std::move(file)), next_(std::move(next)), alarm_(loop, [this] { handleAlarm(); }) {}
+
+void StateKeeper::handleChange() {
+    if (std::exchange(changed_, true) || text_ || file_.empty()) return;
+    alarm_.delayIs(std::max(delaySeconds, restUntil_ - EventLoop::now()));
+}
+
+void StateKeeper::handleAlarm() {
+    double const start = EventLoop::now();
+    if (!text_) workSeconds_ = 0;
+    try {
+        if (!doSlice(start + sliceSeconds)) {
+            workSeconds_ += EventLoop::now() - start;
+            return alarm_.delayIs(0);
+        }
+        workSeconds_ += EventLoop::now() - start;
+        doEnd(restFactor * workSeconds_);
+    } catch (std::exception const& error) {
+        changed_ = true;
+        doEnd(std::max(retrySeconds, restFactor * workSeconds_));
+        doFail(error);
+    }
+}
+
+void StateKeeper::doWriteAtOnce() {
+    if (file_.empty()) return;
+    text_.reset();
+    try {
+        doSlice(std::numeric_limits<double>::infinity());
+    } catch (std::exception const& error) {
+        doFail(error);
+    }
+}
+
+void StateKeeper::doFail(std::exception const& error) {
+    if (auto const heldBack = failureLimit_.admitted(EventLoop::now()))
+        log(LogLevel::warning, "the state file is not written: {} ({} more not shown)",
+            error.what(), *heldBack);
+}
+
+/// Whether the file is written.
+bool StateKeeper::doSlice(double end) {
+    if (!text_) {
+        text_.emplace();
+        after_.clear();
+        changed_ = false;
+    }
+    bool more = true;
+    while (more && EventLoop::now() < end) more = next_(*text_, after_);
+    if (more) return false;
+    if (text_->truncated() && truncationLimit_.admitted(EventLoop::now()))
+        log(LogLevel::warning, "{} has no room for all groups; some would not be left", file_);
+    FileReplacement file(file_);
+    file.add(text_->take());
+    file.finish();
+    return true;
+}
+
+void StateKeeper::doEnd(double restSeconds) {
+    text_.reset();
+    restUntil_ = EventLoop::now() + restSeconds;
+    if (std::exchange(changed_, false)) handleChange();
+}
+
+void StateKeeper::doRemove() {
+    if (!file_.empty()) unlink(file_.c_str());
+}
+
+} // namespace Agent

@@ -1,0 +1,329 @@
+#include "agent/igmp/HostEngine.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace Agent {
+
+namespace {
+
+constexpr unsigned leastRobustness = 2;
+constexpr unsigned mostRobustness = 255;
+constexpr unsigned leastMtu = 68;
+constexpr unsigned mostMtu = 65535;
+constexpr double quietSeconds = 600; // between two warnings of a kind
+constexpr double leaveTicksPerSecond = 128;
+
+/// 232.0.0.0/8 (RFC 4607).
+bool isSourceSpecific(Lox::IpAddr group) { return group.host() >> 24 == 232; }
+
+} // namespace
+
+HostEngine::HostEngine(Output& output, std::mt19937 random) : output_(output), random_(random) {
+    budget_.limitIs(settings_.packetsPer100ms);
+}
+
+void HostEngine::settingsIs(double now, Settings const& settings) {
+    bool moved = settings.address != settings_.address;
+    unsigned before = version_;
+    settings_ = settings;
+    settings_.version = std::clamp(settings.version, 1u, 3u);
+    settings_.mtu = std::clamp(settings.mtu, leastMtu, mostMtu);
+    settings_.robustness = std::clamp(settings.robustness, leastRobustness, mostRobustness);
+    settings_.ssmOnly = settings.ssmOnly && settings_.version == 3;
+    if (settings_.version < 3) heardRobustness_ = 0;
+    if (settings_.ssmOnly) v1QuerierExpiry_ = v2QuerierExpiry_ = never;
+    settings_.packetsPer100ms = std::max(settings.packetsPer100ms, 1u);
+    budget_.limitIs(settings_.packetsPer100ms);
+    handleVersion(now);
+    if (moved || version_ != before) doAnnounceAll(now);
+    doSend(now);
+}
+
+void HostEngine::groupIs(Lox::IpAddr group, FilterMode mode, std::span<Lox::IpAddr const> sources) {
+    if (!group.isMulticast() || group == allSystems) return;
+    GroupEntry& entry = groups_.try_emplace(group, group).first->second;
+    Wish wish{&entry, mode, wishSources_.size(), 0};
+    wishSources_.insert(wishSources_.end(), sources.begin(), sources.end());
+    auto first = wishSources_.begin() + std::ptrdiff_t(wish.firstSource);
+    std::sort(first, wishSources_.end());
+    wishSources_.erase(std::unique(first, wishSources_.end()), wishSources_.end());
+    wish.sourceCount = wishSources_.size() - wish.firstSource;
+    if (entry.wish != GroupEntry::noWish) {
+        wishes_[entry.wish] = wish;
+        return;
+    }
+    wishes_.push_back(wish);
+    entry.wish = wishes_.size() - 1;
+}
+
+void HostEngine::groupDelAll() {
+    for (auto& [address, entry] : groups_) groupDel(address);
+}
+
+void HostEngine::groupDel(Lox::IpAddr group) {
+    if (groups_.count(group) > 0) groupIs(group, FilterMode::include, {});
+}
+
+void HostEngine::flush(double now) {
+    doApplyWishes(now);
+    doSend(now);
+}
+
+void HostEngine::doApplyWishes(double now) {
+    // Those behind one that fails are forgotten: entries must not point at wishes that are gone.
+    auto const forget = [this](Wish const* first) {
+        for (; first != wishes_.data() + wishes_.size(); ++first) {
+            first->entry->wish = GroupEntry::noWish;
+            doRelease(*first->entry);
+        }
+        wishes_.clear();
+        wishSources_.clear();
+    };
+    Wish const* wish = wishes_.data();
+    try {
+        for (; wish != wishes_.data() + wishes_.size(); ++wish) doApply(now, *wish);
+    } catch (...) {
+        forget(wish);
+        throw;
+    }
+    forget(wish);
+}
+
+void HostEngine::doApply(double now, Wish const& wish) {
+    GroupEntry& entry = *wish.entry;
+    entry.wish = GroupEntry::noWish;
+    HostGroup& group = entry.group;
+    bool refused = handleExclude(now, wish);
+    std::span sources(wishSources_.data() + wish.firstSource, refused ? 0 : wish.sourceCount);
+    bool wasMember = group.hasState();
+    unsigned reports = group.repeats();
+    std::size_t octets = group.stateOctets();
+    bool changed = group.stateIs(refused ? FilterMode::include : wish.mode, sources, robustness());
+    stateOctets_ += group.stateOctets() - octets;
+    bool joinedOrLeft = group.hasState() != wasMember;
+    if (joinedOrLeft && wasMember) {
+        entry.walk.unlink();
+        --members_;
+    } else if (joinedOrLeft) {
+        settled_.add(entry.walk);
+        ++members_;
+    }
+    if (version_ < 3) { // only membership counts
+        changed = joinedOrLeft;
+        group.repeatsIs(joinedOrLeft ? robustness() : reports);
+    }
+    if (!linkUp_)
+        group.changeDel();
+    else if (changed && entry.change.queue != &fresh_)
+        fresh_.add(entry.change, now, now);
+    heldChanged_ |= changed;
+    doRelease(entry);
+}
+
+/// Warns of EXCLUDE where routers do not expect it. Whether it must not be announced at all, as in
+/// the source-specific range (RFC 4604).
+bool HostEngine::handleExclude(double now, Wish const& wish) {
+    if (wish.mode != FilterMode::exclude) return false;
+    Lox::IpAddr group = wish.entry->group.group();
+    bool refused = isSourceSpecific(group);
+    if (refused)
+        doWarn(now, ssmExclude,
+               [&] { return group.stringValue() + ": no EXCLUDE in 232.0.0.0/8, not announced"; });
+    else if (wish.sourceCount > 0) // such routers follow RFC 5790
+        doWarn(now, excludeList, [&] {
+            return group.stringValue() + ": some routers ignore lists of excluded sources";
+        });
+    return refused;
+}
+
+void HostEngine::handleVersion(double now) {
+    if (v1QuerierExpiry_ <= now) v1QuerierExpiry_ = never;
+    if (v2QuerierExpiry_ <= now) v2QuerierExpiry_ = never;
+    unsigned querier = v1QuerierExpiry_ != never ? 1 : v2QuerierExpiry_ != never ? 2 : 3;
+    unsigned version = std::min(settings_.version, querier);
+    if (version == version_) return;
+    version_ = version;
+    doCancel();
+}
+
+/// Cancels pending answers and repeats (RFC 9776, 7.2.1). A change that nobody has heard of yet is
+/// neither: it leaves in the version now spoken.
+void HostEngine::doCancel() {
+    late_.clear();
+    doDrop(repeats_);
+    doDrop(answers_);
+    generalDue_ = generalDeadline_ = walkDue_ = walkDeadline_ = never;
+    olderQueryTime_ = -never;
+}
+
+void HostEngine::doDrop(GroupQueue& queue) {
+    while (GroupEntry* entry = queue.first()) {
+        if (&queue == &answers_)
+            entry->answerDel();
+        else
+            entry->changeDel();
+        doRelease(*entry);
+    }
+}
+
+void HostEngine::doAnnounceAll(double now) {
+    if (!linkUp_) return;
+    late_.clear();
+    for (auto& [address, entry] : groups_) {
+        if (!entry.group.hasState()) continue;
+        if (version_ < 3)
+            entry.group.repeatsIs(robustness());
+        else
+            entry.group.announce(robustness());
+        if (entry.change.queue != &fresh_) fresh_.add(entry.change, now, now);
+    }
+}
+
+void HostEngine::doRelease(GroupEntry& entry) {
+    // Without state, the walk is that of leaving.
+    bool pending =
+        entry.change.queue != nullptr || entry.answer.queue != nullptr || entry.walk.isLinked();
+    if (pending || entry.group.hasState() || entry.wish != GroupEntry::noWish) return;
+    groups_.erase(entry.group.group());
+    heldChanged_ = true;
+}
+
+double HostEngine::nextExpiry() const {
+    double work = late_.empty() ? never : -never;
+    for (unsigned job = 0; job < jobCount; ++job) work = std::min(work, jobDue(Job(job)));
+    // Many leaves share a turn of whoever serves the engine.
+    double leave = std::ceil(leaveDue_ * leaveTicksPerSecond) / leaveTicksPerSecond;
+    return std::min({std::max(work, budget_.nextExpiry()), leave, generalDue_, v1QuerierExpiry_,
+                     v2QuerierExpiry_});
+}
+
+void HostEngine::timeIs(double now) {
+    handleVersion(now);
+    if (generalDue_ <= now) {
+        // What an earlier answer has yet to name comes first, so that no number of queries keeps
+        // it from being named. Nor do they put it off.
+        walking_.addAll(settled_);
+        walkLeft_ = members_;
+        walkDue_ = now;
+        walkDeadline_ = std::min(walkDeadline_, generalDeadline_);
+        generalDue_ = generalDeadline_ = never;
+    }
+    doSend(now);
+}
+
+void HostEngine::linkDown(double now) {
+    if (linkUp_) {
+        doReckonFormer(now); // so that no group stands in it twice, however often the link goes
+        heldRecordsAdd(former_);
+        heldChanged_ = true;
+    }
+    linkUp_ = false;
+    v1QuerierExpiry_ = v2QuerierExpiry_ = never;
+    heardRobustness_ = 0;
+    handleVersion(now);
+    doCancel();
+    doDrop(fresh_);
+    leaving_.addAll(left_);
+    leavingCount_ = leftCount_ = 0;
+    leaveDue_ = never;
+    while (GroupEntry* entry = leaving_.first()) {
+        entry->walk.unlink();
+        entry->group.changeDel();
+        doRelease(*entry);
+    }
+}
+
+void HostEngine::linkUp(double now) {
+    doApplyWishes(now);
+    linkUp_ = true;
+    heldChanged_ = true;
+    doAnnounceAll(now);
+    doSend(now);
+}
+
+void HostEngine::formerAdd(RecordList const& records) {
+    for (std::size_t i = 0; i < records.size(); ++i) former_.recordAdd(records.record(i));
+}
+
+void HostEngine::heldRecordsAdd(RecordList& records) const {
+    if (linkUp_)
+        for (auto const& [address, entry] : groups_) {
+            if (version_ == 3)
+                entry.group.heldRecordAdd(records);
+            else if (entry.group.hasState() || entry.group.hasChange())
+                records.recordAdd(RecordType::isEx, address); // all that those versions can say
+        }
+    if (&records == &former_) return;
+    for (std::size_t i = 0; i < former_.size(); ++i) records.recordAdd(former_.record(i));
+}
+
+void HostEngine::formerEnd(double now) {
+    if (!linkUp_ || !hasFormer()) return;
+    doReckonFormer(now);
+    doSend(now);
+}
+
+void HostEngine::doReckonFormer(double now) {
+    for (std::size_t i = 0; i < former_.size(); ++i) {
+        GroupRecord record = former_.record(i);
+        GroupEntry& entry = groups_.try_emplace(record.group, record.group).first->second;
+        HostGroup& group = entry.group;
+        bool owed = false;
+        if (version_ == 3) {
+            auto mode = record.type == RecordType::isEx ? FilterMode::exclude : FilterMode::include;
+            owed = group.formerIs(mode, record.sources, robustness());
+        } else if (!group.hasState()) { // only membership counts
+            group.repeatsIs(robustness());
+            owed = entry.lastReporter = true; // as far as anybody knows
+        }
+        if (owed && entry.change.queue != &fresh_) fresh_.add(entry.change, now, now);
+        doRelease(entry);
+    }
+    former_.clear();
+    heldChanged_ = true;
+}
+
+void HostEngine::leaveAll(double now) {
+    groupDelAll();
+    doApplyWishes(now);
+    if (!linkUp_) return;
+    doReckonFormer(now);
+    leaving_.addAll(left_);
+    leavingCount_ += std::exchange(leftCount_, 0);
+    for (GroupQueue* queue : {&fresh_, &repeats_})
+        while (GroupEntry* entry = queue->first()) {
+            GroupQueue::del(entry->change);
+            leaving_.add(entry->walk);
+            ++leavingCount_;
+        }
+    doCancel();
+    if (leaving_.isEmpty()) return;
+    leaveDue_ = now;
+    leaveRoundSeconds_ = leaveSeconds / robustness();
+    leaveRoundEnd_ = now + leaveRoundSeconds_;
+    doSend(now);
+}
+
+unsigned HostEngine::robustness() const {
+    return heardRobustness_ != 0 ? heardRobustness_ : settings_.robustness;
+}
+
+double HostEngine::reportIntervalSeconds() const {
+    double configured = settings_.unsolicitedReportIntervalSeconds;
+    if (configured > 0) return configured;
+    return version_ == 3 ? 1 : 10;
+}
+
+double HostEngine::randomDelay(double boundSeconds) {
+    constexpr double least = 1e-6; // never zero, unless the bound is
+    return boundSeconds * std::max(std::uniform_real_distribution<double>()(random_), least);
+}
+
+void HostEngine::doWarn(double now, Warning warning, std::function<std::string()> const& text) {
+    if (now < quietUntil_[warning]) return;
+    quietUntil_[warning] = now + quietSeconds;
+    output_.warn(text());
+}
+
+} // namespace Agent

@@ -1,0 +1,157 @@
+#include "agent/igmp/HostGroup.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace Agent {
+
+bool HostGroup::stateIs(FilterMode mode, std::span<Lox::IpAddr const> sources,
+                        unsigned robustness) {
+    bool modeChanged = mode != mode_;
+    bool changed = modeChanged;
+    std::vector<Source> next;
+    next.reserve(sources.size() + counted_);
+    auto keep = [&](Source source, bool listed) {
+        if (source.listed != listed) {
+            source.listed = listed;
+            source.repeats = std::uint8_t(robustness);
+            changed = true;
+        }
+        if (source.listed || source.repeats > 0) next.push_back(source);
+    };
+
+    auto old = sources_.begin();
+    for (Lox::IpAddr address : sources) {
+        for (; old != sources_.end() && old->address < address; ++old) keep(*old, false);
+        bool known = old != sources_.end() && old->address == address;
+        keep(known ? *old++ : Source{address}, true);
+    }
+    for (; old != sources_.end(); ++old) keep(*old, false);
+
+    sources_.swap(next);
+    mode_ = mode;
+    if (modeChanged) repeats_ = std::uint8_t(robustness);
+    doRecount();
+    return changed;
+}
+
+void HostGroup::announce(unsigned robustness) {
+    if (mode_ == FilterMode::exclude)
+        repeats_ = std::uint8_t(robustness);
+    else
+        for (Source& source : sources_)
+            if (source.listed) source.repeats = std::uint8_t(robustness);
+    doRecount();
+}
+
+bool HostGroup::formerIs(FilterMode mode, std::span<Lox::IpAddr const> sources,
+                         unsigned robustness) {
+    if (mode_ == FilterMode::exclude) return false; // its own TO_EX replaces all there was
+    if (mode == FilterMode::exclude) {
+        repeats_ = std::uint8_t(robustness);
+        return true;
+    }
+    auto less = [](Source const& a, Source const& b) { return a.address < b.address; };
+    std::vector<Source> missing;
+    for (Lox::IpAddr address : sources) {
+        Source source{address, std::uint8_t(robustness)};
+        if (!std::binary_search(sources_.begin(), sources_.end(), source, less))
+            missing.push_back(source);
+    }
+    std::sort(missing.begin(), missing.end(), less);
+    auto same = [](Source const& a, Source const& b) { return a.address == b.address; };
+    missing.erase(std::unique(missing.begin(), missing.end(), same), missing.end());
+    std::vector<Source> merged;
+    merged.reserve(sources_.size() + missing.size());
+    std::merge(sources_.begin(), sources_.end(), missing.begin(), missing.end(),
+               std::back_inserter(merged), less);
+    sources_.swap(merged);
+    doRecount();
+    return !missing.empty();
+}
+
+void HostGroup::heldRecordAdd(RecordList& records) const {
+    // A change of the mode that is owed still may find EXCLUDE at the routers.
+    if (mode_ == FilterMode::exclude || repeats_ > 0)
+        return records.recordAdd(RecordType::isEx, group_);
+    records.recordAdd(RecordType::isIn, group_);
+    for (Source const& source : sources_) records.sourceAdd(source.address);
+    records.emptyRecordDel();
+}
+
+void HostGroup::changeDel() { repeatsIs(0); }
+
+void HostGroup::repeatsIs(unsigned repeats) {
+    repeats_ = std::uint8_t(repeats);
+    if (counted_ == 0) return;
+    std::erase_if(sources_, [](Source const& source) { return !source.listed; });
+    for (Source& source : sources_) source.repeats = 0;
+    counted_ = 0;
+}
+
+void HostGroup::changeRecordsAdd(RecordList& records) const {
+    if (repeats_ > 0) return listRecordAdd(records, RecordType::toIn, RecordType::toEx);
+    sourceRecordAdd(records, RecordType::allow);
+    sourceRecordAdd(records, RecordType::block);
+}
+
+void HostGroup::changeSent() {
+    if (repeats_ > 0) --repeats_;
+    if (counted_ == 0) return;
+    for (Source& source : sources_)
+        if (source.repeats > 0) --source.repeats;
+    std::erase_if(sources_, [](Source const& s) { return !s.listed && s.repeats == 0; });
+    doRecount();
+}
+
+void HostGroup::stateRecordAdd(RecordList& records) const {
+    listRecordAdd(records, RecordType::isIn, RecordType::isEx);
+}
+
+void HostGroup::askedAdd(std::span<Lox::IpAddr const> sources, bool pending) {
+    if (sources.empty()) return askedDel();
+    if (pending && asked_.empty()) return;
+    for (Lox::IpAddr source : sources) {
+        auto at = std::lower_bound(asked_.begin(), asked_.end(), source);
+        if (at != asked_.end() && *at == source) continue;
+        if (asked_.size() == maxAsked) return askedDel();
+        asked_.insert(at, source);
+    }
+}
+
+void HostGroup::answerRecordsAdd(RecordList& records) const {
+    if (!hasState()) return;
+    if (asked_.empty()) return stateRecordAdd(records);
+    records.recordAdd(RecordType::isIn, group_);
+    auto at = sources_.begin();
+    for (Lox::IpAddr address : asked_) {
+        while (at != sources_.end() && at->address < address) ++at;
+        bool listed = at != sources_.end() && at->address == address && at->listed;
+        if (isWanted(listed)) records.sourceAdd(address);
+    }
+    records.emptyRecordDel();
+}
+
+void HostGroup::listRecordAdd(RecordList& records, RecordType include, RecordType exclude) const {
+    records.recordAdd(mode_ == FilterMode::include ? include : exclude, group_);
+    for (Source const& source : sources_)
+        if (source.listed) records.sourceAdd(source.address);
+}
+
+void HostGroup::sourceRecordAdd(RecordList& records, RecordType type) const {
+    records.recordAdd(type, group_);
+    for (Source const& source : sources_)
+        if (source.repeats > 0 && isWanted(source.listed) == (type == RecordType::allow))
+            records.sourceAdd(source.address);
+    records.emptyRecordDel();
+}
+
+void HostGroup::doRecount() {
+    listed_ = counted_ = 0;
+    for (Source const& source : sources_) {
+        listed_ += source.listed;
+        counted_ += source.repeats > 0;
+    }
+}
+
+} // namespace Agent

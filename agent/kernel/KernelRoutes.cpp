@@ -1,0 +1,173 @@
+#include "agent/kernel/KernelRoutes.h"
+
+#include "agent/loop/Log.h"
+
+#include <linux/netconf.h>
+#include <linux/rtnetlink.h>
+#include <new>
+#include <sys/epoll.h>
+#include <utility>
+
+namespace Agent {
+
+namespace {
+
+/// A million notifications, as far as the agent takes them up meanwhile; the memory is used only
+/// while they wait.
+constexpr int notificationBufferBytes = 64 << 20;
+/// Of routes in one turn of the loop: well below a millisecond.
+constexpr std::size_t mostReviewsInTurn = 512;
+/// Between two readings.
+constexpr double pauseSeconds = 1;
+
+RouteTable::Observer guarded(EventLoop& loop, RouteTable::Observer onRoute) {
+    return [&loop, onRoute = std::move(onRoute)](Lox::IpAddr source, Lox::IpAddr group,
+                                                 bool announced) {
+        // Let out, it would cost the messages behind this one.
+        try {
+            onRoute(source, group, announced);
+        } catch (std::bad_alloc const&) {
+            loop.doReportExhaustion();
+        } catch (std::exception const& exception) {
+            log(LogLevel::error, "route ({}, {}): {}", source.stringValue(), group.stringValue(),
+                exception.what());
+        }
+    };
+}
+
+} // namespace
+
+KernelRoutes::KernelRoutes(EventLoop& loop, RouteTable::Observer onRoute, int namespaceFd)
+    : loop_(loop),
+      table_(guarded(loop, std::move(onRoute))),
+      review_(loop, [this] { doReview(); }),
+      pause_(loop, [this] { doAdvance(); }),
+      notifications_(NETLINK_ROUTE, *this, namespaceFd),
+      dumps_(NETLINK_ROUTE, *this, namespaceFd) {
+    notifications_.receiveBufferIs(notificationBufferBytes);
+    // Subscribed first, so that no change falls between the dump and the notifications.
+    notifications_.groupIs(RTNLGRP_IPV4_MROUTE);
+    notifications_.groupIs(RTNLGRP_IPV4_NETCONF);
+    loop_.descriptorIs(notifications_.fd(), EPOLLIN,
+                       [this](std::uint32_t) { handleNotifications(); });
+    doFollowDumps();
+    doRead();
+}
+
+KernelRoutes::~KernelRoutes() {
+    loop_.descriptorDel(notifications_.fd());
+    loop_.descriptorDel(dumps_.fd());
+}
+
+void KernelRoutes::doFollowDumps() {
+    loop_.descriptorIs(dumps_.fd(), EPOLLIN, [this](std::uint32_t) { handleDumpPiece(); });
+}
+
+void KernelRoutes::filterIs(RouteFilter filter) {
+    table_.filterIs(std::move(filter));
+    review_.delayIs(0);
+}
+
+void KernelRoutes::doRenew() {
+    table_.doTellAll();
+    readAgain_ = damaged_ = true;
+    doAdvance();
+}
+
+void KernelRoutes::handleNotifications() {
+    drained_ = notifications_.receive();
+    doAdvance();
+}
+
+void KernelRoutes::handleDumpPiece() {
+    // The kernel may spend longer on a piece than notifications can wait.
+    drained_ = notifications_.receive();
+    if (drained_) dumps_.receive(1);
+    doAdvance();
+}
+
+void KernelRoutes::onMessage(nlmsghdr const& message, bool ofDump) {
+    try {
+        if (message.nlmsg_type == RTM_NEWNETCONF)
+            handleInterface(message);
+        else if (message.nlmsg_type == RTM_DELNETCONF)
+            handleInterfaceDel(message);
+        else
+            table_.messageIs(message, ofDump);
+    } catch (Nex::ParseException const& exception) {
+        if (auto const heldBack = malformedLimit_.admitted(EventLoop::now()))
+            log(LogLevel::warning, "kernel route message dropped: {} ({} more not shown)",
+                exception.what(), *heldBack);
+    } catch (std::bad_alloc const&) {
+        readAgain_ = damaged_ = true;
+        loop_.doReportExhaustion();
+    }
+}
+
+/// The kernel's routes name their interfaces by numbers of its own. An interface that leaves
+/// multicast routing is gone from them; one that joins is in those that hold its number already.
+void KernelRoutes::handleInterface(nlmsghdr const& message) {
+    NetlinkAttributes const attributes(message, sizeof(netconfmsg));
+    bool const all = int(attributes.u32(NETCONFA_IFINDEX).value_or(0)) <= 0;
+    // Told on its own where it changes; among all settings where an interface is new.
+    bool const changed =
+        attributes.u32(NETCONFA_MC_FORWARDING) && !attributes.u32(NETCONFA_FORWARDING);
+    if (!all && changed && (table_.reading() || table_.routeCount() != 0)) readAgain_ = true;
+}
+
+/// An interface that is deleted leaves multicast routing without another word.
+void KernelRoutes::handleInterfaceDel(nlmsghdr const& message) {
+    NetlinkAttributes const attributes(message, sizeof(netconfmsg));
+    auto const ifindex = int(attributes.u32(NETCONFA_IFINDEX).value_or(0));
+    if (table_.reading() || table_.uses(ifindex)) readAgain_ = true;
+}
+
+void KernelRoutes::onDumpsDone() { dumped_ = true; }
+
+void KernelRoutes::onReadAgain() { readAgain_ = damaged_ = true; }
+
+void KernelRoutes::doAdvance() {
+    if (table_.reading() && (!dumps_.dumping() || dumps_.stalled())) handleDumpEnd();
+    // While notifications wait, the kernel may drop further ones without a word.
+    if (!readAgain_ || table_.reading() || !drained_) return;
+    double const pause = pauseUntil_ - EventLoop::now();
+    if (pause > 0)
+        pause_.delayIs(pause);
+    else
+        doRead();
+}
+
+void KernelRoutes::doRead() {
+    readAgain_ = damaged_ = false;
+    table_.readingIs();
+    doDump();
+}
+
+void KernelRoutes::doDump() {
+    dumped_ = false;
+    if (dumps_.dumping()) {
+        loop_.descriptorDel(dumps_.fd());
+        dumps_.doReopen();
+        doFollowDumps();
+    }
+    rtmsg header{};
+    header.rtm_family = RTNL_FAMILY_IPMR;
+    if (!dumps_.dumping()) dumps_.dumpIs(RTM_GETROUTE, header);
+    // One that has come to nothing at once is taken up as ended.
+    if (dumps_.stalled()) pause_.delayIs(pauseSeconds);
+}
+
+void KernelRoutes::handleDumpEnd() {
+    if (!dumped_) readAgain_ = damaged_ = true;
+    if (!damaged_ && table_.dumpDel()) return doDump();
+    table_.readingDel(!damaged_);
+    synchronized_ |= !damaged_;
+    pauseUntil_ = EventLoop::now() + pauseSeconds;
+    review_.delayIs(0);
+}
+
+void KernelRoutes::doReview() {
+    if (!table_.doReview(mostReviewsInTurn)) review_.delayIs(0);
+}
+
+} // namespace Agent

@@ -1,0 +1,38 @@
+#include "agent/kernel/NetworkNamespace.h"
+
+#include "Nex/Error.h"
+
+#include <cerrno>
+#include <sched.h>
+#include <system_error>
+
+namespace Agent {
+
+namespace {
+
+FileDescriptor openFile(std::string const& path, int flags = O_RDONLY) {
+    // What is no namespace after all, such as a pipe, must not be waited for.
+    FileDescriptor file(open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK));
+    if (file.get() < 0) throw std::system_error(errno, std::generic_category(), path);
+    return file;
+}
+
+} // namespace
+
+FileDescriptor namespaceOpen(std::string const& name, int flags) {
+    return openFile(name.find('/') == std::string::npos ? "/run/netns/" + name : name, flags);
+}
+
+NamespaceScope::NamespaceScope(int namespaceFd) {
+    if (namespaceFd < 0) return;
+    outside_ = openFile("/proc/thread-self/ns/net");
+    if (setns(namespaceFd, CLONE_NEWNET) < 0)
+        throw std::system_error(errno, std::generic_category(), "entering a network namespace");
+}
+
+NamespaceScope::~NamespaceScope() {
+    if (outside_.get() >= 0 && setns(outside_.get(), CLONE_NEWNET) < 0)
+        Nex::assertionFailed("the way back from a network namespace");
+}
+
+} // namespace Agent

@@ -1,0 +1,110 @@
+// The multicast routes of one network namespace as the kernel's messages tell them, and which of
+// them are announced.
+//
+// The kernel tells of changes by notifications, and of everything by a dump. A reading begins with
+// a dump. Its pieces are older than notifications that have overtaken them, so while it lasts, what
+// a notification says of a route holds against the dump. And the kernel finds the place to go on by
+// counting: a deletion meanwhile makes it skip a route. Then another dump is read; that it skips
+// the same routes is so unlikely that it ends the reading, or a busy network would never be read to
+// the end. What nothing has told by then is gone.
+//
+// Every route stands in one of several rings: that of its incoming interface; that of routes which
+// the reading has not told yet; that of routes to judge anew; that of routes to drop. Whole rings
+// change their purpose at once, and the last two are emptied in bounded steps by doReview.
+#pragma once
+
+#include "agent/kernel/RouteRing.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <libmnl/libmnl.h>
+#include <map>
+#include <set>
+#include <span>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace Agent {
+
+/// Which routes are announced. Unresolved ones, whose packets the kernel queues, never are.
+struct RouteFilter {
+    /// A route without outputs exists because its traffic arrives; announced, it would keep the
+    /// traffic coming.
+    bool requireOutput = true;
+    /// Whether traffic may come in by any interface, or only by one of `proxyInterfaces`.
+    bool anyIncoming = false;
+    std::set<int> proxyInterfaces; ///< by kernel index
+    friend bool operator==(RouteFilter const&, RouteFilter const&) = default;
+};
+
+class RouteTable {
+  public:
+    /// Told of a route whose announced state has changed, after it is stored. The source is 0.0.0.0
+    /// for any. Must not throw, nor call this table.
+    using Observer = std::function<void(Lox::IpAddr source, Lox::IpAddr group, bool announced)>;
+
+    explicit RouteTable(Observer onRoute);
+    RouteTable(RouteTable const&) = delete;
+    RouteTable& operator=(RouteTable const&) = delete;
+
+    /// Has the routes concerned judged anew by doReview. Those that a reading has not told yet
+    /// follow as it tells them.
+    void filterIs(RouteFilter filter);
+
+    /// Takes in an RTM_NEWROUTE or RTM_DELROUTE of the default multicast table; others change
+    /// nothing. For a malformed one throws Nex::ParseException and stays as it was.
+    void messageIs(nlmsghdr const& message, bool ofDump);
+
+    /// Begins a reading: a dump is about to be asked for, and routes to be told anew.
+    void readingIs();
+    /// The dump is over. Returns whether the reading needs another one.
+    bool dumpDel();
+    /// Ends the reading. `whole`: nothing that the kernel sent was lost meanwhile; otherwise the
+    /// routes that were not told are kept for another reading.
+    void readingDel(bool whole);
+    bool reading() const { return reading_; }
+
+    /// Judges or drops up to `most` of the routes that wait for it. Returns whether none is left.
+    bool doReview(std::size_t most);
+    /// The same, without doing anything.
+    bool reviewed() const { return toDrop_.empty() && toJudge_.empty(); }
+
+    /// Tells the announced routes once more.
+    void doTellAll() const;
+    /// Whether any route has ever come in or gone out by that interface.
+    bool uses(int ifindex) const;
+    /// Of all that the kernel has, unresolved ones aside.
+    std::size_t routeCount() const { return routes_.size(); }
+
+  private:
+    void handleRoute(RouteName const& name, int incoming, bool output);
+    void handleGone(RouteName const& name);
+    /// Whether the route leads anywhere. Throws Nex::ParseException.
+    bool handleOutputs(std::span<std::uint8_t const> nextHops);
+    /// Of the routes that come in there. Asked for while the route is still in another ring: it may
+    /// find no memory.
+    RouteRing& ringOf(int incoming);
+    /// Puts the route, which is in no ring, into its own, and tells if its state has changed.
+    void doJudge(RouteNode& node, RouteRing& ring);
+    /// Forgets the route, and tells if it was announced.
+    void doDrop(RouteNode& node);
+    bool passes(RouteEntry const& route) const;
+
+    Observer onRoute_;
+    RouteFilter filter_;
+    std::unordered_map<RouteName, RouteEntry, RouteName::Hash> routes_;
+    std::map<int, RouteRing> byIncoming_;
+    RouteRing untold_;
+    RouteRing toJudge_;
+    RouteRing toDrop_;
+    std::set<int> interfaces_; ///< that routes have used
+    // Of the reading that lasts.
+    bool reading_ = false;
+    bool deleted_ = false;    ///< a route, so that the dump may have skipped another
+    bool secondDump_ = false; ///< is being read
+    /// What a dump says of these is ignored.
+    std::unordered_set<RouteName, RouteName::Hash> notified_;
+};
+
+} // namespace Agent

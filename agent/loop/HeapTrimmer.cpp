@@ -1,0 +1,37 @@
+#include "agent/loop/HeapTrimmer.h"
+
+#include "Nex/Slab.h"
+
+#include <malloc.h>
+#include <utility>
+
+namespace Agent {
+
+namespace {
+
+/// From a busy turn to the look.
+constexpr double lookDelaySeconds = 10;
+/// How much unused memory is worth the work.
+constexpr std::size_t worthwhileOctets = 8 << 20;
+/// Free places of each slab that are looked at in one turn: about a millisecond in all.
+constexpr std::size_t sliceLength = 5000;
+
+} // namespace
+
+void HeapTrimmer::handleTurn() {
+    if (std::exchange(trimmed_, false) || std::exchange(armed_, true)) return;
+    alarm_.delayIs(lookDelaySeconds);
+}
+
+void HeapTrimmer::doTrim() {
+    trimmed_ = true;
+    if (Nex::Slab::trim(sliceLength)) return alarm_.delayIs(0);
+    armed_ = false;
+    struct mallinfo2 const heap = mallinfo2();
+    if (heap.fordblks < worthwhileOctets || heap.fordblks < heap.uordblks / 4) return;
+    if (heap.fordblks == untrimmable_) return;
+    malloc_trim(0);
+    untrimmable_ = mallinfo2().fordblks; // pages are given back without being counted
+}
+
+} // namespace Agent

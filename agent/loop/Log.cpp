@@ -1,0 +1,82 @@
+#include "agent/loop/Log.h"
+
+#include "agent/loop/Printable.h"
+
+#include <climits>
+#include <cstdlib>
+#include <poll.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+namespace Agent {
+
+namespace {
+
+/// Of one line: a pipe takes two of them at once.
+constexpr std::size_t mostOctets = PIPE_BUF / 2;
+
+LogLevel written = LogLevel::info;
+unsigned lost = 0; ///< lines since the last one that was taken
+
+/// JOURNAL_STREAM names the journal's socket by device and inode. A program may inherit it with
+/// standard error redirected to elsewhere, and then must not write prefixes (systemd.exec(5)).
+bool journalReads() {
+    char const* const stream = std::getenv("JOURNAL_STREAM");
+    struct stat status {};
+    return stream && fstat(STDERR_FILENO, &status) == 0 &&
+           stream == fmt::format("{}:{}", status.st_dev, status.st_ino);
+}
+
+char const* prefix(LogLevel level) {
+    switch (level) {
+    case LogLevel::error:
+        return "error: ";
+    case LogLevel::warning:
+        return "warning: ";
+    case LogLevel::info:
+        return "";
+    case LogLevel::debug:
+        return "debug: ";
+    }
+    return "";
+}
+
+std::string lineOf(LogLevel level, std::string_view text) {
+    std::string line =
+        (journalReads() ? fmt::format("<{}>", int(level)) : prefix(level)) + printable(text);
+    if (line.size() >= mostOctets) line.resize(mostOctets - 1);
+    return line + '\n';
+}
+
+} // namespace
+
+void logLevelIs(LogLevel level) { written = level; }
+
+bool logs(LogLevel level) { return level <= written; }
+
+void logLine(LogLevel level, std::string_view text) {
+    std::string line = lineOf(level, text);
+    if (lost != 0)
+        line = lineOf(LogLevel::warning, fmt::format("{} lines of the log were lost", lost)) + line;
+    lost = writeAtOnce(STDERR_FILENO, line) ? 0 : lost + 1;
+}
+
+bool writeAtOnce(int fd, std::string_view text) {
+    pollfd room{fd, POLLOUT, 0};
+    if (poll(&room, 1, 0) != 1 || !(room.revents & POLLOUT)) return false;
+    // In one call, so that lines of several programs do not mix.
+    return write(fd, text.data(), text.size()) == ssize_t(text.size());
+}
+
+std::optional<unsigned> LogLimit::admitted(double now) {
+    if (now < nextAt_) {
+        ++heldBack_;
+        return std::nullopt;
+    }
+    nextAt_ = now + interval_;
+    return std::exchange(heldBack_, 0);
+}
+
+} // namespace Agent

@@ -1,0 +1,63 @@
+#include "agent/loop/ServiceManager.h"
+
+#include "agent/loop/FileDescriptor.h"
+
+#include <algorithm>
+#include <cap-ng.h>
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <system_error>
+#include <vector>
+
+namespace Agent {
+
+void serviceNotify(std::string_view assignment) {
+    char const* const path = std::getenv("NOTIFY_SOCKET");
+    sockaddr_un address{};
+    if (!path || std::strlen(path) < 2 || std::strlen(path) >= sizeof address.sun_path) return;
+    address.sun_family = AF_UNIX;
+    std::size_t const length = std::strlen(path);
+    std::copy_n(path, length, address.sun_path);
+    if (address.sun_path[0] == '@') address.sun_path[0] = '\0'; // the abstract namespace
+    // Kept open: what has begun to reload must be able to say that it has ended.
+    static FileDescriptor socketFd;
+    if (socketFd.get() < 0)
+        socketFd = FileDescriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    static_cast<void>(sendto(socketFd.get(), assignment.data(), assignment.size(), MSG_NOSIGNAL,
+                             reinterpret_cast<sockaddr const*>(&address),
+                             socklen_t(offsetof(sockaddr_un, sun_path) + length)));
+}
+
+void descriptorLimitRaise() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+void capabilitiesLimit(bool namespaces) {
+    if (capng_get_caps_process() != 0)
+        throw std::system_error(errno, std::generic_category(), "capabilities");
+    capng_select_t const all = CAPNG_SELECT_CAPS;
+    std::vector<unsigned> kept{CAP_NET_ADMIN, CAP_NET_RAW, CAP_DAC_READ_SEARCH};
+    if (namespaces) kept.push_back(CAP_SYS_ADMIN);
+    std::erase_if(
+        kept, [](unsigned wanted) { return capng_have_capability(CAPNG_PERMITTED, wanted) == 0; });
+    capng_clear(all);
+    for (unsigned const each : kept)
+        capng_update(CAPNG_ADD, capng_type_t(CAPNG_EFFECTIVE | CAPNG_PERMITTED), each);
+    if (capng_apply(all) != 0)
+        throw std::system_error(errno, std::generic_category(), "capabilities");
+}
+
+bool hasCapability(unsigned capability) {
+    return capng_get_caps_process() == 0 && capng_have_capability(CAPNG_EFFECTIVE, capability) != 0;
+}
+
+} // namespace Agent

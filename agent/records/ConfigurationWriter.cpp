@@ -1,0 +1,208 @@
+#include "agent/records/ConfigurationWriter.h"
+
+#include <algorithm>
+
+namespace Agent {
+
+namespace {
+
+using IgmpHostProxy::GroupSource;
+using IgmpHostProxy::IntfConfig;
+using Sources = std::set<Lox::IpAddr>;
+
+/// Calls `visit` for the members of `a` that `b` lacks.
+template <class Visit>
+void forDifference(Sources const& a, Sources const& b, Visit visit) {
+    for (Lox::IpAddr const source : a)
+        if (!b.contains(source)) visit(source);
+}
+
+/// Takes the sources of one group that `now` lacks out of the configured list, then has the
+/// machine take their effect back by listing them as deleted, and leaves no trace there: a source
+/// that stays listed as deleted would be kept out of the forwarding table's groups, too. Returns
+/// whether there were any.
+bool doRemove(IntfConfig& record, Lox::IpAddr group, GroupConfiguration const& before,
+              GroupConfiguration const* now) {
+    static GroupConfiguration const nothing;
+    GroupConfiguration const& stays = now ? *now : nothing;
+    auto const gone = GroupSource::GroupSourceIs(group);
+    forDifference(before.include, stays.include, [&](auto s) { gone->includeSourceListIs(s); });
+    forDifference(before.exclude, stays.exclude, [&](auto s) { gone->excludeSourceListIs(s); });
+    if (!now) {
+        record.groupSourceListDel(group);
+    } else if (Nex::Ptr<GroupSource> const configured = record.groupSourceList(group)) {
+        for (auto const s : gone->includeSourceList()) configured->includeSourceListDel(s);
+        for (auto const s : gone->excludeSourceList()) configured->excludeSourceListDel(s);
+    }
+    if (gone->empty()) return false;
+    auto const deleted = record.deletedGroupSourceListIs(group);
+    for (auto const s : gone->includeSourceList()) deleted->includeSourceListIs(s);
+    for (auto const s : gone->excludeSourceList()) deleted->excludeSourceListIs(s);
+    record.deletedGroupSourceListDel(group);
+    return true;
+}
+
+void doAdd(IntfConfig& record, Lox::IpAddr group, GroupConfiguration const& wanted) {
+    auto const configured = record.groupSourceListIs(group);
+    for (auto const source : wanted.include) configured->includeSourceListIs(source);
+    for (auto const source : wanted.exclude) configured->excludeSourceListIs(source);
+}
+
+using Claim = std::pair<std::string, Lox::IpAddrWithFullMask>; // access list, if any, and groups
+
+/// The groups that an interface's part of a configuration keeps from the forwarding table: those
+/// configured, and those that the rules of its lists select.
+std::set<Claim> claims(Configuration const& configuration,
+                       InterfaceConfiguration const& interface) {
+    std::set<Claim> claims;
+    for (auto const& item : interface.groups)
+        claims.emplace("", Lox::IpAddrWithFullMask(item.first, ~std::uint32_t(0)));
+    for (std::string const& name : interface.accessLists) {
+        auto const list = configuration.accessLists.find(name);
+        if (list == configuration.accessLists.end()) continue;
+        for (auto const& [sequence, rule] : list->second)
+            if (groupCount(rule) > 0) claims.emplace(name, rule.filter.destination);
+    }
+    return claims;
+}
+
+} // namespace
+
+void ConfigurationWriter::configurationIs(Configuration configuration) {
+    before_ = std::exchange(written_, std::move(configuration));
+    doWrite();
+}
+
+void ConfigurationWriter::doRewrite(std::function<void()> const& attach) {
+    before_ = {};
+    hosts_.clear();
+    accessLists_.doForget();
+    state_.config->intfConfigDelAll();
+    state_.aclConfig->aclDelAll();
+    attach();
+    doWrite();
+}
+
+void ConfigurationWriter::doWrite() {
+    auto const& now = written_.interfaces;
+    bool lost = false;
+    // What goes, goes first: any source is refused while specific sources of the group are listed.
+    for (auto const& [name, interface] : before_.interfaces) {
+        auto const stays = now.find(name);
+        Nex::Ptr<IntfConfig> const record = state_.config->intfConfig(Lox::IntfId(name));
+        if (stays == now.end()) {
+            state_.config->intfConfigDel(Lox::IntfId(name));
+        } else if (record) {
+            lost |= doRemoveGroups(interface, stays->second, *record);
+            lost |= doDetachLists(stays->second, *record);
+        }
+    }
+    lost |= accessLists_.listsIs(written_.accessLists);
+    for (auto const& [name, interface] : now) {
+        auto const record = state_.config->intfConfigIs(Lox::IntfId(name));
+        record->igmpVersionIs(IgmpHostProxy::IgmpVersion(interface.igmpVersion));
+        record->unsolicitedReportIntvlIs(
+            IgmpHostProxy::UnsolicitedReportInterval(interface.unsolicitedReportInterval));
+        doAddGroups(interface, *record);
+        if (!hosts_.contains(name)) continue;
+        doAttachLists(interface, *record);
+        if (lost) doRenewWishes(interface, *record);
+    }
+}
+
+std::vector<ConfigurationWriter::Released> ConfigurationWriter::released() const {
+    std::vector<Released> released;
+    for (auto const& [name, interface] : before_.interfaces) {
+        auto const stays = written_.interfaces.find(name);
+        if (stays == written_.interfaces.end()) continue;
+        std::set<Claim> const now = claims(written_, stays->second);
+        for (Claim const& claim : claims(before_, interface))
+            if (!now.contains(claim)) released.push_back({name, claim.first, claim.second});
+    }
+    return released;
+}
+
+void ConfigurationWriter::hostIs(std::string const& name, bool present) {
+    if (present) {
+        hosts_.insert(name);
+    } else {
+        hosts_.erase(name);
+    }
+    Nex::Ptr<IntfConfig> const record = state_.config->intfConfig(Lox::IntfId(name));
+    auto const interface = written_.interfaces.find(name);
+    if (!record) return;
+    if (present && interface != written_.interfaces.end()) {
+        doAttachLists(interface->second, *record);
+    } else {
+        record->aclListDelAll();
+    }
+}
+
+bool ConfigurationWriter::doRemoveGroups(InterfaceConfiguration const& before,
+                                         InterfaceConfiguration const& now, IntfConfig& record) {
+    bool lost = false;
+    for (auto const& [group, wanted] : before.groups) {
+        auto const stays = now.groups.find(group);
+        lost |=
+            doRemove(record, group, wanted, stays == now.groups.end() ? nullptr : &stays->second);
+    }
+    return lost;
+}
+
+void ConfigurationWriter::doAddGroups(InterfaceConfiguration const& now, IntfConfig& record) {
+    for (auto const& [group, wanted] : now.groups) doAdd(record, group, wanted);
+}
+
+bool ConfigurationWriter::doDetachLists(InterfaceConfiguration const& now, IntfConfig& record) {
+    std::size_t const before = record.aclListCount();
+    for (Nex::String const& name : record.aclList())
+        if (std::find(now.accessLists.begin(), now.accessLists.end(), name) ==
+            now.accessLists.end())
+            record.aclListDel(name);
+    return record.aclListCount() != before;
+}
+
+/// From every interface. Those that keep it attach it again, with the rules that stay.
+void ConfigurationWriter::doDetachList(std::string const& name) {
+    for (auto const& item : written_.interfaces)
+        if (Nex::Ptr const record = state_.config->intfConfig(Lox::IntfId(item.first)))
+            record->aclListDel(name);
+}
+
+/// A machine forgets a wish in two cases, and hears it again. A group that is wanted from any
+/// source as well as from specific ones is listed with these; when they go, with nothing. And one
+/// rule that denied the forwarding table's groups and goes admits them, whatever other rules say.
+void ConfigurationWriter::doRenewWishes(InterfaceConfiguration const& now, IntfConfig& record) {
+    Nex::Ptr<IgmpHostProxy::IntfStatus> const status = state_.status->intfStatus(record.intfId());
+    if (!status) return;
+    bool forgotten = deniesRoutes(record) != status->denyMroute();
+    for (auto const& [group, announced] : status->groupSourceList()) {
+        if (!announced->empty()) continue;
+        auto const configured = now.groups.find(group);
+        if (configured == now.groups.end()) {
+            forgotten = true;
+            continue;
+        }
+        doRemove(record, group, configured->second, nullptr);
+        doAdd(record, group, configured->second);
+    }
+    if (!forgotten) return;
+    record.aclListDelAll();
+    doAttachLists(now, record);
+}
+
+bool ConfigurationWriter::deniesRoutes(IntfConfig const& record) const {
+    for (Nex::String const& name : record.aclList()) {
+        auto const list = written_.accessLists.find(name);
+        if (list == written_.accessLists.end()) continue;
+        for (auto const& [sequence, rule] : list->second)
+            if (groupCount(rule) == 0) return true;
+    }
+    return false;
+}
+
+void ConfigurationWriter::doAttachLists(InterfaceConfiguration const& now, IntfConfig& record) {
+    for (std::string const& name : now.accessLists) record.aclListIs(name);
+}
+
+} // namespace Agent

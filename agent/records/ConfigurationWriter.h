@@ -1,0 +1,62 @@
+// Writes the operator's configuration into the records that the root machine reads, as the
+// difference to what was written before: what stays is not touched, and so causes no packet.
+#pragma once
+
+#include "IgmpHostProxy/PlatformState.h"
+#include "agent/config/Configuration.h"
+#include "agent/records/AccessListWriter.h"
+
+#include <set>
+#include <string>
+#include <vector>
+
+namespace Agent {
+
+class ConfigurationWriter {
+  public:
+    /// `state` outlives this.
+    explicit ConfigurationWriter(IgmpHostProxy::PlatformState& state)
+        : state_(state),
+          accessLists_(*state.aclConfig, [this](std::string const& name) { doDetachList(name); }) {}
+
+    Configuration const& configuration() const { return written_; }
+    /// Groups that an interface's part of the configuration let go of.
+    struct Released {
+        std::string interface;
+        std::string list; ///< empty: groups of the interface's own
+        Lox::IpAddrWithFullMask groups;
+    };
+    /// What the configuration in force lacks of the one before: the forwarding table may now
+    /// announce these groups.
+    std::vector<Released> released() const;
+    /// Puts a configuration in force, in place of the one before. If that fails on the way, it is
+    /// the one to be in force all the same, and doRewrite() is needed.
+    void configurationIs(Configuration configuration);
+    /// Writes it from nothing, whatever the records hold. To be called while no machine follows
+    /// them; `attach` then begins with one.
+    void doRewrite(std::function<void()> const& attach);
+    /// An interface's host entity came or went. Its access lists are attached only meanwhile: lists
+    /// that are attached when an interface's machine is built would count twice.
+    void hostIs(std::string const& name, bool present);
+
+  private:
+    void doWrite();
+    // Both return whether they did.
+    static bool doRemoveGroups(InterfaceConfiguration const& before,
+                               InterfaceConfiguration const& now,
+                               IgmpHostProxy::IntfConfig& record);
+    static bool doDetachLists(InterfaceConfiguration const& now, IgmpHostProxy::IntfConfig& record);
+    static void doAddGroups(InterfaceConfiguration const& now, IgmpHostProxy::IntfConfig& record);
+    static void doAttachLists(InterfaceConfiguration const& now, IgmpHostProxy::IntfConfig& record);
+    void doDetachList(std::string const& name);
+    void doRenewWishes(InterfaceConfiguration const& now, IgmpHostProxy::IntfConfig& record);
+    bool deniesRoutes(IgmpHostProxy::IntfConfig const& record) const;
+
+    IgmpHostProxy::PlatformState& state_;
+    AccessListWriter accessLists_;
+    Configuration written_;
+    Configuration before_;        ///< in force before that
+    std::set<std::string> hosts_; ///< interfaces with a host entity
+};
+
+} // namespace Agent

@@ -1,0 +1,137 @@
+#include "agent/records/InterfaceWriter.h"
+
+#include <new>
+#include <sys/epoll.h>
+
+namespace Agent {
+
+InterfaceWriter::InterfaceWriter(IgmpHostProxy::PlatformState& state, EventLoop& loop, Place place,
+                                 Owns owns, Observer observer)
+    : state_(state),
+      loop_(loop),
+      place_(std::move(place)),
+      owns_(std::move(owns)),
+      observer_(std::move(observer)),
+      kernel_([this](int ifindex) { handleInterface(ifindex); }, place_.namespaceFd) {
+    doFollow();
+}
+
+InterfaceWriter::~InterfaceWriter() { loop_.descriptorDel(kernel_.fd()); }
+
+void InterfaceWriter::doFollow() {
+    loop_.descriptorIs(kernel_.fd(), EPOLLIN, [this](std::uint32_t) { kernel_.receive(); });
+}
+
+void InterfaceWriter::doRetry() {
+    if (kernel_.stalled()) doReopen();
+}
+
+void InterfaceWriter::doReopen() {
+    loop_.descriptorDel(kernel_.fd());
+    kernel_.doReopen();
+    doFollow();
+}
+
+Device InterfaceWriter::device(std::string const& name) const {
+    int const ifindex = kernel_.interfaceIndex(name);
+    return {ifindex, ifindex == 0 ? nullptr : kernel_.interface(ifindex)};
+}
+
+Lox::IpAddr InterfaceWriter::address(std::string const& name) const {
+    KernelInterface const* const kernel = device(name).kernel;
+    return kernel && kernel->up ? kernel->primaryAddress() : Lox::IpAddr();
+}
+
+std::optional<std::string> InterfaceWriter::obstacle(std::string const& name) const {
+    if (!synchronized()) return std::nullopt;
+    KernelInterface const* const kernel = device(name).kernel;
+    if (!kernel) return "does not exist";
+    if (!kernel->up) return "is down";
+    return kernel->primaryAddress().isZero() ? "has no IPv4 address" : "";
+}
+
+/// Whoever calls this logs what is thrown, and goes on.
+void InterfaceWriter::handleInterface(int ifindex) {
+    try {
+        doPublishInterface(ifindex);
+    } catch (std::bad_alloc const&) {
+        loop_.doReportExhaustion();
+        throw;
+    }
+}
+
+void InterfaceWriter::doPublishInterface(int ifindex) {
+    KernelInterface const* const kernel = kernel_.interface(ifindex);
+    auto const known = names_.find(ifindex);
+    std::string const before = known == names_.end() ? std::string() : known->second;
+    if (kernel) {
+        names_[ifindex] = kernel->name;
+    } else if (known != names_.end()) {
+        names_.erase(known);
+    }
+    // An interface that loses its name or its device goes down before its device does.
+    if (!before.empty() && (!kernel || kernel->name != before)) doPublish(before);
+    doPublishKernelInterface(ifindex);
+    if (kernel) doPublish(kernel->name);
+}
+
+void InterfaceWriter::doPublishKernelInterface(int ifindex) {
+    KernelNetInfo::Status* const table = state_.kni(place_.networkNamespace);
+    if (!table) return;
+    auto const index = std::uint32_t(ifindex);
+    if (KernelInterface const* const kernel = kernel_.interface(ifindex)) {
+        table->interfaceIs(KernelNetInfo::InterfaceKey(index), {index, kernel->name, kernel->mac});
+    } else {
+        table->interfaceDel(KernelNetInfo::InterfaceKey(index));
+    }
+}
+
+void InterfaceWriter::doPublish(std::string const& name) {
+    Lox::IpAddr const usableAddress = address(name);
+    if (!owns_(name)) {
+        // Not listed; but groups may have to be left there.
+    } else if (usableAddress.isZero()) {
+        doWithdraw(name);
+    } else {
+        doPublishUsable(Lox::IntfId(name), usableAddress);
+    }
+    observer_(name);
+}
+
+void InterfaceWriter::doRenew() {
+    std::map<int, std::string> const known = names_;
+    for (auto const& [ifindex, name] : known) doPublishInterface(ifindex);
+    for (auto const& [ifindex, interface] : kernel_.interfaces())
+        if (!known.contains(ifindex)) doPublishInterface(ifindex);
+    doReopen();
+}
+
+void InterfaceWriter::doPublishUsable(Lox::IntfId const& intfId, Lox::IpAddr usableAddress) {
+    auto const ipStatus = state_.ipStatus->ipIntfStatusIs(intfId);
+    if (!ipStatus->ipIntfConfig() || ipStatus->ipIntfConfig()->vrf() != place_.vrf) {
+        auto const ipConfig = Ip::IpIntfConfig::IpIntfConfigIs(intfId);
+        ipConfig->vrfIs(place_.vrf);
+        ipStatus->ipIntfConfigIs(ipConfig);
+    }
+    auto const local = state_.allIntfStatusLocalDir->intfStatusLocalIs(intfId);
+    local->networkNamespaceIs(place_.networkNamespace);
+    local->deviceNameIs(intfId.stringValue());
+    if (auto* const source = state_.sourceIntfSm->sourceIntf(intfId))
+        source->ipAddrIs(usableAddress);
+    state_.allIntfStatusDir->intfStatusIs(intfId)->operUpIs(true);
+}
+
+void InterfaceWriter::doWithdraw(std::string const& name) {
+    Lox::IntfId const intfId(name);
+    if (auto* const status = state_.allIntfStatusDir->intfStatus(intfId)) status->operUpIs(false);
+    if (Nex::Ptr const source = state_.sourceIntfSm->sourceIntf(intfId))
+        source->ipAddrIs(Lox::IpAddr());
+}
+
+void InterfaceWriter::doWithdrawAll() {
+    std::map<int, std::string> const names = names_;
+    for (auto const& [ifindex, name] : names)
+        if (owns_(name)) doWithdraw(name);
+}
+
+} // namespace Agent

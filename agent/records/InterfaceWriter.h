@@ -1,0 +1,77 @@
+// The interfaces of one VRF: what the kernel says of its network namespace, written into the
+// platform's state. An interface that the configuration names is usable, and so listed, while its
+// link is up and it has an IPv4 address; every interface comes and goes on its own.
+#pragma once
+
+#include "IgmpHostProxy/PlatformState.h"
+#include "agent/kernel/KernelInterfaces.h"
+#include "agent/loop/EventLoop.h"
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+
+namespace Agent {
+
+/// A kernel interface found by its name.
+struct Device {
+    int ifindex = 0; ///< 0 for none
+    KernelInterface const* kernel = nullptr;
+};
+
+class InterfaceWriter {
+  public:
+    struct Place {
+        L3::VrfName vrf;
+        Lox::NamespaceName networkNamespace;
+        int namespaceFd = -1; ///< negative for the process's own; outlived by its owner
+    };
+    /// Whether the configuration has the interface of that name in this VRF.
+    using Owns = std::function<bool(std::string const& name)>;
+    /// Told the name of an interface that changed, after the state has been written.
+    using Observer = std::function<void(std::string const& name)>;
+
+    /// Throws std::system_error where the kernel refuses. `state` and `loop` outlive this.
+    InterfaceWriter(IgmpHostProxy::PlatformState& state, EventLoop& loop, Place place, Owns owns,
+                    Observer observer);
+    ~InterfaceWriter();
+    InterfaceWriter(InterfaceWriter const&) = delete;
+    InterfaceWriter& operator=(InterfaceWriter const&) = delete;
+
+    Place const& place() const { return place_; }
+    bool synchronized() const { return kernel_.synchronized(); }
+    /// Begins a reading again that the kernel has given up; to be called every few seconds.
+    void doRetry();
+    Device device(std::string const& name) const;
+    /// 0.0.0.0 unless the interface is usable.
+    Lox::IpAddr address(std::string const& name) const;
+    /// What keeps it from being usable; empty for nothing, and nothing before all has been read.
+    std::optional<std::string> obstacle(std::string const& name) const;
+    /// Writes what is known of an interface of this VRF.
+    void doPublish(std::string const& name);
+    /// Writes everything once more, and reads it again from the kernel: memory ran out.
+    void doRenew();
+    /// Takes an interface, or all of this VRF, out of those that can be used; the root machine
+    /// takes them down.
+    void doWithdraw(std::string const& name);
+    void doWithdrawAll();
+
+  private:
+    void doFollow();
+    void doReopen();
+    void doPublishInterface(int ifindex);
+    void handleInterface(int ifindex);
+    void doPublishKernelInterface(int ifindex);
+    void doPublishUsable(Lox::IntfId const& intfId, Lox::IpAddr usableAddress);
+
+    IgmpHostProxy::PlatformState& state_;
+    EventLoop& loop_;
+    Place place_;
+    Owns owns_;
+    Observer observer_;
+    std::map<int, std::string> names_; ///< as last written, by kernel index
+    KernelInterfaces kernel_;
+};
+
+} // namespace Agent

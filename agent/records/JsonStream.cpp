@@ -1,0 +1,67 @@
+#include "agent/records/JsonStream.h"
+
+namespace Agent {
+
+namespace {
+
+/// Names of interfaces may hold any octets.
+std::string textOf(nlohmann::json const& value) {
+    return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+} // namespace
+
+/// Inner parts first: outer ones hold what these walk.
+JsonStream::~JsonStream() {
+    while (!levels_.empty()) levels_.pop_back();
+}
+
+bool JsonStream::next() {
+    if (!levels_.empty() && !levels_.back().part->next(*this)) {
+        doClose();
+        if (levels_.empty()) text_ += '\n';
+    }
+    return !levels_.empty();
+}
+
+void JsonStream::add(std::string const& name, nlohmann::json const& value) {
+    doName(name);
+    if (!value.is_object()) {
+        text_ += textOf(value);
+        return;
+    }
+    doOpen(nullptr);
+    for (auto const& [inner, innerValue] : value.items()) add(inner, innerValue);
+    doClose();
+}
+
+void JsonStream::open(std::string const& name, std::unique_ptr<JsonPart> part) {
+    doName(name);
+    doOpen(std::move(part));
+}
+
+void JsonStream::doName(std::string const& name) {
+    if (!std::exchange(levels_.back().empty, false)) text_ += ',';
+    doBreakLine();
+    text_ += textOf(name);
+    text_ += ": ";
+}
+
+void JsonStream::doOpen(std::unique_ptr<JsonPart> part) {
+    text_ += '{';
+    levels_.push_back({std::move(part)});
+}
+
+void JsonStream::doClose() {
+    bool const empty = levels_.back().empty;
+    levels_.pop_back();
+    if (!empty) doBreakLine();
+    text_ += '}';
+}
+
+void JsonStream::doBreakLine() {
+    text_ += '\n';
+    text_.append(2 * levels_.size(), ' ');
+}
+
+} // namespace Agent

@@ -1,0 +1,62 @@
+// The file that outlives a crash: what is written is read, and nothing else is.
+#include "agent/files/StateFile.h"
+
+#include "Nex/Error.h"
+
+#include <gtest/gtest.h>
+
+namespace Agent {
+namespace {
+
+Lox::IpAddr address(std::uint32_t host) { return Lox::IpAddr::fromHost(host); }
+
+std::string stateText(unsigned groups = 2, unsigned sources = 1) {
+    InterfaceState first{"up0", "default", 2, {}}, second{"up1", "red", 3, {}};
+    for (unsigned i = 0; i < groups; ++i) {
+        first.groups.recordAdd(RecordType::isIn, address(0xEF000000 + i));
+        for (unsigned s = 0; s < sources; ++s) first.groups.sourceAdd(address(0x0A0000FF + s));
+    }
+    second.groups.recordAdd(RecordType::isEx, address(0xEF0000FF));
+    StateText text;
+    text.interfaceAdd(first);
+    text.interfaceAdd(second);
+    return text.take();
+}
+
+TEST(StateFileTest, WhatIsWrittenIsReadAndNoDamageIs) {
+    std::string const text = stateText();
+    auto const read = stateParse(text);
+    ASSERT_EQ(read.size(), 2u);
+    EXPECT_EQ(read[0].name + read[0].vrf + read[1].name + read[1].vrf, "up0defaultup1red");
+    EXPECT_EQ(read[0].version, 2u);
+    ASSERT_EQ(read[0].groups.size(), 2u);
+    EXPECT_EQ(read[0].groups.record(1).group, address(0xEF000001));
+    EXPECT_EQ(read[0].groups.record(1).type, RecordType::isIn);
+    EXPECT_EQ(read[0].groups.record(1).sources[0], address(0x0A0000FF));
+    EXPECT_EQ(read[1].groups.record(0).type, RecordType::isEx);
+    EXPECT_TRUE(stateParse(StateText().take()).empty());
+
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        EXPECT_THROW(stateParse(text.substr(0, at)), Nex::ParseException) << at;
+        for (unsigned bit = 0; bit < 8; ++bit) {
+            std::string damaged = text;
+            damaged[at] = char(damaged[at] ^ (1 << bit));
+            EXPECT_THROW(stateParse(damaged), Nex::ParseException) << at;
+        }
+    }
+    EXPECT_THROW(stateParse(text + '\0'), Nex::ParseException);
+    EXPECT_THROW(stateRead("/"), std::runtime_error);
+    EXPECT_TRUE(stateRead("/nowhere").empty());
+}
+
+TEST(StateFileTest, FileIsBoundedAndHoldsWhatFits) {
+    std::string const text = stateText(65536, 100);
+    EXPECT_LE(text.size(), StateText::mostOctets + 64);
+    auto const read = stateParse(text);
+    EXPECT_EQ(read.size(), 2u);
+    EXPECT_EQ(read[0].groups.size(), (StateText::mostOctets - 40) / 408);
+    EXPECT_EQ(stateParse(stateText(65536))[0].groups.size(), 65536u);
+}
+
+} // namespace
+} // namespace Agent

@@ -1,0 +1,46 @@
+#include "agent/files/StateKeeper.h"
+
+#include "agent/loop/LoopFixture.h"
+
+#include <filesystem>
+#include <new>
+
+namespace Agent {
+namespace {
+
+class StateKeeperTest : public LoopFixture {
+  protected:
+    ~StateKeeperTest() override { std::filesystem::remove_all(path); }
+
+    bool add(StateText& text, std::string& after) {
+        if (calls++ == 1) throw std::bad_alloc();
+        if (after == "up1") return false;
+        after = after.empty() ? "up0" : "up1";
+        InterfaceState interface {
+            after, "default", 3, {}
+        };
+        interface.groups.recordAdd(RecordType::isEx, Lox::IpAddr("239.1.1.1"));
+        text.interfaceAdd(interface);
+        return true;
+    }
+
+    std::filesystem::path const path =
+        std::filesystem::temp_directory_path() / ("ihproxyd-state-" + std::to_string(getpid()));
+    int calls = 0;
+    StateKeeper keeper{loop, path,
+                       [this](StateText& text, std::string& after) { return add(text, after); }};
+};
+
+TEST_F(StateKeeperTest, WriteThatFailsIsTriedAgainWithoutAnotherChange) {
+    testing::internal::CaptureStderr();
+    std::filesystem::create_directory(path); // in the way of the second attempt
+    keeper.handleChange();
+    EXPECT_TRUE(serveUntil([&] { return calls > 2; })) << "memory ran out half way";
+    std::filesystem::remove(path);
+    EXPECT_TRUE(serveUntil([&] { return std::filesystem::exists(path); }));
+    EXPECT_EQ(stateRead(path).size(), 2u);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("is not written"), std::string::npos);
+}
+
+} // namespace
+} // namespace Agent

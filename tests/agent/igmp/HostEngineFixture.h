@@ -1,0 +1,119 @@
+// A host engine with time by hand and packets kept in memory. Every packet is checked for what all
+// packets have in common.
+#pragma once
+
+#include "agent/igmp/HostEngine.h"
+#include "agent/igmp/IgmpTestPackets.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Agent {
+
+struct SentPacket {
+    double time;
+    std::string text;
+    std::size_t octets;
+};
+
+class HostEngineFixture : public testing::Test, protected HostEngine::Output {
+  protected:
+    HostEngineFixture() {
+        settings.address = ip("10.0.0.2");
+        settings.unsolicitedReportIntervalSeconds = 1;
+        settings.packetsPer100ms = 1'000'000;
+        settingsApply();
+        engine.linkUp(now);
+    }
+
+    void settingsApply() { engine.settingsIs(now, settings); }
+    void speak(unsigned version) {
+        settings.version = version;
+        settingsApply();
+    }
+    void limit(unsigned packetsPer100ms) {
+        settings.packetsPer100ms = packetsPer100ms;
+        settingsApply();
+        serve(30);
+    }
+
+    void include(Lox::IpAddr group, Sources const& sources) {
+        engine.groupIs(group, FilterMode::include, sources);
+    }
+    void exclude(Lox::IpAddr group, Sources const& sources = {}) {
+        engine.groupIs(group, FilterMode::exclude, sources);
+    }
+    void excludeMany(char const* first, unsigned count) {
+        for (Lox::IpAddr group : range(first, count)) exclude(group);
+    }
+    void hear(Bytes const& payload, Envelope const& envelope = {}) {
+        engine.received(now, packetOf(payload, envelope));
+    }
+    /// Another host, perhaps without an address, reports the group to the group.
+    void hearReport(IgmpType type, Lox::IpAddr group) {
+        hear(message(type, group), {.source = {}, .destination = group});
+    }
+
+    /// Lets `seconds` pass, serving the engine.
+    void serve(double seconds) {
+        double end = now + seconds;
+        for (unsigned wakeUps = 0; engine.nextExpiry() <= end; ++wakeUps) {
+            ASSERT_LT(wakeUps, 100'000u) << "the engine does not rest";
+            engine.timeIs(now = std::max(now, engine.nextExpiry()));
+        }
+        now = end;
+    }
+    /// The texts of the packets since the last call, with "; " between them.
+    std::string taken() {
+        std::string all;
+        for (SentPacket const& packet : std::exchange(sent, {}))
+            all += (all.empty() ? "" : "; ") + packet.text;
+        return all;
+    }
+    /// Ends the turn: what leaves at once.
+    std::string flush() {
+        engine.flush(now);
+        return taken();
+    }
+    /// What leaves in that time.
+    std::string pass(double seconds) {
+        serve(seconds);
+        return taken();
+    }
+    /// What leaves in that time in answer to a query.
+    std::string answer(Bytes const& query, double seconds = 1) {
+        hear(query);
+        return pass(seconds);
+    }
+    /// Ends the turn and lets everything pending leave.
+    void settle() {
+        engine.flush(now);
+        pass(30);
+    }
+
+    HostCounters const& counters() const { return engine.counters(); }
+    unsigned dropped(DropReason reason) const { return counters().dropped[std::size_t(reason)]; }
+
+    void send(std::span<std::uint8_t const> packet) override {
+        EXPECT_LE(packet.size(), settings.mtu);
+        EXPECT_EQ(packet[2] * 256u + packet[3], packet.size());
+        EXPECT_EQ(Lox::IpAddr::fromOctets(&packet[12]), settings.address);
+        EXPECT_EQ(checksum(packet.first(24)), 0);
+        EXPECT_EQ(checksum(packet.subspan(24)), 0);
+        sent.push_back({now, packetText(packet), packet.size()});
+    }
+    void warn(std::string const& text) override { warnings.push_back(text); }
+
+    Lox::IpAddr g1 = ip("239.1.1.1"), g2 = ip("239.1.1.2");
+    Lox::IpAddr a = ip("10.0.0.11"), b = ip("10.0.0.12"), c = ip("10.0.0.13");
+    double now = 1000;
+    HostEngine::Settings settings;
+    std::vector<SentPacket> sent;
+    std::vector<std::string> warnings;
+    HostEngine engine{*this, std::mt19937(7)};
+};
+
+} // namespace Agent

@@ -1,0 +1,241 @@
+// How fast packets leave when many are wanted.
+#include "agent/igmp/HostEngineFixture.h"
+
+#include <map>
+#include <set>
+
+namespace Agent {
+namespace {
+
+class HostEnginePacingTest : public HostEngineFixture {
+  protected:
+    /// The most packets within any 100 ms.
+    std::size_t mostPer100ms() const {
+        std::size_t most = 0, first = 0;
+        for (std::size_t last = 0; last < sent.size(); ++last) {
+            while (sent[last].time - sent[first].time >= 0.1) ++first;
+            most = std::max(most, last - first + 1);
+        }
+        return most;
+    }
+    /// When the group was first told of.
+    double timeOf(Lox::IpAddr group) const {
+        for (SentPacket const& packet : sent)
+            if ((packet.text + ",").find(group.stringValue() + ",") != std::string::npos ||
+                packet.text.find(group.stringValue() + " ") != std::string::npos)
+                return packet.time;
+        return never;
+    }
+};
+
+TEST_F(HostEnginePacingTest, NoHundredMillisecondsSeeMoreThanTheLimit) {
+    for (unsigned version : {3u, 2u})
+        for (unsigned packets : {1u, 7u, 100u}) {
+            speak(version);
+            limit(packets);
+            now += 0.0731; // on no border
+            excludeMany("239.3.0.0", 2000);
+            engine.flush(now);
+            std::size_t atOnce = std::min(packets, version == 3 ? 11u : 2000u);
+            EXPECT_EQ(sent.size(), atOnce);
+            serve(60);
+            hear(version == 3 ? v3Query(1) : message(IgmpType::query, {}, 1));
+            serve(60);
+            EXPECT_LE(mostPer100ms(), packets);
+            EXPECT_GE(mostPer100ms(), atOnce);
+            engine.leaveAll(now);
+            serve(1);
+            taken();
+        }
+}
+
+TEST_F(HostEnginePacingTest, LeavingEndsWithinASecondHoweverManyGroups) {
+    for (unsigned version : {3u, 2u}) {
+        speak(version);
+        limit(1'000'000);
+        excludeMany("239.3.0.0", version == 3 ? 65536 : 10000);
+        settle();
+        limit(1);
+        taken();
+        double start = now;
+        engine.leaveAll(now);
+        EXPECT_LE(sent.size(), 1u);
+        serve(0.75);
+        EXPECT_TRUE(engine.hasLeft());
+        EXPECT_EQ(sent.size(), version == 3 ? 2 * 359u : 2 * 10000u);
+        EXPECT_LT(mostPer100ms(), sent.size() / 6) << "evenly";
+        EXPECT_GE(sent[sent.size() / 2].time, start + HostEngine::leaveSeconds / 2);
+        taken();
+    }
+}
+
+TEST_F(HostEnginePacingTest, GroupTooBigForTheBudgetLeavesInPieces) {
+    limit(1);
+    include(g1, range("10.1.0.0", 1000));
+    engine.flush(now);
+    serve(0.25);
+    ASSERT_EQ(sent.size(), 3u);
+    EXPECT_EQ(mostPer100ms(), 1u);
+    EXPECT_EQ(sent[0].octets, 1500u);
+    EXPECT_EQ(sent[2].octets, 32u + 8 + 4 * 270);
+    EXPECT_EQ(counters().v3StateChangeReportSent, 3u);
+}
+
+TEST_F(HostEnginePacingTest, GroupThatKeepsChangingKeepsItsTurn) {
+    limit(1);
+    double start = now;
+    for (unsigned i = 0; i < 100; ++i) { // each of the others fills a packet, so their queue grows
+        include(Lox::IpAddr::fromHost(ip("239.3.0.0").host() + i), range("10.1.0.0", 360));
+        if (i >= 5) include(g1, range("10.1.0.0", 10 + i % 2));
+        engine.flush(now);
+        serve(0.05);
+    }
+    EXPECT_LT(timeOf(g1), start + 3);
+}
+
+TEST_F(HostEnginePacingTest, FreshChangeOvertakesABacklogWhichIsNotStarved) {
+    speak(2);
+    limit(10);
+    excludeMany("239.3.0.0", 500);
+    engine.flush(now);
+    serve(60);
+    taken();
+    hear(message(IgmpType::query, {}, 1));
+    serve(0.2);
+    double joined = now;
+    exclude(g1);
+    for (Lox::IpAddr group : range("239.4.0.0", 400)) { // as many joins as the budget has packets
+        engine.flush(now);
+        serve(0.01);
+        exclude(group);
+    }
+    EXPECT_LE(timeOf(g1), joined + 0.2);
+    auto backlog = range("239.3.0.0", 500);
+    EXPECT_GT(
+        std::count_if(backlog.begin(), backlog.end(), [&](auto g) { return timeOf(g) < never; }),
+        150);
+}
+
+TEST_F(HostEnginePacingTest, Version2GroupsTakeTurnsWhereThePaceIsTooSlowForAll) {
+    speak(2);
+    limit(10); // 910 reports in the 10 s that the querier waits
+    for (unsigned count : {900u, 1200u}) {
+        Sources groups = range("239.3.0.0", count);
+        excludeMany("239.3.0.0", count);
+        settle();
+        std::map<std::string, double> last;
+        unsigned late = 0;
+        for (unsigned i = 0; i < 10; ++i) {
+            double asked = now;
+            hear(message(IgmpType::query, {}, 100));
+            serve(5);
+            std::size_t before = sent.size();
+            Lox::IpAddr group = groups[i * 37];
+            hear(message(IgmpType::query, group, 10));
+            serve(1);
+            EXPECT_TRUE(std::any_of(sent.begin() + std::ptrdiff_t(before), sent.end(),
+                                    [&](auto& p) { return p.text == "v2 " + group.stringValue(); }))
+                << "a query for one group waits for no others";
+            serve(14);
+            for (SentPacket const& packet : std::exchange(sent, {})) {
+                auto [known, first] = last.try_emplace(packet.text, packet.time);
+                EXPECT_LT(packet.time, known->second + 23) << packet.text;
+                known->second = packet.time;
+                late += packet.time > asked + 10;
+            }
+            EXPECT_EQ(last.size(), count);
+        }
+        EXPECT_EQ(warnings.size(), count == 900 ? 0 : 1);
+        EXPECT_EQ(late > 0, count > 900);
+    }
+}
+
+TEST_F(HostEnginePacingTest, GeneralAnswerIsSpreadEvenlyOverTheResponseTime) {
+    excludeMany("239.3.0.0", 20000);
+    settle();
+    double end = now + 10;
+    hear(v3Query(100));
+    serve(10);
+    EXPECT_EQ(sent.size(), 110u);
+    double first = sent.front().time, last = sent.back().time;
+    EXPECT_GT(last - first, 0.9 * (end - first));
+    EXPECT_LE(last, end);
+    for (std::size_t i = 1; i < sent.size(); ++i)
+        EXPECT_LT(sent[i].time - sent[i - 1].time, (end - first) / 40) << i;
+}
+
+TEST_F(HostEnginePacingTest, GeneralAnswerBeginsEarlyEnoughToEndInTime) {
+    for (unsigned sources : {0u, 120u}) { // 183 records, or 3, fit into a packet
+        for (Lox::IpAddr group : range("239.3.0.0", sources ? 300 : 20000))
+            include(group, range("10.1.0.0", sources + 1));
+        settle();
+        limit(10);
+        for (unsigned i = 0; i < 20; ++i) {
+            taken();
+            double end = now + 2;
+            hear(v3Query(20));
+            serve(10);
+            EXPECT_GE(sent.size(), 100u);
+            EXPECT_LE(sent.back().time, end);
+        }
+        limit(1'000'000);
+        for (Lox::IpAddr group : range("239.3.0.0", 20000)) engine.groupDel(group);
+        settle();
+    }
+}
+
+TEST_F(HostEnginePacingTest, LaterQueryDoesNotStretchTheAnswerThatIsOwed) {
+    Sources groups = range("239.3.0.0", 2000);
+    excludeMany("239.3.0.0", 2000);
+    settle();
+    for (unsigned i = 0; i < 100; ++i) {
+        double end = now + 2;
+        hear(v3Query(20));
+        serve(1 + 0.009 * i); // before its answer, or within it
+        hear(v3Query(100));
+        serve(12);
+        EXPECT_LE(timeOf(groups.back()), end) << i;
+        taken();
+    }
+    hear(v3Query(100));
+    hear(v3Query(10));
+    double end = now + 1;
+    serve(12);
+    EXPECT_LE(timeOf(groups.back()), end) << "a more urgent query hurries the answer";
+}
+
+TEST_F(HostEnginePacingTest, GeneralAnswerServesAQueryForAGroupOnlyIfItNamesItInTime) {
+    Sources groups = range("239.3.0.0", 480);
+    excludeMany("239.3.0.0", 480);
+    settle();
+    for (unsigned i = 0; i < 12; ++i) {
+        hear(v3Query(100));
+        serve(0.8 * i); // before its answer, or within it
+        taken();
+        double end = now + 2;
+        for (Lox::IpAddr group : groups) hear(v3Query(20, group));
+        serve(30);
+        for (Lox::IpAddr group : groups) ASSERT_LE(timeOf(group), end) << group << ", " << i;
+        EXPECT_EQ(engine.nextExpiry(), never);
+    }
+}
+
+TEST_F(HostEnginePacingTest, QueriesFasterThanTheAnswerDoNotStarveItsEnd) {
+    limit(1);
+    excludeMany("239.3.0.0", 5000);
+    engine.flush(now);
+    serve(60);
+    taken();
+    for (unsigned i = 0; i < 100; ++i) {
+        hear(v3Query(1));
+        if (i == 10) engine.groupDel(ip("239.3.0.9"));
+        engine.flush(now);
+        serve(0.1);
+    }
+    for (Lox::IpAddr group : range("239.3.0.0", 5000)) ASSERT_LT(timeOf(group), never) << group;
+    serve(60);
+    EXPECT_EQ(engine.nextExpiry(), never);
+}
+
+} // namespace
+} // namespace Agent

@@ -1,0 +1,159 @@
+#include "agent/igmp/IgmpTestPackets.h"
+#include "agent/igmp/ReportBuilder.h"
+
+#include <gtest/gtest.h>
+#include <optional>
+#include <utility>
+
+namespace Agent {
+namespace {
+
+DropReason reason;
+
+std::optional<IgmpDatagram> datagramOf(std::span<std::uint8_t const> packet) {
+    return IgmpDatagram::decode(packet, reason = DropReason::count);
+}
+
+std::optional<IgmpQuery> queryOf(Bytes const& payload) {
+    return IgmpQuery::decode(payload, 3, reason = DropReason::count);
+}
+
+RecordList recordsOf(RecordType type, Sources const& sources) {
+    RecordList records;
+    records.recordAdd(type, ip("232.1.1.1"));
+    for (Lox::IpAddr source : sources) records.sourceAdd(source);
+    return records;
+}
+
+TEST(IgmpPacketTest, PacketsSentHaveTheseBytes) {
+    auto leave = encodeMessage(IgmpType::v2Leave, ip("10.0.0.2"), ip("239.1.2.3"));
+    EXPECT_EQ(Bytes(leave.begin(), leave.end()),
+              (Bytes{0x46, 0xC0, 0, 32, 0,   0, 0x40, 0, 1,  2, 0xFA, 0x13, 10,  0, 0, 2,
+                     224,  0,    0, 2,  148, 4, 0,    0, 23, 0, 0xF7, 0xFA, 239, 1, 2, 3}));
+    Bytes sent;
+    ReportBuilder report(ip("10.0.0.2"), 1500,
+                         [&](auto packet) { sent.assign(packet.begin(), packet.end()); });
+    report.recordsAdd(recordsOf(RecordType::allow, range("192.0.2.1", 2)));
+    report.recordsAdd(recordsOf(RecordType::toEx, {}));
+    report.finish();
+    EXPECT_EQ(sent, (Bytes{0x46, 0xC0, 0,   56, 0, 0,  0x40, 0, 1,   2, 0xF9, 0xE7, 10,   0,
+                           0,    2,    224, 0,  0, 22, 148,  4, 0,   0, 0x22, 0,    0x7E, 0xF1,
+                           0,    0,    0,   2,  5, 0,  0,    2, 232, 1, 1,    1,    192,  0,
+                           2,    1,    192, 0,  2, 2,  4,    0, 0,   0, 232,  1,    1,    1}));
+}
+
+TEST(IgmpPacketTest, EveryTruncationIsRejected) {
+    Bytes whole = v3Query(100, ip("239.1.2.3"), range("10.0.0.1", 2));
+    Bytes packet = packetOf(whole);
+    for (std::size_t size = 0; size < packet.size(); ++size) {
+        EXPECT_FALSE(datagramOf(std::span(packet).first(size))) << size;
+        EXPECT_EQ(reason, DropReason::badLength) << size;
+    }
+    for (std::size_t size = 0; size <= whole.size(); ++size) {
+        packet = packetOf({whole.begin(), whole.begin() + std::ptrdiff_t(size)});
+        auto datagram = datagramOf(packet);
+        ASSERT_EQ(datagram.has_value(), size >= 8) << size;
+        bool fits = size == 8 || size == whole.size();
+        EXPECT_EQ(datagram && IgmpQuery::decode(datagram->payload, 3, reason), fits) << size;
+        EXPECT_TRUE(fits || reason == DropReason::badLength) << size;
+        auto older = datagram ? IgmpQuery::decode(datagram->payload, 2, reason) : std::nullopt;
+        EXPECT_EQ(older && older->version == 2, size >= 8) << size << ", of use to an older host";
+    }
+}
+
+TEST(IgmpPacketTest, PaddingIsCutOffAndExtraOctetsCountForTheChecksumAlone) {
+    Bytes extra = v3Query(100, ip("239.1.2.3"));
+    extra.insert(extra.end(), {1, 2, 3});
+    Bytes packet = packetOf(extra);
+    packet.resize(60, 0xEE);
+    EXPECT_EQ(datagramOf(packet)->payload.size(), 15u);
+    EXPECT_TRUE(IgmpQuery::decode(datagramOf(packet)->payload, 3, reason));
+    packet[24 + 14] ^= 1;
+    EXPECT_FALSE(datagramOf(packet));
+    EXPECT_EQ(reason, DropReason::badChecksum);
+}
+
+TEST(IgmpPacketTest, EachFaultHasItsReason) {
+    struct Case {
+        std::size_t at;
+        std::uint8_t value;
+        DropReason reason;
+    } const cases[] = {
+        {0, 0x66, DropReason::otherProtocol}, {9, 17, DropReason::otherProtocol},
+        {6, 0x20, DropReason::fragment},      {7, 1, DropReason::fragment},
+        {0, 0x44, DropReason::badLength},     {3, 23, DropReason::badLength},
+        {3, 37, DropReason::badLength},       {25, 99, DropReason::badChecksum},
+    };
+    Bytes const good = packetOf(v3Query(100));
+    for (Case const& c : cases) {
+        Bytes packet = good;
+        packet[c.at] = c.value;
+        checksumIs(std::span(packet).first(24), 10);
+        EXPECT_FALSE(datagramOf(packet)) << &c - cases;
+        EXPECT_EQ(reason, c.reason) << &c - cases;
+    }
+    Bytes packet = good;
+    packet[8] = 2; // with the header's old checksum
+    EXPECT_FALSE(datagramOf(packet));
+    packet[6] = 0x40; // "do not fragment" is no fault
+    checksumIs(std::span(packet).first(24), 10);
+    EXPECT_TRUE(datagramOf(packet));
+}
+
+TEST(IgmpPacketTest, RouterAlertIsFoundAmongOtherOptions) {
+    std::pair<Bytes, bool> const cases[] = {{{1, 0x44, 3, 5, 0x94, 4, 0, 0}, true},
+                                            {{0, 0x94, 4, 0}, false},
+                                            {{0x44, 0, 0x94, 4}, false},
+                                            {{0x44, 9, 0, 0}, false}};
+    for (auto const& [options, there] : cases) {
+        auto packet = packetOf(message(IgmpType::query, {}), {.options = options});
+        EXPECT_EQ(datagramOf(packet)->routerAlert, there) << testing::PrintToString(options);
+    }
+}
+
+TEST(IgmpPacketTest, QueriesYieldTheirFields) {
+    EXPECT_EQ(queryOf(message(IgmpType::query, {}, 0))->version, 1u);
+    EXPECT_EQ(queryOf(message(IgmpType::query, {}, 1))->version, 2u);
+    EXPECT_EQ(queryOf(v3Query(0))->version, 3u);
+    auto query = queryOf(v3Query(129, ip("239.1.2.3"), {ip("10.0.0.9"), ip("10.0.0.8")}, 0xFD));
+    EXPECT_EQ(query->maxRespCode, 129);
+    EXPECT_EQ(query->robustness, 5) << "without the S flag and the reserved bits";
+    EXPECT_EQ(query->sources, (Sources{ip("10.0.0.9"), ip("10.0.0.8")}));
+    for (Bytes const& payload : {v3Query(10, ip("10.1.1.1")), v3Query(10, {}, range("10.0.0.1", 1)),
+                                 message(IgmpType::query, ip("240.0.0.1"), 10)}) {
+        EXPECT_FALSE(queryOf(payload));
+        EXPECT_EQ(reason, DropReason::badGroup);
+    }
+}
+
+TEST(ReportBuilderTest, ReportsAreFilledAndRecordsSplitButForExcludeLists) {
+    std::string shape; // the number of sources of each record, "|" behind each packet
+    ReportBuilder report(ip("10.0.0.2"), 1500, [&](std::span<std::uint8_t const> packet) {
+        for (std::size_t at = 32; at < packet.size();) {
+            unsigned sources = packet[at + 2] * 256u + packet[at + 3];
+            shape += std::to_string(sources) + " ";
+            at += 8 + 4 * sources;
+        }
+        shape += "|";
+    });
+    struct Case {
+        RecordType type;
+        unsigned first, second; // sources of two records
+        char const* shape;
+    } const cases[] = {{RecordType::allow, 361, 2, "361 2 |"},
+                       {RecordType::allow, 361, 3, "361 |3 |"},
+                       {RecordType::block, 366, 0, "365 |1 0 |"},
+                       {RecordType::isIn, 731, 0, "365 |365 |1 0 |"},
+                       {RecordType::toIn, 365, 366, "365 |365 |1 |"},
+                       {RecordType::isEx, 366, 0, "365 |0 |"},
+                       {RecordType::toEx, 0, 1000, "0 |365 |"}};
+    for (Case const& c : cases) {
+        report.recordsAdd(recordsOf(c.type, range("10.0.0.1", c.first)));
+        report.recordsAdd(recordsOf(c.type, range("10.0.0.1", c.second)));
+        report.finish();
+        EXPECT_EQ(std::exchange(shape, ""), c.shape) << &c - cases;
+    }
+}
+
+} // namespace
+} // namespace Agent

@@ -1,0 +1,166 @@
+#include "agent/kernel/KernelInterfaces.h"
+
+#include "agent/kernel/NetworkNamespace.h"
+#include "netns/Netns.h"
+
+#include <fstream>
+#include <gtest/gtest.h>
+#include <linux/rtnetlink.h>
+#include <set>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace Agent {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+/// One line for an interface; addresses sorted, for the kernel moves some about
+/// without a word; the primary one comes first.
+Lines linesOf(KernelInterfaces const& kernel) {
+    Lines lines;
+    for (auto const& [ifindex, interface] : kernel.interfaces()) {
+        std::set<std::string> addresses;
+        for (KernelAddress const& each : interface.addresses)
+            addresses.insert(each.local.stringValue() + "/" + std::to_string(each.prefixLength) +
+                             (each.secondary ? " secondary" : ""));
+        std::string line = std::to_string(ifindex) + " " + interface.name + " mtu " +
+                           std::to_string(interface.mtu) + (interface.up ? " up " : " down ") +
+                           interface.mac.stringValue() + " " +
+                           interface.primaryAddress().stringValue() + ":";
+        for (std::string const& each : addresses) line += " " + each;
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+class KernelInterfacesTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        IHP_SKIP_WITHOUT_NETNS();
+        net = std::make_unique<Testing::Netns>();
+        space = namespaceOpen(net->nearName());
+        followed = std::make_unique<KernelInterfaces>(
+            [this](int ifindex) { reported.insert(ifindex); }, space.get());
+        ASSERT_TRUE(follows([&] { return followed->synchronized() && up0() && up0()->up; }));
+        reported.clear();
+    }
+
+    /// Receives until `condition` holds.
+    bool follows(std::function<bool()> const& condition) {
+        return Testing::waitUntil([&] {
+            followed->receive();
+            return condition();
+        });
+    }
+    int index() const { return followed->interfaceIndex("up0"); }
+    KernelInterface const* up0() const { return followed->interface(index()); }
+
+    /// Waits until the table shows what a newcomer reads of the kernel.
+    void expectFresh() {
+        Lines kernel;
+        follows([&] {
+            KernelInterfaces newcomer([](int) {}, space.get());
+            Testing::waitUntil([&] {
+                newcomer.receive();
+                return newcomer.synchronized();
+            });
+            kernel = linesOf(newcomer);
+            return linesOf(*followed) == kernel;
+        });
+        EXPECT_EQ(linesOf(*followed), kernel);
+    }
+
+    /// Runs `ip` once for many command lines.
+    void ipBatch(std::string const& lines) const {
+        std::string file = testing::TempDir() + "batchXXXXXX";
+        FileDescriptor const descriptor(mkstemp(file.data()));
+        ASSERT_EQ(write(descriptor.get(), lines.data(), lines.size()), ssize_t(lines.size()));
+        net->nearIp("-batch " + file);
+        unlink(file.c_str());
+    }
+
+    std::unique_ptr<Testing::Netns> net;
+    FileDescriptor space;
+    std::unique_ptr<KernelInterfaces> followed;
+    std::multiset<int> reported;
+};
+
+TEST_F(KernelInterfacesTest, AnyOrderOfChangesLeadsToWhatTheKernelShows) {
+    {
+        Testing::Netns::Inside const inside(net->nearName());
+        std::ofstream("/proc/sys/net/ipv4/conf/all/promote_secondaries") << 1;
+    }
+    net->nearIp("link add name aux0 type veth peer name aux1");
+    unsigned random = 20240601;
+    auto const pick = [&](unsigned count) {
+        random = random * 1664525 + 1013904223;
+        return (random >> 16) % count;
+    };
+    for (int round = 0; round < 10; ++round) {
+        std::string lines;
+        for (int i = 0; i < 60; ++i) {
+            std::string const device = " dev aux" + std::to_string(pick(2));
+            bool const global = pick(2) == 0;
+            std::string const address =
+                (global ? "10.0.0." : "10.1.0.") + std::to_string(1 + pick(6));
+            switch (pick(8)) {
+            case 0:
+                lines += "link set" + device + (global ? " up\n" : " down\n");
+                break;
+            case 1:
+            case 2:
+                lines += "addr flush" + device + " to " + address + "\n";
+                break;
+            default:
+                lines += "addr replace " + address + "/2" + std::to_string(4 + pick(2)) + device +
+                         (global ? "\n" : " scope link\n");
+            }
+        }
+        ipBatch(lines);
+        expectFresh();
+    }
+}
+
+TEST_F(KernelInterfacesTest, AfterAnOverrunOnlyDifferencesAreTold) {
+    int const size = 1; // the kernel takes its minimum
+    ASSERT_EQ(setsockopt(followed->fd(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size), 0);
+    std::string lines = "link add name aux0 type veth peer name aux1\n";
+    for (int i = 0; i < 200; ++i)
+        lines += "link set lo mtu " + std::to_string(60000 + i % 2) + "\n";
+    ipBatch(lines + "addr add 10.98.0.1/24 dev aux0\nlink set lo mtu 65536\n");
+    testing::internal::CaptureStderr();
+    expectFresh();
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("lost"), std::string::npos);
+    EXPECT_GE(reported.count(followed->interfaceIndex("aux0")), 1u);
+    EXPECT_LT(reported.count(followed->interfaceIndex("lo")), 200u);
+    EXPECT_EQ(reported.count(index()), 0u);
+}
+
+TEST_F(KernelInterfacesTest, RefusedDumpIsToldByTheSocketAndLoggedOnce) {
+    struct Reader : Netlink::Observer {
+        void onMessage(nlmsghdr const&, bool) override {}
+        void onDumpsDone() override { done = true; }
+        void onReadAgain() override {}
+        bool done = false;
+    } reader;
+    Netlink netlink(NETLINK_ROUTE, reader, space.get());
+    testing::internal::CaptureStderr();
+    for (int i = 0; i < 3; ++i) {
+        netlink.dumpIs(0x1002, rtmsg{}); // a type that there is not
+        netlink.dumpIs(RTM_GETLINK, ifinfomsg{});
+        EXPECT_FALSE(netlink.stalled()) << "there is an answer to take";
+        netlink.receive();
+        EXPECT_TRUE(netlink.stalled());
+        EXPECT_TRUE(netlink.doReopen());
+        EXPECT_FALSE(netlink.dumping());
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "error: netlink: dump 4098 refused: Operation not supported (0 more not shown)\n");
+    netlink.dumpIs(RTM_GETLINK, ifinfomsg{});
+    netlink.receive();
+    EXPECT_TRUE(reader.done);
+}
+
+} // namespace
+} // namespace Agent

@@ -1,0 +1,210 @@
+#include "agent/kernel/KernelRoutes.h"
+
+#include "agent/VrfRegistry.h"
+#include "agent/kernel/MulticastRouter.h"
+#include "agent/kernel/NetworkNamespace.h"
+#include "agent/loop/LoopFixture.h"
+#include "netns/Netns.h"
+
+#include <linux/filter.h>
+#include <net/if.h>
+#include <optional>
+#include <set>
+#include <sys/socket.h>
+
+namespace Agent {
+namespace {
+
+using Lox::IpAddr;
+using Names = std::set<std::string>;
+
+IpAddr const source("10.0.0.1");
+
+IpAddr group(unsigned number) { return IpAddr::fromHost(0xEF010100 + number); }
+
+std::string nameOf(unsigned number) {
+    return source.stringValue() + " " + group(number).stringValue();
+}
+
+/// Traffic comes in by up0, the proxy interface, and goes out by aux0.
+class KernelRoutesTest : public LoopFixture {
+  protected:
+    void SetUp() override {
+        IHP_SKIP_WITHOUT_NETNS();
+        net.emplace();
+        space = namespaceOpen(net->nearName());
+        doMakeOutput();
+        NamespaceScope const inside(space.get());
+        router.emplace();
+        router->interfaceIs(0, indexOf("up0"));
+        router->interfaceIs(1, indexOf("aux0"));
+    }
+
+    void doMakeOutput() const {
+        net->nearIp("link add name aux0 type veth peer name aux1");
+        net->nearIp("addr add 10.98.0.1/24 dev aux0");
+        net->nearIp("link set aux0 up");
+        net->nearIp("link set aux1 up");
+    }
+    int indexOf(char const* name) const {
+        NamespaceScope const inside(space.get());
+        return int(if_nametoindex(name));
+    }
+    void doStartFollowing() {
+        followed.emplace(
+            loop,
+            [this](IpAddr from, IpAddr to, bool is) {
+                ++told;
+                std::string const name = from.stringValue() + " " + to.stringValue();
+                EXPECT_TRUE(is ? announced.insert(name).second : announced.erase(name) != 0)
+                    << name << " is told twice";
+            },
+            space.get());
+        followed->filterIs({true, false, {indexOf("up0")}});
+    }
+    void doFollow() {
+        doStartFollowing();
+        ASSERT_TRUE(serveUntil([&] { return followed->synchronized(); }));
+    }
+    bool becomes(Names const& names) {
+        return serveUntil([&] { return announced == names; });
+    }
+    std::optional<Testing::Netns> net;
+    FileDescriptor space;
+    std::optional<MulticastRouter> router;
+    Names announced;
+    int told = 0;
+    std::optional<KernelRoutes> followed;
+};
+
+TEST_F(KernelRoutesTest, InterfacesThatComeAndGoChangeRoutesWithoutAWord) {
+    doFollow();
+    router->routeIs(source, group(1), 0, {1});
+    EXPECT_TRUE(becomes({"10.0.0.1 239.1.1.1"}));
+    net->nearIp("link del aux0");
+    EXPECT_TRUE(becomes({})) << "no output is left";
+    doMakeOutput();
+    router->interfaceIs(1, indexOf("aux0"));
+    EXPECT_TRUE(becomes({"10.0.0.1 239.1.1.1"}));
+    router->interfaceDel(0);
+    EXPECT_TRUE(becomes({}));
+    router->interfaceIs(0, indexOf("up0"));
+    EXPECT_TRUE(becomes({"10.0.0.1 239.1.1.1"}));
+    // Another interface with the number of the old one.
+    router->interfaceDel(0);
+    router->interfaceIs(0, indexOf("aux1"));
+    EXPECT_TRUE(becomes({}));
+}
+
+TEST_F(KernelRoutesTest, LongTableIsReadWhileItChanges) {
+    Names expected;
+    for (unsigned i = 0; i < 3000; ++i) router->routeIs(source, group(i), 0, {1});
+    doStartFollowing();
+    EXPECT_TRUE(serveUntil([&] { return !announced.empty(); }));
+    EXPECT_FALSE(followed->synchronized()) << "a piece in each turn";
+    for (unsigned i = 0; i < 3000; i += 3) router->routeDel(source, group(i));
+    for (unsigned i = 1; i < 3000; i += 3) router->routeIs(source, group(i), 0, {});
+    for (unsigned i = 3000; i < 3300; ++i) router->routeIs(source, group(i), 0, {1});
+    for (unsigned i = 2; i < 3000; i += 3) expected.insert(nameOf(i));
+    for (unsigned i = 3000; i < 3300; ++i) expected.insert(nameOf(i));
+    EXPECT_TRUE(serveUntil([&] { return followed->synchronized(); }));
+    EXPECT_TRUE(becomes(expected));
+    EXPECT_EQ(followed->routeCount(), 2300u);
+    followed->filterIs({true, false, {}}); // judges them in several turns
+    EXPECT_TRUE(becomes({}));
+}
+
+TEST_F(KernelRoutesTest, AfterAnOverrunOnlyDifferencesAreTold) {
+    Names expected;
+    for (unsigned i = 0; i < 1000; ++i) router->routeIs(source, group(i), 0, {1});
+    doFollow();
+    ASSERT_TRUE(serveUntil([&] { return announced.size() == 1000; }));
+    told = 0;
+    followed->receiveBufferIs(1); // the kernel takes its minimum
+    for (unsigned i = 0; i < 1000; ++i) {
+        router->routeIs(source, group(i), 0, {});
+        if (i % 10 != 0)
+            router->routeIs(source, group(i), 0, {1});
+        else if (i % 20 == 0)
+            router->routeDel(source, group(i));
+        if (i % 10 != 0) expected.insert(nameOf(i));
+    }
+    router->routeIs(source, group(1000), 0, {1});
+    expected.insert(nameOf(1000));
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(becomes(expected));
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("lost"), std::string::npos);
+    EXPECT_TRUE(serveUntil([&] { return followed->routeCount() == 951; }));
+    // The few notifications that did fit were told as they came.
+    EXPECT_LT(told, 150);
+}
+
+/// From now on the kernel drops all that it has for the socket, as where it has no memory for it;
+/// without a first piece to take, a dump never goes on.
+void deafen(int fd) {
+    sock_filter drop = BPF_STMT(BPF_RET | BPF_K, 0);
+    sock_fprog const program{1, &drop};
+    ASSERT_EQ(setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program), 0);
+}
+
+/// This process's netlink sockets, those that follow notifications or those that do not.
+std::vector<int> netlinkSockets(bool following) {
+    std::vector<int> sockets;
+    for (int fd = 3; fd < 256; ++fd) {
+        int domain = 0;
+        socklen_t size = sizeof domain;
+        if (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0 || domain != AF_NETLINK)
+            continue;
+        std::uint32_t groups[8] = {};
+        size = sizeof groups;
+        getsockopt(fd, SOL_NETLINK, NETLINK_LIST_MEMBERSHIPS, groups, &size);
+        if (std::any_of(groups, groups + 8, [](auto each) { return each != 0; }) == following)
+            sockets.push_back(fd);
+    }
+    return sockets;
+}
+
+TEST_F(KernelRoutesTest, ReadingThatTheKernelGivesUpIsBegunAgain) {
+    router->routeIs(source, group(1), 0, {1});
+    doFollow();
+    EXPECT_TRUE(becomes({nameOf(1)}));
+    std::vector<int> const sockets = netlinkSockets(false);
+    ASSERT_EQ(sockets.size(), 1u);
+    deafen(sockets[0]);
+    // Both ask for a reading.
+    router->interfaceDel(0);
+    EXPECT_TRUE(becomes({}));
+    router->interfaceIs(0, indexOf("up0"));
+    EXPECT_TRUE(becomes({nameOf(1)}));
+}
+
+TEST_F(KernelRoutesTest, InterfacesThatTheKernelGivesUpAreReadAgain) {
+    NamespaceScope const inside(space.get());
+    IgmpHostProxy::PlatformState state;
+    Obstacles obstacles;
+    VrfRegistry vrfs(state, loop, obstacles, [](std::string const&) {});
+    for (int const each : netlinkSockets(true)) deafen(each); // links have come, addresses not yet
+    vrfs.configurationIs({});
+    EXPECT_FALSE(serveUntil([&] { return vrfs.synchronized(); }, 1));
+    EXPECT_TRUE(serveUntil([&] { return vrfs.synchronized(); }));
+}
+
+TEST_F(KernelRoutesTest, ObserverThatThrowsMissesNothing) {
+    for (unsigned i = 0; i < 3; ++i) router->routeIs(source, group(i), 0, {1});
+    int calls = 0;
+    followed.emplace(
+        loop,
+        [&](IpAddr, IpAddr, bool) {
+            ++calls;
+            throw std::runtime_error("observer");
+        },
+        space.get());
+    testing::internal::CaptureStderr();
+    followed->filterIs({true, false, {indexOf("up0")}});
+    EXPECT_TRUE(serveUntil([&] { return calls == 3; }));
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("(10.0.0.1, 239.1.1.2): observer"),
+              std::string::npos);
+}
+
+} // namespace
+} // namespace Agent

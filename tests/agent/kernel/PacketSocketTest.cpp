@@ -1,0 +1,174 @@
+#include "agent/kernel/PacketSocket.h"
+
+#include "agent/kernel/NetworkNamespace.h"
+#include "netns/Netns.h"
+
+#include <arpa/inet.h>
+#include <cstdlib>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <system_error>
+
+namespace Agent {
+namespace {
+
+using Octets = std::vector<std::uint8_t>;
+
+/// An IPv4 packet of `size` octets, with the number `mark` at its end. The checksums are not set:
+/// packet sockets pay no heed to them.
+Octets packetTo(std::uint32_t group, std::size_t size, std::uint8_t mark = 0,
+                std::uint8_t protocol = IPPROTO_IGMP) {
+    Octets packet(size);
+    packet[0] = 0x45;
+    packet[2] = std::uint8_t(size >> 8);
+    packet[3] = std::uint8_t(size);
+    packet[8] = 1;
+    packet[9] = protocol;
+    std::uint32_t const destination = htonl(group);
+    std::memcpy(&packet[16], &destination, 4);
+    packet.back() = mark;
+    return packet;
+}
+
+constexpr std::uint32_t v3Reports = 0xE0000016; // 224.0.0.22
+
+/// The two ends of a veth pair in one namespace, without addresses: the kernel keeps silent there.
+class PacketSocketTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        IHP_SKIP_WITHOUT_NETNS();
+        net = std::make_unique<Testing::Netns>();
+        net->nearIp("link add name tx0 type veth peer name rx0");
+        net->nearIp("link set tx0 up");
+        net->nearIp("link set rx0 up");
+        space = namespaceOpen(net->nearName());
+        tx = std::make_unique<PacketSocket>(indexOf("tx0"), space.get());
+        rx = std::make_unique<PacketSocket>(indexOf("rx0"), space.get());
+    }
+
+    int indexOf(char const* name) const {
+        NamespaceScope const scope(space.get());
+        return int(if_nametoindex(name));
+    }
+    /// Everything that arrives within a moment, up to `count` packets.
+    std::vector<Octets> arrivals(PacketSocket& socket, std::size_t count) const {
+        std::vector<Octets> packets;
+        Testing::waitUntil(
+            [&] {
+                socket.receive(
+                    [&](auto octets) { packets.emplace_back(octets.begin(), octets.end()); });
+                return packets.size() >= count;
+            },
+            std::chrono::seconds(3));
+        return packets;
+    }
+    void doSend(Octets const& packet) {
+        tx->packetIs(packet);
+        ASSERT_EQ(tx->flush(now), 0);
+    }
+    /// Shapes what leaves tx0; whether the kernel can.
+    bool shape(std::string const& arguments) const {
+        Testing::Netns::Inside const inside(net->nearName());
+        return std::system(("tc qdisc " + arguments).c_str()) == 0;
+    }
+    /// Writes a frame to tx0, for what a PacketSocket would not send.
+    void doSendFrame(std::array<std::uint8_t, 6> const& mac, Octets const& packet) const {
+        NamespaceScope const scope(space.get());
+        FileDescriptor const raw(socket(AF_PACKET, SOCK_DGRAM, 0));
+        sockaddr_ll address{};
+        address.sll_family = AF_PACKET;
+        address.sll_protocol = htons(ETH_P_IP);
+        address.sll_ifindex = indexOf("tx0");
+        address.sll_halen = 6;
+        std::copy(mac.begin(), mac.end(), address.sll_addr);
+        ASSERT_EQ(sendto(raw.get(), packet.data(), packet.size(), 0,
+                         reinterpret_cast<sockaddr*>(&address), sizeof address),
+                  ssize_t(packet.size()));
+    }
+
+    std::unique_ptr<Testing::Netns> net;
+    FileDescriptor space;
+    double now = 1000;
+    std::unique_ptr<PacketSocket> tx;
+    std::unique_ptr<PacketSocket> rx;
+};
+
+TEST_F(PacketSocketTest, PacketsArriveWholeUnderTheirGroupsLinkAddress) {
+    FileDescriptor wire;
+    {
+        NamespaceScope const scope(space.get());
+        wire = FileDescriptor(socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, htons(ETH_P_IP)));
+    }
+    Octets const packet = packetTo(0xEF8A0102, 1500);
+    doSend(packet);
+    EXPECT_EQ(arrivals(*rx, 1), std::vector<Octets>{packet});
+    Octets frame(2000);
+    ASSERT_GT(recv(wire.get(), frame.data(), frame.size(), 0), 14);
+    frame.resize(6);
+    EXPECT_EQ(frame, (Octets{0x01, 0x00, 0x5e, 0x0a, 0x01, 0x02}));
+    EXPECT_EQ(arrivals(*tx, 0).size(), 0u) << "own packets do not come back";
+    EXPECT_NE(net->nearIp("-d link show rx0").find("allmulti 1"), std::string::npos);
+}
+
+TEST_F(PacketSocketTest, OnlyIgmpForThisHostOrGroupsPasses) {
+    doSend(packetTo(v3Reports, 40, 1, IPPROTO_UDP));
+    doSendFrame({2, 2, 2, 2, 2, 2}, packetTo(v3Reports, 40, 2));
+    doSendFrame({0xff, 0xff, 0xff, 0xff, 0xff, 0xff}, packetTo(0xFFFFFFFF, 40, 3));
+    doSendFrame({0x01, 0x00, 0x5e, 0, 0, 1}, Octets(9, 2));
+    doSend(packetTo(v3Reports, 40, 4));
+    EXPECT_EQ(arrivals(*rx, 2),
+              (std::vector<Octets>{packetTo(0xFFFFFFFF, 40, 3), packetTo(v3Reports, 40, 4)}));
+}
+
+TEST_F(PacketSocketTest, OnePacketBeyondTheMtuDoesNotHoldUpTheOthers) {
+    tx->packetIs(packetTo(v3Reports, 40, 1));
+    tx->packetIs(packetTo(v3Reports, 1501, 2));
+    tx->packetIs(packetTo(v3Reports, 40, 3));
+    EXPECT_EQ(tx->flush(now), 0);
+    EXPECT_EQ(arrivals(*rx, 2),
+              (std::vector<Octets>{packetTo(v3Reports, 40, 1), packetTo(v3Reports, 40, 3)}));
+    EXPECT_EQ(tx->dropped(), 1u);
+    EXPECT_EQ(tx->dropError(), EMSGSIZE);
+}
+
+TEST_F(PacketSocketTest, FullQueuesKeepThePacketsForLater) {
+    if (!shape("add dev tx0 root tbf rate 8kbit burst 2000 limit 5000"))
+        GTEST_SKIP() << "no traffic shaper (tbf) in this kernel";
+    for (int i = 0; i < 40; ++i) tx->packetIs(packetTo(v3Reports, 1500));
+    EXPECT_EQ(tx->flush(now), ENOBUFS) << "the interface's queue is full";
+    EXPECT_GT(tx->queued(), 30u);
+
+    int const least = 1;
+    ASSERT_EQ(setsockopt(tx->fd(), SOL_SOCKET, SO_SNDBUF, &least, sizeof least), 0);
+    ASSERT_TRUE(shape("replace dev tx0 root tbf rate 8kbit burst 2000 limit 500000"));
+    EXPECT_EQ(tx->flush(now), EAGAIN) << "the socket's buffer is full";
+
+    EXPECT_TRUE(shape("del dev tx0 root"));
+    EXPECT_TRUE(Testing::waitUntil([&] { return tx->flush(now) == 0; }));
+    EXPECT_EQ(tx->sent(), 40u);
+    EXPECT_EQ(tx->dropped(), 0u);
+}
+
+TEST_F(PacketSocketTest, PacketsThatTheInterfaceKeepsRefusingAreGivenUp) {
+    if (!shape("add dev tx0 root bfifo limit 200")) GTEST_SKIP() << "no bfifo in this kernel";
+    for (std::size_t second : {301u, 40u}) {
+        tx->packetIs(packetTo(v3Reports, 300));
+        tx->packetIs(packetTo(v3Reports, second));
+        EXPECT_EQ(tx->flush(now), ENOBUFS);
+        EXPECT_EQ(tx->flush(now + 0.9), ENOBUFS) << "it may be a burst";
+        EXPECT_EQ(tx->queued(), 2u);
+        EXPECT_EQ(tx->flush(now + 1), 0) << "all that it refuses, at once";
+        now += 1000;
+    }
+    EXPECT_EQ(arrivals(*rx, 1).size(), 1u);
+    EXPECT_EQ(tx->dropped(), 3u);
+    EXPECT_EQ(tx->dropError(), ENOBUFS);
+}
+
+} // namespace
+} // namespace Agent

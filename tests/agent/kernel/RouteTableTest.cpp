@@ -1,0 +1,294 @@
+#include "agent/kernel/RouteTable.h"
+
+#include "Nex/Error.h"
+#include "agent/kernel/NetlinkMessage.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <linux/rtnetlink.h>
+#include <rapidcheck/gtest.h>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace Agent {
+namespace {
+
+using Lox::IpAddr;
+using Message = NetlinkMessage;
+
+/// What the kernel says of one route.
+struct KernelRoute {
+    IpAddr source;
+    IpAddr group;
+    int incoming;
+    std::vector<int> outputs;
+};
+
+Message routeMessage(std::uint16_t type, KernelRoute const& route, unsigned flags = 0,
+                     std::uint8_t table = RT_TABLE_DEFAULT,
+                     std::uint8_t family = RTNL_FAMILY_IPMR) {
+    rtmsg header{};
+    header.rtm_family = family;
+    header.rtm_src_len = header.rtm_dst_len = 32;
+    header.rtm_table = table;
+    header.rtm_flags = flags;
+    Message message(type, header);
+    message.with(RTA_TABLE, std::uint32_t(table));
+    message.with(RTA_SRC, route.source).with(RTA_DST, route.group);
+    if (route.incoming != 0) message.with(RTA_IIF, std::uint32_t(route.incoming));
+    std::vector<rtnexthop> hops;
+    for (int const ifindex : route.outputs) hops.push_back({sizeof(rtnexthop), 0, 1, ifindex});
+    return message.with(RTA_MULTIPATH, hops.size() * sizeof(rtnexthop), hops.data());
+}
+
+KernelRoute const plain{IpAddr("10.0.0.1"), IpAddr("239.1.1.1"), 7, {8}};
+
+class RouteTableTest : public testing::Test {
+  protected:
+    RouteTableTest() { filterIs({true, false, {7}}); }
+
+    void filterIs(RouteFilter const& filter) {
+        table.filterIs(filter);
+        table.doReview(SIZE_MAX);
+    }
+    void notify(KernelRoute const& route, std::uint16_t type = RTM_NEWROUTE, unsigned flags = 0) {
+        table.messageIs(routeMessage(type, route, flags).get(), false);
+    }
+    void dump(KernelRoute const& route) {
+        table.messageIs(routeMessage(RTM_NEWROUTE, route).get(), true);
+    }
+    /// What was told since the last call: "+(source, group)" or "-(source, group)".
+    std::string told() { return std::exchange(told_, ""); }
+
+    std::set<std::string> announced;
+    RouteTable table{[this](IpAddr source, IpAddr group, bool is) {
+        std::string const name = "(" + source.stringValue() + ", " + group.stringValue() + ")";
+        told_ += (is ? "+" : "-") + name;
+        EXPECT_TRUE(is ? announced.insert(name).second : announced.erase(name) != 0)
+            << name << " is told twice";
+    }};
+
+  private:
+    std::string told_;
+};
+
+TEST_F(RouteTableTest, OtherTablesAndKindsOfRoutesTellNothing) {
+    notify(plain);
+    told();
+    Message const others[] = {
+        routeMessage(RTM_DELROUTE, plain, 0, 100),
+        routeMessage(RTM_DELROUTE, plain, 0, RT_TABLE_DEFAULT, AF_INET),
+        routeMessage(RTM_GETROUTE, plain),
+        routeMessage(RTM_NEWROUTE, {IpAddr(), IpAddr(), 7, {8}}), // any group
+        routeMessage(RTM_NEWROUTE, {IpAddr("10.0.0.2"), plain.group, 7, {8}}, RTNH_F_UNRESOLVED),
+    };
+    for (Message const& each : others) table.messageIs(each.get(), false);
+    EXPECT_EQ(told(), "");
+    EXPECT_EQ(table.routeCount(), 1u);
+}
+
+TEST_F(RouteTableTest, ChangedFilterJudgesOnlyTheRoutesConcernedAndInSteps) {
+    for (unsigned i = 0; i < 100; ++i)
+        notify({IpAddr::fromHost(i + 1), plain.group, i < 3 ? 9 : 7, {8}});
+    told();
+    table.filterIs({true, false, {7, 9}});
+    EXPECT_FALSE(table.doReview(2));
+    EXPECT_EQ(told(), "+(0.0.0.1, 239.1.1.1)+(0.0.0.2, 239.1.1.1)");
+    // One that is waiting changes, one goes.
+    notify({IpAddr::fromHost(2), plain.group, 9, {}});
+    notify({IpAddr::fromHost(3), plain.group, 9, {8}}, RTM_DELROUTE);
+    EXPECT_EQ(told(), "-(0.0.0.2, 239.1.1.1)");
+    EXPECT_TRUE(table.doReview(0)) << "and no other waits";
+    table.filterIs({false, false, {7, 9}});
+    EXPECT_FALSE(table.doReview(98));
+    EXPECT_TRUE(table.doReview(1));
+    EXPECT_EQ(told(), "+(0.0.0.2, 239.1.1.1)");
+}
+
+TEST_F(RouteTableTest, NotificationsHoldAgainstTheDumpTheyOvertake) {
+    KernelRoute const other{IpAddr("10.0.0.2"), plain.group, 7, {8}};
+    table.readingIs();
+    notify({plain.source, plain.group, 7, {}});
+    notify(other, RTM_NEWROUTE);
+    notify(other, RTM_DELROUTE);
+    told();
+    dump(plain);
+    dump(other);
+    EXPECT_EQ(told(), "");
+    table.readingDel(true);
+    table.readingIs();
+    dump(plain);
+    EXPECT_EQ(told(), "+(10.0.0.1, 239.1.1.1)") << "the next dump is newer";
+}
+
+TEST_F(RouteTableTest, ReadingDropsWhatNothingHasTold) {
+    KernelRoute const added{IpAddr("10.0.0.2"), plain.group, 7, {8}};
+    KernelRoute const stale{IpAddr("10.0.0.3"), plain.group, 7, {8}};
+    for (auto const& each : {plain, stale}) notify(each);
+    told();
+    table.readingIs();
+    dump(plain);
+    notify(added);
+    EXPECT_FALSE(table.dumpDel());
+    table.readingDel(true);
+    EXPECT_EQ(told(), "+(10.0.0.2, 239.1.1.1)");
+    table.doReview(SIZE_MAX);
+    EXPECT_EQ(told(), "-(10.0.0.3, 239.1.1.1)");
+
+    // Where something was lost, the reading proves nothing, but the filter still judges.
+    table.readingIs();
+    table.filterIs({true, false, {}});
+    EXPECT_TRUE(table.doReview(SIZE_MAX));
+    table.readingDel(false);
+    EXPECT_EQ(told(), "");
+    table.doReview(SIZE_MAX);
+    EXPECT_EQ(told(), "-(10.0.0.1, 239.1.1.1)-(10.0.0.2, 239.1.1.1)");
+    EXPECT_EQ(table.routeCount(), 2u);
+}
+
+TEST_F(RouteTableTest, DeletionDuringADumpHasOneMoreDumpRead) {
+    KernelRoute const deleted{IpAddr("10.0.0.2"), plain.group, 7, {8}};
+    for (auto const& each : {plain, deleted}) notify(each);
+    told();
+    table.readingIs();
+    notify(deleted, RTM_DELROUTE);
+    EXPECT_TRUE(table.dumpDel()) << "this one may have skipped the other route";
+    dump(deleted); // of before its deletion
+    dump(plain);
+    notify(deleted);
+    notify(deleted, RTM_DELROUTE);
+    EXPECT_FALSE(table.dumpDel()) << "or it would never end";
+    table.readingDel(true);
+    table.doReview(SIZE_MAX);
+    EXPECT_EQ(told(), "-(10.0.0.2, 239.1.1.1)+(10.0.0.2, 239.1.1.1)-(10.0.0.2, 239.1.1.1)");
+
+    // Unresolved ones stand behind all others.
+    table.readingIs();
+    notify(deleted, RTM_DELROUTE, RTNH_F_UNRESOLVED);
+    EXPECT_FALSE(table.dumpDel());
+}
+
+TEST_F(RouteTableTest, MalformedMessagesChangeNothing) {
+    notify(plain);
+    told();
+    rtmsg header{};
+    header.rtm_family = RTNL_FAMILY_IPMR;
+    header.rtm_table = RT_TABLE_DEFAULT;
+    auto const deletion = [&](std::size_t addressOctets) {
+        std::uint8_t const octets[5] = {239, 1, 1, 1};
+        Message message(RTM_DELROUTE, header);
+        return message.with(RTA_SRC, plain.source).with(RTA_DST, addressOctets, octets);
+    };
+    std::vector<Message> messages{deletion(5), deletion(3), Message(RTM_DELROUTE, header)};
+    rtnexthop const hops[] = {{4, 0, 1, 8}, {9, 0, 1, 8}, {0, 0, 1, 8}, {0xffff, 0, 1, 8}};
+    for (rtnexthop const& hop : hops)
+        messages.push_back(deletion(4).with(RTA_MULTIPATH, sizeof hop, &hop));
+    for (Message const& each : messages)
+        EXPECT_THROW(table.messageIs(*each.cut(each.size()), false), Nex::ParseException)
+            << &each - messages.data();
+    EXPECT_EQ(told(), "");
+    EXPECT_EQ(table.routeCount(), 1u);
+}
+
+/// A kernel with a list of routes, a dump that goes on by counting, and notifications that may be
+/// lost; and the filter, applied naively.
+class RouteTableModel : public RouteTableTest {
+  protected:
+    void doRandomStep() {
+        switch (pick(12)) {
+        case 0:
+            doSetFilter();
+            break;
+        case 1:
+            table.doReview(pick(4));
+            break;
+        case 2:
+        case 3:
+        case 4:
+            table.reading() ? doDumpPiece(1 + pick(3)) : doBeginReading();
+            break;
+        default:
+            doChangeRoute(pick(20) == 0);
+        }
+    }
+    void doBeginReading() {
+        table.readingIs();
+        place_ = 0;
+        whole_ = true;
+    }
+    void doFinishReading() {
+        while (table.reading()) doDumpPiece(1);
+    }
+    void expectNaive() {
+        table.doReview(SIZE_MAX);
+        std::set<std::string> naive;
+        for (auto const& each : kernel_) {
+            bool const incoming =
+                filter_.anyIncoming || filter_.proxyInterfaces.count(each.incoming) != 0;
+            if (each.incoming != 0 && incoming && (!filter_.requireOutput || !each.outputs.empty()))
+                naive.insert("(" + each.source.stringValue() + ", " + each.group.stringValue() +
+                             ")");
+        }
+        RC_ASSERT(announced == naive);
+        RC_ASSERT(table.routeCount() == kernel_.size());
+    }
+    unsigned random = 0;
+
+  private:
+    unsigned pick(unsigned count) {
+        random = random * 1664525 + 1013904223;
+        return (random >> 16) % count;
+    }
+    void doSetFilter() {
+        filter_ = {pick(2) == 0, pick(4) == 0, {}};
+        for (int const ifindex : {1, 2, 3})
+            if (pick(2) == 0) filter_.proxyInterfaces.insert(ifindex);
+        table.filterIs(filter_);
+    }
+    void doChangeRoute(bool lost) {
+        KernelRoute route{
+            IpAddr::fromHost(pick(6)), IpAddr::fromHost(0xEF000001 + pick(3)), int(pick(4)), {}};
+        if (pick(2) == 0) route.outputs = {9};
+        auto const found = std::find_if(kernel_.begin(), kernel_.end(), [&](auto const& each) {
+            return each.source == route.source && each.group == route.group;
+        });
+        bool const gone = found != kernel_.end() && pick(2) == 0;
+        if (gone)
+            kernel_.erase(found);
+        else if (found != kernel_.end())
+            *found = route;
+        else
+            kernel_.push_back(route);
+        if (lost)
+            whole_ = false;
+        else
+            notify(route, gone ? RTM_DELROUTE : RTM_NEWROUTE);
+    }
+    void doDumpPiece(unsigned length) {
+        for (; length > 0 && place_ < kernel_.size(); --length) dump(kernel_[place_++]);
+        if (place_ < kernel_.size()) return;
+        place_ = 0;
+        if (!whole_ || !table.dumpDel()) table.readingDel(whole_);
+    }
+
+    std::vector<KernelRoute> kernel_;
+    RouteFilter filter_{true, false, {7}};
+    std::size_t place_ = 0;
+    bool whole_ = true; ///< nothing was lost since the reading began
+};
+
+RC_GTEST_FIXTURE_PROP(RouteTableModel, AnyOrderOfEventsEndsWithWhatTheKernelHolds,
+                      (unsigned seed)) {
+    random = seed;
+    for (int round = 0; round < 5; ++round) {
+        for (int i = 0; i < 50; ++i) doRandomStep();
+        doFinishReading();
+        doBeginReading();
+        doFinishReading();
+        expectNaive();
+    }
+}
+
+} // namespace
+} // namespace Agent

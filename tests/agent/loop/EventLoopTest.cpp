@@ -1,0 +1,173 @@
+#include "agent/loop/EventLoop.h"
+
+#include <cmath>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <stdexcept>
+#include <string>
+#include <sys/epoll.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace Agent {
+namespace {
+
+/// A pipe whose reading end is ready for reading.
+class ReadyPipe {
+  public:
+    ReadyPipe() {
+        int ends[2];
+        if (pipe(ends) != 0) throw std::runtime_error("pipe");
+        in_ = FileDescriptor(ends[0]);
+        out_ = FileDescriptor(ends[1]);
+        EXPECT_EQ(write(out_.get(), "x", 1), 1);
+    }
+    int fd() const { return in_.get(); }
+
+  private:
+    FileDescriptor in_;
+    FileDescriptor out_;
+};
+
+class EventLoopTest : public testing::Test {
+  protected:
+    /// Runs `turns` turns; needs something that keeps each from waiting.
+    void doTurns(int turns) {
+        turnsLeft_ = turns;
+        loop.run();
+    }
+    void SetUp() override {
+        loop.endOfTurnIs([this] {
+            if (--turnsLeft_ == 0) loop.stopIs(0);
+        });
+    }
+
+    EventLoop loop;
+    std::string calls;
+
+  private:
+    int turnsLeft_ = 0;
+};
+
+TEST_F(EventLoopTest, HandlerMayRemoveItself) {
+    ReadyPipe a, b;
+    loop.descriptorIs(a.fd(), EPOLLIN, [&](std::uint32_t) {
+        std::string const kept = "a"; // the closure must outlive its own removal
+        loop.descriptorDel(a.fd());
+        calls += kept;
+    });
+    loop.descriptorIs(b.fd(), EPOLLIN, [&](std::uint32_t events) {
+        EXPECT_EQ(events, std::uint32_t(EPOLLIN));
+        calls += 'b';
+    });
+    doTurns(3);
+    EXPECT_EQ(calls, "abbb");
+}
+
+TEST_F(EventLoopTest, EventOfAClosedDescriptorIsNotTakenForItsSuccessors) {
+    ReadyPipe a, b, quiet;
+    char byte;
+    ASSERT_EQ(read(quiet.fd(), &byte, 1), 1);
+    auto const replace = [&](int other) {
+        loop.descriptorDel(a.fd());
+        loop.descriptorDel(b.fd());
+        ASSERT_EQ(dup2(quiet.fd(), other), other); // closes the descriptor and takes its number
+        loop.descriptorIs(other, EPOLLIN, [&](std::uint32_t) { calls += "stale"; });
+        calls += 'x';
+    };
+    loop.descriptorIs(a.fd(), EPOLLIN, [&](std::uint32_t) { replace(b.fd()); });
+    loop.descriptorIs(b.fd(), EPOLLIN, [&](std::uint32_t) { replace(a.fd()); });
+    doTurns(1);
+    EXPECT_EQ(calls, "x");
+}
+
+TEST_F(EventLoopTest, NewHandlerReplacesTheOldOne) {
+    ReadyPipe a;
+    loop.descriptorIs(a.fd(), EPOLLIN, [&](std::uint32_t) {
+        loop.descriptorIs(a.fd(), EPOLLIN, [&](std::uint32_t) { calls += "new "; });
+        calls += "old ";
+    });
+    doTurns(2);
+    EXPECT_EQ(calls, "old new ");
+}
+
+TEST_F(EventLoopTest, ExceptionsAreLoggedAndTheLoopGoesOn) {
+    ReadyPipe a;
+    int turn = 0;
+    loop.descriptorIs(a.fd(), EPOLLIN, [&](std::uint32_t) {
+        if (turn++ == 0) throw std::runtime_error("first\nfailure");
+        throw 7;
+    });
+    loop.endOfTurnIs([] { throw std::runtime_error("in a hook"); });
+    loop.endOfTurnIs([&] { calls += 'h'; });
+    testing::internal::CaptureStderr();
+    doTurns(2);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "error: a handler failed: first\\x0afailure (0 more not shown)\n");
+    EXPECT_EQ(calls, "hh");
+    EXPECT_EQ(turn, 2);
+}
+
+TEST_F(EventLoopTest, ExpiryThatComesNearerIsKept) {
+    ReadyPipe a;
+    double const start = EventLoop::now();
+    double expiry = INFINITY;
+    loop.timeIs([&] { return std::optional(expiry); }, [&](double) { loop.stopIs(0); });
+    loop.descriptorIs(a.fd(), EPOLLIN, [&](std::uint32_t) {
+        expiry = expiry == INFINITY ? start + 1000 : start + 0.02;
+        if (expiry < start + 1) loop.descriptorDel(a.fd());
+    });
+    loop.run();
+    EXPECT_GE(EventLoop::now(), start + 0.02);
+    EXPECT_LT(EventLoop::now(), start + 10);
+}
+
+TEST_F(EventLoopTest, SignalSentWithoutEndStarvesNoOther) {
+    loop.signalIs(SIGTERM, [&] { loop.stopIs(4); });
+    loop.signalIs(SIGHUP, [&] {
+        calls += 'H';
+        if (calls.size() < 100) raise(SIGHUP);
+        if (calls == "H.H.H") raise(SIGTERM);
+    });
+    loop.endOfTurnIs([&] { calls += '.'; });
+    raise(SIGHUP);
+    EXPECT_EQ(loop.run(), 4);
+    EXPECT_EQ(calls, "H.H.H..") << "a call in each turn, and none beside the end";
+}
+
+/// Neither a time that stays due nor a descriptor that stays ready keeps the processor busy.
+TEST_F(EventLoopTest, HandlerThatFailsForeverDoesNotSpin) {
+    testing::internal::CaptureStderr();
+    ReadyPipe const pipe;
+    int calls = 0, exhaustions = 0;
+    auto const fail = [&] {
+        ++calls;
+        throw std::bad_alloc();
+    };
+    loop.descriptorIs(pipe.fd(), EPOLLIN, [&](std::uint32_t) { fail(); });
+    loop.timeIs([] { return 0.0; }, [&](double) { fail(); });
+    loop.exhaustionIs([&] { ++exhaustions; });
+    double const start = EventLoop::now();
+    doTurns(12);
+    EXPECT_EQ(calls, 24);
+    EXPECT_EQ(exhaustions, 12);
+    EXPECT_GT(EventLoop::now() - start, 0.3);
+    testing::internal::GetCapturedStderr();
+}
+
+TEST_F(EventLoopTest, StandardDescriptorsThatAreClosedAreTaken) {
+    pid_t const child = fork();
+    if (child == 0) {
+        close(STDIN_FILENO);
+        close(STDERR_FILENO);
+        standardDescriptorsReserve();
+        _exit(dup(STDOUT_FILENO) > STDERR_FILENO && fcntl(STDERR_FILENO, F_GETFD) == 0 ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+} // namespace
+} // namespace Agent
