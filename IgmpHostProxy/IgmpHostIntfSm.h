@@ -53,14 +53,10 @@ class IgmpHostIntfSm : public Nex::PtrInterface {
     void handleGroupSourceListStatus(Lox::IpAddr group);
     void handleGroupSourceListStatus();
 
-    void handleIgmpHostV1QueryReceived();
-    void handleIgmpHostV1ReportsSent();
-    void handleIgmpHostV2GeneralQueryReceived();
-    void handleIgmpHostV2GroupQueryReceived();
-    void handleIgmpHostV2ReportsSent();
-    void handleIgmpHostV3GeneralQueryReceived();
-    void handleIgmpHostV3GroupQueryReceived();
-    void handleIgmpHostV3GroupSourceQueryReceived();
+    // handleIgmpHostV1QueryReceived() and so on: one for each counter that the interface shows too.
+#define IHP_DECLARE(TYPE, NAME, UPPER) void handleIgmpHost##UPPER();
+    IGMP_PACKET_COUNTERS(IHP_DECLARE, IGMP_NO_COUNTER)
+#undef IHP_DECLARE
     void handleIgmpHostV3ReportsSent();
     void resetPacketCounters();
 
@@ -83,20 +79,10 @@ class IgmpHostIntfSm : public Nex::PtrInterface {
         : public Nex::Reactor<Igmp::IgmpHostStatus::NotifieeConst, IgmpHostIntfSm> {
       public:
         using Reactor::Reactor;
-        void onV1QueryReceived() override { machine()->handleIgmpHostV1QueryReceived(); }
-        void onV1ReportsSent() override { machine()->handleIgmpHostV1ReportsSent(); }
-        void onV2GeneralQueryReceived() override {
-            machine()->handleIgmpHostV2GeneralQueryReceived();
-        }
-        void onV2GroupQueryReceived() override { machine()->handleIgmpHostV2GroupQueryReceived(); }
-        void onV2ReportsSent() override { machine()->handleIgmpHostV2ReportsSent(); }
-        void onV3GeneralQueryReceived() override {
-            machine()->handleIgmpHostV3GeneralQueryReceived();
-        }
-        void onV3GroupQueryReceived() override { machine()->handleIgmpHostV3GroupQueryReceived(); }
-        void onV3GroupSourceQueryReceived() override {
-            machine()->handleIgmpHostV3GroupSourceQueryReceived();
-        }
+#define IHP_REACT(TYPE, NAME, UPPER)                                                               \
+    void on##UPPER() override { machine()->handleIgmpHost##UPPER(); }
+        IGMP_PACKET_COUNTERS(IHP_REACT, IGMP_NO_COUNTER)
+#undef IHP_REACT
         void onV3CurrentStateReportSent() override { machine()->handleIgmpHostV3ReportsSent(); }
         void onV3StateChangeReportSent() override { machine()->handleIgmpHostV3ReportsSent(); }
         void onNotifier() override;

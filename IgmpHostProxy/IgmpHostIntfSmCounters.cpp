@@ -6,23 +6,12 @@
 
 namespace IgmpHostProxy {
 
-/// The counters that are copied as they are, in the status's order.
-#define IHP_COPIED_COUNTERS(COUNTER)                                                               \
-    COUNTER(v1QueryReceived, V1QueryReceived)                                                      \
-    COUNTER(v1ReportsSent, V1ReportsSent)                                                          \
-    COUNTER(v2GeneralQueryReceived, V2GeneralQueryReceived)                                        \
-    COUNTER(v2GroupQueryReceived, V2GroupQueryReceived)                                            \
-    COUNTER(v2ReportsSent, V2ReportsSent)                                                          \
-    COUNTER(v3GeneralQueryReceived, V3GeneralQueryReceived)                                        \
-    COUNTER(v3GroupQueryReceived, V3GroupQueryReceived)                                            \
-    COUNTER(v3GroupSourceQueryReceived, V3GroupSourceQueryReceived)
-
-#define IHP_COPY(NAME, UPPER)                                                                      \
+#define IHP_COPY(TYPE, NAME, UPPER)                                                                \
     void IgmpHostIntfSm::handleIgmpHost##UPPER() {                                                 \
         IHP_TRACE_ENTRY();                                                                         \
         if (intfStatus() && igmpHostStatus()) intfStatus()->NAME##Is(igmpHostStatus()->NAME());    \
     }
-IHP_COPIED_COUNTERS(IHP_COPY)
+IGMP_PACKET_COUNTERS(IHP_COPY, IGMP_NO_COUNTER)
 #undef IHP_COPY
 
 /// Current-state and state-change reports are counted apart by the host and share one counter here.
@@ -42,15 +31,15 @@ void IgmpHostIntfSm::resetPacketCounters() {
     IHP_TRACE_ENTRY();
     IHP_TRACE(7, "Resetting packet counters to 0");
     if (!intfStatus()) return;
-#define IHP_RESET(NAME, UPPER) intfStatus()->NAME##Is(0);
-    IHP_COPIED_COUNTERS(IHP_RESET)
+#define IHP_RESET(TYPE, NAME, UPPER) intfStatus()->NAME##Is(0);
+    IGMP_PACKET_COUNTERS(IHP_RESET, IGMP_NO_COUNTER)
 #undef IHP_RESET
     intfStatus()->v3ReportsSentIs(0);
 }
 
 void IgmpHostIntfSm::NexIgmpHostStatus::onNotifier() {
-#define IHP_HANDLE(NAME, UPPER) machine()->handleIgmpHost##UPPER();
-    IHP_COPIED_COUNTERS(IHP_HANDLE)
+#define IHP_HANDLE(TYPE, NAME, UPPER) machine()->handleIgmpHost##UPPER();
+    IGMP_PACKET_COUNTERS(IHP_HANDLE, IGMP_NO_COUNTER)
 #undef IHP_HANDLE
     machine()->handleIgmpHostV3ReportsSent();
 }

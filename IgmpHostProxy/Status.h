@@ -2,6 +2,7 @@
 // the machines; it outlives them.
 #pragma once
 
+#include "Igmp/PacketCounters.h"
 #include "IgmpHostProxy/GroupSource.h"
 #include "IgmpHostProxy/Settings.h"
 #include "Lox/EthAddr.h"
@@ -16,14 +17,7 @@ namespace IgmpHostProxy {
     ATTR(IgmpVersion, igmpVersion, IgmpVersion)                                                    \
     ATTR(Lox::EthAddr, macAddr, MacAddr) /* MAC address of that device */                          \
     ATTR(UnsolicitedReportInterval, unsolicitedReportIntvl, UnsolicitedReportIntvl)                \
-    ATTR(std::uint32_t, v1QueryReceived, V1QueryReceived)                                          \
-    ATTR(std::uint32_t, v1ReportsSent, V1ReportsSent)                                              \
-    ATTR(std::uint32_t, v2GeneralQueryReceived, V2GeneralQueryReceived)                            \
-    ATTR(std::uint32_t, v2GroupQueryReceived, V2GroupQueryReceived)                                \
-    ATTR(std::uint32_t, v2ReportsSent, V2ReportsSent)                                              \
-    ATTR(std::uint32_t, v3GeneralQueryReceived, V3GeneralQueryReceived)                            \
-    ATTR(std::uint32_t, v3GroupQueryReceived, V3GroupQueryReceived)                                \
-    ATTR(std::uint32_t, v3GroupSourceQueryReceived, V3GroupSourceQueryReceived)                    \
+    IGMP_PACKET_COUNTERS(ATTR, IGMP_NO_COUNTER)                                                    \
     ATTR(std::uint32_t, v3ReportsSent, V3ReportsSent)
 
 class IntfStatus : public Nex::RecordBase {

@@ -1,5 +1,7 @@
 // The library's trace points. Levels: 8 function entries, 7 actions, 6 per route and per source,
 // 3 progress of reviews.
+//
+// Operators' tools match the texts. Nobody tidies them: spelling, spaces and percent signs stay.
 #pragma once
 
 #include "Nex/Trace.h"

@@ -309,20 +309,8 @@ void IgmpHostPort::doPublishCounters() {
     if (!status_) return;
     HostCounters const& counters = engine_.counters();
     status_->igmpVersionIs(Igmp::IgmpVersion(engine_.version()));
-#define AGENT_PUBLISH(NAME) status_->NAME##Is(counters.NAME);
-    AGENT_PUBLISH(v1QueryReceived)
-    AGENT_PUBLISH(v1ReportsSent)
-    AGENT_PUBLISH(v12ReportReceived)
-    AGENT_PUBLISH(v2GeneralQueryReceived)
-    AGENT_PUBLISH(v2GroupQueryReceived)
-    AGENT_PUBLISH(v2ReportsSent)
-    AGENT_PUBLISH(v2LeavesSent)
-    AGENT_PUBLISH(v3GeneralQueryReceived)
-    AGENT_PUBLISH(v3GroupQueryReceived)
-    AGENT_PUBLISH(v3GroupSourceQueryReceived)
-    AGENT_PUBLISH(v3ReportReceived)
-    AGENT_PUBLISH(v3CurrentStateReportSent)
-    AGENT_PUBLISH(v3StateChangeReportSent)
+#define AGENT_PUBLISH(TYPE, NAME, UPPER) status_->NAME##Is(counters.NAME);
+    IGMP_PACKET_COUNTERS(AGENT_PUBLISH, AGENT_PUBLISH)
 #undef AGENT_PUBLISH
 }
 

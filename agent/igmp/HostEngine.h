@@ -8,6 +8,7 @@
 // go back.
 #pragma once
 
+#include "Igmp/PacketCounters.h"
 #include "agent/igmp/GroupQueue.h"
 #include "agent/igmp/IgmpPacket.h"
 #include "agent/igmp/PacketBudget.h"
@@ -27,29 +28,17 @@
 
 namespace Agent {
 
-/// Packets by the version on the wire, whatever version we speak. Queries and reports received
-/// count once they are found valid, repeats included; a leave is no report.
+/// Packets by the version on the wire, whatever version we speak.
 #define AGENT_HOST_COUNTERS(COUNTER)                                                               \
-    COUNTER(v1QueryReceived)                                                                       \
-    COUNTER(v1ReportsSent)                                                                         \
-    COUNTER(v12ReportReceived)                                                                     \
-    COUNTER(v2GeneralQueryReceived)                                                                \
-    COUNTER(v2GroupQueryReceived)                                                                  \
-    COUNTER(v2ReportsSent)                                                                         \
-    COUNTER(v2LeavesSent)                                                                          \
-    COUNTER(v3GeneralQueryReceived)                                                                \
-    COUNTER(v3GroupQueryReceived)                                                                  \
-    COUNTER(v3GroupSourceQueryReceived)                                                            \
-    COUNTER(v3ReportReceived)                                                                      \
-    COUNTER(v3CurrentStateReportSent)                                                              \
-    COUNTER(v3StateChangeReportSent)                                                               \
-    /* queries used in spite of: a source of 0.0.0.0 or off the subnet, ... */                     \
-    COUNTER(oddSource)                                                                             \
-    COUNTER(oddTtl)         /* a TTL other than 1 */                                               \
-    COUNTER(oddRouterAlert) /* version 2 or 3 without Router Alert */
+    IGMP_PACKET_COUNTERS(COUNTER, COUNTER)                                                         \
+    /* queries used in spite of: a source of 0.0.0.0 or off the subnet, a TTL other than 1, */     \
+    /* no Router Alert in version 2 or 3 */                                                        \
+    COUNTER(std::uint32_t, oddSource, OddSource)                                                   \
+    COUNTER(std::uint32_t, oddTtl, OddTtl)                                                         \
+    COUNTER(std::uint32_t, oddRouterAlert, OddRouterAlert)
 
 struct HostCounters {
-#define AGENT_MEMBER(name) std::uint32_t name = 0;
+#define AGENT_MEMBER(type, name, Name) type name = 0;
     AGENT_HOST_COUNTERS(AGENT_MEMBER)
 #undef AGENT_MEMBER
     std::array<std::uint32_t, std::size_t(DropReason::count)> dropped{}; ///< by DropReason

@@ -4,7 +4,7 @@ namespace Agent {
 
 nlohmann::json toJson(HostCounters const& counters) {
     nlohmann::json json;
-#define AGENT_SHOW(name) json[#name] = counters.name;
+#define AGENT_SHOW(type, name, Name) json[#name] = counters.name;
     AGENT_HOST_COUNTERS(AGENT_SHOW)
 #undef AGENT_SHOW
 #define AGENT_SHOW(name)                                                                           \

@@ -2,6 +2,7 @@
 // reports back. The proxy writes `IgmpHost`; the host agent reads it and writes `IgmpHostStatus`.
 #pragma once
 
+#include "Igmp/PacketCounters.h"
 #include "Lox/EthAddr.h"
 #include "Lox/IpAddr.h"
 #include "Lox/Names.h"
@@ -87,19 +88,7 @@ class IgmpHostDir : public Nex::RecordBase {
 };
 
 #define IGMP_HOST_STATUS(ATTR, SET, MAP, RECORDS)                                                  \
-    ATTR(std::uint32_t, v1QueryReceived, V1QueryReceived)                                          \
-    ATTR(std::uint32_t, v1ReportsSent, V1ReportsSent)                                              \
-    ATTR(std::uint32_t, v12ReportReceived, V12ReportReceived)                                      \
-    ATTR(std::uint32_t, v2GeneralQueryReceived, V2GeneralQueryReceived)                            \
-    ATTR(std::uint32_t, v2GroupQueryReceived, V2GroupQueryReceived)                                \
-    ATTR(std::uint32_t, v2ReportsSent, V2ReportsSent)                                              \
-    ATTR(std::uint32_t, v2LeavesSent, V2LeavesSent)                                                \
-    ATTR(std::uint32_t, v3GeneralQueryReceived, V3GeneralQueryReceived)                            \
-    ATTR(std::uint32_t, v3GroupQueryReceived, V3GroupQueryReceived)                                \
-    ATTR(std::uint32_t, v3GroupSourceQueryReceived, V3GroupSourceQueryReceived)                    \
-    ATTR(std::uint32_t, v3ReportReceived, V3ReportReceived)                                        \
-    ATTR(std::uint32_t, v3CurrentStateReportSent, V3CurrentStateReportSent)                        \
-    ATTR(std::uint32_t, v3StateChangeReportSent, V3StateChangeReportSent)                          \
+    IGMP_PACKET_COUNTERS(ATTR, ATTR)                                                               \
     ATTR(IgmpVersion, igmpVersion, IgmpVersion) /* the version spoken now */                       \
     ATTR(std::uint32_t, numPacketInitialized, NumPacketInitialized)                                \
     ATTR(double, unsolicitedReportInterval, UnsolicitedReportInterval) /* seconds */               \

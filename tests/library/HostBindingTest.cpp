@@ -151,16 +151,10 @@ TEST_F(HostBinding, CountersAreCopiedNotAdded) {
         std::uint32_t (IntfStatus::*shown)() const;
     };
     Copied const counters[] = {
-        {&Igmp::IgmpHostStatus::v1QueryReceivedIs, &IntfStatus::v1QueryReceived},
-        {&Igmp::IgmpHostStatus::v1ReportsSentIs, &IntfStatus::v1ReportsSent},
-        {&Igmp::IgmpHostStatus::v2GeneralQueryReceivedIs, &IntfStatus::v2GeneralQueryReceived},
-        {&Igmp::IgmpHostStatus::v2GroupQueryReceivedIs, &IntfStatus::v2GroupQueryReceived},
-        {&Igmp::IgmpHostStatus::v2ReportsSentIs, &IntfStatus::v2ReportsSent},
-        {&Igmp::IgmpHostStatus::v3GeneralQueryReceivedIs, &IntfStatus::v3GeneralQueryReceived},
-        {&Igmp::IgmpHostStatus::v3GroupQueryReceivedIs, &IntfStatus::v3GroupQueryReceived},
-        {&Igmp::IgmpHostStatus::v3GroupSourceQueryReceivedIs,
-         &IntfStatus::v3GroupSourceQueryReceived},
-        {&Igmp::IgmpHostStatus::v3CurrentStateReportSentIs, &IntfStatus::v3ReportsSent},
+#define COUNTER(TYPE, NAME, UPPER) {&Igmp::IgmpHostStatus::NAME##Is, &IntfStatus::NAME},
+        IGMP_PACKET_COUNTERS(COUNTER, IGMP_NO_COUNTER)
+#undef COUNTER
+            {&Igmp::IgmpHostStatus::v3CurrentStateReportSentIs, &IntfStatus::v3ReportsSent},
     };
     auto shown = [&] {
         std::vector<std::uint32_t> values;
