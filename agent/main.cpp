@@ -1,6 +1,7 @@
 // ihproxyd: announces multicast groups on upstream interfaces, as an IGMP host.
 #include "agent/Daemon.h"
 #include "agent/config/Configuration.h"
+#include "agent/config/Keys.h"
 #include "agent/loop/FileDescriptor.h"
 #include "agent/loop/Log.h"
 #include "agent/loop/ServiceManager.h"
@@ -88,8 +89,11 @@ int main(int argc, char** argv) {
             ->check(CLI::Range(0, 8))
             ->needs(config);
         app.add_option("--check", checkFile, "Only check this configuration")->excludes(config);
+        bool keys = false;
+        app.add_flag("--keys", keys, "Print the reference of the configuration's keys (Markdown)");
         app.set_version_flag("--version", "ihproxyd " IHP_VERSION);
         CLI11_PARSE(app, argc, argv);
+        if (keys) return std::fputs(Agent::keyReference().c_str(), stdout) < 0;
         if (options.configurationFile.empty() && checkFile.empty()) {
             std::fputs(app.help().c_str(), stderr);
             return 2;

@@ -4,14 +4,11 @@
 
 #include <bit>
 #include <fmt/format.h>
-#include <limits>
 #include <optional>
 
 namespace Agent {
 
 namespace {
-
-constexpr std::int64_t largestSequence = std::numeric_limits<std::uint32_t>::max();
 
 bool isAny(Lox::IpAddrWithFullMask range) { return range == Lox::IpAddrWithFullMask(); }
 
@@ -85,9 +82,8 @@ AccessListConfiguration readAccessList(std::vector<TomlSection> const& rules, bo
                                        Diagnostics& diagnostics) {
     AccessListConfiguration list;
     for (TomlSection const& section : rules) {
-        section.keysAre({"sequence", "action", "source", "destination"});
-        section.doRequire({"sequence", "action", "source", "destination"});
-        auto const sequence = section.integer("sequence", 0, largestSequence);
+        section.checkKeys();
+        auto const sequence = section.givenInteger("sequence");
         auto const rule = RuleReader(section, diagnostics).read();
         if (!sequence || !rule) continue;
         if (!list.emplace(std::uint32_t(*sequence), *rule).second) {

@@ -22,9 +22,6 @@ namespace {
 constexpr std::size_t mostFileBytes = 64 << 20;
 /// To read a file that is being written, a millisecond apart.
 constexpr unsigned mostAttempts = 50;
-constexpr double longestReportInterval = 3600;
-/// Within 100 ms. A million groups in version 3 need fewer.
-constexpr std::int64_t mostPackets = 10000;
 /// Each group costs memory and report space; a slip in a mask should not ask for millions.
 constexpr std::uint64_t mostGroupsUnasked = 65536;
 
@@ -66,11 +63,12 @@ class Reader {
           attachedLists_(std::move(attachedLists)) {}
 
     void doRead(TomlSection const& root) {
-        root.keysAre({"access-list", "forwarding-table", "interface", "vrf"});
+        root.checkKeys();
         // First, for the interfaces name lists and VRFs.
         if (auto const lists = root.section("access-list")) doReadLists(*lists);
         if (auto const vrfs = root.section("vrf")) doReadVrfs(*vrfs);
-        if (auto const table = root.section("forwarding-table")) doReadForwardingTable(*table);
+        if (auto const table = root.section("forwarding-table", &forwardingTableKeys))
+            doReadForwardingTable(*table);
         if (auto const interfaces = root.section("interface")) doReadInterfaces(*interfaces);
     }
 
@@ -80,7 +78,7 @@ class Reader {
             bool const attached = attachedLists_.contains(name.value);
             if (!attached) doWarn(name, "is attached to no interface: its rules select nothing");
             configuration_.accessLists[name.value] =
-                readAccessList(lists.sections(name.value), attached, diagnostics_);
+                readAccessList(lists.sections(name.value, &ruleKeys), attached, diagnostics_);
         }
     }
 
@@ -93,9 +91,9 @@ class Reader {
                                         "or control characters",
                                         longestVrfName),
                             diagnostics_);
-            auto const section = vrfs.section(name.value);
+            auto const section = vrfs.section(name.value, &vrfKeys);
             if (!section) continue;
-            section->keysAre({"namespace"}, name.value);
+            section->checkKeys(name.value);
             auto const space = section->text("namespace").value_or(name);
             if (!isNamespace(space.value))
                 reportFound(space, "the name of a namespace as in ip netns, or a path",
@@ -106,8 +104,8 @@ class Reader {
 
     void doReadForwardingTable(TomlSection const& section) {
         ForwardingTableConfiguration& table = configuration_.forwardingTable;
-        section.keysAre({"require-output", "incoming"});
-        table.requireOutput = section.boolean("require-output").value_or(true);
+        section.checkKeys();
+        table.requireOutput = section.boolean("require-output");
         auto const incoming = section.text("incoming");
         if (!incoming || incoming->value == "proxy-interface") return;
         if (incoming->value == "any")
@@ -123,20 +121,17 @@ class Reader {
                             "an interface name: 1 to 15 bytes without '/', ':', white space or "
                             "control characters",
                             diagnostics_);
-            if (auto const section = interfaces.section(name.value))
+            if (auto const section = interfaces.section(name.value, &interfaceKeys))
                 doReadInterface(*section, name.value);
         }
     }
 
     void doReadInterface(TomlSection const& section, std::string const& name) {
         InterfaceConfiguration& interface = configuration_.interfaces[name];
-        section.keysAre({"igmp-version", "unsolicited-report-interval", "robustness",
-                         "packets-per-100-ms", "require-router-alert", "ssm-only", "group",
-                         "access-lists", "large-ranges", "vrf"},
-                        name);
+        section.checkKeys(name);
         doReadProtocol(section, interface);
         if (auto const groups = section.section("group")) doReadGroups(*groups, interface);
-        interface.largeRanges = section.boolean("large-ranges").value_or(false);
+        interface.largeRanges = section.boolean("large-ranges");
         doReadAccessLists(section, interface);
         auto const vrf = section.text("vrf");
         if (!vrf || vrf->value == defaultVrf) return;
@@ -146,15 +141,12 @@ class Reader {
     }
 
     void doReadProtocol(TomlSection const& section, InterfaceConfiguration& interface) {
-        interface.igmpVersion = int(section.integer("igmp-version", 1, 3).value_or(3));
-        interface.unsolicitedReportInterval =
-            section.positiveNumber("unsolicited-report-interval", longestReportInterval)
-                .value_or(0);
-        interface.robustness = unsigned(section.integer("robustness", 2, 7).value_or(2));
-        interface.packetsPer100ms =
-            unsigned(section.integer("packets-per-100-ms", 1, mostPackets).value_or(100));
-        interface.requireRouterAlert = section.boolean("require-router-alert").value_or(false);
-        interface.ssmOnly = section.boolean("ssm-only").value_or(false);
+        interface.igmpVersion = int(section.integer("igmp-version"));
+        interface.unsolicitedReportInterval = section.number("unsolicited-report-interval");
+        interface.robustness = unsigned(section.integer("robustness"));
+        interface.packetsPer100ms = unsigned(section.integer("packets-per-100-ms"));
+        interface.requireRouterAlert = section.boolean("require-router-alert");
+        interface.ssmOnly = section.boolean("ssm-only");
         if (interface.ssmOnly && interface.igmpVersion < 3)
             diagnostics_.warningIs(section.positionOf("ssm-only"),
                                    "ssm-only has no effect, expected igmp-version = 3 with it");
@@ -163,7 +155,7 @@ class Reader {
     void doReadGroups(TomlSection const& groups, InterfaceConfiguration& interface) {
         for (TomlText const& key : groups.keys()) {
             auto const group = readGroup(key);
-            auto const sources = groups.section(key.value);
+            auto const sources = groups.section(key.value, &groupKeys);
             if (!group || !sources) continue;
             doReadSources(*sources, interface.groups[*group]);
             doCheckGroup(key, *group, interface);
@@ -209,7 +201,7 @@ class Reader {
     }
 
     void doReadSources(TomlSection const& section, GroupConfiguration& group) {
-        section.keysAre({"include", "exclude"});
+        section.checkKeys();
         doReadSourceList(section, "include", group.include, group.exclude);
         doReadSourceList(section, "exclude", group.exclude, group.include);
         if (!section.has("include") && !section.has("exclude")) group.exclude.insert(Lox::IpAddr());
@@ -319,7 +311,7 @@ ConfigurationReading configurationParse(std::string_view text, std::string const
     Diagnostics diagnostics(file);
     if (auto const table = tomlParse(text, diagnostics))
         Reader(reading.configuration, diagnostics, attachedLists(*table))
-            .doRead(TomlSection(*table, diagnostics));
+            .doRead(TomlSection(*table, diagnostics, &fileKeys));
     reading.diagnostics = diagnostics.take();
     return reading;
 }

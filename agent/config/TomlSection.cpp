@@ -150,23 +150,31 @@ std::vector<TomlText> TomlSection::keys() const {
     return keys;
 }
 
-void TomlSection::keysAre(std::initializer_list<std::string_view> known,
-                          std::string_view named) const {
+void TomlSection::checkKeys(std::string_view named) const {
+    auto const names = [&] {
+        std::vector<std::string_view> all;
+        for (Key const& key : known_->keys) all.push_back(key.name);
+        return all;
+    };
     for (TomlText const& key : keys()) {
-        if (std::find(known.begin(), known.end(), key.value) != known.end()) continue;
+        if (known_->find(key.value)) continue;
         std::string text = fmt::format("unknown key {}, expected one of {}", inQuotes(key.value),
-                                       fmt::join(known, ", "));
+                                       fmt::join(names(), ", "));
         if (!named.empty() && table_->get(key.value)->is_table())
             text += fmt::format("; a name with a dot stands in quotes: {}",
                                 inQuotes(fmt::format("{}.{}", named, key.value)));
         diagnostics_->errorIs(key.position, text);
     }
+    for (Key const& key : known_->keys)
+        if (key.required && !has(key.name))
+            diagnostics_->errorIs(position(),
+                                  fmt::format("no key {} found, expected one", key.name));
 }
 
-void TomlSection::doRequire(std::initializer_list<std::string_view> required) const {
-    for (std::string_view const key : required)
-        if (!has(key))
-            diagnostics_->errorIs(position(), fmt::format("no key {} found, expected one", key));
+Key const& TomlSection::described(std::string_view key) const {
+    Key const* const found = known_ ? known_->find(key) : nullptr;
+    if (!found) throw std::logic_error(fmt::format("the key {} is not described", key));
+    return *found;
 }
 
 Position TomlSection::positionOf(std::string_view key) const {
@@ -174,43 +182,45 @@ Position TomlSection::positionOf(std::string_view key) const {
     return begin(node ? node->source() : table_->source());
 }
 
-std::optional<bool> TomlSection::boolean(std::string_view key) const {
+bool TomlSection::boolean(std::string_view key) const {
+    bool const standard = described(key).standard != 0;
     toml::node const* const node = table_->get(key);
-    if (!node) return std::nullopt;
+    if (!node) return standard;
     if (auto const* const value = node->as_boolean()) return value->get();
     doReportType(key, *node, "true or false");
-    return std::nullopt;
+    return standard;
 }
 
-std::optional<std::int64_t> TomlSection::integer(std::string_view key, std::int64_t low,
-                                                 std::int64_t high) const {
+std::optional<std::int64_t> TomlSection::givenInteger(std::string_view key) const {
+    Key const& range = described(key);
     toml::node const* const node = table_->get(key);
     if (!node) return std::nullopt;
-    std::string const expected = fmt::format("an integer from {} to {}", low, high);
     auto const* const value = node->as_integer();
-    if (!value) {
-        doReportType(key, *node, expected.c_str());
-        return std::nullopt;
-    }
-    if (value->get() >= low && value->get() <= high) return value->get();
-    diagnostics_->errorIs(begin(node->source()),
-                          fmt::format("{} is {}, expected {}", key, value->get(), expected));
+    if (!value)
+        doReportType(key, *node, rangeText(range).c_str());
+    else if (value->get() >= std::int64_t(range.low) && value->get() <= std::int64_t(range.high))
+        return value->get();
+    else
+        doReportRange(range, *node, value->get());
     return std::nullopt;
 }
 
-std::optional<double> TomlSection::positiveNumber(std::string_view key, double high) const {
+std::int64_t TomlSection::integer(std::string_view key) const {
+    return givenInteger(key).value_or(std::int64_t(described(key).standard));
+}
+
+double TomlSection::number(std::string_view key) const {
+    Key const& range = described(key);
     toml::node const* const node = table_->get(key);
-    if (!node) return std::nullopt;
-    std::string const expected = fmt::format("a number above 0 and up to {}", high);
-    auto const number = node->is_number() ? node->value<double>() : std::nullopt;
-    if (!number) {
-        doReportType(key, *node, expected.c_str());
-        return std::nullopt;
-    }
-    if (*number > 0 && *number <= high) return number;
-    diagnostics_->errorIs(begin(node->source()),
-                          fmt::format("{} is {}, expected {}", key, *number, expected));
-    return std::nullopt;
+    if (!node) return range.standard;
+    auto const value = node->is_number() ? node->value<double>() : std::nullopt;
+    if (!value)
+        doReportType(key, *node, rangeText(range).c_str());
+    else if (*value > range.low && *value <= range.high)
+        return *value;
+    else
+        doReportRange(range, *node, *value);
+    return range.standard;
 }
 
 std::optional<TomlText> TomlSection::text(std::string_view key) const {
@@ -222,10 +232,11 @@ std::optional<TomlText> TomlSection::text(std::string_view key) const {
     return std::nullopt;
 }
 
-std::optional<TomlSection> TomlSection::section(std::string_view key) const {
+std::optional<TomlSection> TomlSection::section(std::string_view key, KeyTable const* known) const {
     toml::node const* const node = table_->get(key);
     if (!node) return std::nullopt;
-    if (auto const* const table = node->as_table()) return TomlSection(*table, *diagnostics_);
+    if (auto const* const table = node->as_table())
+        return TomlSection(*table, *diagnostics_, known);
     doReportType(key, *node, "a table");
     return std::nullopt;
 }
@@ -243,13 +254,13 @@ std::vector<TomlText> TomlSection::texts(std::string_view key) const {
     return texts;
 }
 
-std::vector<TomlSection> TomlSection::sections(std::string_view key) const {
+std::vector<TomlSection> TomlSection::sections(std::string_view key, KeyTable const* known) const {
     std::vector<TomlSection> sections;
     toml::array const* const elements = array(key, "an array of tables");
     if (!elements) return sections;
     for (toml::node const& element : *elements) {
         if (auto const* const table = element.as_table())
-            sections.emplace_back(*table, *diagnostics_);
+            sections.emplace_back(*table, *diagnostics_, known);
         else
             doReportType(key, element, "only tables in the array");
     }
@@ -260,6 +271,12 @@ void TomlSection::doReportType(std::string_view key, toml::node const& found,
                                char const* expected) const {
     diagnostics_->errorIs(begin(found.source()), fmt::format("{} is {}, expected {}", inQuotes(key),
                                                              typeName(found), expected));
+}
+
+template <class Value>
+void TomlSection::doReportRange(Key const& key, toml::node const& found, Value value) const {
+    diagnostics_->errorIs(begin(found.source()),
+                          fmt::format("{} is {}, expected {}", key.name, value, rangeText(key)));
 }
 
 toml::array const* TomlSection::array(std::string_view key, char const* expected) const {
