@@ -173,8 +173,7 @@ TEST_F(AgentAccessListTest, GroupGoesFromEachMixOfWishesToEachOther) {
     };
     auto const becomes = [&](auto const& from, auto const& to) {
         reload(text(to));
-        EXPECT_TRUE(
-            waitUntil([&] { return net->bridgeTable() == table(to); }, std::chrono::seconds(5)))
+        EXPECT_TRUE(waitUntil([&] { return net->bridgeTable() == table(to); }))
             << from.what << " -> " << to.what << ": " << testing::PrintToString(net->bridgeTable());
     };
     start(text(mixes[0]));

@@ -3,10 +3,12 @@
 
 #include "agent/AgentProcess.h"
 #include "agent/Wire.h"
+#include "agent/files/StateFile.h"
 #include "netns/Netns.h"
 
 #include <gtest/gtest.h>
 #include <memory>
+#include <set>
 
 namespace Testing {
 
@@ -32,16 +34,14 @@ class AgentTest : public testing::Test {
   protected:
     void SetUp() override {
         IHP_SKIP_WITHOUT_NETNS();
-        net = std::make_unique<Netns>();
-        // The bridge believes a leave soon, and does not wait long for answers (hundredths).
-        net->farIp("link set br0 type bridge mcast_last_member_interval 10 "
-                   "mcast_query_response_interval 20");
+        net = network();
         wire = std::make_unique<Wire>(net->farName(), "down0");
     }
 
     /// Starts the agent with this configuration, and waits until it says that it is ready.
     void start(std::string const& configuration, std::optional<int> missingCapability = {}) {
         agent.reset();
+        reloads = 0;
         folder.write("output", "");
         folder.write("ihproxyd.toml", configuration);
         agent = std::make_unique<AgentProcess>(folder, net->nearName(),
@@ -51,8 +51,20 @@ class AgentTest : public testing::Test {
                                                missingCapability);
         ASSERT_TRUE(agent->says("ready\n")) << agent->output();
     }
-    /// Ends the agent before it can do anything about it.
-    void crash() {
+    /// Whether the state file comes to hold these groups and no others. It is written a little
+    /// after each change, later on a busy machine.
+    bool keeps(std::set<std::string> const& groups) const {
+        return waitUntil([&] {
+            std::set<std::string> kept;
+            for (auto const& interface : Agent::stateRead(folder.file("state")))
+                for (std::size_t i = 0; i < interface.groups.size(); ++i)
+                    kept.insert(interface.groups.record(i).group.stringValue());
+            return kept == groups;
+        });
+    }
+    /// Ends the agent before it can do anything about it, once it keeps these groups.
+    void crash(std::set<std::string> const& groups) {
+        ASSERT_TRUE(keeps(groups));
         agent->signal(SIGKILL);
         ASSERT_EQ(agent->exitStatus(), -SIGKILL);
         folder.write("output", "");
@@ -63,14 +75,27 @@ class AgentTest : public testing::Test {
         agent->signal(SIGHUP);
         ASSERT_TRUE(agent->says("is in force", ++reloads)) << agent->output();
     }
+    /// Whether the agent comes to have no more files open than that. It has one more while it
+    /// reads or writes one.
+    bool opens(std::size_t descriptors) const {
+        return waitUntil([&] { return agent->openDescriptors() <= descriptors; });
+    }
     /// Whether the bridge comes to know these groups and no others.
-    testing::AssertionResult learned(Lines const& table) const {
-        if (waitUntil([&] { return net->bridgeTable() == table; }))
+    testing::AssertionResult learned(Lines const& table) const { return learned(table, *net); }
+    testing::AssertionResult learned(Lines const& table, Netns const& network) const {
+        if (waitUntil([&] { return network.bridgeTable() == table; }))
             return testing::AssertionSuccess();
         return testing::AssertionFailure()
-               << "the bridge knows " << testing::PrintToString(net->bridgeTable())
+               << "the bridge knows " << testing::PrintToString(network.bridgeTable())
                << ", the agent says:\n"
                << agent->output();
+    }
+    /// One whose bridge believes a leave soon, and does not wait long for answers (hundredths).
+    static std::unique_ptr<Netns> network() {
+        auto made = std::make_unique<Netns>();
+        made->farIp("link set br0 type bridge mcast_last_member_interval 10 "
+                    "mcast_query_response_interval 20");
+        return made;
     }
 
     Folder folder;

@@ -17,21 +17,21 @@ Lines operator+(Lines a, Lines const& b) {
 
 TEST_F(AgentTest, GroupsThatLeftTheFileWhileTheAgentWasDeadAreLeft) {
     start(groupsOn("up0", twoGroups));
-    ASSERT_EQ(wire->heardAfter(twice(joined)), twice(joined));
+    ASSERT_TRUE(wire->hearsOnly(twice(joined)));
     for (int i = 0; i < 2; ++i) { // the second time, only the file remembers them
-        crash();
+        crash({"239.1.1.1", "239.1.1.2"});
         net->nearIp(i == 0 ? "link set up0 down" : "link set up0 up");
         wire->forget();
         start(groupsOn("up0", "'239.1.1.3' = {}\n'239.1.1.2' = { include = ['10.0.0.1'] }\n"));
     }
     Lines const now = twice({"ALLOW 239.1.1.2 10.0.0.1", "TO_EX 239.1.1.3", "TO_IN 239.1.1.1"});
-    EXPECT_EQ(wire->heardAfter(now), now);
+    EXPECT_TRUE(wire->hearsOnly(now));
 
-    crash();
+    crash({"239.1.1.2", "239.1.1.3"});
     wire->forget();
     start("");
     Lines const all = twice({"BLOCK 239.1.1.2 10.0.0.1", "TO_IN 239.1.1.3"});
-    EXPECT_EQ(wire->heardAfter(all), all) << "on an interface that is not configured at all";
+    EXPECT_TRUE(wire->hearsOnly(all)) << "on an interface that is not configured at all";
     EXPECT_TRUE(learned({}));
 
     reload(groupsOn("up0", twoGroups));
@@ -43,8 +43,8 @@ TEST_F(AgentTest, GroupsThatLeftTheFileWhileTheAgentWasDeadAreLeft) {
 
 TEST_F(AgentTest, DamagedStateFileIsReportedAndLeavesNothing) {
     start(groupsOn("up0", twoGroups));
-    ASSERT_EQ(wire->heardAfter(twice(joined)), twice(joined));
-    crash();
+    ASSERT_TRUE(wire->hearsOnly(twice(joined)));
+    crash({"239.1.1.1", "239.1.1.2"});
     std::string damaged = folder.read("state");
     ASSERT_GT(damaged.size(), 30u);
     damaged[25] = char(damaged[25] + 1);
@@ -52,18 +52,20 @@ TEST_F(AgentTest, DamagedStateFileIsReportedAndLeavesNothing) {
     wire->forget();
     start(groupsOn("up0", "'239.1.1.3' = {}\n"));
     EXPECT_TRUE(agent->says("its checksum is wrong; groups of an earlier run are not left"));
-    EXPECT_EQ(wire->heardAfter(twice({"TO_EX 239.1.1.3"})), twice({"TO_EX 239.1.1.3"}));
+    EXPECT_TRUE(wire->hearsOnly(twice({"TO_EX 239.1.1.3"})));
 }
 
 TEST_F(AgentTest, InterfaceThatLeavesAndIsConfiguredAgainJoinsWhatItWants) {
     start(groupsOn("up0", twoGroups));
-    ASSERT_EQ(wire->heardAfter(twice(joined)), twice(joined));
-    wire->forget();
+    ASSERT_TRUE(wire->hearsOnly(twice(joined)));
     reload("");
     EXPECT_TRUE(wire->hears(left));
     reload(groupsOn("up0", "'239.1.1.1' = {}\n"));
     Lines const merged = left + Lines{"BLOCK 239.1.1.2 10.0.0.1"} + twice({"TO_EX 239.1.1.1"});
-    EXPECT_EQ(wire->heardAfter(merged), merged) << "the other group goes on leaving";
+    Lines heard = wire->heardAfter(merged);
+    if (std::ranges::count(heard, left[1]) == 2)
+        heard.pop_back(); // before the reload, if it was late
+    EXPECT_EQ(heard, merged) << "the other group goes on leaving";
     EXPECT_TRUE(learned({"down0 239.1.1.1 exclude"}));
 }
 
@@ -72,20 +74,19 @@ TEST_F(AgentTest, LeavesOutliveTheVrfOfTheirInterface) {
     std::string inRed = groupsOn("up0", twoGroups);
     inRed.insert(inRed.find('\n') + 1, "vrf = 'red'\n");
     start(vrf + inRed);
-    ASSERT_EQ(wire->heardAfter(twice(joined)), twice(joined));
-    wire->forget();
+    ASSERT_TRUE(wire->hearsOnly(twice(joined)));
     reload("");
-    EXPECT_EQ(wire->heardAfter(twice(left)), twice(left));
+    EXPECT_TRUE(wire->hearsOnly(twice(left)));
 }
 
 TEST_F(AgentTest, InterfaceRemovedWhileItsLinkIsAwayIsLeftWhenTheLinkIsBack) {
     start(groupsOn("up0", twoGroups));
-    ASSERT_EQ(wire->heardAfter(twice(joined)), twice(joined));
+    ASSERT_TRUE(wire->hearsOnly(twice(joined)));
     net->nearIp("link set up0 down");
     reload("");
     wire->forget();
     net->nearIp("link set up0 up");
-    EXPECT_EQ(wire->heardAfter(twice(left)), twice(left));
+    EXPECT_TRUE(wire->hearsOnly(twice(left)));
 }
 
 TEST_F(AgentTest, LeavesAreOwedToTheNetworkThatHeardTheJoins) {
@@ -96,28 +97,28 @@ TEST_F(AgentTest, LeavesAreOwedToTheNetworkThatHeardTheJoins) {
     Wire other(net->farName(), "aux0");
     std::string const vrf = "[vrf.red]\nnamespace = '" + net->farName() + "'\n";
     start(vrf + groupsOn("up0", twoGroups));
-    ASSERT_EQ(wire->heardAfter(twice(joined)), twice(joined));
+    ASSERT_TRUE(wire->hearsOnly(twice(joined)));
     net->nearIp("link set up0 down");
     std::string elsewhere = groupsOn("up0", "'239.1.1.3' = {}\n");
     elsewhere.insert(elsewhere.find('\n') + 1, "vrf = 'red'\n");
     reload(vrf + elsewhere);
     Lines const there = twice({"TO_EX 239.1.1.3"});
-    EXPECT_EQ(other.heardAfter(there), there);
+    EXPECT_TRUE(other.hearsOnly(there));
     wire->forget();
     net->nearIp("link set up0 up");
-    EXPECT_EQ(wire->heardAfter(twice(left)), twice(left));
+    EXPECT_TRUE(wire->hearsOnly(twice(left)));
 }
 
 TEST_F(AgentTest, WhatAnAgentThatEndsCannotLeaveIsLeftByTheNext) {
     start(groupsOn("up0", twoGroups));
-    ASSERT_EQ(wire->heardAfter(twice(joined)), twice(joined));
+    ASSERT_TRUE(wire->hearsOnly(twice(joined)));
     net->nearIp("link set up0 down");
     agent->signal(SIGTERM);
     ASSERT_EQ(agent->exitStatus(), 0);
     start("");
     wire->forget();
     net->nearIp("link set up0 up");
-    EXPECT_EQ(wire->heardAfter(twice(left)), twice(left));
+    EXPECT_TRUE(wire->hearsOnly(twice(left)));
 }
 
 } // namespace

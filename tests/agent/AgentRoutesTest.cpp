@@ -215,8 +215,16 @@ TEST_F(AgentRoutesTest, DenyAllKeepsRoutesOutUntilTheLastOneGoes) {
                        {"", "b", false}};
     start(text("'a'", ""));
     ASSERT_TRUE(learned({"down0 239.1.1.1 include 10.0.0.1", configured}));
+    ASSERT_TRUE(wire->hears(twice({"ALLOW 239.1.1.1 10.0.0.1"})));
+    bool denied = false;
     for (auto const& step : steps) {
+        wire->forget();
         reload(text(step.lists, step.denying));
+        std::string const change = step.denied ? "BLOCK" : "ALLOW";
+        if (denied != step.denied) {
+            EXPECT_TRUE(wire->hears(twice({change + " 239.1.1.1 10.0.0.1"})));
+        }
+        denied = step.denied;
         if (!step.denied) {
             EXPECT_TRUE(learned({"down0 239.1.1.1 include 10.0.0.1", configured}));
             continue;
@@ -225,7 +233,7 @@ TEST_F(AgentRoutesTest, DenyAllKeepsRoutesOutUntilTheLastOneGoes) {
         near->routeDel("10.0.0.1", "239.1.1.1");
         near->routeIs("10.0.0.1", "239.1.1.1");
         wire->forget();
-        EXPECT_EQ(wire->heardAfter({}), Lines{}) << step.lists << " with " << step.denying;
+        EXPECT_TRUE(wire->hearsOnly({})) << step.lists << " with " << step.denying;
     }
 }
 
@@ -235,9 +243,7 @@ class AgentVrfTest : public AgentRoutesTest {
     void SetUp() override {
         AgentRoutesTest::SetUp();
         if (!net) return;
-        red = std::make_unique<Netns>();
-        red->farIp("link set br0 type bridge mcast_last_member_interval 10 "
-                   "mcast_query_response_interval 20");
+        red = network();
         doRename();
         redNear.emplace(*red, "up1");
         near->routeIs("10.0.0.3", "239.1.1.2");
@@ -253,14 +259,7 @@ class AgentVrfTest : public AgentRoutesTest {
                "[interface.up1.group]\n" +
                groups;
     }
-    testing::AssertionResult redLearned(Lines const& table) const {
-        if (waitUntil([&] { return red->bridgeTable() == table; }))
-            return testing::AssertionSuccess();
-        return testing::AssertionFailure()
-               << "the red bridge knows " << testing::PrintToString(red->bridgeTable())
-               << ", the agent says:\n"
-               << agent->output();
-    }
+    testing::AssertionResult redLearned(Lines const& table) const { return learned(table, *red); }
 
     std::unique_ptr<Netns> red;
     std::optional<RoutedNetns> redNear;
@@ -286,7 +285,7 @@ TEST_F(AgentVrfTest, VrfsWithTheSameAddressesAndGroupsDoNotMix) {
     EXPECT_TRUE(redLearned({"down0 239.1.1.3 include 10.0.0.3"}));
     redNear->routerDel();
     EXPECT_TRUE(redLearned({}));
-    EXPECT_EQ(wire->heardAfter({}), Lines{});
+    EXPECT_TRUE(wire->hearsOnly({}));
     EXPECT_EQ(net->bridgeTable(), hereLearned);
 }
 
@@ -300,10 +299,9 @@ TEST_F(AgentVrfTest, NamespaceThatIsDeletedAndMadeAgainHeals) {
         redNear.reset();
         red->nearDel();
         // Its end of the link is gone when the agent holds nothing of it any more.
-        EXPECT_TRUE(waitUntil(
-            [&] { return red->farIp("-brief link show").find("down0") == std::string::npos; },
-            std::chrono::seconds(3)))
-            << agent->output();
+        EXPECT_TRUE(waitUntil([&] {
+            return red->farIp("-brief link show").find("down0") == std::string::npos;
+        })) << agent->output();
         EXPECT_TRUE(redLearned({}));
         red->nearIs();
         doRename();
@@ -311,8 +309,8 @@ TEST_F(AgentVrfTest, NamespaceThatIsDeletedAndMadeAgainHeals) {
         redNear->routeIs("10.0.0.4", "239.1.1.2");
         EXPECT_TRUE(redLearned(thereLearned));
     }
-    EXPECT_EQ(agent->openDescriptors(), descriptors);
-    EXPECT_EQ(wire->heardAfter({}), Lines{});
+    EXPECT_TRUE(opens(descriptors));
+    EXPECT_TRUE(wire->hearsOnly({}));
     EXPECT_EQ(net->bridgeTable(), hereLearned);
     agent->signal(SIGTERM);
     EXPECT_EQ(agent->exitStatus(), 0);
@@ -332,8 +330,7 @@ TEST_F(AgentVrfTest, ReloadAddsAndRemovesVrfsBesideOthers) {
         reload(file);
         EXPECT_TRUE(redLearned({}));
         // An interface that is gone goes on to tell its leaves.
-        EXPECT_TRUE(waitUntil([&] { return agent->openDescriptors() == descriptors; },
-                              std::chrono::seconds(3)));
+        EXPECT_TRUE(opens(descriptors));
     }
     // Under another name; then the interface leaves the VRF for the default one, which lacks it.
     std::string blue = inRed(there);
@@ -345,7 +342,7 @@ TEST_F(AgentVrfTest, ReloadAddsAndRemovesVrfsBesideOthers) {
     EXPECT_TRUE(redLearned(thereLearned));
     reload(file + groupsOn("up1", there));
     EXPECT_TRUE(redLearned({}));
-    EXPECT_EQ(wire->heardAfter({}), Lines{});
+    EXPECT_TRUE(wire->hearsOnly({}));
     EXPECT_EQ(net->bridgeTable(), hereLearned);
 }
 
@@ -354,18 +351,17 @@ TEST_F(AgentRoutesTest, GroupsAnnouncedBeforeAreLeftOnlyOnceTheRoutesAreKnown) {
     near->routeIs("10.0.0.2", "239.2.0.2");
     start("[interface.up0]\nunsolicited-report-interval = 0.1\n");
     ASSERT_TRUE(wire->hears(twice({"ALLOW 239.2.0.1 10.0.0.1", "ALLOW 239.2.0.2 10.0.0.2"})));
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    crash();
+    crash({"239.2.0.1", "239.2.0.2"});
     near->routeDel("10.0.0.2", "239.2.0.2");
     wire->forget();
     start("[interface.up0]\nunsolicited-report-interval = 0.1\n");
     Lines const now = twice({"ALLOW 239.2.0.1 10.0.0.1", "BLOCK 239.2.0.2 10.0.0.2"});
-    EXPECT_EQ(wire->heardAfter(now), now);
-    wire->forget();
+    EXPECT_TRUE(wire->hearsOnly(now));
     net->nearIp("addr del 10.99.0.2/24 dev up0");
+    EXPECT_TRUE(agent->says("up0: has no IPv4 address\n"));
     net->nearIp("addr add 10.99.0.2/24 dev up0");
     Lines const again = twice({"ALLOW 239.2.0.1 10.0.0.1"});
-    EXPECT_EQ(wire->heardAfter(again), again);
+    EXPECT_TRUE(wire->hearsOnly(again));
 }
 
 } // namespace

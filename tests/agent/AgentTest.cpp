@@ -51,43 +51,37 @@ class ServiceSocket {
 TEST_F(AgentTest, GroupsAreJoinedAtTheStartAndLeftAtTheEnd) {
     start(groupsOn("up0", threeGroups));
     EXPECT_TRUE(learned(threeLearned));
-    EXPECT_EQ(wire->heardAfter(threeJoined), threeJoined);
-
-    wire->forget();
+    EXPECT_TRUE(wire->hearsOnly(threeJoined));
     agent->signal(SIGTERM);
     EXPECT_TRUE(wire->hears(threeLeft));
     for (int const late : {SIGTERM, SIGINT, SIGHUP}) agent->signal(late);
     EXPECT_EQ(agent->exitStatus(), 0);
-    EXPECT_EQ(wire->heardAfter(twice(threeLeft)), twice(threeLeft));
+    EXPECT_TRUE(wire->hearsOnly(twice(threeLeft)));
     EXPECT_TRUE(learned({}));
 }
 
 TEST_F(AgentTest, ReloadTellsTheDifferenceAndNothingElse) {
     start(groupsOn("up0", threeGroups));
-    ASSERT_EQ(wire->heardAfter(threeJoined), threeJoined);
-
-    wire->forget();
+    ASSERT_TRUE(wire->hearsOnly(threeJoined));
     reload(groupsOn("up0", "'239.1.1.3' = { exclude = ['10.0.0.9'] } # moved up\n"
                            "'239.1.1.2' = { include = ['10.0.0.2', '10.0.0.3'] }\n"
                            "'239.1.1.1' = {}\n"));
     Lines const changed = twice({"ALLOW 239.1.1.2 10.0.0.3", "BLOCK 239.1.1.2 10.0.0.1"});
-    EXPECT_EQ(wire->heardAfter(changed), changed);
+    EXPECT_TRUE(wire->hearsOnly(changed));
     EXPECT_TRUE(
         learned({threeLearned[0], "down0 239.1.1.2 include 10.0.0.2,10.0.0.3", threeLearned[2]}));
 
-    wire->forget();
     reload(groupsOn("up0", "'239.1.1.4' = {}\n"
                            "'239.1.1.2' = { include = ['10.0.0.2', '10.0.0.3'] }\n"
                            "'239.1.1.3' = { exclude = ['10.0.0.9'] }\n"));
     Lines const swapped = twice({"TO_IN 239.1.1.1", "TO_EX 239.1.1.4"});
-    EXPECT_EQ(wire->heardAfter(swapped), swapped);
+    EXPECT_TRUE(wire->hearsOnly(swapped));
     EXPECT_TRUE(learned(
         {"down0 239.1.1.2 include 10.0.0.2,10.0.0.3", threeLearned[2], "down0 239.1.1.4 exclude"}));
 
-    wire->forget();
     for (int i = 0; i < 50; ++i) agent->signal(SIGHUP);
     EXPECT_TRUE(agent->says("is in force", reloads + 1));
-    EXPECT_EQ(wire->heardAfter({}), Lines{}) << "nothing has changed";
+    EXPECT_TRUE(wire->hearsOnly({})) << "nothing has changed";
 }
 
 TEST_F(AgentTest, RequestsDuringTheStartCountOnceTheAgentRuns) {
@@ -95,8 +89,7 @@ TEST_F(AgentTest, RequestsDuringTheStartCountOnceTheAgentRuns) {
     agent = std::make_unique<AgentProcess>(
         folder, net->nearName(),
         Lines{"--config", folder.file("ihproxyd.toml"), "--status", folder.file("status")});
-    ASSERT_TRUE(
-        waitUntil([&] { return (agent->statusField("SigIgn") >> (SIGPIPE - 1) & 1) != 0; }));
+    ASSERT_TRUE(waitUntil([&] { return (agent->statusField("SigBlk") >> (SIGHUP - 1) & 1) != 0; }));
     folder.write("ihproxyd.toml", "");
     for (int const request : {SIGHUP, SIGUSR1}) agent->signal(request);
     EXPECT_TRUE(agent->says("is in force")) << agent->output();
@@ -105,21 +98,19 @@ TEST_F(AgentTest, RequestsDuringTheStartCountOnceTheAgentRuns) {
 
 TEST_F(AgentTest, InterfaceTakenOutOfTheFileLeavesItsGroupsAndComesBack) {
     start(groupsOn("up0", threeGroups));
-    ASSERT_EQ(wire->heardAfter(threeJoined), threeJoined);
-    wire->forget();
+    ASSERT_TRUE(wire->hearsOnly(threeJoined));
     reload("");
-    EXPECT_EQ(wire->heardAfter(twice(threeLeft)), twice(threeLeft));
+    EXPECT_TRUE(wire->hearsOnly(twice(threeLeft)));
     EXPECT_TRUE(learned({}));
     wire->forget();
     reload(groupsOn("up0", threeGroups));
-    EXPECT_EQ(wire->heardAfter(threeJoined), threeJoined);
+    EXPECT_TRUE(wire->hearsOnly(threeJoined));
     EXPECT_TRUE(learned(threeLearned));
 }
 
 TEST_F(AgentTest, BadFileChangesNothingAndIsLoggedWithItsPlaces) {
     start(groupsOn("up0", threeGroups));
-    ASSERT_EQ(wire->heardAfter(threeJoined), threeJoined);
-    wire->forget();
+    ASSERT_TRUE(wire->hearsOnly(threeJoined));
     std::string const file = folder.file("ihproxyd.toml");
     int refused = 0;
     auto const refuses = [&](std::string const& place) {
@@ -137,7 +128,7 @@ TEST_F(AgentTest, BadFileChangesNothingAndIsLoggedWithItsPlaces) {
     std::filesystem::remove(file);
     EXPECT_EQ(agent->output().find('\x1b'), std::string::npos);
     EXPECT_EQ(agent->output().find(": error: "), std::string::npos) << "each level is said once";
-    EXPECT_EQ(wire->heardAfter({}), Lines{});
+    EXPECT_TRUE(wire->hearsOnly({}));
     EXPECT_TRUE(learned(threeLearned));
 
     reload(groupsOn("up0", "'239.1.1.1' = {}\n"));
@@ -179,7 +170,7 @@ TEST_F(AgentTest, BadFileAtTheStartOrInACheckIsRefusedWithItsPlaces) {
                 << place << process.output();
         EXPECT_EQ(process.output().find("ready"), std::string::npos);
     }
-    EXPECT_EQ(wire->heardAfter({}), Lines{}) << "a check speaks to no router";
+    EXPECT_TRUE(wire->hearsOnly({})) << "a check speaks to no router";
 }
 
 TEST_F(AgentTest, ServiceManagerIsToldOfEachPhase) {
@@ -202,8 +193,8 @@ TEST_F(AgentTest, VrfWaitsForDescriptorsAndStartsWhenThereAreSome) {
         groupsOn("up0", threeGroups) + "[vrf.near]\nnamespace = '" + net->nearName() + "'\n";
     start(file);
     EXPECT_EQ(service.next(), "READY=1");
-    ASSERT_EQ(wire->heardAfter(threeJoined), threeJoined);
-    wire->forget();
+    ASSERT_TRUE(wire->hearsOnly(threeJoined));
+    ASSERT_TRUE(keeps({"239.1.1.1", "239.1.1.2", "239.1.1.3"})); // no file is open any more
     std::size_t const open = agent->openDescriptors();
     auto const red = [&](std::string const& name) {
         return "[vrf." + name + "]\nnamespace = '" + net->farName() + "'\n";
@@ -212,7 +203,7 @@ TEST_F(AgentTest, VrfWaitsForDescriptorsAndStartsWhenThereAreSome) {
     int refused = 0;
     for (int const left : {1, 5, 8}) {
         reload(file);
-        EXPECT_EQ(agent->openDescriptors(), open);
+        EXPECT_TRUE(opens(open));
         agent->descriptorsLeftIs(left);
         reload(file + red("red" + std::to_string(left)));
         EXPECT_TRUE(agent->says("Too many open files", ++refused)) << agent->output();
@@ -224,8 +215,8 @@ TEST_F(AgentTest, VrfWaitsForDescriptorsAndStartsWhenThereAreSome) {
     agent->descriptorsLeftIs(100);
     EXPECT_TRUE(agent->says("VRF red8: can be used now (before: "));
     reload(file);
-    EXPECT_EQ(agent->openDescriptors(), open);
-    EXPECT_EQ(wire->heardAfter({}), Lines{}) << "up0 is not disturbed";
+    EXPECT_TRUE(opens(open));
+    EXPECT_TRUE(wire->hearsOnly({})) << "up0 is not disturbed";
 }
 
 TEST_F(AgentTest, WhatTheAgentMayNotDoIsAnErrorFromTheStart) {

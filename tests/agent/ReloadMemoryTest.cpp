@@ -114,6 +114,7 @@ class ReloadMemoryTest : public testing::Test {
         net->nearIp("addr add 10.98.0.1/24 dev up1");
         net->nearIp("link set up1 up");
         net->nearIp("link set aux1 up");
+        net->nearAwaitUp("up1"); // what comes up later would be announced later
         inside.emplace(net->nearName());
         daemon.emplace(Daemon::Options{path, {}, {}},
                        configurationParse(before, path).configuration);
@@ -154,6 +155,7 @@ class ReloadMemoryTest : public testing::Test {
     void doTurnsFor(double seconds) {
         double const end = EventLoop::now() + seconds;
         while (EventLoop::now() < end) doTurns(1);
+        doTurns(2); // what is due by then, however late that was
     }
     /// What the library gives to the hosts.
     Lines announced() const {

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <gtest/gtest.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
@@ -47,14 +48,21 @@ class Wire {
         std::sort(lines.begin(), lines.end());
         return lines;
     }
-    /// Those answers since the last forget(), sorted, each once, when they are no fewer than
-    /// expected, and a moment later.
-    Lines answersAfter(std::size_t count) {
-        waitUntil([&] { return answers().size() >= count; });
+    /// Those answers since the last forget(), sorted, each once, a moment later.
+    Lines answers() {
         doSettle();
+        return answersSoFar();
+    }
+    /// The same, when they are no fewer than expected, to a query that is sent over and over: it
+    /// may get lost where the near end has no time to listen.
+    Lines answersTo(Agent::Bytes const& query, std::size_t count) {
+        waitUntil([&] {
+            send(query);
+            return answersSoFar().size() >= count;
+        });
         return answers();
     }
-    /// The source addresses of the packets.
+    /// The source addresses of the packets that heard() has lines of.
     std::vector<Lox::IpAddr> const& sources() const { return sources_; }
     void forget() {
         doReceive();
@@ -76,6 +84,15 @@ class Wire {
         doSettle();
         return heard();
     }
+    /// Whether that is these lines and no others; forgets them.
+    testing::AssertionResult hearsOnly(Lines lines) {
+        std::sort(lines.begin(), lines.end());
+        Lines const all = heardAfter(lines);
+        forget();
+        if (all == lines) return testing::AssertionSuccess();
+        return testing::AssertionFailure()
+               << testing::PrintToString(all) << " is heard, not " << testing::PrintToString(lines);
+    }
 
     /// Any octets, as one IPv4 packet to all hosts of the link.
     void send(Agent::Bytes const& packet) const {
@@ -90,7 +107,7 @@ class Wire {
 
   private:
     static void doSettle() { std::this_thread::sleep_for(std::chrono::milliseconds(300)); }
-    Lines answers() {
+    Lines answersSoFar() {
         doReceive();
         return {answers_.begin(), answers_.end()};
     }
@@ -109,7 +126,7 @@ class Wire {
         bool const sound = datagram && datagram->ttl == 1 && datagram->routerAlert &&
                            packet[0] == 0x46 && packet[1] == 0xC0;
         if (!sound) return heard_.push_back("malformed");
-        sources_.push_back(datagram->source);
+        std::size_t const before = heard_.size();
         std::string const text = Agent::packetText(packet);
         for (std::size_t at = 0; at <= text.size();) {
             std::size_t const end = std::min(text.find(", ", at), text.size());
@@ -120,6 +137,7 @@ class Wire {
                 heard_.push_back(line);
             at = end + 2;
         }
+        if (heard_.size() > before) sources_.push_back(datagram->source);
     }
 
     Agent::FileDescriptor socket_;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -132,6 +133,12 @@ void Netns::upstreamIs() const {
     farIp("link set down0 master br0 up");
     nearIp("addr add 10.99.0.2/24 dev up0");
     nearIp("link set up0 up");
+    nearAwaitUp("up0");
+}
+
+void Netns::nearAwaitUp(std::string const& interface) const {
+    waitUntil(
+        [&] { return nearIp("link show " + interface).find("state UP") != std::string::npos; });
 }
 
 void Netns::nearDel() const { run("ip netns del " + near_.name); }
@@ -164,13 +171,12 @@ Netns::Inside::~Inside() {
     close(outside_);
 }
 
-bool waitUntil(std::function<bool()> const& condition, std::chrono::milliseconds limit) {
-    auto const end = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= end) return condition();
+bool waitUntil(std::function<bool()> const& condition) {
+    for (int left = 1500; left > 0; --left) {
+        if (condition()) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    return true;
+    return false;
 }
 
 } // namespace Testing

@@ -4,7 +4,6 @@
 // object, and everything goes away with the object, also when a test throws.
 #pragma once
 
-#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -32,8 +31,12 @@ class Netns {
     void carrierIs(bool present) const;
     /// Removes up0 and its far end.
     void upstreamDel() const;
-    /// Makes both again after upstreamDel, with the same address and a new interface index.
+    /// Makes both again after upstreamDel, with the same address and a new interface index. They
+    /// carry packets when it returns.
     void upstreamIs() const;
+    /// Waits until an interface of the near namespace has been found to have a carrier: the kernel
+    /// notices some time after the command that brings it up.
+    void nearAwaitUp(std::string const& interface) const;
 
     /// Removes the near namespace with all that is in it.
     void nearDel() const;
@@ -72,9 +75,10 @@ class Netns {
     Namespace far_{"far"};
 };
 
-/// Asks every 20 ms until `condition` holds or `limit` has passed; returns its last answer.
-bool waitUntil(std::function<bool()> const& condition,
-               std::chrono::milliseconds limit = std::chrono::seconds(10));
+/// Asks every 20 ms until `condition` holds; returns its last answer. It gives up after 1500
+/// answers, half a minute: counted, for that leaves a machine that is busy or stands still the
+/// longer.
+bool waitUntil(std::function<bool()> const& condition);
 
 } // namespace Testing
 

@@ -185,7 +185,7 @@ TEST_F(KernelRoutesTest, InterfacesThatTheKernelGivesUpAreReadAgain) {
     VrfRegistry vrfs(state, loop, obstacles, [](std::string const&) {});
     for (int const each : netlinkSockets(true)) deafen(each); // links have come, addresses not yet
     vrfs.configurationIs({});
-    EXPECT_FALSE(serveUntil([&] { return vrfs.synchronized(); }, 1));
+    EXPECT_FALSE(serveUntil([&] { return vrfs.synchronized(); }, 5));
     EXPECT_TRUE(serveUntil([&] { return vrfs.synchronized(); }));
 }
 

@@ -46,6 +46,8 @@ class PacketSocketTest : public testing::Test {
         net->nearIp("link add name tx0 type veth peer name rx0");
         net->nearIp("link set tx0 up");
         net->nearIp("link set rx0 up");
+        net->nearAwaitUp("tx0"); // until then, it drops all packets
+        net->nearAwaitUp("rx0");
         space = namespaceOpen(net->nearName());
         tx = std::make_unique<PacketSocket>(indexOf("tx0"), space.get());
         rx = std::make_unique<PacketSocket>(indexOf("rx0"), space.get());
@@ -55,16 +57,14 @@ class PacketSocketTest : public testing::Test {
         NamespaceScope const scope(space.get());
         return int(if_nametoindex(name));
     }
-    /// Everything that arrives within a moment, up to `count` packets.
+    /// What arrives until there are `count` packets.
     std::vector<Octets> arrivals(PacketSocket& socket, std::size_t count) const {
         std::vector<Octets> packets;
-        Testing::waitUntil(
-            [&] {
-                socket.receive(
-                    [&](auto octets) { packets.emplace_back(octets.begin(), octets.end()); });
-                return packets.size() >= count;
-            },
-            std::chrono::seconds(3));
+        Testing::waitUntil([&] {
+            socket.receive(
+                [&](auto octets) { packets.emplace_back(octets.begin(), octets.end()); });
+            return packets.size() >= count;
+        });
         return packets;
     }
     void doSend(Octets const& packet) {

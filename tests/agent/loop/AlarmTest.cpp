@@ -21,7 +21,7 @@ TEST_F(AlarmTest, AlarmPutOffByItsNeighbourInTheSameTurnRingsLater) {
     first.delayIs(0);
     b.delayIs(0);
     std::this_thread::sleep_for(std::chrono::milliseconds(2)); // both are due
-    EXPECT_TRUE(serveUntil([&] { return rings.size() == 2; }, 1));
+    EXPECT_TRUE(serveUntil([&] { return rings.size() == 2; }));
     EXPECT_GE(rings.back() - rings.front(), 0.02);
 }
 

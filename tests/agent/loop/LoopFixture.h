@@ -12,15 +12,16 @@ class LoopFixture : public testing::Test {
   protected:
     LoopFixture() {
         loop.endOfTurnIs([this] {
-            if (condition_ && (condition_() || EventLoop::now() >= end_)) loop.stopIs(0);
+            if (condition_ && (condition_() || ticksLeft_ <= 0)) loop.stopIs(0);
         });
     }
 
-    /// Serves until `condition` holds at the end of a turn, or `seconds` have passed; returns
-    /// whether it holds.
-    bool serveUntil(std::function<bool()> condition, double seconds = 10) {
+    /// Serves until `condition` holds at the end of a turn, or 20 ms have passed `ticks` times;
+    /// returns whether it holds. Counted, for that leaves a machine that is busy or stands still
+    /// the longer.
+    bool serveUntil(std::function<bool()> condition, int ticks = 1500) {
         condition_ = std::move(condition);
-        end_ = EventLoop::now() + seconds;
+        ticksLeft_ = ticks;
         tick_.delayIs(0);
         loop.run();
         return std::exchange(condition_, nullptr)();
@@ -30,9 +31,12 @@ class LoopFixture : public testing::Test {
 
   private:
     std::function<bool()> condition_;
-    double end_ = 0;
+    int ticksLeft_ = 0;
     /// What the condition looks at may change without an event of the loop.
-    Alarm tick_{loop, [this] { tick_.delayIs(0.02); }};
+    Alarm tick_{loop, [this] {
+                    --ticksLeft_;
+                    tick_.delayIs(0.02);
+                }};
 };
 
 } // namespace Agent
