@@ -35,7 +35,7 @@ TEST_F(HostEnginePacingTest, NoHundredMillisecondsSeeMoreThanTheLimit) {
             limit(packets);
             now += 0.0731; // on no border
             excludeMany("239.3.0.0", 2000);
-            engine.flush(now);
+            engine->flush(now);
             std::size_t atOnce = std::min(packets, version == 3 ? 11u : 2000u);
             EXPECT_EQ(sent.size(), atOnce);
             serve(60);
@@ -43,7 +43,7 @@ TEST_F(HostEnginePacingTest, NoHundredMillisecondsSeeMoreThanTheLimit) {
             serve(60);
             EXPECT_LE(mostPer100ms(), packets);
             EXPECT_GE(mostPer100ms(), atOnce);
-            engine.leaveAll(now);
+            engine->leaveAll(now);
             serve(1);
             taken();
         }
@@ -58,10 +58,10 @@ TEST_F(HostEnginePacingTest, LeavingEndsWithinASecondHoweverManyGroups) {
         limit(1);
         taken();
         double start = now;
-        engine.leaveAll(now);
+        engine->leaveAll(now);
         EXPECT_LE(sent.size(), 1u);
         serve(0.75);
-        EXPECT_TRUE(engine.hasLeft());
+        EXPECT_TRUE(engine->hasLeft());
         EXPECT_EQ(sent.size(), version == 3 ? 2 * 359u : 2 * 10000u);
         EXPECT_LT(mostPer100ms(), sent.size() / 6) << "evenly";
         EXPECT_GE(sent[sent.size() / 2].time, start + HostEngine::leaveSeconds / 2);
@@ -72,7 +72,7 @@ TEST_F(HostEnginePacingTest, LeavingEndsWithinASecondHoweverManyGroups) {
 TEST_F(HostEnginePacingTest, GroupTooBigForTheBudgetLeavesInPieces) {
     limit(1);
     include(g1, range("10.1.0.0", 1000));
-    engine.flush(now);
+    engine->flush(now);
     serve(0.25);
     ASSERT_EQ(sent.size(), 3u);
     EXPECT_EQ(mostPer100ms(), 1u);
@@ -87,7 +87,7 @@ TEST_F(HostEnginePacingTest, GroupThatKeepsChangingKeepsItsTurn) {
     for (unsigned i = 0; i < 100; ++i) { // each of the others fills a packet, so their queue grows
         include(Lox::IpAddr::fromHost(ip("239.3.0.0").host() + i), range("10.1.0.0", 360));
         if (i >= 5) include(g1, range("10.1.0.0", 10 + i % 2));
-        engine.flush(now);
+        engine->flush(now);
         serve(0.05);
     }
     EXPECT_LT(timeOf(g1), start + 3);
@@ -97,7 +97,7 @@ TEST_F(HostEnginePacingTest, FreshChangeOvertakesABacklogWhichIsNotStarved) {
     speak(2);
     limit(10);
     excludeMany("239.3.0.0", 500);
-    engine.flush(now);
+    engine->flush(now);
     serve(60);
     taken();
     hear(message(IgmpType::query, {}, 1));
@@ -105,7 +105,7 @@ TEST_F(HostEnginePacingTest, FreshChangeOvertakesABacklogWhichIsNotStarved) {
     double joined = now;
     exclude(g1);
     for (Lox::IpAddr group : range("239.4.0.0", 400)) { // as many joins as the budget has packets
-        engine.flush(now);
+        engine->flush(now);
         serve(0.01);
         exclude(group);
     }
@@ -179,7 +179,7 @@ TEST_F(HostEnginePacingTest, GeneralAnswerBeginsEarlyEnoughToEndInTime) {
             EXPECT_LE(sent.back().time, end);
         }
         limit(1'000'000);
-        for (Lox::IpAddr group : range("239.3.0.0", 20000)) engine.groupDel(group);
+        for (Lox::IpAddr group : range("239.3.0.0", 20000)) engine->groupDel(group);
         settle();
     }
 }
@@ -216,25 +216,25 @@ TEST_F(HostEnginePacingTest, GeneralAnswerServesAQueryForAGroupOnlyIfItNamesItIn
         for (Lox::IpAddr group : groups) hear(v3Query(20, group));
         serve(30);
         for (Lox::IpAddr group : groups) ASSERT_LE(timeOf(group), end) << group << ", " << i;
-        EXPECT_EQ(engine.nextExpiry(), never);
+        EXPECT_EQ(engine->nextExpiry(), never);
     }
 }
 
 TEST_F(HostEnginePacingTest, QueriesFasterThanTheAnswerDoNotStarveItsEnd) {
     limit(1);
     excludeMany("239.3.0.0", 5000);
-    engine.flush(now);
+    engine->flush(now);
     serve(60);
     taken();
     for (unsigned i = 0; i < 100; ++i) {
         hear(v3Query(1));
-        if (i == 10) engine.groupDel(ip("239.3.0.9"));
-        engine.flush(now);
+        if (i == 10) engine->groupDel(ip("239.3.0.9"));
+        engine->flush(now);
         serve(0.1);
     }
     for (Lox::IpAddr group : range("239.3.0.0", 5000)) ASSERT_LT(timeOf(group), never) << group;
     serve(60);
-    EXPECT_EQ(engine.nextExpiry(), never);
+    EXPECT_EQ(engine->nextExpiry(), never);
 }
 
 } // namespace

@@ -102,7 +102,7 @@ TEST(IgmpPacketTest, EachFaultHasItsReason) {
 
 TEST(IgmpPacketTest, RouterAlertIsFoundAmongOtherOptions) {
     std::pair<Bytes, bool> const cases[] = {{{1, 0x44, 3, 5, 0x94, 4, 0, 0}, true},
-                                            {{0, 0x94, 4, 0}, false},
+                                            {{0, 4, 0, 0, 0x94, 4, 0, 0}, false},
                                             {{0x44, 0, 0x94, 4}, false},
                                             {{0x44, 9, 0, 0}, false}};
     for (auto const& [options, there] : cases) {

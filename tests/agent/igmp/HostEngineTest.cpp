@@ -1,0 +1,149 @@
+// The host engine where it takes many rounds to tell: random delays, memory, and what a router
+// believes in the end.
+#include "agent/igmp/HostEngineFixture.h"
+
+#include <malloc.h>
+#include <map>
+#include <set>
+
+namespace Agent {
+namespace {
+
+using HostEngineTest = HostEngineFixture;
+
+TEST_F(HostEngineTest, RepeatsComeAtRandomWithinTheInterval) {
+    settings.robustness = 5;
+    settingsApply();
+    std::set<double> delays;
+    for (Lox::IpAddr group : range("239.1.1.1", 50)) {
+        exclude(group);
+        engine->flush(now);
+        for (unsigned repeat = 1; repeat < 5; ++repeat) {
+            double due = engine->nextExpiry();
+            delays.insert(due - now);
+            engine->timeIs(now = due);
+            ASSERT_EQ(sent.size(), repeat + 1);
+        }
+        EXPECT_EQ(engine->nextExpiry(), never);
+        taken();
+    }
+    EXPECT_TRUE(0 < *delays.begin() && *delays.begin() < 0.1) << *delays.begin();
+    EXPECT_TRUE(0.9 < *delays.rbegin() && *delays.rbegin() < 1) << *delays.rbegin();
+}
+
+TEST_F(HostEngineTest, GeneralQueryIsAnsweredAtRandomWithinTheResponseTime) {
+    exclude(g1);
+    settle();
+    std::string const all = "IS_EX 239.1.1.1";
+    std::pair<std::uint8_t, double> const cases[] = {
+        {1, 0.1}, {100, 10}, {127, 12.7}, {128, 12.8}, {255, 3174.4}};
+    for (auto [code, seconds] : cases) {
+        unsigned quarters[4] = {};
+        for (unsigned i = 0; i < 40; ++i) {
+            hear(v3Query(code));
+            EXPECT_EQ(flush(), "") << "never at once";
+            double part = (engine->nextExpiry() - now) / seconds;
+            ASSERT_GT(part, 0);
+            ASSERT_LT(part, 1);
+            ++quarters[unsigned(4 * part)];
+            EXPECT_EQ(pass(seconds), all);
+            EXPECT_EQ(engine->nextExpiry(), never);
+        }
+        for (unsigned quarter : quarters) EXPECT_GT(quarter, 2u);
+    }
+    hear(v3Query(0));
+    EXPECT_EQ(taken(), "");
+    EXPECT_EQ(pass(0), all) << "code 0: at the next call";
+    EXPECT_EQ(counters().v3GeneralQueryReceived, 201u);
+    EXPECT_EQ(counters().v3CurrentStateReportSent, 201u);
+    EXPECT_EQ(counters().v3StateChangeReportSent, 2u);
+}
+
+TEST_F(HostEngineTest, SourcesAreKeptUpToALimitAndUntilTheAnswer) {
+    excludeMany("239.3.0.0", 1000);
+    settle();
+    auto ask = [&](unsigned sources) {
+        for (Lox::IpAddr group : range("239.3.0.0", 1000))
+            hear(v3Query(100, group, range("10.9.0.0", sources)));
+    };
+    std::size_t before = mallinfo2().uordblks; // of the whole process
+    auto octetsPerGroup = [&] { return (double(mallinfo2().uordblks) - double(before)) / 1000; };
+    for (bool general : {false, true}) {
+        ask(HostGroup::maxAsked);
+        if (general) hear(v3Query(0));
+        EXPECT_LT(octetsPerGroup(), 400);
+        ask(255);
+        EXPECT_LT(octetsPerGroup(), 100) << "the whole group is asked about";
+        pass(10);
+        ask(HostGroup::maxAsked);
+        if (general) hear(message(IgmpType::query, {}, 1)); // cancels the answers
+        pass(10);
+        EXPECT_LT(octetsPerGroup(), 30);
+    }
+    for (unsigned i = 0; i < 1000; ++i) {
+        include(g1, range("10.9.0.0", 100 + i % 2));
+        flush();
+    }
+    EXPECT_LT(octetsPerGroup(), 30) << "nor are those of earlier turns";
+}
+
+/// What a router believes that listens to this host alone, and loses one of its packets.
+class LossyRouter : public HostEngine::Output {
+  public:
+    explicit LossyRouter(unsigned lost) : lost_(lost) {}
+    void warn(std::string const&) override {}
+    void send(std::span<std::uint8_t const> packet) override {
+        if (count_++ == lost_) return;
+        for (std::size_t at = 32; at < packet.size();) {
+            auto& [exclude, list] = groups[Lox::IpAddr::fromOctets(&packet[at + 4])];
+            unsigned type = packet[at];
+            if (type <= 4) list.clear();
+            if (type <= 4) exclude = type % 2 == 0;
+            bool listed = type <= 4 || exclude == (type == 6);
+            for (unsigned left = packet[at + 3]; left > 0; --left, at += 4) {
+                auto source = Lox::IpAddr::fromOctets(&packet[at + 8]);
+                if (listed)
+                    list.insert(source);
+                else
+                    list.erase(source);
+            }
+            at += 8;
+        }
+        std::erase_if(groups,
+                      [](auto& item) { return !item.second.first && item.second.second.empty(); });
+    }
+
+    std::map<Lox::IpAddr, std::pair<bool, std::set<Lox::IpAddr>>> groups; // exclude?, its list
+
+  private:
+    unsigned lost_, count_ = 0;
+};
+
+TEST(HostEngineLossTest, RouterKnowsTheStateThoughAReportIsLost) {
+    for (unsigned seed = 0; seed < 300; ++seed) {
+        std::mt19937 random(seed);
+        LossyRouter router(unsigned(random() % 40)), wanted(0);
+        HostEngine engine(router, random);
+        double now = 0;
+        engine.linkUp(now);
+        for (unsigned step = 0; step < 30; ++step) {
+            auto group = Lox::IpAddr::fromHost(0xEF000001u + unsigned(random() % 3));
+            Sources sources;
+            for (Lox::IpAddr source : range("10.0.0.1", 5))
+                if (random() % 2) sources.push_back(source);
+            bool exclude = random() % 2;
+            engine.groupIs(group, exclude ? FilterMode::exclude : FilterMode::include, sources);
+            wanted.groups[group] = {exclude, {sources.begin(), sources.end()}};
+            if (!exclude && sources.empty()) wanted.groups.erase(group);
+            if (random() % 2) engine.flush(now);
+            for (double end = now + 0.3 * double(random() % 4); engine.nextExpiry() <= end;)
+                engine.timeIs(now = engine.nextExpiry());
+        }
+        engine.flush(now);
+        while (engine.nextExpiry() < never) engine.timeIs(now = engine.nextExpiry());
+        ASSERT_EQ(router.groups, wanted.groups) << "seed " << seed;
+    }
+}
+
+} // namespace
+} // namespace Agent

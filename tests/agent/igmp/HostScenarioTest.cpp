@@ -1,0 +1,274 @@
+// Runs the scenarios beside this file: what happens to a host of IGMP, and what it says. "== " and
+// a title begin one. Each other line is a turn in up to three columns:
+//
+//   +9  include g1 a b; v2-query 100  |  ALLOW g1 a b; v2 g2  |  version=2 idle=1   # comment
+//
+// First that many seconds pass, and then the events happen, in their order. Behind the first "|"
+// stand all packets that leave meanwhile, as sets of records, in any order; "..." stands for at
+// least one. Behind the second stands what holds in the end: a counter, or a name of doReadFacts().
+// Before the first turn the link is up, changes are repeated within a second, and no pace is set.
+//
+// g1 is 239.1.1.1; a, b and c are 10.0.0.11 and the next ones; "10.0.0.1*4" is as many in a row.
+#include "agent/igmp/HostEngineFixture.h"
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <set>
+#include <sstream>
+
+namespace Agent {
+namespace {
+
+using Words = std::vector<std::string>;
+
+struct Turn {
+    int line;
+    Words columns;
+};
+struct Scenario {
+    std::string file, title;
+    std::vector<Turn> turns;
+};
+
+void PrintTo(Scenario const& scenario, std::ostream* out) { *out << scenario.title; }
+
+/// The parts of a text, without the spaces around them.
+Words parts(std::string const& text, char separator) {
+    Words all;
+    std::istringstream stream(text);
+    for (std::string part; std::getline(stream, part, separator);) {
+        part.erase(0, part.find_first_not_of(' '));
+        part.erase(part.find_last_not_of(' ') + 1);
+        all.push_back(part);
+    }
+    return all;
+}
+
+Words words(std::string const& text) {
+    Words all = parts(text, ' ');
+    std::erase(all, "");
+    return all;
+}
+
+std::vector<Scenario> scenarios() {
+    std::vector<Scenario> all;
+    for (auto const& entry : std::filesystem::directory_iterator(IHP_SCENARIOS)) {
+        std::ifstream file(entry.path());
+        int number = 0;
+        for (std::string line; std::getline(file, line);) {
+            ++number;
+            line.erase(std::min(line.find('#'), line.size()));
+            if (line.starts_with("== "))
+                all.push_back({entry.path().filename(), line.substr(3), {}});
+            else if (Words columns = parts(line, '|'); !words(line).empty())
+                columns.resize(3), all.back().turns.push_back({number, columns});
+        }
+    }
+    return all;
+}
+
+Sources addresses(std::string const& word) {
+    std::size_t const star = word.find('*');
+    std::string first = word.substr(0, star);
+    if (first == "us") first = "10.0.0.2";
+    if (first.size() == 1) first = "10.0.0.1" + std::to_string(first[0] - 'a' + 1);
+    if (first[0] == 'g') first = "239.1.1." + first.substr(1);
+    return range(first.c_str(), star == word.npos ? 1 : unsigned(std::stoul(&word[star + 1])));
+}
+
+/// Packets, their records in the order of the alphabet, and so the packets; addresses in full.
+Words packets(std::string const& text) {
+    Words all;
+    for (std::string const& packet : parts(text, ';')) {
+        std::set<std::string> records;
+        for (std::string const& each : parts(packet, ',')) {
+            Words const said = words(each);
+            std::string record = said.at(0);
+            for (std::size_t i = 1; i < said.size(); ++i)
+                for (Lox::IpAddr const address : addresses(said[i]))
+                    record += " " + address.stringValue();
+            records.insert(record);
+        }
+        all.emplace_back();
+        for (std::string const& record : records) all.back() += record + ", ";
+    }
+    std::sort(all.begin(), all.end());
+    return all;
+}
+
+class HostScenarioTest : public HostEngineFixture, public testing::WithParamInterface<Scenario> {
+  protected:
+    void doTurn(Turn const& turn) {
+        std::string events = turn.columns[0];
+        if (events.starts_with("+")) {
+            std::size_t digits = 0;
+            serve(std::stod(events, &digits));
+            events.erase(0, digits);
+        }
+        for (std::string const& event : parts(events, ';')) doEvent(words(event));
+        engine->flush(now);
+        std::string const said = taken();
+        if (turn.columns[1] == "...")
+            EXPECT_NE(said, "");
+        else
+            EXPECT_EQ(packets(said), packets(turn.columns[1]));
+        for (std::string const& fact : words(turn.columns[2])) {
+            std::size_t const end = fact.find_first_of("=<");
+            std::string const name = fact.substr(0, end);
+            double const is = name == "changed" ? engine->takeHeldChange() : facts().at(name),
+                         limit = std::stod(&fact[end + 1]);
+            EXPECT_TRUE(fact[end] == '=' ? is == limit : is < limit) << fact << ": " << is;
+        }
+    }
+
+  private:
+    void doEvent(Words const& event) {
+        if (event.empty()) return;
+        std::map<std::string, std::string> options;
+        unsigned code = 0;
+        std::vector<Sources> named;
+        for (std::size_t i = 1; i < event.size(); ++i) {
+            std::size_t const equals = event[i].find('=');
+            if (equals != std::string::npos)
+                options[event[i].substr(0, equals)] = event[i].substr(equals + 1);
+            else if (event[i].find_first_not_of("0123456789") == std::string::npos)
+                code = unsigned(std::stoul(event[i]));
+            else
+                named.push_back(addresses(event[i]));
+        }
+        Sources const groups = named.empty() ? Sources{{}} : named[0];
+        Sources sources;
+        for (std::size_t i = 1; i < named.size(); ++i)
+            sources.insert(sources.end(), named[i].begin(), named[i].end());
+        if (!doHear(event[0], std::uint8_t(code), groups[0], sources, options))
+            doChange(event[0], groups, sources, options);
+    }
+
+    void doChange(std::string const& verb, Sources const& groups, Sources const& sources,
+                  std::map<std::string, std::string> const& options) {
+        std::map<std::string, std::function<void()>> const verbs{
+            {"include",
+             [&] {
+                 for (auto group : groups) include(group, sources);
+             }},
+            {"exclude",
+             [&] {
+                 for (auto group : groups) exclude(group, sources);
+             }},
+            {"delete",
+             [&] {
+                 for (auto group : groups) engine->groupDel(group);
+             }},
+            {"link-down", [&] { engine->linkDown(now); }},
+            {"link-up", [&] { engine->linkUp(now); }},
+            {"leave-all", [&] { engine->leaveAll(now); }},
+            {"former-end", [&] { engine->formerEnd(now); }},
+            {"set",
+             [&] {
+                 for (auto const& [name, value] : options) doSet(name, value);
+                 settingsApply();
+             }},
+            {"restart", [&] { doRestart(); }},
+        };
+        verbs.at(verb)();
+    }
+
+    /// A query or a report; whether it was one.
+    bool doHear(std::string const& verb, std::uint8_t code, Lox::IpAddr group,
+                Sources const& sources, std::map<std::string, std::string> const& options) {
+        auto const option = [&](char const* name, std::string const& otherwise) {
+            auto const found = options.find(name);
+            return found == options.end() ? otherwise : found->second;
+        };
+        bool const query = verb.ends_with("-query");
+        std::map<std::string, Bytes> const messages{
+            {"v1-query", message(IgmpType::query, group)},
+            {"v2-query", message(IgmpType::query, group, code)},
+            {"v3-query",
+             v3Query(code, group, sources, std::uint8_t(std::stoul(option("qrv", "2"))))},
+            {"v1-report", message(IgmpType::v1Report, group)},
+            {"v2-report", message(IgmpType::v2Report, group)},
+            {"v2-leave", message(IgmpType::v2Leave, group)},
+            {"v3-report", message(IgmpType::v3Report, group)},
+            {"unknown", message(IgmpType(0x13), group)},
+        };
+        auto const found = messages.find(verb);
+        if (found == messages.end()) return false;
+        Bytes payload = found->second;
+        payload.resize(std::stoul(option("octets", std::to_string(payload.size()))));
+        Envelope envelope;
+        envelope.source = addresses(option("from", query ? "10.0.0.1" : "0.0.0.0"))[0];
+        envelope.destination =
+            addresses(option("to", (query ? allSystems : group).stringValue()))[0];
+        envelope.ttl = std::uint8_t(std::stoul(option("ttl", "1")));
+        if (option("alert", "1") == "0") envelope.options.clear();
+        hear(payload, envelope);
+        return true;
+    }
+
+    void doSet(std::string const& name, std::string const& value) {
+        if (name == "address") return void(settings.address = ip(value.c_str()));
+        if (name == "also") return settings.localAddresses.push_back(ip(value.c_str()));
+        double const number = std::stod(value);
+        std::map<std::string, std::function<void()>> const names{
+            {"version", [&] { settings.version = unsigned(number); }},
+            {"interval", [&] { settings.unsolicitedReportIntervalSeconds = number; }},
+            {"prefix", [&] { settings.prefixLength = unsigned(number); }},
+            {"mtu", [&] { settings.mtu = unsigned(number); }},
+            {"robustness", [&] { settings.robustness = unsigned(number); }},
+            {"alert", [&] { settings.requireRouterAlert = number != 0; }},
+            {"ssm-only", [&] { settings.ssmOnly = number != 0; }},
+            {"pace", [&] { settings.packetsPer100ms = unsigned(number); }},
+        };
+        names.at(name)();
+    }
+
+    /// Another engine, told what this one holds.
+    void doRestart() {
+        RecordList held;
+        engine->heldRecordsAdd(held);
+        engine.emplace(*this, std::mt19937(7));
+        settingsApply();
+        engine->formerAdd(held);
+    }
+
+    std::map<std::string, double> facts() const {
+        RecordList held;
+        engine->heldRecordsAdd(held);
+        std::map<std::string, double> all{
+            {"version", engine->version()},          {"warnings", double(warnings.size())},
+            {"idle", engine->nextExpiry() == never}, {"left", engine->hasLeft()},
+            {"former", engine->hasFormer()},         {"held", double(held.size())},
+        };
+#define AGENT_FACT(name) all[#name] = counters().name;
+        AGENT_HOST_COUNTERS(AGENT_FACT)
+#undef AGENT_FACT
+#define AGENT_FACT(name) all[#name] = dropped(DropReason::name);
+        AGENT_DROP_REASONS(AGENT_FACT)
+#undef AGENT_FACT
+        return all;
+    }
+};
+
+TEST_P(HostScenarioTest, SaysWhatItShould) {
+    for (Turn const& turn : GetParam().turns) {
+        SCOPED_TRACE(GetParam().file + ":" + std::to_string(turn.line) + ": " + GetParam().title);
+        ASSERT_NO_THROW(doTurn(turn));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(, HostScenarioTest, testing::ValuesIn(scenarios()),
+                         [](auto const& scenario) {
+                             std::string name;
+                             for (std::string word : words(scenario.param.title)) {
+                                 word[0] = char(std::toupper(word[0]));
+                                 std::erase_if(word, [](char c) { return !std::isalnum(c); });
+                                 name += word;
+                             }
+                             return name;
+                         });
+
+} // namespace
+} // namespace Agent
