@@ -116,6 +116,7 @@ bool IgmpHostPort::finished(double now, bool ending) {
 
 void IgmpHostPort::formerAdd(RecordList const& groups, unsigned version) {
     settings_.version = version;
+    engine_.settingsIs(EventLoop::now(), settings_); // also for whoever writes what is held
     engine_.formerAdd(groups);
 }
 

@@ -1,6 +1,7 @@
 // A reload for which memory runs out, at each of its allocations in turn.
 #include "agent/Daemon.h"
 #include "agent/Wire.h"
+#include "agent/records/Announced.h"
 #include "netns/Netns.h"
 
 #include <algorithm>
@@ -157,24 +158,7 @@ class ReloadMemoryTest : public testing::Test {
         while (EventLoop::now() < end) doTurns(1);
         doTurns(2); // what is due by then, however late that was
     }
-    /// What the library gives to the hosts.
-    Lines announced() const {
-        Lines lines;
-        for (auto const& [name, host] : daemon->state().hostDir->igmpHost())
-            for (auto const& [group, record] : host->v3group()) {
-                std::string line = name + " v" + std::to_string(unsigned(host->igmpVersion())) +
-                                   " " + group.stringValue() + " " +
-                                   std::to_string(unsigned(record->filterMode()));
-                Lines sources;
-                for (auto const& item : record->source()->sourceIp())
-                    if (item.value != 0) sources.push_back(item.key.stringValue());
-                std::sort(sources.begin(), sources.end());
-                for (std::string const& source : sources) line += " " + source;
-                lines.push_back(line);
-            }
-        std::sort(lines.begin(), lines.end());
-        return lines;
-    }
+    Lines announced() const { return Agent::announced(daemon->state()); }
 
     std::string const path =
         std::filesystem::temp_directory_path() / ("ihproxyd-reload-" + std::to_string(getpid()));

@@ -1,0 +1,301 @@
+// From the operator's configuration to the host entities and their ports, without a kernel.
+#include "agent/PortRegistry.h"
+#include "agent/records/Announced.h"
+#include "agent/records/ConfigurationWriter.h"
+#include "agent/records/RouteWriter.h"
+#include "support/InProcessPlatform.h"
+
+#include <gtest/gtest.h>
+
+namespace Agent {
+namespace {
+
+using Lines = std::vector<std::string>;
+using Lox::IpAddr;
+
+std::string rule(std::string const& list, int sequence, std::string const& destination,
+                 std::string const& source = "10.1.1.1", std::string const& action = "permit") {
+    return "[[access-list." + list + "]]\nsequence = " + std::to_string(sequence) + "\naction = '" +
+           action + "'\nsource = '" + source + "'\ndestination = '" + destination + "'\n";
+}
+
+class RecordsTest : public testing::Test {
+  protected:
+    RecordsTest() {
+        platform.tables();
+        platform.root = platform.makeRoot();
+        ports = Nex::newObject<PortRegistry>(
+            platform, loop, [this](std::string const&, std::string const&) { return location; },
+            [this](std::string const& name, bool present) {
+                told += (present ? "+" : "-") + name;
+                writer.hostIs(name, present);
+            });
+        platform.usableIntf("up0", 2);
+        location.followed = location.settled = true;
+    }
+
+    void configure(std::string const& text) {
+        ConfigurationReading reading = configurationParse(text, "f");
+        ASSERT_TRUE(reading.valid()) << reading.diagnostics[0].stringValue();
+        writer.configurationIs(std::move(reading.configuration));
+    }
+    void doTurn() {
+        ports->handleConfiguration();
+        ports->handleTurn(EventLoop::now());
+    }
+    /// "up0 2 239.1.1.1" for a group that routers may hold of a host of version 2.
+    Lines held() const {
+        StateText text;
+        for (std::string after; ports->heldAdd(text, after);) {
+        }
+        Lines lines;
+        for (InterfaceState const& each : stateParse(text.take()))
+            for (std::size_t i = 0; i < each.groups.size(); ++i)
+                lines.push_back(each.name + " " + std::to_string(each.version) + " " +
+                                each.groups.record(i).group.stringValue());
+        return lines;
+    }
+
+    Support::InProcessPlatform platform;
+    EventLoop loop;
+    IgmpHostPort::Location location;
+    ConfigurationWriter writer{platform};
+    std::string told;
+    Nex::Ptr<PortRegistry> ports;
+};
+
+TEST_F(RecordsTest, GroupGoesFromEachMixOfWishesToEachOther) {
+    std::string const here = "239.1.1.1", include = "'239.1.1.1' = { include = ['10.0.0.1'] }\n",
+                      any = "'239.1.1.1' = {}\n";
+    auto const iptv = [](int sequence, std::string const& destination,
+                         std::string const& source = "10.1.1.1") {
+        return rule("iptv", sequence, destination, source);
+    };
+    struct {
+        char const* what;
+        std::string groups, rules;
+        Lines announced; // besides the group of another list, which stays
+    } const mixes[] = {
+        {"nothing", "", "", {}},
+        {"any by rule", "", iptv(10, here, "any"), {"1 exclude"}},
+        {"a source by rule", "", iptv(10, here), {"1 include 10.1.1.1"}},
+        {"any by the file", any, "", {"1 exclude"}},
+        {"a source by the file, any by rule",
+         include,
+         iptv(10, here, "any"),
+         {"1 include 10.0.0.1"}},
+        {"any by the file, a source by rule", any, iptv(10, here), {"1 include 10.1.1.1"}},
+        {"both sources", include, iptv(10, here), {"1 include 10.0.0.1 10.1.1.1"}},
+        {"the file's source denied by rule",
+         include,
+         rule("iptv", 10, here, "10.0.0.1", "deny"),
+         {"1 exclude 10.0.0.1"}},
+        {"one of two rules denied",
+         "",
+         rule("iptv", 1, here, "any", "deny") + iptv(10, here) + iptv(20, "239.1.1.0/31"),
+         {"0 include 10.1.1.1"}},
+        {"the rule denied", "", rule("iptv", 1, here, "any", "deny") + iptv(10, here), {}},
+        {"two rules",
+         "",
+         iptv(10, here) + iptv(20, "239.1.1.0/30", "any") +
+             rule("iptv", 30, "239.1.1.0", "10.0.0.1", "deny"),
+         {"0 exclude 10.0.0.1", "1 include 10.1.1.1", "2 exclude", "3 exclude"}},
+    };
+    auto const becomes = [&](auto const& from, auto const& to) {
+        configure("[interface.up0]\naccess-lists = ['iptv', 'other']\n[interface.up0.group]\n" +
+                  to.groups + to.rules + rule("other", 10, "239.1.1.9"));
+        Lines expected;
+        for (std::string const& each : to.announced) expected.push_back("up0 v3 239.1.1." + each);
+        expected.push_back("up0 v3 239.1.1.9 include 10.1.1.1");
+        EXPECT_EQ(announced(platform), expected) << from.what << " -> " << to.what;
+    };
+    for (auto const* one = mixes; one != std::end(mixes); ++one) {
+        becomes(mixes[0], *one);
+        for (auto const* another = one + 1; another != std::end(mixes); ++another) {
+            becomes(*one, *another);
+            becomes(*another, *one);
+        }
+        becomes(*one, mixes[0]);
+    }
+}
+
+TEST_F(RecordsTest, ListIsSharedDetachedAndAttachedAgain) {
+    platform.usableIntf("up1", 3);
+    std::string const iptv = rule("iptv", 10, "239.1.1.0/31"), tv = rule("tv", 10, "239.1.1.0/31");
+    auto const file = [](std::string const& up0, std::string const& up1) {
+        return "[interface.up0]\naccess-lists = [" + up0 + "]\n[interface.up1]\naccess-lists = [" +
+               up1 + "]\n";
+    };
+    auto const expect = [this](char const* what, bool up0, bool up1) {
+        Lines expected;
+        for (auto const& [name, attached] : {std::pair("up0", up0), std::pair("up1", up1)})
+            for (char const* const group : {"0", "1"})
+                if (attached)
+                    expected.push_back(name + std::string(" v3 239.1.1.") + group +
+                                       " include 10.1.1.1");
+        EXPECT_EQ(announced(platform), expected) << what;
+    };
+    std::string const both = file("'iptv'", "'iptv'") + iptv, first = file("'iptv'", "") + iptv;
+    struct {
+        char const* what;
+        std::string text;
+        bool up0, up1;
+    } const steps[] = {
+        {"attached to both", both, true, true},
+        {"detached from the other", first, true, false},
+        {"and attached there again", both, true, true},
+        {"a name that no list has", file("'iptv', 'tv'", "'tv'") + iptv, true, false},
+        {"the list of that name comes", file("'iptv', 'tv'", "'tv'") + iptv + tv, true, true},
+        {"another list takes over", file("'tv'", "'tv'") + tv, true, true},
+        {"the list goes while it is attached", file("'tv'", "'tv'"), false, false},
+        {"and comes back", both, true, true},
+    };
+    for (auto const& step : steps) {
+        configure(step.text);
+        expect(step.what, step.up0, step.up1);
+    }
+    platform.delistIntf("up0");
+    expect("gone", false, true);
+    platform.listIntf("up0");
+    expect("and back", true, true);
+    configure(file("", "'iptv'") + iptv);
+    expect("the rules of a list count once, however the interface came to it", false, true);
+}
+
+TEST_F(RecordsTest, RuleKeepsItsIdWhereverItGoesAndOverlapsAreTold) {
+    std::string overlaps;
+    auto const config = platform.aclConfig;
+    AccessListWriter lists(*config, [&](std::string const& name) { overlaps += name + " "; });
+    auto const ids = [&](std::string const& rules, bool lost) {
+        EXPECT_EQ(lists.listsIs(configurationParse(rules, "f").configuration.accessLists), lost);
+        std::map<std::string, std::uint64_t> all; // by destination
+        Nex::Ptr const rulesNow = config->acl("a")->currCfg();
+        for (auto const& item : rulesNow->ruleBySequence())
+            all[rulesNow->ipRuleById(item.value).filter.destination.address().stringValue()] =
+                item.value.number();
+        return all;
+    };
+    std::string const one = "239.1.1.0/31", two = "239.1.1.1", three = "239.2.0.0/16";
+    auto const before = ids(rule("a", 1, one) + rule("a", 2, two), false);
+    ASSERT_EQ(before.size(), 2u);
+    EXPECT_EQ(ids(rule("a", 2, one) + rule("a", 1, two), false), before) << "numbers change places";
+    EXPECT_EQ(overlaps, "");
+    auto const after = ids(rule("a", 2, three) + rule("a", 7, two), true);
+    EXPECT_EQ(overlaps, "a ") << "what stays selects a group of what goes";
+    ASSERT_EQ(after.size(), 2u);
+    for (auto const& [destination, id] : after) {
+        auto const known = before.find(destination);
+        EXPECT_EQ(known != before.end() && known->second == id, known != before.end());
+        EXPECT_TRUE(known != before.end() || id > 2) << "never one that was used";
+    }
+    lists.listsIs({});
+    EXPECT_EQ(config->acl("a"), nullptr);
+}
+
+TEST_F(RecordsTest, WhatAReloadLetsGoOfIsReleased) {
+    auto const released = [this] {
+        Lines lines;
+        for (auto const& each : writer.released())
+            lines.push_back(each.interface + " " + each.list + " " +
+                            each.groups.address().stringValue());
+        return lines;
+    };
+    std::string const up0 = "[interface.up0]\naccess-lists = ['a']\n[interface.up0.group]\n";
+    configure(up0 + "'239.1.1.1' = {}\n'239.1.1.2' = {}\n" + rule("a", 1, "239.2.0.0/31") +
+              rule("a", 2, "239.3.0.0/31"));
+    EXPECT_EQ(released(), Lines{});
+    configure(up0 + "'239.1.1.2' = {}\n" + rule("a", 9, "239.3.0.0/31"));
+    EXPECT_EQ(released(), (Lines{"up0  239.1.1.1", "up0 a 239.2.0.0"}));
+    configure("[interface.up0]\n" + rule("a", 9, "239.3.0.0/31"));
+    EXPECT_EQ(released(), (Lines{"up0  239.1.1.2", "up0 a 239.3.0.0"}));
+    configure("");
+    EXPECT_EQ(released(), Lines{}) << "an interface that goes holds nothing back";
+}
+
+TEST_F(RecordsTest, RoutesAreWrittenOnceAndTouchedByGroup) {
+    Nex::Ptr const tables = platform.mfibDir->keshColl(L3::VrfName("default"));
+    RouteWriter routes(tables, "kernel");
+    configure("[interface.up0]\n");
+    std::map<std::string, unsigned> const sources{
+        {"0.0.0.0", 1}, {"10.0.0.1", 1}, {"10.0.0.2", 1}, {"10.0.0.3", 2}};
+    auto const stamps = [&] {
+        std::string all;
+        for (auto at = routes.table().routeFrom({}); !at.atEnd(); at.advance())
+            all += std::to_string(routes.table().route(at.key()).stamp);
+        return all;
+    };
+    for (int i = 0; i < 2; ++i)
+        for (auto const& [source, group] : sources)
+            routes.routeIs(IpAddr(source), IpAddr::fromHost(0xEF010100 + group), true);
+    EXPECT_EQ(stamps(), "0000");
+    routes.doTouch(IpAddr("239.1.1.1"));
+    EXPECT_EQ(stamps(), "1110");
+    routes.routeIs(IpAddr(), IpAddr("239.1.1.1"), false);
+    routes.doTouch(IpAddr("239.1.1.9"));
+    EXPECT_EQ(stamps(), "110");
+    routes.doRemove();
+    EXPECT_EQ(tables->keshPtr(&routes.table()), nullptr);
+}
+
+TEST_F(RecordsTest, PortComesAndGoesWithItsEntityAndShowsWhatItCounts) {
+    configure("[interface.up0]\nigmp-version = 2\n[interface.up1]\n");
+    EXPECT_EQ(told, "+up0") << "the other one is not usable";
+    EXPECT_TRUE(platform.hostStatusDir->igmpHostStatus("up0"));
+    doTurn();
+    JsonStream stream(ports->statusPart());
+    while (stream.next()) {
+    }
+    auto const shown = nlohmann::json::parse(stream.take());
+    EXPECT_EQ(shown.size(), 1u);
+    EXPECT_EQ(shown["up0"]["version"], 3) << "no device yet, so the engine has no settings";
+    EXPECT_EQ(shown["up0"]["v2ReportsSent"], 0);
+    platform.usableIntf("up1", 3);
+    platform.delistIntf("up0");
+    EXPECT_EQ(told, "+up0+up1-up0");
+    EXPECT_FALSE(platform.hostStatusDir->igmpHostStatus("up0"));
+    configure("");
+    EXPECT_EQ(told, "+up0+up1-up0-up1");
+}
+
+TEST_F(RecordsTest, WhatAnEarlierRunOwesIsKeptUntilNobodyCanHearIt) {
+    InterfaceState former{"up1", "default", 2, {}};
+    former.groups.recordAdd(RecordType::isEx, IpAddr("239.1.1.1"));
+    InterfaceConfiguration const wanted;
+    location.configuration = &wanted;
+    ports->formerAdd({former});
+    doTurn();
+    EXPECT_EQ(held(), Lines{"up1 2 239.1.1.1"});
+    location.configuration = nullptr; // the device is gone, and the wish for it
+    doTurn();
+    EXPECT_EQ(held(), Lines{});
+
+    location.configuration = &wanted;
+    former.name = "up2";
+    ports->formerAdd({former});
+    doTurn();
+    ports->doEnd(EventLoop::now());
+    doTurn();
+    EXPECT_TRUE(ports->ended());
+    EXPECT_TRUE(ports->takeOwing());
+    EXPECT_EQ(held(), Lines{"up2 2 239.1.1.1"}) << "for the next run";
+}
+
+TEST_F(RecordsTest, SocketThatCannotBeOpenedIsTriedAgain) {
+    configure("[interface.up0]\n");
+    KernelInterface kernel;
+    kernel.name = "up0";
+    kernel.mtu = 1500;
+    kernel.up = true;
+    location.device = {0x7ffffff0, &kernel}; // no interface has that index
+    testing::internal::CaptureStderr();
+    doTurn();
+    double const retry = ports->nextExpiry();
+    EXPECT_GT(retry, EventLoop::now());
+    EXPECT_LT(retry, EventLoop::now() + 2);
+    ports->timeIs(retry);
+    EXPECT_GT(ports->nextExpiry(), retry);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("up0"), std::string::npos);
+}
+
+} // namespace
+} // namespace Agent
