@@ -68,6 +68,32 @@ TEST_F(AgentTest, NoWordWithoutAnAddressAndAllOfThemWithANewOne) {
     for (Lox::IpAddr const source : wire->sources()) EXPECT_EQ(source, Lox::IpAddr("10.97.0.2"));
 }
 
+TEST_F(AgentTest, ReportsFitTheMtuAlsoAfterItHasChanged) {
+    auto const allow = [](int group, int first, int last) {
+        std::string line = "ALLOW 239.1.1." + std::to_string(group);
+        for (int i = first; i <= last; ++i) line += " 10.0.0." + std::to_string(i);
+        return line;
+    };
+    std::string groups;
+    auto const file = [&](int group) {
+        groups += "'239.1.1." + std::to_string(group) + "' = { include = [";
+        for (int i = 1; i <= 100; ++i) groups += "'10.0.0." + std::to_string(i) + "', ";
+        groups += "] }\n";
+        return groupsOn("up0", groups);
+    };
+    start(file(1));
+    Lines const whole = twice({allow(1, 1, 100)});
+    EXPECT_TRUE(wire->hearsOnly(whole));
+    net->nearIp("link set up0 mtu 300");
+    reload(file(2));
+    Lines const pieces = twice({allow(2, 1, 65), allow(2, 66, 100)});
+    EXPECT_TRUE(wire->hearsOnly(pieces));
+    net->nearIp("link set up0 mtu 1500");
+    reload(file(3));
+    Lines const again = twice({allow(3, 1, 100)});
+    EXPECT_TRUE(wire->hearsOnly(again));
+}
+
 TEST_F(AgentTest, RenamedInterfaceFollowsTheNameInTheFile) {
     start(oneGroup + groupsOn("up9", "'239.1.1.9' = {}\n"));
     ASSERT_TRUE(learned(learnedOnce));
