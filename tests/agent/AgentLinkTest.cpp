@@ -25,9 +25,12 @@ TEST_F(AgentTest, GroupsComeBackWithTheCarrier) {
     net->nearIp("link set up0 up");
     EXPECT_TRUE(learned(learnedOnce));
     EXPECT_TRUE(agent->says("up0: can be used now", 2));
-    EXPECT_EQ(agent->output(),
-              "ready\nwarning: up0: is down\nup0: can be used now (before: is down)\n"
-              "warning: up0: is down\nup0: can be used now (before: is down)\n");
+    std::istringstream output(agent->output());
+    std::string said;
+    for (std::string line; std::getline(output, line);) // a report may be due as the link goes
+        if (line.find("not sent") == line.npos) said += line + "\n";
+    EXPECT_EQ(said, "ready\nwarning: up0: is down\nup0: can be used now (before: is down)\n"
+                    "warning: up0: is down\nup0: can be used now (before: is down)\n");
 }
 
 TEST_F(AgentTest, InterfaceThatComesLateOrAgainHasTheSameGroups) {
