@@ -2,6 +2,7 @@
 
 #include "agent/loop/Log.h"
 #include "agent/loop/ServiceManager.h"
+#include "agent/records/RecordPart.h"
 
 #include "IgmpHostProxy/AddressRangeIterator.h"
 

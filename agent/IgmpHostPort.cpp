@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <nlohmann/json.hpp>
 #include <sys/epoll.h>
 #include <sys/stat.h>
 #include <system_error>

@@ -19,7 +19,7 @@
 #include "Nex/Machine.h"
 
 #include <memory>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <sys/types.h>
 #include <utility>

@@ -1,6 +1,7 @@
 #include "agent/PortRegistry.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 
 namespace Agent {
 

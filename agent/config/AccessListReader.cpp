@@ -1,6 +1,7 @@
 #include "agent/config/AccessListReader.h"
 
 #include "agent/config/AddressText.h"
+#include "agent/config/TomlSection.h"
 
 #include <bit>
 #include <fmt/format.h>

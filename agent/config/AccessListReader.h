@@ -7,14 +7,16 @@
 //     destination = "239.1.1.0/30"
 #pragma once
 
-#include "agent/config/TomlSection.h"
-
 #include "Acl/AclConfig.h"
 
 #include <cstdint>
 #include <map>
+#include <vector>
 
 namespace Agent {
+
+class Diagnostics;
+class TomlSection;
 
 /// The rules of one list, by sequence number.
 using AccessListConfiguration = std::map<std::uint32_t, Acl::IpRuleConfig>;

@@ -1,5 +1,7 @@
 #include "agent/records/JsonStream.h"
 
+#include <nlohmann/json.hpp>
+
 namespace Agent {
 
 namespace {

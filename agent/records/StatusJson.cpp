@@ -1,5 +1,7 @@
 #include "agent/records/StatusJson.h"
 
+#include <nlohmann/json.hpp>
+
 namespace Agent {
 
 nlohmann::json toJson(HostCounters const& counters) {

@@ -3,7 +3,7 @@
 
 #include "agent/igmp/HostEngine.h"
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 namespace Agent {
 

@@ -1,6 +1,7 @@
 #include "Lumen/Ring.h"
 
 #include <algorithm>
+#include <chrono>
 
 namespace Lumen {
 
@@ -49,12 +50,15 @@ void Reader::printLongText(std::ostream& out) {
 }
 
 double Ring::secondsOf(Entry const& entry) const {
-    auto const now = std::chrono::steady_clock::now();
-    std::chrono::duration<double> const elapsed = now - first_;
-    auto const first = std::chrono::duration<double>(first_.time_since_epoch());
+    double const elapsed = double(nanoseconds() - firstNanoseconds_);
     double const ticksElapsed = double(ticks() - firstTicks_);
     double const ticksToEntry = double(std::int64_t(entry.stamp - firstTicks_));
-    return first.count() + (ticksElapsed > 0 ? elapsed.count() * ticksToEntry / ticksElapsed : 0);
+    return 1e-9 * (double(firstNanoseconds_) +
+                   (ticksElapsed > 0 ? elapsed * ticksToEntry / ticksElapsed : 0));
+}
+
+std::int64_t Ring::nanoseconds() {
+    return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 } // namespace Lumen

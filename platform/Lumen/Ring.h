@@ -7,7 +7,6 @@
 #pragma once
 
 #include <array>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -16,9 +15,6 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
-#if defined(__x86_64__)
-#include <x86intrin.h>
-#endif
 
 namespace Lumen {
 
@@ -230,11 +226,13 @@ class Ring {
 
     static std::uint64_t ticks() {
 #if defined(__x86_64__)
-        return __rdtsc();
+        return __builtin_ia32_rdtsc(); // the header of its intrinsic takes long to compile
 #else
-        return std::uint64_t(std::chrono::steady_clock::now().time_since_epoch().count());
+        return std::uint64_t(nanoseconds());
 #endif
     }
+    /// On the steady clock.
+    static std::int64_t nanoseconds();
     std::uint64_t freshStamp() {
         std::uint64_t const now = ticks();
         if (depth_ > 0) stamp_ = now;
@@ -245,7 +243,7 @@ class Ring {
     std::uint64_t stamp_ = 0; ///< of the callback under way; 0 until it is taken, and outside
     unsigned depth_ = 0;
     std::uint64_t firstTicks_ = ticks();
-    std::chrono::steady_clock::time_point first_ = std::chrono::steady_clock::now();
+    std::int64_t firstNanoseconds_ = nanoseconds();
     std::array<Entry, capacity_> entries_;
 };
 

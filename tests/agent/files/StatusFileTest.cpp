@@ -2,6 +2,7 @@
 
 #include "IgmpHostProxy/Status.h"
 #include "agent/loop/LoopFixture.h"
+#include "agent/records/RecordPart.h"
 
 #include <filesystem>
 #include <fstream>

@@ -6,6 +6,7 @@
 #include "support/InProcessPlatform.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 namespace Agent {
 namespace {
