@@ -16,7 +16,7 @@ namespace Agent {
 namespace {
 
 /// How soon a packet that the interface's queue had no room for is offered again, in seconds.
-constexpr double retrySeconds = 0.005;
+constexpr double resendSeconds = 0.005;
 /// How soon opening a socket is tried again, in seconds.
 constexpr double openRetrySeconds = 1;
 /// When leaving is given up, in seconds: a little after the engine has told everything, if the
@@ -291,7 +291,7 @@ void IgmpHostPort::warn(std::string const& text) { log(LogLevel::warning, "{}: {
 void IgmpHostPort::doFlushSocket(double now) {
     if (!socket_) return;
     int const error = socket_->flush(now);
-    retryTime_ = error == ENOBUFS ? now + retrySeconds : Nex::never;
+    retryTime_ = error == ENOBUFS ? now + resendSeconds : Nex::never;
     std::uint32_t const events = error == EAGAIN ? EPOLLIN | EPOLLOUT : EPOLLIN;
     if (events != awaited_)
         loop_.descriptorIs(socket_->fd(), events, [this](std::uint32_t e) { handleSocket(e); });

@@ -10,7 +10,7 @@ namespace Agent {
 namespace {
 
 /// Lines in one turn: a namespace may take thousands of interfaces with it.
-constexpr unsigned most = 20;
+constexpr unsigned mostTold = 20;
 
 } // namespace
 
@@ -21,13 +21,13 @@ void Obstacles::reasonIs(std::string const& subject, std::string const& reason, 
         return;
     changed_ = true;
     if (reason.empty()) {
-        if (++ended_ <= most)
+        if (++ended_ <= mostTold)
             log(LogLevel::info, "{}: can be used now (before: {})", name, known->second.reason);
         obstacles_.erase(known);
         return;
     }
     obstacles_[name] = {level, printable(reason)};
-    if (++begun_ <= most) log(level, "{}: {}", name, obstacles_[name].reason);
+    if (++begun_ <= mostTold) log(level, "{}: {}", name, obstacles_[name].reason);
 }
 
 void Obstacles::reasonDel(std::string const& subject) {
@@ -36,8 +36,10 @@ void Obstacles::reasonDel(std::string const& subject) {
 
 void Obstacles::handleTurn() {
     if (!changed_) return;
-    if (begun_ > most) log(LogLevel::warning, "and {} more that cannot be used", begun_ - most);
-    if (ended_ > most) log(LogLevel::info, "and {} more that can be used now", ended_ - most);
+    if (begun_ > mostTold)
+        log(LogLevel::warning, "and {} more that cannot be used", begun_ - mostTold);
+    if (ended_ > mostTold)
+        log(LogLevel::info, "and {} more that can be used now", ended_ - mostTold);
     changed_ = false;
     begun_ = ended_ = 0;
     auto const gravest =

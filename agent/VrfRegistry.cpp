@@ -8,7 +8,7 @@ namespace Agent {
 
 namespace {
 
-constexpr double retrySeconds = 5;
+constexpr double reopenSeconds = 5;
 
 std::string placeIn(std::map<std::string, std::string> const& places, std::string const& name) {
     auto const found = places.find(name);
@@ -62,7 +62,7 @@ void VrfRegistry::configurationIs(Configuration const& configuration) {
 }
 
 void VrfRegistry::doRetry() {
-    retry_.delayIs(retrySeconds);
+    retry_.delayIs(reopenSeconds);
     for (auto const& item : vrfs_) item.second->doRetry();
 }
 

@@ -10,8 +10,9 @@
 
 namespace {
 
-constexpr std::uint32_t firstGroup = 0xEF000000; // 239.0.0.0
-constexpr std::uint32_t source = 0x0A000001;
+using Bench::firstGroup;
+using Bench::firstSource;
+
 /// What the library writes to the trace ring for a group that comes, and for one that goes.
 constexpr unsigned linesOfComing = 17;
 constexpr unsigned linesOfGoing = 9;
@@ -29,7 +30,7 @@ struct ListWorld {
         platform.aclConfig->aclIs("iptv")->currCfgIs(rules);
     }
     void add(std::uint32_t groups) {
-        Lox::IpAddrWithFullMask const from(Lox::IpAddr::fromHost(source), ~std::uint32_t(0));
+        Lox::IpAddrWithFullMask const from(Lox::IpAddr::fromHost(firstSource), ~std::uint32_t(0));
         Lox::IpAddrWithFullMask const to(Lox::IpAddr::fromHost(firstGroup), maskOf(groups));
         rules->ipRuleByIdIs(Acl::UniqueId(1), {Acl::Action::permit, {from, to}});
         rules->ruleBySequenceIs(1, Acl::UniqueId(1));
@@ -47,10 +48,10 @@ struct ListFloor {
         IgmpHostProxy::AddressRangeIterator at(firstGroup, maskOf(groups));
         for (; !at.done(); ++at) {
             std::uint32_t const group = (*at).host();
-            interface.list[group].include.add(source);
-            interface.counts[group] = {source, 1};
-            interface.announce(source, group);
-            Bench::FloorInterface::trace(linesOfComing, source, group);
+            interface.list[group].include.add(firstSource);
+            interface.counts[group] = {firstSource, 1};
+            interface.announce(firstSource, group);
+            Bench::FloorInterface::trace(linesOfComing, firstSource, group);
         }
         size = groups;
     }
@@ -59,10 +60,10 @@ struct ListFloor {
         IgmpHostProxy::AddressRangeIterator at(firstGroup, maskOf(size));
         for (; !at.done(); ++at) {
             std::uint32_t const group = (*at).host();
-            interface.list.find(group)->include.del(source);
+            interface.list.find(group)->include.del(firstSource);
             if (--interface.counts[group].count == 0) interface.counts.erase(group);
-            interface.withdraw(source, group);
-            Bench::FloorInterface::trace(linesOfGoing, source, group);
+            interface.withdraw(firstSource, group);
+            Bench::FloorInterface::trace(linesOfGoing, firstSource, group);
         }
     }
     std::size_t announced() const { return interface.host.size(); }
@@ -140,7 +141,8 @@ struct RulesWorld {
         platform.usableIntf("up0", 2);
         for (auto const* const name : {"iptv", "news"}) {
             auto const version = Acl::AclSubConfig::AclSubConfigIs(name);
-            Lox::IpAddrWithFullMask const from(Lox::IpAddr::fromHost(source), ~std::uint32_t(0));
+            Lox::IpAddrWithFullMask const from(Lox::IpAddr::fromHost(firstSource),
+                                               ~std::uint32_t(0));
             for (std::uint32_t rule = 0; rule < rules; ++rule) {
                 Lox::IpAddr const group = Lox::IpAddr::fromHost(firstGroup + rule);
                 Lox::IpAddrWithFullMask const to(group, ~std::uint32_t(0));

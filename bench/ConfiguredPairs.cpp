@@ -12,8 +12,9 @@
 
 namespace {
 
-constexpr std::uint32_t firstGroup = 0xEF000000;  // 239.0.0.0
-constexpr std::uint32_t firstSource = 0x0A000001; // 10.0.0.1
+using Bench::firstGroup;
+using Bench::firstSource;
+
 /// What the library writes to the trace ring for a pair that begins a group, and for another one.
 constexpr unsigned linesOfFirst = 21;
 constexpr unsigned linesOfMore = 9;

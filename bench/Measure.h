@@ -1,15 +1,19 @@
-// What the benchmarks share: memory in live bytes, and the numbers of one pass per item.
+// What the benchmarks share: addresses, memory in live bytes, and the numbers of one pass per item.
 #pragma once
 
 #include <benchmark/benchmark.h>
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <fstream>
 #include <string>
 #include <unistd.h>
 
 namespace Bench {
+
+inline constexpr std::uint32_t firstGroup = 0xEF000000;  // 239.0.0.0
+inline constexpr std::uint32_t firstSource = 0x0A000001; // 10.0.0.1
 
 /// Resident memory of the process in octets.
 inline double residentBytes() {

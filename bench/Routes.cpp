@@ -12,18 +12,18 @@
 
 namespace {
 
+using Bench::firstGroup;
+using Bench::firstSource;
 using Kesh::Multicast::Fib::Route;
 using Routing::Multicast::Fib::IpGenRouteKey;
 using Table = Kesh::Multicast::Fib::Status;
 
-constexpr std::uint32_t firstGroup = 0xEF000000; // 239.0.0.0
-constexpr std::uint32_t source = 0x0A000001;
 /// What the library writes to the trace ring for a route that is new, and for one that is not.
 constexpr unsigned linesOfNew = 13;
 constexpr unsigned linesOfKnown = 5;
 
 IpGenRouteKey routeKey(std::uint32_t group) {
-    return {{Lox::IpAddr::fromHost(source), 32}, {Lox::IpAddr::fromHost(group), 32}};
+    return {{Lox::IpAddr::fromHost(firstSource), 32}, {Lox::IpAddr::fromHost(group), 32}};
 }
 
 /// An interface with a table that nobody has reviewed yet.
@@ -54,7 +54,7 @@ struct RouteFloor {
     explicit RouteFloor(std::uint32_t routes) {
         for (std::uint32_t g = 0; g < routes; ++g) {
             sorted.push_back(firstGroup + g);
-            present[firstGroup + g].add(source);
+            present[firstGroup + g].add(firstSource);
         }
     }
     void wantSync() { at = 0; }
@@ -70,11 +70,11 @@ struct RouteFloor {
     void sync(std::uint32_t group) {
         Bench::SourceList const* const sources = present.find(group);
         bool const fresh = !interface.status.find(group);
-        Bench::FloorInterface::trace(fresh ? linesOfNew : linesOfKnown, source, group);
-        if (!sources || !sources->has(source) || interface.configured.find(group) ||
+        Bench::FloorInterface::trace(fresh ? linesOfNew : linesOfKnown, firstSource, group);
+        if (!sources || !sources->has(firstSource) || interface.configured.find(group) ||
             interface.list.find(group) || interface.deleted.find(group) || sources->has(0))
             return;
-        interface.announce(source, group);
+        interface.announce(firstSource, group);
     }
     std::size_t announced() const { return interface.host.size(); }
 

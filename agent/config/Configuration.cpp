@@ -28,9 +28,6 @@ constexpr std::uint64_t mostGroupsUnasked = 65536;
 /// 224.0.0.0/24, which routers never forward; IGMP hosts do not report 224.0.0.1 (RFC 3376, 5).
 bool isLinkLocal(Lox::IpAddr group) { return group.host() >> 8 == 0xE00000; }
 
-/// 232.0.0.0/8, source-specific multicast (RFC 4604).
-bool isSourceSpecific(Lox::IpAddr group) { return group.host() >> 24 == 232; }
-
 /// The library's names of namespaces hold 150, of which the agent's prefix takes three.
 constexpr std::size_t longestVrfName = 147;
 
@@ -54,10 +51,10 @@ bool isNamespace(std::string_view name) {
 }
 
 /// Walks the tables of one file and fills a Configuration.
-class Reader {
+class ConfigurationReader {
   public:
-    Reader(Configuration& configuration, Diagnostics& diagnostics,
-           std::set<std::string> attachedLists)
+    ConfigurationReader(Configuration& configuration, Diagnostics& diagnostics,
+                        std::set<std::string> attachedLists)
         : configuration_(configuration),
           diagnostics_(diagnostics),
           attachedLists_(std::move(attachedLists)) {}
@@ -234,7 +231,7 @@ class Reader {
         bool const anySource = wanted.exclude.count(Lox::IpAddr()) != 0;
         if (isLinkLocal(group))
             doWarn(key, "is link-local: routers never forward it, expected no need to announce it");
-        if (isSourceSpecific(group) && !wanted.exclude.empty())
+        if (group.isSourceSpecific() && !wanted.exclude.empty())
             doWarn(key, "is a source-specific group, expected included sources only (RFC 4604)");
         else if (!anySource && !wanted.exclude.empty())
             doWarn(key, "excludes sources: some routers ignore exclude lists (RFC 5790)");
@@ -310,7 +307,7 @@ ConfigurationReading configurationParse(std::string_view text, std::string const
     ConfigurationReading reading;
     Diagnostics diagnostics(file);
     if (auto const table = tomlParse(text, diagnostics))
-        Reader(reading.configuration, diagnostics, attachedLists(*table))
+        ConfigurationReader(reading.configuration, diagnostics, attachedLists(*table))
             .doRead(TomlSection(*table, diagnostics, &fileKeys));
     reading.diagnostics = diagnostics.take();
     return reading;

@@ -25,7 +25,7 @@ char const* levelName(Diagnostic::Level level) {
 }
 
 /// Shown of one kind.
-constexpr unsigned most = 20;
+constexpr unsigned mostOfKind = 20;
 
 std::string place(Diagnostic const& found) {
     if (found.position.line == 0) return found.file;
@@ -53,13 +53,13 @@ std::vector<Diagnostic> thinnedOut(std::vector<Diagnostic> found) {
     std::vector<Diagnostic> shown;
     for (Diagnostic& each : found) {
         Kind& kind = kinds[kindOf(each)];
-        if (++kind.count == most + 1) kind.more = shown.size();
-        if (kind.count <= most + 1) shown.push_back(std::move(each));
+        if (++kind.count == mostOfKind + 1) kind.more = shown.size();
+        if (kind.count <= mostOfKind + 1) shown.push_back(std::move(each));
     }
     for (auto const& [name, kind] : kinds)
-        if (kind.count > most) {
+        if (kind.count > mostOfKind) {
             std::string& text = shown[kind.more].text;
-            text = fmt::format("and {} more like this: {}", kind.count - most, text);
+            text = fmt::format("and {} more like this: {}", kind.count - mostOfKind, text);
         }
     return shown;
 }

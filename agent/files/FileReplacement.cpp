@@ -1,27 +1,20 @@
 #include "agent/files/FileReplacement.h"
 
+#include "agent/loop/SystemError.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
-#include <system_error>
 #include <unistd.h>
 
 namespace Agent {
-
-namespace {
-
-[[noreturn]] void fail(std::string const& what) {
-    throw std::system_error(errno, std::generic_category(), what);
-}
-
-} // namespace
 
 FileReplacement::FileReplacement(std::string path)
     : path_(std::move(path)),
       freshPath_(path_ + ".new"),
       fresh_(
           open(freshPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644)) {
-    if (fresh_.get() < 0) fail(freshPath_);
+    if (fresh_.get() < 0) errnoThrow(freshPath_.c_str());
 }
 
 FileReplacement::~FileReplacement() {
@@ -31,13 +24,13 @@ FileReplacement::~FileReplacement() {
 void FileReplacement::add(std::string_view text) {
     while (!text.empty()) {
         ssize_t const written = write(fresh_.get(), text.data(), text.size());
-        if (written < 0 && errno != EINTR) fail(freshPath_);
+        if (written < 0 && errno != EINTR) errnoThrow(freshPath_.c_str());
         if (written > 0) text.remove_prefix(std::size_t(written));
     }
 }
 
 void FileReplacement::finish() {
-    if (std::rename(freshPath_.c_str(), path_.c_str()) != 0) fail(path_);
+    if (std::rename(freshPath_.c_str(), path_.c_str()) != 0) errnoThrow(path_.c_str());
     finished_ = true;
 }
 

@@ -22,9 +22,9 @@ std::uint64_t checksumOf(std::string_view text) {
 }
 
 /// Takes a text apart from its front.
-class Reader {
+class StateReader {
   public:
-    explicit Reader(std::string_view text) : rest_(text) {}
+    explicit StateReader(std::string_view text) : rest_(text) {}
 
     bool empty() const { return rest_.empty(); }
     std::string_view text(std::size_t length) {
@@ -44,7 +44,7 @@ class Reader {
     std::string_view rest_;
 };
 
-void readGroup(Reader& reader, RecordList& groups) {
+void readGroup(StateReader& reader, RecordList& groups) {
     Lox::IpAddr const group = reader.address();
     if (!group.isMulticast()) throw Nex::ParseException("a group is not multicast");
     auto const head = std::uint32_t(reader.number(4));
@@ -98,11 +98,11 @@ void StateText::numberAdd(std::uint64_t number, unsigned octets) {
 }
 
 std::vector<InterfaceState> stateParse(std::string_view text) {
-    Reader reader(text);
+    StateReader reader(text);
     if (reader.text(magic.size()) != magic) throw Nex::ParseException("it is of another kind");
     if (reader.number(4) != formatVersion) throw Nex::ParseException("it has another version");
     std::size_t const end = text.size() < checksumOctets ? 0 : text.size() - checksumOctets;
-    if (Reader(text.substr(end)).number(checksumOctets) != checksumOf(text.substr(0, end)))
+    if (StateReader(text.substr(end)).number(checksumOctets) != checksumOf(text.substr(0, end)))
         throw Nex::ParseException("its checksum is wrong");
     std::vector<InterfaceState> interfaces;
     while (std::uint64_t const length = reader.number(1)) {

@@ -13,11 +13,11 @@ namespace Agent {
 namespace {
 
 /// From a change to the write: more changes come with it.
-constexpr double delaySeconds = 0.05;
+constexpr double gatherSeconds = 0.05;
 /// Rest between two writes, as a multiple of the work that the last one took.
 constexpr double restFactor = 50;
 /// After a write that failed, at least.
-constexpr double retrySeconds = 1;
+constexpr double rewriteSeconds = 1;
 
 } // namespace
 
@@ -26,7 +26,7 @@ StateKeeper::StateKeeper(EventLoop& loop, std::string file, Next next)
 
 void StateKeeper::handleChange() {
     if (std::exchange(changed_, true) || text_ || file_.empty()) return;
-    alarm_.delayIs(std::max(delaySeconds, restUntil_ - EventLoop::now()));
+    alarm_.delayIs(std::max(gatherSeconds, restUntil_ - EventLoop::now()));
 }
 
 void StateKeeper::handleAlarm() {
@@ -41,7 +41,7 @@ void StateKeeper::handleAlarm() {
         doEnd(restFactor * workSeconds_);
     } catch (std::exception const& error) {
         changed_ = true;
-        doEnd(std::max(retrySeconds, restFactor * workSeconds_));
+        doEnd(std::max(rewriteSeconds, restFactor * workSeconds_));
         doFail(error);
     }
 }

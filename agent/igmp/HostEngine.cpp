@@ -14,9 +14,6 @@ constexpr unsigned mostMtu = 65535;
 constexpr double quietSeconds = 600; // between two warnings of a kind
 constexpr double leaveTicksPerSecond = 128;
 
-/// 232.0.0.0/8 (RFC 4607).
-bool isSourceSpecific(Lox::IpAddr group) { return group.host() >> 24 == 232; }
-
 } // namespace
 
 HostEngine::HostEngine(Output& output, std::mt19937 random) : output_(output), random_(random) {
@@ -126,7 +123,7 @@ void HostEngine::doApply(double now, Wish const& wish) {
 bool HostEngine::handleExclude(double now, Wish const& wish) {
     if (wish.mode != FilterMode::exclude) return false;
     Lox::IpAddr group = wish.entry->group.group();
-    bool refused = isSourceSpecific(group);
+    bool refused = group.isSourceSpecific();
     if (refused)
         doWarn(now, ssmExclude,
                [&] { return group.stringValue() + ": no EXCLUDE in 232.0.0.0/8, not announced"; });

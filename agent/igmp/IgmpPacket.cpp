@@ -6,7 +6,7 @@ namespace Agent {
 
 namespace {
 
-namespace Ip { // offsets in the IPv4 header
+namespace IpHeader { // offsets in the IPv4 header
 constexpr std::size_t versionAndLength = 0;
 constexpr std::size_t typeOfService = 1;
 constexpr std::size_t totalLength = 2;
@@ -17,7 +17,7 @@ constexpr std::size_t headerChecksum = 10;
 constexpr std::size_t source = 12;
 constexpr std::size_t destination = 16;
 constexpr std::size_t options = 20;
-} // namespace Ip
+} // namespace IpHeader
 
 namespace Message { // offsets in the IGMP payload
 constexpr std::size_t type = 0;
@@ -66,16 +66,16 @@ bool hasRouterAlert(std::span<std::uint8_t const> options) {
 
 void encodeIpHeader(std::span<std::uint8_t> packet, Lox::IpAddr source, Lox::IpAddr destination) {
     std::fill_n(packet.begin(), ipHeaderOctets, std::uint8_t(0));
-    packet[Ip::versionAndLength] = 0x40 | ipHeaderOctets / 4;
-    packet[Ip::typeOfService] = internetControl;
-    put16(packet, Ip::totalLength, packet.size());
-    put16(packet, Ip::flagsAndOffset, dontFragment);
-    packet[Ip::ttl] = 1;
-    packet[Ip::protocol] = igmpProtocol;
-    source.toOctets(&packet[Ip::source]);
-    destination.toOctets(&packet[Ip::destination]);
-    std::copy(routerAlertOption.begin(), routerAlertOption.end(), &packet[Ip::options]);
-    put16(packet, Ip::headerChecksum, checksum(packet.first(ipHeaderOctets)));
+    packet[IpHeader::versionAndLength] = 0x40 | ipHeaderOctets / 4;
+    packet[IpHeader::typeOfService] = internetControl;
+    put16(packet, IpHeader::totalLength, packet.size());
+    put16(packet, IpHeader::flagsAndOffset, dontFragment);
+    packet[IpHeader::ttl] = 1;
+    packet[IpHeader::protocol] = igmpProtocol;
+    source.toOctets(&packet[IpHeader::source]);
+    destination.toOctets(&packet[IpHeader::destination]);
+    std::copy(routerAlertOption.begin(), routerAlertOption.end(), &packet[IpHeader::options]);
+    put16(packet, IpHeader::headerChecksum, checksum(packet.first(ipHeaderOctets)));
 }
 
 /// Writes type and checksum into a payload that is complete but for them.
@@ -106,24 +106,25 @@ std::optional<IgmpDatagram> IgmpDatagram::decode(std::span<std::uint8_t const> p
         reason = why;
         return std::nullopt;
     };
-    if (packet.size() < Ip::options) return dropped(DropReason::badLength);
-    if (packet[Ip::versionAndLength] >> 4 != 4 || packet[Ip::protocol] != igmpProtocol)
+    if (packet.size() < IpHeader::options) return dropped(DropReason::badLength);
+    if (packet[IpHeader::versionAndLength] >> 4 != 4 || packet[IpHeader::protocol] != igmpProtocol)
         return dropped(DropReason::otherProtocol);
-    std::size_t headerLength = 4 * (packet[Ip::versionAndLength] & 0x0Fu);
-    std::size_t totalLength = get16(packet, Ip::totalLength);
-    if (headerLength < Ip::options || totalLength < headerLength || totalLength > packet.size())
+    std::size_t headerLength = 4 * (packet[IpHeader::versionAndLength] & 0x0Fu);
+    std::size_t totalLength = get16(packet, IpHeader::totalLength);
+    if (headerLength < IpHeader::options || totalLength < headerLength ||
+        totalLength > packet.size())
         return dropped(DropReason::badLength);
     if (checksum(packet.first(headerLength)) != 0) return dropped(DropReason::badChecksum);
-    if (get16(packet, Ip::flagsAndOffset) & moreFragmentsAndOffset)
+    if (get16(packet, IpHeader::flagsAndOffset) & moreFragmentsAndOffset)
         return dropped(DropReason::fragment);
     auto payload = packet.subspan(headerLength, totalLength - headerLength);
     if (payload.size() < messageOctets) return dropped(DropReason::badLength);
     if (checksum(payload) != 0) return dropped(DropReason::badChecksum);
     return IgmpDatagram{
-        Lox::IpAddr::fromOctets(&packet[Ip::source]),
-        Lox::IpAddr::fromOctets(&packet[Ip::destination]),
-        packet[Ip::ttl],
-        hasRouterAlert(packet.subspan(Ip::options, headerLength - Ip::options)),
+        Lox::IpAddr::fromOctets(&packet[IpHeader::source]),
+        Lox::IpAddr::fromOctets(&packet[IpHeader::destination]),
+        packet[IpHeader::ttl],
+        hasRouterAlert(packet.subspan(IpHeader::options, headerLength - IpHeader::options)),
         IgmpType(payload[Message::type]),
         payload,
     };

@@ -1,8 +1,8 @@
 #include "agent/kernel/NamespaceWatch.h"
 
 #include "agent/kernel/NetworkNamespace.h"
+#include "agent/loop/SystemError.h"
 
-#include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <linux/magic.h>
@@ -23,8 +23,7 @@ constexpr double pollSeconds = 5;
 
 struct stat statusOf(FileDescriptor const& file) {
     struct stat status {};
-    if (fstat(file.get(), &status) < 0)
-        throw std::system_error(errno, std::generic_category(), "fstat");
+    if (fstat(file.get(), &status) < 0) errnoThrow("fstat");
     return status;
 }
 
@@ -42,8 +41,7 @@ bool same(FileDescriptor const& a, FileDescriptor const& b) {
 bool emptyFile(FileDescriptor const& file) {
     struct stat const status = statusOf(file);
     struct statfs system {};
-    if (fstatfs(file.get(), &system) < 0)
-        throw std::system_error(errno, std::generic_category(), "fstatfs");
+    if (fstatfs(file.get(), &system) < 0) errnoThrow("fstatfs");
     return S_ISREG(status.st_mode) && status.st_size == 0 && system.f_type != NSFS_MAGIC;
 }
 
@@ -58,8 +56,7 @@ NamespaceWatch::NamespaceWatch(EventLoop& loop, std::string name, Observer obser
           poll_.delayIs(pollSeconds);
           doLook();
       }) {
-    if (mounts_.get() < 0)
-        throw std::system_error(errno, std::generic_category(), "/proc/self/mountinfo");
+    if (mounts_.get() < 0) errnoThrow("/proc/self/mountinfo");
     // Always readable; a change of the mounts is told as urgent.
     loop_.descriptorIs(mounts_.get(), EPOLLPRI, [this](std::uint32_t) { doLook(); });
     poll_.delayIs(pollSeconds);

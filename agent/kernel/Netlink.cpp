@@ -2,6 +2,7 @@
 
 #include "agent/kernel/NetworkNamespace.h"
 #include "agent/loop/EventLoop.h"
+#include "agent/loop/SystemError.h"
 
 #include <cerrno>
 #include <cstring>
@@ -18,13 +19,9 @@ namespace {
 /// Room for the burst of notifications when thousands of links or routes change at once.
 constexpr int receiveBufferBytes = 8 << 20;
 
-[[noreturn]] void fail(char const* what) {
-    throw std::system_error(errno, std::generic_category(), what);
-}
-
 void subscribe(mnl_socket* socket, int group) {
     if (mnl_socket_setsockopt(socket, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) < 0)
-        fail("subscribing to a netlink group");
+        errnoThrow("subscribing to a netlink group");
 }
 
 void setReceiveBuffer(mnl_socket const* socket, int octets) {
@@ -91,8 +88,9 @@ Netlink::Netlink(int service, Observer& observer, int namespaceFd)
 Netlink::Socket Netlink::newSocket() const {
     NamespaceScope const scope(namespaceFd_);
     Socket socket(mnl_socket_open2(service_, SOCK_NONBLOCK | SOCK_CLOEXEC));
-    if (!socket) fail("opening a netlink socket");
-    if (mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0) fail("binding a netlink socket");
+    if (!socket) errnoThrow("opening a netlink socket");
+    if (mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0)
+        errnoThrow("binding a netlink socket");
     setReceiveBuffer(socket.get(), receiveBufferOctets_);
     for (int const group : groups_) subscribe(socket.get(), group);
     return socket;

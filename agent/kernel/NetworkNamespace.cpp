@@ -1,10 +1,10 @@
 #include "agent/kernel/NetworkNamespace.h"
 
+#include "agent/loop/SystemError.h"
+
 #include "Nex/Error.h"
 
-#include <cerrno>
 #include <sched.h>
-#include <system_error>
 
 namespace Agent {
 
@@ -13,7 +13,7 @@ namespace {
 FileDescriptor openFile(std::string const& path, int flags = O_RDONLY) {
     // What is no namespace after all, such as a pipe, must not be waited for.
     FileDescriptor file(open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK));
-    if (file.get() < 0) throw std::system_error(errno, std::generic_category(), path);
+    if (file.get() < 0) errnoThrow(path.c_str());
     return file;
 }
 
@@ -26,8 +26,7 @@ FileDescriptor namespaceOpen(std::string const& name, int flags) {
 NamespaceScope::NamespaceScope(int namespaceFd) {
     if (namespaceFd < 0) return;
     outside_ = openFile("/proc/thread-self/ns/net");
-    if (setns(namespaceFd, CLONE_NEWNET) < 0)
-        throw std::system_error(errno, std::generic_category(), "entering a network namespace");
+    if (setns(namespaceFd, CLONE_NEWNET) < 0) errnoThrow("entering a network namespace");
 }
 
 NamespaceScope::~NamespaceScope() {

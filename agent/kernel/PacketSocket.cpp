@@ -1,6 +1,7 @@
 #include "agent/kernel/PacketSocket.h"
 
 #include "agent/kernel/NetworkNamespace.h"
+#include "agent/loop/SystemError.h"
 
 #include "Lox/IpAddr.h"
 
@@ -12,7 +13,6 @@
 #include <linux/if_packet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <system_error>
 
 namespace Agent {
 
@@ -28,10 +28,6 @@ constexpr int sendBufferBytes = 4 << 20;
 constexpr unsigned protocolOffset = 9;
 constexpr std::size_t destinationOffset = 16;
 constexpr std::size_t headerSize = 20;
-
-void checked(int result, char const* what) {
-    if (result < 0) throw std::system_error(errno, std::generic_category(), what);
-}
 
 /// Lets through IGMP to this host or to groups. A packet of a VLAN on top of the interface is shown
 /// to the interface's sockets too, under the VLAN's index or as another host's.

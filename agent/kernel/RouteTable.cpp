@@ -11,7 +11,7 @@ namespace Agent {
 
 namespace {
 
-Lox::IpAddr ipAddress(std::span<std::uint8_t const> octets) {
+Lox::IpAddr routeAddress(std::span<std::uint8_t const> octets) {
     if (octets.size() != 4) throw Nex::ParseException("route address of the wrong length");
     return Lox::IpAddr::fromOctets(octets.data());
 }
@@ -41,8 +41,8 @@ void RouteTable::messageIs(nlmsghdr const& message, bool ofDump) {
     auto const& header = *static_cast<rtmsg const*>(mnl_nlmsg_get_payload(&message));
     if (header.rtm_family != RTNL_FAMILY_IPMR || !ofDefaultTable(header, attributes)) return;
 
-    RouteName const name{ipAddress(attributes.octets(RTA_SRC)),
-                         ipAddress(attributes.octets(RTA_DST))};
+    RouteName const name{routeAddress(attributes.octets(RTA_SRC)),
+                         routeAddress(attributes.octets(RTA_DST))};
     auto const incoming = int(attributes.u32(RTA_IIF).value_or(0));
     bool const output = handleOutputs(attributes.octets(RTA_MULTIPATH));
     if (!name.group.isMulticast() || (ofDump && notified_.count(name) != 0)) return;

@@ -1,18 +1,18 @@
 #include "agent/loop/Alarm.h"
 
-#include <cerrno>
+#include "agent/loop/SystemError.h"
+
 #include <cmath>
 #include <ctime>
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
-#include <system_error>
 #include <utility>
 
 namespace Agent {
 
 Alarm::Alarm(EventLoop& loop, EventLoop::Handler handler)
     : loop_(loop), timer_(timerfd_create(CLOCK_BOOTTIME, TFD_NONBLOCK | TFD_CLOEXEC)) {
-    if (timer_.get() < 0) throw std::system_error(errno, std::generic_category(), "timerfd_create");
+    if (timer_.get() < 0) errnoThrow("timerfd_create");
     loop_.descriptorIs(timer_.get(), EPOLLIN,
                        [fd = timer_.get(), handler = std::move(handler)](std::uint32_t) {
                            // One that was put off after it had become ready has nothing to read.

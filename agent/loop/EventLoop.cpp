@@ -1,5 +1,7 @@
 #include "agent/loop/EventLoop.h"
 
+#include "agent/loop/SystemError.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -10,7 +12,6 @@
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
 #include <sys/timerfd.h>
-#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -21,11 +22,6 @@ namespace {
 /// After a turn with a failure.
 constexpr double leastPauseSeconds = 0.001;
 constexpr double mostPauseSeconds = 0.1;
-
-int checked(int result, char const* what) {
-    if (result < 0) throw std::system_error(errno, std::generic_category(), what);
-    return result;
-}
 
 timespec toTimespec(double seconds) {
     // An expiry of years ahead, or infinity, would not fit.

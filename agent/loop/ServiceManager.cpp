@@ -1,10 +1,10 @@
 #include "agent/loop/ServiceManager.h"
 
 #include "agent/loop/FileDescriptor.h"
+#include "agent/loop/SystemError.h"
 
 #include <algorithm>
 #include <cap-ng.h>
-#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -12,7 +12,6 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <system_error>
 #include <vector>
 
 namespace Agent {
@@ -42,8 +41,7 @@ void descriptorLimitRaise() {
 }
 
 void capabilitiesLimit(bool namespaces) {
-    if (capng_get_caps_process() != 0)
-        throw std::system_error(errno, std::generic_category(), "capabilities");
+    if (capng_get_caps_process() != 0) errnoThrow("capabilities");
     capng_select_t const all = CAPNG_SELECT_CAPS;
     std::vector<unsigned> kept{CAP_NET_ADMIN, CAP_NET_RAW, CAP_DAC_READ_SEARCH};
     if (namespaces) kept.push_back(CAP_SYS_ADMIN);
@@ -52,8 +50,7 @@ void capabilitiesLimit(bool namespaces) {
     capng_clear(all);
     for (unsigned const each : kept)
         capng_update(CAPNG_ADD, capng_type_t(CAPNG_EFFECTIVE | CAPNG_PERMITTED), each);
-    if (capng_apply(all) != 0)
-        throw std::system_error(errno, std::generic_category(), "capabilities");
+    if (capng_apply(all) != 0) errnoThrow("capabilities");
 }
 
 bool hasCapability(unsigned capability) {

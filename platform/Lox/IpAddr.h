@@ -32,6 +32,8 @@ class IpAddr {
     constexpr bool isZero() const { return hostOrder_ == 0; }
     /// 224.0.0.0/4.
     constexpr bool isMulticast() const { return hostOrder_ >> 28 == 0xE; }
+    /// 232.0.0.0/8, for source-specific multicast (RFC 4607).
+    constexpr bool isSourceSpecific() const { return hostOrder_ >> 24 == 232; }
     std::string stringValue() const;
 
     friend constexpr auto operator<=>(IpAddr, IpAddr) = default;

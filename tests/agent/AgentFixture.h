@@ -30,6 +30,9 @@ inline Lines twice(Lines const& once) {
     return lines;
 }
 
+/// Reports of a group from any source, and of one from a source.
+inline Lines const joined{"ALLOW 239.1.1.2 10.0.0.1", "TO_EX 239.1.1.1"};
+
 class AgentTest : public testing::Test {
   protected:
     void SetUp() override {

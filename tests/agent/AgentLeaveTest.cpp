@@ -6,7 +6,6 @@ namespace Testing {
 namespace {
 
 char constexpr twoGroups[] = "'239.1.1.1' = {}\n'239.1.1.2' = { include = ['10.0.0.1'] }\n";
-Lines const joined{"ALLOW 239.1.1.2 10.0.0.1", "TO_EX 239.1.1.1"};
 Lines const left{"BLOCK 239.1.1.2 10.0.0.1", "TO_IN 239.1.1.1"};
 
 Lines operator+(Lines a, Lines const& b) {

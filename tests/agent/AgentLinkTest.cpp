@@ -9,7 +9,6 @@ namespace {
 std::string const oneGroup = groupsOn("up0", "'239.1.1.1' = {}\n'239.1.1.2' = { include = "
                                              "['10.0.0.1'] }\n");
 Lines const learnedOnce{"down0 239.1.1.1 exclude", "down0 239.1.1.2 include 10.0.0.1"};
-Lines const joined{"ALLOW 239.1.1.2 10.0.0.1", "TO_EX 239.1.1.1"};
 
 TEST_F(AgentTest, GroupsComeBackWithTheCarrier) {
     start(oneGroup);

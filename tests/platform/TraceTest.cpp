@@ -11,7 +11,7 @@ namespace Nex {
 namespace {
 
 TraceHandle traced("TraceTest");
-TraceHandle neighbour("TraceTestNeighbour");
+TraceHandle tracedNeighbour("TraceTestNeighbour");
 
 /// Counts how often it is written as text.
 struct Costly {
@@ -82,12 +82,12 @@ TEST_F(TraceTest, LevelsAreThoseOfEachHandleAndTheRingTakesAll) {
     for (unsigned level : {0u, 5u, 6u, 7u}) {
         traced.levelIs(level);
         NEX_TRACE(traced, 6, "six");
-        NEX_TRACE(neighbour, 6, "silent");
+        NEX_TRACE(tracedNeighbour, 6, "silent");
     }
     EXPECT_EQ(lines, (std::vector<String>{"TraceTest 6 six", "TraceTest 6 six"}));
     EXPECT_EQ(Lumen::ring.written(), written + 8);
     EXPECT_EQ(TraceHandle::handle("TraceTest"), &traced);
-    EXPECT_EQ(TraceHandle::handle("TraceTestNeighbour"), &neighbour);
+    EXPECT_EQ(TraceHandle::handle("TraceTestNeighbour"), &tracedNeighbour);
     EXPECT_EQ(TraceHandle::handle("Trace"), nullptr);
 }
 
