@@ -7,25 +7,16 @@
 namespace IgmpHostProxy {
 
 struct PlatformState {
-    PlatformState() {
-        entityManager->factoryIs("KernelNetInfo::Status", [](Nex::String const& path) {
-            return KernelNetInfo::Status::StatusIs(path);
-        });
-    }
+    PlatformState();
+    ~PlatformState();
+    PlatformState(PlatformState const&) = delete;
+    PlatformState& operator=(PlatformState const&) = delete;
 
     /// A root machine over this state.
-    Nex::Ptr<IgmpHostProxySm> makeRoot() const {
-        return IgmpHostProxySmIs(config, status, mfibDir, aclConfig, hostDir, hostStatusDir, clock,
-                                 sourceIntfSm, ipStatus, allIntfStatusDir, allIntfStatusLocalDir,
-                                 allVrfStatusLocal, timerWheel, entityManager);
-    }
+    Nex::Ptr<IgmpHostProxySm> makeRoot() const;
 
     /// The kernel interface table of a namespace; null until a machine has mounted it.
-    KernelNetInfo::Status* kni(Lox::NamespaceName const& networkNamespace) const {
-        auto const* const mounted =
-            entityManager->mounted("kni/ns/" + networkNamespace.stringValue() + "/status");
-        return mounted ? dynamic_cast<KernelNetInfo::Status*>(mounted->entity().get()) : nullptr;
-    }
+    KernelNetInfo::Status* kni(Lox::NamespaceName const& networkNamespace) const;
 
     Nex::Ptr<Config> config = Config::ConfigIs("config");
     Nex::Ptr<Status> status = Status::StatusIs("status");
