@@ -9,7 +9,7 @@ passed=$build/tidy-passed
 mkdir -p "$passed"
 
 # One line for each object that the build knows: its source, which may stand for several of the
-# tree's, then the tree's files in it. Precompiled headers are no sources.
+# tree's, then the tree's files in it.
 sourcesWithHeaders() {
     ninja -C "$build" -t deps | awk -v root="$PWD/" '
         /^[^ ]/ { if (line) print line; line = "" }
@@ -19,15 +19,17 @@ sourcesWithHeaders() {
             if (!line) line = path ~ /\.c(pp|xx)$/ ? path : ""
             else if (path !~ /^(\/|build\/)/) line = line " " path
         }
-        END { if (line) print line }' | grep -v '^[^ ]*cmake_pch'
+        END { if (line) print line }'
 }
 
 tidy() {
-    local source=$1 key
+    local source=$1 key settings=()
+    # Tests that are compiled together are named by a file in the build's directory.
+    [[ $source != "$build"/tests/*/Unity/* ]] || settings=(--config-file=tests/.clang-tidy)
     key=$(cat "$@" .clang-tidy tests/.clang-tidy scripts/tidy.sh | sha256sum | cut -d ' ' -f 1)
     [ ! -e "$passed/$key" ] || return 0
     echo "clang-tidy $source"
-    clang-tidy --quiet -p "$build" "$source" 2>&1 | { grep -v ' warnings\? generated\.$' || true; }
+    clang-tidy --quiet -p "$build" "${settings[@]}" "$source" 2>&1 | { grep -v ' warnings\? generated\.$' || true; }
     touch "$passed/$key"
 }
 
