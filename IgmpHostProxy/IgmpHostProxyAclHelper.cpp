@@ -46,9 +46,7 @@ RuleEffect IgmpHostProxyAclHelper::effectOf(Acl::IpRuleConfig const& rule) {
 
 IgmpHostProxyAclHelper::Fault IgmpHostProxyAclHelper::faultOf(Acl::IpRuleConfig const& rule) {
     Lox::IpAddrWithFullMask const range = rule.filter.destination;
-    auto const lowest = Lox::IpAddr::fromHost(range.address().host() & range.mask());
-    auto const highest = Lox::IpAddr::fromHost(range.address().host() | ~range.mask());
-    if (!lowest.isMulticast() || !highest.isMulticast()) return Fault::range;
+    if (!range.lowest().isMulticast() || !range.highest().isMulticast()) return Fault::range;
     Lox::IpAddrWithFullMask const source = rule.filter.source;
     if (source.mask() != 0 && source.mask() != ~std::uint32_t(0)) return Fault::sourceRange;
     if (source.address().isMulticast()) return Fault::sourceMulticast;

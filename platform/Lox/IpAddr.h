@@ -2,6 +2,7 @@
 // host order, so addresses that follow each other stay neighbours in maps.
 #pragma once
 
+#include <bit>
 #include <compare>
 #include <cstdint>
 #include <functional>
@@ -56,6 +57,14 @@ class IpAddrWithFullMask {
 
     constexpr IpAddr address() const { return address_; }
     constexpr std::uint32_t mask() const { return mask_; }
+
+    // The addresses that match.
+    constexpr bool has(IpAddr address) const {
+        return ((address.host() ^ address_.host()) & mask_) == 0;
+    }
+    constexpr IpAddr lowest() const { return IpAddr::fromHost(address_.host() & mask_); }
+    constexpr IpAddr highest() const { return IpAddr::fromHost(address_.host() | ~mask_); }
+    constexpr std::uint64_t size() const { return std::uint64_t(1) << std::popcount(~mask_); }
 
     friend constexpr auto operator<=>(IpAddrWithFullMask, IpAddrWithFullMask) = default;
 
