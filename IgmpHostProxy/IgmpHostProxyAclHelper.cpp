@@ -3,23 +3,11 @@
 #include "IgmpHostProxy/AddressRangeIterator.h"
 #include "IgmpHostProxy/IgmpHostProxyIntfSm.h"
 #include "IgmpHostProxy/Trace.h"
+#include "Nex/Error.h"
 
 #include <algorithm>
-#include <bit>
 
 namespace IgmpHostProxy {
-
-namespace {
-
-bool inRange(Lox::IpAddr address, Lox::IpAddrWithFullMask range) {
-    return ((address.host() ^ range.address().host()) & range.mask()) == 0;
-}
-
-std::uint64_t sizeOf(Lox::IpAddrWithFullMask range) {
-    return std::uint64_t(1) << std::popcount(~range.mask());
-}
-
-} // namespace
 
 Nex::Ptr<IgmpHostProxyAclHelper> igmpHostProxyAclHelperFactory(Nex::String aclName,
                                                                IgmpHostProxyIntfSm* machine) {
@@ -112,20 +100,39 @@ void IgmpHostProxyAclHelper::handleRule(Acl::UniqueId id) {
     if (!isDenyAll(rule) && fault != Fault::none) return doTraceFault(id, rule, fault);
     if (!machine_->intfStatus()) return;
     Work const work(*this, {rule, false, false, {}});
-    if (isDenyAll(rule)) {
-        machine_->intfStatus()->denyMrouteIs(true);
-    } else {
-        Lox::IpAddrWithFullMask const range = rule.filter.destination;
-        for (AddressRangeIterator group(range.address().host(), range.mask()); !group.done();
-             ++group)
-            doApply(id, rule, *group);
+    try {
+        if (isDenyAll(rule)) {
+            machine_->intfStatus()->denyMrouteIs(true);
+        } else {
+            Lox::IpAddrWithFullMask const range = rule.filter.destination;
+            for (AddressRangeIterator group(range.address().host(), range.mask()); !group.done();
+                 ++group)
+                doApply(id, rule, *group);
+        }
+        cachedRulesIs(id, rule);
+    } catch (...) {
+        doGiveUp(rule);
+        throw;
     }
-    cachedRulesIs(id, rule);
 }
 
 void IgmpHostProxyAclHelper::doApply(Acl::UniqueId id, Acl::IpRuleConfig const& rule,
                                      Lox::IpAddr group) {
+    RuleEffect const effect = effectOf(rule);
+    SourceGroup const sg(effect.source, group);
+    std::uint32_t const before = machine_->groupSourceRefCounter(sg);
     underWay_->group = group;
+    try {
+        doApplyTo(group, id, rule, effect);
+    } catch (...) { // the rule has got to the group if the pair is counted
+        if (machine_->groupSourceRefCounter(sg) <= before)
+            underWay_->group = Lox::IpAddr::fromHost(group.host() - 1);
+        throw;
+    }
+}
+
+void IgmpHostProxyAclHelper::doApplyTo(Lox::IpAddr group, Acl::UniqueId id,
+                                       Acl::IpRuleConfig const& rule, RuleEffect effect) {
     Nex::Ptr<GroupSource> const contribution = groupSourceListIs(group);
     Nex::Ptr<IntfStatus> const status = machine_->intfStatus();
     if (!status) return; // gone by what a group before has brought about
@@ -135,7 +142,6 @@ void IgmpHostProxyAclHelper::doApply(Acl::UniqueId id, Acl::IpRuleConfig const& 
     }
     void const* const self = this;
     IHP_TRACE(7, "%::handleRule( % ): Rule type: %", self, id, rule.action);
-    RuleEffect const effect = effectOf(rule);
     if (effect.include) {
         contribution->includeSourceListIs(effect.source);
         machine_->addIncludeSourceGroup(effect.source, group);
@@ -151,7 +157,28 @@ void IgmpHostProxyAclHelper::handleAllRules() {
         machine_->ipAclConfig() ? machine_->ipAclConfig()->acl(aclName_) : nullptr;
     Nex::Ptr<Acl::AclSubConfig const> const cfg = acl ? acl->currCfg() : nullptr;
     if (!cfg) return;
-    for (auto const& item : cfg->ipRuleById()) handleRule(item.key);
+    Nex::FirstError error;
+    for (auto const& item : cfg->ipRuleById()) error.attempt([&] { handleRule(item.key); });
+    error.rethrow();
+}
+
+/// Takes back what the rule under way has done so far. Errors on the way are not told: the caller
+/// hears the one that it began with.
+void IgmpHostProxyAclHelper::doGiveUp(Acl::IpRuleConfig const& rule) {
+    Nex::FirstError untold;
+    if (isDenyAll(rule)) {
+        untold.attempt([&] {
+            if (machine_->intfStatus()) machine_->intfStatus()->denyMrouteIs(false);
+        });
+        return;
+    }
+    RuleEffect const effect = effectOf(rule);
+    underWay_->takenBack = true;
+    underWay_->last = underWay_->group;
+    Lox::IpAddrWithFullMask const range = rule.filter.destination;
+    for (AddressRangeIterator group(range.address().host(), range.mask());
+         !group.done() && *group <= underWay_->last; ++group)
+        untold.attempt([&] { doTakeBack(effect, *group); });
 }
 
 // Taking rules back
@@ -162,10 +189,12 @@ void IgmpHostProxyAclHelper::purgeCachedRule(Acl::IpRuleConfig const& rule) {
 
 void IgmpHostProxyAclHelper::purgeCachedRules() {
     IHP_TRACE_ENTRY();
+    Nex::FirstError error;
     for (auto const& item : cachedRules_.walk()) {
         cachedRulesDel(item.key);
-        purgeCachedRule(item.value, false);
+        error.attempt([&] { purgeCachedRule(item.value, false); });
     }
+    error.rethrow();
 }
 
 void IgmpHostProxyAclHelper::purgeCachedRule(Acl::IpRuleConfig const& rule, bool cached) {
@@ -178,20 +207,25 @@ void IgmpHostProxyAclHelper::purgeCachedRule(Acl::IpRuleConfig const& rule, bool
     Lox::IpAddrWithFullMask const range = rule.filter.destination;
     // A rejected rule may have been cached and cover the whole address space. Groups that nobody
     // knows need no visit.
-    if (sizeOf(range) > machine_->knownGroupsBound() + groupSourceList_.size()) {
-        for (Lox::IpAddr const group : knownGroupsIn(range)) doTakeBack(effect, group);
+    Nex::FirstError error;
+    auto const takeBack = [&](Lox::IpAddr group) {
+        error.attempt([&] { doTakeBack(effect, group); });
+    };
+    if (range.size() > machine_->knownGroupsBound() + groupSourceList_.size()) {
+        for (Lox::IpAddr const group : knownGroupsIn(range)) takeBack(group);
     } else {
         for (AddressRangeIterator group(range.address().host(), range.mask()); !group.done();
              ++group)
-            doTakeBack(effect, *group);
+            takeBack(*group);
     }
+    error.rethrow();
 }
 
 std::vector<Lox::IpAddr>
 IgmpHostProxyAclHelper::knownGroupsIn(Lox::IpAddrWithFullMask range) const {
     std::vector<Lox::IpAddr> groups;
     auto const add = [&](Lox::IpAddr group) {
-        if (inRange(group, range)) groups.push_back(group);
+        if (range.has(group)) groups.push_back(group);
     };
     for (Lox::IpAddr const group : groupSourceList_.walk<Nex::Nothing>()) add(group);
     machine_->forKnownGroups(add);
@@ -217,9 +251,12 @@ void IgmpHostProxyAclHelper::doTakeBack(RuleEffect effect, Lox::IpAddr group) {
 bool IgmpHostProxyAclHelper::wanted(RuleEffect effect, Lox::IpAddr group) const {
     std::uint32_t rules = contributions_.count(effect, group);
     if (underWay_ && effectOf(underWay_->rule) == effect && isSelecting(underWay_->rule) &&
-        inRange(group, underWay_->rule.filter.destination)) {
+        underWay_->rule.filter.destination.has(group)) {
         if (underWay_->takenBack && underWay_->cached && rules > 0) --rules;
-        if (underWay_->takenBack ? group > underWay_->group : group <= underWay_->group) ++rules;
+        bool const applied = underWay_->takenBack
+                                 ? group > underWay_->group && group <= underWay_->last
+                                 : group <= underWay_->group;
+        if (applied) ++rules;
     }
     return rules > 0;
 }
@@ -232,8 +269,8 @@ GroupSource* IgmpHostProxyAclHelper::groupSourceList(Lox::IpAddr group) const {
 }
 
 Nex::Ptr<GroupSource> IgmpHostProxyAclHelper::groupSourceListIs(Lox::IpAddr group) {
-    auto const [slot, fresh] = groupSourceList_.findOrInsert(group);
-    if (fresh) *slot = GroupSource::GroupSourceIs(group);
+    auto* const slot = groupSourceList_.findOrInsert(group).first;
+    if (!*slot) *slot = GroupSource::GroupSourceIs(group); // now, if memory was refused before
     return *slot;
 }
 
@@ -247,10 +284,15 @@ Acl::IpRuleConfig IgmpHostProxyAclHelper::cachedRules(Acl::UniqueId id) const {
 }
 
 void IgmpHostProxyAclHelper::cachedRulesIs(Acl::UniqueId id, Acl::IpRuleConfig const& rule) {
-    Acl::IpRuleConfig& cached = *cachedRules_.findOrInsert(id).first;
-    doForget(cached);
-    cached = rule;
-    if (isSelecting(rule)) contributions_.add(effectOf(rule), rule.filter.destination);
+    auto const [cached, fresh] = cachedRules_.findOrInsert(id);
+    try {
+        if (isSelecting(rule)) contributions_.add(effectOf(rule), rule.filter.destination);
+    } catch (...) { // without memory all is as before
+        if (fresh) cachedRules_.take(id);
+        throw;
+    }
+    doForget(*cached);
+    *cached = rule;
 }
 
 void IgmpHostProxyAclHelper::cachedRulesDel(Acl::UniqueId id) { doForget(cachedRules_.take(id)); }

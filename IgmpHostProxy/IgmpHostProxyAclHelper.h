@@ -36,12 +36,14 @@ class IgmpHostProxyAclHelper : public Nex::PtrInterface {
     Nex::String const& aclName() const { return aclName_; }
 
     /// Applies one rule of the list's current configuration. An invalid rule is traced and left.
+    /// One whose application throws is taken back as far as it has got, and can be applied again.
     void handleRule(Acl::UniqueId id);
+    /// Applies them all, whichever of them throws; the caller hears the first error.
     void handleAllRules();
     /// Takes back what a rule did that still stands in the cache. Its groups' entries here stay, be
-    /// they empty.
+    /// they empty. All of it is taken back, whatever is thrown; the caller hears the first error.
     void purgeCachedRule(Acl::IpRuleConfig const& rule);
-    /// Takes everything back and empties the cache.
+    /// Takes everything back, likewise, and empties the cache.
     void purgeCachedRules();
 
     /// What is to be looked at again: the list's rules, or whether the list takes effect at all.
@@ -89,6 +91,8 @@ class IgmpHostProxyAclHelper : public Nex::PtrInterface {
         bool takenBack;
         bool cached;       ///< among the cached rules, all the time
         Lox::IpAddr group; ///< how far it has got
+        /// The last group that it had got to as it began to be taken back.
+        Lox::IpAddr last = Lox::IpAddr::fromHost(~std::uint32_t(0));
     };
     class Work;
 
@@ -96,6 +100,9 @@ class IgmpHostProxyAclHelper : public Nex::PtrInterface {
     static bool isSelecting(Acl::IpRuleConfig const& rule) { return faultOf(rule) == Fault::none; }
     bool wanted(RuleEffect effect, Lox::IpAddr group) const;
     void doApply(Acl::UniqueId id, Acl::IpRuleConfig const& rule, Lox::IpAddr group);
+    void doApplyTo(Lox::IpAddr group, Acl::UniqueId id, Acl::IpRuleConfig const& rule,
+                   RuleEffect effect);
+    void doGiveUp(Acl::IpRuleConfig const& rule);
     void doForget(Acl::IpRuleConfig const& rule);
     /// `cached` says whether the rule still stands in the cache.
     void purgeCachedRule(Acl::IpRuleConfig const& rule, bool cached);

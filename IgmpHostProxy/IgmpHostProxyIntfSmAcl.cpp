@@ -61,15 +61,17 @@ void IgmpHostProxyIntfSm::doAclConfig(Nex::String const& name) {
         igmpHostProxyAclHelperIs(name)->handleAllRules();
         return;
     }
+    Nex::FirstError error;
     if (Nex::Ptr<IgmpHostProxyAclHelper> const helper = igmpHostProxyAclHelper(name)) {
         IHP_TRACE(7, "ACL config deleted. Purging cached rules.");
-        helper->purgeCachedRules();
+        error.attempt([&] { helper->purgeCachedRules(); });
     }
     // Asked now: whoever heard of the purge may have attached the list again.
     if (!intfConfig() || !intfConfig()->aclListHas(name)) {
         IHP_TRACE(7, "ACL removed from config. Purging cached rules. Deleting helper");
         igmpHostProxyAclHelperDel(name);
     }
+    error.rethrow();
 }
 
 void IgmpHostProxyIntfSm::handleAcl(Nex::Name name) {
@@ -85,16 +87,20 @@ void IgmpHostProxyIntfSm::handleAcl(Nex::Name name) {
 
 void IgmpHostProxyIntfSm::handleAcl() {
     IHP_TRACE_ENTRY();
+    Nex::FirstError error;
     if (ipAclConfig())
-        for (Nex::Name const& name : Nex::sortedKeys(ipAclConfig()->acl())) handleAcl(name);
+        for (Nex::Name const& name : Nex::sortedKeys(ipAclConfig()->acl()))
+            error.attempt([&] { handleAcl(name); });
     acl_.delUnless(
         [&](Nex::Name const& name) { return ipAclConfig() && ipAclConfig()->aclHas(name); });
+    error.rethrow();
 }
 
 Nex::Ptr<IgmpHostProxyAclHelper> IgmpHostProxyIntfSm::igmpHostProxyAclHelperIs(Nex::String name) {
-    auto const [slot, fresh] = igmpHostProxyAclHelper_.findOrInsert(name);
-    if (fresh) *slot = igmpHostProxyAclHelperFactory(name, this);
-    return *slot;
+    if (IgmpHostProxyAclHelper* const known = igmpHostProxyAclHelper(name)) return known;
+    auto const helper = igmpHostProxyAclHelperFactory(name, this);
+    *igmpHostProxyAclHelper_.findOrInsert(name).first = helper;
+    return helper;
 }
 
 IgmpHostProxyAclHelper* IgmpHostProxyIntfSm::igmpHostProxyAclHelper(Nex::String name) const {
@@ -154,6 +160,7 @@ void IgmpHostProxyIntfSm::NexAcl::doReconcile() {
     // The helper reads the list that is there now. If that is not ours, we are about to follow.
     Acl::AclTypeConfig const* const all = machine()->ipAclConfig();
     if (!all || all->acl(name) != notifier()) return;
+    Nex::FirstError error; // of one rule, which keeps no other waiting
     Nex::Set<Acl::UniqueId> stale;
     for (auto const& item : helper->cachedRules()) stale.findOrInsert(item.key);
     for (std::uint32_t const sequence : Nex::sortedKeys(cfg->ruleBySequence())) {
@@ -163,18 +170,22 @@ void IgmpHostProxyIntfSm::NexAcl::doReconcile() {
             stale.take(id);
             continue;
         }
-        helper->handleRule(id);
-        if (helper->asked() != IgmpHostProxyAclHelper::Asked::nothing) return;
-        // Also if it was rejected as invalid: it is then taken back like any other, which gives up
-        // whatever references its pairs have. A good rule stands there as it was applied.
-        if (helper->cachedRules(id) == Acl::IpRuleConfig())
-            helper->cachedRulesIs(id, cfg->ipRuleById(id));
+        error.attempt([&] {
+            helper->handleRule(id);
+            if (helper->asked() != IgmpHostProxyAclHelper::Asked::nothing) return;
+            // Also if it was rejected as invalid: it is then taken back like any other, which gives
+            // up whatever references its pairs have. A good rule stands there as it was applied.
+            if (helper->cachedRules(id) == Acl::IpRuleConfig())
+                helper->cachedRulesIs(id, cfg->ipRuleById(id));
+        });
+        if (helper->asked() != IgmpHostProxyAclHelper::Asked::nothing) return error.rethrow();
     }
     // New rules first, vanished ones after: a group that passes from one rule to another stays.
     for (Acl::UniqueId const id : stale.walk()) {
-        helper->purgeCachedRule(helper->cachedRules(id));
+        error.attempt([&] { helper->purgeCachedRule(helper->cachedRules(id)); });
         helper->cachedRulesDel(id);
     }
+    error.rethrow();
 }
 
 void IgmpHostProxyIntfSm::NexAcl::cfgIs(Nex::Ptr<Acl::AclSubConfig const> cfg) {

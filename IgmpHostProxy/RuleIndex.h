@@ -44,9 +44,14 @@ namespace IgmpHostProxy {
 
 class RuleIndex {
   public:
+    /// Where memory is refused, nothing is counted.
     void add(RuleEffect effect, Lox::IpAddrWithFullMask range) {
-        ++*rules_.findOrInsert(keyOf(effect, range.mask(), range.address())).first;
-        ++*masks_.findOrInsert(effect).first->findOrInsert(range.mask()).first;
+        std::uint32_t* const rules =
+            rules_.findOrInsert(keyOf(effect, range.mask(), range.address())).first;
+        std::uint32_t* const masks =
+            masks_.findOrInsert(effect).first->findOrInsert(range.mask()).first;
+        ++*rules;
+        ++*masks;
     }
     /// Of a rule that was added.
     void del(RuleEffect effect, Lox::IpAddrWithFullMask range) {

@@ -30,12 +30,15 @@ class ParseException : public Exception {
 /// first one reaches the caller in the end.
 class FirstError {
   public:
+    /// Whether it was done.
     template <class F>
-    void attempt(F&& act) {
+    bool attempt(F&& act) {
         try {
             act();
+            return true;
         } catch (...) {
             if (!error_) error_ = std::current_exception();
+            return false;
         }
     }
     void rethrow() const {

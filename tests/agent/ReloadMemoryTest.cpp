@@ -3,56 +3,13 @@
 #include "agent/Wire.h"
 #include "agent/records/Announced.h"
 #include "netns/Netns.h"
+#include "support/RefusedMemory.h"
 
 #include <algorithm>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <new>
-
-namespace {
-
-/// Allocations since the count began, and which of them are refused.
-struct Memory {
-    bool counting = false;
-    long count = 0, first = 0, last = 0;
-
-    bool refuses() {
-        if (!counting) return false;
-        ++count;
-        return first <= count && count <= last;
-    }
-};
-Memory memory;
-
-} // namespace
-
-extern "C" {
-void* __real_malloc(std::size_t);
-void* __real_calloc(std::size_t, std::size_t);
-void* __real_realloc(void*, std::size_t);
-void* __wrap_malloc(std::size_t size) { return memory.refuses() ? nullptr : __real_malloc(size); }
-void* __wrap_calloc(std::size_t n, std::size_t size) {
-    return memory.refuses() ? nullptr : __real_calloc(n, size);
-}
-void* __wrap_realloc(void* old, std::size_t size) {
-    return memory.refuses() ? nullptr : __real_realloc(old, size);
-}
-}
-
-// Not inlined, or compilers see them in pairs with those of the library.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    void* const room = memory.refuses() ? nullptr : __real_malloc(size);
-    if (!room) throw std::bad_alloc();
-    return room;
-}
-[[gnu::noinline]] void* operator new(std::size_t size, std::nothrow_t const&) noexcept {
-    return memory.refuses() ? nullptr : __real_malloc(size);
-}
-[[gnu::noinline]] void operator delete(void* room) noexcept { std::free(room); }
-[[gnu::noinline]] void operator delete(void* room, std::size_t) noexcept { std::free(room); }
 
 namespace Agent {
 namespace {

@@ -268,20 +268,67 @@ TEST_F(NestedChange, TablesThatAreForgottenAndFoundAgainAreFollowed) {
     EXPECT_EQ(announced(), "include 10.0.0.1 exclude");
 }
 
-// The helper is not left at work on the rule.
-TEST_F(NestedChange, AnExceptionWhileARuleIsTakenBackDoesNotStopTheList) {
+TEST_F(NestedChange, AnExceptionWhileARuleIsTakenBackLeavesNothingOfIt) {
     config->aclListIs("iptv");
-    ruleIs("iptv", 1, permit(sourceS, groupG));
+    ruleIs("iptv", 1, permit(sourceS, groupG, ~std::uint32_t(3)));
+    auto const counts = [this](Lox::IpAddr source) {
+        std::uint32_t sum = 0;
+        for (std::uint32_t i = 0; i < 4; ++i)
+            sum += count(source, Lox::IpAddr::fromHost(ip("239.1.1.0").host() + i));
+        return sum;
+    };
+    auto const throwOnce = [this](Nex::Owned<StatusWatch>& watch) {
+        watch.make(status, [](Lox::IpAddr, bool present) -> bool {
+            if (present) return false;
+            throw Nex::Exception("from a callback");
+        });
+    };
     Nex::Owned<StatusWatch> watch;
-    watch.make(status, [](Lox::IpAddr, bool present) -> bool {
-        if (present) return false;
-        throw Nex::Exception("from a callback");
-    });
+    throwOnce(watch);
     EXPECT_THROW(ruleDel("iptv", 1), Nex::Exception);
     watch.del();
+    EXPECT_EQ(counts(sourceS), 0u);
+    // The helper is not left at work on the rule.
     ruleIs("iptv", 2, permit(sourceT, groupG));
     EXPECT_EQ(announced(), "include 10.0.0.2 exclude");
-    EXPECT_EQ(count(sourceS), 0u);
+    ruleIs("iptv", 3, permit(sourceT, groupG, ~std::uint32_t(3)));
+    ruleIs("iptv", 4, permit(sourceS, groupG));
+    throwOnce(watch);
+    EXPECT_THROW(config->aclListDel("iptv"), Nex::Exception);
+    EXPECT_EQ(counts(sourceS) + counts(sourceT), 0u);
+    EXPECT_EQ(status->groupSourceListCount(), 0u);
+    EXPECT_EQ(helper(), nullptr);
+}
+
+TEST_F(NestedChange, ARuleThatFailsHalfWayIsTakenBackAndAppliedTheNextTime) {
+    Lox::IpAddr const configured = ip("239.1.1.2");
+    Lox::IpAddr const other = ip("239.1.2.1");
+    ruleIs("iptv", 1, permit(sourceS, groupG, ~std::uint32_t(3)));
+    ruleIs("iptv", 2, permit(sourceT, other));
+    config->groupSourceListIs(configured)->includeSourceListIs(sourceT);
+    auto const fail = [] { throw Nex::Exception("from a callback"); };
+    for (bool const counted : {false, true}) {
+        SCOPED_TRACE(counted);
+        if (counted) {
+            whenSourcesChange(configured, fail);
+        } else {
+            whenAnnounced(groupG, fail);
+            machine().groupSourceRefCounterIs({sourceS, groupG}, 1); // of somebody else
+        }
+        EXPECT_THROW(config->aclListIs("iptv"), Nex::Exception);
+        for (auto const group : {ip("239.1.1.0"), groupG, configured, ip("239.1.1.3")})
+            EXPECT_EQ(count(sourceS, group), !counted && group == groupG) << group;
+        if (!counted) machine().groupSourceRefCounterDel({sourceS, groupG});
+        EXPECT_EQ(announced(configured), "include 10.0.0.2 exclude");
+        EXPECT_EQ(announced(other), "include 10.0.0.2 exclude");
+        EXPECT_EQ(cachedRules(), 1u);
+        rulesOf("iptv")->ruleBySequenceIs(9, Acl::UniqueId(counted)); // names no rule, or the first
+        EXPECT_EQ(count(sourceS), 1u);
+        EXPECT_EQ(announced(configured), "include 10.0.0.1 10.0.0.2 exclude");
+        config->aclListDel("iptv");
+        rulesOf("iptv")->ruleBySequenceDel(9);
+        EXPECT_EQ(count(sourceS) + count(sourceT, other), 0u);
+    }
 }
 
 TEST_F(NestedChange, WhatWasAskedOfAListIsDoneAlsoIfAnExceptionFollows) {
