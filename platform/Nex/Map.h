@@ -320,8 +320,14 @@ class Map {
         index_ = static_cast<std::uint32_t*>(std::calloc(slots, sizeof *index_));
         if (!index_) throw std::bad_alloc();
         mask_ = std::uint32_t(slots - 1);
-        for (Position at = 0; at < used_; ++at)
-            if (entries_[at].live && !addToIndex(at, homeOf(entries_[at].key), 0)) return scatter();
+        try {
+            for (Position at = 0; at < used_; ++at)
+                if (entries_[at].live && !addToIndex(at, homeOf(entries_[at].key), 0))
+                    return scatter();
+        } catch (...) { // rather none than one that lacks keys
+            std::free(std::exchange(index_, nullptr));
+            throw;
+        }
     }
     void scatter() {
         scattered_ = true;
@@ -339,7 +345,7 @@ class Map {
         if (used_ <= unindexed || count_ >= used_ / 4) return;
         try {
             reseat(std::bit_ceil(std::max<Position>(count_ * 2, 4)));
-        } catch (std::bad_alloc const&) { // there is only more room, or no index to find keys fast
+        } catch (...) { // there is more room than needed, or no index: the walk's end is no failure
         }
     }
     /// Moves the entries into room for `capacity` of them; without walkers, holes go.
@@ -354,6 +360,9 @@ class Map {
             }
             entries_ = moved;
         } else {
+            static_assert(std::is_nothrow_move_constructible_v<Key> &&
+                              std::is_nothrow_move_constructible_v<Value>,
+                          "entries move half way or not at all");
             auto* moved = static_cast<Entry*>(std::malloc(capacity * sizeof(Entry)));
             if (!moved) throw std::bad_alloc();
             Position to = 0;
