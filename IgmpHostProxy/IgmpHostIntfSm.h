@@ -33,11 +33,11 @@ class IgmpHostIntfSm : public Nex::PtrInterface {
     IgmpHostProxySm* parent() const { return parent_; }
     /// The constructor's arguments as they are now.
     auto nexArguments() const {
-        return std::make_tuple(Nex::Argument{"intfStatus", Nex::Ptr(intfStatus())},
-                               Nex::Argument{"igmpHost", igmpHost_},
-                               Nex::Argument{"igmpHostStatus", Nex::Ptr(igmpHostStatus())},
-                               Nex::Argument{"srcIntfIhpIntf", Nex::Ptr(srcIntfIhpIntf())});
+        return std::make_tuple(Nex::Ptr(intfStatus()), igmpHost_, Nex::Ptr(igmpHostStatus()),
+                               Nex::Ptr(srcIntfIhpIntf()));
     }
+    static constexpr char const* nexArgumentNames[] = {"intfStatus", "igmpHost", "igmpHostStatus",
+                                                       "srcIntfIhpIntf"};
 
     /// Programs all settings, once.
     void handleNew();

@@ -56,13 +56,12 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     IgmpHostProxySm* parent() const { return parent_; }
     /// The constructor's arguments as they are now.
     auto nexArguments() const {
-        return std::make_tuple(Nex::Argument{"intfConfig", Nex::Ptr(intfConfig())},
-                               Nex::Argument{"intfStatus", Nex::Ptr(intfStatus())},
-                               Nex::Argument{"mfibKeshDir", Nex::Ptr(mfibKeshDir())},
-                               Nex::Argument{"ipAclConfig", Nex::Ptr(ipAclConfig())},
-                               Nex::Argument{"clock", Nex::Ptr(clock())},
-                               Nex::Argument{"srcIntfIhpIntf", srcIntfIhpIntf_});
+        return std::make_tuple(Nex::Ptr(intfConfig()), Nex::Ptr(intfStatus()),
+                               Nex::Ptr(mfibKeshDir()), Nex::Ptr(ipAclConfig()), Nex::Ptr(clock()),
+                               srcIntfIhpIntf_);
     }
+    static constexpr char const* nexArgumentNames[] = {
+        "intfConfig", "intfStatus", "mfibKeshDir", "ipAclConfig", "clock", "srcIntfIhpIntf"};
 
     /// The last step of construction.
     void handleInitialized();

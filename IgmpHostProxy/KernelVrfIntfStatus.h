@@ -17,7 +17,8 @@ class KernelVrfIntfStatus : public Nex::RecordBase {
   public:
     /// Fixed at construction.
     KernelNetInfo::Status const* kniStatus() const { return kniStatus_.get(); }
-    auto nexArguments() const { return std::make_tuple(Nex::Argument{"kniStatus", kniStatus_}); }
+    auto nexArguments() const { return std::make_tuple(kniStatus_); }
+    static constexpr char const* nexArgumentNames[] = {"kniStatus"};
     /// A view is rebuilt, never backed up.
     bool hasBackupSupport() const { return false; }
 

@@ -42,8 +42,8 @@ class Makings {
         Making& operator=(Making const&) = delete;
         ~Making() { all_.innermost_ = outer_; }
 
-        bool wanted = true; ///< not deleted meanwhile
-        std::optional<Request> last;
+        bool wanted = true;          ///< not deleted meanwhile
+        std::optional<Request> last; ///< what was asked for last
 
       private:
         friend class Makings;
@@ -210,17 +210,9 @@ inline void refuseNull(bool isNull, char const* typeName, char const* attribute)
                              typeName + "::" + attribute + " not allowed\"");
 }
 
-/// One constructor argument of a machine as it is held now, by name.
-template <class T>
-struct Argument {
-    char const* name;
-    T value;
-};
-template <class T>
-Argument(char const*, T) -> Argument<T>;
-
 /// Machines by key. Asking again with the same arguments returns the machine; with another
-/// argument it fails.
+/// argument it fails. A machine class tells the names of these arguments in the array
+/// `nexArgumentNames`, and their present values by `nexArguments()`, a tuple.
 template <class Key, class Machine>
 class MachineMap {
   public:
@@ -236,18 +228,22 @@ class MachineMap {
     std::size_t size() const { return machines_.size(); }
     auto walk() const { return machines_.walk(); }
 
-    /// `factory` makes a machine from key, arguments and owner. A machine tells its present
-    /// arguments by `nexArguments()`, a tuple of `Argument`. Null, whatever the arguments, while
-    /// the machine is being made further up the stack.
+    /// `factory` makes a machine from key and arguments. Null while the machine is being made
+    /// further up the stack. Throws NameInUseException where it is there, or being made, from
+    /// other arguments, and what `factory` throws.
     template <class Factory, class... Args>
     Ptr<Machine> is(Factory factory, Key const& key, Args const&... args) {
+        Arguments const asked(args...);
         if (Ptr<Machine> const known = get(key)) {
-            compare(known->nexArguments(), std::tie(args...),
-                    std::make_index_sequence<sizeof...(Args)>());
+            compare(known->nexArguments(), asked, std::index_sequence_for<Args...>());
             return known;
         }
-        if (makings_.find(key)) return nullptr;
+        if (auto const* const making = makings_.find(key)) {
+            compare(*making->last, asked, std::index_sequence_for<Args...>());
+            return nullptr;
+        }
         typename decltype(makings_)::Making making(makings_, key);
+        making.last = asked;
         Ptr<Machine> const fresh = factory(key, args...);
         if (making.wanted) {
             *machines_.findOrInsert(key).first = fresh;
@@ -267,21 +263,24 @@ class MachineMap {
     }
 
   private:
-    template <class Present, class Asked, std::size_t... at>
-    static void compare(Present const& present, Asked const& asked, std::index_sequence<at...>) {
-        (compareOne(std::get<at>(present), std::get<at>(asked)), ...);
+    using Arguments = decltype(std::declval<Machine const&>().nexArguments());
+
+    template <std::size_t... at>
+    static void compare(Arguments const& present, Arguments const& asked,
+                        std::index_sequence<at...>) {
+        (compareOne(Machine::nexArgumentNames[at], std::get<at>(present), std::get<at>(asked)),
+         ...);
     }
-    template <class T, class Asked>
-    static void compareOne(Argument<T> const& present, Asked const& asked) {
-        if (present.value == asked) return;
+    template <class T>
+    static void compareOne(char const* name, T const& present, T const& asked) {
+        if (present == asked) return;
         throw NameInUseException(
             "Reinstantiating the pointer interface where constructor parameter attribute _" +
-            String(present.name) + " has a different value of " + textOf(present.value) + ", " +
-            textOf(asked));
+            String(name) + " has a different value of " + textOf(present) + ", " + textOf(asked));
     }
 
     Map<Key, Ptr<Machine>> machines_;
-    Makings<Key, Nothing> makings_;
+    Makings<Key, Arguments> makings_; ///< with what each is being made from
 };
 
 } // namespace Nex

@@ -23,9 +23,8 @@ class Worker : public PtrInterface {
   public:
     Worker(int key, Ptr<Tree> left, Ptr<Tree const> right, Owner* owner);
     ~Worker() override { nexDoZombieReactors(true); }
-    auto nexArguments() const {
-        return std::make_tuple(Argument{"left", left_}, Argument{"right", right_});
-    }
+    auto nexArguments() const { return std::make_tuple(left_, right_); }
+    static constexpr char const* nexArgumentNames[] = {"left", "right"};
     int const key;
 
   private:
@@ -271,7 +270,10 @@ TEST_F(MachineTest, DeletedMachineIsSilentThoughSomebodyHoldsIt) {
 }
 
 TEST_F(MachineTest, MachineThatIsDisturbedWhileItIsMade) {
-    owner->startUp = [&] { EXPECT_EQ(owner->workerIs(1, twin, other), nullptr); };
+    owner->startUp = [&] {
+        EXPECT_EQ(owner->workerIs(1, tree, other), nullptr);
+        EXPECT_THROW(owner->workerIs(1, twin, other), NameInUseException);
+    };
     auto worker = owner->workerIs(1, tree, other);
     EXPECT_EQ(owner->worker.get(1), worker.get());
     EXPECT_EQ(change(tree), "1 ");
