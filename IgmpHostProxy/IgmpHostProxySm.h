@@ -262,6 +262,8 @@ class IgmpHostProxySm : public Nex::PtrInterface {
     void doArmIpStatusCheckTimer();
     /// Mounts the kernel interface table of a namespace; null when there is none to be had.
     Nex::Ptr<KernelNetInfo::Status> doMountKniStatus(Lox::NamespaceName const& networkNamespace);
+    /// How often the table at a path is mounted, by whomever.
+    unsigned mountsOf(Nex::String const& path) const;
     void doUnmountKniStatus(Lox::NamespaceName const& networkNamespace);
     Lox::NamespaceName namespaceOf(Lox::IntfId const& intfId) const;
 

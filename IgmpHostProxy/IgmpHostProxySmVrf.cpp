@@ -27,6 +27,11 @@ IgmpHostProxySm::doMountKniStatus(Lox::NamespaceName const& networkNamespace) {
     return mount.entity<KernelNetInfo::Status>(kniPath(networkNamespace));
 }
 
+unsigned IgmpHostProxySm::mountsOf(Nex::String const& path) const {
+    auto const* const table = entityManager() ? entityManager()->mounted(path) : nullptr;
+    return table ? table->mounts() : 0;
+}
+
 void IgmpHostProxySm::doUnmountKniStatus(Lox::NamespaceName const& networkNamespace) {
     if (entityManager()) NexKesh::Mount(entityManager()).mountDel(kniPath(networkNamespace));
 }
@@ -127,8 +132,16 @@ IgmpHostProxySm::KernelVrf::KernelVrf(IgmpHostProxySm* root, L3::VrfName vrfName
 void IgmpHostProxySm::KernelVrf::networkNamespaceIs(Lox::NamespaceName const& networkNamespace) {
     if (!root_->kernelVrfIntfStatus(vrfName_)) {
         doUnmount(); // what an earlier failure has left
+        Nex::String const path = kniPath(networkNamespace);
+        unsigned const mounts = root_->mountsOf(path);
         mounted_ = networkNamespace;
-        auto const kniStatus = root_->doMountKniStatus(networkNamespace);
+        Nex::Ptr<KernelNetInfo::Status> kniStatus;
+        try {
+            kniStatus = root_->doMountKniStatus(networkNamespace);
+        } catch (...) { // before or after it was mounted; what others have mounted is theirs
+            if (root_->mountsOf(path) == mounts) mounted_ = Lox::NamespaceName();
+            throw;
+        }
         if (!kniStatus || mounted_ != networkNamespace) return;
         root_->kernelVrfIntfStatusIs(vrfName_, kniStatus);
     }

@@ -83,6 +83,19 @@ TEST_F(Vrf, TwoVrfsMayHaveOneNamespace) {
     EXPECT_FALSE(managed("ns-blue"));
 }
 
+TEST_F(Vrf, OneThatCouldNotMountItsTableUnmountsNobodyElses) {
+    world.entityManager->factoryIs(
+        "KernelNetInfo::Status",
+        [](Nex::String const& path) -> Nex::Ptr<Nex::Entity> { throw Nex::RangeException(path); });
+    EXPECT_THROW(world.vrf("azure", "ns-blue"), Nex::RangeException);
+    world.entityManager->factoryIs(
+        "KernelNetInfo::Status", [this](Nex::String const& path) { return world.kniTable(path); });
+    world.vrf("blue", "ns-blue");
+    world.allVrfStatusLocal->vrfDel(L3::VrfName("azure"));
+    ASSERT_NE(mountOf("ns-blue"), nullptr);
+    EXPECT_EQ(mountOf("ns-blue")->mounts(), 1u);
+}
+
 /// Deletes the VRF "blue" as the status of an interface appears.
 class Vanisher : public Nex::Reactor<Status::NotifieeConst, Nex::PtrInterface> {
   public:
