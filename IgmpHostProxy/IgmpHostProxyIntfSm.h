@@ -312,6 +312,7 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     template <class Act>
     void doAndFollowUp(Nex::String const& name, Act act);
     void doReviewSoon();
+    void doReviewAfterFailure();
     void doReviewRoutes();
     /// Has the next review walk every route from the start.
     void doWantSyncAllRoutes();
@@ -379,6 +380,8 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     /// Of `changedRoute`, the route that is being synced; and whether it changed again meanwhile.
     std::optional<Kesh::Multicast::Fib::MfibKeshDirRouteKey> syncing_;
     bool syncAgain_ = false;
+    bool untried_ = false;  ///< the slice under way ends before all routes have had their turn
+    double retryDelay_ = 0; ///< seconds, between reviews that do nothing but fail
     Nex::ReactorMap<Kesh::Multicast::Fib::Status const*, NexMfibKesh> mfibKesh_;
     GroupSourceRefCounter groupSourceRefCounter_;
     Nex::Map<Nex::String, Nex::Ptr<IgmpHostProxyAclHelper>> igmpHostProxyAclHelper_;

@@ -8,6 +8,7 @@
 
 #include "IgmpHostProxy/Trace.h"
 
+#include <algorithm>
 #include <optional>
 
 namespace IgmpHostProxy {
@@ -24,6 +25,8 @@ using Table = Kesh::Multicast::Fib::Status;
 constexpr Lox::IpAddr noGroup = Lox::IpAddr::fromHost(0xE0000000); // 224.0.0.0
 /// The source of a (*,G) route key.
 constexpr Lox::IpPrefix anyPrefix{};
+/// The longest that routes wait for another try while they do nothing but fail.
+constexpr double longestRetrySeconds = 60;
 
 } // namespace
 
@@ -65,13 +68,23 @@ void IgmpHostProxyIntfSm::doReview() {
     IHP_TRACE_ENTRY();
     if (!initialized() || !mfibKeshDir()) return;
     IHP_TRACE(3, "Starting review");
+    untried_ = false;
     try {
         doReviewRoutes();
+        retryDelay_ = 0;
     } catch (...) {
         if (syncRestarted_) doClearBookmarks();
-        doReviewSoon();
+        doReviewAfterFailure();
         throw;
     }
+}
+
+/// Who has not had a turn does not wait for those that have failed. These are tried again, later
+/// and later, and with whatever else is reviewed.
+void IgmpHostProxyIntfSm::doReviewAfterFailure() {
+    if (untried_) return doReviewSoon();
+    retryDelay_ = std::min(std::max(2 * retryDelay_, minDelay()), longestRetrySeconds);
+    if (reviewTimer()) reviewTimer()->doUpdateNextReviewAfter(retryDelay_);
 }
 
 void IgmpHostProxyIntfSm::doReviewRoutes() {
@@ -148,18 +161,15 @@ void IgmpHostProxyIntfSm::doSyncAllRoutes() {
     MfibKeshCollRouteIteratorConst at(
         mfibKeshDir(), start, rkBookmarkNotNull() ? std::optional(rkBookmark_) : std::nullopt);
     double const deadline = Nex::System::currentTime() + reviewQuantum();
+    Nex::FirstError error;
+    bool failed = false;
     while (!at.atEnd()) {
         void const* const table = at.table();
         IHP_TRACE(3, "Syncing % from kesh table %", at.routeKey(), table);
-        try {
-            doSyncKey(at.table(), at.routeKey());
-        } catch (...) {
+        if (!error.attempt([&] { doSyncKey(at.table(), at.routeKey()); })) {
             // It is tried again as a changed route, and holds up nobody who comes after it.
             handleRoute({*at.table(), at.routeKey()});
-            at.updateToBestRouteIterators();
-            doEndSlice(at);
-            if (at.atEnd() && !syncRestarted_) syncAllRoutesIs(false);
-            throw;
+            failed = true;
         }
         // After the work: every slice syncs one route at least.
         bool const late = Nex::System::currentTime() >= deadline;
@@ -167,6 +177,10 @@ void IgmpHostProxyIntfSm::doSyncAllRoutes() {
         if (late) break;
     }
     doEndSlice(at);
+    if (!failed) return;
+    untried_ = true;
+    if (at.atEnd() && !syncRestarted_) syncAllRoutesIs(false);
+    error.rethrow();
 }
 
 /// `at` stands on the first route that has not been synced.
@@ -188,19 +202,19 @@ void IgmpHostProxyIntfSm::doSyncChangedRoutes() {
     IHP_TRACE_ENTRY();
     if (syncing_) return; // from inside the sync of one: whoever is at it goes on
     double const deadline = Nex::System::currentTime() + reviewQuantum();
+    Nex::FirstError error;
+    std::size_t failed = 0;
     // Those that come meanwhile, at the back, are left for the next review.
     for (std::size_t left = changedRoute_.size(); left > 0 && !changedRoute_.empty(); --left) {
         syncing_ = changedRoute_.front();
         syncAgain_ = false;
-        try {
-            doSyncKey(*syncing_);
-        } catch (...) {
-            doEndSyncChanged(true);
-            throw;
-        }
-        doEndSyncChanged(syncAgain_);
-        if (Nex::System::currentTime() >= deadline) return;
+        bool const synced = error.attempt([&] { doSyncKey(*syncing_); });
+        if (!synced) ++failed;
+        doEndSyncChanged(syncAgain_ || !synced);
+        if (Nex::System::currentTime() >= deadline) break;
     }
+    untried_ = changedRoute_.size() > failed;
+    error.rethrow();
 }
 
 void IgmpHostProxyIntfSm::doEndSyncChanged(bool again) {

@@ -25,10 +25,12 @@ void ReviewTimer::doUpdateNextReview() {
     doSchedule(now + (credits_ >= 1 ? minDelay_ : maxDelay_));
 }
 
-void ReviewTimer::doUpdateNextReviewImmediately() {
+void ReviewTimer::doUpdateNextReviewImmediately() { doUpdateNextReviewAfter(minDelay_); }
+
+void ReviewTimer::doUpdateNextReviewAfter(double delaySeconds) {
     double const now = Nex::System::currentTime();
     doFill(now);
-    doSchedule(now + minDelay_);
+    doSchedule(now + delaySeconds);
 }
 
 void ReviewTimer::doFill(double now) {

@@ -25,6 +25,8 @@ class ReviewTimer : public Nex::PtrInterface {
     bool reviewPending() const { return reactor_->timeMin() != Nex::never; }
     void doUpdateNextReview();
     void doUpdateNextReviewImmediately();
+    /// After a delay of the caller's, in seconds.
+    void doUpdateNextReviewAfter(double delaySeconds);
 
     /// When the last review was completed, in seconds of the system's time; 0 before the first.
     double lastReviewTime() const { return lastReviewTime_; }

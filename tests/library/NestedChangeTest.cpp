@@ -268,6 +268,43 @@ TEST_F(NestedChange, TablesThatAreForgottenAndFoundAgainAreFollowed) {
     EXPECT_EQ(announced(), "include 10.0.0.1 exclude");
 }
 
+/// Will not have a group.
+struct Refuser : Nex::Reactor<IntfStatus::Notifiee, Nex::PtrInterface> {
+    Refuser(Nex::Ptr<IntfStatus> status, Lox::IpAddr group)
+        : Reactor(std::move(status), static_cast<Nex::PtrInterface*>(nullptr)), group_(group) {}
+    void onGroupSourceList(Lox::IpAddr group) override {
+        if (group != group_ || !notifier()->groupSourceListHas(group)) return;
+        ++tries;
+        notifier()->groupSourceListDel(group);
+        throw Nex::Exception("refused");
+    }
+    unsigned tries = 0;
+    Lox::IpAddr const group_;
+};
+
+TEST_F(NestedChange, ARouteThatAlwaysFailsIsTriedLessAndLessAndHoldsUpNoOther) {
+    auto const table = newTable();
+    settle();
+    Nex::Owned<Refuser> refuser;
+    refuser.make(status, groupG);
+    routeIs(*table, sourceS, groupG);
+    auto const pass = [this](double seconds) {
+        for (double const end = world.time.now() + seconds; world.time.now() < end;) try {
+                world.pass(end - world.time.now());
+            } catch (Nex::Exception const&) {
+            }
+    };
+    pass(3600);
+    EXPECT_GE(refuser->tries, 60u);
+    EXPECT_LT(refuser->tries, 80u);
+    routeIs(*table, sourceS, ip("239.1.1.2"));
+    pass(0.02);
+    EXPECT_EQ(announced(ip("239.1.1.2")), "include 10.0.0.1 exclude");
+    refuser.del();
+    pass(61);
+    EXPECT_EQ(announced(), "include 10.0.0.1 exclude");
+}
+
 TEST_F(NestedChange, AnExceptionWhileARuleIsTakenBackLeavesNothingOfIt) {
     config->aclListIs("iptv");
     ruleIs("iptv", 1, permit(sourceS, groupG, ~std::uint32_t(3)));
