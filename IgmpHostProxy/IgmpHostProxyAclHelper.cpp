@@ -278,6 +278,24 @@ void IgmpHostProxyAclHelper::groupSourceListDelAll() {
     for (Lox::IpAddr const group : groupSourceList_.walk<Nex::Nothing>()) groupSourceListDel(group);
 }
 
+/// The counts tell. An entry may be empty though a rule contributes to it: one that went has taken
+/// the source that they shared.
+void IgmpHostProxyAclHelper::doForgetUnwantedGroups(Lox::IpAddrWithFullMask range) {
+    auto const forget = [&](Lox::IpAddr group) {
+        GroupSource const* const entry = groupSourceList(group);
+        if (entry && entry->empty() && !machine_->groupSourceRefCounter().groupHas(group))
+            groupSourceListDel(group);
+    };
+    if (range.size() > groupSourceList_.size()) {
+        for (Lox::IpAddr const group : groupSourceList_.walk<Nex::Nothing>())
+            if (range.has(group)) forget(group);
+    } else {
+        for (AddressRangeIterator group(range.address().host(), range.mask()); !group.done();
+             ++group)
+            forget(*group);
+    }
+}
+
 Acl::IpRuleConfig IgmpHostProxyAclHelper::cachedRules(Acl::UniqueId id) const {
     auto const* const found = cachedRules_.find(id);
     return found ? *found : Acl::IpRuleConfig();

@@ -70,6 +70,9 @@ class IgmpHostProxyAclHelper : public Nex::PtrInterface {
     Nex::Ptr<GroupSource> groupSourceListIs(Lox::IpAddr group);
     void groupSourceListDel(Lox::IpAddr group) { groupSourceList_.take(group); }
     void groupSourceListDelAll();
+    /// Forgets the groups of a range that nobody wants any longer, be it by another list. As long
+    /// as they have an entry here, the list owns them.
+    void doForgetUnwantedGroups(Lox::IpAddrWithFullMask range);
 
     /// The rule as applied, or a default value.
     Acl::IpRuleConfig cachedRules(Acl::UniqueId id) const;

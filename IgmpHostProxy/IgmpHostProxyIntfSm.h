@@ -142,6 +142,9 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     void doSyncKey(Kesh::Multicast::Fib::MfibKeshDirRouteKey const& changed);
     /// Strips the forwarding table's sources from the status, or has the tables reviewed again.
     void handleDenyMroute();
+    /// The configuration or an access list has let go of these groups, and the forwarding tables
+    /// may have those that no other owner wants. Their routes are reviewed soon.
+    void doReleaseGroups(Lox::IpAddrWithFullMask groups);
     /// A route of a table came, changed or went.
     void handleRoute(Kesh::Multicast::Fib::MfibKeshDirRouteKey const& changed);
     /// A table came or went.

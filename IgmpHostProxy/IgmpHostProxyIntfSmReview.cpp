@@ -233,6 +233,19 @@ void IgmpHostProxyIntfSm::handleRoute(MfibKeshDirRouteKey const& changed) {
     doReviewSoon();
 }
 
+void IgmpHostProxyIntfSm::doReleaseGroups(Lox::IpAddrWithFullMask groups) {
+    IHP_TRACE_ENTRY();
+    for (auto const& item : igmpHostProxyAclHelper()) item.value->doForgetUnwantedGroups(groups);
+    if (!mfibKeshDir()) return;
+    IpGenRouteKey const first{{}, {groups.lowest(), 0}};
+    for (auto const& item : mfibKeshDir()->keshPtr()) {
+        if (!item.value) continue;
+        for (auto at = item.value->routeFrom(first);
+             !at.atEnd() && at.key().group.address() <= groups.highest(); at.advance())
+            if (groups.has(at.key().group.address())) handleRoute({*item.value, at.key()});
+    }
+}
+
 void IgmpHostProxyIntfSm::handleKeshPtr(Table const* key) {
     IHP_TRACE_ENTRY();
     if (!mfibKeshDir()) return mfibKeshDel(key);

@@ -4,8 +4,6 @@
 #include "agent/loop/ServiceManager.h"
 #include "agent/records/RecordPart.h"
 
-#include "IgmpHostProxy/AddressRangeIterator.h"
-
 #include <algorithm>
 #include <linux/capability.h>
 #include <signal.h>
@@ -162,7 +160,10 @@ void Daemon::doConfigure(Configuration configuration) {
         if (damaged_) return doRebuild();
         vrfs_->configurationIs(writer_.configuration());
         hosts_->handleConfiguration();
-        for (auto const& released : writer_.released()) doRelease(released);
+        for (auto const& released : writer_.released()) {
+            Nex::Ptr const machine = root_->igmpHostProxyIntfSm(Lox::IntfId(released.interface));
+            if (machine) machine->doReleaseGroups(released.groups);
+        }
     } catch (std::exception const& error) {
         log(LogLevel::error, "the configuration is put in force anew, because of: {}",
             error.what());
@@ -197,21 +198,6 @@ void Daemon::doRebuild() {
 void Daemon::handleExhaustion() {
     damaged_ = true;
     rebuild_.delayIs(rebuildSeconds);
-}
-
-/// Lets the forwarding table have the groups. A machine keeps those of a rule that has gone from it
-/// for as long as the list is attached, by an entry that is empty.
-void Daemon::doRelease(ConfigurationWriter::Released const& released) {
-    auto const* const machine = root_->igmpHostProxyIntfSm(Lox::IntfId(released.interface));
-    Nex::Ptr const list = machine ? machine->igmpHostProxyAclHelper(released.list) : nullptr;
-    if (list) {
-        IgmpHostProxy::AddressRangeIterator group(released.groups.address().host(),
-                                                  released.groups.mask());
-        for (; !group.done(); ++group)
-            if (auto const* const entry = list->groupSourceList(*group); entry && entry->empty())
-                list->groupSourceListDel(*group);
-    }
-    vrfs_->doTouch(released.interface, released.groups);
 }
 
 void Daemon::handleTurn() {

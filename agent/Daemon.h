@@ -78,7 +78,6 @@ class Daemon {
     void doConfigure(Configuration configuration);
     void doRebuild();
     void handleExhaustion();
-    void doRelease(ConfigurationWriter::Released const& released);
     IgmpHostPort::Location locate(std::string const& name, std::string const& vrf) const;
 
     Options options_;

@@ -2,9 +2,6 @@
 
 #include "agent/loop/Log.h"
 
-#include "IgmpHostProxy/AddressRangeIterator.h"
-
-#include <bit>
 #include <exception>
 #include <vector>
 
@@ -128,22 +125,6 @@ void Vrf::doFilterRoutes() {
     if (filter == filter_) return;
     routes_->filterIs(filter);
     filter_ = std::move(filter);
-}
-
-void Vrf::doTouch(Lox::IpAddrWithFullMask groups) {
-    if (!writer_) return;
-    auto const size = std::uint64_t(1) << std::popcount(~groups.mask());
-    if (size <= writer_->table().routeCount()) {
-        IgmpHostProxy::AddressRangeIterator group(groups.address().host(), groups.mask());
-        for (; !group.done(); ++group) writer_->doTouch(*group);
-        return;
-    }
-    std::set<Lox::IpAddr> touched;
-    for (auto const& item : writer_->table().route()) {
-        Lox::IpAddr const group = item.key.group.address();
-        if (((group.host() ^ groups.address().host()) & groups.mask()) == 0) touched.insert(group);
-    }
-    for (Lox::IpAddr const group : touched) writer_->doTouch(group);
 }
 
 } // namespace Agent

@@ -52,8 +52,6 @@ class Vrf {
     void doRenew();
     /// Which routes to announce, and the names of this VRF's proxy interfaces.
     void routePolicyIs(ForwardingTableConfiguration const& policy, std::set<std::string> proxies);
-    /// Has the routes of these groups looked at again: somebody has let go of the groups.
-    void doTouch(Lox::IpAddrWithFullMask groups);
 
   private:
     void handleNamespace();

@@ -139,9 +139,4 @@ Lox::IpAddr VrfRegistry::address(std::string const& interface) const {
     return interfaces ? interfaces->address(interface) : Lox::IpAddr();
 }
 
-void VrfRegistry::doTouch(std::string const& interface, Lox::IpAddrWithFullMask groups) {
-    auto const found = vrfs_.find(vrfOf(interface));
-    if (found != vrfs_.end()) found->second->doTouch(groups);
-}
-
 } // namespace Agent

@@ -36,8 +36,6 @@ class VrfRegistry {
     bool routesTold(std::string const& vrf) const;
     /// 0.0.0.0 unless the interface is usable.
     Lox::IpAddr address(std::string const& interface) const;
-    /// Somebody who announced these groups on the interface has let go of them.
-    void doTouch(std::string const& interface, Lox::IpAddrWithFullMask groups);
 
   private:
     /// Empty for an interface that the configuration does not name.

@@ -117,7 +117,7 @@ std::vector<ConfigurationWriter::Released> ConfigurationWriter::released() const
         if (stays == written_.interfaces.end()) continue;
         std::set<Claim> const now = claims(written_, stays->second);
         for (Claim const& claim : claims(before_, interface))
-            if (!now.contains(claim)) released.push_back({name, claim.first, claim.second});
+            if (!now.contains(claim)) released.push_back({name, claim.second});
     }
     return released;
 }

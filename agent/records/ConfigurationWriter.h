@@ -23,7 +23,6 @@ class ConfigurationWriter {
     /// Groups that an interface's part of the configuration let go of.
     struct Released {
         std::string interface;
-        std::string list; ///< empty: groups of the interface's own
         Lox::IpAddrWithFullMask groups;
     };
     /// What the configuration in force lacks of the one before: the forwarding table may now

@@ -9,7 +9,6 @@ using Kesh::Multicast::Fib::Route;
 
 namespace {
 
-/// Also the first of its group in the table's order if `source` is 0.0.0.0.
 IpGenRouteKey toKey(Lox::IpAddr source, Lox::IpAddr group) {
     return {Lox::IpPrefix(source, source.isZero() ? 0 : 32), Lox::IpPrefix(group, 32)};
 }
@@ -27,13 +26,6 @@ void RouteWriter::routeIs(Lox::IpAddr source, Lox::IpAddr group, bool announced)
         table_->routeDel(key);
     else if (!table_->routeHas(key))
         table_->routeIs(key, Route{true, 0});
-}
-
-void RouteWriter::doTouch(Lox::IpAddr group) {
-    IpGenRouteKey const first = toKey(Lox::IpAddr(), group);
-    for (auto at = table_->routeFrom(first); !at.atEnd() && at.key().group == first.group;
-         at.advance())
-        table_->routeIs(at.key(), Route{true, table_->route(at.key()).stamp + 1});
 }
 
 } // namespace Agent

@@ -18,11 +18,6 @@ class RouteWriter {
     void doWithdrawAll() { table_->routeDelAll(); }
     /// Takes the table out of the collection, for good. Nothing is written afterwards.
     void doRemove() { tables_->keshPtrDel(table_.get()); }
-    /// Has all routes of the group examined again by those who follow the table: for a group that
-    /// the configuration or an access list has released.
-    void doTouch(Lox::IpAddr group);
-
-    Kesh::Multicast::Fib::Status const& table() const { return *table_; }
 
   private:
     Nex::Ptr<Kesh::Multicast::Fib::MfibKeshColl> tables_;

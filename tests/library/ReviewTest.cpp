@@ -270,6 +270,31 @@ TEST_F(Review, ARouteThatIsKeptOutSaysWhy) {
     expectKeptOut("6 Rule to deny mfib configurations is enabled.");
 }
 
+TEST_F(Review, GroupsThatTheirOwnersLetGoOfAreTheTablesAgain) {
+    auto const table = newTable();
+    for (unsigned const g : {1u, 2u, 3u, 5u, 9u}) routeIs(*table, sourceS, group(g));
+    routeIs(*table, anySource, group(2));
+    config->groupSourceListIs(group(5))->includeSourceListIs(sourceT);
+    config->aclListIs("iptv");
+    ruleIs("iptv", 1, permit(sourceT, group(0), 0xFFFFFFFC));
+    ruleIs("iptv", 2, permit(sourceT, group(3)));
+    settle();
+    removeInclude(*config, sourceT, group(5));
+    config->groupSourceListDel(group(5));
+    ruleDel("iptv", 1);
+    settle();
+    for (unsigned const g : {1u, 2u, 5u}) EXPECT_EQ(announced(group(g)), "absent") << g;
+
+    machine().doReleaseGroups({group(5), oneAddress});
+    machine().doReleaseGroups({group(0), 0xFFFFFFFC});
+    EXPECT_EQ(machine().changedRoute().size(), 5u);
+    settle();
+    EXPECT_EQ(announced(group(1)), "include 10.0.0.1 exclude");
+    EXPECT_EQ(announced(group(2)), "include exclude 0.0.0.0");
+    EXPECT_EQ(announced(group(3)), "include 10.0.0.2 exclude"); // has an owner still
+    EXPECT_EQ(announced(group(5)), "include 10.0.0.1 exclude");
+}
+
 TEST_F(Review, RepeatingAnUnchangedRouteWritesNothing) {
     auto const table = newTable();
     for (auto const source : {sourceS, sourceT}) routeIs(*table, source, group(1));
