@@ -57,12 +57,7 @@ class IgmpHostProxyAclHelper : public Nex::PtrInterface {
 
     /// Whether a rule contributes the pair in that mode: one in the cache, or the one that is being
     /// applied or taken back, as far as it has got.
-    bool includeWanted(Lox::IpAddr source, Lox::IpAddr group) const {
-        return wanted({true, source}, group);
-    }
-    bool excludeWanted(Lox::IpAddr source, Lox::IpAddr group) const {
-        return wanted({false, source}, group);
-    }
+    bool wanted(RuleEffect effect, Lox::IpAddr group) const;
 
     /// What the list contributes to a group, or null.
     GroupSource* groupSourceList(Lox::IpAddr group) const;
@@ -101,7 +96,6 @@ class IgmpHostProxyAclHelper : public Nex::PtrInterface {
 
     /// What contributes something: neither a rule that denies everything nor a rejected one.
     static bool isSelecting(Acl::IpRuleConfig const& rule) { return faultOf(rule) == Fault::none; }
-    bool wanted(RuleEffect effect, Lox::IpAddr group) const;
     void doApply(Acl::UniqueId id, Acl::IpRuleConfig const& rule, Lox::IpAddr group);
     void doApplyTo(Lox::IpAddr group, Acl::UniqueId id, Acl::IpRuleConfig const& rule,
                    RuleEffect effect);

@@ -337,14 +337,20 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     bool routeDeleted(Lox::IpAddr source, Lox::IpAddr group) const;
     static bool listsAsDeleted(GroupSource const& deleted, Lox::IpAddr source);
 
+    /// The two lists of a group; what goes alike for both is written once.
+    enum class List { include, exclude };
+    static bool listHas(GroupSource const& entry, List list, Lox::IpAddr source);
+    static void listIs(GroupSource& entry, List list, Lox::IpAddr source);
+    static void listDel(GroupSource& entry, List list, Lox::IpAddr source);
+
     /// The first steps of both adds: a group that only the forwarding table contributed so far
     /// loses what the table put in, and the reference is counted. Returns the group's entry.
     Nex::Ptr<GroupSource> doCount(SourceGroup sg);
-    /// The removal of a pair that nobody counts, in one mode: it came from the forwarding table.
-    void doRemoveUncountedInclude(GroupSource* entry, SourceGroup sg);
-    void doRemoveUncountedExclude(GroupSource* entry, SourceGroup sg);
-    void doRemoveSpecificInclude(GroupSource* entry, SourceGroup sg);
-    void doRemoveSpecificExclude(GroupSource* entry, SourceGroup sg);
+    void doRemove(List list, SourceGroup sg);
+    /// The removal of a pair that nobody counts: it came from the forwarding table.
+    void doRemoveUncounted(List list, GroupSource* entry, SourceGroup sg);
+    void doRemoveAllUncounted(GroupSource& entry);
+    void doRemoveSpecific(List list, GroupSource* entry, SourceGroup sg);
     void doRemoveAnyInclude(GroupSource* entry, SourceGroup sg);
     void doRemoveAnyExclude(GroupSource* entry, SourceGroup sg);
     /// The last reference of a specific source went: an empty group goes, too, unless other pairs
@@ -356,8 +362,8 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     /// The sources that (*,G) had displaced, as the producers want them now, in a scratch record.
     Nex::Ptr<GroupSource> restored(Lox::IpAddr group) const;
     void doCopySources(GroupSource const& from, GroupSource& to) const;
-    bool includeWanted(Lox::IpAddr source, Lox::IpAddr group) const;
-    bool excludeWanted(Lox::IpAddr source, Lox::IpAddr group) const;
+    /// Whether the configuration or a list's rule still contributes the pair in that mode.
+    bool wanted(List list, SourceGroup sg) const;
     bool groupKept(Lox::IpAddr group) const;
     void doDropCount(SourceGroup sg);
 

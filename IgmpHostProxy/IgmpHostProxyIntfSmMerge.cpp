@@ -3,11 +3,66 @@
 // exclude before include for the same source.
 //
 // A source in the status without a count came from the forwarding table.
+//
+// What becomes of a group: I is its include list, X its exclude list, * any source, S a specific
+// one, c the pair's count. The first row that holds is taken; "goes" means that the entry is
+// deleted.
+//
+//     every add first:   no pair of the group counted    I = X = {}
+//                        always                          c = c + 1
+//     add include *      * in I                          nothing more
+//                        otherwise                       I = {*}, X = {}
+//     add include S      * in I                          nothing more
+//                        S in X                          * leaves X
+//                        otherwise                       * leaves X, S joins I
+//     add exclude *      I or X not empty                nothing more
+//                        otherwise                       * joins X
+//     add exclude S      * in I and counted              nothing more
+//                        otherwise                       * leaves X, S leaves I, S joins X
+//
+//     remove with c = 0: exclude *                       all that is not counted leaves I and X
+//                        any other                       the source leaves the list named
+//                        then, I and X empty             goes
+//     all other first:   always                          c = c - 1
+//                        c > 0, still wanted there       nothing more
+//     remove include S   c > 0                           S passes from I to X
+//                        c = 0                           S leaves I
+//                        then, I and X empty, no other   goes
+//                        pair of the group counted
+//     remove exclude S   as include, I and X exchanged
+//     remove include *   always                          * leaves I; what the producers want now
+//                                                        joins, * only where nothing else is wanted
+//                        then, I and X empty             goes
+//     remove exclude *   always                          c is forgotten; * leaves X
+//                        * and more wanted in I          I = {*}, X = {}
+//                        otherwise                       what the producers want now joins
+//                        then, I and X empty             goes
 #include "IgmpHostProxy/IgmpHostProxyIntfSm.h"
 
 #include "IgmpHostProxy/Trace.h"
 
 namespace IgmpHostProxy {
+
+bool IgmpHostProxyIntfSm::listHas(GroupSource const& entry, List list, Lox::IpAddr source) {
+    return list == List::include ? entry.includeSourceListHas(source)
+                                 : entry.excludeSourceListHas(source);
+}
+
+void IgmpHostProxyIntfSm::listIs(GroupSource& entry, List list, Lox::IpAddr source) {
+    if (list == List::include) {
+        entry.includeSourceListIs(source);
+    } else {
+        entry.excludeSourceListIs(source);
+    }
+}
+
+void IgmpHostProxyIntfSm::listDel(GroupSource& entry, List list, Lox::IpAddr source) {
+    if (list == List::include) {
+        entry.includeSourceListDel(source);
+    } else {
+        entry.excludeSourceListDel(source);
+    }
+}
 
 void IgmpHostProxyIntfSm::addIncludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group) {
     IHP_TRACE_ENTRY(". Source: %, Group: %", source, group);
@@ -70,33 +125,26 @@ void IgmpHostProxyIntfSm::addExcludeSourceGroup(Lox::IpAddr source, Lox::IpAddr 
 
 void IgmpHostProxyIntfSm::removeIncludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group) {
     IHP_TRACE_ENTRY(". Source: %, Group: %", source, group);
-    if (!intfStatus()) return;
-    Nex::Ptr<GroupSource> const entry = intfStatus()->groupSourceList(group);
-    SourceGroup const sg(source, group);
-    if (groupSourceRefCounter(sg) == 0) return doRemoveUncountedInclude(entry.get(), sg);
-    std::uint32_t const left = groupSourceRefCounterDec(sg, 1);
-    IHP_TRACE(6, "Ref count for sg decremented, now is%", left);
-    if (left > 0 && includeWanted(source, group)) return;
-    if (source == anySource) {
-        doRemoveAnyInclude(entry.get(), sg);
-    } else {
-        doRemoveSpecificInclude(entry.get(), sg);
-    }
+    doRemove(List::include, {source, group});
 }
 
 void IgmpHostProxyIntfSm::removeExcludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group) {
     IHP_TRACE_ENTRY(" . Source: %, Group: %", source, group);
+    doRemove(List::exclude, {source, group});
+}
+
+void IgmpHostProxyIntfSm::doRemove(List list, SourceGroup sg) {
     if (!intfStatus()) return;
-    Nex::Ptr<GroupSource> const entry = intfStatus()->groupSourceList(group);
-    SourceGroup const sg(source, group);
-    if (groupSourceRefCounter(sg) == 0) return doRemoveUncountedExclude(entry.get(), sg);
+    Nex::Ptr<GroupSource> const entry = intfStatus()->groupSourceList(sg.groupAddr);
+    if (groupSourceRefCounter(sg) == 0) return doRemoveUncounted(list, entry.get(), sg);
     std::uint32_t const left = groupSourceRefCounterDec(sg, 1);
     IHP_TRACE(6, "Ref count for sg decremented, now is%", left);
-    if (left > 0 && excludeWanted(source, group)) return;
-    if (source == anySource) {
-        doRemoveAnyExclude(entry.get(), sg);
+    if (left > 0 && wanted(list, sg)) return;
+    if (sg.sourceAddr != anySource) return doRemoveSpecific(list, entry.get(), sg);
+    if (list == List::include) {
+        doRemoveAnyInclude(entry.get(), sg);
     } else {
-        doRemoveSpecificExclude(entry.get(), sg);
+        doRemoveAnyExclude(entry.get(), sg);
     }
 }
 
@@ -122,61 +170,53 @@ Nex::Ptr<GroupSource> IgmpHostProxyIntfSm::doCount(SourceGroup sg) {
     return entry;
 }
 
-void IgmpHostProxyIntfSm::doRemoveUncountedInclude(GroupSource* entry, SourceGroup sg) {
+void IgmpHostProxyIntfSm::doRemoveUncounted(List list, GroupSource* entry, SourceGroup sg) {
     IHP_TRACE(6, "(S,G) was added from Mfib. Has no refCounter. Deleting from status");
     if (!entry) return;
-    entry->includeSourceListDel(sg.sourceAddr);
-    if (entry->empty()) doDeleteEntry(*entry);
-}
-
-void IgmpHostProxyIntfSm::doRemoveUncountedExclude(GroupSource* entry, SourceGroup sg) {
-    IHP_TRACE(6, "(S,G) was added from Mfib. Has no refCounter. Deleting from status");
-    if (!entry) return;
-    if (sg.sourceAddr != anySource) {
-        entry->excludeSourceListDel(sg.sourceAddr);
+    if (list == List::exclude && sg.sourceAddr == anySource) {
+        doRemoveAllUncounted(*entry);
     } else {
-        auto const uncounted = [&](Lox::IpAddr source) {
-            SourceGroup const listed(source, sg.groupAddr);
-            if (groupSourceRefCounter(listed) > 0) return false;
-            IHP_TRACE(6, "No ref count found for sg:%", listed);
-            return true;
-        };
-        for (Lox::IpAddr const source : entry->includeSourceList())
-            if (uncounted(source)) entry->includeSourceListDel(source);
-        for (Lox::IpAddr const source : entry->excludeSourceList())
-            if (uncounted(source)) entry->excludeSourceListDel(source);
+        listDel(*entry, list, sg.sourceAddr);
     }
     if (entry->empty()) doDeleteEntry(*entry);
 }
 
-void IgmpHostProxyIntfSm::doRemoveSpecificInclude(GroupSource* entry, SourceGroup sg) {
-    if (groupSourceRefCounter(sg) > 0) {
-        // What is left are exclude references: the source changes lists.
-        IHP_TRACE(6, "Ref counter > 0, so adding source to excludeSource"
-                     " and removing from includeSourceList");
-        if (!entry) return;
-        entry->includeSourceListDel(sg.sourceAddr);
-        entry->excludeSourceListIs(sg.sourceAddr);
-        return;
-    }
-    IHP_TRACE(6, "Ref count is 0. Deleting it from includeSourceList.");
-    groupSourceRefCounterDel(sg);
-    if (entry) entry->includeSourceListDel(sg.sourceAddr);
-    doDeleteUnlessCounted(entry);
+void IgmpHostProxyIntfSm::doRemoveAllUncounted(GroupSource& entry) {
+    auto const uncounted = [&](Lox::IpAddr source) {
+        SourceGroup const sg(source, entry.group());
+        if (groupSourceRefCounter(sg) > 0) return false;
+        IHP_TRACE(6, "No ref count found for sg:%", sg);
+        return true;
+    };
+    for (Lox::IpAddr const source : entry.includeSourceList())
+        if (uncounted(source)) entry.includeSourceListDel(source);
+    for (Lox::IpAddr const source : entry.excludeSourceList())
+        if (uncounted(source)) entry.excludeSourceListDel(source);
 }
 
-void IgmpHostProxyIntfSm::doRemoveSpecificExclude(GroupSource* entry, SourceGroup sg) {
+void IgmpHostProxyIntfSm::doRemoveSpecific(List list, GroupSource* entry, SourceGroup sg) {
+    bool const include = list == List::include;
     if (groupSourceRefCounter(sg) > 0) {
-        IHP_TRACE(6, "Ref counter is greater than 0, so adding source to includeSource"
-                     " and removing from excludeSourceList");
+        // What is left are references in the other mode: the source changes lists.
+        if (include) {
+            IHP_TRACE(6, "Ref counter > 0, so adding source to excludeSource"
+                         " and removing from includeSourceList");
+        } else {
+            IHP_TRACE(6, "Ref counter is greater than 0, so adding source to includeSource"
+                         " and removing from excludeSourceList");
+        }
         if (!entry) return;
-        entry->excludeSourceListDel(sg.sourceAddr);
-        entry->includeSourceListIs(sg.sourceAddr);
+        listDel(*entry, list, sg.sourceAddr);
+        listIs(*entry, include ? List::exclude : List::include, sg.sourceAddr);
         return;
     }
-    IHP_TRACE(6, "Ref count is 0. Deleting it from excludeSourceList.");
+    if (include) {
+        IHP_TRACE(6, "Ref count is 0. Deleting it from includeSourceList.");
+    } else {
+        IHP_TRACE(6, "Ref count is 0. Deleting it from excludeSourceList.");
+    }
     groupSourceRefCounterDel(sg);
-    if (entry) entry->excludeSourceListDel(sg.sourceAddr);
+    if (entry) listDel(*entry, list, sg.sourceAddr);
     doDeleteUnlessCounted(entry);
 }
 
@@ -271,21 +311,12 @@ Nex::Ptr<GroupSource> IgmpHostProxyIntfSm::restored(Lox::IpAddr group) const {
     return local;
 }
 
-bool IgmpHostProxyIntfSm::includeWanted(Lox::IpAddr source, Lox::IpAddr group) const {
+bool IgmpHostProxyIntfSm::wanted(List list, SourceGroup sg) const {
     GroupSource const* const configured =
-        intfConfig() ? intfConfig()->groupSourceList(group) : nullptr;
-    if (configured && configured->includeSourceListHas(source)) return true;
+        intfConfig() ? intfConfig()->groupSourceList(sg.groupAddr) : nullptr;
+    if (configured && listHas(*configured, list, sg.sourceAddr)) return true;
     for (auto const& item : igmpHostProxyAclHelper())
-        if (item.value->includeWanted(source, group)) return true;
-    return false;
-}
-
-bool IgmpHostProxyIntfSm::excludeWanted(Lox::IpAddr source, Lox::IpAddr group) const {
-    GroupSource const* const configured =
-        intfConfig() ? intfConfig()->groupSourceList(group) : nullptr;
-    if (configured && configured->excludeSourceListHas(source)) return true;
-    for (auto const& item : igmpHostProxyAclHelper())
-        if (item.value->excludeWanted(source, group)) return true;
+        if (item.value->wanted({list == List::include, sg.sourceAddr}, sg.groupAddr)) return true;
     return false;
 }
 
