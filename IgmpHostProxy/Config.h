@@ -22,6 +22,7 @@ namespace IgmpHostProxy {
 class IntfConfig : public Nex::RecordBase {
     NEX_RECORD(IntfConfig, Lox::IntfId, intfId, INTF_CONFIG)
 };
+#undef INTF_CONFIG
 
 #define CONFIG(ATTR, SET, MAP, RECORDS)                                                            \
     RECORDS(Lox::IntfId, IntfConfig, intfConfig, IntfConfig) /* its keys are the proxy interfaces  \
@@ -30,5 +31,6 @@ class IntfConfig : public Nex::RecordBase {
 class Config : public Nex::RecordBase {
     NEX_RECORD(Config, Nex::Name, name, CONFIG)
 };
+#undef CONFIG
 
 } // namespace IgmpHostProxy

@@ -20,6 +20,7 @@ class GroupSource : public Nex::RecordBase {
   public:
     bool empty() const { return includeSourceList_.empty() && excludeSourceList_.empty(); }
 };
+#undef GROUP_SOURCE
 
 /// Any source, and an interface without address.
 inline constexpr Lox::IpAddr anySource{};

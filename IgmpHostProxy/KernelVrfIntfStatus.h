@@ -28,6 +28,7 @@ class KernelVrfIntfStatus : public Nex::RecordBase {
                                Nex::Ptr<KernelNetInfo::Status const> kniStatus);
     Nex::Ptr<KernelNetInfo::Status const> kniStatus_;
 };
+#undef KERNEL_VRF_INTF_STATUS
 
 inline Nex::Ptr<KernelVrfIntfStatus>
 kernelVrfIntfStatusFactory(L3::VrfName vrfName, Nex::Ptr<KernelNetInfo::Status const> kniStatus) {

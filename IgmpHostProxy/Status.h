@@ -23,11 +23,13 @@ namespace IgmpHostProxy {
 class IntfStatus : public Nex::RecordBase {
     NEX_RECORD(IntfStatus, Lox::IntfId, intfId, INTF_STATUS)
 };
+#undef INTF_STATUS
 
 #define STATUS(ATTR, SET, MAP, RECORDS) RECORDS(Lox::IntfId, IntfStatus, intfStatus, IntfStatus)
 
 class Status : public Nex::RecordBase {
     NEX_RECORD(Status, Nex::Name, name, STATUS)
 };
+#undef STATUS
 
 } // namespace IgmpHostProxy

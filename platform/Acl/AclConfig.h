@@ -48,6 +48,7 @@ struct IpRuleConfig {
 class AclSubConfig : public Nex::RecordBase {
     NEX_RECORD(AclSubConfig, Nex::Name, name, ACL_SUB_CONFIG)
 };
+#undef ACL_SUB_CONFIG
 
 #define ACL_CONFIG(ATTR, SET, MAP, RECORDS)                                                        \
     ATTR(Nex::Ptr<AclSubConfig>, currCfg, CurrCfg) /* the rules in force, or null */
@@ -55,6 +56,7 @@ class AclSubConfig : public Nex::RecordBase {
 class AclConfig : public Nex::RecordBase {
     NEX_RECORD(AclConfig, Nex::Name, name, ACL_CONFIG)
 };
+#undef ACL_CONFIG
 
 #define ACL_TYPE_CONFIG(ATTR, SET, MAP, RECORDS) RECORDS(Nex::Name, AclConfig, acl, Acl)
 
@@ -62,6 +64,7 @@ class AclConfig : public Nex::RecordBase {
 class AclTypeConfig : public Nex::RecordBase {
     NEX_RECORD(AclTypeConfig, Nex::Name, name, ACL_TYPE_CONFIG)
 };
+#undef ACL_TYPE_CONFIG
 
 } // namespace Acl
 

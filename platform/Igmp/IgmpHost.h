@@ -32,6 +32,7 @@ enum class IgmpVersion : std::uint8_t { v1 = 1, v2 = 2, v3 = 3 };
 class IgmpV3HostGroupSourceList : public Nex::RecordBase {
     NEX_RECORD(IgmpV3HostGroupSourceList, Lox::IpAddr, group, IGMP_V3_HOST_GROUP_SOURCE_LIST)
 };
+#undef IGMP_V3_HOST_GROUP_SOURCE_LIST
 
 #define IGMP_V3_GROUP_RECORD(ATTR, SET, MAP, RECORDS)                                              \
     ATTR(Lox::IgmpV3GroupRecordType, filterMode, FilterMode)                                       \
@@ -57,6 +58,7 @@ class IgmpV3GroupRecord : public Nex::RecordBase {
         return sourceList_;
     }
 };
+#undef IGMP_V3_GROUP_RECORD
 
 #define IGMP_HOST(ATTR, SET, MAP, RECORDS)                                                         \
     ATTR(Lox::IntfId, intfId, IntfId)                                                              \
@@ -80,12 +82,14 @@ class IgmpV3GroupRecord : public Nex::RecordBase {
 class IgmpHost : public Nex::RecordBase {
     NEX_RECORD(IgmpHost, Nex::Name, name, IGMP_HOST)
 };
+#undef IGMP_HOST
 
 #define IGMP_HOST_DIR(ATTR, SET, MAP, RECORDS) RECORDS(Nex::Name, IgmpHost, igmpHost, IgmpHost)
 
 class IgmpHostDir : public Nex::RecordBase {
     NEX_RECORD(IgmpHostDir, Nex::Name, name, IGMP_HOST_DIR)
 };
+#undef IGMP_HOST_DIR
 
 #define IGMP_HOST_STATUS(ATTR, SET, MAP, RECORDS)                                                  \
     IGMP_PACKET_COUNTERS(ATTR, ATTR)                                                               \
@@ -98,6 +102,7 @@ class IgmpHostDir : public Nex::RecordBase {
 class IgmpHostStatus : public Nex::RecordBase {
     NEX_RECORD(IgmpHostStatus, Nex::Name, name, IGMP_HOST_STATUS)
 };
+#undef IGMP_HOST_STATUS
 
 #define IGMP_HOST_STATUS_DIR(ATTR, SET, MAP, RECORDS)                                              \
     RECORDS(Nex::Name, IgmpHostStatus, igmpHostStatus, IgmpHostStatus)
@@ -105,5 +110,6 @@ class IgmpHostStatus : public Nex::RecordBase {
 class IgmpHostStatusDir : public Nex::RecordBase {
     NEX_RECORD(IgmpHostStatusDir, Nex::Name, name, IGMP_HOST_STATUS_DIR)
 };
+#undef IGMP_HOST_STATUS_DIR
 
 } // namespace Igmp

@@ -12,6 +12,7 @@ namespace Interface {
 class IntfStatus : public Nex::RecordBase {
     NEX_RECORD(IntfStatus, Lox::IntfId, intfId, INTERFACE_STATUS)
 };
+#undef INTERFACE_STATUS
 
 #define ALL_INTF_STATUS_DIR(ATTR, SET, MAP, RECORDS)                                               \
     RECORDS(Lox::IntfId, IntfStatus, intfStatus, IntfStatus)
@@ -19,6 +20,7 @@ class IntfStatus : public Nex::RecordBase {
 class AllIntfStatusDir : public Nex::RecordBase {
     NEX_RECORD(AllIntfStatusDir, Nex::Name, name, ALL_INTF_STATUS_DIR)
 };
+#undef ALL_INTF_STATUS_DIR
 
 #define INTF_STATUS_LOCAL(ATTR, SET, MAP, RECORDS)                                                 \
     ATTR(Lox::NamespaceName, networkNamespace, NetworkNamespace)                                   \
@@ -28,6 +30,7 @@ class AllIntfStatusDir : public Nex::RecordBase {
 class IntfStatusLocal : public Nex::RecordBase {
     NEX_RECORD(IntfStatusLocal, Lox::IntfId, intfId, INTF_STATUS_LOCAL)
 };
+#undef INTF_STATUS_LOCAL
 
 #define ALL_INTF_STATUS_LOCAL_DIR(ATTR, SET, MAP, RECORDS)                                         \
     RECORDS(Lox::IntfId, IntfStatusLocal, intfStatusLocal, IntfStatusLocal)
@@ -35,6 +38,7 @@ class IntfStatusLocal : public Nex::RecordBase {
 class AllIntfStatusLocalDir : public Nex::RecordBase {
     NEX_RECORD(AllIntfStatusLocalDir, Nex::Name, name, ALL_INTF_STATUS_LOCAL_DIR)
 };
+#undef ALL_INTF_STATUS_LOCAL_DIR
 
 /// An interface's kernel device. The default value stands for none.
 struct IntfStatusAndDeviceName {
@@ -61,5 +65,6 @@ struct IntfToDeviceName {
 class DeviceIntfStatusDir : public Nex::RecordBase {
     NEX_RECORD(DeviceIntfStatusDir, Nex::Name, name, DEVICE_INTF_STATUS_DIR)
 };
+#undef DEVICE_INTF_STATUS_DIR
 
 } // namespace Interface

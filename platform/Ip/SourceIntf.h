@@ -23,6 +23,7 @@ class SourceIntf : public Nex::RecordBase {
     friend class SourceIntfSm;
     SourceIntfSm* service_ = nullptr; ///< the service that knows the object; not owned
 };
+#undef SOURCE_INTF
 
 /// There is one object per interface as long as anybody holds it, registered or not.
 class SourceIntfSm : public Nex::Entity {

@@ -12,6 +12,7 @@ namespace Ip {
 class IpIntfConfig : public Nex::RecordBase {
     NEX_RECORD(IpIntfConfig, Lox::IntfId, intfId, IP_INTF_CONFIG)
 };
+#undef IP_INTF_CONFIG
 
 #define IP_INTF_STATUS(ATTR, SET, MAP, RECORDS)                                                    \
     ATTR(Nex::Ptr<IpIntfConfig>, ipIntfConfig, IpIntfConfig) /* null while there is none */
@@ -19,6 +20,7 @@ class IpIntfConfig : public Nex::RecordBase {
 class IpIntfStatus : public Nex::RecordBase {
     NEX_RECORD(IpIntfStatus, Lox::IntfId, intfId, IP_INTF_STATUS)
 };
+#undef IP_INTF_STATUS
 
 #define IP_STATUS(ATTR, SET, MAP, RECORDS)                                                         \
     RECORDS(Lox::IntfId, IpIntfStatus, ipIntfStatus, IpIntfStatus)
@@ -26,6 +28,7 @@ class IpIntfStatus : public Nex::RecordBase {
 class Status : public Nex::RecordBase {
     NEX_RECORD(Status, Nex::Name, name, IP_STATUS)
 };
+#undef IP_STATUS
 
 #define VRF_STATUS_LOCAL(ATTR, SET, MAP, RECORDS)                                                  \
     ATTR(Lox::NamespaceName, networkNamespace, NetworkNamespace) /* empty until it exists */
@@ -33,11 +36,13 @@ class Status : public Nex::RecordBase {
 class VrfStatusLocal : public Nex::RecordBase {
     NEX_RECORD(VrfStatusLocal, L3::VrfName, vrfName, VRF_STATUS_LOCAL)
 };
+#undef VRF_STATUS_LOCAL
 
 #define ALL_VRF_STATUS_LOCAL(ATTR, SET, MAP, RECORDS) RECORDS(L3::VrfName, VrfStatusLocal, vrf, Vrf)
 
 class AllVrfStatusLocal : public Nex::RecordBase {
     NEX_RECORD(AllVrfStatusLocal, Nex::Name, name, ALL_VRF_STATUS_LOCAL)
 };
+#undef ALL_VRF_STATUS_LOCAL
 
 } // namespace Ip

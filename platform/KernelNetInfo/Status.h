@@ -59,6 +59,7 @@ class Status : public Nex::RecordBase {
         self->corruptionsIs(corruptions() + 1);
     }
 };
+#undef KERNEL_NET_INFO_STATUS
 
 } // namespace KernelNetInfo
 

@@ -78,6 +78,7 @@ class Status : public Nex::RecordBase {
     static inline std::uint64_t lastSerial_ = 0;
     std::uint64_t serial_ = ++lastSerial_;
 };
+#undef MFIB_STATUS
 
 #define MFIB_KESH_COLL(ATTR, SET, MAP, RECORDS)                                                    \
     MAP(Status const*, Nex::Ptr<Status const>, keshPtr, KeshPtr) /* a table, perhaps null yet */
@@ -86,6 +87,7 @@ class Status : public Nex::RecordBase {
 class MfibKeshColl : public Nex::RecordBase {
     NEX_RECORD(MfibKeshColl, L3::VrfName, vrfName, MFIB_KESH_COLL)
 };
+#undef MFIB_KESH_COLL
 
 #define MFIB_KESH_DIR(ATTR, SET, MAP, RECORDS)                                                     \
     RECORDS(L3::VrfName, MfibKeshColl, keshColl, KeshColl)
@@ -93,6 +95,7 @@ class MfibKeshColl : public Nex::RecordBase {
 class MfibKeshDir : public Nex::RecordBase {
     NEX_RECORD(MfibKeshDir, Nex::Name, name, MFIB_KESH_DIR)
 };
+#undef MFIB_KESH_DIR
 
 /// Names a route of a table. The pointer is the table's identity in its collection and is never
 /// followed; the serial number tells whether the table found under it is still the one meant.

@@ -13,6 +13,9 @@
 // and NEX_RECORD expands the list into storage, accessors, the notification interfaces
 // `NotifieeConst` and `Notifiee`, and `nexVisit`, which shows every attribute to a visitor with a
 // function of each kind's name; the walk over records is made by the visitor, who may keep it.
+// `NotifieeOfAll<Base>` is for those who follow a record as a whole: a reactor whose callbacks all
+// call `Base::hear`, with the attribute's value, the record of the key or null, or nullptr where
+// a set or a map has changed. Undefine the list where the class ends: it is nobody else's name.
 // Every collection also has nameCount() and, for reactors that bring themselves in step with the
 // whole, onName##nexImmediate(), which runs as the reactor is pointed at another record.
 //
@@ -197,6 +200,12 @@ constexpr bool sameName(std::string_view lower, std::string_view upper) {
         using ::Nex::NotifieeOf<TYPE>::NotifieeOf;                                                 \
     };                                                                                             \
     using Notifiee = ::Nex::WritingNotifiee<NotifieeConst, TYPE>;                                  \
+    template <class Base>                                                                          \
+    class NotifieeOfAll : public Base {                                                            \
+      public:                                                                                      \
+        using Base::Base;                                                                          \
+        LIST(NEX_HEAR_ATTR, NEX_HEAR_SET, NEX_HEAR_MAP, NEX_HEAR_RECORDS)                          \
+    };                                                                                             \
     LIST(NEX_ACCESS_ATTR, NEX_ACCESS_SET, NEX_ACCESS_MAP, NEX_ACCESS_RECORDS)                      \
     template <class Visitor>                                                                       \
     void nexVisit(Visitor&& visitor) const {                                                       \
@@ -207,15 +216,26 @@ constexpr bool sameName(std::string_view lower, std::string_view upper) {
     KEY KEYNAME##_;                                                                                \
     LIST(NEX_STORE_ATTR, NEX_STORE_SET, NEX_STORE_MAP, NEX_STORE_RECORDS)
 
+#define NEX_SAME_NAME(NAME, UPPER)                                                                 \
+    static_assert(::Nex::sameName(#NAME, #UPPER),                                                  \
+                  "list each attribute as (..., someName, SomeName): one name, spelled twice");
 #define NEX_CALLBACK_ATTR(TYPE, NAME, UPPER)                                                       \
-    static_assert(::Nex::sameName(#NAME, #UPPER));                                                 \
+    NEX_SAME_NAME(NAME, UPPER)                                                                     \
     virtual void on##UPPER() {}
 #define NEX_CALLBACK_KEYED(KEY, NAME, UPPER)                                                       \
-    static_assert(::Nex::sameName(#NAME, #UPPER));                                                 \
+    NEX_SAME_NAME(NAME, UPPER)                                                                     \
     virtual void on##UPPER(KEY) {}                                                                 \
     virtual void on##UPPER##nexImmediate() {}
 #define NEX_CALLBACK_MAP(KEY, VALUE, NAME, UPPER) NEX_CALLBACK_KEYED(KEY, NAME, UPPER)
 #define NEX_CALLBACK_RECORDS(KEY, TYPE, NAME, UPPER) NEX_CALLBACK_KEYED(KEY, NAME, UPPER)
+
+#define NEX_HEAR_ATTR(TYPE, NAME, UPPER)                                                           \
+    void on##UPPER() override { this->hear(this->notifier()->NAME()); }
+#define NEX_HEAR_SET(KEY, NAME, UPPER)                                                             \
+    void on##UPPER(KEY) override { this->hear(nullptr); }
+#define NEX_HEAR_MAP(KEY, VALUE, NAME, UPPER) NEX_HEAR_SET(KEY, NAME, UPPER)
+#define NEX_HEAR_RECORDS(KEY, TYPE, NAME, UPPER)                                                   \
+    void on##UPPER(KEY key) override { this->hear(this->notifier()->NAME(std::move(key))); }
 
 #define NEX_NOTHING(...)
 #define NEX_PLACE_ATTR(TYPE, NAME, UPPER)                                                          \

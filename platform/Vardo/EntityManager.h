@@ -20,6 +20,7 @@ namespace Vardo {
 class MountedTable : public Nex::RecordBase {
     NEX_RECORD(MountedTable, Nex::String, path, MOUNTED_TABLE)
 };
+#undef MOUNTED_TABLE
 
 class EntityManager : public Nex::Entity {
   public:

@@ -62,38 +62,20 @@ class Disturber : public Nex::PtrInterface {
     std::vector<Nex::Ptr<Nex::NotifieeBase>> watches_;
 };
 
-#define HEAR_ATTR(TYPE, NAME, UPPER)                                                               \
-    void on##UPPER() override { machine()->hear(notifier()->NAME()); }
-#define HEAR_SET(KEY, NAME, UPPER)                                                                 \
-    void on##UPPER(KEY) override { machine()->hear(nullptr); }
-#define HEAR_MAP(KEY, VALUE, NAME, UPPER) HEAR_SET(KEY, NAME, UPPER)
-#define HEAR_RECORDS(KEY, TYPE, NAME, UPPER)                                                       \
-    void on##UPPER(KEY key) override { machine()->hear(notifier()->NAME(std::move(key))); }
-#define WATCH(RECORD, LIST)                                                                        \
-    template <>                                                                                    \
-    struct Watch<RECORD> : Nex::Reactor<RECORD::NotifieeConst, Disturber> {                        \
-        using Reactor::Reactor;                                                                    \
-        LIST(HEAR_ATTR, HEAR_SET, HEAR_MAP, HEAR_RECORDS)                                          \
-    };
-WATCH(Status, STATUS)
-WATCH(IntfStatus, INTF_STATUS)
-WATCH(GroupSource, GROUP_SOURCE)
-WATCH(Igmp::IgmpHostDir, IGMP_HOST_DIR)
-WATCH(Igmp::IgmpHost, IGMP_HOST)
-WATCH(Igmp::IgmpV3GroupRecord, IGMP_V3_GROUP_RECORD)
-WATCH(Igmp::IgmpV3HostGroupSourceList, IGMP_V3_HOST_GROUP_SOURCE_LIST)
-WATCH(Igmp::IgmpHostStatusDir, IGMP_HOST_STATUS_DIR)
-WATCH(Igmp::IgmpHostStatus, IGMP_HOST_STATUS)
-#undef WATCH
+template <class Record>
+struct Listener : Nex::Reactor<typename Record::NotifieeConst, Disturber> {
+    using Nex::Reactor<typename Record::NotifieeConst, Disturber>::Reactor;
+    void hear(auto const& value) { this->machine()->hear(value); }
+};
+template <class Record>
+struct Watch : Record::template NotifieeOfAll<Listener<Record>> {
+    using Record::template NotifieeOfAll<Listener<Record>>::NotifieeOfAll;
+};
 template <>
 struct Watch<Ip::SourceIntf::SourceIntfSm>
     : Nex::Reactor<Ip::SourceIntf::SourceIntfSm::NotifieeConst, Disturber> {
     using Reactor::Reactor;
     void onSourceIntf(Lox::IntfId) override { machine()->hear(nullptr); }
 };
-#undef HEAR_RECORDS
-#undef HEAR_MAP
-#undef HEAR_SET
-#undef HEAR_ATTR
 
 } // namespace IgmpHostProxy
