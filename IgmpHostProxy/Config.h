@@ -19,6 +19,8 @@ namespace IgmpHostProxy {
     ATTR(UnsolicitedReportInterval, unsolicitedReportIntvl, UnsolicitedReportIntvl)                \
     ATTR(bool, defaultHostProxy, DefaultHostProxy) /* not used by the machines */
 
+/// One proxy interface. A list takes effect while it is named here and exists. Name it once the
+/// interface's machine is there: one that is named before counts twice.
 class IntfConfig : public Nex::RecordBase {
     NEX_RECORD(IntfConfig, Lox::IntfId, intfId, INTF_CONFIG)
 };

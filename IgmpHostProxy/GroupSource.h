@@ -14,6 +14,8 @@ namespace IgmpHostProxy {
     SET(Lox::IpAddr, includeSourceList, IncludeSourceList) /* sources to report in include mode */ \
     SET(Lox::IpAddr, excludeSourceList, ExcludeSourceList) /* sources to report as excluded */
 
+/// Producers may name a source in both lists; in the status a source is in one of them at most, and
+/// where both are wanted, in the exclude list.
 class GroupSource : public Nex::RecordBase {
     NEX_RECORD(GroupSource, Lox::IpAddr, group, GROUP_SOURCE)
 

@@ -18,7 +18,9 @@ class GroupSourceRefCounter {
         std::uint32_t const* const found = sources ? sources->find(sg.sourceAddr) : nullptr;
         return found ? *found : 0;
     }
+    /// Groups of which a pair has an entry.
     std::size_t groupCount() const { return groups_.size(); }
+    /// Calls `visit(group)` for each of them.
     template <class Visit>
     void forGroups(Visit visit) const {
         for (Lox::IpAddr const group : groups_.walk<Nex::Nothing>()) visit(group);
@@ -32,12 +34,16 @@ class GroupSourceRefCounter {
             for (auto const& item : sources->walk()) visit(item.key);
     }
 
+    // Those that create an entry throw std::bad_alloc. An entry with a count of 0 is one, until it
+    // is deleted.
+
     /// Creates the entry with `count`, or overwrites its count; returns it.
     std::uint32_t is(SourceGroup sg, std::uint32_t count) { return entry(sg) = count; }
     /// Adds to the entry, created with 0 where there is none, and returns the new count.
     std::uint32_t inc(SourceGroup sg, std::uint32_t n) { return entry(sg) += n; }
     /// Subtracts likewise, unsigned and without a floor: callers look at the count first.
     std::uint32_t dec(SourceGroup sg, std::uint32_t n) { return entry(sg) -= n; }
+    /// A pair without entry is no error.
     void del(SourceGroup sg) {
         Sources* const sources = groups_.find(sg.groupAddr);
         if (!sources) return;

@@ -30,6 +30,7 @@ class IgmpHostIntfSm : public Nex::PtrInterface {
     ~IgmpHostIntfSm() override;
 
     Lox::IntfId const& intfId() const { return intfId_; }
+    /// The root that owns this; not used here.
     IgmpHostProxySm* parent() const { return parent_; }
     /// The constructor's arguments as they are now.
     auto nexArguments() const {
@@ -39,15 +40,23 @@ class IgmpHostIntfSm : public Nex::PtrInterface {
     static constexpr char const* nexArgumentNames[] = {"intfStatus", "igmpHost", "igmpHostStatus",
                                                        "srcIntfIhpIntf"};
 
+    // Each handler brings one thing in step with what the inputs say now, and does nothing while an
+    // input that it needs is null.
+
     /// Programs all settings, once.
     void handleNew();
+    /// Not while the interface has no address: the host would send without one.
     void handleDeviceName();
+    /// An address that is lost is kept.
     void handleIpAddrChange();
     void handleInterval();
+    /// Versions other than 1 and 2 are programmed as 3.
     void handleVersion();
     void handleIntfEthAddr();
+    /// For all groups of the status, as below.
     void handleGroupList();
-    /// Creates, refreshes or deletes the host's record of a group.
+    /// Creates, refreshes or deletes the host's record of a group. Where any source is included,
+    /// each call makes or deletes it in turn.
     void handleGroupList(Lox::IpAddr group);
     /// The group's own reactor comes or goes with the group.
     void handleGroupSourceListStatus(Lox::IpAddr group);
@@ -58,6 +67,7 @@ class IgmpHostIntfSm : public Nex::PtrInterface {
     IGMP_PACKET_COUNTERS(IHP_DECLARE, IGMP_NO_COUNTER)
 #undef IHP_DECLARE
     void handleIgmpHostV3ReportsSent();
+    /// Sets the status's counters to 0, until the host counts on.
     void resetPacketCounters();
 
     class NexIntfStatus : public Nex::Reactor<IntfStatus::Notifiee, IgmpHostIntfSm> {

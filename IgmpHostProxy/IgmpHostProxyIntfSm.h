@@ -53,6 +53,7 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     ~IgmpHostProxyIntfSm() override;
 
     Lox::IntfId const& intfId() const { return intfId_; }
+    /// The root that owns this; not used here.
     IgmpHostProxySm* parent() const { return parent_; }
     /// The constructor's arguments as they are now.
     auto nexArguments() const {
@@ -63,8 +64,13 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     static constexpr char const* nexArgumentNames[] = {
         "intfConfig", "intfStatus", "mfibKeshDir", "ipAclConfig", "clock", "srcIntfIhpIntf"};
 
+    // Handlers do nothing while an input that they need is null. Whatever notifies, here nearly
+    // everything, may run code of others that changes the configuration, the lists, the tables or
+    // the machine itself; what was asked before a notification is asked again after it.
+
     /// The last step of construction.
     void handleInitialized();
+    /// Copies the setting into the status.
     void handleIgmpVersion();
     void handleUnsolicitedReportInterval();
     /// Start-up only: every configured group gets its status entry, and groups that nobody asks for
@@ -72,7 +78,10 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     void handleGroupList();
     /// A configured group came or went; its reactor follows.
     void handleGroupSourceListConfig(Lox::IpAddr group);
+    /// All of them; those of groups that are configured no longer go. What they announced stays
+    /// until it is listed as deleted.
     void handleGroupSourceListConfig();
+    /// The same for the groups that are listed as deleted; their reactors take sources back.
     void handleDeletedGroupSourceListConfig(Lox::IpAddr group);
     void handleDeletedGroupSourceListConfig();
 
@@ -83,6 +92,7 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     void removeIncludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group);
     void removeExcludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group);
 
+    // The counts as they are. Changing them by hand changes no group.
     GroupSourceRefCounter const& groupSourceRefCounter() const { return groupSourceRefCounter_; }
     std::uint32_t groupSourceRefCounter(SourceGroup sg) const {
         return groupSourceRefCounter_.count(sg);
@@ -112,7 +122,9 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     /// Null when the list is not attached or never existed.
     IgmpHostProxyAclHelper* igmpHostProxyAclHelper(Nex::String name) const;
     auto igmpHostProxyAclHelper() const { return igmpHostProxyAclHelper_.walk(); }
+    /// Makes the helper where there is none. It applies nothing by itself.
     Nex::Ptr<IgmpHostProxyAclHelper> igmpHostProxyAclHelperIs(Nex::String name);
+    /// Lets go of it. What its rules did stays, and can no longer be taken back: purge it first.
     void igmpHostProxyAclHelperDel(Nex::String name) { igmpHostProxyAclHelper_.take(name); }
     void igmpHostProxyAclHelperDelAll();
     /// Whether an attached list contributes, or has contributed, the group.
@@ -127,13 +139,17 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     /// At least as many as these groups.
     std::uint64_t knownGroupsBound() const;
 
-    /// Asks for a review unless one is pending.
+    /// Asks for a review unless one is pending. No review runs before `handleInitialized`, and none
+    /// without tables.
     void doKickReview();
-    /// One review step.
+    /// One review step: a slice of a full sync, if one is wanted; once that has ended, a slice of
+    /// the changed routes. Asks for the next one as long as anything is left. Throws what watchers
+    /// of the status throw; routes at which they did are kept and tried again.
     void doReview();
-    /// One slice of the full sync, from the bookmark on.
+    /// One slice of the full sync, from the bookmark on: as many routes as `reviewQuantum` seconds
+    /// allow, and one at least.
     void doSyncAllRoutes();
-    /// One slice over the changed routes.
+    /// One slice over the changed routes, likewise. Routes that change meanwhile wait for the next.
     void doSyncChangedRoutes();
     /// Brings the status in step with one route of a table. The pointer names the table and is not
     /// followed.
@@ -161,6 +177,7 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     bool changedRouteHas(Kesh::Multicast::Fib::MfibKeshDirRouteKey key) const {
         return changedRoute_.has(key);
     }
+    /// Asks for no review.
     void changedRouteIs(Kesh::Multicast::Fib::MfibKeshDirRouteKey key) {
         changedRoute_.insert(key);
     }
@@ -293,6 +310,7 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     /// bound to it. Interval and delays in seconds.
     void reviewTimerIs(Nex::Clock::NotifieeConst* reactor, float fillInterval, unsigned maxCredits,
                        float minDelay, float maxDelay);
+    /// Disarms it, too. Routes that change are still recorded.
     void reviewTimerDel();
     /// Null before `handleInitialized`.
     Olm::ReviewTimer* reviewTimer() const { return reviewTimer_.get(); }

@@ -35,6 +35,7 @@ class IgmpHostProxySm : public Nex::PtrInterface {
     static constexpr double ipStatusCheckPeriod = 1.0; // seconds
 
     /// Use the factory `IgmpHostProxySmIs`. An input may be null; what depends on it stays away.
+    /// Throws what a mount or a watcher throws at start-up, and leaves nothing mounted then.
     IgmpHostProxySm(
         Nex::Ptr<Config const> igmpHostProxyConfig, Nex::Ptr<Status> igmpHostProxyStatus,
         Nex::Ptr<Kesh::Multicast::Fib::MfibKeshDir const> mfibKeshDir,
@@ -48,16 +49,31 @@ class IgmpHostProxySm : public Nex::PtrInterface {
     /// Deletes the machines, but no record of the state store.
     ~IgmpHostProxySm() override;
 
+    // Each handler looks at the inputs as they are now, so it may be called at any time, also from
+    // inside a callback, and again. Where it concerns several interfaces, an error of one keeps no
+    // other waiting, and the caller hears the first.
+
+    /// The constructor's part: the timer, the managers of namespaces, and the default VRF.
     void handleInitialized();
     void handleIntfConfig();
+    /// Decides one interface: sets up what is possible now, or, once it has left the configuration,
+    /// takes it down. While it is under way for the interface, it is done once more afterwards.
     void handleIntfConfig(Lox::IntfId intfId);
     void handleMfibKesh();
+    /// A VRF's tables came or went; all interfaces are decided anew, or taken down.
     void handleMfibKesh(L3::VrfName vrfName);
+    /// The address of the interface that was registered last came, changed or went.
     void handleIpAddrChange();
+    /// Decides the interfaces that wait for their VRF and have an IP status by now.
     void ipStatusCheckTimerExpired();
+    /// Fills in the host entity of that name, which is the interface's; one that has gone is
+    /// traced.
     void initializeIgmpHost(Nex::Name name);
     void createOrDeleteIgmpHostIntfSm();
+    /// Brings the binding of an interface in step with the host agent's status of that name.
     void createOrDeleteIgmpHostIntfSm(Nex::Name name);
+    /// Takes an interface down: its machine, its host entity and its status go, in that order. The
+    /// binding goes with the host agent's status. It stays configured, and may come up again.
     void deleteIntfSm(Lox::IntfId intfId);
     /// Empty when unknown.
     L3::VrfName doGetVrfNameFromIntf(Lox::IntfId intfId) const;
@@ -70,17 +86,21 @@ class IgmpHostProxySm : public Nex::PtrInterface {
     void handleVrf(L3::VrfName vrfName);
     void handleVrf();
 
+    /// The interface's machine, made of these where there is none. Null while it is being made.
+    /// Throws Nex::NameInUseException where one of other objects is there.
     Nex::Ptr<IgmpHostProxyIntfSm> igmpHostProxyIntfSmIs(
         Lox::IntfId intfId, Nex::Ptr<IntfConfig const> intfConfig, Nex::Ptr<IntfStatus> intfStatus,
         Nex::Ptr<Kesh::Multicast::Fib::MfibKeshColl const> mfibKeshColl,
         Nex::Ptr<Acl::AclTypeConfig const> ipAclConfig, Nex::Ptr<Nex::Clock const> clock,
         Nex::Ptr<Ip::SourceIntf::SourceIntf> srcIntfIhpIntf);
+    /// What the machine has written stays in the status.
     void igmpHostProxyIntfSmDel(Lox::IntfId intfId) { igmpHostProxyIntfSm_.del(intfId); }
     IgmpHostProxyIntfSm* igmpHostProxyIntfSm(Lox::IntfId intfId) const {
         return igmpHostProxyIntfSm_.get(intfId);
     }
     auto igmpHostProxyIntfSm() const { return igmpHostProxyIntfSm_.walk(); }
 
+    /// Likewise the binding of an interface.
     Nex::Ptr<IgmpHostIntfSm> igmpHostIntfSmIs(Lox::IntfId intfId, Nex::Ptr<IntfStatus> intfStatus,
                                               Nex::Ptr<Igmp::IgmpHost> igmpHost,
                                               Nex::Ptr<Igmp::IgmpHostStatus const> igmpHostStatus,
@@ -93,12 +113,14 @@ class IgmpHostProxySm : public Nex::PtrInterface {
     /// Nex::NameInUseException.
     Nex::Ptr<KernelVrfIntfStatus>
     kernelVrfIntfStatusIs(L3::VrfName vrfName, Nex::Ptr<KernelNetInfo::Status const> kniStatus);
+    /// Ends its reactor, too. Mounts and managers are left to the VRF.
     void kernelVrfIntfStatusDel(L3::VrfName vrfName);
     void kernelVrfIntfStatusDelAll();
     KernelVrfIntfStatus* kernelVrfIntfStatus(L3::VrfName vrfName) const {
         return kernelVrfIntfStatus_.get(vrfName);
     }
 
+    /// Replaces the managers of all namespaces by none.
     void
     intfStatusManagerRootIs(Nex::Ptr<Interface::AllIntfStatusDir const> allIntfStatusDir,
                             Nex::Ptr<Interface::AllIntfStatusLocalDir const> allIntfStatusLocalDir,
@@ -106,6 +128,8 @@ class IgmpHostProxySm : public Nex::PtrInterface {
     Interface::NetNsIntfStatusManagerRoot* intfStatusManagerRoot() const {
         return intfStatusManagerRoot_.get();
     }
+    /// Makes the timer, disarmed; without a wheel there is none, and interfaces without a VRF wait
+    /// for another notification.
     void ipStatusCheckTimerIs(Nex::Ptr<Olm::TimerWheel> timerWheel);
 
     class NexIgmpHostProxyConfig : public Nex::Reactor<Config::NotifieeConst, IgmpHostProxySm> {

@@ -11,6 +11,8 @@ namespace IgmpHostProxy {
 #define KERNEL_VRF_INTF_STATUS(ATTR, SET, MAP, RECORDS)                                            \
     ATTR(Nex::Ptr<Interface::DeviceIntfStatusDir>, deviceIntfStatusDir, DeviceIntfStatusDir)
 
+/// The root replaces `deviceIntfStatusDir` when the VRF moves to another namespace; who follows it
+/// follows the attribute.
 class KernelVrfIntfStatus : public Nex::RecordBase {
     NEX_RECORD(KernelVrfIntfStatus, L3::VrfName, vrfName, KERNEL_VRF_INTF_STATUS)
 

@@ -13,8 +13,11 @@ namespace IgmpHostProxy {
 template <class Self, class Machine>
 class NexGroupSource : public Nex::Reactor<GroupSource::NotifieeConst, Machine> {
   public:
+    /// Fixed, also after the record has gone.
     Lox::IpAddr group() const { return group_; }
 
+    /// Hands over every source that the list has now, as long as the same record is watched: what a
+    /// rule brings about may point the reactor elsewhere.
     void handleIncludeSourceList() {
         IHP_TRACE_ENTRY();
         includeAwaitsStartUp_ = false;

@@ -6,13 +6,19 @@
 
 namespace IgmpHostProxy {
 
+/// All inputs exist from the start, and are empty. Programs write to them before or after the root
+/// is made, in any order, and from inside callbacks; they move the time on by `clock` and
+/// `timerWheel`. The root holds what it is given, so it may outlive this.
 struct PlatformState {
+    /// Knows how to make kernel interface tables; a program with tables of its own sets another
+    /// factory before it makes the root.
     PlatformState();
     ~PlatformState();
     PlatformState(PlatformState const&) = delete;
     PlatformState& operator=(PlatformState const&) = delete;
 
-    /// A root machine over this state.
+    /// A root machine over this state, started up. Throws what a mount or a watcher throws; nothing
+    /// is left mounted then.
     Nex::Ptr<IgmpHostProxySm> makeRoot() const;
 
     /// The kernel interface table of a namespace; null until a machine has mounted it.

@@ -42,6 +42,7 @@ struct std::hash<IgmpHostProxy::RuleKey> {
 
 namespace IgmpHostProxy {
 
+/// Knows effects and ranges, not rules: two rules that say the same count twice.
 class RuleIndex {
   public:
     /// Where memory is refused, nothing is counted.

@@ -14,6 +14,8 @@ inline std::ostream& operator<<(std::ostream& out, IgmpVersion version) {
     return out << unsigned(version);
 }
 
+/// How far apart a host repeats a report that nobody asked for. In seconds, passed on as it was
+/// configured; nothing here checks it.
 class UnsolicitedReportInterval {
   public:
     constexpr UnsolicitedReportInterval() = default;
@@ -27,6 +29,7 @@ class UnsolicitedReportInterval {
     double seconds_ = 0;
 };
 
+/// The seconds as a decimal number, without an exponent.
 inline std::ostream& operator<<(std::ostream& out, UnsolicitedReportInterval interval) {
     // Plain decimals, as many as the value needs.
     char text[400];

@@ -1,5 +1,6 @@
 // What the proxy announces on each interface, and what the host protocol counted there. Written by
-// the machines; it outlives them.
+// the machines; it outlives them. Others read and watch it, and leave the writing to them: what the
+// machines find there without a count of their own passes for a route's and goes with the routes.
 #pragma once
 
 #include "Igmp/PacketCounters.h"
@@ -20,6 +21,10 @@ namespace IgmpHostProxy {
     IGMP_PACKET_COUNTERS(ATTR, IGMP_NO_COUNTER)                                                    \
     ATTR(std::uint32_t, v3ReportsSent, V3ReportsSent)
 
+/// There from when the interface can be used until it cannot, or leaves the configuration. The
+/// groups are the merged wish of configuration, access lists and routes. The counters are the
+/// host's, from 0 as its binding begins; `v3ReportsSent` shows either of the two that the host
+/// keeps apart.
 class IntfStatus : public Nex::RecordBase {
     NEX_RECORD(IntfStatus, Lox::IntfId, intfId, INTF_STATUS)
 };

@@ -27,7 +27,8 @@ enum class Action : std::uint32_t { permit = 0, deny = 1 };
 /// "permit", "deny", or the number of an action unknown here.
 std::ostream& operator<<(std::ostream&, Action);
 
-/// Which packets a rule is about.
+/// Which packets a rule is about. The proxy reads the destination as the groups that it selects,
+/// and the source as the one address that they are wanted from; 0.0.0.0 is any.
 struct IpFilter {
     Lox::IpAddrWithFullMask source;
     Lox::IpAddrWithFullMask destination;
@@ -44,7 +45,8 @@ struct IpRuleConfig {
     MAP(std::uint32_t, UniqueId, ruleBySequence, RuleBySequence)                                   \
     MAP(UniqueId, IpRuleConfig, ipRuleById, IpRuleById)
 
-/// One version of a list's rules.
+/// One version of a list's rules. The proxy looks again at each change of `ruleBySequence`; changes
+/// of `ipRuleById` alone it does not notice.
 class AclSubConfig : public Nex::RecordBase {
     NEX_RECORD(AclSubConfig, Nex::Name, name, ACL_SUB_CONFIG)
 };

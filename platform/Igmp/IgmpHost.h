@@ -1,5 +1,16 @@
 // The IGMP host protocol's entities: what a host is told to announce on an interface, and what it
 // reports back. The proxy writes `IgmpHost`; the host agent reads it and writes `IgmpHostStatus`.
+//
+// How the two work together, for whoever writes a host agent:
+//
+//   - An `IgmpHost` appears in the directory as its interface can be used, and is filled in right
+//     after: as `enabled` becomes true, interface, namespace, device and address are there, as far
+//     as they are known. It goes when the interface does, and with it all that it asked for.
+//   - The agent then makes the `IgmpHostStatus` of the same name. From then on the proxy keeps the
+//     entity's settings and groups in step; until then there are no groups. When the status goes,
+//     the entity stays as it is, and nobody keeps it in step.
+//   - A change stamp goes up by one after a change has been written, so an agent may follow the
+//     stamps alone. Stamps wrap around; only a difference counts.
 #pragma once
 
 #include "Igmp/PacketCounters.h"
@@ -26,6 +37,7 @@ namespace Igmp {
 
 enum class IgmpVersion : std::uint8_t { v1 = 1, v2 = 2, v3 = 3 };
 
+/// The sources of one group record. One that stands there with 0 is not listed.
 #define IGMP_V3_HOST_GROUP_SOURCE_LIST(ATTR, SET, MAP, RECORDS)                                    \
     MAP(Lox::IpAddr, std::uint8_t, sourceIp, SourceIp) /* 1 for a source that is listed */
 
@@ -35,10 +47,13 @@ class IgmpV3HostGroupSourceList : public Nex::RecordBase {
 #undef IGMP_V3_HOST_GROUP_SOURCE_LIST
 
 #define IGMP_V3_GROUP_RECORD(ATTR, SET, MAP, RECORDS)                                              \
-    ATTR(Lox::IgmpV3GroupRecordType, filterMode, FilterMode)                                       \
+    ATTR(Lox::IgmpV3GroupRecordType, filterMode, FilterMode)          /* of the source list */     \
     ATTR(std::uint32_t, version, Version)                             /* change stamp */           \
     ATTR(Nex::Ptr<IgmpV3HostGroupSourceList>, sourceList, SourceList) /* null until sourceIs() */
 
+/// What to announce of one group, in the modes modeIsInclude and modeIsExclude; the state changes
+/// that follow are the agent's. Excluding no source joins the group from all of them. The mode is
+/// that of the list that changed last, where sources are both included and excluded.
 class IgmpV3GroupRecord : public Nex::RecordBase {
     NEX_RECORD(IgmpV3GroupRecord, Lox::IpAddr, group, IGMP_V3_GROUP_RECORD)
 
@@ -62,21 +77,21 @@ class IgmpV3GroupRecord : public Nex::RecordBase {
 
 #define IGMP_HOST(ATTR, SET, MAP, RECORDS)                                                         \
     ATTR(Lox::IntfId, intfId, IntfId)                                                              \
-    ATTR(Lox::NamespaceName, ns, Ns)                                                               \
-    ATTR(bool, enableRouterAlert, EnableRouterAlert)                                               \
-    ATTR(std::uint16_t, vlanId, VlanId)                                                            \
-    ATTR(bool, useMux, UseMux)                                                                     \
-    ATTR(bool, tagged, Tagged)                                                                     \
-    ATTR(Nex::String, deviceName, DeviceName)                                                      \
-    ATTR(Lox::IpAddr, ipAddr, IpAddr)                                                              \
-    ATTR(Lox::EthAddr, macAddr, MacAddr)                                                           \
-    ATTR(IgmpVersion, igmpVersion, IgmpVersion)                                                    \
+    ATTR(Lox::NamespaceName, ns, Ns)                 /* in which the device is */                  \
+    ATTR(bool, enableRouterAlert, EnableRouterAlert) /* always set by the proxy */                 \
+    ATTR(std::uint16_t, vlanId, VlanId)              /* always 1 */                                \
+    ATTR(bool, useMux, UseMux)                       /* never */                                   \
+    ATTR(bool, tagged, Tagged)                       /* never */                                   \
+    ATTR(Nex::String, deviceName, DeviceName)        /* the kernel's */                            \
+    ATTR(Lox::IpAddr, ipAddr, IpAddr)                /* to send from; kept when it is lost */      \
+    ATTR(Lox::EthAddr, macAddr, MacAddr)             /* of the device */                           \
+    ATTR(IgmpVersion, igmpVersion, IgmpVersion)      /* the highest to speak */                    \
     ATTR(double, unsolicitedReportInterval, UnsolicitedReportInterval) /* seconds */               \
-    ATTR(bool, enabled, Enabled)                                                                   \
+    ATTR(bool, enabled, Enabled)                                       /* filled in */             \
     ATTR(bool, enablePeriodicReport, EnablePeriodicReport)                                         \
-    ATTR(std::uint32_t, configVersion, ConfigVersion)         /* change stamp */                   \
-    ATTR(std::uint32_t, intfConfigVersion, IntfConfigVersion) /* change stamp */                   \
-    RECORDS(Lox::IpAddr, IgmpV3GroupRecord, v3group, V3group)
+    ATTR(std::uint32_t, configVersion, ConfigVersion)         /* stamp: filled in, MAC address */  \
+    ATTR(std::uint32_t, intfConfigVersion, IntfConfigVersion) /* the same, and IP address */       \
+    RECORDS(Lox::IpAddr, IgmpV3GroupRecord, v3group, V3group) /* what to announce */
 
 /// Keyed by the text form of the interface's `Lox::IntfId`.
 class IgmpHost : public Nex::RecordBase {
@@ -91,6 +106,8 @@ class IgmpHostDir : public Nex::RecordBase {
 };
 #undef IGMP_HOST_DIR
 
+/// What the agent reports, mostly packets that it has counted. The proxy copies the queries
+/// received and the reports sent into the interface's status, and writes nothing here.
 #define IGMP_HOST_STATUS(ATTR, SET, MAP, RECORDS)                                                  \
     IGMP_PACKET_COUNTERS(ATTR, ATTR)                                                               \
     ATTR(IgmpVersion, igmpVersion, IgmpVersion) /* the version spoken now */                       \

@@ -1,4 +1,6 @@
-// Interface status, and the directory of a namespace's kernel device names.
+// Interface status, and the directory of a namespace's kernel device names. Whoever knows the
+// device writes the first two directories; `NetNsIntfStatusManagerRoot` makes the third from them
+// and the kernel tables, and the proxy takes interfaces up and down by it.
 #pragma once
 
 #include "Lox/Names.h"
@@ -17,6 +19,7 @@ class IntfStatus : public Nex::RecordBase {
 #define ALL_INTF_STATUS_DIR(ATTR, SET, MAP, RECORDS)                                               \
     RECORDS(Lox::IntfId, IntfStatus, intfStatus, IntfStatus)
 
+/// All interfaces that there are, wherever they are.
 class AllIntfStatusDir : public Nex::RecordBase {
     NEX_RECORD(AllIntfStatusDir, Nex::Name, name, ALL_INTF_STATUS_DIR)
 };
@@ -35,6 +38,7 @@ class IntfStatusLocal : public Nex::RecordBase {
 #define ALL_INTF_STATUS_LOCAL_DIR(ATTR, SET, MAP, RECORDS)                                         \
     RECORDS(Lox::IntfId, IntfStatusLocal, intfStatusLocal, IntfStatusLocal)
 
+/// The interfaces that have a device here.
 class AllIntfStatusLocalDir : public Nex::RecordBase {
     NEX_RECORD(AllIntfStatusLocalDir, Nex::Name, name, ALL_INTF_STATUS_LOCAL_DIR)
 };

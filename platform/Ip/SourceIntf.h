@@ -25,7 +25,9 @@ class SourceIntf : public Nex::RecordBase {
 };
 #undef SOURCE_INTF
 
-/// There is one object per interface as long as anybody holds it, registered or not.
+/// There is one object per interface as long as anybody holds it, registered or not. So whoever
+/// asks for an interface again, also after it was unregistered, watches the object that others
+/// watch.
 class SourceIntfSm : public Nex::Entity {
   public:
     static Nex::Ptr<SourceIntfSm> SourceIntfSmIs() { return Nex::newObject<SourceIntfSm>(); }
@@ -42,7 +44,11 @@ class SourceIntfSm : public Nex::Entity {
     };
     using Notifiee = Nex::WritingNotifiee<NotifieeConst, SourceIntfSm>;
 
+    /// The interface's object, which the service holds from now on. Everybody is told; they may
+    /// write its address before this returns. Registering what is registered tells nobody.
     Nex::Ptr<SourceIntf> registerSourceIntf(Lox::IntfId intfId);
+    /// The service holds the object no longer; its address stays as it is. Tells nobody. Not null;
+    /// an interface that is not registered is no error.
     void unregisterSourceIntf(Nex::Ptr<SourceIntf> const& sourceIntf);
     /// The interface's object, or null when nobody holds one.
     SourceIntf* sourceIntf(Lox::IntfId const& intfId) const;

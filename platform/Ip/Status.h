@@ -1,4 +1,5 @@
-// IP status: which VRF an interface is in, and which namespace a VRF is.
+// IP status: which VRF an interface is in, and which namespace a VRF is. Written by whoever knows
+// the device; the proxy only reads it.
 #pragma once
 
 #include "Lox/Names.h"
@@ -8,7 +9,7 @@ namespace Ip {
 
 #define IP_INTF_CONFIG(ATTR, SET, MAP, RECORDS) ATTR(L3::VrfName, vrf, Vrf)
 
-/// An interface's IP configuration.
+/// An interface's IP configuration. An empty VRF name reads as "not known yet".
 class IpIntfConfig : public Nex::RecordBase {
     NEX_RECORD(IpIntfConfig, Lox::IntfId, intfId, IP_INTF_CONFIG)
 };
@@ -17,6 +18,8 @@ class IpIntfConfig : public Nex::RecordBase {
 #define IP_INTF_STATUS(ATTR, SET, MAP, RECORDS)                                                    \
     ATTR(Nex::Ptr<IpIntfConfig>, ipIntfConfig, IpIntfConfig) /* null while there is none */
 
+/// The proxy does not watch this: it looks here whenever it decides an interface, and each second
+/// for the interfaces whose record is still missing.
 class IpIntfStatus : public Nex::RecordBase {
     NEX_RECORD(IpIntfStatus, Lox::IntfId, intfId, IP_INTF_STATUS)
 };
@@ -33,6 +36,7 @@ class Status : public Nex::RecordBase {
 #define VRF_STATUS_LOCAL(ATTR, SET, MAP, RECORDS)                                                  \
     ATTR(Lox::NamespaceName, networkNamespace, NetworkNamespace) /* empty until it exists */
 
+/// One VRF on this device. The namespace of the default VRF is not looked at: it is the process's.
 class VrfStatusLocal : public Nex::RecordBase {
     NEX_RECORD(VrfStatusLocal, L3::VrfName, vrfName, VRF_STATUS_LOCAL)
 };
@@ -40,6 +44,8 @@ class VrfStatusLocal : public Nex::RecordBase {
 
 #define ALL_VRF_STATUS_LOCAL(ATTR, SET, MAP, RECORDS) RECORDS(L3::VrfName, VrfStatusLocal, vrf, Vrf)
 
+/// The proxy follows this one: a VRF's kernel interfaces are read as its namespace is known, until
+/// the VRF is deleted.
 class AllVrfStatusLocal : public Nex::RecordBase {
     NEX_RECORD(AllVrfStatusLocal, Nex::Name, name, ALL_VRF_STATUS_LOCAL)
 };

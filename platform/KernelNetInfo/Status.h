@@ -40,6 +40,8 @@ class TableCorruption : public Nex::Exception {
     MAP(InterfaceKey, Interface, interface, Interface)                                             \
     ATTR(std::uint32_t, corruptions, Corruptions) /* how often readers found the table corrupt */
 
+/// Written by whoever reads the kernel of that namespace; mounted by path through the entity
+/// manager (Vardo/EntityManager.h). Readers are told of each interface that comes, changes or goes.
 class Status : public Nex::RecordBase {
     NEX_RECORD(Status, Nex::Name, name, KERNEL_NET_INFO_STATUS)
 

@@ -62,7 +62,8 @@ struct Route {
 
 #define MFIB_STATUS(ATTR, SET, MAP, RECORDS) MAP(IpGenRouteKey, Route, route, Route)
 
-/// One table of routes, in the order of their keys.
+/// One table of routes, in the order of their keys. Its writer may change it at any time; proxies
+/// are told of each key and look at the route later, in a review of theirs.
 class Status : public Nex::RecordBase {
     NEX_RECORD(Status, Nex::Name, name, MFIB_STATUS)
 
@@ -83,7 +84,7 @@ class Status : public Nex::RecordBase {
 #define MFIB_KESH_COLL(ATTR, SET, MAP, RECORDS)                                                    \
     MAP(Status const*, Nex::Ptr<Status const>, keshPtr, KeshPtr) /* a table, perhaps null yet */
 
-/// The tables of one VRF.
+/// The tables of one VRF. A key without a table announces one that is still to come.
 class MfibKeshColl : public Nex::RecordBase {
     NEX_RECORD(MfibKeshColl, L3::VrfName, vrfName, MFIB_KESH_COLL)
 };

@@ -28,7 +28,8 @@ class NameValue {
     std::string text_;
 };
 
-/// An interface, by the name under which the configuration knows it.
+/// An interface, by the name under which the configuration knows it. Its kernel device may have
+/// another name. The empty name is no interface's.
 class IntfId : public NameValue {
   public:
     using NameValue::NameValue;
@@ -54,7 +55,7 @@ class NamespaceName : public NameValue {
 
 namespace L3 {
 
-/// A VRF; "default" is the default VRF, the empty name none.
+/// A VRF, which lies in a network namespace; "default" is the default VRF, the empty name none.
 class VrfName : public Lox::NameValue {
   public:
     using NameValue::NameValue;

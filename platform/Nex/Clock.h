@@ -15,6 +15,8 @@
 
 namespace Nex {
 
+/// Reactors need not be armed, and one that goes disarms itself. A clock is held by every timer
+/// that is armed on it.
 class Clock : public Entity {
   public:
     explicit Clock(Name name = "clock") : name_(std::move(name)) {}
@@ -23,6 +25,7 @@ class Clock : public Entity {
 
     class NotifieeConst : public NotifieeOf<Clock> {
       public:
+        /// The wake time was reached, be it long ago. Told once for each arming.
         virtual void onTime() {}
         /// `never` when disarmed.
         double timeMin() const { return timeMin_; }
@@ -52,8 +55,9 @@ class Clock : public Entity {
 
     /// `never` when no timer is armed.
     double nextExpiry() const;
-    /// Fires what is due. An exception of a callback reaches the caller; timers that did not get
-    /// their turn stay armed.
+    /// Fires what is due, `now` being seconds of the system's time. An exception of a callback
+    /// reaches the caller; timers that did not get their turn stay armed, and the next call fires
+    /// them. Callbacks may arm, disarm and drop any timer, and this clock.
     void timeIs(double now);
 
   private:

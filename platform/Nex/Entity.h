@@ -122,13 +122,18 @@ class Entity : public PtrInterface {
     virtual String nexPlaceOf(Entity const&) const { return {}; }
     /// Null for a root, and for an entity that was removed from its tree. Not owned.
     Entity* nexParent() const { return parent_; }
+    /// For whoever holds this entity in the tree, and takes it out before it goes itself.
     void nexParentIs(Entity* parent) { parent_ = parent; }
 
+    // Registration, by the notifiees themselves. They are not owned, and take themselves out before
+    // they go. Adding one throws std::bad_alloc; taking out one that is not there is no error.
     void nexNotifieeAdd(NotifieeBase* notifiee) const { notifiees_.add(notifiee); }
     void nexNotifieeDel(NotifieeBase* notifiee) const { notifiees_.del(notifiee); }
 
   protected:
-    /// Calls `callback` of all notifiees; `Interface` is what they implement.
+    /// Calls `callback` of all notifiees; `Interface` is what they implement. To be called once all
+    /// is stored: callbacks read, write, and may drop this entity, which stays until they are
+    /// through. Throws what a callback throws; notifiees behind that one are not told.
     template <class Interface, auto callback, class... Keys>
     void nexNotify(Keys const&... keys) {
         if (notifiees_.empty()) return;
@@ -156,6 +161,7 @@ String textOf(Key const& key) {
 template <class Watched>
 class NotifieeOf : public NotifieeBase {
   public:
+    /// Held as long as it is watched; null for none, and once the reactor is retired.
     Watched const* notifier() const { return notifier_.get(); }
     /// Watches another entity, or none. That is a new registration; the old entity's changes are
     /// heard no more. Ends with `onNotifier`.
@@ -173,6 +179,7 @@ class NotifieeOf : public NotifieeBase {
     }
 
   protected:
+    /// Registers at once, but hears nothing before it is made active. `notifier` may be null.
     template <class Machine>
     NotifieeOf(Ptr<Watched const> notifier, Machine* machine) : NotifieeBase(machine) {
         watch(std::move(notifier));

@@ -12,6 +12,8 @@
 
 namespace Nex {
 
+/// Has no walk: its user takes keys from the front. Keys are hashed as those of a `Map`, always
+/// with the secret.
 template <class Key>
 class LinkedSet {
   public:
@@ -23,10 +25,12 @@ class LinkedSet {
     std::size_t size() const { return count_; }
     bool empty() const { return count_ == 0; }
     bool has(Key const& key) const { return find(key) != nullptr; }
-    /// The key that is there for the longest time; not to be called when there is none.
+    /// The key that is there for the longest time, or was put to the back before all others; valid
+    /// until it is taken. Not to be called when there is none.
     Key const& front() const { return first_->key; }
 
-    /// A key that is there already keeps its place.
+    /// A key that is there already keeps its place. Throws std::bad_alloc, and std::runtime_error
+    /// where the first key finds no secret; the set is then as it was.
     void insert(Key const& key) {
         if (has(key)) return;
         if (count_ == buckets_) grow();
@@ -35,9 +39,11 @@ class LinkedSet {
         append(node);
         ++count_;
     }
+    /// A key that is not there is no error. `key` may be the one that `front` shows.
     void take(Key const& key) {
         if (Node* const node = find(key)) erase(node);
     }
+    /// Takes time for each key.
     void clear() {
         for (Node* node = first_; node;) delete std::exchange(node, node->after);
         first_ = last_ = nullptr;

@@ -72,7 +72,8 @@ class Makings {
     Making* innermost_ = nullptr;
 };
 
-/// A reactor in the hand of its machine: dropping it silences it, then lets go.
+/// A reactor in the hand of its machine: dropping it silences it, then lets go. Whoever else holds
+/// the reactor keeps an object that hears nothing.
 template <class R>
 class Owned {
     using Request = Ptr<WatchedBy<R>>;
@@ -83,7 +84,9 @@ class Owned {
     Owned& operator=(Owned const&) = delete;
     ~Owned() { del(); }
 
-    /// Makes the reactor and switches its notifications on.
+    /// Makes the reactor, in place of one that was there, and switches its notifications on. What
+    /// is asked meanwhile, from within its constructor, is done once it stands. Throws what the
+    /// constructor throws; there is then no reactor.
     template <class... Args>
     void make(Args&&... args) {
         del();
@@ -106,10 +109,12 @@ class Owned {
             make(std::move(watched), machine);
         }
     }
+    /// Also from within the reactor's own callback, and its constructor.
     void del() {
         makings_.del({});
         if (Ptr<R> const reactor = std::exchange(reactor_, nullptr)) reactor->nexRetire();
     }
+    /// Null where there is none, and while it is being made.
     R* get() const { return reactor_.get(); }
     R* operator->() const { return get(); }
     explicit operator bool() const { return get() != nullptr; }
@@ -157,10 +162,12 @@ class ReactorMap {
         return found ? found->get() : nullptr;
     }
     std::size_t size() const { return reactors_.size(); }
+    /// Yields keys and counted pointers.
     auto walk() const { return reactors_.walk(); }
 
     /// Makes the reactor of `key` on `watched`, or points the one that is there at it. Null while
-    /// that is being made further up the stack: it is pointed at `watched` once it stands.
+    /// that is being made further up the stack: it is pointed at `watched` once it stands. What the
+    /// reactor's constructor throws reaches the caller, and the key is as it was.
     template <class Watched, class Machine>
     Ptr<R> is(Key const& key, Ptr<Watched> watched, Machine* machine) {
         if (Ptr<R> const known = get(key)) {
@@ -182,6 +189,7 @@ class ReactorMap {
         }
         return fresh;
     }
+    /// Silences the reactor, then lets go of it. One that is being made goes once it stands.
     void del(Key const& key) {
         makings_.del(key);
         if (Ptr<R> const reactor = reactors_.take(key)) reactor->nexRetire();
@@ -221,6 +229,8 @@ class MachineMap {
     MachineMap& operator=(MachineMap const&) = delete;
     ~MachineMap() { delAll(); }
 
+    /// Null where there is none, and while it is being made. Hold a `Ptr` across calls that may
+    /// delete it.
     Machine* get(Key const& key) const {
         auto const* const found = machines_.find(key);
         return found ? found->get() : nullptr;
@@ -297,7 +307,8 @@ class MachineMap {
   private:                                                                                         \
     ::Nex::Owned<REACTOR> NAME##_;
 
-/// An input that is only used.
+/// An input that is only used: held, never watched, and fixed once the constructor has set
+/// `NAME##_`. `NAME()` may be null.
 #define NEX_INPUT(TYPE, NAME)                                                                      \
   public:                                                                                          \
     TYPE* NAME() const { return NAME##_.get(); }                                                   \
@@ -305,7 +316,7 @@ class MachineMap {
   private:                                                                                         \
     ::Nex::Ptr<TYPE> NAME##_;
 
-/// A value of the machine's own.
+/// A value of the machine's own, which nobody is told of.
 #define NEX_FIELD(TYPE, NAME, VALUE)                                                               \
   public:                                                                                          \
     TYPE NAME() const { return NAME##_; }                                                          \
@@ -314,7 +325,7 @@ class MachineMap {
   private:                                                                                         \
     TYPE NAME##_ = VALUE;
 
-/// A set of the machine's own.
+/// A set of the machine's own, which nobody is told of. `NAME()` walks it and tolerates changes.
 #define NEX_FIELD_SET(KEY, NAME)                                                                   \
   public:                                                                                          \
     auto NAME() const { return NAME##_.walk(); }                                                   \

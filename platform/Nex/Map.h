@@ -41,7 +41,8 @@ struct Nothing {
     friend constexpr bool operator==(Nothing, Nothing) = default;
 };
 
-/// Whether a value may be moved to another address by copying its bytes.
+/// Whether a value may be moved to another address by copying its bytes. A type that keeps no
+/// address of itself anywhere says so by a specialisation.
 template <class T>
 inline constexpr bool isRelocatable = std::is_trivially_copyable_v<T>;
 template <class T>
@@ -79,10 +80,13 @@ Yielded<Key, Value> yield(From const& entry) {
     }
 }
 
-/// A range over a cursor, an object with `std::optional<T> next()`. Walk it once.
+/// A range over a cursor, an object with `std::optional<T> next()`. Walk it once: a second `begin`
+/// goes on where the first one stopped. Walks are made by their collection and stay where they are;
+/// a loop that is left early ends its walk.
 template <class Cursor>
 class Walk {
   public:
+    /// With the arguments of the cursor.
     template <class... Args>
     explicit Walk(Args&&... args) : cursor_(std::forward<Args>(args)...) {}
 
@@ -107,6 +111,7 @@ class Walk {
 
     Iterator begin() { return Iterator(&cursor_); }
     std::default_sentinel_t end() const { return {}; }
+    /// Of the collection as it is now, not of what is left to be walked.
     std::size_t size() const { return cursor_.size(); }
     bool empty() const { return size() == 0; }
 
@@ -127,6 +132,7 @@ class Map {
         std::free(index_);
     }
 
+    /// Entries; holes do not count.
     std::size_t size() const { return count_; }
     bool empty() const { return count_ == 0; }
     bool has(Key const& key) const { return positionOf(key) != none; }
@@ -139,7 +145,9 @@ class Map {
     Value const* find(Key const& key) const { return const_cast<Map*>(this)->find(key); }
 
     /// The value of `key`, made by default where there was none, and whether it was made. Valid
-    /// until the map is changed or a walk over it ends.
+    /// until the map is changed or a walk over it ends. Throws std::bad_alloc, also beyond 2^31
+    /// entries, and what hashing throws; the map then holds what it held. Constant time but for the
+    /// insertions that need more room: those move all entries.
     std::pair<Value*, bool> findOrInsert(Key const& key) {
         Probe const probe = probeFor(key);
         if (probe.at != none) return {&entries_[probe.at].value, false};
@@ -150,7 +158,8 @@ class Map {
         return {&add(key, probe), true};
     }
 
-    /// Removes `key` and returns its value, or a default value where there was none.
+    /// Removes `key` and returns its value, or a default value where there was none. Needs no
+    /// memory. `key` may be the one in the entry.
     Value take(Key const& key) {
         Position const at = positionOf(key);
         if (at == none) return Value();
@@ -162,7 +171,8 @@ class Map {
         return value;
     }
 
-    /// Yields the entries, their values as `As`. While it is there, holes stay and so do positions.
+    /// Yields the entries, their values as `As`. While it is there, holes stay and so do positions:
+    /// a map that is walked for long while entries come and go takes room for all of them.
     template <class As>
     class Cursor {
       public:
@@ -402,7 +412,8 @@ class Map {
     bool scattered_ = !hashKeepsNeighbours<Key>;
 };
 
-/// Like `Map`; the first `N` entries stand in the object itself.
+/// Like `Map`; the first `N` entries stand in the object itself. It is moved only while nobody
+/// walks it, and grows into a `Map` once: it does not come back. Keys and values are plain bytes.
 template <class Key, class Value, std::size_t N>
 class SmallMap {
     static_assert(std::is_trivially_copyable_v<Key> && std::is_trivially_copyable_v<Value>);

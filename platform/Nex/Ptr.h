@@ -38,6 +38,7 @@ class PtrInterface {
     PtrInterface(PtrInterface const&) = delete;
     PtrInterface& operator=(PtrInterface const&) = delete;
 
+    // For `Ptr`, which pairs them. Objects live on the heap and are never deleted by hand.
     [[gnu::always_inline]] void nexRefInc() const {
         if (threadSafe_) [[unlikely]] {
             std::atomic_ref(references_).fetch_add(1, std::memory_order_relaxed);
@@ -58,7 +59,7 @@ class PtrInterface {
     /// threads. Set it before the first object is made. Notifications stay single-threaded.
     static void threadSafeIs(bool on);
     static bool threadSafe() { return threadSafe_; }
-    /// Null for none. Not owned.
+    /// Null for none. Not owned, and to be taken back before it goes.
     static void destructionObserverIs(DestructionObserver* observer) {
         destructionObserver_ = observer;
     }
@@ -104,6 +105,9 @@ class PtrInterface {
     bool zombieReactors_ = false;
 };
 
+/// A counted pointer, or null. As small as a plain one; `T` may be incomplete where nothing is
+/// copied or dropped. Made from a plain pointer it counts up, so `this` may be handed out, also by
+/// a constructor. Two are equal if they point at the same object.
 template <class T>
 class Ptr {
   public:

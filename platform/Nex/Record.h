@@ -22,6 +22,22 @@
 // A lookup returns a plain pointer, good until the entry is deleted: hold a `Ptr` across calls
 // that may do so. `nameIs` of RECORDS returns a counted pointer for that reason. A walk holds its
 // record.
+//
+// What all generated mutators promise:
+//
+//   - One that changes nothing tells nobody. One that does stores first, then tells everybody, then
+//     returns. By then a callback may have changed anything: the entry that was made may be gone.
+//   - An exception of a callback reaches the caller, and the value stays changed. Where memory is
+//     refused, nothing is changed and nobody told.
+//   - Keys and values are taken by value, so they may come from the entry that goes.
+//   - A callback gets the key alone and looks the rest up: what it finds may be newer than the
+//     change that it is told of.
+//   - `nameDelAll` tells of each key as it goes, while later ones are still there. What is added
+//     meanwhile may stay.
+//
+// RECORDS makes its record the parent of each entry, until the entry is deleted or the record goes;
+// who holds the entry may go on using it as a root of its own. A record in an ATTR is held, not
+// adopted: whoever makes it sets its parent.
 #pragma once
 
 #include "Nex/Entity.h"
@@ -81,11 +97,13 @@ class HeldWalk : Ptr<Entity const>, public W {
 /// The mutators behind the generated ones. `Interface` and `callback` name who is told.
 class RecordBase : public Entity {
   protected:
+    /// A walk `W` over one of this record's collections.
     template <class W, class Collection>
     HeldWalk<W> nexWalk(Collection const& collection) const {
         return {this, collection};
     }
 
+    /// A record that the attribute held before, and no longer has a place here, loses its parent.
     template <class Interface, auto callback, class T>
     void nexAttributeIs(T& attribute, T value) {
         if (attribute == value) return;
@@ -98,6 +116,7 @@ class RecordBase : public Entity {
         nexNotify<Interface, callback>();
     }
 
+    /// Of SET and MAP. Storing the value that is there already changes nothing.
     template <class Interface, auto callback, class Collection, class Key, class Value>
     void nexEntryIs(Collection& collection, Key const& key, Value value) {
         auto const [slot, fresh] = collection.findOrInsert(key);
@@ -106,6 +125,7 @@ class RecordBase : public Entity {
         nexNotify<Interface, callback>(key);
     }
 
+    /// Of RECORDS. Fetching tells nobody. Throws std::bad_alloc, and what the callbacks throw.
     template <class Interface, auto callback, class Record, class Key>
     Ptr<Record> nexRecordIs(Map<Key, Ptr<Record>>& records, Key const& key) {
         auto const [slot, fresh] = records.findOrInsert(key);
@@ -123,6 +143,7 @@ class RecordBase : public Entity {
         return record;
     }
 
+    /// Of all collections. The entry is held until everybody has been told.
     template <class Interface, auto callback, class Collection, class Key>
     void nexEntryDel(Collection& collection, Key const& key) {
         if (!collection.has(key)) return;
@@ -140,11 +161,13 @@ class RecordBase : public Entity {
             nexEntryDel<Interface, callback>(collection, keyOf(yielded));
     }
 
+    /// A default value where the key is not.
     template <class Key, class Value>
     static Value nexLookup(auto const& map, Key const& key) {
         auto const* const found = map.find(key);
         return found ? *found : Value();
     }
+    /// Null where the key is not.
     template <class Key, class Record>
     static Record* nexFind(Map<Key, Ptr<Record>> const& records, Key const& key) {
         auto const* const found = records.find(key);
@@ -175,6 +198,9 @@ constexpr bool sameName(std::string_view lower, std::string_view upper) {
 
 } // namespace Nex
 
+/// In the class `TYPE`, which derives from `RecordBase` and stands on its own: all that `LIST`
+/// says, and a key of type `KEY` that is fixed at construction and read by `KEYNAME()`.
+/// `TYPE##Is(key)` is the factory. The class goes on as private.
 #define NEX_RECORD(TYPE, KEY, KEYNAME, LIST)                                                       \
   public:                                                                                          \
     explicit TYPE(KEY KEYNAME = KEY()) : KEYNAME##_(std::move(KEYNAME)) {}                         \

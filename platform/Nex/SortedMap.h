@@ -8,6 +8,8 @@
 
 namespace Nex {
 
+/// Keys have an order beside their hash. A change costs a step for each level of the tree; a lookup
+/// costs what it costs a `Map`.
 template <class Key, class Value>
 class SortedMap {
   public:
@@ -17,6 +19,7 @@ class SortedMap {
     /// As of `Map`.
     Value* find(Key const& key) { return entries_.find(key); }
     Value const* find(Key const& key) const { return entries_.find(key); }
+    /// As of `Map`; where memory is refused, neither part has the key.
     std::pair<Value*, bool> findOrInsert(Key const& key) {
         auto const found = entries_.findOrInsert(key);
         if (found.second) {
@@ -30,13 +33,15 @@ class SortedMap {
         }
         return found;
     }
+    /// As of `Map`.
     Value take(Key const& key) {
         if (order_.erase(key) != 0) ++revision_;
         return entries_.take(key);
     }
 
     /// A place in the order of the keys. It finds its way on whatever is inserted and removed: the
-    /// next key is the least one above the last.
+    /// next key is the least one above the last. The key that it stands on may have gone meanwhile;
+    /// the map may not. A step costs next to nothing as long as no key comes or goes.
     class Position {
       public:
         /// Stands on the least key, or on the least that is not below `from`.
@@ -49,7 +54,9 @@ class SortedMap {
             doKeep();
         }
         bool atEnd() const { return !key_; }
+        /// A copy of its own. Not to be called at the end.
         Key const& key() const { return *key_; }
+        /// Not to be called at the end, either.
         void advance() {
             at_ = revision_ == map_->revision_ ? std::next(at_) : map_->order_.upper_bound(*key_);
             revision_ = map_->revision_;

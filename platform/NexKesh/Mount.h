@@ -5,11 +5,14 @@
 
 namespace NexKesh {
 
+/// A shorthand for one manager. Keeps no count of its own: each `mountIs` wants its `mountDel`.
 class Mount {
   public:
+    /// Not null; held.
     explicit Mount(Nex::Ptr<Vardo::EntityManager> entityManager)
         : entityManager_(std::move(entityManager)) {}
 
+    /// As `EntityManager::doMount`, errors included.
     void mountIs(Nex::String const& path, Nex::String const& typeName, unsigned mountInfoType) {
         entityManager_->doMount(path, typeName, mountInfoType);
     }

@@ -41,7 +41,12 @@ class EntityManager : public Nex::Entity {
     /// How tables of a type come into being. Mounting a type without a factory throws
     /// Nex::RangeException.
     void factoryIs(Nex::String typeName, Factory factory);
+    /// Counts one mount more, or makes the table by its type's factory and tells everybody. Throws
+    /// what the factory throws, and then nothing is mounted; what a watcher throws reaches the
+    /// caller with the table mounted.
     void doMount(Nex::String path, Nex::String typeName, unsigned mountInfoType);
+    /// Counts one less; with the last the table is forgotten and everybody told. Whoever holds it
+    /// keeps it. A path that is not mounted is no error.
     void doUnmount(Nex::String path);
     /// The table at a path, or null while it is not mounted.
     MountedTable const* mounted(Nex::String const& path) const;
