@@ -25,6 +25,7 @@ class Worker : public PtrInterface {
     ~Worker() override { nexDoZombieReactors(true); }
     auto nexArguments() const { return std::make_tuple(left_, right_); }
     static constexpr char const* nexArgumentNames[] = {"left", "right"};
+    Tree const* left() const { return left_.get(); }
     int const key;
 
   private:
@@ -118,91 +119,92 @@ TEST_F(MachineTest, NullReactorTargetIsRefusedByItsName) {
     EXPECT_TRUE(owner->leaves().empty());
 }
 
-TEST_F(MachineTest, ReactorThatIsDeletedWhileItIsMadeStaysAwayAndSilent) {
-    std::vector<std::function<void()>> const ways{[&] { owner->leavesDel("tree"); },
-                                                  [&] { owner->leavesDelAll(); },
-                                                  [&] { owner->leavesDelUnless(); },
-                                                  [&] {
-                                                      owner->leavesIs(twin);
-                                                      owner->leavesDel("tree");
-                                                  }};
-    for (auto const& way : ways) {
-        owner->startUp = [&] {
-            EXPECT_EQ(owner->leaves("tree"), nullptr) << "not there before it is made";
-            way();
-        };
-        auto const reactor = owner->leavesIs(tree);
-        EXPECT_EQ(owner->leaves("tree"), nullptr);
-        EXPECT_TRUE(owner->leaves().empty());
-        EXPECT_EQ(change(tree) + change(twin), "");
-    }
-}
-
-TEST_F(MachineTest, ReactorThatIsAskedForAgainWhileItIsMadeIsMadeOnceOnTheLastTarget) {
-    owner->startUp = [&] {
-        EXPECT_EQ(owner->leavesIs(Tree::TreeIs("tree")), nullptr);
-        EXPECT_EQ(owner->leavesIs(twin), nullptr);
-        EXPECT_TRUE(owner->leaves().empty()) << "a walk would find none";
+/// What is asked for last while something is made is what stands there, and alone is heard, also if
+/// whoever asked throws.
+TEST_F(MachineTest, WhatIsDisturbedWhileItIsMade) {
+    struct Kind {
+        char const* name;
+        std::function<void(Ptr<Tree>)> make;
+        std::function<void()> del;
+        std::function<Tree const*()> made;
+        Tree* again; ///< what stands there once it is asked for again, with another target
     };
+    auto const single = [&](Ptr<Tree> target) { watch(owner->single, target, owner.get()); };
+    auto const leaves = [&](Ptr<Tree> target) { owner->leavesIs(target); };
+    auto const leavesMade = [&]() -> Tree const* {
+        EXPECT_EQ(owner->leaves().size(), owner->leaves("tree") ? 1u : 0u);
+        return owner->leaves("tree") ? owner->leaves("tree")->notifier() : nullptr;
+    };
+    auto const worker = [&](Ptr<Tree> target) {
+        try {
+            owner->workerIs(1, target, other);
+        } catch (NameInUseException const&) {
+        }
+    };
+    Kind const kinds[] = {
+        {"single", single, [&] { owner->single.del(); }, [&] { return watchedBy(owner->single); },
+         twin.get()},
+        {"of a key", leaves, [&] { owner->leavesDel("tree"); }, leavesMade, twin.get()},
+        {"of all keys", leaves, [&] { owner->leavesDelAll(); }, leavesMade, twin.get()},
+        {"of some keys", leaves, [&] { owner->leavesDelUnless(); }, leavesMade, twin.get()},
+        {"machine", worker, [&] { owner->worker.del(1); },
+         [&]() -> Tree const* {
+             EXPECT_EQ(owner->worker.size(), owner->worker.get(1) ? 1u : 0u);
+             return owner->worker.get(1) ? owner->worker.get(1)->left() : nullptr;
+         },
+         tree.get()},
+    };
+    for (Kind const& kind : kinds)
+        for (bool const throws : {false, true}) {
+            auto const expect = [&](char const* what, std::function<void()> disturb,
+                                    Tree const* stands) {
+                SCOPED_TRACE(String(kind.name) + what + (throws ? ", thrown" : ""));
+                owner->startUp = [&] {
+                    EXPECT_EQ(kind.made(), nullptr) << "not there before it is made";
+                    disturb();
+                    if (throws) throw std::runtime_error("start-up");
+                };
+                try {
+                    kind.make(tree);
+                    EXPECT_FALSE(throws);
+                } catch (std::runtime_error const&) {
+                    EXPECT_TRUE(throws);
+                }
+                EXPECT_EQ(kind.made(), stands);
+                EXPECT_EQ(change(tree).empty(), stands != tree.get());
+                EXPECT_EQ(change(twin).empty(), stands != twin.get());
+                kind.del();
+            };
+            expect(
+                " made", [] {}, throws ? nullptr : tree.get());
+            expect(" deleted", kind.del, nullptr);
+            expect(
+                " asked for again and deleted",
+                [&] {
+                    kind.make(twin);
+                    kind.del();
+                },
+                nullptr);
+            expect(
+                " replaced",
+                [&] {
+                    kind.del();
+                    kind.make(twin);
+                },
+                twin.get());
+            expect(
+                " asked for again", [&] { kind.make(twin); }, throws ? nullptr : kind.again);
+        }
+    owner->startUp = [&] { EXPECT_EQ(owner->leavesIs(twin), nullptr); };
+    owner->told.clear();
     auto const reactor = owner->leavesIs(tree);
     EXPECT_EQ(owner->leaves("tree"), reactor.get());
-    EXPECT_EQ(owner->told, "onto ");
-    EXPECT_EQ(change(tree), "");
-    EXPECT_EQ(change(twin), "tree ");
-}
-
-/// What the last request for a single reactor says is done, also while it is made.
-TEST_F(MachineTest, OwnedReactorThatIsDisturbedWhileItIsMade) {
-    auto const make = [&](std::function<void()> disturb) {
-        owner->single.del();
-        owner->startUp = std::move(disturb);
-        watch(owner->single, tree, owner.get());
-        return watchedBy(owner->single);
-    };
-    EXPECT_EQ(make([&] { watch(owner->single, twin, owner.get()); }), twin.get());
-    EXPECT_EQ(change(tree), "");
-    EXPECT_EQ(change(twin), "tree ");
-    EXPECT_EQ(make([&] { watch(owner->single, Ptr<Tree>(), owner.get()); }), nullptr);
-    EXPECT_TRUE(owner->single);
-    EXPECT_EQ(make([&] { owner->single.del(); }), nullptr);
-    EXPECT_FALSE(owner->single);
-    EXPECT_EQ(change(tree), "");
-    EXPECT_EQ(make([&] {
-                  owner->single.del();
-                  watch(owner->single, twin, owner.get());
-              }),
-              twin.get());
-    EXPECT_EQ(change(tree), "");
-    EXPECT_THROW(make([] { throw std::runtime_error("start-up"); }), std::runtime_error);
-    EXPECT_EQ(make([] {}), tree.get());
-}
-
-TEST_F(MachineTest, ReactorThatIsReplacedWhileItIsMadeGivesWay) {
+    EXPECT_EQ(owner->told, "onto ") << "made once";
     owner->startUp = [&] {
-        owner->leavesDelAll();
-        owner->leavesIs(twin);
+        EXPECT_EQ(owner->workerIs(1, tree, other), nullptr);
+        EXPECT_THROW(owner->workerIs(1, twin, other), NameInUseException);
     };
-    owner->leavesIs(tree);
-    ASSERT_NE(owner->leaves("tree"), nullptr);
-    EXPECT_EQ(owner->leaves("tree")->notifier(), twin.get());
-    EXPECT_EQ(change(tree), "");
-    EXPECT_EQ(change(twin), "tree ");
-}
-
-TEST_F(MachineTest, ReactorWhoseConstructorThrowsLeavesItsKeyAsItWas) {
-    owner->startUp = [] { throw std::runtime_error("start-up"); };
-    EXPECT_THROW(owner->leavesIs(tree), std::runtime_error);
-    EXPECT_EQ(owner->leaves("tree"), nullptr);
-    EXPECT_TRUE(owner->leaves().empty());
-    EXPECT_EQ(change(tree), "");
-    owner->startUp = [&] {
-        owner->leavesDel("tree");
-        owner->leavesIs(twin);
-        throw std::runtime_error("after it was replaced");
-    };
-    EXPECT_THROW(owner->leavesIs(tree), std::runtime_error);
-    ASSERT_NE(owner->leaves("tree"), nullptr);
-    EXPECT_EQ(change(twin), "tree ");
+    EXPECT_EQ(owner->workerIs(1, tree, other).get(), owner->worker.get(1));
 }
 
 TEST_F(MachineTest, OtherKeysMayComeAndGoWhileAReactorIsMade) {
@@ -267,46 +269,6 @@ TEST_F(MachineTest, DeletedMachineIsSilentThoughSomebodyHoldsIt) {
     owner->worker.delAll();
     EXPECT_EQ(owner->worker.size(), 0u);
     EXPECT_EQ(change(tree), "");
-}
-
-TEST_F(MachineTest, MachineThatIsDisturbedWhileItIsMade) {
-    owner->startUp = [&] {
-        EXPECT_EQ(owner->workerIs(1, tree, other), nullptr);
-        EXPECT_THROW(owner->workerIs(1, twin, other), NameInUseException);
-    };
-    auto worker = owner->workerIs(1, tree, other);
-    EXPECT_EQ(owner->worker.get(1), worker.get());
-    EXPECT_EQ(change(tree), "1 ");
-    owner->worker.del(1);
-
-    owner->startUp = [&] { owner->worker.del(1); };
-    worker = owner->workerIs(1, tree, other);
-    EXPECT_EQ(owner->worker.get(1), nullptr);
-    EXPECT_EQ(change(tree), "");
-
-    owner->startUp = [&] {
-        owner->worker.del(1);
-        worker = owner->workerIs(1, twin, other);
-    };
-    auto const late = owner->workerIs(1, tree, other);
-    EXPECT_EQ(owner->worker.get(1), worker.get());
-    EXPECT_NE(worker, late);
-    EXPECT_EQ(change(tree), "");
-    EXPECT_EQ(change(twin), "1 ");
-    owner->worker.del(1);
-
-    owner->startUp = [] { throw std::runtime_error("start-up"); };
-    EXPECT_THROW(owner->workerIs(1, tree, other), std::runtime_error);
-    EXPECT_EQ(owner->worker.size(), 0u);
-    EXPECT_EQ(change(tree), "");
-
-    owner->startUp = [&] {
-        owner->worker.del(1);
-        worker = owner->workerIs(1, twin, other);
-        throw std::runtime_error("after it was replaced");
-    };
-    EXPECT_THROW(owner->workerIs(1, tree, other), std::runtime_error);
-    EXPECT_EQ(owner->worker.get(1), worker.get());
 }
 
 } // namespace
