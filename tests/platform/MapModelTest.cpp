@@ -98,6 +98,7 @@ class Compared {
             if (sorted<typename K::Collection>) RC_ASSERT(!last || *last < key);
             last = key;
             disturb();
+            RC_ASSERT(keyOf(yielded) == key); // whatever has become of the entry
         }
         skipGone();
         RC_ASSERT(next == before.end());
@@ -133,7 +134,9 @@ TYPED_TEST_SUITE(MapTest, Kinds);
 
 template <class K>
 void disturb(Compared<K>& compared, std::uint32_t keys, int depth) {
-    int const what = *rc::gen::inRange(0, depth > 2 ? 8 : 10);
+    // A sorted walk goes on to what comes meanwhile: nested deeper, walks would hardly end.
+    int const deepest = sorted<typename K::Collection> ? 0 : 2;
+    int const what = *rc::gen::inRange(0, depth > deepest ? 8 : 10);
     auto const key = K::key(*rc::gen::inRange(0u, keys));
     if (what < 4) {
         compared.insert(key, K::value(*rc::gen::inRange(0u, 256u)));
