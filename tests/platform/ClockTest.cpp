@@ -113,6 +113,8 @@ TEST_F(ClockTest, ZombieOrInactiveTimerIsSilentAndDisarmed) {
     a->zombieIs(true);
     b->hasNotificationActiveIs(false);
     EXPECT_EQ(at(1), "");
+    c->timeMinIs(2);
+    c->nexRetire();
     EXPECT_EQ(clock->nextExpiry(), never);
 }
 
@@ -216,6 +218,9 @@ TEST_F(ReviewTimerTest, ImmediatelyTakesTheShortDelayAndACreditOnlyIfThereIsOne)
     for (int i = 0; i < 3; ++i) EXPECT_EQ(runImmediately(), minDelay) << "without a credit";
     wait(4);
     EXPECT_EQ(runNext(), minDelay) << "nothing was borrowed, and no part of a credit spent";
+    wait(fillInterval);
+    EXPECT_EQ(runImmediately(), minDelay);
+    EXPECT_EQ(runNext(), maxDelay) << "it has taken what came back meanwhile";
 }
 
 TEST_F(ReviewTimerTest, PendingReviewMovesEarlierNeverLaterAndForNothing) {
@@ -240,6 +245,7 @@ TEST_F(ReviewTimerTest, PacingIsReplacedAndCreditsAboveTheNewMostAreLost) {
     EXPECT_EQ(runNext(), 4);
     timer->pacingIs(fillInterval, 5, 2, 4);
     EXPECT_EQ(runNext(), 4) << "a higher most is no gift";
+    timer = newReviewTimer();
     timer->pacingIs(0, 1, 2, 4);
     for (int i = 0; i < 3; ++i) EXPECT_EQ(runNext(), 2) << "without an interval always full";
 }

@@ -137,14 +137,32 @@ TEST(DeviceDirectory, WhatHappensWhileAnInterfaceIsTakenOutCounts) {
             if (fails) throw Nex::Exception("told");
             in.operUp("a", false);
         };
+        bool failed = false;
         try {
             in.one->kernel(7, "eth0");
         } catch (Nex::Exception const&) {
+            failed = true;
         }
+        EXPECT_EQ(failed, fails);
         EXPECT_EQ(in.listed(*in.one), in.demanded(*in.one));
         in.operUp("a", true);
         in.one->kernel(7, "");
     }
+}
+
+TEST(DeviceDirectory, WhatWasThereBeforeTheManagersIsFollowedToo) {
+    Inputs in;
+    in.operUp("a", true);
+    in.local("a", "eth0");
+    in.root = Nex::newObject<NetNsIntfStatusManagerRoot>(in.all, in.allLocal, true);
+    in.one->kernel(7, "eth0");
+    in.start(*in.one);
+    EXPECT_EQ(in.listed(*in.one), "a=eth0 ");
+    in.operUp("a", false);
+    EXPECT_EQ(in.listed(*in.one), "");
+    in.operUp("a", true);
+    in.local("a", "eth1");
+    EXPECT_EQ(in.one->take(), "a=7 a=0 a=7 a=0 ");
 }
 
 // Two VRFs may have one namespace, and be it until one of them has gone.

@@ -118,6 +118,20 @@ TEST(PtrThreads, MayCopyDropAndCreateWhenSaidSo) {
     PtrInterface::threadSafeIs(false);
 }
 
+// Of the allocator that all objects share.
+TEST(SlabsTest, AreTrimmedInSteps) {
+    Slab& slab = Slab::of(200);
+    std::vector<void*> objects(3000);
+    std::size_t const before = slab.heldBytes();
+    for (void*& object : objects) object = slab.take(200);
+    for (std::size_t at = 1; at < objects.size(); ++at) slab.giveBack(objects[at]);
+    int calls = 1;
+    while (Slab::trim(100)) ++calls;
+    EXPECT_GT(calls, 20);
+    EXPECT_LE(slab.heldBytes(), before + 2 * Slab::chunkBytes);
+    slab.giveBack(objects[0]);
+}
+
 /// The allocator itself, which the address sanitizer never sees at work: objects of one size, each
 /// filled with a number of its own.
 class SlabTest : public testing::TestWithParam<std::size_t> {
@@ -166,7 +180,11 @@ class SlabTest : public testing::TestWithParam<std::size_t> {
 INSTANTIATE_TEST_SUITE_P(Sizes, SlabTest, testing::Values(8, 20, 56, 256));
 
 TEST_P(SlabTest, NoTwoLivingObjectsShareRoomAndWhatIsFreeIsGivenBack) {
-    take(20 * perChunk_);
+    take(perChunk_);
+    giveBack([](std::size_t at) { return at % 2 == 0; });
+    take(perChunk_ / 2); // what went comes first
+    EXPECT_EQ(chunks(), 1u);
+    take(19 * perChunk_);
     EXPECT_EQ(chunks(), 20u);
     giveBack([](std::size_t at) { return at % 3 == 0; });
     EXPECT_FALSE(trimmed());

@@ -110,6 +110,9 @@ TEST_F(TraceTest, SinkThatThrowsDisturbsNobody) {
     traced.levelIs(6);
     NEX_TRACE(traced, 6, "thrown");
     EXPECT_EQ(entry().text(), "thrown");
+    TraceHandle::sinkIs(nullptr);
+    NEX_TRACE(traced, 6, "to nobody");
+    EXPECT_EQ(entry().text(), "to nobody");
 }
 
 TEST_F(TraceTest, LongNamesAreKeptElsewhereUntilOthersTakeTheirPlace) {
