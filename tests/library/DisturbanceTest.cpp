@@ -58,7 +58,7 @@ struct Life : World {
             if (!entry) return;
             include ? entry->includeSourceListDel(source) : entry->excludeSourceListDel(source);
             if (entry->empty()) record.groupSourceListDel(group);
-            include ? removeInclude(record, source, group) : removeExclude(record, source, group);
+            IgmpHostProxy::takeBack(record, source, group, include);
         });
     }
 
@@ -323,6 +323,11 @@ Change const changes[] = {
          if (life.host("up0"))
              for (auto const& list : life.attached) life.doAttach(up0, list, true);
      }},
+    {"the interface is looked at anew",
+     [](Life& life) {
+         if (life.root) life.root->handleIntfConfig(up0);
+     },
+     nullptr},
     {"the settings change",
      [](Life& life) {
          life.withConfig([](IntfConfig& record) { record.igmpVersionIs(IgmpVersion::v2); });
@@ -344,18 +349,24 @@ std::string differences(Lines const& actual, Lines const& expected) {
     return text;
 }
 
+/// Disturbs at one notification of the records that the library writes.
+Nex::Ptr<Disturber> disturb(World const& world, unsigned at, std::function<void()> happen) {
+    auto const disturber = Nex::newObject<Disturber>(at, std::move(happen));
+    disturber->follow(world.status.get());
+    disturber->follow(world.hostDir.get());
+    disturber->follow(world.hostStatusDir.get());
+    disturber->follow(world.sourceIntfSm.get());
+    return disturber;
+}
+
 /// Plays the scenario, disturbed at one notification. Whether that came.
 bool play(Scenario const& scenario, Change const& change, Undone undone, unsigned at) {
     Life life;
     scenario.before(life);
-    auto const disturber = Nex::newObject<Disturber>(at, [&] {
+    auto const disturber = disturb(life, at, [&] {
         change.happen(life);
         if (undone == atOnce) change.undo(life);
     });
-    disturber->follow(life.status.get());
-    disturber->follow(life.hostDir.get());
-    disturber->follow(life.hostStatusDir.get());
-    disturber->follow(life.sourceIntfSm.get());
     try {
         scenario.act(life);
         life.pass(3);
@@ -397,6 +408,71 @@ INSTANTIATE_TEST_SUITE_P(Library, Disturbance, ::testing::ValuesIn(scenarios),
                              std::replace(name.begin(), name.end(), ' ', '_');
                              return name;
                          });
+
+// The root's one slot is for whichever interface came last: each has its own source all the same.
+TEST(DisturbanceByAnotherInterface, LeavesEachItsOwn) {
+    for (unsigned at = 0;; ++at) {
+        SCOPED_TRACE(at);
+        Life life;
+        prepare(life);
+        auto const disturber = disturb(life, at, [&] {
+            life.config->intfConfigIs(up1);
+            life.usableIntf("up1", 3, "blue");
+        });
+        comeUp(life);
+        if (!disturber->disturbed()) break;
+        for (auto const& [intf, address] : {std::pair(up0, "192.0.2.2"), {up1, "192.0.2.3"}}) {
+            auto const* const machine = life.root->igmpHostProxyIntfSm(intf);
+            auto const* const binding = life.root->igmpHostIntfSm(intf);
+            ASSERT_TRUE(machine && binding) << intf;
+            EXPECT_EQ(machine->srcIntfIhpIntf()->intfId(), intf);
+            EXPECT_EQ(binding->srcIntfIhpIntf()->intfId(), intf);
+            EXPECT_EQ(life.host(intf.stringValue())->ipAddr(), ip(address));
+        }
+    }
+}
+
+// A watcher that throws interrupts whoever wrote. The host is filled in the next time, the
+// interface goes as a whole, and comes up complete when it is configured anew.
+TEST(DisturbanceByAnError, IsMadeGood) {
+    auto const comeUpAnyway = [](Life& life) {
+        if (!life.root) life.start();
+        life.tables("blue");
+        life.vrf("blue", "ns-blue");
+        life.config->intfConfigIs(up0);
+        for (auto const source : {sourceS, sourceT, ip("10.0.0.3")}) life.configure(source, groupG);
+        life.configure(anySource, groupH, false);
+        life.usableIntf("up0", 2, "blue");
+    };
+    Life calm;
+    comeUpAnyway(calm);
+    for (unsigned at = 0;; ++at) {
+        SCOPED_TRACE("thrown at notification " + std::to_string(at));
+        Life world;
+        auto const disturber =
+            disturb(world, at, [] { throw Nex::RangeException("thrown by a watcher"); });
+        auto const attempt = [&](auto const& act) {
+            try {
+                act();
+            } catch (Nex::RangeException const&) {
+            }
+        };
+        attempt([&] { comeUpAnyway(world); });
+        comeUpAnyway(world);
+        world.root->handleIntfConfig(up0);
+        ASSERT_NE(world.host("up0"), nullptr);
+        EXPECT_TRUE(world.host("up0")->enablePeriodicReport());
+        bool const cameUpCalmly = !disturber->disturbed();
+        attempt([&] { world.config->intfConfigDel(up0); });
+        EXPECT_EQ(world.status->intfStatusCount() + world.hostDir->igmpHostCount(), 0u);
+        EXPECT_EQ(world.root->igmpHostProxyIntfSm(up0), nullptr);
+        if (!disturber->disturbed()) break;
+        if (cameUpCalmly) continue; // the host agent may have missed the host's end
+        comeUpAnyway(world);
+        EXPECT_EQ(world.dump(), calm.dump());
+        if (::testing::Test::HasFailure()) break;
+    }
+}
 
 } // namespace
 } // namespace IgmpHostProxy

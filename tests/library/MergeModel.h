@@ -48,7 +48,21 @@ class MergeModel {
         if (configured_.count(group) > 0) configured_[group].of(mode).del(source);
     }
     void remove(Lox::IpAddr group, Lox::IpAddr source, Mode mode) {
-        mode == Mode::include ? removeInclude(source, group) : removeExclude(source, group);
+        bool const any = source == anySource;
+        if (count(source, group) == 0) {
+            any&& mode == Mode::exclude ? delUncounted(group) : delSource(group, source, mode);
+            return eraseIfEmpty(group);
+        }
+        std::uint32_t const left = countDown(source, group);
+        if (left > 0 && wanted(source, group, mode)) return;
+        if (any) return removeAny(group, mode, left);
+        if (left == 0) forget(source, group);
+        delSource(group, source, mode);
+        if (left > 0) {
+            addSource(group, source, mode == Mode::include ? Mode::exclude : Mode::include);
+        } else if (!groupCounted(group)) {
+            eraseIfEmpty(group);
+        }
     }
     /// The forwarding table puts a source in, uncounted.
     void contribute(Lox::IpAddr group, Lox::IpAddr source, Mode mode) {
@@ -146,61 +160,18 @@ class MergeModel {
         }
         addSource(group, source, Mode::exclude);
     }
-    void removeInclude(Lox::IpAddr source, Lox::IpAddr group) {
-        if (count(source, group) == 0) {
-            delSource(group, source, Mode::include);
-            return eraseIfEmpty(group);
-        }
-        std::uint32_t const left = countDown(source, group);
-        if (left > 0 && wanted(source, group, Mode::include)) return;
-        if (source != anySource && left > 0) {
-            delSource(group, source, Mode::include);
-            addSource(group, source, Mode::exclude);
-        } else if (source != anySource) {
-            forget(source, group);
-            delSource(group, source, Mode::include);
-            if (!groupCounted(group)) eraseIfEmpty(group);
-        } else {
-            if (left == 0) forget(source, group);
-            if (status_.count(group) == 0) return;
-            delSource(group, anySource, Mode::include);
-            ModelLists local = restored(group);
-            if (local.exclude.addrs.size() >= 2 || !local.include.addrs.empty())
-                local.exclude.del(anySource);
-            copy(local, group);
-            eraseIfEmpty(group);
-        }
-    }
-    void removeExclude(Lox::IpAddr source, Lox::IpAddr group) {
-        if (count(source, group) == 0) {
-            if (source == anySource) {
-                delUncounted(group);
-            } else {
-                delSource(group, source, Mode::exclude);
-            }
-            return eraseIfEmpty(group);
-        }
-        std::uint32_t const left = countDown(source, group);
-        if (left > 0 && wanted(source, group, Mode::exclude)) return;
-        if (source != anySource && left > 0) {
-            delSource(group, source, Mode::exclude);
-            addSource(group, source, Mode::include);
-        } else if (source != anySource) {
-            forget(source, group);
-            delSource(group, source, Mode::exclude);
-            if (!groupCounted(group)) eraseIfEmpty(group);
-        } else {
-            forget(source, group);
-            if (status_.count(group) == 0) return;
-            delSource(group, anySource, Mode::exclude);
-            ModelLists const local = restored(group);
-            if (local.include.addrs.size() > 1 && local.include.has(anySource)) {
-                delAllSources(group);
-                return addSource(group, anySource, Mode::include);
-            }
-            copy(local, group);
-            eraseIfEmpty(group);
-        }
+    void removeAny(Lox::IpAddr group, Mode mode, std::uint32_t left) {
+        // In exclude mode all references are forgotten at once.
+        if (left == 0 || mode == Mode::exclude) forget(anySource, group);
+        if (status_.count(group) == 0) return;
+        delSource(group, anySource, mode);
+        ModelLists local = restored(group);
+        if (mode == Mode::include &&
+            (local.exclude.addrs.size() >= 2 || !local.include.addrs.empty()))
+            local.exclude.del(anySource);
+        for (auto const source : local.include.addrs) addSource(group, source, Mode::include);
+        for (auto const source : local.exclude.addrs) addSource(group, source, Mode::exclude);
+        eraseIfEmpty(group);
     }
     ModelLists restored(Lox::IpAddr group) {
         ModelLists local;
@@ -213,10 +184,6 @@ class MergeModel {
             }
         }
         return local;
-    }
-    void copy(ModelLists const& from, Lox::IpAddr group) {
-        for (auto const source : from.include.addrs) addSource(group, source, Mode::include);
-        for (auto const source : from.exclude.addrs) addSource(group, source, Mode::exclude);
     }
 
     // The status, each change passed on to the host

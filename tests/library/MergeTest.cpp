@@ -19,9 +19,7 @@ class Merge : public OneInterface {
         for (std::string word; words >> word;) step(word[0], word[1] == 'i', sourceOf(word[2]));
     }
     void step(char what, bool include, Lox::IpAddr source) {
-        if (what == '-')
-            return include ? removeInclude(*config, source, groupG)
-                           : removeExclude(*config, source, groupG);
+        if (what == '-') return takeBack(*config, source, groupG, include);
         auto const record = what == '+'   ? config->groupSourceListIs(groupG)
                             : what == '~' ? config->deletedGroupSourceListIs(groupG)
                                           : status->groupSourceListIs(groupG);
@@ -76,6 +74,8 @@ TEST_F(Merge, WhatAnySourceHidIsBackAsItLeaves) {
         {"+i* +e* -e*", "i* e"},
         {"+i* +e* -e* -i*", "none"},
         {"+i* +i1 +e* -e*", "i*1 e 1:1"},
+        // Any source that only the table includes hides nothing
+        {"+i1 ti* +e2", "i*1 e2 1:1 2:1"},
     };
     for (auto const& row : rows) {
         run(row.history);

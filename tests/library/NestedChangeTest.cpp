@@ -2,81 +2,49 @@
 // is what the writers want in the end.
 #include "Producers.h"
 
-#include <functional>
-
 namespace IgmpHostProxy {
 namespace {
 
-/// Calls back when a group of a status or of a host appears, changes or goes; only the first time
-/// that the callback takes it up.
-template <class Record>
-class GroupWatch : public Nex::Reactor<typename Record::NotifieeConst, Nex::PtrInterface> {
-  public:
-    /// The answer says whether the group was taken up.
-    using Hear = std::function<bool(Lox::IpAddr group, bool present)>;
-
-    GroupWatch(Nex::Ptr<Record> record, Hear hear)
-        : Nex::Reactor<typename Record::NotifieeConst, Nex::PtrInterface>(
-              Nex::Ptr<Record const>(record), static_cast<Nex::PtrInterface*>(nullptr)),
-          hear_(std::move(hear)) {}
-    void hear(Lox::IpAddr group, bool present) {
-        if (!std::exchange(heard_, true)) heard_ = hear_(group, present);
-    }
-
-  private:
-    Hear hear_;
-    bool heard_ = false;
+struct HostWatch : EntryWatch<Igmp::IgmpHost, Lox::IpAddr> {
+    using EntryWatch::EntryWatch;
+    void onV3group(Lox::IpAddr key) override { hear(key, notifier()->v3groupHas(key)); }
 };
-struct StatusWatch : GroupWatch<IntfStatus> {
-    using GroupWatch::GroupWatch;
-    void onGroupSourceList(Lox::IpAddr group) override {
-        hear(group, notifier()->groupSourceListHas(group));
-    }
-};
-struct HostWatch : GroupWatch<Igmp::IgmpHost> {
-    using GroupWatch::GroupWatch;
-    void onV3group(Lox::IpAddr group) override { hear(group, notifier()->v3groupHas(group)); }
-};
-
-/// Acts once, as the record is raised.
-struct RecordWatch : Nex::Reactor<Igmp::IgmpV3GroupRecord::NotifieeConst, Nex::PtrInterface> {
-    RecordWatch(Nex::Ptr<Igmp::IgmpV3GroupRecord const> record, std::function<void()> act)
-        : Reactor(std::move(record), static_cast<Nex::PtrInterface*>(nullptr)),
-          act_(std::move(act)) {}
-    void onVersion() override {
-        if (auto const act = std::exchange(act_, nullptr)) act();
-    }
-    std::function<void()> act_;
+struct RecordWatch : EntryWatch<Igmp::IgmpV3GroupRecord, Lox::IpAddr> {
+    using EntryWatch::EntryWatch;
+    void onVersion() override { hear(notifier()->group(), true); }
 };
 
 class NestedChange : public Producers {
   protected:
-    /// Has `act` done within the notification that tells of the group.
-    void whenAnnounced(Lox::IpAddr group, std::function<void()> act) {
+    using Act = std::function<void()>;
+
+    /// Has `act` done once, within the notification that tells of the group.
+    void whenAnnounced(Lox::IpAddr group, Act act) {
         watch_.make(status, [=](Lox::IpAddr told, bool present) {
             bool const meant = told == group && present;
             if (meant) act();
             return meant;
         });
     }
-
+    static auto once(Act act) {
+        return [act](Lox::IpAddr, bool) {
+            act();
+            return true;
+        };
+    }
     /// Has `act` done as the first of the group's sources comes or goes.
-    void whenSourcesChange(Lox::IpAddr group, std::function<void()> act) {
-        sourceWatch_.make(Nex::Ptr<GroupSource const>(status->groupSourceList(group)),
-                          std::move(act));
+    void whenSourcesChange(Lox::IpAddr group, Act act) {
+        sourceWatch_.make(status->groupSourceList(group), once(act));
+    }
+    void configure(Lox::IpAddr source, bool include = true) {
+        auto const group = config->groupSourceListIs(groupG);
+        include ? group->includeSourceListIs(source) : group->excludeSourceListIs(source);
+    }
+    void takeBack(Lox::IpAddr source, bool include = true) {
+        IgmpHostProxy::takeBack(*config, source, groupG, include);
     }
 
   private:
-    struct SourceWatch : Nex::Reactor<GroupSource::NotifieeConst, Nex::PtrInterface> {
-        SourceWatch(Nex::Ptr<GroupSource const> group, std::function<void()> act)
-            : Reactor(std::move(group), static_cast<Nex::PtrInterface*>(nullptr)),
-              act_(std::move(act)) {}
-        void onIncludeSourceList(Lox::IpAddr) override {
-            if (auto const act = std::exchange(act_, nullptr)) act();
-        }
-        std::function<void()> act_;
-    };
-
     Nex::Owned<StatusWatch> watch_;
     Nex::Owned<SourceWatch> sourceWatch_;
 };
@@ -84,32 +52,97 @@ class NestedChange : public Producers {
 TEST_F(NestedChange, AGroupThatGoesAsItsEntryComesBackIsCountedNoMore) {
     for (bool const include : {true, false}) {
         Nex::Ptr<GroupSource> const group = config->groupSourceListIs(groupG);
-        group->includeSourceListIs(sourceS);
-        removeInclude(*config, sourceS, groupG);
+        configure(sourceS);
+        takeBack(sourceS);
         ASSERT_EQ(announced(), "absent");
         whenAnnounced(groupG, [&] { config->groupSourceListDel(groupG); });
-        if (include) {
-            group->includeSourceListIs(sourceT);
-        } else {
-            group->excludeSourceListIs(sourceT);
-        }
+        configure(sourceT, include);
         EXPECT_EQ(count(sourceT), 0u);
         status->groupSourceListDel(groupG);
+
+        // The same of a walk over the sources of another configuration.
+        config->groupSourceListIs(groupG);
+        auto const other = IntfConfig::IntfConfigIs(up0);
+        auto const sources = other->groupSourceListIs(groupG);
+        for (auto const source : {sourceS, sourceT})
+            include ? sources->includeSourceListIs(source) : sources->excludeSourceListIs(source);
+        whenSourcesChange(groupG, [&] { other->groupSourceListDel(groupG); });
+        machine().intfConfigIs(Nex::Ptr<IntfConfig const>(other));
+        EXPECT_EQ(count(sourceS), 1u);
+        EXPECT_EQ(count(sourceT), 0u);
+        machine().intfConfigIs(Nex::Ptr<IntfConfig const>(config));
+        machine().groupSourceRefCounterDelAll();
+        status->groupSourceListDelAll();
     }
 }
 
 TEST_F(NestedChange, AGroupThatIsTakenBackAsItsRecordGoesStaysAway) {
-    Nex::Ptr<GroupSource> const group = config->groupSourceListIs(groupG);
+    config->groupSourceListIs(groupG);
     ASSERT_TRUE(host->v3groupHas(groupG));
     Nex::Owned<HostWatch> watch;
     watch.make(host, [&](Lox::IpAddr, bool present) {
-        if (!present) removeInclude(*config, anySource, groupG);
+        if (!present) takeBack(anySource);
         return !present;
     });
-    group->includeSourceListIs(anySource);
+    configure(anySource);
     EXPECT_EQ(announced(), "absent");
     EXPECT_EQ(count(anySource), 0u);
     EXPECT_FALSE(host->v3groupHas(groupG));
+}
+
+// Any source that somebody includes as it leaves the exclude list, beside another one, hides what
+// the table had put in.
+TEST_F(NestedChange, AnySourceThatChangesListsAsItLeavesHidesAllOthers) {
+    for (bool const another : {false, true}) {
+        configure(anySource, false);
+        whenSourcesChange(groupG, [&] {
+            configure(anySource);
+            if (another) configure(sourceS);
+            status->groupSourceList(groupG)->excludeSourceListIs(sourceT);
+        });
+        takeBack(anySource, false);
+        EXPECT_EQ(announced(),
+                  another ? "include 0.0.0.0 exclude" : "include 0.0.0.0 exclude 10.0.0.2");
+        config->groupSourceListDel(groupG);
+        status->groupSourceListDel(groupG);
+        machine().groupSourceRefCounterDelAll();
+    }
+}
+
+// Pairs whose entry somebody has deleted are counted and given back all the same.
+TEST_F(NestedChange, AnEntryThatIsGoneWhileItIsCountedComesBackWithTheNextSource) {
+    for (bool const include : {true, false})
+        for (auto const source : {sourceS, anySource})
+            for (unsigned const references : {0u, 1u, 2u}) {
+                for (unsigned n = 0; n < references; ++n)
+                    include ? machine().addIncludeSourceGroup(source, groupG)
+                            : machine().addExcludeSourceGroup(source, groupG);
+                status->groupSourceListDel(groupG);
+                include ? machine().removeIncludeSourceGroup(source, groupG)
+                        : machine().removeExcludeSourceGroup(source, groupG);
+                EXPECT_EQ(announced(), "absent");
+                machine().groupSourceRefCounterDelAll();
+            }
+    for (unsigned const references : {0u, 1u}) { // without any status
+        machine().groupSourceRefCounterIs({sourceS, groupG}, references);
+        machine().intfStatusIs(nullptr);
+        machine().addIncludeSourceGroup(sourceS, groupG);
+        machine().addExcludeSourceGroup(sourceS, groupG);
+        machine().removeIncludeSourceGroup(sourceS, groupG);
+        machine().removeExcludeSourceGroup(sourceS, groupG);
+        machine().intfStatusIs(status);
+        EXPECT_EQ(count(sourceS), references);
+    }
+    machine().groupSourceRefCounterDelAll();
+    for (bool const include : {true, false}) { // put in by the table
+        auto const entry = status->groupSourceListIs(groupG);
+        include ? entry->includeSourceListIs(sourceS) : entry->excludeSourceListIs(sourceS);
+        whenSourcesChange(groupG, [&] { status->groupSourceListDel(groupG); });
+        configure(sourceT);
+        EXPECT_EQ(announced(), "include 10.0.0.2 exclude");
+        takeBack(sourceT);
+        EXPECT_EQ(announced(), "absent");
+    }
 }
 
 TEST_F(NestedChange, AGroupThatGetsAnOwnerDuringItsReviewIsLeftToTheOwner) {
@@ -118,15 +151,14 @@ TEST_F(NestedChange, AGroupThatGetsAnOwnerDuringItsReviewIsLeftToTheOwner) {
     enum Moment { appears, losesItsSourcesToAnyRoute, losesItsLastRoute };
     struct Case {
         char const* owner;
-        std::function<void()> happen;
+        Act happen;
         std::string expected;
-        std::function<void()> undo;
+        Act undo;
     };
     Case const cases[] = {
-        {"configuration", [&] { config->groupSourceListIs(groupG)->includeSourceListIs(sourceT); },
-         "include 10.0.0.2 exclude",
+        {"configuration", [&] { configure(sourceT); }, "include 10.0.0.2 exclude",
          [&] {
-             removeInclude(*config, sourceT, groupG);
+             takeBack(sourceT);
              config->groupSourceListDel(groupG);
          }},
         {"configuration without sources", [&] { config->groupSourceListIs(groupG); },
@@ -172,13 +204,12 @@ TEST_F(NestedChange, AGroupThatGetsAnOwnerDuringItsReviewIsLeftToTheOwner) {
 TEST_F(NestedChange, AStatusThatIsTakenAwayDuringItsReviewIsLeftAlone) {
     auto const table = newTable();
     Lox::IpAddr const other = ip("239.1.1.2");
-    std::function<void()> const takeAway = [&] { machine().intfStatusIs(nullptr); };
-    for (auto const& review :
-         std::initializer_list<std::function<void()>>{[&] { status->denyMrouteIs(true); },
-                                                      [&] {
-                                                          routeDel(*table, sourceS, groupG);
-                                                          settle();
-                                                      }}) {
+    Act const takeAway = [&] { machine().intfStatusIs(nullptr); };
+    for (auto const& review : std::initializer_list<Act>{[&] { status->denyMrouteIs(true); },
+                                                         [&] {
+                                                             routeDel(*table, sourceS, groupG);
+                                                             settle();
+                                                         }}) {
         for (auto const group : {groupG, other}) routeIs(*table, sourceS, group);
         settle();
         whenSourcesChange(groupG, takeAway);
@@ -202,12 +233,12 @@ TEST_F(NestedChange, AnEntryThatIsTakenAwayDuringAMergeIsLeftAlone) {
     routeIs(*table, sourceS, groupG);
     settle();
     whenSourcesChange(groupG, takeAway);
-    config->groupSourceListIs(groupG)->includeSourceListIs(sourceT);
+    configure(sourceT);
     EXPECT_EQ(count(sourceT), 1u);
     machine().intfStatusIs(status);
     config->groupSourceListDel(groupG);
     for (bool const counted : {false, true})
-        for (auto const& happen : std::initializer_list<std::function<void()>>{takeAway, replace}) {
+        for (auto const& happen : std::initializer_list<Act>{takeAway, replace}) {
             status->groupSourceListDelAll();
             machine().groupSourceRefCounterDelAll();
             if (counted) {
@@ -255,6 +286,19 @@ TEST_F(NestedChange, AReviewThatFailsGoesOnAndTriesTheRouteAgain) {
             settle();
             ASSERT_EQ(status->groupSourceListCount(), 0u);
         }
+}
+
+TEST_F(NestedChange, ARouteThatGoesWhileItIsSyncedIsLookedAtAgain) {
+    auto const table = newTable();
+    settle();
+    whenAnnounced(groupG, [&] {
+        routeDel(*table, sourceS, groupG);
+        machine().doReview(); // which leaves the changed routes to whoever is at it
+    });
+    routeIs(*table, sourceS, groupG);
+    settle();
+    EXPECT_EQ(announced(), "absent");
+    EXPECT_TRUE(machine().changedRoute().empty());
 }
 
 TEST_F(NestedChange, TablesThatAreForgottenAndFoundAgainAreFollowed) {
@@ -389,6 +433,8 @@ TEST_F(NestedChange, GroupsOfTheRecordThatIsWatchedNowAreFollowed) {
     machine().intfConfigIs(Nex::Ptr<IntfConfig const>(first));
     EXPECT_EQ(machine().groupSourceListConfig(groupG)->notifier(), second->groupSourceList(groupG));
     EXPECT_EQ(machine().groupSourceListConfig(next), nullptr);
+    machine().intfConfigIs(nullptr);
+    EXPECT_EQ(machine().groupSourceListConfig(groupG), nullptr);
 
     auto const other = IntfStatus::IntfStatusIs(up0);
     auto const third = IntfStatus::IntfStatusIs(up0);
@@ -396,8 +442,7 @@ TEST_F(NestedChange, GroupsOfTheRecordThatIsWatchedNowAreFollowed) {
         other->groupSourceListIs(group)->includeSourceListIs(sourceS);
     third->groupSourceListIs(groupG);
     Nex::Owned<RecordWatch> watch;
-    watch.make(Nex::Ptr<Igmp::IgmpV3GroupRecord const>(host->v3group(groupG)),
-               [&] { binding().intfStatusIs(third); });
+    watch.make(host->v3group(groupG), once([&] { binding().intfStatusIs(third); }));
     binding().intfStatusIs(other);
     EXPECT_EQ(binding().groupSourceListStatus(groupG)->notifier(), third->groupSourceList(groupG));
     EXPECT_EQ(binding().groupSourceListStatus(next), nullptr);

@@ -96,30 +96,9 @@ TEST_F(Vrf, OneThatCouldNotMountItsTableUnmountsNobodyElses) {
     EXPECT_EQ(mountOf("ns-blue")->mounts(), 1u);
 }
 
-/// Deletes the VRF "blue" as the status of an interface appears.
-class Vanisher : public Nex::Reactor<Status::NotifieeConst, Nex::PtrInterface> {
-  public:
-    Vanisher(Nex::Ptr<Status> status, World* world)
-        : Reactor(Nex::Ptr<Status const>(status), static_cast<Nex::PtrInterface*>(nullptr)),
-          world_(world) {}
-    void onIntfStatus(Lox::IntfId) override { world_->allVrfStatusLocal->vrfDel(blue); }
-
-  private:
-    World* world_;
-};
-
-/// Deletes it as a table is mounted.
-class MountVanisher : public Nex::Reactor<Vardo::EntityManager::NotifieeConst, Nex::PtrInterface> {
-  public:
-    MountVanisher(Nex::Ptr<Vardo::EntityManager> entityManager, World* world)
-        : Reactor(std::move(entityManager), static_cast<Nex::PtrInterface*>(nullptr)),
-          world_(world) {}
-    void onMounted(Nex::String path) override {
-        if (path == "kni/ns/ns-blue/status") world_->allVrfStatusLocal->vrfDel(blue);
-    }
-
-  private:
-    World* world_;
+struct MountWatch : EntryWatch<Vardo::EntityManager, Nex::String> {
+    using EntryWatch::EntryWatch;
+    void onMounted(Nex::String key) override { hear(key, notifier()->mounted(key)); }
 };
 
 TEST(VrfThatVanishes, TakesItsViewMountAndManagerAlong) {
@@ -127,12 +106,18 @@ TEST(VrfThatVanishes, TakesItsViewMountAndManagerAlong) {
         bool const beforeTheRoot = moment % 2 == 0;
         SCOPED_TRACE(moment);
         World world;
-        Nex::Owned<Vanisher> vanisher;
-        Nex::Owned<MountVanisher> mountVanisher;
+        Nex::Owned<InterfaceWatch> watch;
+        Nex::Owned<MountWatch> mountWatch;
+        auto const vanish = [&](auto const&, bool) {
+            world.allVrfStatusLocal->vrfDel(blue);
+            return false;
+        };
         if (moment < 2) {
-            vanisher.make(world.status, &world);
+            watch.make(world.status, vanish);
         } else {
-            mountVanisher.make(world.entityManager, &world);
+            mountWatch.make(world.entityManager, [&](Nex::String const& path, bool mounted) {
+                return path == "kni/ns/ns-blue/status" && vanish(path, mounted);
+            });
         }
         for (auto const* const name : {"up0", "up1"}) world.config->intfConfigIs(Lox::IntfId(name));
         if (!beforeTheRoot) world.start();
@@ -187,6 +172,7 @@ TEST_F(VrfWithInterface, TheMacAddressFollowsTheKernelsTable) {
     world.kernelDevice("eth0", 4, "ns-blue");
     world.root->getIntfEthAddr(blue, 99);
     EXPECT_EQ(world.status->intfStatusCount(), 1u);
+    EXPECT_TRUE(world.sourceIntfSm->registered(up0)) << "nobody else was looked at";
     EXPECT_EQ(mac(), "02:00:00:00:00:09");
 
     world.root->kernelVrfIntfStatus(blue)->deviceIntfStatusDirIs(filledDirectory());
@@ -227,9 +213,18 @@ TEST_F(VrfWithInterface, ADeviceNameTakesTheInterfaceUpAndDown) {
 TEST_F(VrfWithInterface, ADirectoryIsLookedThroughAsItArrives) {
     world.delistIntf("up0");
     auto const directory = filledDirectory();
+    Nex::Ptr<Interface::DeviceIntfStatusDir> const before =
+        world.root->kernelVrfIntfStatus(blue)->deviceIntfStatusDir();
     world.root->kernelVrfIntfStatus(blue)->deviceIntfStatusDirIs(directory);
     EXPECT_NE(world.root->igmpHostProxyIntfSm(up0), nullptr);
+    directory->intfStatusAndDeviceNameDel(up0);
+    EXPECT_EQ(world.root->igmpHostProxyIntfSm(up0), nullptr);
+    before->intfStatusAndDeviceNameIs(up0, {nullptr, "up0", 2}); // nobody listens there any more
+    EXPECT_EQ(world.intfStatus("up0"), nullptr);
+    directory->intfStatusAndDeviceNameIs(up0, {nullptr, "up0", 2});
     directory->intfStatusAndDeviceNameIs(up0, {nullptr, "", 2}); // an index without a name
+    EXPECT_NE(world.root->igmpHostProxyIntfSm(up0), nullptr);
+    directory->intfStatusAndDeviceNameIs(up0, {nullptr, "up0", 0}); // a name without an index
     EXPECT_NE(world.root->igmpHostProxyIntfSm(up0), nullptr);
     directory->intfStatusAndDeviceNameDel(up0);
     EXPECT_EQ(world.root->igmpHostProxyIntfSm(up0), nullptr);
@@ -238,8 +233,11 @@ TEST_F(VrfWithInterface, ADirectoryIsLookedThroughAsItArrives) {
     world.config->intfConfigIs(up1);
     auto const two = filledDirectory();
     two->intfStatusAndDeviceNameIs(up1, {nullptr, "up1", 3});
-    Nex::Owned<Vanisher> vanisher;
-    vanisher.make(world.status, &world);
+    Nex::Owned<InterfaceWatch> watch;
+    watch.make(world.status, [&](Lox::IntfId const&, bool) {
+        world.allVrfStatusLocal->vrfDel(blue);
+        return true;
+    });
     world.root->kernelVrfIntfStatus(blue)->deviceIntfStatusDirIs(two);
     EXPECT_EQ(world.root->kernelVrfIntfStatus(blue), nullptr);
 }
