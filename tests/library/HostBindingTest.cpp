@@ -123,6 +123,9 @@ TEST_F(HostBinding, ASourceStoredWithValueZeroIsAbsent) {
         EXPECT_EQ(trace.take(),
                   include ? Lines() : Lines{"6 Source list is empty. Creating new source"});
         EXPECT_EQ(record()->source()->sourceIpCount(), 1u);
+        record()->sourceListIs(nullptr);
+        include ? group->includeSourceListDel(sourceT) : group->excludeSourceListDel(sourceS);
+        EXPECT_EQ(record()->source(), nullptr);
     }
 }
 

@@ -63,6 +63,29 @@ TEST_F(IntfProxy, StartUpClearsGroupsThatNobodyAsksFor) {
     EXPECT_TRUE(status->groupSourceListHas(ip("239.1.1.2")));
 }
 
+// A source counts as taken back as it is listed as deleted, and not once more as the list forgets.
+TEST_F(IntfProxy, ASourceThatLeavesTheDeletedListIsNotTakenBackAgain) {
+    auto const deleted = config->deletedGroupSourceListIs(groupG);
+    machine().groupSourceRefCounterIs({sourceS, groupG}, 5);
+    deleted->includeSourceListIs(sourceS);
+    deleted->includeSourceListDel(sourceS);
+    EXPECT_EQ(count(sourceS), 4u);
+    deleted->excludeSourceListIs(sourceS);
+    deleted->excludeSourceListDel(sourceS);
+    EXPECT_EQ(count(sourceS), 3u);
+    config->deletedGroupSourceListDel(groupG);
+    deleted->includeSourceListIs(sourceS); // nobody listens there any more
+    EXPECT_EQ(count(sourceS), 3u);
+}
+
+TEST_F(IntfProxy, AGroupThatCameWithoutAStatusIsFollowedOnceThereIsOne) {
+    machine().intfStatusIs(nullptr);
+    config->groupSourceListIs(groupG);
+    machine().intfStatusIs(status);
+    config->groupSourceListIs(groupG)->includeSourceListIs(sourceS);
+    EXPECT_EQ(count(sourceS), 1u);
+}
+
 TEST_F(IntfProxy, TheMachineGoesSilentlyAndLeavesTheStatus) {
     config->groupSourceListIs(groupG)->includeSourceListIs(sourceS);
     Nex::Ptr<IgmpHostProxyIntfSm> const held = &machine();

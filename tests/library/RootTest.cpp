@@ -109,6 +109,9 @@ TEST_F(Root, ARetryThatQueuesAnInterfaceAnewForgetsItAllTheSame) {
     EXPECT_FALSE(root().checkInterfaceHas(up0));
     EXPECT_TRUE(root().checkInterfaceHas(up1));
     EXPECT_DOUBLE_EQ(world.timerWheel->nextExpiry(), 102);
+    world.ipStatus->ipIntfStatusIs(up1);
+    world.pass(1);
+    EXPECT_EQ(world.timerWheel->nextExpiry(), Nex::never);
 }
 
 // What was configured before comes up by its device name or a table, not by start-up itself.
@@ -190,6 +193,18 @@ TEST_F(Root, AVrfsTableConcernsTheInterfacesOfAllVrfs) {
     EXPECT_TRUE(proxying(up1));
 }
 
+using All = void (IgmpHostProxySm::*)();
+All const lookAtAll[] = {&IgmpHostProxySm::handleIntfConfig, &IgmpHostProxySm::handleMfibKesh};
+
+TEST_F(Root, LooksAtAllInterfacesWhenItIsAsked) {
+    twoInterfaces();
+    for (All const all : lookAtAll) {
+        for (auto const& intfId : {up0, up1}) root().deleteIntfSm(intfId);
+        (root().*all)();
+        EXPECT_TRUE(proxying(up0) && proxying(up1));
+    }
+}
+
 TEST_F(Root, EveryHostEntityIsFilledInAndEachTimeAnnouncedAnew) {
     twoInterfaces();
     Igmp::IgmpHost const& host = *world.host("up1");
@@ -199,9 +214,12 @@ TEST_F(Root, EveryHostEntityIsFilledInAndEachTimeAnnouncedAnew) {
     EXPECT_TRUE(host.enableRouterAlert() && host.enabled() && host.enablePeriodicReport());
     EXPECT_FALSE(host.useMux() || host.tagged());
     EXPECT_EQ(host.vlanId(), 1);
+    world.host("up1")->useMuxIs(true);
+    world.host("up1")->taggedIs(true);
     auto const config = host.configVersion();
     auto const intfConfig = host.intfConfigVersion();
     root().initializeIgmpHost("up1");
+    EXPECT_FALSE(host.useMux() || host.tagged());
     EXPECT_EQ(host.configVersion(), config + 1);
     EXPECT_EQ(host.intfConfigVersion(), intfConfig + 1);
     TraceLog trace(7);
@@ -284,6 +302,10 @@ TEST_F(Root, AnErrorOfOneInterfaceHoldsUpNoOther) {
     EXPECT_EQ(errorOf<Nex::NameInUseException>([&] { root().deleteIntfSm(up0); }), "up0");
     EXPECT_EQ(errorOf<Nex::NameInUseException>([&] { world.tables(); }), "up0");
     EXPECT_TRUE(proxying(up1));
+    for (All const all : lookAtAll) {
+        errorOf<Nex::NameInUseException>([&] { root().deleteIntfSm(up0); });
+        EXPECT_EQ(errorOf<Nex::NameInUseException>([&] { (root().*all)(); }), "up0");
+    }
 }
 
 // A root that cannot be made leaves nothing behind that could be in another one's way.
@@ -374,6 +396,35 @@ TEST_F(Root, WithoutInputsItWaitsAndComplainsAboutNothing) {
     root->handleVrf();
     root->handleVrf(L3::VrfName("blue"));
     EXPECT_EQ(root->doGetVrfNameFromIntf(up0), L3::VrfName());
+}
+
+TEST(RootWithoutAnInput, LivesOnTheOthers) {
+    using Inputs = PlatformState;
+    auto const live = [](auto Inputs::*missing) {
+        World world;
+        Inputs inputs(world);
+        inputs.*missing = nullptr;
+        world.root = inputs.makeRoot();
+        world.config->intfConfigIs(up0)->groupSourceListIs(groupG)->includeSourceListIs(sourceS);
+        world.tables("blue");
+        world.vrf("blue", "ns-blue");
+        world.usableIntf("up0", 2, "blue");
+        world.config->intfConfigIs(up1);
+        world.hostStatusDir->igmpHostStatusIs("up0");
+        world.pass(2);
+        world.addressOf("up0", "0.0.0.0");
+        world.delistIntf("up0");
+        world.listIntf("up0", "ns-blue");
+        world.mfibDir->keshCollDel(L3::VrfName("blue"));
+        world.config->intfConfigDel(up0);
+        world.hostStatusDir->igmpHostStatusDel("up0");
+        world.allVrfStatusLocal->vrfDel(L3::VrfName("blue"));
+        EXPECT_EQ(world.root->igmpHostProxyIntfSm(up0), nullptr);
+    };
+    live(&Inputs::config), live(&Inputs::status), live(&Inputs::mfibDir), live(&Inputs::aclConfig);
+    live(&Inputs::hostDir), live(&Inputs::hostStatusDir), live(&Inputs::sourceIntfSm);
+    live(&Inputs::ipStatus), live(&Inputs::allIntfStatusDir), live(&Inputs::allIntfStatusLocalDir);
+    live(&Inputs::allVrfStatusLocal), live(&Inputs::timerWheel), live(&Inputs::entityManager);
 }
 
 // The binding can do without any of its objects, too.
