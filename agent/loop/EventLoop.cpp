@@ -1,11 +1,14 @@
 #include "agent/loop/EventLoop.h"
 
+#include "agent/loop/Alarm.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cmath>
 #include <ctime>
 #include <exception>
+#include <limits>
 #include <new>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
@@ -18,6 +21,7 @@ namespace Agent {
 
 namespace {
 
+constexpr double never = std::numeric_limits<double>::infinity();
 /// After a turn with a failure.
 constexpr double leastPauseSeconds = 0.001;
 constexpr double mostPauseSeconds = 0.1;
@@ -110,7 +114,7 @@ void EventLoop::doTurn() {
     if (count < 0 && errno != EINTR) checked(count, "epoll_wait");
     for (int i = 0; i < count; ++i)
         handleReady(ready[std::size_t(i)].data.u64, ready[std::size_t(i)].events);
-    doGuarded([this] { doRunExpired(); });
+    doRunExpired();
     for (std::size_t i = 0; i < hooks_.size(); ++i) doGuarded(hooks_[i]); // a hook may add hooks
     if (std::exchange(exhausted_, false) && handleExhaustion_) doGuarded(handleExhaustion_);
     doPauseAfterFailure();
@@ -126,10 +130,10 @@ void EventLoop::doPauseAfterFailure() {
 
 /// 0 if something is due already, otherwise without limit and the timer armed.
 int EventLoop::waitMilliseconds() {
-    std::optional<double> const expiry = nextExpiry_();
-    if (!expiry) return -1;
-    if (*expiry <= now()) return 0;
-    doArm(*expiry);
+    double const expiry = nextExpiry();
+    if (expiry == never) return -1;
+    if (expiry <= now()) return 0;
+    doArm(expiry);
     return -1;
 }
 
@@ -142,9 +146,25 @@ void EventLoop::doArm(double expiry) {
 }
 
 void EventLoop::doRunExpired() {
-    std::optional<double> const expiry = nextExpiry_();
+double EventLoop::nextExpiry() const {
+    double const told = nextExpiry_().value_or(never);
+    return alarms_.empty() ? told : std::min(told, alarms_.begin()->first);
+}
+
+/// Takes no memory: an alarm must not fail where there is none.
+void EventLoop::doMove(Alarms::iterator& place, double time) noexcept {
+    auto node = alarms_.extract(place);
+    node.key() = time;
+    place = alarms_.insert(std::move(node));
+}
+
     double const time = now();
-    if (expiry && *expiry <= time) handleTime_(time);
+    while (!alarms_.empty() && alarms_.begin()->first <= time) {
+        auto const handler = alarms_.begin()->second->handlerTake();
+        doGuarded(*handler);
+    }
+    std::optional<double> const expiry = nextExpiry_();
+    if (expiry && *expiry <= time) doGuarded([&] { handleTime_(time); });
 }
 
 void EventLoop::handleReady(std::uint64_t token, std::uint32_t events) {

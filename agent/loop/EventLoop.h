@@ -1,7 +1,8 @@
 // The agent's only thread: waits for descriptors, signals and the next expiry, and calls handlers.
 //
 // A turn is: wait; call the handlers of what became ready; run what is due; run the end-of-turn
-// hooks. Its one timer wakes the wait at the earliest expiry that the owner tells.
+// hooks. One timer wakes the wait, at the earliest of two kinds of expiries: the alarms of modules
+// that know the loop, and what the owner tells for those that know no loop and are told the time.
 //
 // Time is CLOCK_BOOTTIME, which counts suspension too: after it upstream routers have dropped what
 // was not refreshed, so expiries that it has overtaken must count as due.
@@ -31,6 +32,8 @@ inline constexpr double sliceSeconds = 0.002;
 
 class EventLoop {
   public:
+class Alarm;
+
     using Handler = std::function<void()>;
     /// Told the ready events, EPOLLERR and EPOLLHUP among them.
     using DescriptorHandler = std::function<void(std::uint32_t events)>;
@@ -94,7 +97,13 @@ class EventLoop {
     void doPauseAfterFailure();
 
     FileDescriptor epoll_;
+    friend class Alarm;
+    /// By the time when each is due, infinite for none; equal times in the order of arming.
+    using Alarms = std::multimap<double, Alarm*>;
+    void doMove(Alarms::iterator& place, double time) noexcept;
+
     FileDescriptor timer_;
+    double nextExpiry() const;
     FileDescriptor signals_;
     sigset_t signalSet_{};
     // By descriptor. Shared with the call in progress, which may remove its own entry.
@@ -116,3 +125,4 @@ class EventLoop {
 };
 
 } // namespace Agent
+    Alarms alarms_;
