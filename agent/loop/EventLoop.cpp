@@ -56,6 +56,7 @@ EventLoop::EventLoop()
         [[maybe_unused]] auto const got = read(timer_.get(), &expirations, sizeof expirations);
         armedFor_.reset();
     });
+    descriptorIs(workers_.fd(), EPOLLIN, [this](std::uint32_t) { workers_.doFinish(); });
 }
 
 double EventLoop::now() {
@@ -79,6 +80,15 @@ void EventLoop::descriptorIs(int fd, std::uint32_t events, DescriptorHandler han
 
 void EventLoop::descriptorDel(int fd) {
     if (watches_.erase(fd) != 0) epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
+}
+
+void EventLoop::descriptorClose(FileDescriptor descriptor) noexcept {
+    descriptorDel(descriptor.get());
+    try {
+        workIs([fd = descriptor.get()] { close(fd); });
+        descriptor.release();
+    } catch (std::bad_alloc const&) { // closed here
+    }
 }
 
 void EventLoop::signalIs(int signal, Handler handler) {
@@ -137,15 +147,6 @@ int EventLoop::waitMilliseconds() {
     return -1;
 }
 
-void EventLoop::doArm(double expiry) {
-    if (armedFor_ == expiry) return;
-    itimerspec setting{};
-    setting.it_value = toTimespec(expiry);
-    checked(timerfd_settime(timer_.get(), TFD_TIMER_ABSTIME, &setting, nullptr), "timerfd_settime");
-    armedFor_ = expiry;
-}
-
-void EventLoop::doRunExpired() {
 double EventLoop::nextExpiry() const {
     double const told = nextExpiry_().value_or(never);
     return alarms_.empty() ? told : std::min(told, alarms_.begin()->first);
@@ -158,6 +159,15 @@ void EventLoop::doMove(Alarms::iterator& place, double time) noexcept {
     place = alarms_.insert(std::move(node));
 }
 
+void EventLoop::doArm(double expiry) {
+    if (armedFor_ == expiry) return;
+    itimerspec setting{};
+    setting.it_value = toTimespec(expiry);
+    checked(timerfd_settime(timer_.get(), TFD_TIMER_ABSTIME, &setting, nullptr), "timerfd_settime");
+    armedFor_ = expiry;
+}
+
+void EventLoop::doRunExpired() {
     double const time = now();
     while (!alarms_.empty() && alarms_.begin()->first <= time) {
         auto const handler = alarms_.begin()->second->handlerTake();
