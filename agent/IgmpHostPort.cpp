@@ -60,7 +60,7 @@ IgmpHostPort::IgmpHostPort(EventLoop& loop, std::string name, std::string vrf, L
 
 IgmpHostPort::~IgmpHostPort() {
     nexDoZombieReactors(true);
-    if (socket_) loop_.descriptorDel(socket_->fd());
+    doCloseSocket();
 }
 
 bool IgmpHostPort::fits(std::string const& vrf) const {
@@ -244,7 +244,7 @@ void IgmpHostPort::doClose(double now) {
 }
 
 void IgmpHostPort::doCloseSocket() {
-    if (socket_) loop_.descriptorDel(socket_->fd());
+    if (socket_) loop_.descriptorClose(socket_->descriptorTake());
     socket_ = nullptr;
     openIfindex_ = 0;
 }
