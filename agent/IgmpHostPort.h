@@ -65,7 +65,9 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     /// What routers may hold from an earlier run that ended without leaving, when version `version`
     /// was spoken.
     void formerAdd(RecordList const& groups, unsigned version);
-    void heldRecordsAdd(RecordList& groups) const { engine_.heldRecordsAdd(groups); }
+    bool heldRecordsAdd(RecordList& groups, HostEngine::HeldPlace& place, std::size_t most) const {
+        return engine_.heldRecordsAdd(groups, place, most);
+    }
     bool takeHeldChange() { return engine_.takeHeldChange(); }
     unsigned version() const { return engine_.version(); }
 

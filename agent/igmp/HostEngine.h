@@ -110,8 +110,15 @@ class HostEngine {
     bool hasFormer() const { return former_.size() > 0; }
     /// What is wanted is known: former state beyond it is taken back, once the link is up.
     void formerEnd(double now);
-    /// Appends what routers may hold: IS_IN and IS_EX, a group possibly more than once.
-    void heldRecordsAdd(RecordList& records) const;
+    /// How far heldRecordsAdd() has come. A fresh one stands at the beginning.
+    struct HeldPlace {
+        std::size_t buckets = 0;
+        std::size_t at = 0;
+    };
+    /// Appends what routers may hold by about `most` groups from `place` on: IS_IN and IS_EX, a
+    /// group possibly more than once. Returns whether there may be more. Between two calls, groups
+    /// may come and go.
+    bool heldRecordsAdd(RecordList& records, HeldPlace& place, std::size_t most) const;
     /// Whether that has changed since the last call.
     bool takeHeldChange() { return std::exchange(heldChanged_, false); }
 
@@ -157,6 +164,7 @@ class HostEngine {
     void doApplyWishes(double now);
     void doReckonFormer(double now);
     void doCancel();
+    void heldRecordAdd(RecordList& records, HostGroup const& group) const;
     void doDrop(GroupQueue& queue);
     void doRelease(GroupEntry& entry);
     unsigned robustness() const;

@@ -47,6 +47,13 @@ class HostEngineFixture : public testing::Test, public HostEngine::Output {
     void exclude(Lox::IpAddr group, Sources const& sources = {}) {
         engine->groupIs(group, FilterMode::exclude, sources);
     }
+    /// What routers may hold, told in slices.
+    RecordList held(
+        std::size_t slice = 1, std::function<void()> const& between = [] {}) const {
+        RecordList records;
+        for (HostEngine::HeldPlace place; engine->heldRecordsAdd(records, place, slice);) between();
+        return records;
+    }
     void excludeMany(char const* first, unsigned count) {
         for (Lox::IpAddr group : range(first, count)) exclude(group);
     }

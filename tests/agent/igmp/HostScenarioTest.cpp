@@ -227,20 +227,17 @@ class HostScenarioTest : public HostEngineFixture, public testing::WithParamInte
 
     /// Another engine, told what this one holds.
     void doRestart() {
-        RecordList held;
-        engine->heldRecordsAdd(held);
+        RecordList const former = held();
         engine.emplace(*this, std::mt19937(7));
         settingsApply();
-        engine->formerAdd(held);
+        engine->formerAdd(former);
     }
 
     std::map<std::string, double> facts() const {
-        RecordList held;
-        engine->heldRecordsAdd(held);
         std::map<std::string, double> all{
             {"version", engine->version()},          {"warnings", double(warnings.size())},
             {"idle", engine->nextExpiry() == never}, {"left", engine->hasLeft()},
-            {"former", engine->hasFormer()},         {"held", double(held.size())},
+            {"former", engine->hasFormer()},         {"held", double(held().size())},
         };
 #define AGENT_FACT(name) all[#name] = counters().name;
         AGENT_HOST_COUNTERS(AGENT_FACT)
