@@ -102,7 +102,7 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     void doMarkChanged(Lox::IpAddr group) { changedGroups_.findOrInsert(group); }
     Location location() const { return locate_(name_, vrf_); }
     void doApplySettings(double now);
-    void doApplyKernel(KernelInterface const& kernel, double now);
+    void doGiveSettings(Location const& here, double now);
     void doApplyAbsence(Location const& here, double now);
     bool endsFormer() const { return engine_.hasFormer() && host() && socket_; }
     void doEndFormer(double now);

@@ -321,7 +321,7 @@ unsigned HostEngine::robustness() const {
 }
 
 double HostEngine::reportIntervalSeconds() const {
-    double configured = settings_.unsolicitedReportIntervalSeconds;
+    double configured = settings_.unsolicitedReportInterval;
     if (configured > 0) return configured;
     return version_ == 3 ? 1 : 10;
 }

@@ -48,9 +48,10 @@ class HostEngine {
   public:
     struct Settings {
         unsigned version = 3; ///< the highest to speak, 1 to 3
-        /// Bound of the random delay before a change is told again. 0 or less: the default of the
-        /// version in use, 1 s in version 3 (RFC 9776, 8.11) and 10 s before (RFC 2236, 8.10).
-        double unsolicitedReportIntervalSeconds = 0;
+        /// Bound of the random delay before a change is told again, in seconds. 0 or less: the
+        /// default of the version in use, 1 s in version 3 (RFC 9776, 8.11) and 10 s before (RFC
+        /// 2236, 8.10).
+        double unsolicitedReportInterval = 0;
         Lox::IpAddr address; ///< source of our packets; zero while the interface has none
         std::vector<Lox::IpAddr> localAddresses; ///< of the interface, others than `address` too
         unsigned prefixLength = 0; ///< of the address; 0: every querier counts as on the subnet
@@ -163,8 +164,8 @@ class HostEngine {
     void doAnnounceAll(double now);
     void doApplyWishes(double now);
     void doReckonFormer(double now);
-    void doCancel();
     void heldRecordAdd(RecordList& records, HostGroup const& group) const;
+    void doCancel();
     void doDrop(GroupQueue& queue);
     void doRelease(GroupEntry& entry);
     unsigned robustness() const;

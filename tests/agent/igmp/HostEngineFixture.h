@@ -24,7 +24,7 @@ class HostEngineFixture : public testing::Test, public HostEngine::Output {
   protected:
     HostEngineFixture() {
         settings.address = ip("10.0.0.2");
-        settings.unsolicitedReportIntervalSeconds = 1;
+        settings.unsolicitedReportInterval = 1;
         settings.packetsPer100ms = 1'000'000;
         settingsApply();
         engine->linkUp(now);

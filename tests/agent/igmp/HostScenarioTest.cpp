@@ -214,7 +214,7 @@ class HostScenarioTest : public HostEngineFixture, public testing::WithParamInte
         double const number = std::stod(value);
         std::map<std::string, std::function<void()>> const names{
             {"version", [&] { settings.version = unsigned(number); }},
-            {"interval", [&] { settings.unsolicitedReportIntervalSeconds = number; }},
+            {"interval", [&] { settings.unsolicitedReportInterval = number; }},
             {"prefix", [&] { settings.prefixLength = unsigned(number); }},
             {"mtu", [&] { settings.mtu = unsigned(number); }},
             {"robustness", [&] { settings.robustness = unsigned(number); }},
