@@ -239,7 +239,7 @@ class HostScenarioTest : public HostEngineFixture, public testing::WithParamInte
             {"idle", engine->nextExpiry() == never}, {"left", engine->hasLeft()},
             {"former", engine->hasFormer()},         {"held", double(held().size())},
         };
-#define AGENT_FACT(name) all[#name] = counters().name;
+#define AGENT_FACT(type, name, Name) all[#name] = counters().name;
         AGENT_HOST_COUNTERS(AGENT_FACT)
 #undef AGENT_FACT
 #define AGENT_FACT(name) all[#name] = dropped(DropReason::name);
