@@ -60,9 +60,7 @@ void logDiagnostics(std::vector<Diagnostic> const& diagnostics) {
 Daemon::Daemon(Options options, Configuration configuration)
     : options_(std::move(options)),
       writer_(state_),
-      keeper_(loop_, options_.stateFile, [this](StateText& text, std::string& after) {
-          return hosts_->heldAdd(text, after);
-      }) {
+      keeper_(loop_, options_.stateFile, [this] { return hosts_->heldWalk(); }) {
     doFollowSignals();
     sourceIntfSm_.make(state_.sourceIntfSm, this);
     root_ = state_.makeRoot();

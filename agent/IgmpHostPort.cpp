@@ -61,7 +61,7 @@ IgmpHostPort::IgmpHostPort(EventLoop& loop, std::string name, std::string vrf, L
 
 IgmpHostPort::~IgmpHostPort() {
     nexDoZombieReactors(true);
-    if (socket_) loop_.descriptorDel(socket_->fd());
+    doCloseSocket();
 }
 
 bool IgmpHostPort::fits(std::string const& vrf) const {
@@ -178,20 +178,26 @@ void IgmpHostPort::doApplySettings(double now) {
     forgotten_ = !kernel && !here.configuration && here.settled;
     if (!up) return;
     if (!host()) return doApplyAbsence(here, now);
-    settings_.version = unsigned(host()->igmpVersion());
-    settings_.unsolicitedReportIntervalSeconds = host()->unsolicitedReportInterval();
-    settings_.address = host()->ipAddr();
+    doGiveSettings(here, now);
+    if (!socket_) doOpen(here, now);
+}
+
+/// All that the engine is to know: what the entity has of the configuration, what the engine alone
+/// needs of it, and what the kernel says. Without an entity, its part stays as it was.
+void IgmpHostPort::doGiveSettings(Location const& here, double now) {
+    KernelInterface const& kernel = *here.device.kernel;
+    settings_.address = kernel.primaryAddress();
+    if (host()) {
+        settings_.version = unsigned(host()->igmpVersion());
+        settings_.unsolicitedReportInterval = host()->unsolicitedReportInterval();
+        settings_.address = host()->ipAddr();
+    }
     if (InterfaceConfiguration const* const wanted = here.configuration) {
         settings_.robustness = wanted->robustness;
         settings_.requireRouterAlert = wanted->requireRouterAlert;
         settings_.ssmOnly = wanted->ssmOnly;
         settings_.packetsPer100ms = wanted->packetsPer100ms;
     }
-    doApplyKernel(*kernel, now);
-    if (!socket_) doOpen(here, now);
-}
-
-void IgmpHostPort::doApplyKernel(KernelInterface const& kernel, double now) {
     settings_.prefixLength = prefixLengthOf(kernel, settings_.address);
     settings_.mtu = kernel.mtu;
     settings_.localAddresses.clear();
@@ -205,8 +211,7 @@ void IgmpHostPort::doApplyKernel(KernelInterface const& kernel, double now) {
 void IgmpHostPort::doApplyAbsence(Location const& here, double now) {
     if (socket_ || here.configuration || !here.settled || !hasAddress(here)) return;
     if (!engine_.hasFormer()) return;
-    settings_.address = here.device.kernel->primaryAddress();
-    doApplyKernel(*here.device.kernel, now);
+    doGiveSettings(here, now);
     doOpen(here, now);
     if (socket_) doLeave(now);
 }
@@ -245,7 +250,7 @@ void IgmpHostPort::doClose(double now) {
 }
 
 void IgmpHostPort::doCloseSocket() {
-    if (socket_) loop_.descriptorDel(socket_->fd());
+    if (socket_) loop_.descriptorClose(socket_->descriptorTake());
     socket_ = nullptr;
     openIfindex_ = 0;
 }

@@ -65,7 +65,9 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     /// What routers may hold from an earlier run that ended without leaving, when version `version`
     /// was spoken.
     void formerAdd(RecordList const& groups, unsigned version);
-    void heldRecordsAdd(RecordList& groups) const { engine_.heldRecordsAdd(groups); }
+    bool heldRecordsAdd(RecordList& groups, HostEngine::HeldPlace& place, std::size_t most) const {
+        return engine_.heldRecordsAdd(groups, place, most);
+    }
     bool takeHeldChange() { return engine_.takeHeldChange(); }
     unsigned version() const { return engine_.version(); }
 
@@ -100,7 +102,7 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     void doMarkChanged(Lox::IpAddr group) { changedGroups_.findOrInsert(group); }
     Location location() const { return locate_(name_, vrf_); }
     void doApplySettings(double now);
-    void doApplyKernel(KernelInterface const& kernel, double now);
+    void doGiveSettings(Location const& here, double now);
     void doApplyAbsence(Location const& here, double now);
     bool endsFormer() const { return engine_.hasFormer() && host() && socket_; }
     void doEndFormer(double now);

@@ -7,6 +7,9 @@ namespace Agent {
 
 namespace {
 
+/// For the state file: well below a millisecond.
+constexpr std::size_t mostGroupsAtOnce = 1000;
+
 std::string vrfOf(IgmpHostProxy::PlatformState const& state, Lox::IntfId const& intfId) {
     Nex::Ptr const status = state.ipStatus->ipIntfStatus(intfId);
     return status && status->ipIntfConfig() ? status->ipIntfConfig()->vrf().stringValue() : "";
@@ -79,24 +82,56 @@ void PortRegistry::formerAdd(std::vector<InterfaceState> const& former) {
     }
 }
 
-bool PortRegistry::heldAdd(StateText& text, std::string& after) const {
+std::optional<std::string> PortRegistry::nameAfter(std::string const& after) const {
     auto const port = ports_.upper_bound(after);
     auto const absent = absent_.upper_bound(after);
-    if (port == ports_.end() && absent == absent_.end()) return false;
-    bool const portFirst =
-        port != ports_.end() && (absent == absent_.end() || port->first <= absent->first);
-    after = portFirst ? port->first : absent->first;
-    auto const add = [&](IgmpHostPort const& each) {
+    if (absent == absent_.end())
+        return port == ports_.end() ? std::nullopt : std::optional(port->first);
+    return port == ports_.end() ? absent->first : std::min(port->first, absent->first);
+}
+
+std::vector<IgmpHostPort const*> PortRegistry::portsOf(std::string const& name) const {
+    std::vector<IgmpHostPort const*> ports;
+    if (auto const port = ports_.find(name); port != ports_.end())
+        ports.push_back(port->second.get());
+    auto const [first, last] = absent_.equal_range(name);
+    std::for_each(first, last, [&](auto const& item) { ports.push_back(item.second.get()); });
+    return ports;
+}
+
+class PortRegistry::HeldWalk {
+  public:
+    explicit HeldWalk(Nex::Ptr<PortRegistry const> registry) : registry_(std::move(registry)) {}
+    bool operator()(StateText& text) {
+        auto ports = registry_->portsOf(name_);
+        if (port_ >= ports.size()) {
+            auto const name = registry_->nameAfter(name_);
+            if (!name) return false;
+            name_ = *name;
+            port_ = 0;
+            ports = registry_->portsOf(name_);
+        }
+        IgmpHostPort const& port = *ports[port_];
         InterfaceState interface {
-            after, each.vrf(), each.version(), {}
+            name_, port.vrf(), port.version(), {}
         };
-        each.heldRecordsAdd(interface.groups);
+        if (!port.heldRecordsAdd(interface.groups, place_, mostGroupsAtOnce)) {
+            ++port_;
+            place_ = {};
+        }
         if (interface.groups.size() > 0) text.interfaceAdd(interface);
-    };
-    if (portFirst) add(*port->second);
-    auto const [first, last] = absent_.equal_range(after);
-    std::for_each(first, last, [&](auto const& item) { add(*item.second); });
-    return true;
+        return true;
+    }
+
+  private:
+    Nex::Ptr<PortRegistry const> registry_;
+    std::string name_; ///< of the interface at hand, and which of its ports
+    std::size_t port_ = 0;
+    HostEngine::HeldPlace place_;
+};
+
+StateKeeper::Next PortRegistry::heldWalk() const {
+    return HeldWalk(Nex::Ptr<PortRegistry const>(this));
 }
 
 void PortRegistry::handleDevice(std::string const& name) {

@@ -8,12 +8,13 @@
 #pragma once
 
 #include "agent/IgmpHostPort.h"
-#include "agent/files/StateFile.h"
+#include "agent/files/StateKeeper.h"
 #include "agent/records/JsonStream.h"
 
 #include "Nex/Error.h"
 
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -33,9 +34,9 @@ class PortRegistry : public Nex::PtrInterface {
     /// What routers may hold from an earlier run, to be left unless it is wanted again. To be told
     /// before any entity is there.
     void formerAdd(std::vector<InterfaceState> const& former);
-    /// Adds what routers may hold by the first interface behind `after`, in the order of names, and
-    /// sets `after` to its name. Returns whether there was one.
-    bool heldAdd(StateText& text, std::string& after) const;
+    /// Tells what routers may hold, interfaces in the order of their names and some groups at each
+    /// call. Ports and groups may come and go meanwhile.
+    StateKeeper::Next heldWalk() const;
     /// Whether that has changed since the last call.
     bool takeHeldChange() { return std::exchange(heldChanged_, false); }
 
@@ -59,7 +60,7 @@ class PortRegistry : public Nex::PtrInterface {
     void doEnd(double now);
     /// Whether that is over, a second later at most.
     bool ended() const { return ending_ && absent_.empty(); }
-    /// Whether routers may still hold something then that could not be left; heldAdd() tells it.
+    /// Whether routers may still hold something then that could not be left; heldWalk() tells it.
     bool takeOwing();
     /// What each port has counted, by the interface's name.
     std::unique_ptr<JsonPart> statusPart() const;
@@ -72,11 +73,15 @@ class PortRegistry : public Nex::PtrInterface {
     };
 
     class StatusPart;
+    class HeldWalk;
 
     void handleHost(Nex::Name const& name);
     void doWithdraw(Nex::Name const& name);
     Nex::Ptr<IgmpHostPort> portFor(std::string const& name, std::string const& vrf);
     void doForgetFinished(double now);
+    /// The first behind `after` in the order of names; nothing at the end.
+    std::optional<std::string> nameAfter(std::string const& after) const;
+    std::vector<IgmpHostPort const*> portsOf(std::string const& name) const;
     template <class Act>
     Nex::FirstError doForPorts(Act act);
     template <class Visit>

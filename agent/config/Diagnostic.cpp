@@ -43,24 +43,23 @@ std::string kindOf(Diagnostic const& found) {
     return kind;
 }
 
-/// Keeps the first ones of each kind; the one behind them tells how many more there are.
+/// Keeps the first ones of each kind; the last of them tells how many more there are.
 std::vector<Diagnostic> thinnedOut(std::vector<Diagnostic> found) {
     struct Kind {
         unsigned count = 0;
-        std::size_t more = 0; ///< where the first is that is not shown
+        std::size_t last = 0; ///< where the last is that is shown
     };
     std::unordered_map<std::string, Kind> kinds;
     std::vector<Diagnostic> shown;
     for (Diagnostic& each : found) {
         Kind& kind = kinds[kindOf(each)];
-        if (++kind.count == mostOfKind + 1) kind.more = shown.size();
-        if (kind.count <= mostOfKind + 1) shown.push_back(std::move(each));
+        if (++kind.count == mostOfKind) kind.last = shown.size();
+        if (kind.count <= mostOfKind) shown.push_back(std::move(each));
     }
     for (auto const& [name, kind] : kinds)
-        if (kind.count > mostOfKind) {
-            std::string& text = shown[kind.more].text;
-            text = fmt::format("and {} more like this: {}", kind.count - mostOfKind, text);
-        }
+        if (kind.count > mostOfKind)
+            shown[kind.last].text +=
+                fmt::format(" (and {} more like this)", kind.count - mostOfKind);
     return shown;
 }
 

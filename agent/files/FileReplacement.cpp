@@ -10,10 +10,12 @@
 namespace Agent {
 
 FileReplacement::FileReplacement(std::string path)
-    : path_(std::move(path)),
-      freshPath_(path_ + ".new"),
-      fresh_(
-          open(freshPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644)) {
+    : path_(std::move(path)), freshPath_(path_ + ".new") {
+    // What is there may be of an earlier run that was cut off, or a pipe, which would be waited
+    // for.
+    unlink(freshPath_.c_str());
+    fresh_ =
+        FileDescriptor(open(freshPath_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
     if (fresh_.get() < 0) errnoThrow(freshPath_.c_str());
 }
 

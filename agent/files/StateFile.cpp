@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <utility>
 
 namespace Agent {
 
@@ -15,8 +16,9 @@ constexpr std::uint32_t formatVersion = 1;
 constexpr std::uint32_t excludeBit = 0x80000000;
 constexpr std::size_t checksumOctets = 8;
 
-std::uint64_t checksumOf(std::string_view text) {
-    std::uint64_t hash = 0xCBF29CE484222325;
+constexpr std::uint64_t emptyChecksum = 0xCBF29CE484222325;
+
+std::uint64_t checksumOf(std::string_view text, std::uint64_t hash = emptyChecksum) {
     for (char const c : text) hash = (hash ^ std::uint8_t(c)) * 0x100000001B3;
     return hash;
 }
@@ -55,7 +57,7 @@ void readGroup(StateReader& reader, RecordList& groups) {
 
 } // namespace
 
-StateText::StateText() {
+StateText::StateText() : checksum_(emptyChecksum) {
     text_ = magic;
     numberAdd(formatVersion, 4);
 }
@@ -70,7 +72,7 @@ void StateText::interfaceAdd(InterfaceState const& interface) {
     for (std::size_t i = 0; i < interface.groups.size(); ++i) {
         GroupRecord const record = interface.groups.record(i);
         // An octet more than a record takes on the wire, for the end.
-        if (text_.size() + record.octets() + checksumOctets >= mostOctets) {
+        if (takenOctets_ + text_.size() + record.octets() + checksumOctets >= mostOctets) {
             truncated_ = true;
             break;
         }
@@ -82,10 +84,15 @@ void StateText::interfaceAdd(InterfaceState const& interface) {
     for (unsigned i = 0; i < 4; ++i) text_[countAt + i] = char(count >> (24 - 8 * i));
 }
 
-std::string StateText::take() {
+void StateText::endAdd() {
     numberAdd(0, 1);
-    numberAdd(checksumOf(text_), checksumOctets);
-    return std::move(text_);
+    numberAdd(checksumOf(text_, checksum_), checksumOctets);
+}
+
+std::string StateText::take() {
+    checksum_ = checksumOf(text_, checksum_);
+    takenOctets_ += text_.size();
+    return std::exchange(text_, {});
 }
 
 void StateText::textAdd(std::string const& text) {

@@ -24,15 +24,18 @@ struct InterfaceState {
     RecordList groups; ///< IS_IN and IS_EX, a group possibly more than once
 };
 
-/// Builds the text of a file.
+/// Builds the text of a file, piece by piece.
 class StateText {
   public:
     StateText();
-    /// Leaves out groups that would make the file longer than mostOctets.
+    /// Leaves out groups that would make the file longer than mostOctets. An interface may be added
+    /// several times, with some of its groups each.
     void interfaceAdd(InterfaceState const& interface);
     /// Whether any was left out.
     bool truncated() const { return truncated_; }
-    /// The whole file. Nothing is added afterwards.
+    /// Nothing is added afterwards.
+    void endAdd();
+    /// What has been added since the last call.
     std::string take();
 
     /// Several times what 65,536 groups take.
@@ -43,6 +46,8 @@ class StateText {
     void numberAdd(std::uint64_t number, unsigned octets);
 
     std::string text_;
+    std::size_t takenOctets_ = 0;
+    std::uint64_t checksum_; ///< of these
     bool truncated_ = false;
 };
 

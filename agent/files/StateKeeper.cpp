@@ -1,6 +1,5 @@
 #include "agent/files/StateKeeper.h"
 
-#include "agent/files/FileReplacement.h"
 #include "agent/loop/Log.h"
 
 #include <algorithm>
@@ -21,17 +20,17 @@ constexpr double rewriteSeconds = 1;
 
 } // namespace
 
-StateKeeper::StateKeeper(EventLoop& loop, std::string file, Next next)
-    : file_(std::move(file)), next_(std::move(next)), alarm_(loop, [this] { handleAlarm(); }) {}
+StateKeeper::StateKeeper(EventLoop& loop, std::string file, std::function<Next()> begin)
+    : file_(std::move(file)), begin_(std::move(begin)), alarm_(loop, [this] { handleAlarm(); }) {}
 
 void StateKeeper::handleChange() {
-    if (std::exchange(changed_, true) || text_ || file_.empty()) return;
+    if (std::exchange(changed_, true) || writing_ || file_.empty()) return;
     alarm_.delayIs(std::max(gatherSeconds, restUntil_ - EventLoop::now()));
 }
 
 void StateKeeper::handleAlarm() {
     double const start = EventLoop::now();
-    if (!text_) workSeconds_ = 0;
+    if (!writing_) workSeconds_ = 0;
     try {
         if (!doSlice(start + sliceSeconds)) {
             workSeconds_ += EventLoop::now() - start;
@@ -48,7 +47,7 @@ void StateKeeper::handleAlarm() {
 
 void StateKeeper::doWriteAtOnce() {
     if (file_.empty()) return;
-    text_.reset();
+    writing_.reset();
     try {
         doSlice(std::numeric_limits<double>::infinity());
     } catch (std::exception const& error) {
@@ -64,24 +63,24 @@ void StateKeeper::doFail(std::exception const& error) {
 
 /// Whether the file is written.
 bool StateKeeper::doSlice(double end) {
-    if (!text_) {
-        text_.emplace();
-        after_.clear();
+    if (!writing_) {
+        writing_.emplace(file_, begin_());
         changed_ = false;
     }
+    auto& [file, next, text] = *writing_;
     bool more = true;
-    while (more && EventLoop::now() < end) more = next_(*text_, after_);
+    while (more && EventLoop::now() < end) more = next(text);
+    if (!more) text.endAdd();
+    file.add(text.take());
     if (more) return false;
-    if (text_->truncated() && truncationLimit_.admitted(EventLoop::now()))
+    if (text.truncated() && truncationLimit_.admitted(EventLoop::now()))
         log(LogLevel::warning, "{} has no room for all groups; some would not be left", file_);
-    FileReplacement file(file_);
-    file.add(text_->take());
     file.finish();
     return true;
 }
 
 void StateKeeper::doEnd(double restSeconds) {
-    text_.reset();
+    writing_.reset();
     restUntil_ = EventLoop::now() + restSeconds;
     if (std::exchange(changed_, false)) handleChange();
 }

@@ -5,6 +5,7 @@
 // One alarm: it begins a write, and goes on with one in the next turn.
 #pragma once
 
+#include "agent/files/FileReplacement.h"
 #include "agent/files/StateFile.h"
 #include "agent/loop/Alarm.h"
 
@@ -17,12 +18,11 @@ namespace Agent {
 
 class StateKeeper {
   public:
-    /// Adds the first interface behind the one named, in the order of names, all of an empty name;
-    /// `after` becomes its name. Returns whether there was one.
-    using Next = std::function<bool(StateText& text, std::string& after)>;
+    /// Adds a few groups; false, with nothing added, at the end.
+    using Next = std::function<bool(StateText& text)>;
 
-    /// An empty `file` keeps nothing. `loop` outlives this.
-    StateKeeper(EventLoop& loop, std::string file, Next next);
+    /// `begin` begins with the state anew. An empty `file` keeps nothing. `loop` outlives this.
+    StateKeeper(EventLoop& loop, std::string file, std::function<Next()> begin);
 
     /// Something announced has changed.
     void handleChange();
@@ -37,11 +37,18 @@ class StateKeeper {
     void doFail(std::exception const& error);
     void doEnd(double restSeconds);
 
+    /// Of the file that is being written.
+    struct Writing {
+        Writing(std::string const& path, Next begun) : file(path), next(std::move(begun)) {}
+        FileReplacement file;
+        Next next;
+        StateText text;
+    };
+
     std::string file_;
-    Next next_;
+    std::function<Next()> begin_;
     Alarm alarm_;
-    std::optional<StateText> text_; ///< being built
-    std::string after_;
+    std::optional<Writing> writing_;
     bool changed_ = false;
     double workSeconds_ = 0;
     double restUntil_ = 0;

@@ -212,7 +212,7 @@ void HostEngine::timeIs(double now) {
 void HostEngine::linkDown(double now) {
     if (linkUp_) {
         doReckonFormer(now); // so that no group stands in it twice, however often the link goes
-        heldRecordsAdd(former_);
+        for (auto const& [address, entry] : groups_) heldRecordAdd(former_, entry.group);
         heldChanged_ = true;
     }
     linkUp_ = false;
@@ -243,16 +243,27 @@ void HostEngine::formerAdd(RecordList const& records) {
     for (std::size_t i = 0; i < records.size(); ++i) former_.recordAdd(records.record(i));
 }
 
-void HostEngine::heldRecordsAdd(RecordList& records) const {
-    if (linkUp_)
-        for (auto const& [address, entry] : groups_) {
-            if (version_ == 3)
-                entry.group.heldRecordAdd(records);
-            else if (entry.group.hasState() || entry.group.hasChange())
-                records.recordAdd(RecordType::isEx, address); // all that those versions can say
+bool HostEngine::heldRecordsAdd(RecordList& records, HeldPlace& place, std::size_t most) const {
+    // Where the groups have found another order, they are told once more.
+    if (place.buckets != groups_.bucket_count()) place = {groups_.bucket_count(), 0};
+    for (; most > 0; --most, ++place.at) {
+        if (place.at < place.buckets) {
+            for (auto at = groups_.begin(place.at); linkUp_ && at != groups_.end(place.at); ++at)
+                heldRecordAdd(records, at->second.group);
+        } else {
+            std::size_t const former = place.at - place.buckets;
+            if (former >= former_.size()) return false;
+            records.recordAdd(former_.record(former));
         }
-    if (&records == &former_) return;
-    for (std::size_t i = 0; i < former_.size(); ++i) records.recordAdd(former_.record(i));
+    }
+    return true;
+}
+
+void HostEngine::heldRecordAdd(RecordList& records, HostGroup const& group) const {
+    if (version_ == 3)
+        group.heldRecordAdd(records);
+    else if (group.hasState() || group.hasChange())
+        records.recordAdd(RecordType::isEx, group.group()); // all that those versions can say
 }
 
 void HostEngine::formerEnd(double now) {
@@ -307,7 +318,7 @@ unsigned HostEngine::robustness() const {
 }
 
 double HostEngine::reportIntervalSeconds() const {
-    double configured = settings_.unsolicitedReportIntervalSeconds;
+    double configured = settings_.unsolicitedReportInterval;
     if (configured > 0) return configured;
     return version_ == 3 ? 1 : 10;
 }

@@ -48,9 +48,10 @@ class HostEngine {
   public:
     struct Settings {
         unsigned version = 3; ///< the highest to speak, 1 to 3
-        /// Bound of the random delay before a change is told again. 0 or less: the default of the
-        /// version in use, 1 s in version 3 (RFC 9776, 8.11) and 10 s before (RFC 2236, 8.10).
-        double unsolicitedReportIntervalSeconds = 0;
+        /// Bound of the random delay before a change is told again, in seconds. 0 or less: the
+        /// default of the version in use, 1 s in version 3 (RFC 9776, 8.11) and 10 s before (RFC
+        /// 2236, 8.10).
+        double unsolicitedReportInterval = 0;
         Lox::IpAddr address; ///< source of our packets; zero while the interface has none
         std::vector<Lox::IpAddr> localAddresses; ///< of the interface, others than `address` too
         unsigned prefixLength = 0; ///< of the address; 0: every querier counts as on the subnet
@@ -110,8 +111,15 @@ class HostEngine {
     bool hasFormer() const { return former_.size() > 0; }
     /// What is wanted is known: former state beyond it is taken back, once the link is up.
     void formerEnd(double now);
-    /// Appends what routers may hold: IS_IN and IS_EX, a group possibly more than once.
-    void heldRecordsAdd(RecordList& records) const;
+    /// How far heldRecordsAdd() has come. A fresh one stands at the beginning.
+    struct HeldPlace {
+        std::size_t buckets = 0;
+        std::size_t at = 0;
+    };
+    /// Appends what routers may hold by about `most` groups from `place` on: IS_IN and IS_EX, a
+    /// group possibly more than once. Returns whether there may be more. Between two calls, groups
+    /// may come and go.
+    bool heldRecordsAdd(RecordList& records, HeldPlace& place, std::size_t most) const;
     /// Whether that has changed since the last call.
     bool takeHeldChange() { return std::exchange(heldChanged_, false); }
 
@@ -156,6 +164,7 @@ class HostEngine {
     void doAnnounceAll(double now);
     void doApplyWishes(double now);
     void doReckonFormer(double now);
+    void heldRecordAdd(RecordList& records, HostGroup const& group) const;
     void doCancel();
     void doDrop(GroupQueue& queue);
     void doRelease(GroupEntry& entry);

@@ -2,6 +2,7 @@
 
 #include "agent/loop/Log.h"
 
+#include <cstring>
 #include <linux/netconf.h>
 #include <linux/rtnetlink.h>
 #include <new>
@@ -39,29 +40,21 @@ RouteTable::Observer guarded(EventLoop& loop, RouteTable::Observer onRoute) {
 
 KernelRoutes::KernelRoutes(EventLoop& loop, RouteTable::Observer onRoute, int namespaceFd)
     : loop_(loop),
+      namespaceFd_(namespaceFd),
       table_(guarded(loop, std::move(onRoute))),
       review_(loop, [this] { doReview(); }),
       pause_(loop, [this] { doAdvance(); }),
-      notifications_(NETLINK_ROUTE, *this, namespaceFd),
-      dumps_(NETLINK_ROUTE, *this, namespaceFd) {
+      notifications_(NETLINK_ROUTE, *this, namespaceFd) {
     notifications_.receiveBufferIs(notificationBufferBytes);
     // Subscribed first, so that no change falls between the dump and the notifications.
     notifications_.groupIs(RTNLGRP_IPV4_MROUTE);
     notifications_.groupIs(RTNLGRP_IPV4_NETCONF);
     loop_.descriptorIs(notifications_.fd(), EPOLLIN,
                        [this](std::uint32_t) { handleNotifications(); });
-    doFollowDumps();
     doRead();
 }
 
-KernelRoutes::~KernelRoutes() {
-    loop_.descriptorDel(notifications_.fd());
-    loop_.descriptorDel(dumps_.fd());
-}
-
-void KernelRoutes::doFollowDumps() {
-    loop_.descriptorIs(dumps_.fd(), EPOLLIN, [this](std::uint32_t) { handleDumpPiece(); });
-}
+KernelRoutes::~KernelRoutes() { loop_.descriptorDel(notifications_.fd()); }
 
 void KernelRoutes::filterIs(RouteFilter filter) {
     table_.filterIs(std::move(filter));
@@ -76,13 +69,6 @@ void KernelRoutes::doRenew() {
 
 void KernelRoutes::handleNotifications() {
     drained_ = notifications_.receive();
-    doAdvance();
-}
-
-void KernelRoutes::handleDumpPiece() {
-    // The kernel may spend longer on a piece than notifications can wait.
-    drained_ = notifications_.receive();
-    if (drained_) dumps_.receive(1);
     doAdvance();
 }
 
@@ -122,14 +108,14 @@ void KernelRoutes::handleInterfaceDel(nlmsghdr const& message) {
     if (table_.reading() || table_.uses(ifindex)) readAgain_ = true;
 }
 
-void KernelRoutes::onDumpsDone() { dumped_ = true; }
-
 void KernelRoutes::onReadAgain() { readAgain_ = damaged_ = true; }
 
 void KernelRoutes::doAdvance() {
-    if (table_.reading() && (!dumps_.dumping() || dumps_.stalled())) handleDumpEnd();
-    // While notifications wait, the kernel may drop further ones without a word.
-    if (!readAgain_ || table_.reading() || !drained_) return;
+    // While notifications wait, the kernel may drop further ones without a word, and nobody knows
+    // what a dump has skipped.
+    if (!drained_) return;
+    if (std::exchange(answered_, false)) damaged_ ? doEndReading() : doAsk();
+    if (!readAgain_ || table_.reading()) return;
     double const pause = pauseUntil_ - EventLoop::now();
     if (pause > 0)
         pause_.delayIs(pause);
@@ -140,26 +126,57 @@ void KernelRoutes::doAdvance() {
 void KernelRoutes::doRead() {
     readAgain_ = damaged_ = false;
     table_.readingIs();
-    doDump();
+    doAsk();
 }
 
-void KernelRoutes::doDump() {
-    dumped_ = false;
-    if (dumps_.dumping()) {
-        loop_.descriptorDel(dumps_.fd());
-        dumps_.doReopen();
-        doFollowDumps();
+void KernelRoutes::doAsk() {
+    try {
+        if (!query_) query_ = std::make_shared<RouteQuery>(namespaceFd_);
+        auto const question = table_.questionTake(RouteQuery::mostNames);
+        if (question.all)
+            query_->allIs();
+        else if (question.names.empty())
+            return doEndReading();
+        else
+            query_->namesIs(question.names);
+        doExchange();
+    } catch (std::exception const& error) {
+        handleFailure(error.what());
     }
-    rtmsg header{};
-    header.rtm_family = RTNL_FAMILY_IPMR;
-    if (!dumps_.dumping()) dumps_.dumpIs(RTM_GETROUTE, header);
-    // One that has come to nothing at once is taken up as ended.
-    if (dumps_.stalled()) pause_.delayIs(pauseSeconds);
 }
 
-void KernelRoutes::handleDumpEnd() {
-    if (!dumped_) readAgain_ = damaged_ = true;
-    if (!damaged_ && table_.dumpDel()) return doDump();
+void KernelRoutes::doExchange() {
+    try {
+        loop_.workIs([query = query_] { query->doExchange(); }, handleAnswers_);
+    } catch (std::bad_alloc const& error) {
+        handleFailure(error.what());
+    }
+}
+
+void KernelRoutes::handleAnswers() {
+    drained_ = notifications_.receive();
+    switch (query_->doRead([this](nlmsghdr const& message) { onMessage(message, true); })) {
+    case RouteQuery::Outcome::more:
+        return doExchange();
+    case RouteQuery::Outcome::failed:
+        return handleFailure(std::strerror(query_->error()));
+    case RouteQuery::Outcome::ended:
+        answered_ = true;
+        doAdvance();
+    }
+}
+
+void KernelRoutes::handleFailure(char const* why) {
+    query_ = nullptr;
+    readAgain_ = damaged_ = true;
+    doEndReading();
+    doAdvance();
+    if (auto const heldBack = failureLimit_.admitted(EventLoop::now()))
+        log(LogLevel::error, "the kernel's multicast routes are read again: {} ({} more not shown)",
+            why, *heldBack);
+}
+
+void KernelRoutes::doEndReading() {
     table_.readingDel(!damaged_);
     synchronized_ |= !damaged_;
     pauseUntil_ = EventLoop::now() + pauseSeconds;

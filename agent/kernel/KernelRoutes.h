@@ -4,18 +4,22 @@
 // The kernel's dump of a long table takes minutes of work that grows with the square of its length,
 // and its notifications hardly any. So the table is read once and its changes are followed; it is
 // read again only where notifications were lost, or where a multicast interface came or went, which
-// changes routes without a word. Readings take one piece in each turn of the loop, and pause
-// between each other for as long as the last one took.
+// changes routes without a word. The kernel is asked beside the loop; what it answers is taken up
+// a buffer in each turn. Between two readings is a pause.
 //
-// A dump that the kernel refuses or gives up counts as a reading in which something was lost.
+// A question that the kernel refuses, gives up or cannot be asked ends a reading in which something
+// was lost.
 //
 // Two alarms: one goes on with routes that wait for their review, in the next turn; one ends the
 // pause between readings.
 #pragma once
 
 #include "agent/kernel/Netlink.h"
+#include "agent/kernel/RouteQuery.h"
 #include "agent/kernel/RouteTable.h"
 #include "agent/loop/Alarm.h"
+
+#include <memory>
 
 namespace Agent {
 
@@ -45,36 +49,43 @@ class KernelRoutes final : private Netlink::Observer {
     void receiveBufferIs(int octets) { notifications_.receiveBufferIs(octets); }
 
   private:
+    // Netlink::Observer
     void onMessage(nlmsghdr const& message, bool ofDump) override;
-    void onDumpsDone() override;
+    void onDumpsDone() override {}
     void onReadAgain() override;
 
-    void doFollowDumps();
     void handleNotifications();
-    void handleDumpPiece();
-    void handleDumpEnd();
     void handleInterface(nlmsghdr const& message);
     void handleInterfaceDel(nlmsghdr const& message);
-    /// Ends a reading that has come to its end, begins one that is needed and may begin.
+    /// Begins a reading that is needed and may begin.
     void doAdvance();
     void doRead();
-    void doDump();
+    /// Asks the kernel for what the reading needs next, or ends it.
+    void doAsk();
+    void doExchange();
+    void handleAnswers();
+    void doEndReading();
+    void handleFailure(char const* why);
     void doReview();
 
     EventLoop& loop_;
+    int namespaceFd_;
     RouteTable table_;
     bool synchronized_ = false;
     bool readAgain_ = true;
-    bool drained_ = true;  ///< of notifications
-    bool dumped_ = false;  ///< in full, by the dump that has ended
-    bool damaged_ = false; ///< the reading that lasts
+    bool drained_ = true;   ///< of notifications
+    bool answered_ = false; ///< the question that was asked last
+    bool damaged_ = false;  ///< the reading that lasts
     double pauseUntil_ = 0;
     LogLimit malformedLimit_;
+    LogLimit failureLimit_;
     Alarm review_;
     Alarm pause_;
-    // A dump would fill the buffer of notifications, and they would fill its own.
     Netlink notifications_;
-    Netlink dumps_;
+    /// A thread's until it has the answers; null where it is of no more use.
+    std::shared_ptr<RouteQuery> query_;
+    std::shared_ptr<EventLoop::Handler const> handleAnswers_ =
+        std::make_shared<EventLoop::Handler const>([this] { handleAnswers(); });
 };
 
 } // namespace Agent

@@ -18,6 +18,7 @@ namespace {
 
 /// Room for the burst of notifications when thousands of links or routes change at once.
 constexpr int receiveBufferBytes = 8 << 20;
+constexpr int mostDatagramsInTurn = 256;
 
 void subscribe(mnl_socket* socket, int group) {
     if (mnl_socket_setsockopt(socket, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) < 0)
@@ -78,6 +79,32 @@ std::span<std::uint8_t const> NetlinkAttributes::octets(std::uint16_t type) cons
             mnl_attr_get_payload_len(attribute)};
 }
 
+NetlinkSocket netlinkOpen(int service, int namespaceFd, int receiveBufferOctets) {
+    NamespaceScope const scope(namespaceFd);
+    NetlinkSocket socket(mnl_socket_open2(service, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!socket) errnoThrow("opening a netlink socket");
+    if (mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0)
+        errnoThrow("binding a netlink socket");
+    setReceiveBuffer(socket.get(), receiveBufferOctets);
+    return socket;
+}
+
+ssize_t netlinkReceive(mnl_socket const& socket, std::span<std::uint8_t> buffer) {
+    sockaddr_nl sender{};
+    iovec part{buffer.data(), buffer.size()};
+    msghdr header{};
+    header.msg_name = &sender;
+    header.msg_namelen = sizeof sender;
+    header.msg_iov = &part;
+    header.msg_iovlen = 1;
+    ssize_t length = -1;
+    do length = recvmsg(mnl_socket_get_fd(&socket), &header, 0);
+    while (length < 0 && errno == EINTR);
+    if (length < 0) return -errno;
+    if (header.msg_flags & MSG_TRUNC) return -ENOBUFS;
+    return sender.nl_pid == 0 ? length : 0;
+}
+
 Netlink::Netlink(int service, Observer& observer, int namespaceFd)
     : service_(service),
       namespaceFd_(namespaceFd),
@@ -85,13 +112,8 @@ Netlink::Netlink(int service, Observer& observer, int namespaceFd)
       socket_(newSocket()),
       observer_(observer) {}
 
-Netlink::Socket Netlink::newSocket() const {
-    NamespaceScope const scope(namespaceFd_);
-    Socket socket(mnl_socket_open2(service_, SOCK_NONBLOCK | SOCK_CLOEXEC));
-    if (!socket) errnoThrow("opening a netlink socket");
-    if (mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0)
-        errnoThrow("binding a netlink socket");
-    setReceiveBuffer(socket.get(), receiveBufferOctets_);
+NetlinkSocket Netlink::newSocket() const {
+    NetlinkSocket socket = netlinkOpen(service_, namespaceFd_, receiveBufferOctets_);
     for (int const group : groups_) subscribe(socket.get(), group);
     return socket;
 }
@@ -155,30 +177,17 @@ void Netlink::doEndDump() {
         observer_.onDumpsDone();
 }
 
-bool Netlink::receive(int mostDatagrams) {
-    for (int i = 0; i < mostDatagrams; ++i)
+bool Netlink::receive() {
+    for (int i = 0; i < mostDatagramsInTurn; ++i)
         if (!doReceiveDatagram()) return true;
     return false;
 }
 
 bool Netlink::doReceiveDatagram() {
-    sockaddr_nl sender{};
-    iovec part{buffer_->data(), buffer_->size()};
-    msghdr header{};
-    header.msg_name = &sender;
-    header.msg_namelen = sizeof sender;
-    header.msg_iov = &part;
-    header.msg_iovlen = 1;
-    ssize_t const length = recvmsg(fd(), &header, 0);
-    if (length < 0 && errno == ENOBUFS)
-        handleLoss();
-    else if (length < 0)
-        return errno == EINTR;
-    else if (header.msg_flags & MSG_TRUNC)
-        handleLoss();
-    else if (sender.nl_pid == 0) // the kernel; other processes have nothing to tell us
-        handleDatagram(std::size_t(length));
-    return true;
+    ssize_t const length = netlinkReceive(*socket_, *buffer_);
+    if (length == -ENOBUFS) handleLoss();
+    if (length > 0) handleDatagram(std::size_t(length));
+    return length >= 0 || length == -ENOBUFS;
 }
 
 void Netlink::handleDatagram(std::size_t length) {

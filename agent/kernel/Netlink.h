@@ -15,6 +15,7 @@
 #include <optional>
 #include <span>
 #include <string_view>
+#include <sys/types.h>
 #include <vector>
 
 namespace Agent {
@@ -40,6 +41,20 @@ class NetlinkAttributes {
     // By type; those of higher types have no reader here.
     std::array<nlattr const*, 64> attributes_{};
 };
+
+struct NetlinkCloser {
+    void operator()(mnl_socket* socket) const { mnl_socket_close(socket); }
+};
+using NetlinkSocket = std::unique_ptr<mnl_socket, NetlinkCloser>;
+
+/// Opens a non-blocking socket to a kernel service such as NETLINK_ROUTE, in a namespace if
+/// `namespaceFd` is not negative. The kernel keeps messages that fill so many octets for it; far
+/// fewer of them in content, for it counts its own expense. Throws std::system_error.
+NetlinkSocket netlinkOpen(int service, int namespaceFd, int receiveBufferOctets);
+
+/// Takes a datagram of the kernel's: its octets; 0 for one of another process, which has nothing to
+/// tell us; or a negative error number, ENOBUFS where one was lost, EAGAIN where there is none.
+ssize_t netlinkReceive(mnl_socket const& socket, std::span<std::uint8_t> buffer);
 
 class Netlink {
   public:
@@ -96,7 +111,7 @@ class Netlink {
 
     /// Takes what has arrived, up to a limit that keeps a flood from starving others. Returns
     /// whether nothing is left.
-    bool receive(int mostDatagrams = 256);
+    bool receive();
 
   private:
     struct Dump {
@@ -104,12 +119,7 @@ class Netlink {
         std::vector<std::uint8_t> header;
     };
 
-    struct Closer {
-        void operator()(mnl_socket* socket) const { mnl_socket_close(socket); }
-    };
-    using Socket = std::unique_ptr<mnl_socket, Closer>;
-
-    Socket newSocket() const;
+    NetlinkSocket newSocket() const;
     void doQueueDump(Dump dump);
     void doSendDump();
     void doLogFailure(std::string const& what);
@@ -125,7 +135,7 @@ class Netlink {
     int namespaceFd_;
     std::vector<int> groups_;
     int receiveBufferOctets_;
-    Socket socket_;
+    NetlinkSocket socket_;
     Observer& observer_;
     /// The first is under way and answers to sequence_.
     std::deque<Dump> dumps_;

@@ -15,6 +15,7 @@
 #include <functional>
 #include <memory>
 #include <span>
+#include <utility>
 #include <vector>
 
 namespace Agent {
@@ -32,6 +33,8 @@ class PacketSocket {
     /// To wait for: readable when receive() has something to do, writable when the socket's buffer
     /// has room again for flush().
     int fd() const { return socket_.get(); }
+    /// Leaves it to the caller, to be closed; nothing else is called afterwards.
+    FileDescriptor descriptorTake() { return std::move(socket_); }
 
     /// Calls `handler` with each IGMP packet that has arrived and that other hosts sent, up to a
     /// limit that keeps a flood from starving others. The octets are the handler's until it

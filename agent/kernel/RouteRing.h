@@ -34,6 +34,7 @@ struct RouteEntry {
     int incoming = 0;    ///< interface, by kernel index; 0 if it has gone
     bool output = false; ///< at least one
     bool announced = false;
+    std::uint16_t toldBy = 0; ///< number of the last dump that did
 };
 
 /// Holds routes by their links and owns none. A route stands in one ring at most.

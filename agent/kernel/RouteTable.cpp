@@ -45,15 +45,27 @@ void RouteTable::messageIs(nlmsghdr const& message, bool ofDump) {
                          routeAddress(attributes.octets(RTA_DST))};
     auto const incoming = int(attributes.u32(RTA_IIF).value_or(0));
     bool const output = handleOutputs(attributes.octets(RTA_MULTIPATH));
-    if (!name.group.isMulticast() || (ofDump && notified_.count(name) != 0)) return;
-    if (reading_ && !ofDump) notified_.insert(name);
+    if (!name.group.isMulticast()) return;
     bool const unresolved = (header.rtm_flags & RTNH_F_UNRESOLVED) != 0;
+    if (ofDump && notified_.count(name) != 0) return handleOvertaken(name, unresolved);
+    if (reading_ && !ofDump) notified_.insert(name);
     // Unresolved routes stand at the end of the kernel's list: one that goes moves no other.
-    if (gone && !unresolved) deleted_ = true;
+    if (gone && !unresolved && dumping_)
+        if (RouteNode const* const known = find(name); known && known->second.toldBy == dumpNumber_)
+            ++skipped_;
     if (gone || unresolved)
         handleGone(name);
     else
-        handleRoute(name, incoming, output);
+        handleRoute(name, incoming, output, ofDump);
+}
+
+/// The dump tells what a notification has told already.
+void RouteTable::handleOvertaken(RouteName const& name, bool unresolved) {
+    if (!dumping_) return;
+    if (RouteNode* const known = find(name))
+        known->second.toldBy = dumpNumber_;
+    else if (!unresolved)
+        ++skipped_;
 }
 
 bool RouteTable::handleOutputs(std::span<std::uint8_t const> nextHops) {
@@ -71,18 +83,36 @@ bool RouteTable::handleOutputs(std::span<std::uint8_t const> nextHops) {
     return any;
 }
 
-void RouteTable::handleRoute(RouteName const& name, int incoming, bool output) {
+RouteTable::Routes& RouteTable::routesOf(RouteName const& name) {
+    // By bits that the maps' own order does not depend on alone.
+    return routes_[(RouteName::Hash()(name) * 0x9E3779B97F4A7C15) >> 58];
+}
+
+RouteNode* RouteTable::find(RouteName const& name) {
+    Routes& routes = routesOf(name);
+    auto const found = routes.find(name);
+    return found == routes.end() ? nullptr : &*found;
+}
+
+void RouteTable::handleRoute(RouteName const& name, int incoming, bool output, bool ofDump) {
     RouteRing& ring = ringOf(incoming);
-    auto const [at, fresh] = routes_.try_emplace(name);
-    if (!fresh) RouteRing::remove(*at);
-    at->second.incoming = incoming;
-    at->second.output = output;
+    auto const [at, fresh] = routesOf(name).try_emplace(name);
+    RouteEntry& route = at->second;
+    if (fresh)
+        ++routeCount_;
+    else
+        RouteRing::remove(*at);
+    route.incoming = incoming;
+    route.output = output;
+    if (ofDump && dumping_)
+        route.toldBy = dumpNumber_;
+    else if (ofDump && skipped_ > 0)
+        --skipped_;
     doJudge(*at, ring);
 }
 
 void RouteTable::handleGone(RouteName const& name) {
-    auto const found = routes_.find(name);
-    if (found != routes_.end()) doDrop(*found);
+    if (RouteNode* const known = find(name)) doDrop(*known);
 }
 
 RouteRing& RouteTable::ringOf(int incoming) {
@@ -103,11 +133,12 @@ void RouteTable::doJudge(RouteNode& node, RouteRing& ring) {
 void RouteTable::doDrop(RouteNode& node) {
     auto const [name, route] = node;
     RouteRing::remove(node);
-    routes_.erase(name);
+    Routes& routes = routesOf(name);
+    routes.erase(name);
+    --routeCount_;
     if (route.announced) onRoute_(name.source, name.group, false);
     // A table that has shrunk far gives its room back.
-    if (routes_.bucket_count() > 4096 && routes_.size() < routes_.bucket_count() / 16)
-        routes_.rehash(0);
+    if (routes.bucket_count() > 256 && routes.size() < routes.bucket_count() / 16) routes.rehash(0);
 }
 
 bool RouteTable::passes(RouteEntry const& route) const {
@@ -117,20 +148,37 @@ bool RouteTable::passes(RouteEntry const& route) const {
 
 void RouteTable::readingIs() {
     reading_ = true;
-    deleted_ = secondDump_ = false;
+    dumps_ = 0;
     for (auto& [ifindex, ring] : byIncoming_) untold_.takeAll(ring);
     untold_.takeAll(toJudge_);
     byIncoming_.clear();
 }
 
-bool RouteTable::dumpDel() {
-    secondDump_ = deleted_ && !secondDump_;
-    return secondDump_;
+RouteTable::Question RouteTable::questionTake(std::size_t mostNames) {
+    Question question;
+    dumping_ = false;
+    if (dumps_ > 0)
+        for (question.names.reserve(mostNames);
+             question.names.size() < mostNames && !untold_.empty();) {
+            RouteNode& node = untold_.front();
+            question.names.push_back(node.first);
+            RouteRing::remove(node);
+            asked_.add(node);
+        }
+    question.all = dumps_ == 0 || (dumps_ == 1 && question.names.empty() && skipped_ > 0);
+    if (question.all) {
+        ++dumps_;
+        ++dumpNumber_;
+        skipped_ = 0;
+        dumping_ = true;
+    }
+    return question;
 }
 
 void RouteTable::readingDel(bool whole) {
+    untold_.takeAll(asked_);
     (whole ? toDrop_ : toJudge_).takeAll(untold_);
-    reading_ = false;
+    reading_ = dumping_ = false;
     notified_.clear();
 }
 
@@ -146,8 +194,9 @@ bool RouteTable::doReview(std::size_t most) {
 }
 
 void RouteTable::doTellAll() const {
-    for (auto const& [name, route] : routes_)
-        if (route.announced) onRoute_(name.source, name.group, true);
+    for (Routes const& routes : routes_)
+        for (auto const& [name, route] : routes)
+            if (route.announced) onRoute_(name.source, name.group, true);
 }
 
 bool RouteTable::uses(int ifindex) const { return interfaces_.count(ifindex) != 0; }

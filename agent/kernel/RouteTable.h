@@ -1,20 +1,24 @@
 // The multicast routes of one network namespace as the kernel's messages tell them, and which of
 // them are announced.
 //
-// The kernel tells of changes by notifications, and of everything by a dump. A reading begins with
-// a dump. Its pieces are older than notifications that have overtaken them, so while it lasts, what
-// a notification says of a route holds against the dump. And the kernel finds the place to go on by
-// counting: a deletion meanwhile makes it skip a route. Then another dump is read; that it skips
-// the same routes is so unlikely that it ends the reading, or a busy network would never be read to
-// the end. What nothing has told by then is gone.
+// The kernel tells of changes by notifications, of everything by a dump, and of single routes when
+// asked. A reading begins with a dump. Its pieces are older than notifications that have overtaken
+// them, so while it lasts, what a notification says of a route holds against the dump. And the
+// kernel finds the place to go on by counting: a deletion of a route that it has told makes it skip
+// another. So what the dump has not told is asked for before it is dropped. Where fewer turn up
+// than were skipped, another dump is read, for a route that nobody knows cannot be asked for; that
+// this one skips the same routes is so unlikely that it is the last, or a busy network would never
+// be read to the end.
 //
 // Every route stands in one of several rings: that of its incoming interface; that of routes which
-// the reading has not told yet; that of routes to judge anew; that of routes to drop. Whole rings
-// change their purpose at once, and the last two are emptied in bounded steps by doReview.
+// the reading has not told yet; that of those which the kernel was asked for; that of routes to
+// judge anew; that of routes to drop. Whole rings change their purpose at once, and the last two
+// are emptied in bounded steps by doReview.
 #pragma once
 
 #include "agent/kernel/RouteRing.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -24,6 +28,7 @@
 #include <span>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 namespace Agent {
 
@@ -56,10 +61,16 @@ class RouteTable {
     /// nothing. For a malformed one throws Nex::ParseException and stays as it was.
     void messageIs(nlmsghdr const& message, bool ofDump);
 
-    /// Begins a reading: a dump is about to be asked for, and routes to be told anew.
+    /// Begins a reading: routes are about to be told anew.
     void readingIs();
-    /// The dump is over. Returns whether the reading needs another one.
-    bool dumpDel();
+    /// What to ask the kernel for next.
+    struct Question {
+        bool all = false;             ///< by a dump
+        std::vector<RouteName> names; ///< otherwise; none at the end of the reading
+    };
+    /// What was asked for has been told, and so have all notifications that came before its end.
+    /// The answers to this question are told as a dump.
+    Question questionTake(std::size_t mostNames);
     /// Ends the reading. `whole`: nothing that the kernel sent was lost meanwhile; otherwise the
     /// routes that were not told are kept for another reading.
     void readingDel(bool whole);
@@ -75,10 +86,15 @@ class RouteTable {
     /// Whether any route has ever come in or gone out by that interface.
     bool uses(int ifindex) const;
     /// Of all that the kernel has, unresolved ones aside.
-    std::size_t routeCount() const { return routes_.size(); }
+    std::size_t routeCount() const { return routeCount_; }
 
   private:
-    void handleRoute(RouteName const& name, int incoming, bool output);
+    using Routes = std::unordered_map<RouteName, RouteEntry, RouteName::Hash>;
+    Routes& routesOf(RouteName const& name);
+    RouteNode* find(RouteName const& name);
+
+    void handleRoute(RouteName const& name, int incoming, bool output, bool ofDump);
+    void handleOvertaken(RouteName const& name, bool unresolved);
     void handleGone(RouteName const& name);
     /// Whether the route leads anywhere. Throws Nex::ParseException.
     bool handleOutputs(std::span<std::uint8_t const> nextHops);
@@ -93,16 +109,21 @@ class RouteTable {
 
     Observer onRoute_;
     RouteFilter filter_;
-    std::unordered_map<RouteName, RouteEntry, RouteName::Hash> routes_;
+    /// Several maps: one would hold the loop for long as it grows.
+    std::array<Routes, 64> routes_;
+    std::size_t routeCount_ = 0;
+    std::uint16_t dumpNumber_ = 0; ///< of the last one, over all readings
     std::map<int, RouteRing> byIncoming_;
     RouteRing untold_;
+    RouteRing asked_;
     RouteRing toJudge_;
     RouteRing toDrop_;
     std::set<int> interfaces_; ///< that routes have used
     // Of the reading that lasts.
     bool reading_ = false;
-    bool deleted_ = false;    ///< a route, so that the dump may have skipped another
-    bool secondDump_ = false; ///< is being read
+    unsigned dumps_ = 0;
+    bool dumping_ = false;
+    std::size_t skipped_ = 0; ///< by this dump, and not found yet
     /// What a dump says of these is ignored.
     std::unordered_set<RouteName, RouteName::Hash> notified_;
 };

@@ -1,42 +1,25 @@
 #include "agent/loop/Alarm.h"
 
-#include "agent/loop/SystemError.h"
-
-#include <cmath>
-#include <ctime>
-#include <sys/epoll.h>
-#include <sys/timerfd.h>
 #include <utility>
 
 namespace Agent {
 
 Alarm::Alarm(EventLoop& loop, EventLoop::Handler handler)
-    : loop_(loop), timer_(timerfd_create(CLOCK_BOOTTIME, TFD_NONBLOCK | TFD_CLOEXEC)) {
-    if (timer_.get() < 0) errnoThrow("timerfd_create");
-    loop_.descriptorIs(timer_.get(), EPOLLIN,
-                       [fd = timer_.get(), handler = std::move(handler)](std::uint32_t) {
-                           // One that was put off after it had become ready has nothing to read.
-                           std::uint64_t expirations;
-                           if (read(fd, &expirations, sizeof expirations) == sizeof expirations)
-                               handler();
-                       });
+    : loop_(loop),
+      handler_(std::make_shared<EventLoop::Handler const>(std::move(handler))),
+      place_(loop.alarms_.emplace(EventLoop::never, this)) {}
+
+Alarm::~Alarm() { loop_.alarms_.erase(place_); }
+
+void Alarm::delayIs(double delaySeconds) noexcept {
+    loop_.doMove(place_, EventLoop::now() + delaySeconds);
 }
 
-Alarm::~Alarm() { loop_.descriptorDel(timer_.get()); }
+void Alarm::delayDel() noexcept { loop_.doMove(place_, EventLoop::never); }
 
-void Alarm::delayIs(double delaySeconds) {
-    double const whole = std::floor(delaySeconds);
-    itimerspec setting{};
-    setting.it_value.tv_sec = time_t(whole);
-    setting.it_value.tv_nsec = long((delaySeconds - whole) * 1e9);
-    // All zero would disarm the timer.
-    if (delaySeconds < 1e-9) setting.it_value.tv_nsec = 1;
-    timerfd_settime(timer_.get(), 0, &setting, nullptr);
-}
-
-void Alarm::delayDel() {
-    itimerspec const none{};
-    timerfd_settime(timer_.get(), 0, &none, nullptr);
+std::shared_ptr<EventLoop::Handler const> Alarm::handlerTake() noexcept {
+    delayDel();
+    return handler_;
 }
 
 } // namespace Agent

@@ -4,25 +4,33 @@
 
 #include "agent/loop/EventLoop.h"
 
+#include <memory>
+
 namespace Agent {
 
 class Alarm {
   public:
-    /// `loop` outlives this. Throws std::system_error where the kernel refuses.
+    /// `loop` outlives this.
     Alarm(EventLoop& loop, EventLoop::Handler handler);
     ~Alarm();
     Alarm(Alarm const&) = delete;
     Alarm& operator=(Alarm const&) = delete;
 
-    /// Calls the handler once, in `delaySeconds` of CLOCK_BOOTTIME in place of an earlier delay; 0
-    /// means in the next turn, after what else has become ready.
-    void delayIs(double delaySeconds);
+    /// Calls the handler once, in `delaySeconds` in place of an earlier delay; 0 means after all
+    /// that has become ready, and from an alarm in the next turn.
+    void delayIs(double delaySeconds) noexcept;
     /// Calls nothing after all.
-    void delayDel();
+    void delayDel() noexcept;
 
   private:
+    friend class EventLoop;
+    /// To be called now; nothing is due any longer.
+    std::shared_ptr<EventLoop::Handler const> handlerTake() noexcept;
+
     EventLoop& loop_;
-    FileDescriptor timer_;
+    /// Shared with the call in progress, which may destroy this.
+    std::shared_ptr<EventLoop::Handler const> handler_;
+    EventLoop::Alarms::iterator place_;
 };
 
 } // namespace Agent

@@ -1,5 +1,6 @@
 #include "agent/loop/EventLoop.h"
 
+#include "agent/loop/Alarm.h"
 #include "agent/loop/SystemError.h"
 
 #include <algorithm>
@@ -48,6 +49,7 @@ EventLoop::EventLoop()
         [[maybe_unused]] auto const got = read(timer_.get(), &expirations, sizeof expirations);
         armedFor_.reset();
     });
+    descriptorIs(workers_.fd(), EPOLLIN, [this](std::uint32_t) { workers_.doFinish(); });
 }
 
 double EventLoop::now() {
@@ -71,6 +73,15 @@ void EventLoop::descriptorIs(int fd, std::uint32_t events, DescriptorHandler han
 
 void EventLoop::descriptorDel(int fd) {
     if (watches_.erase(fd) != 0) epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
+}
+
+void EventLoop::descriptorClose(FileDescriptor descriptor) noexcept {
+    descriptorDel(descriptor.get());
+    try {
+        workIs([fd = descriptor.get()] { close(fd); });
+        descriptor.release();
+    } catch (std::bad_alloc const&) { // closed here
+    }
 }
 
 void EventLoop::signalIs(int signal, Handler handler) {
@@ -106,7 +117,7 @@ void EventLoop::doTurn() {
     if (count < 0 && errno != EINTR) checked(count, "epoll_wait");
     for (int i = 0; i < count; ++i)
         handleReady(ready[std::size_t(i)].data.u64, ready[std::size_t(i)].events);
-    doGuarded([this] { doRunExpired(); });
+    doRunExpired();
     for (std::size_t i = 0; i < hooks_.size(); ++i) doGuarded(hooks_[i]); // a hook may add hooks
     if (std::exchange(exhausted_, false) && handleExhaustion_) doGuarded(handleExhaustion_);
     doPauseAfterFailure();
@@ -122,11 +133,23 @@ void EventLoop::doPauseAfterFailure() {
 
 /// 0 if something is due already, otherwise without limit and the timer armed.
 int EventLoop::waitMilliseconds() {
-    std::optional<double> const expiry = nextExpiry_();
-    if (!expiry) return -1;
-    if (*expiry <= now()) return 0;
-    doArm(*expiry);
+    double const expiry = nextExpiry();
+    if (expiry == never) return -1;
+    if (expiry <= now()) return 0;
+    doArm(expiry);
     return -1;
+}
+
+double EventLoop::nextExpiry() const {
+    double const told = nextExpiry_().value_or(never);
+    return alarms_.empty() ? told : std::min(told, alarms_.begin()->first);
+}
+
+/// Takes no memory: an alarm must not fail where there is none.
+void EventLoop::doMove(Alarms::iterator& place, double time) noexcept {
+    auto node = alarms_.extract(place);
+    node.key() = time;
+    place = alarms_.insert(std::move(node));
 }
 
 void EventLoop::doArm(double expiry) {
@@ -138,9 +161,13 @@ void EventLoop::doArm(double expiry) {
 }
 
 void EventLoop::doRunExpired() {
-    std::optional<double> const expiry = nextExpiry_();
     double const time = now();
-    if (expiry && *expiry <= time) handleTime_(time);
+    while (!alarms_.empty() && alarms_.begin()->first <= time) {
+        auto const handler = alarms_.begin()->second->handlerTake();
+        doGuarded(*handler);
+    }
+    std::optional<double> const expiry = nextExpiry_();
+    if (expiry && *expiry <= time) doGuarded([&] { handleTime_(time); });
 }
 
 void EventLoop::handleReady(std::uint64_t token, std::uint32_t events) {

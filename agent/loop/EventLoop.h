@@ -1,7 +1,9 @@
-// The agent's only thread: waits for descriptors, signals and the next expiry, and calls handlers.
+// The thread that the agent's work is done in: waits for descriptors, signals and the next expiry,
+// and calls handlers. Only calls into the kernel that take long are left to threads beside it.
 //
 // A turn is: wait; call the handlers of what became ready; run what is due; run the end-of-turn
-// hooks. Its one timer wakes the wait at the earliest expiry that the owner tells.
+// hooks. One timer wakes the wait, at the earliest of two kinds of expiries: the alarms of modules
+// that know the loop, and what the owner tells for those that know no loop and are told the time.
 //
 // Time is CLOCK_BOOTTIME, which counts suspension too: after it upstream routers have dropped what
 // was not refreshed, so expiries that it has overtaken must count as due.
@@ -14,10 +16,12 @@
 
 #include "agent/loop/FileDescriptor.h"
 #include "agent/loop/Log.h"
+#include "agent/loop/Workers.h"
 
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -29,8 +33,13 @@ namespace Agent {
 /// How long work that can be cut into slices keeps the loop in one turn, in seconds.
 inline constexpr double sliceSeconds = 0.002;
 
+class Alarm;
+
 class EventLoop {
   public:
+    /// A time that does not come.
+    static constexpr double never = std::numeric_limits<double>::infinity();
+
     using Handler = std::function<void()>;
     /// Told the ready events, EPOLLERR and EPOLLHUP among them.
     using DescriptorHandler = std::function<void(std::uint32_t events)>;
@@ -49,6 +58,16 @@ class EventLoop {
     void descriptorIs(int fd, std::uint32_t events, DescriptorHandler handler);
     /// Without effect if there is no handler.
     void descriptorDel(int fd);
+    /// Removes its handler, and closes it beside the loop: the kernel takes some 20 ms for a packet
+    /// socket.
+    void descriptorClose(FileDescriptor descriptor) noexcept;
+
+    /// Has `work` done beside the loop, and then calls `done` in a turn of its own if anybody still
+    /// holds it. `work` owns all that it uses and does not throw. Throws std::bad_alloc, with
+    /// nothing done.
+    void workIs(Handler work, std::weak_ptr<Handler const> done = {}) {
+        workers_.workIs(std::move(work), std::move(done));
+    }
 
     /// Calls `handler` in place of the default action. Signals that arrive in one turn count once;
     /// of several, the one that was given its handler first goes first, and none follows one that
@@ -82,7 +101,13 @@ class EventLoop {
         DescriptorHandler handler;
     };
 
+    friend class Alarm;
+    /// By the time when each is due, infinite for none; equal times in the order of arming.
+    using Alarms = std::multimap<double, Alarm*>;
+    void doMove(Alarms::iterator& place, double time) noexcept;
+
     void doTurn();
+    double nextExpiry() const;
     int waitMilliseconds();
     void doArm(double expiry);
     void doRunExpired();
@@ -96,6 +121,7 @@ class EventLoop {
     FileDescriptor epoll_;
     FileDescriptor timer_;
     FileDescriptor signals_;
+    Workers workers_;
     sigset_t signalSet_{};
     // By descriptor. Shared with the call in progress, which may remove its own entry.
     std::map<int, std::shared_ptr<Watch>> watches_;
@@ -110,6 +136,7 @@ class EventLoop {
     bool exhausted_ = false;
     bool failed_ = false;     ///< in this turn
     double pauseSeconds_ = 0; ///< after the last turn
+    Alarms alarms_;
     std::optional<double> armedFor_;
     std::optional<int> status_;
     LogLimit exceptionLimit_{1};

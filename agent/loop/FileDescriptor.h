@@ -23,6 +23,8 @@ class FileDescriptor {
     }
 
     int get() const { return fd_; }
+    /// Leaves it to the caller.
+    int release() { return std::exchange(fd_, -1); }
 
   private:
     int fd_ = -1;

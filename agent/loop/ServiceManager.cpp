@@ -28,7 +28,8 @@ void serviceNotify(std::string_view assignment) {
     static FileDescriptor socketFd;
     if (socketFd.get() < 0)
         socketFd = FileDescriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    static_cast<void>(sendto(socketFd.get(), assignment.data(), assignment.size(), MSG_NOSIGNAL,
+    static_cast<void>(sendto(socketFd.get(), assignment.data(), assignment.size(),
+                             MSG_NOSIGNAL | MSG_DONTWAIT,
                              reinterpret_cast<sockaddr const*>(&address),
                              socklen_t(offsetof(sockaddr_un, sun_path) + length)));
 }

@@ -6,7 +6,7 @@
 namespace Agent {
 
 /// Sends an assignment such as "READY=1" or "STOPPING=1". Without a service manager, or when it
-/// does not listen, nothing happens.
+/// does not listen or has too much to read already, nothing happens.
 void serviceNotify(std::string_view assignment);
 
 /// Lets the agent open as many descriptors as it may allow itself: each VRF takes several.

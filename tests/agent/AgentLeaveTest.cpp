@@ -120,5 +120,17 @@ TEST_F(AgentTest, WhatAnAgentThatEndsCannotLeaveIsLeftByTheNext) {
     EXPECT_TRUE(wire->hearsOnly(twice(left)));
 }
 
+/// So many that the state file is written, and read, in several pieces.
+TEST_F(AgentTest, ThousandsOfGroupsThatADeadAgentAnnouncedAreLeft) {
+    start("[interface.up0]\naccess-lists = ['all']\npackets-per-100-ms = 1000\n"
+          "[[access-list.all]]\nsequence = 1\naction = 'permit'\nsource = 'any'\n"
+          "destination = '239.2.0.0/21'\n");
+    ASSERT_TRUE(waitUntil([&] { return folder.read("state").size() > 2048 * 8; }));
+    ASSERT_TRUE(waitUntil([&] { return net->bridgeTable().size() == 2048; }));
+    crash();
+    start("");
+    EXPECT_TRUE(learned({}));
+}
+
 } // namespace
 } // namespace Testing

@@ -19,8 +19,10 @@ std::string stateText(unsigned groups = 2, unsigned sources = 1) {
     second.groups.recordAdd(RecordType::isEx, address(0xEF0000FF));
     StateText text;
     text.interfaceAdd(first);
+    std::string const begun = text.take();
     text.interfaceAdd(second);
-    return text.take();
+    text.endAdd();
+    return begun + text.take();
 }
 
 TEST(StateFileTest, WhatIsWrittenIsReadAndNoDamageIs) {
@@ -34,7 +36,9 @@ TEST(StateFileTest, WhatIsWrittenIsReadAndNoDamageIs) {
     EXPECT_EQ(read[0].groups.record(1).type, RecordType::isIn);
     EXPECT_EQ(read[0].groups.record(1).sources[0], address(0x0A0000FF));
     EXPECT_EQ(read[1].groups.record(0).type, RecordType::isEx);
-    EXPECT_TRUE(stateParse(StateText().take()).empty());
+    StateText none;
+    none.endAdd();
+    EXPECT_TRUE(stateParse(none.take()).empty());
 
     for (std::size_t at = 0; at < text.size(); ++at) {
         EXPECT_THROW(stateParse(text.substr(0, at)), Nex::ParseException) << at;

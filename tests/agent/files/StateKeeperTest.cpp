@@ -12,12 +12,11 @@ class StateKeeperTest : public LoopFixture {
   protected:
     ~StateKeeperTest() override { std::filesystem::remove_all(path); }
 
-    bool add(StateText& text, std::string& after) {
+    bool add(StateText& text, int& added) {
         if (calls++ == 1) throw std::bad_alloc();
-        if (after == "up1") return false;
-        after = after.empty() ? "up0" : "up1";
+        if (added == 2) return false;
         InterfaceState interface {
-            after, "default", 3, {}
+            "up" + std::to_string(added++), "default", 3, {}
         };
         interface.groups.recordAdd(RecordType::isEx, Lox::IpAddr("239.1.1.1"));
         text.interfaceAdd(interface);
@@ -27,8 +26,9 @@ class StateKeeperTest : public LoopFixture {
     std::filesystem::path const path =
         std::filesystem::temp_directory_path() / ("ihproxyd-state-" + std::to_string(getpid()));
     int calls = 0;
-    StateKeeper keeper{loop, path,
-                       [this](StateText& text, std::string& after) { return add(text, after); }};
+    StateKeeper keeper{
+        loop, path,
+        [this] { return [this, added = 0](StateText& text) mutable { return add(text, added); }; }};
 };
 
 TEST_F(StateKeeperTest, WriteThatFailsIsTriedAgainWithoutAnotherChange) {

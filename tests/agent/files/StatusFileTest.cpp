@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sys/stat.h>
 
 namespace Agent {
 namespace {
@@ -63,6 +64,7 @@ TEST_F(StatusFileTest, FileThatCannotBeWrittenLeavesNothingBehind) {
         serveUntil([&] { return begun == 1 && !std::filesystem::exists(path.string() + ".new"); }));
     EXPECT_NE(testing::internal::GetCapturedStderr().find("a handler failed"), std::string::npos);
     std::filesystem::remove(path);
+    mkfifo((path.string() + ".new").c_str(), 0600); // nobody reads it
     file.doWrite();
     EXPECT_TRUE(serveUntil([&] { return std::filesystem::exists(path); }));
     EXPECT_EQ(written()["intfStatus"].begin().value()["groupSourceList"].size(), groups);

@@ -24,7 +24,7 @@ class HostEngineFixture : public testing::Test, public HostEngine::Output {
   protected:
     HostEngineFixture() {
         settings.address = ip("10.0.0.2");
-        settings.unsolicitedReportIntervalSeconds = 1;
+        settings.unsolicitedReportInterval = 1;
         settings.packetsPer100ms = 1'000'000;
         settingsApply();
         engine->linkUp(now);
@@ -46,6 +46,13 @@ class HostEngineFixture : public testing::Test, public HostEngine::Output {
     }
     void exclude(Lox::IpAddr group, Sources const& sources = {}) {
         engine->groupIs(group, FilterMode::exclude, sources);
+    }
+    /// What routers may hold, told in slices.
+    RecordList held(
+        std::size_t slice = 1, std::function<void()> const& between = [] {}) const {
+        RecordList records;
+        for (HostEngine::HeldPlace place; engine->heldRecordsAdd(records, place, slice);) between();
+        return records;
     }
     void excludeMany(char const* first, unsigned count) {
         for (Lox::IpAddr group : range(first, count)) exclude(group);

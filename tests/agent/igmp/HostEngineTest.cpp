@@ -31,6 +31,23 @@ TEST_F(HostEngineTest, RepeatsComeAtRandomWithinTheInterval) {
     EXPECT_TRUE(0.9 < *delays.rbegin() && *delays.rbegin() < 1) << *delays.rbegin();
 }
 
+TEST_F(HostEngineTest, GroupsThatStayAreToldWhateverComesAndGoesBetweenTheSlices) {
+    auto const number = [](unsigned i) { return Lox::IpAddr::fromHost(0xEF020000 + i); };
+    for (unsigned i = 0; i < 200; ++i) exclude(number(i));
+    settle();
+    std::set<Lox::IpAddr> told;
+    unsigned slice = 0;
+    auto const records = held(7, [&] {
+        engine->groupDel(number(slice));
+        if (slice++ < 40) // so many that the map grows
+            for (unsigned i = 0; i < 50; ++i) exclude(number(200 + 50 * slice + i));
+        engine->flush(now);
+    });
+    for (std::size_t i = 0; i < records.size(); ++i) told.insert(records.record(i).group);
+    EXPECT_GT(slice, 200u / 7);
+    for (unsigned i = slice; i < 200; ++i) EXPECT_TRUE(told.contains(number(i))) << i;
+}
+
 TEST_F(HostEngineTest, GeneralQueryIsAnsweredAtRandomWithinTheResponseTime) {
     include(g1, {a, b});
     settle();

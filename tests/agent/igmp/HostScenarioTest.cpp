@@ -214,7 +214,7 @@ class HostScenarioTest : public HostEngineFixture, public testing::WithParamInte
         double const number = std::stod(value);
         std::map<std::string, std::function<void()>> const names{
             {"version", [&] { settings.version = unsigned(number); }},
-            {"interval", [&] { settings.unsolicitedReportIntervalSeconds = number; }},
+            {"interval", [&] { settings.unsolicitedReportInterval = number; }},
             {"prefix", [&] { settings.prefixLength = unsigned(number); }},
             {"mtu", [&] { settings.mtu = unsigned(number); }},
             {"robustness", [&] { settings.robustness = unsigned(number); }},
@@ -227,20 +227,17 @@ class HostScenarioTest : public HostEngineFixture, public testing::WithParamInte
 
     /// Another engine, told what this one holds.
     void doRestart() {
-        RecordList held;
-        engine->heldRecordsAdd(held);
+        RecordList const former = held();
         engine.emplace(*this, std::mt19937(7));
         settingsApply();
-        engine->formerAdd(held);
+        engine->formerAdd(former);
     }
 
     std::map<std::string, double> facts() const {
-        RecordList held;
-        engine->heldRecordsAdd(held);
         std::map<std::string, double> all{
             {"version", engine->version()},          {"warnings", double(warnings.size())},
             {"idle", engine->nextExpiry() == never}, {"left", engine->hasLeft()},
-            {"former", engine->hasFormer()},         {"held", double(held.size())},
+            {"former", engine->hasFormer()},         {"held", double(held().size())},
         };
 #define AGENT_FACT(type, name, Name) all[#name] = counters().name;
         AGENT_HOST_COUNTERS(AGENT_FACT)

@@ -10,6 +10,7 @@
 #include <net/if.h>
 #include <optional>
 #include <set>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 namespace Agent {
@@ -101,7 +102,7 @@ TEST_F(KernelRoutesTest, LongTableIsReadWhileItChanges) {
     for (unsigned i = 0; i < 3000; ++i) router->routeIs(source, group(i), 0, {1});
     doStartFollowing();
     EXPECT_TRUE(serveUntil([&] { return !announced.empty(); }));
-    EXPECT_FALSE(followed->synchronized()) << "a piece in each turn";
+    EXPECT_FALSE(followed->synchronized()) << "some pieces in each turn";
     for (unsigned i = 0; i < 3000; i += 3) router->routeDel(source, group(i));
     for (unsigned i = 1; i < 3000; i += 3) router->routeIs(source, group(i), 0, {});
     for (unsigned i = 3000; i < 3300; ++i) router->routeIs(source, group(i), 0, {1});
@@ -171,11 +172,40 @@ TEST_F(KernelRoutesTest, ReadingThatTheKernelGivesUpIsBegunAgain) {
     std::vector<int> const sockets = netlinkSockets(false);
     ASSERT_EQ(sockets.size(), 1u);
     deafen(sockets[0]);
+    testing::internal::CaptureStderr();
     // Both ask for a reading.
     router->interfaceDel(0);
     EXPECT_TRUE(becomes({}));
     router->interfaceIs(0, indexOf("up0"));
     EXPECT_TRUE(becomes({nameOf(1)}));
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("temporarily unavailable"),
+              std::string::npos);
+
+    // And where there is no descriptor for another socket, as soon as there is one.
+    deafen(netlinkSockets(false).at(0));
+    router->interfaceDel(0);
+    testing::internal::CaptureStderr();
+    rlimit plenty{};
+    getrlimit(RLIMIT_NOFILE, &plenty);
+    rlimit const none{0, plenty.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_FALSE(serveUntil([&] { return announced.empty(); }, 2.5));
+    setrlimit(RLIMIT_NOFILE, &plenty);
+    EXPECT_TRUE(becomes({}));
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("Too many open files"),
+              std::string::npos);
+}
+
+TEST_F(KernelRoutesTest, ReadingMayBeCutOff) {
+    for (unsigned i = 0; i < 3000; ++i) router->routeIs(source, group(i), 0, {1});
+    for (int i = 0; i < 20; ++i) {
+        doStartFollowing();
+        EXPECT_TRUE(serveUntil([&] { return !announced.empty(); }));
+        followed.reset(); // a thread still has the query
+        announced.clear();
+    }
+    doFollow();
+    EXPECT_TRUE(serveUntil([&] { return announced.size() == 3000; }));
 }
 
 TEST_F(KernelRoutesTest, InterfacesThatTheKernelGivesUpAreReadAgain) {

@@ -1,14 +1,19 @@
 #include "agent/loop/EventLoop.h"
 
+#include <barrier>
 #include <cmath>
 #include <csignal>
 #include <gtest/gtest.h>
+#include <memory>
+#include <pthread.h>
 #include <stdexcept>
 #include <string>
 #include <sys/epoll.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace Agent {
 namespace {
@@ -154,6 +159,53 @@ TEST_F(EventLoopTest, HandlerThatFailsForeverDoesNotSpin) {
     EXPECT_EQ(exhaustions, 12);
     EXPECT_GT(EventLoop::now() - start, 0.3);
     testing::internal::GetCapturedStderr();
+}
+
+using Done = std::shared_ptr<EventLoop::Handler const>;
+
+/// Each waits until all have begun and the loop has had a turn.
+TEST_F(EventLoopTest, WorkThatWaitsHoldsNeitherTheLoopNorOtherWork) {
+    constexpr int works = 20;
+    std::barrier<> all(works + 1);
+    int done = 0;
+    auto const count = [&, here = std::this_thread::get_id()] {
+        EXPECT_EQ(std::this_thread::get_id(), here);
+        if (++done == works - 1) loop.stopIs(0);
+    };
+    Done const stays = std::make_shared<EventLoop::Handler const>(count);
+    Done goes = std::make_shared<EventLoop::Handler const>(count);
+    for (int i = 0; i < works; ++i)
+        loop.workIs([&] { all.arrive_and_wait(); }, i == works / 2 ? goes : stays);
+    goes = nullptr;
+    ReadyPipe const pipe;
+    loop.descriptorIs(pipe.fd(), EPOLLIN, [&](std::uint32_t) {
+        loop.descriptorDel(pipe.fd());
+        all.arrive_and_wait();
+    });
+    loop.run();
+    EXPECT_EQ(done, works - 1) << "nobody wants to know of one of them";
+}
+
+TEST_F(EventLoopTest, WorkIsDoneWithoutAThreadAndAtTheEnd) {
+    ReadyPipe const pipe;
+    std::vector<int> fds(100);
+    for (int& fd : fds) fd = dup(pipe.fd());
+    {
+        EventLoop ending;
+        for (int const fd : fds) ending.descriptorClose(FileDescriptor(fd));
+    }
+    for (int const fd : fds) EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+    pthread_attr_t before, tooLarge;
+    pthread_getattr_default_np(&before);
+    pthread_attr_init(&tooLarge);
+    pthread_attr_setstacksize(&tooLarge, std::size_t(1) << 46);
+    ASSERT_EQ(pthread_setattr_default_np(&tooLarge), 0);
+    Done const done = std::make_shared<EventLoop::Handler const>([this] { loop.stopIs(0); });
+    bool worked = false;
+    loop.workIs([&] { worked = true; }, done);
+    pthread_setattr_default_np(&before);
+    EXPECT_TRUE(worked);
+    loop.run();
 }
 
 TEST_F(EventLoopTest, StandardDescriptorsThatAreClosedAreTaken) {
