@@ -8,6 +8,8 @@ PlatformState::PlatformState() {
     });
 }
 
+PlatformState::PlatformState(PlatformState const& other) = default;
+
 PlatformState::~PlatformState() = default;
 
 Nex::Ptr<IgmpHostProxySm> PlatformState::makeRoot() const {

@@ -14,7 +14,8 @@ struct PlatformState {
     /// factory before it makes the root.
     PlatformState();
     ~PlatformState();
-    PlatformState(PlatformState const&) = delete;
+    /// The same records, timers and tables; single ones may be replaced before a root is made.
+    PlatformState(PlatformState const& other);
     PlatformState& operator=(PlatformState const&) = delete;
 
     /// A root machine over this state, started up. Throws what a mount or a watcher throws; nothing

@@ -153,6 +153,10 @@ bool Daemon::settled(std::string const& name, std::string const& vrf) const {
 
 void Daemon::doConfigure(Configuration configuration) {
     try {
+        // Before any interface is there: the machine looks at all of them for each table that
+        // comes.
+        for (auto const& item : configuration.vrfs)
+            state_.mfibDir->keshCollIs(L3::VrfName(item.first));
         // Interfaces that go leave their groups before their VRF is taken away.
         writer_.configurationIs(std::move(configuration));
         if (damaged_) return doRebuild();

@@ -77,7 +77,10 @@ installPackages() {
     local time=$1 missing
     shift
     mapfile -t missing < <(missingPackages "$@")
-    [ "${#missing[@]}" -gt 0 ] || return 0
+    if [ "${#missing[@]}" = 0 ]; then
+        [ -d build/release ] || echo "With the first build this takes $time." >&2
+        return
+    fi
     if [ "$EUID" != 0 ] && ! command -v sudo >/dev/null; then
         echo "These Debian packages are missing, and without sudo only root can install them:" >&2
         echo "  apt-get install --no-install-recommends ${missing[*]}" >&2

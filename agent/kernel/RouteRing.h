@@ -2,6 +2,7 @@
 #pragma once
 
 #include "Lox/IpAddr.h"
+#include "Nex/Hash.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -15,10 +16,11 @@ struct RouteName {
 
     friend bool operator==(RouteName const&, RouteName const&) = default;
 
+    /// By the process's secret: strangers choose the sources.
     struct Hash {
-        // Sources and groups both tend to be consecutive.
         std::size_t operator()(RouteName const& name) const noexcept {
-            return std::size_t(name.source.host()) * 0x9E3779B97F4A7C15 + name.group.host();
+            return Nex::HashSecrets::inForce()(std::uint64_t(name.source.host()) << 32 |
+                                               name.group.host());
         }
     };
 };

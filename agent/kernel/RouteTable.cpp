@@ -23,7 +23,9 @@ bool ofDefaultTable(rtmsg const& header, NetlinkAttributes const& attributes) {
 
 } // namespace
 
-RouteTable::RouteTable(Observer onRoute) : onRoute_(std::move(onRoute)) {}
+RouteTable::RouteTable(Observer onRoute) : onRoute_(std::move(onRoute)) {
+    Nex::HashSecrets::need();
+}
 
 void RouteTable::filterIs(RouteFilter filter) {
     RouteFilter const before = std::exchange(filter_, std::move(filter));
