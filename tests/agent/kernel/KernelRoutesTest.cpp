@@ -189,7 +189,7 @@ TEST_F(KernelRoutesTest, ReadingThatTheKernelGivesUpIsBegunAgain) {
     getrlimit(RLIMIT_NOFILE, &plenty);
     rlimit const none{0, plenty.rlim_max};
     setrlimit(RLIMIT_NOFILE, &none);
-    EXPECT_FALSE(serveUntil([&] { return announced.empty(); }, 2.5));
+    EXPECT_FALSE(serveUntil([&] { return announced.empty(); }, 125));
     setrlimit(RLIMIT_NOFILE, &plenty);
     EXPECT_TRUE(becomes({}));
     EXPECT_NE(testing::internal::GetCapturedStderr().find("Too many open files"),

@@ -47,7 +47,7 @@ class RecordsTest : public testing::Test {
     /// "up0 2 239.1.1.1" for a group that routers may hold of a host of version 2.
     Lines held() const {
         StateText text;
-        for (std::string after; ports->heldAdd(text, after);) {
+        for (auto const next = ports->heldWalk(); next(text);) {
         }
         Lines lines;
         for (InterfaceState const& each : stateParse(text.take()))
