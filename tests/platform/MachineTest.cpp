@@ -204,7 +204,8 @@ TEST_F(MachineTest, WhatIsDisturbedWhileItIsMade) {
         EXPECT_EQ(owner->workerIs(1, tree, other), nullptr);
         EXPECT_THROW(owner->workerIs(1, twin, other), NameInUseException);
     };
-    EXPECT_EQ(owner->workerIs(1, tree, other).get(), owner->worker.get(1));
+    auto const made = owner->workerIs(1, tree, other);
+    EXPECT_EQ(made.get(), owner->worker.get(1));
 }
 
 TEST_F(MachineTest, OtherKeysMayComeAndGoWhileAReactorIsMade) {

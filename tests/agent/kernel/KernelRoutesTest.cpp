@@ -180,20 +180,6 @@ TEST_F(KernelRoutesTest, ReadingThatTheKernelGivesUpIsBegunAgain) {
     EXPECT_TRUE(becomes({nameOf(1)}));
     EXPECT_NE(testing::internal::GetCapturedStderr().find("temporarily unavailable"),
               std::string::npos);
-
-    // And where there is no descriptor for another socket, as soon as there is one.
-    deafen(netlinkSockets(false).at(0));
-    router->interfaceDel(0);
-    testing::internal::CaptureStderr();
-    rlimit plenty{};
-    getrlimit(RLIMIT_NOFILE, &plenty);
-    rlimit const none{0, plenty.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-    EXPECT_FALSE(serveUntil([&] { return announced.empty(); }, 125));
-    setrlimit(RLIMIT_NOFILE, &plenty);
-    EXPECT_TRUE(becomes({}));
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("Too many open files"),
-              std::string::npos);
 }
 
 TEST_F(KernelRoutesTest, ReadingMayBeCutOff) {

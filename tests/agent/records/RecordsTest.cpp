@@ -49,6 +49,7 @@ class RecordsTest : public testing::Test {
         StateText text;
         for (auto const next = ports->heldWalk(); next(text);) {
         }
+        text.endAdd();
         Lines lines;
         for (InterfaceState const& each : stateParse(text.take()))
             for (std::size_t i = 0; i < each.groups.size(); ++i)
