@@ -119,20 +119,19 @@ void IgmpHostProxyAclHelper::handleRule(Acl::UniqueId id) {
 void IgmpHostProxyAclHelper::doApply(Acl::UniqueId id, Acl::IpRuleConfig const& rule,
                                      Lox::IpAddr group) {
     RuleEffect const effect = effectOf(rule);
-    SourceGroup const sg(effect.source, group);
-    std::uint32_t const before = machine_->groupSourceRefCounter(sg);
     underWay_->group = group;
+    bool counted = false;
     try {
-        doApplyTo(group, id, rule, effect);
-    } catch (...) { // the rule has got to the group if the pair is counted
-        if (machine_->groupSourceRefCounter(sg) <= before)
-            underWay_->group = Lox::IpAddr::fromHost(group.host() - 1);
+        doApplyTo(group, id, rule, effect, counted);
+    } catch (...) {
+        if (!counted) underWay_->group = Lox::IpAddr::fromHost(group.host() - 1);
         throw;
     }
 }
 
 void IgmpHostProxyAclHelper::doApplyTo(Lox::IpAddr group, Acl::UniqueId id,
-                                       Acl::IpRuleConfig const& rule, RuleEffect effect) {
+                                       Acl::IpRuleConfig const& rule, RuleEffect effect,
+                                       bool& counted) {
     Nex::Ptr<GroupSource> const contribution = groupSourceListIs(group);
     Nex::Ptr<IntfStatus> const status = machine_->intfStatus();
     if (!status) return; // gone by what a group before has brought about
@@ -144,9 +143,11 @@ void IgmpHostProxyAclHelper::doApplyTo(Lox::IpAddr group, Acl::UniqueId id,
     IHP_TRACE(7, "%::handleRule( % ): Rule type: %", self, id, rule.action);
     if (effect.include) {
         contribution->includeSourceListIs(effect.source);
+        machine_->countedIs(&counted);
         machine_->addIncludeSourceGroup(effect.source, group);
     } else {
         contribution->excludeSourceListIs(effect.source);
+        machine_->countedIs(&counted);
         machine_->addExcludeSourceGroup(effect.source, group);
     }
 }

@@ -98,7 +98,7 @@ class IgmpHostProxyAclHelper : public Nex::PtrInterface {
     static bool isSelecting(Acl::IpRuleConfig const& rule) { return faultOf(rule) == Fault::none; }
     void doApply(Acl::UniqueId id, Acl::IpRuleConfig const& rule, Lox::IpAddr group);
     void doApplyTo(Lox::IpAddr group, Acl::UniqueId id, Acl::IpRuleConfig const& rule,
-                   RuleEffect effect);
+                   RuleEffect effect, bool& counted);
     void doGiveUp(Acl::IpRuleConfig const& rule);
     void doForget(Acl::IpRuleConfig const& rule);
     /// `cached` says whether the rule still stands in the cache.

@@ -92,6 +92,10 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     void removeIncludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group);
     void removeExcludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group);
 
+    /// Has the add that is called next set `*counted` once its reference is counted: what it throws
+    /// may come before that or after, and the count, which others change meanwhile, can't tell.
+    void countedIs(bool* counted) { counted_ = counted; }
+
     // The counts as they are. Changing them by hand changes no group.
     GroupSourceRefCounter const& groupSourceRefCounter() const { return groupSourceRefCounter_; }
     std::uint32_t groupSourceRefCounter(SourceGroup sg) const {
@@ -362,7 +366,8 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     static void listDel(GroupSource& entry, List list, Lox::IpAddr source);
 
     /// The first steps of both adds: a group that only the forwarding table contributed so far
-    /// loses what the table put in, and the reference is counted. Returns the group's entry.
+    /// loses what the table put in, and the reference is counted. Returns the group's entry; null,
+    /// with nothing counted, where there is no status.
     Nex::Ptr<GroupSource> doCount(SourceGroup sg);
     void doRemove(List list, SourceGroup sg);
     /// The removal of a pair that nobody counts: it came from the forwarding table.
@@ -411,6 +416,7 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     double retryDelay_ = 0; ///< seconds, between reviews that do nothing but fail
     Nex::ReactorMap<Kesh::Multicast::Fib::Status const*, NexMfibKesh> mfibKesh_;
     GroupSourceRefCounter groupSourceRefCounter_;
+    bool* counted_ = nullptr; ///< of the next add
     Nex::Map<Nex::String, Nex::Ptr<IgmpHostProxyAclHelper>> igmpHostProxyAclHelper_;
     NEX_REACTORS(Nex::Name, NexAcl, acl, Acl::AclConfig const, name)
     NEX_REACTORS(Lox::IpAddr, NexGroupSourceListConfig, groupSourceListConfig, GroupSource const,

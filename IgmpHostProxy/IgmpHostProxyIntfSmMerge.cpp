@@ -66,10 +66,10 @@ void IgmpHostProxyIntfSm::listDel(GroupSource& entry, List list, Lox::IpAddr sou
 
 void IgmpHostProxyIntfSm::addIncludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group) {
     IHP_TRACE_ENTRY(". Source: %, Group: %", source, group);
-    if (!intfStatus()) return;
     // The reference is counted before the rules below may find that nothing is to be done: a later
     // removal gives it back.
     Nex::Ptr<GroupSource> const entry = doCount({source, group});
+    if (!entry) return;
     bool const any = source == anySource;
     if (entry->includeSourceListHas(anySource)) {
         if (any) return;
@@ -96,8 +96,8 @@ void IgmpHostProxyIntfSm::addIncludeSourceGroup(Lox::IpAddr source, Lox::IpAddr 
 
 void IgmpHostProxyIntfSm::addExcludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group) {
     IHP_TRACE_ENTRY(". Source: %, Group: %", source, group);
-    if (!intfStatus()) return;
     Nex::Ptr<GroupSource> const entry = doCount({source, group});
+    if (!entry) return;
     bool const any = source == anySource;
     bool const anyCounted = groupSourceRefCounter({anySource, group}) > 0;
     if (entry->includeSourceListHas(anySource) && anyCounted) {
@@ -149,6 +149,8 @@ void IgmpHostProxyIntfSm::doRemove(List list, SourceGroup sg) {
 }
 
 Nex::Ptr<GroupSource> IgmpHostProxyIntfSm::doCount(SourceGroup sg) {
+    bool* const counted = std::exchange(counted_, nullptr); // not for an add by who is told below
+    if (!intfStatus()) return nullptr;
     Nex::Ptr<GroupSource> entry = intfStatus()->groupSourceList(sg.groupAddr);
     bool certain = bool(entry);
     if (entry) {
@@ -162,6 +164,7 @@ Nex::Ptr<GroupSource> IgmpHostProxyIntfSm::doCount(SourceGroup sg) {
         }
     }
     std::uint32_t const count = groupSourceRefCounterInc(sg, 1);
+    if (counted) *counted = true;
     if (count == 1) IHP_TRACE(6, "Adding sg into ref counter");
     IHP_TRACE(6, "Ref count for sg incremented, now is%", count);
     // Whoever was told of the entry as it came, or of what it lost, may have had it taken away. A

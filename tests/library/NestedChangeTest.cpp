@@ -412,6 +412,31 @@ TEST_F(NestedChange, ARuleThatFailsHalfWayIsTakenBackAndAppliedTheNextTime) {
     }
 }
 
+// Whether the failing rule itself was counted does not show in the pair's count.
+TEST_F(NestedChange, ARuleThatFailsTakesBackItsOwnReferencesOnly) {
+    auto const fails = [this](Acl::Action action, std::function<void()> const& act) {
+        ruleIs("iptv", 1, rule(action, sourceS, groupG));
+        whenSourcesChange(groupG, [=] {
+            act();
+            throw Nex::Exception("from a callback");
+        });
+        EXPECT_THROW(config->aclListIs("iptv"), Nex::Exception);
+    };
+    auto const table = newTable();
+    routeIs(*table, sourceT, groupG);
+    settle();
+    // As the route's source goes, before the rule is counted.
+    fails(Acl::Action::permit,
+          [this] { config->groupSourceListIs(groupG)->includeSourceListIs(sourceS); });
+    EXPECT_EQ(count(sourceS), 1u);
+    EXPECT_EQ(announced(), "include 10.0.0.1 exclude");
+    config->aclListDel("iptv");
+    // As the source changes lists, after that.
+    fails(Acl::Action::deny, [this] { removeInclude(*config, sourceS, groupG); });
+    EXPECT_EQ(count(sourceS), 0u);
+    EXPECT_EQ(announced(), "absent");
+}
+
 TEST_F(NestedChange, WhatWasAskedOfAListIsDoneAlsoIfAnExceptionFollows) {
     ruleIs("iptv", 1, permit(sourceS, groupG));
     whenAnnounced(groupG, [&] {
