@@ -69,6 +69,8 @@ void IgmpHostProxySm::doEnd() {
     intfStatusManagerRoot_ = nullptr;
     igmpHostProxyIntfSm_.delAll();
     igmpHostIntfSm_.delAll();
+    vrfDelAll();
+    defaultVrf_.doUnmountAtEnd();
 }
 
 void IgmpHostProxySm::handleInitialized() {

@@ -46,7 +46,7 @@ class IgmpHostProxySm : public Nex::PtrInterface {
         Nex::Ptr<Interface::AllIntfStatusLocalDir const> allIntfStatusLocalDir,
         Nex::Ptr<Ip::AllVrfStatusLocal const> allVrfStatusLocal,
         Nex::Ptr<Olm::TimerWheel> timerWheel, Nex::Ptr<Vardo::EntityManager> entityManager);
-    /// Deletes the machines, but no record of the state store.
+    /// Deletes the machines and gives its mounts back, but deletes no record of the state store.
     ~IgmpHostProxySm() override;
 
     // Each handler looks at the inputs as they are now, so it may be called at any time, also from
@@ -196,6 +196,9 @@ class IgmpHostProxySm : public Nex::PtrInterface {
         /// Brings up what is not there yet, and fills a new directory of device names.
         void networkNamespaceIs(Lox::NamespaceName const& networkNamespace);
         void del();
+        /// All that is left to do once the root has ended everything else. Nobody is there to hear
+        /// an error.
+        void doUnmountAtEnd() noexcept;
 
       private:
         void doUnmount();

@@ -169,6 +169,11 @@ void IgmpHostProxySm::KernelVrf::doUnmount() {
     root_->doUnmountKniStatus(std::exchange(mounted_, Lox::NamespaceName()));
 }
 
+void IgmpHostProxySm::KernelVrf::doUnmountAtEnd() noexcept {
+    Nex::FirstError unheard;
+    unheard.attempt([&] { doUnmount(); });
+}
+
 void IgmpHostProxySm::KernelVrf::doEndManager() {
     if (auto const directory = std::exchange(directory_, nullptr))
         root_->intfStatusManagerRoot()->intfStatusManagerDel(managed_, directory);
@@ -201,9 +206,13 @@ void IgmpHostProxySm::NexVrf::handleDel() {
 }
 
 /// The VRF's view lives as long as its reactor, whoever deletes that, and be it while it is made.
-/// The root's own end deletes no record.
+/// The root's own end has ended the view already, and only gives the mount back.
 void IgmpHostProxySm::NexVrf::nexRetire() {
-    if (notifier() && !machine()->nexZombieReactors()) handleDel();
+    if (machine()->nexZombieReactors()) {
+        kernelVrf_.doUnmountAtEnd();
+    } else if (notifier()) {
+        handleDel();
+    }
     Reactor::nexRetire();
 }
 

@@ -101,6 +101,22 @@ struct MountWatch : EntryWatch<Vardo::EntityManager, Nex::String> {
     void onMounted(Nex::String key) override { hear(key, notifier()->mounted(key)); }
 };
 
+TEST_F(Vrf, TheRootsEndUnmountsWhatItHasMounted) {
+    world.vrf("blue", "ns-blue");
+    world.vrf("azure", "ns-azure");
+    world.entityManager->doMount("kni/ns/ns-azure/status", "KernelNetInfo::Status", 3);
+    Nex::Owned<MountWatch> watch; // an error there keeps no other table mounted
+    watch.make(world.entityManager, [](Nex::String const& path, bool) {
+        if (path == "kni/ns/ns-blue/status") throw Nex::Exception("from a callback");
+        return false;
+    });
+    world.root = nullptr;
+    EXPECT_EQ(mountOf("default"), nullptr);
+    EXPECT_EQ(mountOf("ns-blue"), nullptr);
+    ASSERT_NE(mountOf("ns-azure"), nullptr);
+    EXPECT_EQ(mountOf("ns-azure")->mounts(), 1u) << "somebody else's";
+}
+
 TEST(VrfThatVanishes, TakesItsViewMountAndManagerAlong) {
     for (unsigned const moment : {0u, 1u, 2u, 3u}) {
         bool const beforeTheRoot = moment % 2 == 0;

@@ -10,7 +10,6 @@
 #include <net/if.h>
 #include <optional>
 #include <set>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 namespace Agent {
