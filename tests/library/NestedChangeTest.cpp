@@ -432,7 +432,7 @@ TEST_F(NestedChange, ARuleThatFailsTakesBackItsOwnReferencesOnly) {
     EXPECT_EQ(announced(), "include 10.0.0.1 exclude");
     config->aclListDel("iptv");
     // As the source changes lists, after that.
-    fails(Acl::Action::deny, [this] { removeInclude(*config, sourceS, groupG); });
+    fails(Acl::Action::deny, [this] { takeBack(sourceS); });
     EXPECT_EQ(count(sourceS), 0u);
     EXPECT_EQ(announced(), "absent");
 }
