@@ -52,8 +52,8 @@ TEST(ValueTextTest, FormsThatTracesAndOperatorsKnow) {
 TEST(NamespaceNameTest, HoldsUpTo150Octets) {
     EXPECT_EQ(Lox::NamespaceName(std::string(150, 'n')).stringValue().size(), 150u);
     try {
-        Lox::NamespaceName{std::string(151, 'n')};
-        FAIL();
+        Lox::NamespaceName const longer(std::string(151, 'n'));
+        FAIL() << longer;
     } catch (Nex::RangeException const& error) {
         EXPECT_STREQ(error.what(), "NamespaceName::bytes > 150 not allowed");
     }
