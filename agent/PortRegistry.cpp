@@ -207,17 +207,17 @@ void PortRegistry::doEnd(double now) {
 /// One port at a time, found by the name of the one before: ports come and go meanwhile.
 class PortRegistry::StatusPart : public JsonPart {
   public:
-    explicit StatusPart(Nex::Ptr<PortRegistry const> agent) : agent_(std::move(agent)) {}
+    explicit StatusPart(Nex::Ptr<PortRegistry const> registry) : registry_(std::move(registry)) {}
     bool next(JsonStream& stream) override {
-        auto const port = agent_->ports_.upper_bound(last_);
-        if (port == agent_->ports_.end()) return false;
+        auto const port = registry_->ports_.upper_bound(last_);
+        if (port == registry_->ports_.end()) return false;
         last_ = port->first;
         stream.add(last_, port->second->statusJson());
         return true;
     }
 
   private:
-    Nex::Ptr<PortRegistry const> agent_;
+    Nex::Ptr<PortRegistry const> registry_;
     std::string last_;
 };
 

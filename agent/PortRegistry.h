@@ -1,7 +1,7 @@
-// The host protocol's agent: a port for every host entity, which it is given and loses in the
-// notification in which the entity comes and goes; ports without one stay for as long as they have
-// groups to leave. The status that it publishes there is what binds the entity
-// to its interface while the interface is the one being set up.
+// The ports of all host entities: one comes and goes in the notification in which its entity does;
+// ports without an entity stay for as long as they have groups to leave. The status that is
+// published there is what binds the entity to its interface while the interface is the one being
+// set up.
 //
 // Build it after the root machine: it must be told of an entity after the machine has initialised
 // it.

@@ -2,8 +2,9 @@
 
 #include "agent/loop/Log.h"
 
+#include "Nex/System.h"
+
 #include <algorithm>
-#include <limits>
 #include <unistd.h>
 #include <utility>
 
@@ -49,7 +50,7 @@ void StateKeeper::doWriteAtOnce() {
     if (file_.empty()) return;
     writing_.reset();
     try {
-        doSlice(std::numeric_limits<double>::infinity());
+        doSlice(Nex::never);
     } catch (std::exception const& error) {
         doFail(error);
     }

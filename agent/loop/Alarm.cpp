@@ -1,5 +1,7 @@
 #include "agent/loop/Alarm.h"
 
+#include "Nex/System.h"
+
 #include <utility>
 
 namespace Agent {
@@ -7,7 +9,7 @@ namespace Agent {
 Alarm::Alarm(EventLoop& loop, EventLoop::Handler handler)
     : loop_(loop),
       handler_(std::make_shared<EventLoop::Handler const>(std::move(handler))),
-      place_(loop.alarms_.emplace(EventLoop::never, this)) {}
+      place_(loop.alarms_.emplace(Nex::never, this)) {}
 
 Alarm::~Alarm() { loop_.alarms_.erase(place_); }
 
@@ -15,7 +17,7 @@ void Alarm::delayIs(double delaySeconds) noexcept {
     loop_.doMove(place_, EventLoop::now() + delaySeconds);
 }
 
-void Alarm::delayDel() noexcept { loop_.doMove(place_, EventLoop::never); }
+void Alarm::delayDel() noexcept { loop_.doMove(place_, Nex::never); }
 
 std::shared_ptr<EventLoop::Handler const> Alarm::handlerTake() noexcept {
     delayDel();

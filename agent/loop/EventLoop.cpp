@@ -3,6 +3,8 @@
 #include "agent/loop/Alarm.h"
 #include "agent/loop/SystemError.h"
 
+#include "Nex/System.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -134,14 +136,14 @@ void EventLoop::doPauseAfterFailure() {
 /// 0 if something is due already, otherwise without limit and the timer armed.
 int EventLoop::waitMilliseconds() {
     double const expiry = nextExpiry();
-    if (expiry == never) return -1;
+    if (expiry == Nex::never) return -1;
     if (expiry <= now()) return 0;
     doArm(expiry);
     return -1;
 }
 
 double EventLoop::nextExpiry() const {
-    double const told = nextExpiry_().value_or(never);
+    double const told = nextExpiry_().value_or(Nex::never);
     return alarms_.empty() ? told : std::min(told, alarms_.begin()->first);
 }
 

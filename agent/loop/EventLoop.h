@@ -21,7 +21,6 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -37,9 +36,6 @@ class Alarm;
 
 class EventLoop {
   public:
-    /// A time that does not come.
-    static constexpr double never = std::numeric_limits<double>::infinity();
-
     using Handler = std::function<void()>;
     /// Told the ready events, EPOLLERR and EPOLLHUP among them.
     using DescriptorHandler = std::function<void(std::uint32_t events)>;

@@ -1,10 +1,10 @@
 #include "agent/loop/Workers.h"
 
-#include <cerrno>
+#include "agent/loop/SystemError.h"
+
 #include <exception>
 #include <signal.h>
 #include <sys/eventfd.h>
-#include <system_error>
 #include <utility>
 
 namespace Agent {
@@ -16,9 +16,8 @@ constexpr std::size_t mostThreads = 32;
 } // namespace
 
 // Each reading yields one piece of work, and each piece a turn of the loop.
-Workers::Workers() : finishedEvent_(eventfd(0, EFD_SEMAPHORE | EFD_NONBLOCK | EFD_CLOEXEC)) {
-    if (fd() < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
-}
+Workers::Workers()
+    : finishedEvent_(checked(eventfd(0, EFD_SEMAPHORE | EFD_NONBLOCK | EFD_CLOEXEC), "eventfd")) {}
 
 Workers::~Workers() {
     {
