@@ -67,17 +67,17 @@ Daemon::Daemon(Options options, Configuration configuration)
     hosts_ = Nex::newObject<PortRegistry>(
         state_, loop_,
         [this](std::string const& name, std::string const& vrf) { return locate(name, vrf); },
-        [this](std::string const& name, bool present) { writer_.hostIs(name, present); });
+        [this](std::string const& name, bool present) { writer_.handleHost(name, present); });
     if (!hasCapability(CAP_NET_RAW))
-        obstacles_.reasonIs("the agent", "has no CAP_NET_RAW: it can neither send nor hear IGMP",
-                            LogLevel::error);
+        obstacles_.report("the agent", "has no CAP_NET_RAW: it can neither send nor hear IGMP",
+                          LogLevel::error);
     vrfs_ = std::make_unique<VrfRegistry>(
         state_, loop_, obstacles_, [this](std::string const& name) { hosts_->handleDevice(name); });
     if (!options_.statusFile.empty())
         statusFile_.emplace(loop_, options_.statusFile, [this] {
             return std::make_unique<StatusPart>(state_.status, hosts_->statusPart(), obstacles_);
         });
-    loop_.exhaustionIs([this] { handleExhaustion(); });
+    loop_.onExhaustion([this] { handleExhaustion(); });
     doFollowTime();
     doReadState();
     doConfigure(std::move(configuration));
@@ -86,7 +86,7 @@ Daemon::Daemon(Options options, Configuration configuration)
 void Daemon::doReadState() {
     if (options_.stateFile.empty()) return;
     try {
-        hosts_->formerAdd(stateRead(options_.stateFile));
+        hosts_->addFormer(stateRead(options_.stateFile));
     } catch (std::exception const& error) {
         log(LogLevel::warning, "{}: {}; groups of an earlier run are not left", options_.stateFile,
             error.what());
@@ -99,13 +99,13 @@ Daemon::~Daemon() { hosts_ = nullptr; }
 void Daemon::doFollowSignals() {
     // First those that end the agent: reloads without end must not keep them waiting.
     for (int const signal : {SIGTERM, SIGINT})
-        loop_.signalIs(signal, [this] { handleTerminate(); });
-    loop_.signalIs(SIGHUP, [this] { handleReload(); });
-    loop_.signalIs(SIGUSR1, [this] { handleStatus(); });
+        loop_.onSignal(signal, [this] { handleTerminate(); });
+    loop_.onSignal(SIGHUP, [this] { handleReload(); });
+    loop_.onSignal(SIGUSR1, [this] { handleStatus(); });
 }
 
 void Daemon::doFollowTime() {
-    loop_.timeIs(
+    loop_.onTime(
         [this]() -> std::optional<double> {
             double const next = std::min({state_.clock->nextExpiry(),
                                           state_.timerWheel->nextExpiry(), hosts_->nextExpiry()});
@@ -114,11 +114,11 @@ void Daemon::doFollowTime() {
         [this](double now) {
             state_.clock->timeIs(now);
             state_.timerWheel->timeIs(now);
-            hosts_->timeIs(now);
+            hosts_->advance(now);
         });
     // Two hooks: a port that fails keeps the agent neither from ending nor from saying what fails.
-    loop_.endOfTurnIs([this] { hosts_->handleTurn(EventLoop::now()); });
-    loop_.endOfTurnIs([this] { handleTurn(); });
+    loop_.atEndOfTurn([this] { hosts_->handleTurn(EventLoop::now()); });
+    loop_.atEndOfTurn([this] { handleTurn(); });
 }
 
 void Daemon::NexSourceIntfSm::onSourceIntf(Lox::IntfId intfId) {
@@ -158,9 +158,9 @@ void Daemon::doConfigure(Configuration configuration) {
         for (auto const& item : configuration.vrfs)
             state_.mfibDir->keshCollIs(L3::VrfName(item.first));
         // Interfaces that go leave their groups before their VRF is taken away.
-        writer_.configurationIs(std::move(configuration));
+        writer_.applyConfiguration(std::move(configuration));
         if (damaged_) return doRebuild();
-        vrfs_->configurationIs(writer_.configuration());
+        vrfs_->applyConfiguration(writer_.configuration());
         hosts_->handleConfiguration();
         for (auto const& released : writer_.released()) {
             Nex::Ptr const machine = root_->igmpHostProxyIntfSm(Lox::IntfId(released.interface));
@@ -188,18 +188,18 @@ void Daemon::doRebuild() {
         root_ = state_.makeRoot();
         hosts_->doAttach();
     });
-    vrfs_->configurationIs(writer_.configuration());
+    vrfs_->applyConfiguration(writer_.configuration());
     vrfs_->doRenew();
     hosts_->doEndRebuild();
     hosts_->handleConfiguration();
     damaged_ = false;
-    rebuild_.delayDel();
+    rebuild_.disarm();
     log(LogLevel::warning, "everything was built anew after a failure");
 }
 
 void Daemon::handleExhaustion() {
     damaged_ = true;
-    rebuild_.delayIs(rebuildSeconds);
+    rebuild_.arm(rebuildSeconds);
 }
 
 void Daemon::handleTurn() {
@@ -210,7 +210,7 @@ void Daemon::handleTurn() {
             keeper_.doWriteAtOnce();
         else if (ready_)
             keeper_.doRemove();
-        return loop_.stopIs(0);
+        return loop_.stop(0);
     }
     vrfs_->handleTurn();
     obstacles_.handleTurn();

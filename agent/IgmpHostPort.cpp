@@ -70,7 +70,7 @@ bool IgmpHostPort::fits(std::string const& vrf) const {
     return there.device.ifindex == openIfindex_ && identityOf(there.namespaceFd) == openNamespace_;
 }
 
-void IgmpHostPort::hostIs(Nex::Ptr<Igmp::IgmpHost> host, std::string const& vrf) {
+void IgmpHostPort::attach(Nex::Ptr<Igmp::IgmpHost> host, std::string const& vrf) {
     vrf_ = vrf;
     leaveDeadline_ = Nex::never;
     // What the entity before it asked for and this one does not is left.
@@ -82,7 +82,7 @@ void IgmpHostPort::hostIs(Nex::Ptr<Igmp::IgmpHost> host, std::string const& vrf)
     for (auto const& item : host->v3group()) handleGroup(item.key);
 }
 
-void IgmpHostPort::hostDel(double now) {
+void IgmpHostPort::detach(double now) {
     host_.del();
     v3groupDelAll();
     status_ = nullptr;
@@ -115,10 +115,10 @@ bool IgmpHostPort::finished(double now, bool ending) {
     return true;
 }
 
-void IgmpHostPort::formerAdd(RecordList const& groups, unsigned version) {
+void IgmpHostPort::addFormer(RecordList const& groups, unsigned version) {
     settings_.version = version;
-    engine_.settingsIs(EventLoop::now(), settings_); // also for whoever writes what is held
-    engine_.formerAdd(groups);
+    engine_.setSettings(EventLoop::now(), settings_); // also for whoever writes what is held
+    engine_.addFormer(groups);
 }
 
 void IgmpHostPort::handleGroup(Lox::IpAddr group) {
@@ -147,12 +147,12 @@ double IgmpHostPort::nextExpiry() const {
     return std::min({engine, settling, retryTime_, leaveDeadline_});
 }
 
-void IgmpHostPort::timeIs(double now) {
+void IgmpHostPort::advance(double now) {
     if (!socket_ && retryTime_ <= now) {
         retryTime_ = Nex::never;
         doApplySettings(now);
     }
-    if (!congested()) engine_.timeIs(now);
+    if (!congested()) engine_.advance(now);
     doFlushSocket(now);
     doPublishCounters();
 }
@@ -203,7 +203,7 @@ void IgmpHostPort::doGiveSettings(Location const& here, double now) {
     settings_.localAddresses.clear();
     for (KernelAddress const& address : kernel.addresses)
         settings_.localAddresses.push_back(address.local);
-    engine_.settingsIs(now, settings_);
+    engine_.setSettings(now, settings_);
 }
 
 /// Leaves what could not be left before. An interface that is configured waits for its entity,
@@ -266,13 +266,13 @@ void IgmpHostPort::doApplyGroups() {
 
 void IgmpHostPort::doApplyGroup(Lox::IpAddr group) {
     Igmp::IgmpV3GroupRecord const* const record = host() ? host()->v3group(group) : nullptr;
-    if (!record) return engine_.groupDel(group);
+    if (!record) return engine_.removeGroup(group);
     sources_.clear();
     if (record->source())
         for (auto const& item : record->source()->sourceIp())
             if (item.value != 0) sources_.push_back(item.key);
     bool const include = record->filterMode() == Lox::IgmpV3GroupRecordType::modeIsInclude;
-    engine_.groupIs(group, include ? FilterMode::include : FilterMode::exclude, sources_);
+    engine_.setGroup(group, include ? FilterMode::include : FilterMode::exclude, sources_);
 }
 
 // Packets
@@ -288,7 +288,7 @@ void IgmpHostPort::handleSocket(std::uint32_t events) {
 void IgmpHostPort::send(std::span<std::uint8_t const> ipPacket) {
     if (!socket_) return;
     if (socket_->queued() == PacketSocket::longestQueue) socket_->flush(EventLoop::now());
-    socket_->packetIs(ipPacket);
+    socket_->enqueue(ipPacket);
 }
 
 void IgmpHostPort::warn(std::string const& text) { log(LogLevel::warning, "{}: {}", name_, text); }
@@ -299,7 +299,7 @@ void IgmpHostPort::doFlushSocket(double now) {
     retryTime_ = error == ENOBUFS ? now + resendSeconds : Nex::never;
     std::uint32_t const events = error == EAGAIN ? EPOLLIN | EPOLLOUT : EPOLLIN;
     if (events != awaited_)
-        loop_.descriptorIs(socket_->fd(), events, [this](std::uint32_t e) { handleSocket(e); });
+        loop_.watch(socket_->fd(), events, [this](std::uint32_t e) { handleSocket(e); });
     awaited_ = events;
     doLogDrops(now);
 }

@@ -52,11 +52,11 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     /// network, or to none.
     bool fits(std::string const& vrf) const;
     /// Announces what the entity asks for, in that VRF, in place of whatever was announced before.
-    void hostIs(Nex::Ptr<Igmp::IgmpHost> host, std::string const& vrf);
+    void attach(Nex::Ptr<Igmp::IgmpHost> host, std::string const& vrf);
     /// The counters go here from now on.
-    void statusIs(Nex::Ptr<Igmp::IgmpHostStatus> status) { status_ = std::move(status); }
+    void setStatus(Nex::Ptr<Igmp::IgmpHostStatus> status) { status_ = std::move(status); }
     /// The entity is gone: leaves every group, if the interface can still be heard.
-    void hostDel(double now);
+    void detach(double now);
     /// Whether there is no entity and nothing that could still be left. `ending`: nor will be.
     bool finished(double now, bool ending);
     /// Whether it is finished all the same, and a later run may leave what this one could not.
@@ -64,9 +64,9 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
 
     /// What routers may hold from an earlier run that ended without leaving, when version `version`
     /// was spoken.
-    void formerAdd(RecordList const& groups, unsigned version);
-    bool heldRecordsAdd(RecordList& groups, HostEngine::HeldPlace& place, std::size_t most) const {
-        return engine_.heldRecordsAdd(groups, place, most);
+    void addFormer(RecordList const& groups, unsigned version);
+    bool addHeldRecords(RecordList& groups, HostEngine::HeldPlace& place, std::size_t most) const {
+        return engine_.addHeldRecords(groups, place, most);
     }
     bool takeHeldChange() { return engine_.takeHeldChange(); }
     unsigned version() const { return engine_.version(); }
@@ -77,7 +77,7 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     /// The end of a turn of the event loop.
     void handleTurn(double now);
     double nextExpiry() const;
-    void timeIs(double now);
+    void advance(double now);
     /// What the engine and the socket have counted.
     nlohmann::json statusJson() const;
 

@@ -14,7 +14,7 @@ constexpr unsigned mostTold = 20;
 
 } // namespace
 
-void Obstacles::reasonIs(std::string const& subject, std::string const& reason, LogLevel level) {
+void Obstacles::report(std::string const& subject, std::string const& reason, LogLevel level) {
     std::string const name = printable(subject);
     auto const known = obstacles_.find(name);
     if (known == obstacles_.end() ? reason.empty() : known->second.reason == printable(reason))
@@ -30,7 +30,7 @@ void Obstacles::reasonIs(std::string const& subject, std::string const& reason, 
     if (++begun_ <= mostTold) log(level, "{}: {}", name, obstacles_[name].reason);
 }
 
-void Obstacles::reasonDel(std::string const& subject) {
+void Obstacles::clear(std::string const& subject) {
     if (obstacles_.erase(printable(subject)) != 0) changed_ = true;
 }
 

@@ -18,10 +18,10 @@ class Obstacles {
 
     /// Why `subject` cannot be used, such as "is down"; empty once it can be. What is known already
     /// is not told again.
-    void reasonIs(std::string const& subject, std::string const& reason,
-                  LogLevel level = LogLevel::warning);
+    void report(std::string const& subject, std::string const& reason,
+                LogLevel level = LogLevel::warning);
     /// There is no such subject any more.
-    void reasonDel(std::string const& subject);
+    void clear(std::string const& subject);
     /// The end of a turn of the event loop, of which only so many lines go into the log.
     void handleTurn();
     /// By subject; printable ASCII only.

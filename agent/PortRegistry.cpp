@@ -51,8 +51,8 @@ void PortRegistry::handleHost(Nex::Name const& name) {
         throw;
     }
     Nex::Ptr<IgmpHostPort> const port = known->second;
-    port->hostIs(host, vrf);
-    port->statusIs(state_.hostStatusDir->igmpHostStatusIs(name));
+    port->attach(host, vrf);
+    port->setStatus(state_.hostStatusDir->igmpHostStatusIs(name));
     observer_(name, true);
 }
 
@@ -60,7 +60,7 @@ void PortRegistry::doWithdraw(Nex::Name const& name) {
     auto const gone = ports_.find(name);
     Nex::Ptr<IgmpHostPort> const port = gone->second;
     absent_.insert(ports_.extract(gone));
-    port->hostDel(EventLoop::now());
+    port->detach(EventLoop::now());
     state_.hostStatusDir->igmpHostStatusDel(name);
     observer_(name, false);
 }
@@ -74,10 +74,10 @@ Nex::Ptr<IgmpHostPort> PortRegistry::portFor(std::string const& name, std::strin
     return Nex::newObject<IgmpHostPort>(loop_, name, vrf, locate_);
 }
 
-void PortRegistry::formerAdd(std::vector<InterfaceState> const& former) {
+void PortRegistry::addFormer(std::vector<InterfaceState> const& former) {
     for (InterfaceState const& interface : former) {
         auto const port = portFor(interface.name, interface.vrf);
-        port->formerAdd(interface.groups, interface.version);
+        port->addFormer(interface.groups, interface.version);
         absent_.emplace(interface.name, port);
     }
 }
@@ -115,11 +115,11 @@ class PortRegistry::HeldWalk {
         InterfaceState interface {
             name_, port.vrf(), port.version(), {}
         };
-        if (!port.heldRecordsAdd(interface.groups, place_, mostGroupsAtOnce)) {
+        if (!port.addHeldRecords(interface.groups, place_, mostGroupsAtOnce)) {
             ++port_;
             place_ = {};
         }
-        if (interface.groups.size() > 0) text.interfaceAdd(interface);
+        if (interface.groups.size() > 0) text.addInterface(interface);
         return true;
     }
 
@@ -185,9 +185,9 @@ double PortRegistry::nextExpiry() const {
     return next;
 }
 
-void PortRegistry::timeIs(double now) {
+void PortRegistry::advance(double now) {
     Nex::FirstError const error = doForPorts([&](IgmpHostPort& port) {
-        if (port.nextExpiry() <= now) port.timeIs(now);
+        if (port.nextExpiry() <= now) port.advance(now);
     });
     error.rethrow();
 }
@@ -198,7 +198,7 @@ void PortRegistry::doEnd(double now) {
     ending_ = true;
     while (!ports_.empty()) absent_.insert(ports_.extract(ports_.begin()));
     Nex::FirstError const error = doForPorts([&](IgmpHostPort& port) {
-        if (port.host()) port.hostDel(now);
+        if (port.host()) port.detach(now);
     });
     doForgetFinished(now);
     error.rethrow();

@@ -33,7 +33,7 @@ class PortRegistry : public Nex::PtrInterface {
 
     /// What routers may hold from an earlier run, to be left unless it is wanted again. To be told
     /// before any entity is there.
-    void formerAdd(std::vector<InterfaceState> const& former);
+    void addFormer(std::vector<InterfaceState> const& former);
     /// Tells what routers may hold, interfaces in the order of their names and some groups at each
     /// call. Ports and groups may come and go meanwhile.
     StateKeeper::Next heldWalk() const;
@@ -54,7 +54,7 @@ class PortRegistry : public Nex::PtrInterface {
     void handleConfiguration();
     void handleTurn(double now);
     double nextExpiry() const;
-    void timeIs(double now);
+    void advance(double now);
     /// Leaves all groups everywhere, for a shutdown: no interface is opened from now on. The time
     /// goes on to be told.
     void doEnd(double now);

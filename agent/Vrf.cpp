@@ -24,7 +24,7 @@ Vrf::Vrf(IgmpHostProxy::PlatformState& state, EventLoop& loop, Obstacles& obstac
 
 Vrf::~Vrf() {
     doStop();
-    obstacles_.reasonDel(subject());
+    obstacles_.clear(subject());
 }
 
 void Vrf::handleNamespace() {
@@ -39,20 +39,20 @@ void Vrf::doRetry() {
             watch_ = std::make_unique<NamespaceWatch>(loop_, *namespaceName_,
                                                       [this] { handleNamespace(); });
         if (watch_->namespaceFd() >= 0) doStart(watch_->namespaceFd());
-        obstacleIs(watch_->obstacle());
+        setObstacle(watch_->obstacle());
     } catch (std::exception const& error) {
         doStop();
-        obstacleIs(error.what());
+        setObstacle(error.what());
     }
 }
 
 std::string Vrf::subject() const { return "VRF " + name_.stringValue(); }
 
 /// Its interfaces share what stands in its way.
-void Vrf::obstacleIs(std::string obstacle) {
+void Vrf::setObstacle(std::string obstacle) {
     if (obstacle == obstacle_) return;
     obstacle_ = std::move(obstacle);
-    obstacles_.reasonIs(subject(), obstacle_, LogLevel::error);
+    obstacles_.report(subject(), obstacle_, LogLevel::error);
     for (std::string const& name : proxies_) observer_(name);
 }
 
@@ -73,7 +73,7 @@ void Vrf::doStart(int namespaceFd) {
     routes_ = std::make_unique<KernelRoutes>(
         loop_,
         [this](Lox::IpAddr source, Lox::IpAddr group, bool announced) {
-            writer_->routeIs(source, group, announced);
+            writer_->write(source, group, announced);
         },
         namespaceFd);
     filter_ = RouteFilter();
@@ -108,7 +108,8 @@ void Vrf::handleInterface(std::string const& name) {
     observer_(name);
 }
 
-void Vrf::routePolicyIs(ForwardingTableConfiguration const& policy, std::set<std::string> proxies) {
+void Vrf::setRoutePolicy(ForwardingTableConfiguration const& policy,
+                         std::set<std::string> proxies) {
     policy_ = policy;
     proxies_ = std::move(proxies);
     doFilterRoutes();
@@ -123,7 +124,7 @@ void Vrf::doFilterRoutes() {
         if (int const ifindex = interfaces_->device(name).ifindex; ifindex != 0)
             filter.proxyInterfaces.insert(ifindex);
     if (filter == filter_) return;
-    routes_->filterIs(filter);
+    routes_->setFilter(filter);
     filter_ = std::move(filter);
 }
 

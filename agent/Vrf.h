@@ -51,11 +51,11 @@ class Vrf {
     /// Writes interfaces and routes once more, and reads them again from the kernel.
     void doRenew();
     /// Which routes to announce, and the names of this VRF's proxy interfaces.
-    void routePolicyIs(ForwardingTableConfiguration const& policy, std::set<std::string> proxies);
+    void setRoutePolicy(ForwardingTableConfiguration const& policy, std::set<std::string> proxies);
 
   private:
     void handleNamespace();
-    void obstacleIs(std::string obstacle);
+    void setObstacle(std::string obstacle);
     std::string subject() const;
     void doStart(int namespaceFd);
     void handleInterface(std::string const& name);

@@ -36,7 +36,7 @@ void VrfRegistry::doAdd(std::string const& name, std::optional<std::string> name
         [this, name](std::string const& interface) { return vrfOf(interface) == name; }, observer_);
 }
 
-void VrfRegistry::configurationIs(Configuration const& configuration) {
+void VrfRegistry::applyConfiguration(Configuration const& configuration) {
     std::map<std::string, std::string> vrfOfInterface;
     std::map<std::string, std::set<std::string>> proxies;
     for (auto const& item : vrfOfInterface_) changed_.insert(item.first);
@@ -57,12 +57,12 @@ void VrfRegistry::configurationIs(Configuration const& configuration) {
     for (auto const& [name, namespaceName] : configuration.vrfs)
         if (!vrfs_.contains(name)) doAdd(name, namespaceName);
     for (auto const& [name, vrf] : vrfs_)
-        vrf->routePolicyIs(configuration.forwardingTable, proxies[name]);
+        vrf->setRoutePolicy(configuration.forwardingTable, proxies[name]);
     doRetry();
 }
 
 void VrfRegistry::doRetry() {
-    retry_.delayIs(reopenSeconds);
+    retry_.arm(reopenSeconds);
     for (auto const& item : vrfs_) item.second->doRetry();
 }
 
@@ -95,11 +95,11 @@ void VrfRegistry::handleTurn() {
     std::erase_if(changed_, [this](std::string const& name) {
         auto const vrf = vrfs_.find(vrfOf(name));
         if (vrf == vrfs_.end()) {
-            obstacles_.reasonDel(name);
+            obstacles_.clear(name);
             return true;
         }
         std::optional<std::string> const obstacle = vrf->second->obstacle(name);
-        if (obstacle) obstacles_.reasonIs(name, *obstacle);
+        if (obstacle) obstacles_.report(name, *obstacle);
         return obstacle.has_value();
     });
 }

@@ -22,7 +22,7 @@ class VrfRegistry {
 
     /// Adds, replaces and removes VRFs, and moves interfaces between them; whatever stays is not
     /// touched.
-    void configurationIs(Configuration const& configuration);
+    void applyConfiguration(Configuration const& configuration);
 
     /// The end of a turn: tells what keeps the interfaces that changed from being used.
     void handleTurn();

@@ -96,7 +96,7 @@ int main(int argc, char** argv) {
     Nex::Owned<IgmpHostProxy::HostStatusPublisher> publisher;
     publisher.make(state.hostDir, state.hostStatusDir.get());
     state.mfibDir->keshCollIs(L3::VrfName(Agent::defaultVrf));
-    Agent::ConfigurationWriter(state).configurationIs(reading.configuration);
+    Agent::ConfigurationWriter(state).applyConfiguration(reading.configuration);
     std::uint32_t ifIndex = 1;
     for (auto const& item : reading.configuration.interfaces)
         makeUsable(state, item.first, ++ifIndex);

@@ -88,17 +88,18 @@ AccessListConfiguration readAccessList(std::vector<TomlSection> const& rules, bo
         auto const rule = RuleReader(section, diagnostics).read();
         if (!sequence || !rule) continue;
         if (!list.emplace(std::uint32_t(*sequence), *rule).second) {
-            diagnostics.errorIs(section.positionOf("sequence"),
-                                fmt::format("{} is the sequence number of two rules, expected each "
-                                            "once",
-                                            *sequence));
+            diagnostics.addError(
+                section.positionOf("sequence"),
+                fmt::format("{} is the sequence number of two rules, expected each "
+                            "once",
+                            *sequence));
             continue;
         }
         if (!attached) continue;
-        diagnostics.infoIs(section.positionOf("destination"),
-                           isDenyAll(*rule) ? "shuts out the groups of the forwarding table"
-                                            : fmt::format("selects {} group{}", groupCount(*rule),
-                                                          groupCount(*rule) == 1 ? "" : "s"));
+        diagnostics.addInfo(section.positionOf("destination"),
+                            isDenyAll(*rule) ? "shuts out the groups of the forwarding table"
+                                             : fmt::format("selects {} group{}", groupCount(*rule),
+                                                           groupCount(*rule) == 1 ? "" : "s"));
     }
     return list;
 }

@@ -145,8 +145,8 @@ class ConfigurationReader {
         interface.requireRouterAlert = section.boolean("require-router-alert");
         interface.ssmOnly = section.boolean("ssm-only");
         if (interface.ssmOnly && interface.igmpVersion < 3)
-            diagnostics_.warningIs(section.positionOf("ssm-only"),
-                                   "ssm-only has no effect, expected igmp-version = 3 with it");
+            diagnostics_.addWarning(section.positionOf("ssm-only"),
+                                    "ssm-only has no effect, expected igmp-version = 3 with it");
     }
 
     void doReadGroups(TomlSection const& groups, InterfaceConfiguration& interface) {
@@ -176,10 +176,11 @@ class ConfigurationReader {
             for (auto const& [sequence, rule] : list->second) groups += groupCount(rule);
         }
         if (groups > mostGroupsUnasked && !interface.largeRanges)
-            diagnostics_.errorIs(section.positionOf("access-lists"),
-                                 fmt::format("access-lists select {} groups, expected up to {}, or "
-                                             "large-ranges = true",
-                                             groups, mostGroupsUnasked));
+            diagnostics_.addError(
+                section.positionOf("access-lists"),
+                fmt::format("access-lists select {} groups, expected up to {}, or "
+                            "large-ranges = true",
+                            groups, mostGroupsUnasked));
     }
 
     std::optional<Lox::IpAddr> readGroup(TomlText const& text) {
@@ -208,10 +209,10 @@ class ConfigurationReader {
                           std::set<Lox::IpAddr>& sources, std::set<Lox::IpAddr> const& others) {
         auto const texts = section.texts(key);
         if (section.has(key) && texts.empty())
-            diagnostics_.errorIs(section.positionOf(key),
-                                 fmt::format("{} holds no source, expected at least one (a group "
-                                             "from any source is written {{}})",
-                                             key));
+            diagnostics_.addError(section.positionOf(key),
+                                  fmt::format("{} holds no source, expected at least one (a group "
+                                              "from any source is written {{}})",
+                                              key));
         for (TomlText const& text : texts) {
             auto const source = parseAddress(text.value);
             if (!source || !isUnicastHost(*source))
@@ -242,7 +243,7 @@ class ConfigurationReader {
     }
 
     void doWarn(TomlText const& found, std::string const& text) {
-        diagnostics_.warningIs(found.position, fmt::format("{} {}", inQuotes(found.value), text));
+        diagnostics_.addWarning(found.position, fmt::format("{} {}", inQuotes(found.value), text));
     }
 
     Configuration& configuration_;
@@ -318,7 +319,7 @@ ConfigurationReading configurationRead(std::string const& file) {
         return configurationParse(fileContent(file), file);
     } catch (std::runtime_error const& error) {
         Diagnostics diagnostics(file);
-        diagnostics.errorIs({}, std::string("cannot be read: ") + error.what());
+        diagnostics.addError({}, std::string("cannot be read: ") + error.what());
         return {{}, diagnostics.take()};
     }
 }

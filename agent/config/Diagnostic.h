@@ -34,13 +34,13 @@ class Diagnostics {
     explicit Diagnostics(std::string file) : file_(std::move(file)) {}
 
     void add(Diagnostic::Level level, Position position, std::string const& text);
-    void errorIs(Position position, std::string const& text) {
+    void addError(Position position, std::string const& text) {
         add(Diagnostic::Level::error, position, text);
     }
-    void warningIs(Position position, std::string const& text) {
+    void addWarning(Position position, std::string const& text) {
         add(Diagnostic::Level::warning, position, text);
     }
-    void infoIs(Position position, std::string const& text) {
+    void addInfo(Position position, std::string const& text) {
         add(Diagnostic::Level::info, position, text);
     }
 

@@ -122,21 +122,21 @@ std::string wordsOf(toml::parse_error const& error, std::string_view text) {
 } // namespace
 
 void reportFound(TomlText const& found, std::string_view expected, Diagnostics& diagnostics) {
-    diagnostics.errorIs(found.position,
-                        fmt::format("{} found, expected {}", inQuotes(found.value), expected));
+    diagnostics.addError(found.position,
+                         fmt::format("{} found, expected {}", inQuotes(found.value), expected));
 }
 
 std::optional<toml::table> tomlParse(std::string_view text, Diagnostics& diagnostics) {
     if (unsigned const line = DotCounter(text).tooDeepLine()) {
-        diagnostics.errorIs({line, 1}, fmt::format("more than {} dots outside strings, expected "
-                                                   "keys of a few parts",
-                                                   mostDotsInLine));
+        diagnostics.addError({line, 1}, fmt::format("more than {} dots outside strings, expected "
+                                                    "keys of a few parts",
+                                                    mostDotsInLine));
         return std::nullopt;
     }
     try {
         return toml::parse(text);
     } catch (toml::parse_error const& error) {
-        diagnostics.errorIs(begin(error.source()), wordsOf(error, text));
+        diagnostics.addError(begin(error.source()), wordsOf(error, text));
     }
     return std::nullopt;
 }
@@ -163,12 +163,12 @@ void TomlSection::checkKeys(std::string_view named) const {
         if (!named.empty() && table_->get(key.value)->is_table())
             text += fmt::format("; a name with a dot stands in quotes: {}",
                                 inQuotes(fmt::format("{}.{}", named, key.value)));
-        diagnostics_->errorIs(key.position, text);
+        diagnostics_->addError(key.position, text);
     }
     for (Key const& key : known_->keys)
         if (key.required && !has(key.name))
-            diagnostics_->errorIs(position(),
-                                  fmt::format("no key {} found, expected one", key.name));
+            diagnostics_->addError(position(),
+                                   fmt::format("no key {} found, expected one", key.name));
 }
 
 Key const& TomlSection::described(std::string_view key) const {
@@ -269,14 +269,15 @@ std::vector<TomlSection> TomlSection::sections(std::string_view key, KeyTable co
 
 void TomlSection::doReportType(std::string_view key, toml::node const& found,
                                char const* expected) const {
-    diagnostics_->errorIs(begin(found.source()), fmt::format("{} is {}, expected {}", inQuotes(key),
-                                                             typeName(found), expected));
+    diagnostics_->addError(
+        begin(found.source()),
+        fmt::format("{} is {}, expected {}", inQuotes(key), typeName(found), expected));
 }
 
 template <class Value>
 void TomlSection::doReportRange(Key const& key, toml::node const& found, Value value) const {
-    diagnostics_->errorIs(begin(found.source()),
-                          fmt::format("{} is {}, expected {}", key.name, value, rangeText(key)));
+    diagnostics_->addError(begin(found.source()),
+                           fmt::format("{} is {}, expected {}", key.name, value, rangeText(key)));
 }
 
 toml::array const* TomlSection::array(std::string_view key, char const* expected) const {

@@ -50,24 +50,24 @@ void readGroup(StateReader& reader, RecordList& groups) {
     Lox::IpAddr const group = reader.address();
     if (!group.isMulticast()) throw Nex::ParseException("a group is not multicast");
     auto const head = std::uint32_t(reader.number(4));
-    groups.recordAdd(head & excludeBit ? RecordType::isEx : RecordType::isIn, group);
+    groups.addRecord(head & excludeBit ? RecordType::isEx : RecordType::isIn, group);
     for (std::uint32_t left = head & ~excludeBit; left > 0; --left)
-        groups.sourceAdd(reader.address());
+        groups.addSource(reader.address());
 }
 
 } // namespace
 
 StateText::StateText() : checksum_(emptyChecksum) {
     text_ = magic;
-    numberAdd(formatVersion, 4);
+    addNumber(formatVersion, 4);
 }
 
-void StateText::interfaceAdd(InterfaceState const& interface) {
-    textAdd(interface.name);
-    textAdd(interface.vrf);
-    numberAdd(interface.version, 1);
+void StateText::addInterface(InterfaceState const& interface) {
+    addText(interface.name);
+    addText(interface.vrf);
+    addNumber(interface.version, 1);
     std::size_t const countAt = text_.size();
-    numberAdd(0, 4);
+    addNumber(0, 4);
     std::uint32_t count = 0;
     for (std::size_t i = 0; i < interface.groups.size(); ++i) {
         GroupRecord const record = interface.groups.record(i);
@@ -76,17 +76,17 @@ void StateText::interfaceAdd(InterfaceState const& interface) {
             truncated_ = true;
             break;
         }
-        numberAdd(record.group.host(), 4);
-        numberAdd(record.sources.size() | (record.type == RecordType::isEx ? excludeBit : 0), 4);
-        for (Lox::IpAddr const source : record.sources) numberAdd(source.host(), 4);
+        addNumber(record.group.host(), 4);
+        addNumber(record.sources.size() | (record.type == RecordType::isEx ? excludeBit : 0), 4);
+        for (Lox::IpAddr const source : record.sources) addNumber(source.host(), 4);
         ++count;
     }
     for (unsigned i = 0; i < 4; ++i) text_[countAt + i] = char(count >> (24 - 8 * i));
 }
 
 void StateText::endAdd() {
-    numberAdd(0, 1);
-    numberAdd(checksumOf(text_, checksum_), checksumOctets);
+    addNumber(0, 1);
+    addNumber(checksumOf(text_, checksum_), checksumOctets);
 }
 
 std::string StateText::take() {
@@ -95,12 +95,12 @@ std::string StateText::take() {
     return std::exchange(text_, {});
 }
 
-void StateText::textAdd(std::string const& text) {
-    numberAdd(text.size(), 1);
+void StateText::addText(std::string const& text) {
+    addNumber(text.size(), 1);
     text_ += text;
 }
 
-void StateText::numberAdd(std::uint64_t number, unsigned octets) {
+void StateText::addNumber(std::uint64_t number, unsigned octets) {
     while (octets-- > 0) text_ += char(number >> (8 * octets));
 }
 

@@ -30,7 +30,7 @@ class StateText {
     StateText();
     /// Leaves out groups that would make the file longer than mostOctets. An interface may be added
     /// several times, with some of its groups each.
-    void interfaceAdd(InterfaceState const& interface);
+    void addInterface(InterfaceState const& interface);
     /// Whether any was left out.
     bool truncated() const { return truncated_; }
     /// Nothing is added afterwards.
@@ -42,8 +42,8 @@ class StateText {
     static constexpr std::size_t mostOctets = 16 << 20;
 
   private:
-    void textAdd(std::string const& text);
-    void numberAdd(std::uint64_t number, unsigned octets);
+    void addText(std::string const& text);
+    void addNumber(std::uint64_t number, unsigned octets);
 
     std::string text_;
     std::size_t takenOctets_ = 0;

@@ -26,7 +26,7 @@ StateKeeper::StateKeeper(EventLoop& loop, std::string file, std::function<Next()
 
 void StateKeeper::handleChange() {
     if (std::exchange(changed_, true) || writing_ || file_.empty()) return;
-    alarm_.delayIs(std::max(gatherSeconds, restUntil_ - EventLoop::now()));
+    alarm_.arm(std::max(gatherSeconds, restUntil_ - EventLoop::now()));
 }
 
 void StateKeeper::handleAlarm() {
@@ -35,7 +35,7 @@ void StateKeeper::handleAlarm() {
     try {
         if (!doSlice(start + sliceSeconds)) {
             workSeconds_ += EventLoop::now() - start;
-            return alarm_.delayIs(0);
+            return alarm_.arm(0);
         }
         workSeconds_ += EventLoop::now() - start;
         doEnd(restFactor * workSeconds_);

@@ -14,7 +14,7 @@ void StatusFile::doWrite() {
     if (stream_)
         again_ = true;
     else
-        slice_.delayIs(0);
+        slice_.arm(0);
 }
 
 void StatusFile::doSlice() {
@@ -33,7 +33,7 @@ void StatusFile::doSlice() {
         throw;
     }
     if (more)
-        slice_.delayIs(0);
+        slice_.arm(0);
     else
         doEnd();
 }
@@ -41,7 +41,7 @@ void StatusFile::doSlice() {
 void StatusFile::doEnd() {
     stream_.reset();
     file_.reset();
-    if (std::exchange(again_, false)) slice_.delayIs(0);
+    if (std::exchange(again_, false)) slice_.arm(0);
 }
 
 } // namespace Agent

@@ -47,14 +47,14 @@ void GroupQueue::del(TimedLink& link) {
     link.queue = nullptr;
 }
 
-void GroupEntry::changeDel() {
+void GroupEntry::dropChange() {
     GroupQueue::del(change);
-    group.changeDel();
+    group.dropChange();
 }
 
-void GroupEntry::answerDel() {
+void GroupEntry::dropAnswer() {
     GroupQueue::del(answer);
-    group.askedDel();
+    group.forgetAsked();
 }
 
 GroupEntry* GroupQueue::first(double now) const {

@@ -78,8 +78,8 @@ struct GroupEntry {
 
     explicit GroupEntry(Lox::IpAddr address) : group(address) {}
     /// Nothing is owed about it any more: no change, or no answer.
-    void changeDel();
-    void answerDel();
+    void dropChange();
+    void dropAnswer();
 
     HostGroup group;
     TimedLink change{this};    ///< next report of a change; before version 3, of any but `answer`

@@ -34,17 +34,17 @@ class RecordList {
         sources_.clear();
     }
     /// Opens a record; the sources added from now on are its own.
-    void recordAdd(RecordType type, Lox::IpAddr group) {
+    void addRecord(RecordType type, Lox::IpAddr group) {
         records_.push_back({type, group, sources_.size()});
     }
-    void sourceAdd(Lox::IpAddr source) { sources_.push_back(source); }
+    void addSource(Lox::IpAddr source) { sources_.push_back(source); }
     /// Adds a copy of a record of another list.
-    void recordAdd(GroupRecord const& record) {
-        recordAdd(record.type, record.group);
+    void addRecord(GroupRecord const& record) {
+        addRecord(record.type, record.group);
         sources_.insert(sources_.end(), record.sources.begin(), record.sources.end());
     }
     /// Takes the record opened last back if it has no source.
-    void emptyRecordDel() {
+    void dropEmptyRecord() {
         if (records_.back().firstSource == sources_.size()) records_.pop_back();
     }
 

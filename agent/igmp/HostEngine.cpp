@@ -17,10 +17,10 @@ constexpr double leaveTicksPerSecond = 128;
 } // namespace
 
 HostEngine::HostEngine(Output& output, std::mt19937 random) : output_(output), random_(random) {
-    budget_.limitIs(settings_.packetsPer100ms);
+    budget_.setLimit(settings_.packetsPer100ms);
 }
 
-void HostEngine::settingsIs(double now, Settings const& settings) {
+void HostEngine::setSettings(double now, Settings const& settings) {
     bool moved = settings.address != settings_.address;
     unsigned before = version_;
     settings_ = settings;
@@ -31,13 +31,14 @@ void HostEngine::settingsIs(double now, Settings const& settings) {
     if (settings_.version < 3) heardRobustness_ = 0;
     if (settings_.ssmOnly) v1QuerierExpiry_ = v2QuerierExpiry_ = never;
     settings_.packetsPer100ms = std::max(settings.packetsPer100ms, 1u);
-    budget_.limitIs(settings_.packetsPer100ms);
+    budget_.setLimit(settings_.packetsPer100ms);
     handleVersion(now);
     if (moved || version_ != before) doAnnounceAll(now);
     doSend(now);
 }
 
-void HostEngine::groupIs(Lox::IpAddr group, FilterMode mode, std::span<Lox::IpAddr const> sources) {
+void HostEngine::setGroup(Lox::IpAddr group, FilterMode mode,
+                          std::span<Lox::IpAddr const> sources) {
     if (!group.isMulticast() || group == allSystems) return;
     GroupEntry& entry = groups_.try_emplace(group, group).first->second;
     Wish wish{&entry, mode, wishSources_.size(), 0};
@@ -55,11 +56,11 @@ void HostEngine::groupIs(Lox::IpAddr group, FilterMode mode, std::span<Lox::IpAd
 }
 
 void HostEngine::groupDelAll() {
-    for (auto& [address, entry] : groups_) groupDel(address);
+    for (auto& [address, entry] : groups_) removeGroup(address);
 }
 
-void HostEngine::groupDel(Lox::IpAddr group) {
-    if (groups_.count(group) > 0) groupIs(group, FilterMode::include, {});
+void HostEngine::removeGroup(Lox::IpAddr group) {
+    if (groups_.count(group) > 0) setGroup(group, FilterMode::include, {});
 }
 
 void HostEngine::flush(double now) {
@@ -96,7 +97,7 @@ void HostEngine::doApply(double now, Wish const& wish) {
     bool wasMember = group.hasState();
     unsigned reports = group.repeats();
     std::size_t octets = group.stateOctets();
-    bool changed = group.stateIs(refused ? FilterMode::include : wish.mode, sources, robustness());
+    bool changed = group.setState(refused ? FilterMode::include : wish.mode, sources, robustness());
     stateOctets_ += group.stateOctets() - octets;
     bool joinedOrLeft = group.hasState() != wasMember;
     if (joinedOrLeft && wasMember) {
@@ -108,10 +109,10 @@ void HostEngine::doApply(double now, Wish const& wish) {
     }
     if (version_ < 3) { // only membership counts
         changed = joinedOrLeft;
-        group.repeatsIs(joinedOrLeft ? robustness() : reports);
+        group.setRepeats(joinedOrLeft ? robustness() : reports);
     }
     if (!linkUp_)
-        group.changeDel();
+        group.dropChange();
     else if (changed && entry.change.queue != &fresh_)
         fresh_.add(entry.change, now, now);
     heldChanged_ |= changed;
@@ -157,9 +158,9 @@ void HostEngine::doCancel() {
 void HostEngine::doDrop(GroupQueue& queue) {
     while (GroupEntry* entry = queue.first()) {
         if (&queue == &answers_)
-            entry->answerDel();
+            entry->dropAnswer();
         else
-            entry->changeDel();
+            entry->dropChange();
         doRelease(*entry);
     }
 }
@@ -170,7 +171,7 @@ void HostEngine::doAnnounceAll(double now) {
     for (auto& [address, entry] : groups_) {
         if (!entry.group.hasState()) continue;
         if (version_ < 3)
-            entry.group.repeatsIs(robustness());
+            entry.group.setRepeats(robustness());
         else
             entry.group.announce(robustness());
         if (entry.change.queue != &fresh_) fresh_.add(entry.change, now, now);
@@ -195,7 +196,7 @@ double HostEngine::nextExpiry() const {
                      v2QuerierExpiry_});
 }
 
-void HostEngine::timeIs(double now) {
+void HostEngine::advance(double now) {
     handleVersion(now);
     if (generalDue_ <= now) {
         // What an earlier answer has yet to name comes first, so that no number of queries keeps
@@ -212,7 +213,7 @@ void HostEngine::timeIs(double now) {
 void HostEngine::linkDown(double now) {
     if (linkUp_) {
         doReckonFormer(now); // so that no group stands in it twice, however often the link goes
-        for (auto const& [address, entry] : groups_) heldRecordAdd(former_, entry.group);
+        for (auto const& [address, entry] : groups_) addHeldRecord(former_, entry.group);
         heldChanged_ = true;
     }
     linkUp_ = false;
@@ -226,7 +227,7 @@ void HostEngine::linkDown(double now) {
     leaveDue_ = never;
     while (GroupEntry* entry = leaving_.first()) {
         entry->walk.unlink();
-        entry->group.changeDel();
+        entry->group.dropChange();
         doRelease(*entry);
     }
 }
@@ -239,31 +240,31 @@ void HostEngine::linkUp(double now) {
     doSend(now);
 }
 
-void HostEngine::formerAdd(RecordList const& records) {
-    for (std::size_t i = 0; i < records.size(); ++i) former_.recordAdd(records.record(i));
+void HostEngine::addFormer(RecordList const& records) {
+    for (std::size_t i = 0; i < records.size(); ++i) former_.addRecord(records.record(i));
 }
 
-bool HostEngine::heldRecordsAdd(RecordList& records, HeldPlace& place, std::size_t most) const {
+bool HostEngine::addHeldRecords(RecordList& records, HeldPlace& place, std::size_t most) const {
     // Where the groups have found another order, they are told once more.
     if (place.buckets != groups_.bucket_count()) place = {groups_.bucket_count(), 0};
     for (; most > 0; --most, ++place.at) {
         if (place.at < place.buckets) {
             for (auto at = groups_.begin(place.at); linkUp_ && at != groups_.end(place.at); ++at)
-                heldRecordAdd(records, at->second.group);
+                addHeldRecord(records, at->second.group);
         } else {
             std::size_t const former = place.at - place.buckets;
             if (former >= former_.size()) return false;
-            records.recordAdd(former_.record(former));
+            records.addRecord(former_.record(former));
         }
     }
     return true;
 }
 
-void HostEngine::heldRecordAdd(RecordList& records, HostGroup const& group) const {
+void HostEngine::addHeldRecord(RecordList& records, HostGroup const& group) const {
     if (version_ == 3)
-        group.heldRecordAdd(records);
+        group.addHeldRecord(records);
     else if (group.hasState() || group.hasChange())
-        records.recordAdd(RecordType::isEx, group.group()); // all that those versions can say
+        records.addRecord(RecordType::isEx, group.group()); // all that those versions can say
 }
 
 void HostEngine::formerEnd(double now) {
@@ -280,9 +281,9 @@ void HostEngine::doReckonFormer(double now) {
         bool owed = false;
         if (version_ == 3) {
             auto mode = record.type == RecordType::isEx ? FilterMode::exclude : FilterMode::include;
-            owed = group.formerIs(mode, record.sources, robustness());
+            owed = group.setFormer(mode, record.sources, robustness());
         } else if (!group.hasState()) { // only membership counts
-            group.repeatsIs(robustness());
+            group.setRepeats(robustness());
             owed = entry.lastReporter = true; // as far as anybody knows
         }
         if (owed && entry.change.queue != &fresh_) fresh_.add(entry.change, now, now);

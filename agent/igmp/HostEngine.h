@@ -78,13 +78,13 @@ class HostEngine {
     HostEngine& operator=(HostEngine const&) = delete;
 
     /// A new address, or a version that changes what we speak, announces the whole state again.
-    void settingsIs(double now, Settings const& settings);
+    void setSettings(double now, Settings const& settings);
 
     /// The finished wanted state of a group, in force at the next flush(). Sources in any order.
     /// Groups that cannot be reported are ignored: 224.0.0.1 (RFC 9776, 5) and unicast addresses.
-    void groupIs(Lox::IpAddr group, FilterMode mode, std::span<Lox::IpAddr const> sources);
+    void setGroup(Lox::IpAddr group, FilterMode mode, std::span<Lox::IpAddr const> sources);
     /// The group is not wanted any more: INCLUDE{}.
-    void groupDel(Lox::IpAddr group);
+    void removeGroup(Lox::IpAddr group);
     /// No group is wanted any more, but for those that are given again before the next flush().
     void groupDelAll();
     /// The end of a turn: what differs from the last turn is told to the routers.
@@ -94,10 +94,10 @@ class HostEngine {
     /// caller's to discard.
     void received(double now, std::span<std::uint8_t const> ipPacket);
 
-    /// When timeIs() is to be called: absolute seconds, `never` for not at all.
+    /// When advance() is to be called: absolute seconds, `never` for not at all.
     double nextExpiry() const;
     /// Does what is due.
-    void timeIs(double now);
+    void advance(double now);
 
     /// Drops everything pending and forgets older queriers; groups stay wanted. What routers may
     /// hold is remembered as former state.
@@ -107,11 +107,11 @@ class HostEngine {
 
     /// Adds state that routers may hold from an earlier time. It is left only by formerEnd(), for
     /// groups that are wanted again may take some time to come.
-    void formerAdd(RecordList const& records);
+    void addFormer(RecordList const& records);
     bool hasFormer() const { return former_.size() > 0; }
     /// What is wanted is known: former state beyond it is taken back, once the link is up.
     void formerEnd(double now);
-    /// How far heldRecordsAdd() has come. A fresh one stands at the beginning.
+    /// How far addHeldRecords() has come. A fresh one stands at the beginning.
     struct HeldPlace {
         std::size_t buckets = 0;
         std::size_t at = 0;
@@ -119,7 +119,7 @@ class HostEngine {
     /// Appends what routers may hold by about `most` groups from `place` on: IS_IN and IS_EX, a
     /// group possibly more than once. Returns whether there may be more. Between two calls, groups
     /// may come and go.
-    bool heldRecordsAdd(RecordList& records, HeldPlace& place, std::size_t most) const;
+    bool addHeldRecords(RecordList& records, HeldPlace& place, std::size_t most) const;
     /// Whether that has changed since the last call.
     bool takeHeldChange() { return std::exchange(heldChanged_, false); }
 
@@ -164,7 +164,7 @@ class HostEngine {
     void doAnnounceAll(double now);
     void doApplyWishes(double now);
     void doReckonFormer(double now);
-    void heldRecordAdd(RecordList& records, HostGroup const& group) const;
+    void addHeldRecord(RecordList& records, HostGroup const& group) const;
     void doCancel();
     void doDrop(GroupQueue& queue);
     void doRelease(GroupEntry& entry);
@@ -185,7 +185,7 @@ class HostEngine {
     void doSendAnswers(double now);
     void doSendWalk(double now);
     template <class First, class Records, class Taken>
-    std::size_t doFillReport(Counter counter, First first, Records recordsAdd, Taken taken);
+    std::size_t doFillReport(Counter counter, First first, Records addRecords, Taken taken);
     void doTransmit(Counter counter, std::span<std::uint8_t const> packet);
 
     // HostEngineReceive.cpp: queries and the reports of others.

@@ -152,7 +152,7 @@ void HostEngine::doScheduleAnswer(double now, IgmpQuery const& query) {
     // general query stays owed.
     bool sooner = generalDue_ <= due;
     entry.generalServes = (sooner || walkDue_ != never) && (!pending || entry.generalServes);
-    entry.group.askedAdd(query.sources, pending);
+    entry.group.noteAsked(query.sources, pending);
     if (!pending || due < entry.answer.due)
         answers_.add(entry.answer, sooner ? std::max(now, generalDue_) : now, due);
 }
@@ -240,12 +240,12 @@ void HostEngine::handleOlderReport(double now, IgmpDatagram const& datagram) {
     if (entry.group.hasState()) {
         settled_.add(entry.walk);
         if (!repeats && entry.answer.queue == nullptr) return;
-        entry.answerDel();
-        if (repeats) entry.changeDel();
+        entry.dropAnswer();
+        if (repeats) entry.dropChange();
     } else { // somebody else is a member: our leave need not be told again
         if (!repeats && !entry.walk.isLinked()) return;
         entry.walk.unlink();
-        entry.changeDel();
+        entry.dropChange();
     }
     entry.lastReporter = false;
     doRelease(entry);

@@ -65,16 +65,16 @@ void HostEngine::doJob(double now, Job job) {
 /// until they end or do not fit. `taken` takes a group off, which may delete it. The number of
 /// groups.
 template <class First, class Records, class Taken>
-std::size_t HostEngine::doFillReport(Counter counter, First first, Records recordsAdd,
+std::size_t HostEngine::doFillReport(Counter counter, First first, Records addRecords,
                                      Taken taken) {
     ReportBuilder report(settings_.address, settings_.mtu,
                          [&](auto packet) { doTransmit(counter, packet); });
     std::size_t groups = 0;
     while (GroupEntry* entry = first()) {
         records_.clear();
-        recordsAdd(entry->group);
+        addRecords(entry->group);
         if (!report.fits(records_.octets())) break;
-        report.recordsAdd(records_);
+        report.addRecords(records_);
         taken(*entry);
         ++groups;
     }
@@ -87,7 +87,7 @@ void HostEngine::doSendChanges(double now, GroupQueue& queue) {
     double again = now + randomDelay(reportIntervalSeconds());
     doFillReport(
         &HostCounters::v3StateChangeReportSent, [&] { return queue.first(now); },
-        [&](HostGroup const& group) { group.changeRecordsAdd(records_); },
+        [&](HostGroup const& group) { group.addChangeRecords(records_); },
         [&](GroupEntry& entry) {
             GroupQueue::del(entry.change);
             entry.group.changeSent();
@@ -99,9 +99,9 @@ void HostEngine::doSendChanges(double now, GroupQueue& queue) {
 void HostEngine::doSendAnswers(double now) {
     doFillReport(
         &HostCounters::v3CurrentStateReportSent, [&] { return answers_.first(now); },
-        [&](HostGroup const& group) { group.answerRecordsAdd(records_); },
+        [&](HostGroup const& group) { group.addAnswerRecords(records_); },
         [&](GroupEntry& entry) {
-            entry.answerDel();
+            entry.dropAnswer();
             doRelease(entry);
         });
 }
@@ -111,10 +111,10 @@ void HostEngine::doSendAnswers(double now) {
 void HostEngine::doSendWalk(double now) {
     std::size_t named = doFillReport(
         &HostCounters::v3CurrentStateReportSent, [&] { return walking_.first(); },
-        [&](HostGroup const& group) { group.stateRecordAdd(records_); },
+        [&](HostGroup const& group) { group.addStateRecord(records_); },
         [&](GroupEntry& entry) {
             settled_.add(entry.walk);
-            if (entry.generalServes) entry.answerDel();
+            if (entry.generalServes) entry.dropAnswer();
         });
     walkLeft_ -= std::min(named, walkLeft_);
     walkDue_ = never;
@@ -129,7 +129,7 @@ void HostEngine::doSendWalk(double now) {
 void HostEngine::doSendOlderReport(double now, GroupQueue& queue) {
     GroupEntry& entry = *queue.first(now);
     HostGroup& group = entry.group;
-    entry.answerDel();
+    entry.dropAnswer();
     GroupQueue::del(entry.change);
     if (group.hasState()) {
         settled_.add(entry.walk);
@@ -163,7 +163,7 @@ bool HostEngine::doSendOlderLeave(GroupEntry& entry) {
         if (group.hasChange()) return true;
     }
     entry.lastReporter = false;
-    group.changeDel();
+    group.dropChange();
     return false;
 }
 
@@ -206,7 +206,7 @@ std::size_t HostEngine::doSendLeave() {
     }
     return doFillReport(
         &HostCounters::v3StateChangeReportSent, [&] { return leaving_.first(); },
-        [&](HostGroup const& group) { group.changeRecordsAdd(records_); },
+        [&](HostGroup const& group) { group.addChangeRecords(records_); },
         [&](GroupEntry& entry) {
             entry.group.changeSent();
             named(entry, entry.group.hasChange());
@@ -220,7 +220,7 @@ void HostEngine::doTransmit(Counter counter, std::span<std::uint8_t const> packe
         late_.push_back({counter, {packet.begin(), packet.end()}});
         return;
     }
-    budget_.packetInc();
+    budget_.countPacket();
     ++(counters_.*counter);
     output_.send(packet);
 }

@@ -5,8 +5,8 @@
 
 namespace Agent {
 
-bool HostGroup::stateIs(FilterMode mode, std::span<Lox::IpAddr const> sources,
-                        unsigned robustness) {
+bool HostGroup::setState(FilterMode mode, std::span<Lox::IpAddr const> sources,
+                         unsigned robustness) {
     bool modeChanged = mode != mode_;
     bool changed = modeChanged;
     std::vector<Source> next;
@@ -44,8 +44,8 @@ void HostGroup::announce(unsigned robustness) {
     doRecount();
 }
 
-bool HostGroup::formerIs(FilterMode mode, std::span<Lox::IpAddr const> sources,
-                         unsigned robustness) {
+bool HostGroup::setFormer(FilterMode mode, std::span<Lox::IpAddr const> sources,
+                          unsigned robustness) {
     if (mode_ == FilterMode::exclude) return false; // its own TO_EX replaces all there was
     if (mode == FilterMode::exclude) {
         repeats_ = std::uint8_t(robustness);
@@ -70,18 +70,18 @@ bool HostGroup::formerIs(FilterMode mode, std::span<Lox::IpAddr const> sources,
     return !missing.empty();
 }
 
-void HostGroup::heldRecordAdd(RecordList& records) const {
+void HostGroup::addHeldRecord(RecordList& records) const {
     // A change of the mode that is owed still may find EXCLUDE at the routers.
     if (mode_ == FilterMode::exclude || repeats_ > 0)
-        return records.recordAdd(RecordType::isEx, group_);
-    records.recordAdd(RecordType::isIn, group_);
-    for (Source const& source : sources_) records.sourceAdd(source.address);
-    records.emptyRecordDel();
+        return records.addRecord(RecordType::isEx, group_);
+    records.addRecord(RecordType::isIn, group_);
+    for (Source const& source : sources_) records.addSource(source.address);
+    records.dropEmptyRecord();
 }
 
-void HostGroup::changeDel() { repeatsIs(0); }
+void HostGroup::dropChange() { setRepeats(0); }
 
-void HostGroup::repeatsIs(unsigned repeats) {
+void HostGroup::setRepeats(unsigned repeats) {
     repeats_ = std::uint8_t(repeats);
     if (counted_ == 0) return;
     std::erase_if(sources_, [](Source const& source) { return !source.listed; });
@@ -89,10 +89,10 @@ void HostGroup::repeatsIs(unsigned repeats) {
     counted_ = 0;
 }
 
-void HostGroup::changeRecordsAdd(RecordList& records) const {
-    if (repeats_ > 0) return listRecordAdd(records, RecordType::toIn, RecordType::toEx);
-    sourceRecordAdd(records, RecordType::allow);
-    sourceRecordAdd(records, RecordType::block);
+void HostGroup::addChangeRecords(RecordList& records) const {
+    if (repeats_ > 0) return addListRecord(records, RecordType::toIn, RecordType::toEx);
+    addSourceRecord(records, RecordType::allow);
+    addSourceRecord(records, RecordType::block);
 }
 
 void HostGroup::changeSent() {
@@ -104,46 +104,46 @@ void HostGroup::changeSent() {
     doRecount();
 }
 
-void HostGroup::stateRecordAdd(RecordList& records) const {
-    listRecordAdd(records, RecordType::isIn, RecordType::isEx);
+void HostGroup::addStateRecord(RecordList& records) const {
+    addListRecord(records, RecordType::isIn, RecordType::isEx);
 }
 
-void HostGroup::askedAdd(std::span<Lox::IpAddr const> sources, bool pending) {
-    if (sources.empty()) return askedDel();
+void HostGroup::noteAsked(std::span<Lox::IpAddr const> sources, bool pending) {
+    if (sources.empty()) return forgetAsked();
     if (pending && asked_.empty()) return;
     for (Lox::IpAddr source : sources) {
         auto at = std::lower_bound(asked_.begin(), asked_.end(), source);
         if (at != asked_.end() && *at == source) continue;
-        if (asked_.size() == maxAsked) return askedDel();
+        if (asked_.size() == maxAsked) return forgetAsked();
         asked_.insert(at, source);
     }
 }
 
-void HostGroup::answerRecordsAdd(RecordList& records) const {
+void HostGroup::addAnswerRecords(RecordList& records) const {
     if (!hasState()) return;
-    if (asked_.empty()) return stateRecordAdd(records);
-    records.recordAdd(RecordType::isIn, group_);
+    if (asked_.empty()) return addStateRecord(records);
+    records.addRecord(RecordType::isIn, group_);
     auto at = sources_.begin();
     for (Lox::IpAddr address : asked_) {
         while (at != sources_.end() && at->address < address) ++at;
         bool listed = at != sources_.end() && at->address == address && at->listed;
-        if (isWanted(listed)) records.sourceAdd(address);
+        if (isWanted(listed)) records.addSource(address);
     }
-    records.emptyRecordDel();
+    records.dropEmptyRecord();
 }
 
-void HostGroup::listRecordAdd(RecordList& records, RecordType include, RecordType exclude) const {
-    records.recordAdd(mode_ == FilterMode::include ? include : exclude, group_);
+void HostGroup::addListRecord(RecordList& records, RecordType include, RecordType exclude) const {
+    records.addRecord(mode_ == FilterMode::include ? include : exclude, group_);
     for (Source const& source : sources_)
-        if (source.listed) records.sourceAdd(source.address);
+        if (source.listed) records.addSource(source.address);
 }
 
-void HostGroup::sourceRecordAdd(RecordList& records, RecordType type) const {
-    records.recordAdd(type, group_);
+void HostGroup::addSourceRecord(RecordList& records, RecordType type) const {
+    records.addRecord(type, group_);
     for (Source const& source : sources_)
         if (source.repeats > 0 && isWanted(source.listed) == (type == RecordType::allow))
-            records.sourceAdd(source.address);
-    records.emptyRecordDel();
+            records.addSource(source.address);
+    records.dropEmptyRecord();
 }
 
 void HostGroup::doRecount() {

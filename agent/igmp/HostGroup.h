@@ -27,32 +27,32 @@ class HostGroup {
     /// Takes the finished wanted state; `sources` ascending without repetition. What differs from
     /// the state so far is to be told `robustness` times; what earlier changes are still owed
     /// stays owed. Tells whether anything differed.
-    bool stateIs(FilterMode mode, std::span<Lox::IpAddr const> sources, unsigned robustness);
+    bool setState(FilterMode mode, std::span<Lox::IpAddr const> sources, unsigned robustness);
     /// Makes the whole state owed `robustness` times, as if it were new.
     void announce(unsigned robustness);
     /// Routers may still hold this state: what the state as it is now does not replace is owed
     /// `robustness` times. Sources in any order. Tells whether anything is.
-    bool formerIs(FilterMode mode, std::span<Lox::IpAddr const> sources, unsigned robustness);
+    bool setFormer(FilterMode mode, std::span<Lox::IpAddr const> sources, unsigned robustness);
     /// Appends the least state that covers what routers may hold, if they may hold any: IS_IN with
     /// all sources announced or not yet known to be gone, or IS_EX without sources.
-    void heldRecordAdd(RecordList& records) const;
+    void addHeldRecord(RecordList& records) const;
 
     /// Whether a change is still owed.
     bool hasChange() const { return repeats_ > 0 || counted_ > 0; }
     /// Forgets every owed change.
-    void changeDel();
+    void dropChange();
     /// How often the group as a whole is still to be told: the filter mode, or in the older
     /// versions the membership.
     unsigned repeats() const { return repeats_; }
     /// Forgets owed sources; owes the group as a whole that often.
-    void repeatsIs(unsigned repeats);
+    void setRepeats(unsigned repeats);
     /// Appends the records of the owed change, always built from the state as it is now.
-    void changeRecordsAdd(RecordList& records) const;
+    void addChangeRecords(RecordList& records) const;
     /// The owed change went out once more.
     void changeSent();
 
     /// Appends IS_IN or IS_EX with the complete list. Only with hasState().
-    void stateRecordAdd(RecordList& records) const;
+    void addStateRecord(RecordList& records) const;
     /// What that record takes in a report; 0 without state.
     std::size_t stateOctets() const {
         return hasState() ? GroupRecord::headerOctets + GroupRecord::sourceOctets * listed_ : 0;
@@ -60,11 +60,11 @@ class HostGroup {
 
     /// Notes what a query asks about; no sources: about the whole group. `pending`: an earlier
     /// query waits for its answer too. Beyond maxAsked sources the whole group counts as asked.
-    void askedAdd(std::span<Lox::IpAddr const> sources, bool pending);
+    void noteAsked(std::span<Lox::IpAddr const> sources, bool pending);
     /// Forgets it all, and gives back the memory: whoever is on the link may ask.
-    void askedDel() { asked_ = std::vector<Lox::IpAddr>(); }
+    void forgetAsked() { asked_ = std::vector<Lox::IpAddr>(); }
     /// Appends the answer, possibly nothing.
-    void answerRecordsAdd(RecordList& records) const;
+    void addAnswerRecords(RecordList& records) const;
 
     static constexpr std::size_t maxAsked = 64;
 
@@ -76,8 +76,8 @@ class HostGroup {
     };
 
     bool isWanted(bool listed) const { return listed == (mode_ == FilterMode::include); }
-    void listRecordAdd(RecordList& records, RecordType include, RecordType exclude) const;
-    void sourceRecordAdd(RecordList& records, RecordType type) const;
+    void addListRecord(RecordList& records, RecordType include, RecordType exclude) const;
+    void addSourceRecord(RecordList& records, RecordType type) const;
     void doRecount();
 
     std::vector<Source> sources_;    // ascending; listed ones, and others while they are owed

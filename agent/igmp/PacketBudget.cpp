@@ -16,7 +16,7 @@ bool PacketBudget::has(double now) {
     return has();
 }
 
-void PacketBudget::packetInc() {
+void PacketBudget::countPacket() {
     ++sentIn(slot_);
     ++total_;
 }

@@ -10,13 +10,13 @@ namespace Agent {
 class PacketBudget {
   public:
     /// Packets per 100 ms, at least 1. What went out already counts against the new limit.
-    void limitIs(unsigned limit) { limit_ = limit; }
+    void setLimit(unsigned limit) { limit_ = limit; }
     /// Whether a packet may leave now (absolute seconds, never going back).
     bool has(double now);
     /// The same, as of the last has() and what was counted since.
     bool has() const { return total_ < limit_; }
     /// Counts a packet that leaves at the time of the last has().
-    void packetInc();
+    void countPacket();
     /// When the next packet may leave, as of the last has(): absolute seconds, in the past if at
     /// once.
     double nextExpiry() const;

@@ -16,7 +16,7 @@ constexpr std::size_t headOctets = ipHeaderOctets + messageOctets;
 ReportBuilder::ReportBuilder(Lox::IpAddr source, std::size_t mtu, Sink sink)
     : source_(source), sink_(std::move(sink)), packet_(mtu), used_(headOctets) {}
 
-void ReportBuilder::recordsAdd(RecordList const& records) {
+void ReportBuilder::addRecords(RecordList const& records) {
     for (std::size_t i = 0; i < records.size(); ++i) doAdd(records.record(i));
 }
 

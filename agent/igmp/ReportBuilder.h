@@ -26,7 +26,7 @@ class ReportBuilder {
     /// Adds all records of the list. A record that is too big for one report is split over
     /// several, but for IS_EX and TO_EX: their lists cannot be split without changing what they
     /// say, so they name the lowest addresses that fit (RFC 9776, 4.2.17).
-    void recordsAdd(RecordList const& records);
+    void addRecords(RecordList const& records);
     /// Hands over what is packed, if anything. To be called at the end.
     void finish();
 

@@ -57,7 +57,7 @@ Lox::IpAddr KernelInterface::primaryAddress() const {
     return (primary == addresses.end() ? addresses.front() : *primary).local;
 }
 
-std::optional<int> InterfaceTable::messageIs(nlmsghdr const& message) {
+std::optional<int> InterfaceTable::readMessage(nlmsghdr const& message) {
     switch (message.nlmsg_type) {
     case RTM_NEWLINK:
     case RTM_DELLINK:

@@ -51,7 +51,7 @@ class InterfaceTable {
     /// Takes in an rtnetlink message. Returns the index of the interface that it changed, if any.
     /// Messages of other kinds change nothing; for a malformed one throws Nex::ParseException and
     /// stays as it was.
-    std::optional<int> messageIs(nlmsghdr const& message);
+    std::optional<int> readMessage(nlmsghdr const& message);
 
   private:
     std::optional<int> handleLink(nlmsghdr const& message);

@@ -29,8 +29,8 @@ std::set<int> differences(std::map<int, KernelInterface> const& before,
 KernelInterfaces::KernelInterfaces(InterfaceObserver onInterface, int namespaceFd)
     : onInterface_(std::move(onInterface)), netlink_(NETLINK_ROUTE, *this, namespaceFd) {
     // Subscribed first, so that no change falls between the dump and the notifications.
-    netlink_.groupIs(RTNLGRP_LINK);
-    netlink_.groupIs(RTNLGRP_IPV4_IFADDR);
+    netlink_.subscribe(RTNLGRP_LINK);
+    netlink_.subscribe(RTNLGRP_IPV4_IFADDR);
     onReadAgain();
 }
 
@@ -69,15 +69,15 @@ void KernelInterfaces::onDumpsDone() {
 void KernelInterfaces::onReadAgain() {
     overtaken_ = false;
     reading_ = InterfaceTable();
-    netlink_.dumpIs(RTM_GETLINK, ifinfomsg{});
+    netlink_.requestDump(RTM_GETLINK, ifinfomsg{});
     ifaddrmsg addresses{};
     addresses.ifa_family = AF_INET;
-    netlink_.dumpIs(RTM_GETADDR, addresses);
+    netlink_.requestDump(RTM_GETADDR, addresses);
 }
 
 std::optional<int> KernelInterfaces::apply(nlmsghdr const& message, InterfaceTable& table) {
     try {
-        return table.messageIs(message);
+        return table.readMessage(message);
     } catch (Nex::ParseException const& exception) {
         log(LogLevel::warning, "kernel message dropped: {}", exception.what());
         return std::nullopt;

@@ -45,20 +45,19 @@ KernelRoutes::KernelRoutes(EventLoop& loop, RouteTable::Observer onRoute, int na
       review_(loop, [this] { doReview(); }),
       pause_(loop, [this] { doAdvance(); }),
       notifications_(NETLINK_ROUTE, *this, namespaceFd) {
-    notifications_.receiveBufferIs(notificationBufferBytes);
+    notifications_.setReceiveBuffer(notificationBufferBytes);
     // Subscribed first, so that no change falls between the dump and the notifications.
-    notifications_.groupIs(RTNLGRP_IPV4_MROUTE);
-    notifications_.groupIs(RTNLGRP_IPV4_NETCONF);
-    loop_.descriptorIs(notifications_.fd(), EPOLLIN,
-                       [this](std::uint32_t) { handleNotifications(); });
+    notifications_.subscribe(RTNLGRP_IPV4_MROUTE);
+    notifications_.subscribe(RTNLGRP_IPV4_NETCONF);
+    loop_.watch(notifications_.fd(), EPOLLIN, [this](std::uint32_t) { handleNotifications(); });
     doRead();
 }
 
-KernelRoutes::~KernelRoutes() { loop_.descriptorDel(notifications_.fd()); }
+KernelRoutes::~KernelRoutes() { loop_.unwatch(notifications_.fd()); }
 
-void KernelRoutes::filterIs(RouteFilter filter) {
-    table_.filterIs(std::move(filter));
-    review_.delayIs(0);
+void KernelRoutes::setFilter(RouteFilter filter) {
+    table_.setFilter(std::move(filter));
+    review_.arm(0);
 }
 
 void KernelRoutes::doRenew() {
@@ -77,9 +76,9 @@ void KernelRoutes::onMessage(nlmsghdr const& message, bool ofDump) {
         if (message.nlmsg_type == RTM_NEWNETCONF)
             handleInterface(message);
         else if (message.nlmsg_type == RTM_DELNETCONF)
-            handleInterfaceDel(message);
+            handleInterfaceGone(message);
         else
-            table_.messageIs(message, ofDump);
+            table_.readMessage(message, ofDump);
     } catch (Nex::ParseException const& exception) {
         if (auto const heldBack = malformedLimit_.admitted(EventLoop::now()))
             log(LogLevel::warning, "kernel route message dropped: {} ({} more not shown)",
@@ -102,7 +101,7 @@ void KernelRoutes::handleInterface(nlmsghdr const& message) {
 }
 
 /// An interface that is deleted leaves multicast routing without another word.
-void KernelRoutes::handleInterfaceDel(nlmsghdr const& message) {
+void KernelRoutes::handleInterfaceGone(nlmsghdr const& message) {
     NetlinkAttributes const attributes(message, sizeof(netconfmsg));
     auto const ifindex = int(attributes.u32(NETCONFA_IFINDEX).value_or(0));
     if (table_.reading() || table_.uses(ifindex)) readAgain_ = true;
@@ -118,14 +117,14 @@ void KernelRoutes::doAdvance() {
     if (!readAgain_ || table_.reading()) return;
     double const pause = pauseUntil_ - EventLoop::now();
     if (pause > 0)
-        pause_.delayIs(pause);
+        pause_.arm(pause);
     else
         doRead();
 }
 
 void KernelRoutes::doRead() {
     readAgain_ = damaged_ = false;
-    table_.readingIs();
+    table_.beginReading();
     doAsk();
 }
 
@@ -134,11 +133,11 @@ void KernelRoutes::doAsk() {
         if (!query_) query_ = std::make_shared<RouteQuery>(namespaceFd_);
         auto const question = table_.questionTake(RouteQuery::mostNames);
         if (question.all)
-            query_->allIs();
+            query_->requestAll();
         else if (question.names.empty())
             return doEndReading();
         else
-            query_->namesIs(question.names);
+            query_->requestNames(question.names);
         doExchange();
     } catch (std::exception const& error) {
         handleFailure(error.what());
@@ -147,7 +146,7 @@ void KernelRoutes::doAsk() {
 
 void KernelRoutes::doExchange() {
     try {
-        loop_.workIs([query = query_] { query->doExchange(); }, handleAnswers_);
+        loop_.offload([query = query_] { query->doExchange(); }, handleAnswers_);
     } catch (std::bad_alloc const& error) {
         handleFailure(error.what());
     }
@@ -177,14 +176,14 @@ void KernelRoutes::handleFailure(char const* why) {
 }
 
 void KernelRoutes::doEndReading() {
-    table_.readingDel(!damaged_);
+    table_.endReading(!damaged_);
     synchronized_ |= !damaged_;
     pauseUntil_ = EventLoop::now() + pauseSeconds;
-    review_.delayIs(0);
+    review_.arm(0);
 }
 
 void KernelRoutes::doReview() {
-    if (!table_.doReview(mostReviewsInTurn)) review_.delayIs(0);
+    if (!table_.doReview(mostReviewsInTurn)) review_.arm(0);
 }
 
 } // namespace Agent

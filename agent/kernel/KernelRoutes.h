@@ -27,14 +27,14 @@ class KernelRoutes final : private Netlink::Observer {
   public:
     /// Follows the namespace `namespaceFd`, or the caller's if negative, and tells `onRoute` of
     /// every announced route from within the loop's turns; what it throws is logged. Nothing passes
-    /// the filter before filterIs. `loop` outlives this. Throws std::system_error.
+    /// the filter before setFilter(). `loop` outlives this. Throws std::system_error.
     KernelRoutes(EventLoop& loop, RouteTable::Observer onRoute, int namespaceFd = -1);
     ~KernelRoutes();
     KernelRoutes(KernelRoutes const&) = delete;
     KernelRoutes& operator=(KernelRoutes const&) = delete;
 
     /// Routes whose announced state it changes are told in the turns that follow.
-    void filterIs(RouteFilter filter);
+    void setFilter(RouteFilter filter);
 
     /// Tells all announced routes once more, and reads the kernel's table again.
     void doRenew();
@@ -46,7 +46,7 @@ class KernelRoutes final : private Netlink::Observer {
     /// Of all that the kernel has, unresolved ones aside.
     std::size_t routeCount() const { return table_.routeCount(); }
     /// Octets that notifications may fill before they are lost.
-    void receiveBufferIs(int octets) { notifications_.receiveBufferIs(octets); }
+    void setReceiveBuffer(int octets) { notifications_.setReceiveBuffer(octets); }
 
   private:
     // Netlink::Observer
@@ -56,7 +56,7 @@ class KernelRoutes final : private Netlink::Observer {
 
     void handleNotifications();
     void handleInterface(nlmsghdr const& message);
-    void handleInterfaceDel(nlmsghdr const& message);
+    void handleInterfaceGone(nlmsghdr const& message);
     /// Begins a reading that is needed and may begin.
     void doAdvance();
     void doRead();

@@ -53,18 +53,18 @@ NamespaceWatch::NamespaceWatch(EventLoop& loop, std::string name, Observer obser
       observer_(std::move(observer)),
       mounts_(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)),
       poll_(loop, [this] {
-          poll_.delayIs(pollSeconds);
+          poll_.arm(pollSeconds);
           doLook();
       }) {
     if (mounts_.get() < 0) errnoThrow("/proc/self/mountinfo");
     // Always readable; a change of the mounts is told as urgent.
-    loop_.descriptorIs(mounts_.get(), EPOLLPRI, [this](std::uint32_t) { doLook(); });
-    poll_.delayIs(pollSeconds);
+    loop_.watch(mounts_.get(), EPOLLPRI, [this](std::uint32_t) { doLook(); });
+    poll_.arm(pollSeconds);
     // After the watch has begun, so that nothing falls in between.
     if (auto found = doOpen()) namespace_ = std::move(*found);
 }
 
-NamespaceWatch::~NamespaceWatch() { loop_.descriptorDel(mounts_.get()); }
+NamespaceWatch::~NamespaceWatch() { loop_.unwatch(mounts_.get()); }
 
 void NamespaceWatch::doLook() {
     auto found = doOpen();

@@ -20,12 +20,12 @@ namespace {
 constexpr int receiveBufferBytes = 8 << 20;
 constexpr int mostDatagramsInTurn = 256;
 
-void subscribe(mnl_socket* socket, int group) {
+void joinGroup(mnl_socket* socket, int group) {
     if (mnl_socket_setsockopt(socket, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) < 0)
         errnoThrow("subscribing to a netlink group");
 }
 
-void setReceiveBuffer(mnl_socket const* socket, int octets) {
+void enlargeBuffer(mnl_socket const* socket, int octets) {
     // Beyond the system's limit if the capability allows it, otherwise up to it.
     int const fd = mnl_socket_get_fd(socket);
     if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &octets, sizeof octets) < 0)
@@ -85,7 +85,7 @@ NetlinkSocket netlinkOpen(int service, int namespaceFd, int receiveBufferOctets)
     if (!socket) errnoThrow("opening a netlink socket");
     if (mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0)
         errnoThrow("binding a netlink socket");
-    setReceiveBuffer(socket.get(), receiveBufferOctets);
+    enlargeBuffer(socket.get(), receiveBufferOctets);
     return socket;
 }
 
@@ -114,17 +114,17 @@ Netlink::Netlink(int service, Observer& observer, int namespaceFd)
 
 NetlinkSocket Netlink::newSocket() const {
     NetlinkSocket socket = netlinkOpen(service_, namespaceFd_, receiveBufferOctets_);
-    for (int const group : groups_) subscribe(socket.get(), group);
+    for (int const group : groups_) joinGroup(socket.get(), group);
     return socket;
 }
 
-void Netlink::receiveBufferIs(int octets) {
+void Netlink::setReceiveBuffer(int octets) {
     receiveBufferOctets_ = octets;
-    setReceiveBuffer(socket_.get(), octets);
+    enlargeBuffer(socket_.get(), octets);
 }
 
-void Netlink::groupIs(int group) {
-    subscribe(socket_.get(), group);
+void Netlink::subscribe(int group) {
+    joinGroup(socket_.get(), group);
     groups_.push_back(group);
 }
 

@@ -84,12 +84,12 @@ class Netlink {
     int fd() const { return mnl_socket_get_fd(socket_.get()); }
 
     /// Subscribes to the notifications of an RTNLGRP_ group. Throws std::system_error.
-    void groupIs(int group);
+    void subscribe(int group);
 
     /// Asks for a dump of `type` (RTM_GETLINK), with the request's fixed part. Queued behind the
     /// dumps that are under way, for a socket carries one at a time.
     template <typename Header>
-    void dumpIs(std::uint16_t type, Header const& header) {
+    void requestDump(std::uint16_t type, Header const& header) {
         auto const* const octets = reinterpret_cast<std::uint8_t const*>(&header);
         doQueueDump({type, {octets, octets + sizeof header}});
     }
@@ -107,7 +107,7 @@ class Netlink {
 
     /// The kernel keeps notifications that fill so many octets; far fewer of them in content, for
     /// it counts its own expense. Less where the system's limit stands in the way.
-    void receiveBufferIs(int octets);
+    void setReceiveBuffer(int octets);
 
     /// Takes what has arrived, up to a limit that keeps a flood from starving others. Returns
     /// whether nothing is left.

@@ -133,7 +133,7 @@ void PacketSocket::receive(std::function<void(Bytes)> const& handler) {
     }
 }
 
-void PacketSocket::packetIs(Bytes packet) {
+void PacketSocket::enqueue(Bytes packet) {
     if (!destination(packet).isMulticast()) return doDrop(EDESTADDRREQ);
     if (queue_.size() == longestQueue) return doDrop(ENOBUFS);
     queue_.emplace_back(packet.begin(), packet.end());

@@ -43,7 +43,7 @@ class PacketSocket {
 
     /// Queues a copy of a packet to a multicast group, until flush(). One that no group can be read
     /// from, or that finds the queue full, is dropped.
-    void packetIs(Bytes packet);
+    void enqueue(Bytes packet);
     /// Sends what is queued, in order. Returns 0 when the queue is empty, otherwise why it is not:
     /// EAGAIN (wait until the socket is writable) or ENOBUFS (the interface's queue is full: try
     /// again some milliseconds later). With other errors, such as ENETDOWN, trying again is no use:

@@ -25,13 +25,13 @@ void addressPut(nlmsghdr& message, std::uint16_t type, Lox::IpAddr address) {
 RouteQuery::RouteQuery(int namespaceFd)
     : socket_(netlinkOpen(NETLINK_ROUTE, namespaceFd, receiveBufferBytes)) {}
 
-void RouteQuery::allIs() {
+void RouteQuery::requestAll() {
     dump_ = true;
     missing_ = 1;
     doAsk(NLM_F_DUMP, nullptr);
 }
 
-void RouteQuery::namesIs(std::span<RouteName const> names) {
+void RouteQuery::requestNames(std::span<RouteName const> names) {
     dump_ = false;
     missing_ = names.size();
     for (RouteName const& name : names) doAsk(0, &name);

@@ -26,8 +26,8 @@ class RouteQuery {
 
     // What to ask next, after the answers to the last question have ended.
 
-    void allIs();
-    void namesIs(std::span<RouteName const> names);
+    void requestAll();
+    void requestNames(std::span<RouteName const> names);
 
     /// Sends the question, or goes on taking the answers. What a thread does; until it returns,
     /// nothing else may be called.

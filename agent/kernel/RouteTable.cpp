@@ -27,7 +27,7 @@ RouteTable::RouteTable(Observer onRoute) : onRoute_(std::move(onRoute)) {
     Nex::HashSecrets::need();
 }
 
-void RouteTable::filterIs(RouteFilter filter) {
+void RouteTable::setFilter(RouteFilter filter) {
     RouteFilter const before = std::exchange(filter_, std::move(filter));
     bool const all =
         before.requireOutput != filter_.requireOutput || before.anyIncoming != filter_.anyIncoming;
@@ -36,7 +36,7 @@ void RouteTable::filterIs(RouteFilter filter) {
             toJudge_.takeAll(ring);
 }
 
-void RouteTable::messageIs(nlmsghdr const& message, bool ofDump) {
+void RouteTable::readMessage(nlmsghdr const& message, bool ofDump) {
     bool const gone = message.nlmsg_type == RTM_DELROUTE;
     if (!gone && message.nlmsg_type != RTM_NEWROUTE) return;
     NetlinkAttributes const attributes(message, sizeof(rtmsg));
@@ -148,7 +148,7 @@ bool RouteTable::passes(RouteEntry const& route) const {
     return filter_.anyIncoming || filter_.proxyInterfaces.count(route.incoming) != 0;
 }
 
-void RouteTable::readingIs() {
+void RouteTable::beginReading() {
     reading_ = true;
     dumps_ = 0;
     for (auto& [ifindex, ring] : byIncoming_) untold_.takeAll(ring);
@@ -177,7 +177,7 @@ RouteTable::Question RouteTable::questionTake(std::size_t mostNames) {
     return question;
 }
 
-void RouteTable::readingDel(bool whole) {
+void RouteTable::endReading(bool whole) {
     untold_.takeAll(asked_);
     (whole ? toDrop_ : toJudge_).takeAll(untold_);
     reading_ = dumping_ = false;

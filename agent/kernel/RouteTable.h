@@ -55,14 +55,14 @@ class RouteTable {
 
     /// Has the routes concerned judged anew by doReview. Those that a reading has not told yet
     /// follow as it tells them.
-    void filterIs(RouteFilter filter);
+    void setFilter(RouteFilter filter);
 
     /// Takes in an RTM_NEWROUTE or RTM_DELROUTE of the default multicast table; others change
     /// nothing. For a malformed one throws Nex::ParseException and stays as it was.
-    void messageIs(nlmsghdr const& message, bool ofDump);
+    void readMessage(nlmsghdr const& message, bool ofDump);
 
     /// Begins a reading: routes are about to be told anew.
-    void readingIs();
+    void beginReading();
     /// What to ask the kernel for next.
     struct Question {
         bool all = false;             ///< by a dump
@@ -73,7 +73,7 @@ class RouteTable {
     Question questionTake(std::size_t mostNames);
     /// Ends the reading. `whole`: nothing that the kernel sent was lost meanwhile; otherwise the
     /// routes that were not told are kept for another reading.
-    void readingDel(bool whole);
+    void endReading(bool whole);
     bool reading() const { return reading_; }
 
     /// Judges or drops up to `most` of the routes that wait for it. Returns whether none is left.

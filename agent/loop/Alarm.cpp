@@ -13,14 +13,14 @@ Alarm::Alarm(EventLoop& loop, EventLoop::Handler handler)
 
 Alarm::~Alarm() { loop_.alarms_.erase(place_); }
 
-void Alarm::delayIs(double delaySeconds) noexcept {
+void Alarm::arm(double delaySeconds) noexcept {
     loop_.doMove(place_, EventLoop::now() + delaySeconds);
 }
 
-void Alarm::delayDel() noexcept { loop_.doMove(place_, Nex::never); }
+void Alarm::disarm() noexcept { loop_.doMove(place_, Nex::never); }
 
 std::shared_ptr<EventLoop::Handler const> Alarm::handlerTake() noexcept {
-    delayDel();
+    disarm();
     return handler_;
 }
 

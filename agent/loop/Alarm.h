@@ -18,9 +18,9 @@ class Alarm {
 
     /// Calls the handler once, in `delaySeconds` in place of an earlier delay; 0 means after all
     /// that has become ready, and from an alarm in the next turn.
-    void delayIs(double delaySeconds) noexcept;
+    void arm(double delaySeconds) noexcept;
     /// Calls nothing after all.
-    void delayDel() noexcept;
+    void disarm() noexcept;
 
   private:
     friend class EventLoop;

@@ -44,14 +44,14 @@ EventLoop::EventLoop()
     sigemptyset(&signalSet_);
     signals_ =
         FileDescriptor(checked(signalfd(-1, &signalSet_, SFD_NONBLOCK | SFD_CLOEXEC), "signalfd"));
-    descriptorIs(signals_.get(), EPOLLIN, [this](std::uint32_t) { handleSignals(); });
-    descriptorIs(timer_.get(), EPOLLIN, [this](std::uint32_t) {
+    watch(signals_.get(), EPOLLIN, [this](std::uint32_t) { handleSignals(); });
+    watch(timer_.get(), EPOLLIN, [this](std::uint32_t) {
         // Only to end the wait; what is due is found by the clock.
         std::uint64_t expirations;
         [[maybe_unused]] auto const got = read(timer_.get(), &expirations, sizeof expirations);
         armedFor_.reset();
     });
-    descriptorIs(workers_.fd(), EPOLLIN, [this](std::uint32_t) { workers_.doFinish(); });
+    watch(workers_.fd(), EPOLLIN, [this](std::uint32_t) { workers_.doFinish(); });
 }
 
 double EventLoop::now() {
@@ -60,7 +60,7 @@ double EventLoop::now() {
     return double(time.tv_sec) + double(time.tv_nsec) * 1e-9;
 }
 
-void EventLoop::descriptorIs(int fd, std::uint32_t events, DescriptorHandler handler) {
+void EventLoop::watch(int fd, std::uint32_t events, DescriptorHandler handler) {
     auto const watch = std::make_shared<Watch>(Watch{++lastSerial_, std::move(handler)});
     epoll_event event{};
     event.events = events;
@@ -73,20 +73,20 @@ void EventLoop::descriptorIs(int fd, std::uint32_t events, DescriptorHandler han
     place->second = watch;
 }
 
-void EventLoop::descriptorDel(int fd) {
+void EventLoop::unwatch(int fd) {
     if (watches_.erase(fd) != 0) epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
 }
 
 void EventLoop::descriptorClose(FileDescriptor descriptor) noexcept {
-    descriptorDel(descriptor.get());
+    unwatch(descriptor.get());
     try {
-        workIs([fd = descriptor.get()] { close(fd); });
+        offload([fd = descriptor.get()] { close(fd); });
         descriptor.release();
     } catch (std::bad_alloc const&) { // closed here
     }
 }
 
-void EventLoop::signalIs(int signal, Handler handler) {
+void EventLoop::onSignal(int signal, Handler handler) {
     sigset_t one;
     sigemptyset(&one);
     sigaddset(&one, signal);
@@ -96,20 +96,20 @@ void EventLoop::signalIs(int signal, Handler handler) {
     signalHandlers_.emplace_back(signal, std::move(handler));
 }
 
-void EventLoop::timeIs(std::function<std::optional<double>()> nextExpiry,
+void EventLoop::onTime(std::function<std::optional<double>()> nextExpiry,
                        std::function<void(double now)> handleTime) {
     nextExpiry_ = std::move(nextExpiry);
     handleTime_ = std::move(handleTime);
 }
 
-void EventLoop::endOfTurnIs(Handler hook) { hooks_.push_back(std::move(hook)); }
+void EventLoop::atEndOfTurn(Handler hook) { hooks_.push_back(std::move(hook)); }
 
 int EventLoop::run() {
     while (!status_) doTurn();
     return *std::exchange(status_, std::nullopt);
 }
 
-void EventLoop::stopIs(int status) {
+void EventLoop::stop(int status) {
     if (!status_) status_ = status;
 }
 

@@ -49,11 +49,11 @@ class EventLoop {
     static double now();
 
     /// Calls `handler` in each turn in which `fd` has one of `events` (EPOLLIN, EPOLLOUT); in place
-    /// of an earlier handler. The descriptor stays the caller's, who calls descriptorDel before
+    /// of an earlier handler. The descriptor stays the caller's, who calls unwatch() before
     /// closing it. Throws std::system_error for one that cannot be waited for.
-    void descriptorIs(int fd, std::uint32_t events, DescriptorHandler handler);
+    void watch(int fd, std::uint32_t events, DescriptorHandler handler);
     /// Without effect if there is no handler.
-    void descriptorDel(int fd);
+    void unwatch(int fd);
     /// Removes its handler, and closes it beside the loop: the kernel takes some 20 ms for a packet
     /// socket.
     void descriptorClose(FileDescriptor descriptor) noexcept;
@@ -61,8 +61,8 @@ class EventLoop {
     /// Has `work` done beside the loop, and then calls `done` in a turn of its own if anybody still
     /// holds it. `work` owns all that it uses and does not throw. Throws std::bad_alloc, with
     /// nothing done.
-    void workIs(Handler work, std::weak_ptr<Handler const> done = {}) {
-        workers_.workIs(std::move(work), std::move(done));
+    void offload(Handler work, std::weak_ptr<Handler const> done = {}) {
+        workers_.enqueue(std::move(work), std::move(done));
     }
 
     /// Calls `handler` in place of the default action. Signals that arrive in one turn count once;
@@ -70,26 +70,26 @@ class EventLoop {
     /// stops the loop.
     /// Blocks the signal in the calling thread, for good: one that is pending when the loop goes
     /// away must not kill the process.
-    void signalIs(int signal, Handler handler);
+    void onSignal(int signal, Handler handler);
 
     /// `nextExpiry` is asked before each wait: a time as of now(), or nothing. `handleTime` is told
     /// the time once that is reached.
-    void timeIs(std::function<std::optional<double>()> nextExpiry,
+    void onTime(std::function<std::optional<double>()> nextExpiry,
                 std::function<void(double now)> handleTime);
 
     /// Runs `hook` at the end of every turn, after those added before it.
-    void endOfTurnIs(Handler hook);
+    void atEndOfTurn(Handler hook);
 
     /// Calls `handler` at the end of a turn in which memory ran out: something may be half done.
-    void exhaustionIs(Handler handler) { handleExhaustion_ = std::move(handler); }
+    void onExhaustion(Handler handler) { handleExhaustion_ = std::move(handler); }
     /// For those who catch that themselves.
     void doReportExhaustion() noexcept { exhausted_ = true; }
 
-    /// Serves until stopIs; returns its status.
+    /// Serves until stop(); returns its status.
     int run();
     /// Ends run() after the current turn, or the next run() at once. The first call decides the
     /// status.
-    void stopIs(int status);
+    void stop(int status);
 
   private:
     struct Watch {

@@ -20,12 +20,12 @@ constexpr std::size_t sliceLength = 5000;
 
 void HeapTrimmer::handleTurn() {
     if (std::exchange(trimmed_, false) || std::exchange(armed_, true)) return;
-    alarm_.delayIs(lookDelaySeconds);
+    alarm_.arm(lookDelaySeconds);
 }
 
 void HeapTrimmer::doTrim() {
     trimmed_ = true;
-    if (Nex::Slab::trim(sliceLength)) return alarm_.delayIs(0);
+    if (Nex::Slab::trim(sliceLength)) return alarm_.arm(0);
     armed_ = false;
     struct mallinfo2 const heap = mallinfo2();
     if (heap.fordblks < worthwhileOctets || heap.fordblks < heap.uordblks / 4) return;

@@ -52,7 +52,7 @@ std::string lineOf(LogLevel level, std::string_view text) {
 
 } // namespace
 
-void logLevelIs(LogLevel level) { written = level; }
+void setLogLevel(LogLevel level) { written = level; }
 
 bool logs(LogLevel level) { return level <= written; }
 

@@ -14,7 +14,7 @@ namespace Agent {
 enum class LogLevel { error = 3, warning = 4, info = 6, debug = 7 };
 
 /// Lines graver than or equal to `level` are written; info at the start.
-void logLevelIs(LogLevel level);
+void setLogLevel(LogLevel level);
 bool logs(LogLevel level);
 /// Writes one line of any level, with unprintable bytes escaped, and cut to what a pipe takes as a
 /// whole. A line that standard error does not take at once is lost, and counted in a line of its

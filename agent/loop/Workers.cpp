@@ -28,7 +28,7 @@ Workers::~Workers() {
     for (std::thread& thread : threads_) thread.join();
 }
 
-void Workers::workIs(Work work, std::weak_ptr<Work const> done) {
+void Workers::enqueue(Work work, std::weak_ptr<Work const> done) {
     Jobs job, spent;
     job.push_back({std::move(work), std::move(done)});
     std::unique_lock lock(mutex_);

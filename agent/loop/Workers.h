@@ -29,7 +29,7 @@ class Workers {
 
     /// Has a thread call `work`, which owns all that it uses and does not throw. Where no thread
     /// can be had, the caller's does it. Throws std::bad_alloc, with nothing done.
-    void workIs(Work work, std::weak_ptr<Work const> done);
+    void enqueue(Work work, std::weak_ptr<Work const> done);
 
     /// To wait for: readable when doFinish() has something to do.
     int fd() const { return finishedEvent_.get(); }

@@ -45,7 +45,7 @@ bool overlap(Rules const& one, Rules const& other) {
 
 } // namespace
 
-bool AccessListWriter::listsIs(Lists const& lists) {
+bool AccessListWriter::applyLists(Lists const& lists) {
     bool lost = false;
     std::map<std::string, Rules> const before = written_;
     for (auto const& [name, rules] : before) {

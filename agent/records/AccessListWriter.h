@@ -25,7 +25,7 @@ class AccessListWriter {
         : config_(config), onOverlap_(std::move(onOverlap)) {}
 
     /// Puts these lists in force, in place of those before. Returns whether a rule went.
-    bool listsIs(Lists const& lists);
+    bool applyLists(Lists const& lists);
     /// Nothing is in force: somebody has emptied the records.
     void doForget() { written_.clear(); }
 

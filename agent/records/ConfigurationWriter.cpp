@@ -68,7 +68,7 @@ std::set<Claim> claims(Configuration const& configuration,
 
 } // namespace
 
-void ConfigurationWriter::configurationIs(Configuration configuration) {
+void ConfigurationWriter::applyConfiguration(Configuration configuration) {
     before_ = std::exchange(written_, std::move(configuration));
     doWrite();
 }
@@ -97,7 +97,7 @@ void ConfigurationWriter::doWrite() {
             lost |= doDetachLists(stays->second, *record);
         }
     }
-    lost |= accessLists_.listsIs(written_.accessLists);
+    lost |= accessLists_.applyLists(written_.accessLists);
     for (auto const& [name, interface] : now) {
         auto const record = state_.config->intfConfigIs(Lox::IntfId(name));
         record->igmpVersionIs(IgmpHostProxy::IgmpVersion(interface.igmpVersion));
@@ -122,7 +122,7 @@ std::vector<ConfigurationWriter::Released> ConfigurationWriter::released() const
     return released;
 }
 
-void ConfigurationWriter::hostIs(std::string const& name, bool present) {
+void ConfigurationWriter::handleHost(std::string const& name, bool present) {
     if (present) {
         hosts_.insert(name);
     } else {

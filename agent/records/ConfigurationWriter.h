@@ -30,13 +30,13 @@ class ConfigurationWriter {
     std::vector<Released> released() const;
     /// Puts a configuration in force, in place of the one before. If that fails on the way, it is
     /// the one to be in force all the same, and doRewrite() is needed.
-    void configurationIs(Configuration configuration);
+    void applyConfiguration(Configuration configuration);
     /// Writes it from nothing, whatever the records hold. To be called while no machine follows
     /// them; `attach` then begins with one.
     void doRewrite(std::function<void()> const& attach);
     /// An interface's host entity came or went. Its access lists are attached only meanwhile: lists
     /// that are attached when an interface's machine is built would count twice.
-    void hostIs(std::string const& name, bool present);
+    void handleHost(std::string const& name, bool present);
 
   private:
     void doWrite();

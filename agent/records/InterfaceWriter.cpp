@@ -16,10 +16,10 @@ InterfaceWriter::InterfaceWriter(IgmpHostProxy::PlatformState& state, EventLoop&
     doFollow();
 }
 
-InterfaceWriter::~InterfaceWriter() { loop_.descriptorDel(kernel_.fd()); }
+InterfaceWriter::~InterfaceWriter() { loop_.unwatch(kernel_.fd()); }
 
 void InterfaceWriter::doFollow() {
-    loop_.descriptorIs(kernel_.fd(), EPOLLIN, [this](std::uint32_t) { kernel_.receive(); });
+    loop_.watch(kernel_.fd(), EPOLLIN, [this](std::uint32_t) { kernel_.receive(); });
 }
 
 void InterfaceWriter::doRetry() {
@@ -27,7 +27,7 @@ void InterfaceWriter::doRetry() {
 }
 
 void InterfaceWriter::doReopen() {
-    loop_.descriptorDel(kernel_.fd());
+    loop_.unwatch(kernel_.fd());
     kernel_.doReopen();
     doFollow();
 }

@@ -20,7 +20,7 @@ RouteWriter::RouteWriter(Nex::Ptr<Kesh::Multicast::Fib::MfibKeshColl> tables, Ne
     tables_->keshPtrIs(table_.get(), table_);
 }
 
-void RouteWriter::routeIs(Lox::IpAddr source, Lox::IpAddr group, bool announced) {
+void RouteWriter::write(Lox::IpAddr source, Lox::IpAddr group, bool announced) {
     IpGenRouteKey const key = toKey(source, group);
     if (!announced)
         table_->routeDel(key);

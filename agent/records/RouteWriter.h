@@ -14,7 +14,7 @@ class RouteWriter {
     RouteWriter& operator=(RouteWriter const&) = delete;
 
     /// Writes or withdraws a route; source 0.0.0.0 for any. Repeating it writes nothing.
-    void routeIs(Lox::IpAddr source, Lox::IpAddr group, bool announced);
+    void write(Lox::IpAddr source, Lox::IpAddr group, bool announced);
     void doWithdrawAll() { table_->routeDelAll(); }
     /// Takes the table out of the collection, for good. Nothing is written afterwards.
     void doRemove() { tables_->keshPtrDel(table_.get()); }

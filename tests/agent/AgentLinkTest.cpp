@@ -13,10 +13,10 @@ Lines const learnedOnce{"down0 239.1.1.1 exclude", "down0 239.1.1.2 include 10.0
 TEST_F(AgentTest, GroupsComeBackWithTheCarrier) {
     start(oneGroup);
     ASSERT_TRUE(learned(learnedOnce));
-    net->carrierIs(false);
+    net->setCarrier(false);
     EXPECT_TRUE(agent->says("up0: is down\n")); // the bridge forgets sooner
     EXPECT_TRUE(learned({}));
-    net->carrierIs(true);
+    net->setCarrier(true);
     EXPECT_TRUE(learned(learnedOnce));
     net->nearIp("link set up0 down");
     EXPECT_TRUE(agent->says("up0: is down\n", 2));
@@ -33,15 +33,15 @@ TEST_F(AgentTest, GroupsComeBackWithTheCarrier) {
 }
 
 TEST_F(AgentTest, InterfaceThatComesLateOrAgainHasTheSameGroups) {
-    net->upstreamDel();
+    net->unplugUpstream();
     start(oneGroup);
     EXPECT_TRUE(agent->says("warning: up0: does not exist\n"));
-    net->upstreamIs();
+    net->plugInUpstream();
     EXPECT_TRUE(learned(learnedOnce));
-    net->upstreamDel();
+    net->unplugUpstream();
     EXPECT_TRUE(agent->says("warning: up0: does not exist\n", 2)) << agent->output();
     EXPECT_TRUE(learned({}));
-    net->upstreamIs();
+    net->plugInUpstream();
     EXPECT_TRUE(learned(learnedOnce));
     agent->signal(SIGTERM);
     EXPECT_EQ(agent->exitStatus(), 0);
@@ -122,7 +122,7 @@ TEST_F(AgentTest, ManyInterfacesThatCannotBeUsedTakeFewLines) {
 TEST_F(AgentTest, AgentEndsWellWithoutItsInterface) {
     start(oneGroup);
     ASSERT_TRUE(learned(learnedOnce));
-    net->upstreamDel();
+    net->unplugUpstream();
     agent->signal(SIGTERM);
     EXPECT_EQ(agent->exitStatus(), 0) << agent->output();
 }
@@ -166,7 +166,7 @@ TEST_F(AgentTest, AfterADisorderOfEventsAllIsAsTheFileSays) {
     ASSERT_TRUE(learned(learnedOnce));
     std::size_t const descriptors = agent->openDescriptors();
     auto const heal = [&] {
-        net->carrierIs(true);
+        net->setCarrier(true);
         net->nearIp("link set up0 up");
         net->nearIp("addr replace 10.99.0.2/24 dev up0");
     };
@@ -174,11 +174,11 @@ TEST_F(AgentTest, AfterADisorderOfEventsAllIsAsTheFileSays) {
     for (int i = 0; i < 40; ++i) {
         switch (random() % 6) {
         case 0:
-            net->upstreamDel();
-            net->upstreamIs();
+            net->unplugUpstream();
+            net->plugInUpstream();
             break;
         case 1:
-            net->carrierIs(false);
+            net->setCarrier(false);
             break;
         case 2:
             net->nearIp("addr flush dev up0");

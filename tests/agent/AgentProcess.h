@@ -97,7 +97,7 @@ class AgentProcess {
         return 0;
     }
     /// Lets it open only so many descriptors from now on.
-    void descriptorsLeftIs(int count) const {
+    void leaveDescriptors(int count) const {
         std::string const used = "/proc/" + std::to_string(pid_) + "/fd/";
         rlimit limit{};
         prlimit(pid_, RLIMIT_NOFILE, nullptr, &limit);

@@ -91,7 +91,7 @@ TEST_F(AgentTest, GarbageIsDroppedAndTheNextQueryAnswered) {
         Bytes oversized = query;
         oversized.resize(size, 0xff);
         oversized[2] = oversized[3] = 0xff; // an IPv4 length of 65535
-        Agent::checksumIs(std::span(oversized).first(Agent::ipHeaderOctets), 10);
+        Agent::setChecksum(std::span(oversized).first(Agent::ipHeaderOctets), 10);
         wire->send(oversized);
     }
     std::mt19937 random(1);

@@ -56,18 +56,18 @@ class RoutedNetns {
         net.nearIp("link set out1 up");
         Netns::Inside const inside(net.nearName());
         router_.emplace();
-        router_->interfaceIs(0, int(if_nametoindex(upstream)));
-        router_->interfaceIs(1, int(if_nametoindex("out0")));
+        router_->addInterface(0, int(if_nametoindex(upstream)));
+        router_->addInterface(1, int(if_nametoindex("out0")));
     }
-    void routeIs(char const* source, char const* group) {
-        router_->routeIs(ip(source), ip(group), 0, {1});
+    void addRoute(char const* source, char const* group) {
+        router_->addRoute(ip(source), ip(group), 0, {1});
     }
-    void routeDel(char const* source, char const* group) {
-        router_->routeDel(ip(source), ip(group));
+    void removeRoute(char const* source, char const* group) {
+        router_->removeRoute(ip(source), ip(group));
     }
     Agent::MulticastRouter& router() { return *router_; }
     /// The routing daemon ends, and so do all its routes.
-    void routerDel() { router_.reset(); }
+    void closeRouter() { router_.reset(); }
 
   private:
     std::optional<Agent::MulticastRouter> router_;
@@ -85,7 +85,7 @@ class AgentRoutesTest : public AgentTest {
 
 TEST_F(AgentRoutesTest, RoutesOfADaemonReachTheUpstreamRouterAndLeaveIt) {
     if (!StaticRouter::installed()) GTEST_SKIP() << "no smcrouted";
-    near->routerDel();
+    near->closeRouter();
     start(groupsOn("up0", ""));
     {
         StaticRouter const daemon(net->nearName(), "phyint up0 enable\nphyint out0 enable\n"
@@ -104,10 +104,10 @@ TEST_F(AgentRoutesTest, RoutesOfADaemonReachTheUpstreamRouterAndLeaveIt) {
 }
 
 TEST_F(AgentRoutesTest, OnlyRoutesThatTheFileAsksForAreAnnounced) {
-    near->routeIs("10.0.0.1", "239.1.1.1");
-    near->router().routeIs(ip("10.0.0.1"), ip("239.1.1.2"), 0, {});
-    near->router().routeIs(ip("10.0.0.1"), ip("239.1.1.3"), 1, {0});
-    near->router().routeIs({}, ip("239.1.1.5"), 0, {1});
+    near->addRoute("10.0.0.1", "239.1.1.1");
+    near->router().addRoute(ip("10.0.0.1"), ip("239.1.1.2"), 0, {});
+    near->router().addRoute(ip("10.0.0.1"), ip("239.1.1.3"), 1, {0});
+    near->router().addRoute({}, ip("239.1.1.5"), 0, {1});
     struct {
         char const* table;
         std::set<int> groups;
@@ -132,17 +132,17 @@ TEST_F(AgentRoutesTest, OnlyRoutesThatTheFileAsksForAreAnnounced) {
                             (group == 5 ? " exclude" : " include 10.0.0.1"));
         EXPECT_TRUE(learned(table)) << file.table;
     }
-    near->router().routeIs(ip("10.0.0.1"), ip("239.1.1.2"), 0, {1});
-    near->router().routeIs(ip("10.0.0.1"), ip("239.1.1.1"), 0, {});
-    near->routeDel("0.0.0.0", "239.1.1.5");
+    near->router().addRoute(ip("10.0.0.1"), ip("239.1.1.2"), 0, {1});
+    near->router().addRoute(ip("10.0.0.1"), ip("239.1.1.1"), 0, {});
+    near->removeRoute("0.0.0.0", "239.1.1.5");
     EXPECT_TRUE(learned({"down0 239.1.1.2 include 10.0.0.1"}));
-    near->routerDel();
+    near->closeRouter();
     EXPECT_TRUE(learned({}));
 }
 
 TEST_F(AgentRoutesTest, GroupThatTheOperatorReleasesComesBackFromTheTable) {
     for (char const* group : {"239.1.1.1", "239.1.1.2", "239.1.1.3", "239.1.1.4"})
-        near->routeIs("10.0.0.1", group);
+        near->addRoute("10.0.0.1", group);
     std::string const include = " = { include = ['10.0.0.9'] }\n";
     auto const rule = [](int sequence, std::string const& destination) {
         return "[[access-list.iptv]]\nsequence = " + std::to_string(sequence) +
@@ -189,14 +189,14 @@ TEST_F(AgentRoutesTest, GroupThatTheOperatorReleasesComesBackFromTheTable) {
         for (std::string const& other : step.others) expected.push_back("down0 239.1.1." + other);
         EXPECT_TRUE(learned(expected)) << step.what;
         if (step.what != std::string("one rule of two")) continue;
-        near->routeIs("10.0.0.1", "239.1.1.6"); // a route of a group that was released before
+        near->addRoute("10.0.0.1", "239.1.1.6"); // a route of a group that was released before
         expected.push_back("down0 239.1.1.6 include 10.0.0.1");
         EXPECT_TRUE(learned(expected));
     }
 }
 
 TEST_F(AgentRoutesTest, DenyAllKeepsRoutesOutUntilTheLastOneGoes) {
-    near->routeIs("10.0.0.1", "239.1.1.1");
+    near->addRoute("10.0.0.1", "239.1.1.1");
     std::string const configured = "down0 239.1.1.9 exclude";
     auto const text = [](std::string const& lists, std::string const& denying) {
         std::string file = "[interface.up0]\naccess-lists = [" + lists +
@@ -230,8 +230,8 @@ TEST_F(AgentRoutesTest, DenyAllKeepsRoutesOutUntilTheLastOneGoes) {
             continue;
         }
         EXPECT_TRUE(learned({configured}));
-        near->routeDel("10.0.0.1", "239.1.1.1");
-        near->routeIs("10.0.0.1", "239.1.1.1");
+        near->removeRoute("10.0.0.1", "239.1.1.1");
+        near->addRoute("10.0.0.1", "239.1.1.1");
         wire->forget();
         EXPECT_TRUE(wire->hearsOnly({})) << step.lists << " with " << step.denying;
     }
@@ -246,8 +246,8 @@ class AgentVrfTest : public AgentRoutesTest {
         red = network();
         doRename();
         redNear.emplace(*red, "up1");
-        near->routeIs("10.0.0.3", "239.1.1.2");
-        redNear->routeIs("10.0.0.4", "239.1.1.2");
+        near->addRoute("10.0.0.3", "239.1.1.2");
+        redNear->addRoute("10.0.0.4", "239.1.1.2");
     }
     void doRename() const {
         red->nearIp("link set up0 down name up1");
@@ -279,11 +279,11 @@ TEST_F(AgentVrfTest, VrfsWithTheSameAddressesAndGroupsDoNotMix) {
 
     // What happens in one is nothing to the other.
     wire->forget();
-    redNear->routeDel("10.0.0.4", "239.1.1.2");
-    redNear->routeIs("10.0.0.3", "239.1.1.3");
+    redNear->removeRoute("10.0.0.4", "239.1.1.2");
+    redNear->addRoute("10.0.0.3", "239.1.1.3");
     reload(here + inRed(""));
     EXPECT_TRUE(redLearned({"down0 239.1.1.3 include 10.0.0.3"}));
-    redNear->routerDel();
+    redNear->closeRouter();
     EXPECT_TRUE(redLearned({}));
     EXPECT_TRUE(wire->hearsOnly({}));
     EXPECT_EQ(net->bridgeTable(), hereLearned);
@@ -297,16 +297,16 @@ TEST_F(AgentVrfTest, NamespaceThatIsDeletedAndMadeAgainHeals) {
     wire->forget();
     for (int i = 0; i < 2; ++i) {
         redNear.reset();
-        red->nearDel();
+        red->removeNear();
         // Its end of the link is gone when the agent holds nothing of it any more.
         EXPECT_TRUE(waitUntil([&] {
             return red->farIp("-brief link show").find("down0") == std::string::npos;
         })) << agent->output();
         EXPECT_TRUE(redLearned({}));
-        red->nearIs();
+        red->addNear();
         doRename();
         redNear.emplace(*red, "up1");
-        redNear->routeIs("10.0.0.4", "239.1.1.2");
+        redNear->addRoute("10.0.0.4", "239.1.1.2");
         EXPECT_TRUE(redLearned(thereLearned));
     }
     EXPECT_TRUE(opens(descriptors));
@@ -347,12 +347,12 @@ TEST_F(AgentVrfTest, ReloadAddsAndRemovesVrfsBesideOthers) {
 }
 
 TEST_F(AgentRoutesTest, GroupsAnnouncedBeforeAreLeftOnlyOnceTheRoutesAreKnown) {
-    near->routeIs("10.0.0.1", "239.2.0.1");
-    near->routeIs("10.0.0.2", "239.2.0.2");
+    near->addRoute("10.0.0.1", "239.2.0.1");
+    near->addRoute("10.0.0.2", "239.2.0.2");
     start("[interface.up0]\nunsolicited-report-interval = 0.1\n");
     ASSERT_TRUE(wire->hears(twice({"ALLOW 239.2.0.1 10.0.0.1", "ALLOW 239.2.0.2 10.0.0.2"})));
     crash({"239.2.0.1", "239.2.0.2"});
-    near->routeDel("10.0.0.2", "239.2.0.2");
+    near->removeRoute("10.0.0.2", "239.2.0.2");
     wire->forget();
     start("[interface.up0]\nunsolicited-report-interval = 0.1\n");
     Lines const now = twice({"ALLOW 239.2.0.1 10.0.0.1", "BLOCK 239.2.0.2 10.0.0.2"});

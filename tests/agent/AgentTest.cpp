@@ -205,7 +205,7 @@ TEST_F(AgentTest, VrfWaitsForDescriptorsAndStartsWhenThereAreSome) {
     for (int const left : {2, 5, 3}) {
         reload(file);
         EXPECT_TRUE(opens(open));
-        agent->descriptorsLeftIs(left);
+        agent->leaveDescriptors(left);
         reload(file + red("red" + std::to_string(left)));
         EXPECT_TRUE(agent->says("Too many open files", ++refused)) << agent->output();
         for (int i = 0; i < 2; ++i) {
@@ -213,7 +213,7 @@ TEST_F(AgentTest, VrfWaitsForDescriptorsAndStartsWhenThereAreSome) {
             EXPECT_EQ(service.next(), "READY=1");
         }
     }
-    agent->descriptorsLeftIs(100);
+    agent->leaveDescriptors(100);
     EXPECT_TRUE(agent->says("VRF red3: can be used now (before: "));
     reload(file);
     EXPECT_TRUE(opens(open));

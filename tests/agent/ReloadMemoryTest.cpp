@@ -66,7 +66,7 @@ class ReloadMemoryTest : public testing::Test {
   protected:
     void SetUp() override {
         IHP_SKIP_WITHOUT_NETNS();
-        logLevelIs(LogLevel::error);
+        setLogLevel(LogLevel::error);
         net.emplace();
         net->nearIp("link add name up1 type veth peer name aux1");
         net->nearIp("addr add 10.98.0.1/24 dev up1");
@@ -76,10 +76,10 @@ class ReloadMemoryTest : public testing::Test {
         inside.emplace(net->nearName());
         daemon.emplace(Daemon::Options{path, {}, {}},
                        configurationParse(before, path).configuration);
-        daemon->loop().endOfTurnIs([this] {
-            if (--turnsLeft_ <= 0) daemon->loop().stopIs(0);
+        daemon->loop().atEndOfTurn([this] {
+            if (--turnsLeft_ <= 0) daemon->loop().stop(0);
         });
-        tick_.emplace(daemon->loop(), [this] { tick_->delayIs(0); });
+        tick_.emplace(daemon->loop(), [this] { tick_->arm(0); });
         doRoutes();
         for (int i = 0; i < 100 && announced().size() < 10; ++i) doTurns(10);
     }
@@ -97,7 +97,7 @@ class ReloadMemoryTest : public testing::Test {
     }
     void doTurns(int turns) {
         turnsLeft_ = turns;
-        tick_->delayIs(0);
+        tick_->arm(0);
         daemon->run();
     }
     void doReload(char const* configuration) {

@@ -111,7 +111,7 @@ Netns::Netns() {
     farIp("addr add 10.99.0.1/24 dev br0");
     farIp("link set br0 up");
     nearIp("link set lo up");
-    upstreamIs();
+    plugInUpstream();
 }
 
 std::string Netns::nearIp(std::string const& arguments) const {
@@ -122,13 +122,13 @@ std::string Netns::farIp(std::string const& arguments) const {
     return run("ip -n " + far_.name + " " + arguments);
 }
 
-void Netns::carrierIs(bool present) const {
+void Netns::setCarrier(bool present) const {
     farIp(present ? "link set down0 up" : "link set down0 down");
 }
 
-void Netns::upstreamDel() const { nearIp("link del up0"); }
+void Netns::unplugUpstream() const { nearIp("link del up0"); }
 
-void Netns::upstreamIs() const {
+void Netns::plugInUpstream() const {
     farIp("link add down0 type veth peer name up0 netns " + near_.name);
     farIp("link set down0 master br0 up");
     nearIp("addr add 10.99.0.2/24 dev up0");
@@ -141,12 +141,12 @@ void Netns::nearAwaitUp(std::string const& interface) const {
         [&] { return nearIp("link show " + interface).find("state UP") != std::string::npos; });
 }
 
-void Netns::nearDel() const { run("ip netns del " + near_.name); }
+void Netns::removeNear() const { run("ip netns del " + near_.name); }
 
-void Netns::nearIs() const {
+void Netns::addNear() const {
     run("ip netns add " + near_.name);
     nearIp("link set lo up");
-    upstreamIs();
+    plugInUpstream();
 }
 
 std::vector<std::string> Netns::bridgeTable() const {

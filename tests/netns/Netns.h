@@ -28,20 +28,20 @@ class Netns {
     std::string farIp(std::string const& arguments) const;
 
     /// Lets up0 lose or regain its carrier, as if the cable were pulled: the far end goes down.
-    void carrierIs(bool present) const;
+    void setCarrier(bool present) const;
     /// Removes up0 and its far end.
-    void upstreamDel() const;
-    /// Makes both again after upstreamDel, with the same address and a new interface index. They
+    void unplugUpstream() const;
+    /// Makes both again after unplugUpstream, with the same address and a new interface index. They
     /// carry packets when it returns.
-    void upstreamIs() const;
+    void plugInUpstream() const;
     /// Waits until an interface of the near namespace has been found to have a carrier: the kernel
     /// notices some time after the command that brings it up.
     void nearAwaitUp(std::string const& interface) const;
 
     /// Removes the near namespace with all that is in it.
-    void nearDel() const;
-    /// Makes it again under the same name, after nearDel and once its end of the link has gone.
-    void nearIs() const;
+    void removeNear() const;
+    /// Makes it again under the same name, after removeNear and once its end of the link has gone.
+    void addNear() const;
 
     /// What the bridge has learned of IPv4 groups, sorted, one line for a group on a port:
     /// "PORT GROUP include|exclude [SOURCE,...]". The sources of an exclude line are the blocked

@@ -70,14 +70,14 @@ TEST(Netns, BridgeTableShowsGroupsSourcesAndFilterModes) {
 TEST(Netns, CarrierAndInterfaceGoAndComeBack) {
     IHP_SKIP_WITHOUT_NETNS();
     Netns const network;
-    network.carrierIs(false);
+    network.setCarrier(false);
     EXPECT_TRUE(carrierBecomes(network, false));
-    network.carrierIs(true);
+    network.setCarrier(true);
     EXPECT_TRUE(carrierBecomes(network, true));
 
-    network.upstreamDel();
+    network.unplugUpstream();
     EXPECT_THROW(network.nearIp("link show up0"), std::runtime_error);
-    network.upstreamIs();
+    network.plugInUpstream();
     EXPECT_TRUE(carrierBecomes(network, true));
     Netns::Inside const inside(network.nearName());
     Member const any("239.1.1.1", IP_BLOCK_SOURCE, {});

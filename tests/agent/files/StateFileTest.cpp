@@ -13,14 +13,14 @@ Lox::IpAddr address(std::uint32_t host) { return Lox::IpAddr::fromHost(host); }
 std::string stateText(unsigned groups = 2, unsigned sources = 1) {
     InterfaceState first{"up0", "default", 2, {}}, second{"up1", "red", 3, {}};
     for (unsigned i = 0; i < groups; ++i) {
-        first.groups.recordAdd(RecordType::isIn, address(0xEF000000 + i));
-        for (unsigned s = 0; s < sources; ++s) first.groups.sourceAdd(address(0x0A0000FF + s));
+        first.groups.addRecord(RecordType::isIn, address(0xEF000000 + i));
+        for (unsigned s = 0; s < sources; ++s) first.groups.addSource(address(0x0A0000FF + s));
     }
-    second.groups.recordAdd(RecordType::isEx, address(0xEF0000FF));
+    second.groups.addRecord(RecordType::isEx, address(0xEF0000FF));
     StateText text;
-    text.interfaceAdd(first);
+    text.addInterface(first);
     std::string const begun = text.take();
-    text.interfaceAdd(second);
+    text.addInterface(second);
     text.endAdd();
     return begun + text.take();
 }

@@ -18,8 +18,8 @@ class StateKeeperTest : public LoopFixture {
         InterfaceState interface {
             "up" + std::to_string(added++), "default", 3, {}
         };
-        interface.groups.recordAdd(RecordType::isEx, Lox::IpAddr("239.1.1.1"));
-        text.interfaceAdd(interface);
+        interface.groups.addRecord(RecordType::isEx, Lox::IpAddr("239.1.1.1"));
+        text.addInterface(interface);
         return true;
     }
 

@@ -30,7 +30,7 @@ class HostEngineFixture : public testing::Test, public HostEngine::Output {
         engine->linkUp(now);
     }
 
-    void settingsApply() { engine->settingsIs(now, settings); }
+    void settingsApply() { engine->setSettings(now, settings); }
     void speak(unsigned version) {
         settings.version = version;
         settingsApply();
@@ -42,16 +42,16 @@ class HostEngineFixture : public testing::Test, public HostEngine::Output {
     }
 
     void include(Lox::IpAddr group, Sources const& sources) {
-        engine->groupIs(group, FilterMode::include, sources);
+        engine->setGroup(group, FilterMode::include, sources);
     }
     void exclude(Lox::IpAddr group, Sources const& sources = {}) {
-        engine->groupIs(group, FilterMode::exclude, sources);
+        engine->setGroup(group, FilterMode::exclude, sources);
     }
     /// What routers may hold, told in slices.
     RecordList held(
         std::size_t slice = 1, std::function<void()> const& between = [] {}) const {
         RecordList records;
-        for (HostEngine::HeldPlace place; engine->heldRecordsAdd(records, place, slice);) between();
+        for (HostEngine::HeldPlace place; engine->addHeldRecords(records, place, slice);) between();
         return records;
     }
     void excludeMany(char const* first, unsigned count) {
@@ -65,7 +65,7 @@ class HostEngineFixture : public testing::Test, public HostEngine::Output {
         double end = now + seconds;
         for (unsigned wakeUps = 0; engine->nextExpiry() <= end; ++wakeUps) {
             ASSERT_LT(wakeUps, 100'000u) << "the engine does not rest";
-            engine->timeIs(now = std::max(now, engine->nextExpiry()));
+            engine->advance(now = std::max(now, engine->nextExpiry()));
         }
         now = end;
     }

@@ -179,7 +179,7 @@ TEST_F(HostEnginePacingTest, GeneralAnswerBeginsEarlyEnoughToEndInTime) {
             EXPECT_LE(sent.back().time, end);
         }
         limit(1'000'000);
-        for (Lox::IpAddr group : range("239.3.0.0", 20000)) engine->groupDel(group);
+        for (Lox::IpAddr group : range("239.3.0.0", 20000)) engine->removeGroup(group);
         settle();
     }
 }
@@ -228,7 +228,7 @@ TEST_F(HostEnginePacingTest, QueriesFasterThanTheAnswerDoNotStarveItsEnd) {
     taken();
     for (unsigned i = 0; i < 100; ++i) {
         hear(v3Query(1));
-        if (i == 10) engine->groupDel(ip("239.3.0.9"));
+        if (i == 10) engine->removeGroup(ip("239.3.0.9"));
         engine->flush(now);
         serve(0.1);
     }

@@ -21,7 +21,7 @@ TEST_F(HostEngineTest, RepeatsComeAtRandomWithinTheInterval) {
         for (unsigned repeat = 1; repeat < 5; ++repeat) {
             double due = engine->nextExpiry();
             delays.insert(due - now);
-            engine->timeIs(now = due);
+            engine->advance(now = due);
             ASSERT_EQ(sent.size(), repeat + 1);
         }
         EXPECT_EQ(engine->nextExpiry(), never);
@@ -38,7 +38,7 @@ TEST_F(HostEngineTest, GroupsThatStayAreToldWhateverComesAndGoesBetweenTheSlices
     std::set<Lox::IpAddr> told;
     unsigned slice = 0;
     auto const records = held(7, [&] {
-        engine->groupDel(number(slice));
+        engine->removeGroup(number(slice));
         if (slice++ < 40) // so many that the map grows
             for (unsigned i = 0; i < 50; ++i) exclude(number(200 + 50 * slice + i));
         engine->flush(now);
@@ -149,15 +149,15 @@ TEST(HostEngineLossTest, RouterKnowsTheStateThoughAReportIsLost) {
             for (Lox::IpAddr source : range("10.0.0.1", 5))
                 if (random() % 2) sources.push_back(source);
             bool exclude = random() % 2;
-            engine.groupIs(group, exclude ? FilterMode::exclude : FilterMode::include, sources);
+            engine.setGroup(group, exclude ? FilterMode::exclude : FilterMode::include, sources);
             wanted.groups[group] = {exclude, {sources.begin(), sources.end()}};
             if (!exclude && sources.empty()) wanted.groups.erase(group);
             if (random() % 2) engine.flush(now);
             for (double end = now + 0.3 * double(random() % 4); engine.nextExpiry() <= end;)
-                engine.timeIs(now = engine.nextExpiry());
+                engine.advance(now = engine.nextExpiry());
         }
         engine.flush(now);
-        while (engine.nextExpiry() < never) engine.timeIs(now = engine.nextExpiry());
+        while (engine.nextExpiry() < never) engine.advance(now = engine.nextExpiry());
         ASSERT_EQ(router.groups, wanted.groups) << "seed " << seed;
     }
 }

@@ -159,7 +159,7 @@ class HostScenarioTest : public HostEngineFixture, public testing::WithParamInte
              }},
             {"delete",
              [&] {
-                 for (auto group : groups) engine->groupDel(group);
+                 for (auto group : groups) engine->removeGroup(group);
              }},
             {"link-down", [&] { engine->linkDown(now); }},
             {"link-up", [&] { engine->linkUp(now); }},
@@ -230,7 +230,7 @@ class HostScenarioTest : public HostEngineFixture, public testing::WithParamInte
         RecordList const former = held();
         engine.emplace(*this, std::mt19937(7));
         settingsApply();
-        engine->formerAdd(former);
+        engine->addFormer(former);
     }
 
     std::map<std::string, double> facts() const {

@@ -20,8 +20,8 @@ std::optional<IgmpQuery> queryOf(Bytes const& payload) {
 
 RecordList recordsOf(RecordType type, Sources const& sources) {
     RecordList records;
-    records.recordAdd(type, ip("232.1.1.1"));
-    for (Lox::IpAddr source : sources) records.sourceAdd(source);
+    records.addRecord(type, ip("232.1.1.1"));
+    for (Lox::IpAddr source : sources) records.addSource(source);
     return records;
 }
 
@@ -33,8 +33,8 @@ TEST(IgmpPacketTest, PacketsSentHaveTheseBytes) {
     Bytes sent;
     ReportBuilder report(ip("10.0.0.2"), 1500,
                          [&](auto packet) { sent.assign(packet.begin(), packet.end()); });
-    report.recordsAdd(recordsOf(RecordType::allow, range("192.0.2.1", 2)));
-    report.recordsAdd(recordsOf(RecordType::toEx, {}));
+    report.addRecords(recordsOf(RecordType::allow, range("192.0.2.1", 2)));
+    report.addRecords(recordsOf(RecordType::toEx, {}));
     report.finish();
     EXPECT_EQ(sent, (Bytes{0x46, 0xC0, 0,   56, 0, 0,  0x40, 0, 1,   2, 0xF9, 0xE7, 10,   0,
                            0,    2,    224, 0,  0, 22, 148,  4, 0,   0, 0x22, 0,    0x7E, 0xF1,
@@ -88,7 +88,7 @@ TEST(IgmpPacketTest, EachFaultHasItsReason) {
     for (Case const& c : cases) {
         Bytes packet = good;
         packet[c.at] = c.value;
-        checksumIs(std::span(packet).first(24), 10);
+        setChecksum(std::span(packet).first(24), 10);
         EXPECT_FALSE(datagramOf(packet)) << &c - cases;
         EXPECT_EQ(reason, c.reason) << &c - cases;
     }
@@ -96,7 +96,7 @@ TEST(IgmpPacketTest, EachFaultHasItsReason) {
     packet[8] = 2; // with the header's old checksum
     EXPECT_FALSE(datagramOf(packet));
     packet[6] = 0x40; // "do not fragment" is no fault
-    checksumIs(std::span(packet).first(24), 10);
+    setChecksum(std::span(packet).first(24), 10);
     EXPECT_TRUE(datagramOf(packet));
 }
 
@@ -148,8 +148,8 @@ TEST(ReportBuilderTest, ReportsAreFilledAndRecordsSplitButForExcludeLists) {
                        {RecordType::isEx, 366, 0, "365 |0 |"},
                        {RecordType::toEx, 0, 1000, "0 |365 |"}};
     for (Case const& c : cases) {
-        report.recordsAdd(recordsOf(c.type, range("10.0.0.1", c.first)));
-        report.recordsAdd(recordsOf(c.type, range("10.0.0.1", c.second)));
+        report.addRecords(recordsOf(c.type, range("10.0.0.1", c.first)));
+        report.addRecords(recordsOf(c.type, range("10.0.0.1", c.second)));
         report.finish();
         EXPECT_EQ(std::exchange(shape, ""), c.shape) << &c - cases;
     }

@@ -30,7 +30,7 @@ inline void append(Bytes& bytes, Lox::IpAddr address) {
 }
 
 /// Puts the right checksum at `at`.
-inline void checksumIs(std::span<std::uint8_t> bytes, std::size_t at) {
+inline void setChecksum(std::span<std::uint8_t> bytes, std::size_t at) {
     bytes[at] = bytes[at + 1] = 0;
     unsigned sum = checksum(bytes);
     bytes[at] = std::uint8_t(sum >> 8);
@@ -46,7 +46,7 @@ struct Envelope {
 
 /// An IPv4 packet around `payload`, whose checksum is made right.
 inline Bytes packetOf(Bytes payload, Envelope const& envelope = {}) {
-    if (payload.size() >= 4) checksumIs(payload, 2);
+    if (payload.size() >= 4) setChecksum(payload, 2);
     std::size_t header = 20 + envelope.options.size(), total = header + payload.size();
     Bytes packet(12);
     packet[0] = std::uint8_t(0x40 | header / 4);
@@ -57,7 +57,7 @@ inline Bytes packetOf(Bytes payload, Envelope const& envelope = {}) {
     append(packet, envelope.source);
     append(packet, envelope.destination);
     packet.insert(packet.end(), envelope.options.begin(), envelope.options.end());
-    checksumIs(packet, 10);
+    setChecksum(packet, 10);
     packet.insert(packet.end(), payload.begin(), payload.end());
     return packet;
 }

@@ -39,7 +39,9 @@ Message addressMessage(std::uint16_t type, char const* address, std::uint32_t fl
 
 class InterfaceTableTest : public testing::Test {
   protected:
-    InterfaceTableTest() { table.messageIs(linkMessage(RTM_NEWLINK, 7, IFF_UP, IF_OPER_UP).get()); }
+    InterfaceTableTest() {
+        table.readMessage(linkMessage(RTM_NEWLINK, 7, IFF_UP, IF_OPER_UP).get());
+    }
     std::string primary() const { return table.interfaces().at(7).primaryAddress().stringValue(); }
 
     InterfaceTable table;
@@ -60,7 +62,7 @@ TEST_F(InterfaceTableTest, LinkIsUsableByItsStateOrFailingThatByItsCarrier) {
         {IFF_UP | IFF_LOWER_UP, IF_OPER_DOWN, false},
     };
     for (auto const& [flags, state, up] : cases) {
-        table.messageIs(linkMessage(RTM_NEWLINK, 7, flags, state).get());
+        table.readMessage(linkMessage(RTM_NEWLINK, 7, flags, state).get());
         EXPECT_EQ(table.interfaces().at(7).up, up) << flags << ' ' << int(state);
     }
 }
@@ -69,17 +71,17 @@ TEST_F(InterfaceTableTest, LinkMessagesOfBridgesAndDriversTellNothing) {
     ifinfomsg port{};
     port.ifi_family = AF_BRIDGE;
     port.ifi_index = 7;
-    EXPECT_EQ(table.messageIs(Message(RTM_DELLINK, port).get()), std::nullopt);
+    EXPECT_EQ(table.readMessage(Message(RTM_DELLINK, port).get()), std::nullopt);
     ifinfomsg scan{};
     scan.ifi_index = 7;
-    EXPECT_EQ(table.messageIs(Message(RTM_NEWLINK, scan).get()), std::nullopt);
+    EXPECT_EQ(table.readMessage(Message(RTM_NEWLINK, scan).get()), std::nullopt);
     EXPECT_EQ(table.interfaces().at(7).name, "up0");
 }
 
 TEST_F(InterfaceTableTest, PrimaryAddressIsTheFirstGlobalOne) {
     EXPECT_EQ(primary(), "0.0.0.0");
     auto const add = [&](auto... arguments) {
-        table.messageIs(addressMessage(RTM_NEWADDR, arguments...).get());
+        table.readMessage(addressMessage(RTM_NEWADDR, arguments...).get());
     };
     add("169.254.0.1", 0u, RT_SCOPE_LINK);
     EXPECT_EQ(primary(), "169.254.0.1");
@@ -90,13 +92,13 @@ TEST_F(InterfaceTableTest, PrimaryAddressIsTheFirstGlobalOne) {
     EXPECT_EQ(primary(), "10.0.0.2");
     add("10.0.0.1"); // promoted, and last of the primary ones
     EXPECT_EQ(primary(), "10.0.0.2");
-    table.messageIs(addressMessage(RTM_DELADDR, "10.0.0.2").get());
-    table.messageIs(addressMessage(RTM_DELADDR, "10.0.0.3").get());
+    table.readMessage(addressMessage(RTM_DELADDR, "10.0.0.2").get());
+    table.readMessage(addressMessage(RTM_DELADDR, "10.0.0.3").get());
     EXPECT_EQ(primary(), "10.0.0.1");
-    table.messageIs(addressMessage(RTM_DELADDR, "10.0.0.1").get());
-    table.messageIs(addressMessage(RTM_DELADDR, "169.254.0.1").get());
+    table.readMessage(addressMessage(RTM_DELADDR, "10.0.0.1").get());
+    table.readMessage(addressMessage(RTM_DELADDR, "169.254.0.1").get());
     // The far end of a tunnel, and the near one.
-    table.messageIs(
+    table.readMessage(
         addressMessage(RTM_NEWADDR, "10.0.0.2").with(IFA_LOCAL, IpAddr("10.0.0.1")).get());
     EXPECT_EQ(primary(), "10.0.0.1");
 }
@@ -111,7 +113,7 @@ TEST_F(InterfaceTableTest, CutMessagesAreMalformedUnlessTheyEndWithAnAttribute) 
         for (std::size_t size = sizeof(nlmsghdr); size < whole.size(); ++size) {
             auto const before = table.interfaces();
             try {
-                table.messageIs(*whole.cut(size));
+                table.readMessage(*whole.cut(size));
             } catch (Nex::ParseException const&) {
                 ++malformed;
                 EXPECT_EQ(table.interfaces(), before);
@@ -138,7 +140,7 @@ TEST_F(InterfaceTableTest, AttributesOfAWrongLengthAreMalformed) {
     };
     for (Message const& message : messages) {
         auto const before = table.interfaces();
-        EXPECT_THROW(table.messageIs(*message.cut(message.size())), Nex::ParseException);
+        EXPECT_THROW(table.readMessage(*message.cut(message.size())), Nex::ParseException);
         EXPECT_EQ(table.interfaces(), before);
     }
 }

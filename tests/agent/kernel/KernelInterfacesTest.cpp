@@ -147,8 +147,8 @@ TEST_F(KernelInterfacesTest, RefusedDumpIsToldByTheSocketAndLoggedOnce) {
     Netlink netlink(NETLINK_ROUTE, reader, space.get());
     testing::internal::CaptureStderr();
     for (int i = 0; i < 3; ++i) {
-        netlink.dumpIs(0x1002, rtmsg{}); // a type that there is not
-        netlink.dumpIs(RTM_GETLINK, ifinfomsg{});
+        netlink.requestDump(0x1002, rtmsg{}); // a type that there is not
+        netlink.requestDump(RTM_GETLINK, ifinfomsg{});
         EXPECT_FALSE(netlink.stalled()) << "there is an answer to take";
         netlink.receive();
         EXPECT_TRUE(netlink.stalled());
@@ -157,7 +157,7 @@ TEST_F(KernelInterfacesTest, RefusedDumpIsToldByTheSocketAndLoggedOnce) {
     }
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "error: netlink: dump 4098 refused: Operation not supported (0 more not shown)\n");
-    netlink.dumpIs(RTM_GETLINK, ifinfomsg{});
+    netlink.requestDump(RTM_GETLINK, ifinfomsg{});
     netlink.receive();
     EXPECT_TRUE(reader.done);
 }

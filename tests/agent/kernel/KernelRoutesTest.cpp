@@ -36,8 +36,8 @@ class KernelRoutesTest : public LoopFixture {
         doMakeOutput();
         NamespaceScope const inside(space.get());
         router.emplace();
-        router->interfaceIs(0, indexOf("up0"));
-        router->interfaceIs(1, indexOf("aux0"));
+        router->addInterface(0, indexOf("up0"));
+        router->addInterface(1, indexOf("aux0"));
     }
 
     void doMakeOutput() const {
@@ -60,7 +60,7 @@ class KernelRoutesTest : public LoopFixture {
                     << name << " is told twice";
             },
             space.get());
-        followed->filterIs({true, false, {indexOf("up0")}});
+        followed->setFilter({true, false, {indexOf("up0")}});
     }
     void doFollow() {
         doStartFollowing();
@@ -79,57 +79,57 @@ class KernelRoutesTest : public LoopFixture {
 
 TEST_F(KernelRoutesTest, InterfacesThatComeAndGoChangeRoutesWithoutAWord) {
     doFollow();
-    router->routeIs(source, group(1), 0, {1});
+    router->addRoute(source, group(1), 0, {1});
     EXPECT_TRUE(becomes({"10.0.0.1 239.1.1.1"}));
     net->nearIp("link del aux0");
     EXPECT_TRUE(becomes({})) << "no output is left";
     doMakeOutput();
-    router->interfaceIs(1, indexOf("aux0"));
+    router->addInterface(1, indexOf("aux0"));
     EXPECT_TRUE(becomes({"10.0.0.1 239.1.1.1"}));
-    router->interfaceDel(0);
+    router->removeInterface(0);
     EXPECT_TRUE(becomes({}));
-    router->interfaceIs(0, indexOf("up0"));
+    router->addInterface(0, indexOf("up0"));
     EXPECT_TRUE(becomes({"10.0.0.1 239.1.1.1"}));
     // Another interface with the number of the old one.
-    router->interfaceDel(0);
-    router->interfaceIs(0, indexOf("aux1"));
+    router->removeInterface(0);
+    router->addInterface(0, indexOf("aux1"));
     EXPECT_TRUE(becomes({}));
 }
 
 TEST_F(KernelRoutesTest, LongTableIsReadWhileItChanges) {
     Names expected;
-    for (unsigned i = 0; i < 3000; ++i) router->routeIs(source, group(i), 0, {1});
+    for (unsigned i = 0; i < 3000; ++i) router->addRoute(source, group(i), 0, {1});
     doStartFollowing();
     EXPECT_TRUE(serveUntil([&] { return !announced.empty(); }));
     EXPECT_FALSE(followed->synchronized()) << "some pieces in each turn";
-    for (unsigned i = 0; i < 3000; i += 3) router->routeDel(source, group(i));
-    for (unsigned i = 1; i < 3000; i += 3) router->routeIs(source, group(i), 0, {});
-    for (unsigned i = 3000; i < 3300; ++i) router->routeIs(source, group(i), 0, {1});
+    for (unsigned i = 0; i < 3000; i += 3) router->removeRoute(source, group(i));
+    for (unsigned i = 1; i < 3000; i += 3) router->addRoute(source, group(i), 0, {});
+    for (unsigned i = 3000; i < 3300; ++i) router->addRoute(source, group(i), 0, {1});
     for (unsigned i = 2; i < 3000; i += 3) expected.insert(nameOf(i));
     for (unsigned i = 3000; i < 3300; ++i) expected.insert(nameOf(i));
     EXPECT_TRUE(serveUntil([&] { return followed->synchronized(); }));
     EXPECT_TRUE(becomes(expected));
     EXPECT_EQ(followed->routeCount(), 2300u);
-    followed->filterIs({true, false, {}}); // judges them in several turns
+    followed->setFilter({true, false, {}}); // judges them in several turns
     EXPECT_TRUE(becomes({}));
 }
 
 TEST_F(KernelRoutesTest, AfterAnOverrunOnlyDifferencesAreTold) {
     Names expected;
-    for (unsigned i = 0; i < 1000; ++i) router->routeIs(source, group(i), 0, {1});
+    for (unsigned i = 0; i < 1000; ++i) router->addRoute(source, group(i), 0, {1});
     doFollow();
     ASSERT_TRUE(serveUntil([&] { return announced.size() == 1000; }));
     told = 0;
-    followed->receiveBufferIs(1); // the kernel takes its minimum
+    followed->setReceiveBuffer(1); // the kernel takes its minimum
     for (unsigned i = 0; i < 1000; ++i) {
-        router->routeIs(source, group(i), 0, {});
+        router->addRoute(source, group(i), 0, {});
         if (i % 10 != 0)
-            router->routeIs(source, group(i), 0, {1});
+            router->addRoute(source, group(i), 0, {1});
         else if (i % 20 == 0)
-            router->routeDel(source, group(i));
+            router->removeRoute(source, group(i));
         if (i % 10 != 0) expected.insert(nameOf(i));
     }
-    router->routeIs(source, group(1000), 0, {1});
+    router->addRoute(source, group(1000), 0, {1});
     expected.insert(nameOf(1000));
     testing::internal::CaptureStderr();
     EXPECT_TRUE(becomes(expected));
@@ -165,7 +165,7 @@ std::vector<int> netlinkSockets(bool following) {
 }
 
 TEST_F(KernelRoutesTest, ReadingThatTheKernelGivesUpIsBegunAgain) {
-    router->routeIs(source, group(1), 0, {1});
+    router->addRoute(source, group(1), 0, {1});
     doFollow();
     EXPECT_TRUE(becomes({nameOf(1)}));
     std::vector<int> const sockets = netlinkSockets(false);
@@ -173,16 +173,16 @@ TEST_F(KernelRoutesTest, ReadingThatTheKernelGivesUpIsBegunAgain) {
     deafen(sockets[0]);
     testing::internal::CaptureStderr();
     // Both ask for a reading.
-    router->interfaceDel(0);
+    router->removeInterface(0);
     EXPECT_TRUE(becomes({}));
-    router->interfaceIs(0, indexOf("up0"));
+    router->addInterface(0, indexOf("up0"));
     EXPECT_TRUE(becomes({nameOf(1)}));
     EXPECT_NE(testing::internal::GetCapturedStderr().find("temporarily unavailable"),
               std::string::npos);
 }
 
 TEST_F(KernelRoutesTest, ReadingMayBeCutOff) {
-    for (unsigned i = 0; i < 3000; ++i) router->routeIs(source, group(i), 0, {1});
+    for (unsigned i = 0; i < 3000; ++i) router->addRoute(source, group(i), 0, {1});
     for (int i = 0; i < 20; ++i) {
         doStartFollowing();
         EXPECT_TRUE(serveUntil([&] { return !announced.empty(); }));
@@ -199,13 +199,13 @@ TEST_F(KernelRoutesTest, InterfacesThatTheKernelGivesUpAreReadAgain) {
     Obstacles obstacles;
     VrfRegistry vrfs(state, loop, obstacles, [](std::string const&) {});
     for (int const each : netlinkSockets(true)) deafen(each); // links have come, addresses not yet
-    vrfs.configurationIs({});
+    vrfs.applyConfiguration({});
     EXPECT_FALSE(serveUntil([&] { return vrfs.synchronized(); }, 5));
     EXPECT_TRUE(serveUntil([&] { return vrfs.synchronized(); }));
 }
 
 TEST_F(KernelRoutesTest, ObserverThatThrowsMissesNothing) {
-    for (unsigned i = 0; i < 3; ++i) router->routeIs(source, group(i), 0, {1});
+    for (unsigned i = 0; i < 3; ++i) router->addRoute(source, group(i), 0, {1});
     int calls = 0;
     followed.emplace(
         loop,
@@ -215,7 +215,7 @@ TEST_F(KernelRoutesTest, ObserverThatThrowsMissesNothing) {
         },
         space.get());
     testing::internal::CaptureStderr();
-    followed->filterIs({true, false, {indexOf("up0")}});
+    followed->setFilter({true, false, {indexOf("up0")}});
     EXPECT_TRUE(serveUntil([&] { return calls == 3; }));
     EXPECT_NE(testing::internal::GetCapturedStderr().find("(10.0.0.1, 239.1.1.2): observer"),
               std::string::npos);

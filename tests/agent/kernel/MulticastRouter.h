@@ -23,7 +23,7 @@ class MulticastRouter {
   public:
     MulticastRouter() { option(MRT_INIT, 1); }
 
-    void interfaceIs(vifi_t number, int ifindex) {
+    void addInterface(vifi_t number, int ifindex) {
         vifctl interface {};
         interface.vifc_vifi = number;
         interface.vifc_flags = VIFF_USE_IFINDEX;
@@ -31,19 +31,19 @@ class MulticastRouter {
         interface.vifc_lcl_ifindex = ifindex;
         option(MRT_ADD_VIF, interface);
     }
-    void interfaceDel(vifi_t number) {
+    void removeInterface(vifi_t number) {
         vifctl interface {};
         interface.vifc_vifi = number;
         option(MRT_DEL_VIF, interface);
     }
-    void routeIs(Lox::IpAddr source, Lox::IpAddr group, vifi_t incoming,
-                 std::initializer_list<vifi_t> outputs) {
+    void addRoute(Lox::IpAddr source, Lox::IpAddr group, vifi_t incoming,
+                  std::initializer_list<vifi_t> outputs) {
         mfcctl route = named(source, group);
         route.mfcc_parent = incoming;
         for (vifi_t const output : outputs) route.mfcc_ttls[output] = 1;
         option(MRT_ADD_MFC, route);
     }
-    void routeDel(Lox::IpAddr source, Lox::IpAddr group) {
+    void removeRoute(Lox::IpAddr source, Lox::IpAddr group) {
         option(MRT_DEL_MFC, named(source, group));
     }
 

@@ -68,7 +68,7 @@ class PacketSocketTest : public testing::Test {
         return packets;
     }
     void doSend(Octets const& packet) {
-        tx->packetIs(packet);
+        tx->enqueue(packet);
         ASSERT_EQ(tx->flush(now), 0);
     }
     /// Shapes what leaves tx0; whether the kernel can.
@@ -126,9 +126,9 @@ TEST_F(PacketSocketTest, OnlyIgmpForThisHostOrGroupsPasses) {
 }
 
 TEST_F(PacketSocketTest, OnePacketBeyondTheMtuDoesNotHoldUpTheOthers) {
-    tx->packetIs(packetTo(v3Reports, 40, 1));
-    tx->packetIs(packetTo(v3Reports, 1501, 2));
-    tx->packetIs(packetTo(v3Reports, 40, 3));
+    tx->enqueue(packetTo(v3Reports, 40, 1));
+    tx->enqueue(packetTo(v3Reports, 1501, 2));
+    tx->enqueue(packetTo(v3Reports, 40, 3));
     EXPECT_EQ(tx->flush(now), 0);
     EXPECT_EQ(arrivals(*rx, 2),
               (std::vector<Octets>{packetTo(v3Reports, 40, 1), packetTo(v3Reports, 40, 3)}));
@@ -139,7 +139,7 @@ TEST_F(PacketSocketTest, OnePacketBeyondTheMtuDoesNotHoldUpTheOthers) {
 TEST_F(PacketSocketTest, FullQueuesKeepThePacketsForLater) {
     if (!shape("add dev tx0 root tbf rate 8kbit burst 2000 limit 5000"))
         GTEST_SKIP() << "no traffic shaper (tbf) in this kernel";
-    for (int i = 0; i < 40; ++i) tx->packetIs(packetTo(v3Reports, 1500));
+    for (int i = 0; i < 40; ++i) tx->enqueue(packetTo(v3Reports, 1500));
     EXPECT_EQ(tx->flush(now), ENOBUFS) << "the interface's queue is full";
     EXPECT_GT(tx->queued(), 30u);
 
@@ -157,8 +157,8 @@ TEST_F(PacketSocketTest, FullQueuesKeepThePacketsForLater) {
 TEST_F(PacketSocketTest, PacketsThatTheInterfaceKeepsRefusingAreGivenUp) {
     if (!shape("add dev tx0 root bfifo limit 200")) GTEST_SKIP() << "no bfifo in this kernel";
     for (std::size_t second : {301u, 40u}) {
-        tx->packetIs(packetTo(v3Reports, 300));
-        tx->packetIs(packetTo(v3Reports, second));
+        tx->enqueue(packetTo(v3Reports, 300));
+        tx->enqueue(packetTo(v3Reports, second));
         EXPECT_EQ(tx->flush(now), ENOBUFS);
         EXPECT_EQ(tx->flush(now + 0.9), ENOBUFS) << "it may be a burst";
         EXPECT_EQ(tx->queued(), 2u);

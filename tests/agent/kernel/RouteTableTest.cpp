@@ -46,20 +46,20 @@ KernelRoute const plain{IpAddr("10.0.0.1"), IpAddr("239.1.1.1"), 7, {8}};
 
 class RouteTableTest : public testing::Test {
   protected:
-    RouteTableTest() { filterIs({true, false, {7}}); }
+    RouteTableTest() { setFilter({true, false, {7}}); }
 
-    void filterIs(RouteFilter const& filter) {
-        table.filterIs(filter);
+    void setFilter(RouteFilter const& filter) {
+        table.setFilter(filter);
         table.doReview(SIZE_MAX);
     }
     void notify(KernelRoute const& route, std::uint16_t type = RTM_NEWROUTE, unsigned flags = 0) {
-        table.messageIs(routeMessage(type, route, flags).get(), false);
+        table.readMessage(routeMessage(type, route, flags).get(), false);
     }
     void dump(KernelRoute const& route) {
-        table.messageIs(routeMessage(RTM_NEWROUTE, route).get(), true);
+        table.readMessage(routeMessage(RTM_NEWROUTE, route).get(), true);
     }
     void doBeginReading() {
-        table.readingIs();
+        table.beginReading();
         EXPECT_TRUE(table.questionTake(1).all);
     }
     bool nothingToAsk() {
@@ -91,7 +91,7 @@ TEST_F(RouteTableTest, OtherTablesAndKindsOfRoutesTellNothing) {
         routeMessage(RTM_NEWROUTE, {IpAddr(), IpAddr(), 7, {8}}), // any group
         routeMessage(RTM_NEWROUTE, {IpAddr("10.0.0.2"), plain.group, 7, {8}}, RTNH_F_UNRESOLVED),
     };
-    for (Message const& each : others) table.messageIs(each.get(), false);
+    for (Message const& each : others) table.readMessage(each.get(), false);
     EXPECT_EQ(told(), "");
     EXPECT_EQ(table.routeCount(), 1u);
 }
@@ -100,7 +100,7 @@ TEST_F(RouteTableTest, ChangedFilterJudgesOnlyTheRoutesConcernedAndInSteps) {
     for (unsigned i = 0; i < 100; ++i)
         notify({IpAddr::fromHost(i + 1), plain.group, i < 3 ? 9 : 7, {8}});
     told();
-    table.filterIs({true, false, {7, 9}});
+    table.setFilter({true, false, {7, 9}});
     EXPECT_FALSE(table.doReview(2));
     EXPECT_EQ(told(), "+(0.0.0.1, 239.1.1.1)+(0.0.0.2, 239.1.1.1)");
     // One that is waiting changes, one goes.
@@ -108,7 +108,7 @@ TEST_F(RouteTableTest, ChangedFilterJudgesOnlyTheRoutesConcernedAndInSteps) {
     notify({IpAddr::fromHost(3), plain.group, 9, {8}}, RTM_DELROUTE);
     EXPECT_EQ(told(), "-(0.0.0.2, 239.1.1.1)");
     EXPECT_TRUE(table.doReview(0)) << "and no other waits";
-    table.filterIs({false, false, {7, 9}});
+    table.setFilter({false, false, {7, 9}});
     EXPECT_FALSE(table.doReview(98));
     EXPECT_TRUE(table.doReview(1));
     EXPECT_EQ(told(), "+(0.0.0.2, 239.1.1.1)");
@@ -124,7 +124,7 @@ TEST_F(RouteTableTest, NotificationsHoldAgainstTheDumpTheyOvertake) {
     dump(plain);
     dump(other);
     EXPECT_EQ(told(), "");
-    table.readingDel(true);
+    table.endReading(true);
     doBeginReading();
     dump(plain);
     EXPECT_EQ(told(), "+(10.0.0.1, 239.1.1.1)") << "the next dump is newer";
@@ -145,7 +145,7 @@ TEST_F(RouteTableTest, ReadingDropsWhatNeitherADumpNorAnAnswerHasTold) {
     EXPECT_EQ(question.names, (std::vector{RouteName{skipped.source, skipped.group}}));
     dump(skipped);
     EXPECT_TRUE(nothingToAsk());
-    table.readingDel(true);
+    table.endReading(true);
     EXPECT_EQ(told(), "+(10.0.0.2, 239.1.1.1)");
     table.doReview(SIZE_MAX);
     EXPECT_EQ(told(), "-(10.0.0.3, 239.1.1.1)");
@@ -153,9 +153,9 @@ TEST_F(RouteTableTest, ReadingDropsWhatNeitherADumpNorAnAnswerHasTold) {
     // Where something was lost, the reading proves nothing, but the filter still judges.
     doBeginReading();
     table.questionTake(1);
-    table.filterIs({true, false, {}});
+    table.setFilter({true, false, {}});
     EXPECT_TRUE(table.doReview(SIZE_MAX));
-    table.readingDel(false);
+    table.endReading(false);
     EXPECT_EQ(told(), "");
     table.doReview(SIZE_MAX);
     EXPECT_EQ(told().size(), 3 * std::string("-(10.0.0.1, 239.1.1.1)").size());
@@ -177,7 +177,7 @@ TEST_F(RouteTableTest, DumpIsReadAgainWhereItHasSkippedWhatNobodyKnows) {
     EXPECT_EQ(table.questionTake(5).names.size(), 1u);
     dump(route(3));
     EXPECT_TRUE(nothingToAsk()) << "that one was skipped";
-    table.readingDel(true);
+    table.endReading(true);
 
     doBeginReading();
     notify(route(3), RTM_DELROUTE);
@@ -188,7 +188,7 @@ TEST_F(RouteTableTest, DumpIsReadAgainWhereItHasSkippedWhatNobodyKnows) {
     dump(route(5));
     notify(route(5), RTM_DELROUTE);
     EXPECT_TRUE(nothingToAsk()) << "or it would never end";
-    table.readingDel(true);
+    table.endReading(true);
     EXPECT_EQ(table.routeCount(), 1u);
 }
 
@@ -208,7 +208,7 @@ TEST_F(RouteTableTest, MalformedMessagesChangeNothing) {
     for (rtnexthop const& hop : hops)
         messages.push_back(deletion(4).with(RTA_MULTIPATH, sizeof hop, &hop));
     for (Message const& each : messages)
-        EXPECT_THROW(table.messageIs(*each.cut(each.size()), false), Nex::ParseException)
+        EXPECT_THROW(table.readMessage(*each.cut(each.size()), false), Nex::ParseException)
             << &each - messages.data();
     EXPECT_EQ(told(), "");
     EXPECT_EQ(table.routeCount(), 1u);
@@ -267,7 +267,7 @@ class RouteTableModel : public RouteTableTest {
         filter_ = {pick(2) == 0, pick(4) == 0, {}};
         for (int const ifindex : {1, 2, 3})
             if (pick(2) == 0) filter_.proxyInterfaces.insert(ifindex);
-        table.filterIs(filter_);
+        table.setFilter(filter_);
     }
     void doChangeRoute(bool lost) {
         KernelRoute route{
@@ -292,11 +292,11 @@ class RouteTableModel : public RouteTableTest {
         for (; length > 0 && place_ < kernel_.size(); --length) dump(kernel_[place_++]);
         if (place_ < kernel_.size()) return;
         place_ = 0;
-        if (!whole_) return table.readingDel(false);
+        if (!whole_) return table.endReading(false);
         for (;;) {
             auto const question = table.questionTake(1 + pick(3));
             if (question.all) return;
-            if (question.names.empty()) return table.readingDel(true);
+            if (question.names.empty()) return table.endReading(true);
             for (RouteName const& name : question.names)
                 for (auto const& each : kernel_)
                     if (each.source == name.source && each.group == name.group) dump(each);

@@ -43,8 +43,8 @@ class EventLoopTest : public testing::Test {
         loop.run();
     }
     void SetUp() override {
-        loop.endOfTurnIs([this] {
-            if (--turnsLeft_ == 0) loop.stopIs(0);
+        loop.atEndOfTurn([this] {
+            if (--turnsLeft_ == 0) loop.stop(0);
         });
     }
 
@@ -57,12 +57,12 @@ class EventLoopTest : public testing::Test {
 
 TEST_F(EventLoopTest, HandlerMayRemoveItself) {
     ReadyPipe a, b;
-    loop.descriptorIs(a.fd(), EPOLLIN, [&](std::uint32_t) {
+    loop.watch(a.fd(), EPOLLIN, [&](std::uint32_t) {
         std::string const kept = "a"; // the closure must outlive its own removal
-        loop.descriptorDel(a.fd());
+        loop.unwatch(a.fd());
         calls += kept;
     });
-    loop.descriptorIs(b.fd(), EPOLLIN, [&](std::uint32_t events) {
+    loop.watch(b.fd(), EPOLLIN, [&](std::uint32_t events) {
         EXPECT_EQ(events, std::uint32_t(EPOLLIN));
         calls += 'b';
     });
@@ -75,22 +75,22 @@ TEST_F(EventLoopTest, EventOfAClosedDescriptorIsNotTakenForItsSuccessors) {
     char byte;
     ASSERT_EQ(read(quiet.fd(), &byte, 1), 1);
     auto const replace = [&](int other) {
-        loop.descriptorDel(a.fd());
-        loop.descriptorDel(b.fd());
+        loop.unwatch(a.fd());
+        loop.unwatch(b.fd());
         ASSERT_EQ(dup2(quiet.fd(), other), other); // closes the descriptor and takes its number
-        loop.descriptorIs(other, EPOLLIN, [&](std::uint32_t) { calls += "stale"; });
+        loop.watch(other, EPOLLIN, [&](std::uint32_t) { calls += "stale"; });
         calls += 'x';
     };
-    loop.descriptorIs(a.fd(), EPOLLIN, [&](std::uint32_t) { replace(b.fd()); });
-    loop.descriptorIs(b.fd(), EPOLLIN, [&](std::uint32_t) { replace(a.fd()); });
+    loop.watch(a.fd(), EPOLLIN, [&](std::uint32_t) { replace(b.fd()); });
+    loop.watch(b.fd(), EPOLLIN, [&](std::uint32_t) { replace(a.fd()); });
     doTurns(1);
     EXPECT_EQ(calls, "x");
 }
 
 TEST_F(EventLoopTest, NewHandlerReplacesTheOldOne) {
     ReadyPipe a;
-    loop.descriptorIs(a.fd(), EPOLLIN, [&](std::uint32_t) {
-        loop.descriptorIs(a.fd(), EPOLLIN, [&](std::uint32_t) { calls += "new "; });
+    loop.watch(a.fd(), EPOLLIN, [&](std::uint32_t) {
+        loop.watch(a.fd(), EPOLLIN, [&](std::uint32_t) { calls += "new "; });
         calls += "old ";
     });
     doTurns(2);
@@ -100,12 +100,12 @@ TEST_F(EventLoopTest, NewHandlerReplacesTheOldOne) {
 TEST_F(EventLoopTest, ExceptionsAreLoggedAndTheLoopGoesOn) {
     ReadyPipe a;
     int turn = 0;
-    loop.descriptorIs(a.fd(), EPOLLIN, [&](std::uint32_t) {
+    loop.watch(a.fd(), EPOLLIN, [&](std::uint32_t) {
         if (turn++ == 0) throw std::runtime_error("first\nfailure");
         throw 7;
     });
-    loop.endOfTurnIs([] { throw std::runtime_error("in a hook"); });
-    loop.endOfTurnIs([&] { calls += 'h'; });
+    loop.atEndOfTurn([] { throw std::runtime_error("in a hook"); });
+    loop.atEndOfTurn([&] { calls += 'h'; });
     testing::internal::CaptureStderr();
     doTurns(2);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
@@ -118,10 +118,10 @@ TEST_F(EventLoopTest, ExpiryThatComesNearerIsKept) {
     ReadyPipe a;
     double const start = EventLoop::now();
     double expiry = INFINITY;
-    loop.timeIs([&] { return std::optional(expiry); }, [&](double) { loop.stopIs(0); });
-    loop.descriptorIs(a.fd(), EPOLLIN, [&](std::uint32_t) {
+    loop.onTime([&] { return std::optional(expiry); }, [&](double) { loop.stop(0); });
+    loop.watch(a.fd(), EPOLLIN, [&](std::uint32_t) {
         expiry = expiry == INFINITY ? start + 1000 : start + 0.02;
-        if (expiry < start + 1) loop.descriptorDel(a.fd());
+        if (expiry < start + 1) loop.unwatch(a.fd());
     });
     loop.run();
     EXPECT_GE(EventLoop::now(), start + 0.02);
@@ -129,13 +129,13 @@ TEST_F(EventLoopTest, ExpiryThatComesNearerIsKept) {
 }
 
 TEST_F(EventLoopTest, SignalSentWithoutEndStarvesNoOther) {
-    loop.signalIs(SIGTERM, [&] { loop.stopIs(4); });
-    loop.signalIs(SIGHUP, [&] {
+    loop.onSignal(SIGTERM, [&] { loop.stop(4); });
+    loop.onSignal(SIGHUP, [&] {
         calls += 'H';
         if (calls.size() < 100) raise(SIGHUP);
         if (calls == "H.H.H") raise(SIGTERM);
     });
-    loop.endOfTurnIs([&] { calls += '.'; });
+    loop.atEndOfTurn([&] { calls += '.'; });
     raise(SIGHUP);
     EXPECT_EQ(loop.run(), 4);
     EXPECT_EQ(calls, "H.H.H..") << "a call in each turn, and none beside the end";
@@ -150,9 +150,9 @@ TEST_F(EventLoopTest, HandlerThatFailsForeverDoesNotSpin) {
         ++calls;
         throw std::bad_alloc();
     };
-    loop.descriptorIs(pipe.fd(), EPOLLIN, [&](std::uint32_t) { fail(); });
-    loop.timeIs([] { return 0.0; }, [&](double) { fail(); });
-    loop.exhaustionIs([&] { ++exhaustions; });
+    loop.watch(pipe.fd(), EPOLLIN, [&](std::uint32_t) { fail(); });
+    loop.onTime([] { return 0.0; }, [&](double) { fail(); });
+    loop.onExhaustion([&] { ++exhaustions; });
     double const start = EventLoop::now();
     doTurns(12);
     EXPECT_EQ(calls, 24);
@@ -170,16 +170,16 @@ TEST_F(EventLoopTest, WorkThatWaitsHoldsNeitherTheLoopNorOtherWork) {
     int done = 0;
     auto const count = [&, here = std::this_thread::get_id()] {
         EXPECT_EQ(std::this_thread::get_id(), here);
-        if (++done == works - 1) loop.stopIs(0);
+        if (++done == works - 1) loop.stop(0);
     };
     Done const stays = std::make_shared<EventLoop::Handler const>(count);
     Done goes = std::make_shared<EventLoop::Handler const>(count);
     for (int i = 0; i < works; ++i)
-        loop.workIs([&] { all.arrive_and_wait(); }, i == works / 2 ? goes : stays);
+        loop.offload([&] { all.arrive_and_wait(); }, i == works / 2 ? goes : stays);
     goes = nullptr;
     ReadyPipe const pipe;
-    loop.descriptorIs(pipe.fd(), EPOLLIN, [&](std::uint32_t) {
-        loop.descriptorDel(pipe.fd());
+    loop.watch(pipe.fd(), EPOLLIN, [&](std::uint32_t) {
+        loop.unwatch(pipe.fd());
         all.arrive_and_wait();
     });
     loop.run();
@@ -200,9 +200,9 @@ TEST_F(EventLoopTest, WorkIsDoneWithoutAThreadAndAtTheEnd) {
     pthread_attr_init(&tooLarge);
     pthread_attr_setstacksize(&tooLarge, std::size_t(1) << 46);
     ASSERT_EQ(pthread_setattr_default_np(&tooLarge), 0);
-    Done const done = std::make_shared<EventLoop::Handler const>([this] { loop.stopIs(0); });
+    Done const done = std::make_shared<EventLoop::Handler const>([this] { loop.stop(0); });
     bool worked = false;
-    loop.workIs([&] { worked = true; }, done);
+    loop.offload([&] { worked = true; }, done);
     pthread_setattr_default_np(&before);
     EXPECT_TRUE(worked);
     loop.run();

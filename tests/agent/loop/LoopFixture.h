@@ -11,8 +11,8 @@ namespace Agent {
 class LoopFixture : public testing::Test {
   protected:
     LoopFixture() {
-        loop.endOfTurnIs([this] {
-            if (condition_ && (condition_() || ticksLeft_ <= 0)) loop.stopIs(0);
+        loop.atEndOfTurn([this] {
+            if (condition_ && (condition_() || ticksLeft_ <= 0)) loop.stop(0);
         });
     }
 
@@ -22,7 +22,7 @@ class LoopFixture : public testing::Test {
     bool serveUntil(std::function<bool()> condition, int ticks = 1500) {
         condition_ = std::move(condition);
         ticksLeft_ = ticks;
-        tick_.delayIs(0);
+        tick_.arm(0);
         loop.run();
         return std::exchange(condition_, nullptr)();
     }
@@ -35,7 +35,7 @@ class LoopFixture : public testing::Test {
     /// What the condition looks at may change without an event of the loop.
     Alarm tick_{loop, [this] {
                     --ticksLeft_;
-                    tick_.delayIs(0.02);
+                    tick_.arm(0.02);
                 }};
 };
 

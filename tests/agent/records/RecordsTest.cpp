@@ -29,7 +29,7 @@ class RecordsTest : public testing::Test {
             platform, loop, [this](std::string const&, std::string const&) { return location; },
             [this](std::string const& name, bool present) {
                 told += (present ? "+" : "-") + name;
-                writer.hostIs(name, present);
+                writer.handleHost(name, present);
             });
         platform.usableIntf("up0", 2);
         location.followed = location.settled = true;
@@ -38,7 +38,7 @@ class RecordsTest : public testing::Test {
     void configure(std::string const& text) {
         ConfigurationReading reading = configurationParse(text, "f");
         ASSERT_TRUE(reading.valid()) << reading.diagnostics[0].stringValue();
-        writer.configurationIs(std::move(reading.configuration));
+        writer.applyConfiguration(std::move(reading.configuration));
     }
     void doTurn() {
         ports->handleConfiguration();
@@ -169,7 +169,7 @@ TEST_F(RecordsTest, RuleKeepsItsIdWhereverItGoesAndOverlapsAreTold) {
     auto const config = platform.aclConfig;
     AccessListWriter lists(*config, [&](std::string const& name) { overlaps += name + " "; });
     auto const ids = [&](std::string const& rules, bool lost) {
-        EXPECT_EQ(lists.listsIs(configurationParse(rules, "f").configuration.accessLists), lost);
+        EXPECT_EQ(lists.applyLists(configurationParse(rules, "f").configuration.accessLists), lost);
         std::map<std::string, std::uint64_t> all; // by destination
         Nex::Ptr const rulesNow = config->acl("a")->currCfg();
         for (auto const& item : rulesNow->ruleBySequence())
@@ -190,7 +190,7 @@ TEST_F(RecordsTest, RuleKeepsItsIdWhereverItGoesAndOverlapsAreTold) {
         EXPECT_EQ(known != before.end() && known->second == id, known != before.end());
         EXPECT_TRUE(known != before.end() || id > 2) << "never one that was used";
     }
-    lists.listsIs({});
+    lists.applyLists({});
     EXPECT_EQ(config->acl("a"), nullptr);
 }
 
@@ -219,9 +219,9 @@ TEST_F(RecordsTest, RoutesStandInATableOfTheirOwnUntilItIsRemoved) {
     Nex::Ptr const table = (*tables->keshPtr().begin()).value;
     IpAddr const group("239.1.1.1");
     for (char const* const source : {"0.0.0.0", "10.0.0.1", "10.0.0.1", "10.0.0.2"})
-        routes.routeIs(IpAddr(source), group, true);
+        routes.write(IpAddr(source), group, true);
     EXPECT_EQ(table->routeCount(), 3u);
-    routes.routeIs(IpAddr(), group, false);
+    routes.write(IpAddr(), group, false);
     EXPECT_EQ(table->routeCount(), 2u);
     routes.doRemove();
     EXPECT_EQ(tables->keshPtr(table.get()), nullptr);
@@ -249,10 +249,10 @@ TEST_F(RecordsTest, PortComesAndGoesWithItsEntityAndShowsWhatItCounts) {
 
 TEST_F(RecordsTest, WhatAnEarlierRunOwesIsKeptUntilNobodyCanHearIt) {
     InterfaceState former{"up1", "default", 2, {}};
-    former.groups.recordAdd(RecordType::isEx, IpAddr("239.1.1.1"));
+    former.groups.addRecord(RecordType::isEx, IpAddr("239.1.1.1"));
     InterfaceConfiguration const wanted;
     location.configuration = &wanted;
-    ports->formerAdd({former});
+    ports->addFormer({former});
     doTurn();
     EXPECT_EQ(held(), Lines{"up1 2 239.1.1.1"});
     location.configuration = nullptr; // the device is gone, and the wish for it
@@ -261,7 +261,7 @@ TEST_F(RecordsTest, WhatAnEarlierRunOwesIsKeptUntilNobodyCanHearIt) {
 
     location.configuration = &wanted;
     former.name = "up2";
-    ports->formerAdd({former});
+    ports->addFormer({former});
     doTurn();
     ports->doEnd(EventLoop::now());
     doTurn();
@@ -283,7 +283,7 @@ TEST_F(RecordsTest, SocketThatCannotBeOpenedIsTriedAgain) {
     double const retry = ports->nextExpiry();
     EXPECT_GT(retry, before);
     EXPECT_LT(retry, EventLoop::now() + 2);
-    ports->timeIs(retry);
+    ports->advance(retry);
     EXPECT_GT(ports->nextExpiry(), retry);
     EXPECT_NE(testing::internal::GetCapturedStderr().find("up0"), std::string::npos);
 }
