@@ -1,5 +1,8 @@
 #include "agent/Daemon.h"
 
+#include "agent/answers/Changes.h"
+#include "agent/answers/Groups.h"
+#include "agent/control/UnixSocket.h"
 #include "agent/loop/Log.h"
 #include "agent/loop/ServiceManager.h"
 #include "agent/records/RecordPart.h"
@@ -48,19 +51,11 @@ class StatusPart : public JsonPart {
 
 } // namespace
 
-void logDiagnostics(std::vector<Diagnostic> const& diagnostics) {
-    for (Diagnostic const& diagnostic : diagnostics) {
-        LogLevel const level = diagnostic.level == Diagnostic::Level::error     ? LogLevel::error
-                               : diagnostic.level == Diagnostic::Level::warning ? LogLevel::warning
-                                                                                : LogLevel::info;
-        log(level, "{}", diagnostic.textInFile());
-    }
-}
-
 Daemon::Daemon(Options options, Configuration configuration)
     : options_(std::move(options)),
       writer_(state_),
-      keeper_(loop_, options_.stateFile, [this] { return hosts_->heldWalk(); }) {
+      keeper_(loop_, options_.stateFile, [this] { return hosts_->heldWalk(); }),
+      reloader_(loop_, *this, options_.configurationFile) {
     doFollowSignals();
     sourceIntfSm_.make(state_.sourceIntfSm, this);
     root_ = state_.makeRoot();
@@ -81,6 +76,21 @@ Daemon::Daemon(Options options, Configuration configuration)
     doFollowTime();
     doReadState();
     doConfigure(std::move(configuration));
+    view_.emplace(AgentView{state_, writer_, *vrfs_, *hosts_, root_, obstacles_});
+    doOpenControl();
+}
+
+/// Where it is wanted in a place, it is there or the agent is not; the usual place may be another
+/// agent's.
+void Daemon::doOpenControl() {
+    bool const wanted = !options_.controlPath.empty();
+    try {
+        methods_ = methods();
+        control_.emplace(loop_, wanted ? options_.controlPath : defaultControlPath, methods_);
+    } catch (std::system_error const& error) {
+        if (wanted) throw;
+        log(LogLevel::info, "no control socket: {}; --control names another place", error.what());
+    }
 }
 
 void Daemon::doReadState() {
@@ -215,6 +225,7 @@ void Daemon::handleTurn() {
     vrfs_->handleTurn();
     obstacles_.handleTurn();
     trimmer_.handleTurn();
+    reloader_.handleTurn();
     if (ready_ || ending_ || !vrfs_->synchronized()) return;
     ready_ = true;
     // What an earlier run announced, where nobody asks for it now, waits for this.
@@ -225,28 +236,43 @@ void Daemon::handleTurn() {
 }
 
 void Daemon::handleReload() {
-    if (ending_) return;
-    if (!ready_) return doReload(); // the start is not over by that
-    serviceNotify("RELOADING=1");
-    try {
-        doReload();
-    } catch (...) {
-        serviceNotify("READY=1"); // what remains in force is served
-        throw;
-    }
-    serviceNotify("READY=1");
+    if (!ending_) doReload({});
 }
 
-void Daemon::doReload() {
-    ConfigurationReading reading = configurationRead(options_.configurationFile);
-    logDiagnostics(reading.diagnostics);
-    if (reading.valid()) {
-        doConfigure(std::move(reading.configuration));
-        log(LogLevel::info, "{} is in force", options_.configurationFile);
-    } else {
-        log(LogLevel::error, "{} was not taken over; nothing is changed",
-            options_.configurationFile);
+void Daemon::doReload(Reloader::Request request) {
+    if (ending_) throw RpcError(RpcError::refused, "the agent is ending");
+    reloader_.reload(std::move(request), ready_); // before, the start is not over by that
+}
+
+/// Whether the machines have nothing left to do for the groups. Those of a damaged state are built
+/// anew first.
+bool Daemon::settled() const {
+    if (damaged_ || !root_) return false;
+    auto const& interfaces = writer_.configuration().interfaces;
+    return std::none_of(interfaces.begin(), interfaces.end(), [this](auto const& item) {
+        auto const* const machine = root_->igmpHostProxyIntfSm(Lox::IntfId(item.first));
+        return machine && (machine->syncAllRoutes() || machine->reviewTimer()->reviewPending());
+    });
+}
+
+bool Daemon::leavesAll(Configuration const& configuration) const {
+    if (configuration.selectsGroups()) return false;
+    bool any = false;
+    bool kept = false; // for the forwarding table
+    for (auto const& item : writer_.configuration().interfaces) {
+        IgmpHostPort const* const port = hosts_->port(item.first);
+        if (!port) continue;
+        any |= port->engine().memberCount() > 0;
+        if (configuration.interfaces.contains(item.first))
+            port->engine().forMembers(
+                [&](Lox::IpAddr group) { kept = kept || isRouteOnly(*view_, item.first, group); });
     }
+    return any && !kept;
+}
+
+nlohmann::json Daemon::changesJson() const {
+    ChangeCounts const counts = changeCounts(*hosts_);
+    return {{"joined", counts.joined}, {"left", counts.left}, {"changed", counts.changed}};
 }
 
 void Daemon::handleStatus() {

@@ -5,8 +5,11 @@
 #include "IgmpHostProxy/PlatformState.h"
 #include "agent/Obstacles.h"
 #include "agent/PortRegistry.h"
+#include "agent/Reloader.h"
 #include "agent/VrfRegistry.h"
+#include "agent/answers/View.h"
 #include "agent/config/Configuration.h"
+#include "agent/control/ControlServer.h"
 #include "agent/files/StateKeeper.h"
 #include "agent/files/StatusFile.h"
 #include "agent/loop/EventLoop.h"
@@ -19,10 +22,7 @@
 
 namespace Agent {
 
-/// Writes what reading a file has found to the log.
-void logDiagnostics(std::vector<Diagnostic> const& diagnostics);
-
-class Daemon {
+class Daemon : private Reloader::Target {
   public:
     struct Options {
         std::string configurationFile;
@@ -31,18 +31,22 @@ class Daemon {
         /// Where a later run finds what this one announced, if it ends without leaving; empty for
         /// nowhere.
         std::string stateFile;
+        /// Where the control socket is, or empty for the usual place, which need not be had.
+        std::string controlPath;
     };
 
     /// Starts everything and puts the configuration in force. Throws std::system_error where the
     /// kernel refuses what cannot be done without.
     Daemon(Options options, Configuration configuration);
-    ~Daemon();
+    ~Daemon() override;
     Daemon(Daemon const&) = delete;
     Daemon& operator=(Daemon const&) = delete;
 
     /// Serves until a signal ends it; the exit status.
     int run() { return loop_.run(); }
     EventLoop& loop() { return loop_; }
+    /// Whether the configuration file is being read or put in force.
+    bool reloading() const { return !reloader_.idle(); }
     IgmpHostProxy::PlatformState const& state() const { return state_; }
 
   private:
@@ -67,14 +71,27 @@ class Daemon {
     };
 
     void doFollowSignals();
+    RpcMethods methods();
+    void doOpenControl();
+    nlohmann::json statusJson() const;
     void doFollowTime();
     void handleTurn();
     void handleReload();
-    void doReload();
+    void doReload(Reloader::Request request);
     void handleStatus();
     void handleTerminate();
     void doReadState();
     bool settled(std::string const& name, std::string const& vrf) const;
+    // Reloader::Target
+    Configuration const& inForce() const override { return writer_.configuration(); }
+    Configuration const& before() const override { return writer_.before(); }
+    void putInForce(Configuration configuration) override { doConfigure(std::move(configuration)); }
+    bool settled() const override;
+    bool leavesAll(Configuration const& configuration) const override;
+    void beginChanges() override { hosts_->beginChanges(); }
+    nlohmann::json changesJson() const override;
+    void endChanges() override { hosts_->endChanges(); }
+
     void doConfigure(Configuration configuration);
     void doRebuild();
     void handleExhaustion();
@@ -94,6 +111,11 @@ class Daemon {
     std::optional<StatusFile> statusFile_;
     Alarm rebuild_{loop_, [this] { doRebuild(); }};
     HeapTrimmer trimmer_{loop_};
+    std::optional<AgentView> view_;
+    Reloader reloader_;
+    RpcMethods methods_;
+    std::optional<ControlServer> control_;
+    double startTime_ = EventLoop::now();
     bool damaged_ = false; ///< what stands between the configuration and the ports
     bool ready_ = false;
     bool ending_ = false;

@@ -52,8 +52,10 @@ std::pair<dev_t, ino_t> identityOf(int namespaceFd) {
 
 } // namespace
 
-IgmpHostPort::IgmpHostPort(EventLoop& loop, std::string name, std::string vrf, Locate locate)
+IgmpHostPort::IgmpHostPort(EventLoop& loop, GroupChanges& changes, std::string name,
+                           std::string vrf, Locate locate)
     : loop_(loop),
+      changes_(changes),
       name_(std::move(name)),
       vrf_(std::move(vrf)),
       locate_(std::move(locate)),
@@ -76,6 +78,7 @@ void IgmpHostPort::attach(Nex::Ptr<Igmp::IgmpHost> host, std::string const& vrf)
     // What the entity before it asked for and this one does not is left.
     v3groupDelAll();
     for (Lox::IpAddr const group : changedGroups_.walk()) changedGroups_.take(group);
+    doNoteAll();
     engine_.groupDelAll();
     settingsChanged_ = true;
     Nex::watch(host_, host, this);
@@ -83,6 +86,7 @@ void IgmpHostPort::attach(Nex::Ptr<Igmp::IgmpHost> host, std::string const& vrf)
 }
 
 void IgmpHostPort::detach(double now) {
+    doNoteAll();
     host_.del();
     v3groupDelAll();
     status_ = nullptr;
@@ -110,7 +114,7 @@ bool IgmpHostPort::finished(double now, bool ending) {
     bool const told = engine_.hasLeft() && socket_->queued() == 0;
     if (!told && now < leaveDeadline_) return false;
     if (std::uint64_t const lost = socket_->queued() + socket_->dropped() - loggedDrops_)
-        log(LogLevel::warning, "{}: gave up on {} packets while leaving", name_, lost);
+        logAbout(name_, LogLevel::warning, "gave up on {} packets while leaving", lost);
     doClose(now);
     return true;
 }
@@ -239,7 +243,7 @@ void IgmpHostPort::doOpen(Location const& here, double now) {
         doCloseSocket();
         retryTime_ = now + openRetrySeconds;
         if (auto const heldBack = openErrors_.admitted(now))
-            log(LogLevel::error, "{}: {} ({} more like this)", name_, error.what(), *heldBack);
+            logAbout(name_, LogLevel::error, "{} ({} more like this)", error.what(), *heldBack);
     }
 }
 
@@ -264,7 +268,14 @@ void IgmpHostPort::doApplyGroups() {
     }
 }
 
+/// Every group is about to go, though it may be back in the same turn.
+void IgmpHostPort::doNoteAll() {
+    if (changes_.begun())
+        engine_.forMembers([this](Lox::IpAddr group) { changes_.note(name_, group, engine_); });
+}
+
 void IgmpHostPort::doApplyGroup(Lox::IpAddr group) {
+    changes_.note(name_, group, engine_);
     Igmp::IgmpV3GroupRecord const* const record = host() ? host()->v3group(group) : nullptr;
     if (!record) return engine_.removeGroup(group);
     sources_.clear();
@@ -291,7 +302,13 @@ void IgmpHostPort::send(std::span<std::uint8_t const> ipPacket) {
     socket_->enqueue(ipPacket);
 }
 
-void IgmpHostPort::warn(std::string const& text) { log(LogLevel::warning, "{}: {}", name_, text); }
+void IgmpHostPort::warn(std::string const& text) { logAbout(name_, LogLevel::warning, "{}", text); }
+
+void IgmpHostPort::note(std::string const& text) {
+    // Two queriers that differ would take turns without end.
+    if (auto const heldBack = notes_.admitted(EventLoop::now()))
+        logAbout(name_, LogLevel::info, "{}", text);
+}
 
 void IgmpHostPort::doFlushSocket(double now) {
     if (!socket_) return;
@@ -308,8 +325,8 @@ void IgmpHostPort::doLogDrops(double now) {
     std::uint64_t const fresh = socket_->dropped() - loggedDrops_;
     if (fresh == 0 || !sendWarnings_.admitted(now)) return;
     loggedDrops_ += fresh;
-    log(LogLevel::warning, "{}: {} packets were not sent, the last one because of: {}", name_,
-        fresh, std::strerror(socket_->dropError()));
+    logAbout(name_, LogLevel::warning, "{} packets were not sent, the last one because of: {}",
+             fresh, std::strerror(socket_->dropError()));
 }
 
 void IgmpHostPort::doPublishCounters() {

@@ -9,6 +9,7 @@
 // ends the wait for the forwarding table, and one that ends the attempt to leave.
 #pragma once
 
+#include "agent/GroupChanges.h"
 #include "agent/config/Configuration.h"
 #include "agent/igmp/HostEngine.h"
 #include "agent/kernel/PacketSocket.h"
@@ -43,8 +44,9 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     /// Told the interface's name and VRF.
     using Locate = std::function<Location(std::string const& name, std::string const& vrf)>;
 
-    /// Without an entity. `loop` outlives this.
-    IgmpHostPort(EventLoop& loop, std::string name, std::string vrf, Locate locate);
+    /// Without an entity. `loop` and `changes`, which is told of groups, outlive this.
+    IgmpHostPort(EventLoop& loop, GroupChanges& changes, std::string name, std::string vrf,
+                 Locate locate);
     ~IgmpHostPort() override;
 
     std::string const& vrf() const { return vrf_; }
@@ -70,6 +72,8 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     }
     bool takeHeldChange() { return engine_.takeHeldChange(); }
     unsigned version() const { return engine_.version(); }
+    HostEngine const& engine() const { return engine_; }
+    Igmp::IgmpHost* entity() const { return host(); }
 
     /// The kernel interface or its part of the configuration changed: the socket and the engine's
     /// settings follow at the end of the turn.
@@ -107,6 +111,7 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     bool endsFormer() const { return engine_.hasFormer() && host() && socket_; }
     void doEndFormer(double now);
     void doLeave(double now);
+    void doNoteAll();
     void doApplyGroups();
     void doApplyGroup(Lox::IpAddr group);
     void doOpen(Location const& here, double now);
@@ -122,8 +127,10 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     // HostEngine::Output
     void send(std::span<std::uint8_t const> ipPacket) override;
     void warn(std::string const& text) override;
+    void note(std::string const& text) override;
 
     EventLoop& loop_;
+    GroupChanges& changes_;
     std::string name_;
     std::string vrf_;
     Locate locate_;
@@ -140,6 +147,7 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     double leaveDeadline_ = Nex::never; ///< when to give up leaving
     std::uint64_t loggedDrops_ = 0;     ///< of those of the socket
     LogLimit sendWarnings_;
+    LogLimit notes_{1};
     LogLimit openErrors_;
     bool settingsChanged_ = true;
     bool forgotten_ = false; ///< nobody will ever hear what is owed

@@ -22,12 +22,12 @@ void Obstacles::report(std::string const& subject, std::string const& reason, Lo
     changed_ = true;
     if (reason.empty()) {
         if (++ended_ <= mostTold)
-            log(LogLevel::info, "{}: can be used now (before: {})", name, known->second.reason);
+            logAbout(name, LogLevel::info, "can be used now (before: {})", known->second.reason);
         obstacles_.erase(known);
         return;
     }
     obstacles_[name] = {level, printable(reason)};
-    if (++begun_ <= mostTold) log(level, "{}: {}", name, obstacles_[name].reason);
+    if (++begun_ <= mostTold) logAbout(name, level, "{}", obstacles_[name].reason);
 }
 
 void Obstacles::clear(std::string const& subject) {

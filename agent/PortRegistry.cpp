@@ -71,7 +71,7 @@ Nex::Ptr<IgmpHostPort> PortRegistry::portFor(std::string const& name, std::strin
     auto const found =
         std::find_if(first, last, [&](auto const& item) { return item.second->fits(vrf); });
     if (found != last) return absent_.extract(found).mapped();
-    return Nex::newObject<IgmpHostPort>(loop_, name, vrf, locate_);
+    return Nex::newObject<IgmpHostPort>(loop_, changes_, name, vrf, locate_);
 }
 
 void PortRegistry::addFormer(std::vector<InterfaceState> const& former) {
@@ -202,6 +202,11 @@ void PortRegistry::doEnd(double now) {
     });
     doForgetFinished(now);
     error.rethrow();
+}
+
+IgmpHostPort const* PortRegistry::port(std::string const& name) const {
+    auto const found = ports_.find(name);
+    return found == ports_.end() ? nullptr : found->second.get();
 }
 
 /// One port at a time, found by the name of the one before: ports come and go meanwhile.

@@ -62,6 +62,12 @@ class PortRegistry : public Nex::PtrInterface {
     bool ended() const { return ending_ && absent_.empty(); }
     /// Whether routers may still hold something then that could not be left; heldWalk() tells it.
     bool takeOwing();
+    /// From now on remembers what groups were before they change.
+    void beginChanges() { changes_.begin(); }
+    void endChanges() { changes_.end(); }
+    GroupChanges const& changes() const { return changes_; }
+    /// Null without a host entity of that interface.
+    IgmpHostPort const* port(std::string const& name) const;
     /// What each port has counted, by the interface's name.
     std::unique_ptr<JsonPart> statusPart() const;
 
@@ -94,6 +100,7 @@ class PortRegistry : public Nex::PtrInterface {
     EventLoop& loop_;
     IgmpHostPort::Locate locate_;
     Observer observer_;
+    GroupChanges changes_;
     std::map<std::string, Nex::Ptr<IgmpHostPort>> ports_;
     /// Without an entity. An interface that moves to another network may have several.
     std::multimap<std::string, Nex::Ptr<IgmpHostPort>> absent_;

@@ -93,12 +93,11 @@ void VrfRegistry::doForget(std::string const& interface) {
 
 void VrfRegistry::handleTurn() {
     std::erase_if(changed_, [this](std::string const& name) {
-        auto const vrf = vrfs_.find(vrfOf(name));
-        if (vrf == vrfs_.end()) {
+        if (!vrfs_.contains(vrfOf(name))) {
             obstacles_.clear(name);
             return true;
         }
-        std::optional<std::string> const obstacle = vrf->second->obstacle(name);
+        std::optional<std::string> const obstacle = this->obstacle(name);
         if (obstacle) obstacles_.report(name, *obstacle);
         return obstacle.has_value();
     });
@@ -132,6 +131,11 @@ InterfaceWriter const* VrfRegistry::interfaces(std::string const& vrf) const {
 bool VrfRegistry::routesTold(std::string const& vrf) const {
     auto const found = vrfs_.find(vrf);
     return found == vrfs_.end() || found->second->routesTold();
+}
+
+std::optional<std::string> VrfRegistry::obstacle(std::string const& interface) const {
+    auto const found = vrfs_.find(vrfOf(interface));
+    return found == vrfs_.end() ? std::nullopt : found->second->obstacle(interface);
 }
 
 Lox::IpAddr VrfRegistry::address(std::string const& interface) const {

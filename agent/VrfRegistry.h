@@ -7,6 +7,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -34,6 +35,9 @@ class VrfRegistry {
     InterfaceWriter const* interfaces(std::string const& vrf) const;
     /// Whether all routes of that VRF have been announced, as far as they were there at the start.
     bool routesTold(std::string const& vrf) const;
+    /// What keeps an interface of the configuration from being used; empty for nothing, and nothing
+    /// while that is not known.
+    std::optional<std::string> obstacle(std::string const& interface) const;
     /// 0.0.0.0 unless the interface is usable.
     Lox::IpAddr address(std::string const& interface) const;
 

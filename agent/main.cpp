@@ -1,5 +1,6 @@
 // ihproxyd: announces multicast groups on upstream interfaces, as an IGMP host.
 #include "agent/Daemon.h"
+#include "agent/Reloader.h"
 #include "agent/config/Configuration.h"
 #include "agent/config/Keys.h"
 #include "agent/loop/FileDescriptor.h"
@@ -84,6 +85,9 @@ int main(int argc, char** argv) {
         app.add_option("--state", options.stateFile,
                        "Keep here what is announced; after an abrupt end the next run leaves what "
                        "is no longer wanted")
+            ->needs(config);
+        app.add_option("--control", options.controlPath,
+                       "Answer ihproxyctl here; otherwise at the usual place, if it can be had")
             ->needs(config);
         app.add_option("--trace", traceLevel, "Log what the machines do, up to this level")
             ->check(CLI::Range(0, 8))

@@ -16,7 +16,7 @@ function(ihp_install_library target)
 endfunction()
 
 function(ihp_install_agent)
-  install(TARGETS ihproxyd DESTINATION ${CMAKE_INSTALL_SBINDIR})
+  install(TARGETS ihproxyd ihproxyctl DESTINATION ${CMAKE_INSTALL_SBINDIR})
   install(FILES examples/ihproxyd.toml DESTINATION ${CMAKE_INSTALL_DOCDIR})
   # Written while installing: only then is the prefix known, which names the program. Below the
   # prefix even where that is not /usr, so that installing never needs to write elsewhere.

@@ -61,6 +61,7 @@ class ConfigurationReader {
 
     void doRead(TomlSection const& root) {
         root.checkKeys();
+        configuration_.allowEmpty = root.boolean("allow-empty");
         // First, for the interfaces name lists and VRFs.
         if (auto const lists = root.section("access-list")) doReadLists(*lists);
         if (auto const vrfs = root.section("vrf")) doReadVrfs(*vrfs);
@@ -298,6 +299,19 @@ std::string fileContent(std::string const& file) {
 }
 
 } // namespace
+
+bool Configuration::selectsGroups() const {
+    auto const selects = [this](std::string const& name) {
+        auto const list = accessLists.find(name);
+        return list != accessLists.end() &&
+               std::any_of(list->second.begin(), list->second.end(),
+                           [](auto const& rule) { return groupCount(rule.second) > 0; });
+    };
+    return std::any_of(interfaces.begin(), interfaces.end(), [&](auto const& item) {
+        auto const& lists = item.second.accessLists;
+        return !item.second.groups.empty() || std::any_of(lists.begin(), lists.end(), selects);
+    });
+}
 
 bool ConfigurationReading::valid() const {
     return std::none_of(diagnostics.begin(), diagnostics.end(),

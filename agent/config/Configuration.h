@@ -107,6 +107,11 @@ struct Configuration {
     /// Namespaces, as namespaceOpen() takes them, by VRF; without the default one.
     std::map<std::string, std::string> vrfs;
     ForwardingTableConfiguration forwardingTable;
+    /// Whether it may be taken over though it has every group left.
+    bool allowEmpty = false;
+
+    /// Whether any interface has groups, or a list that selects some.
+    bool selectsGroups() const;
 
     friend bool operator==(Configuration const&, Configuration const&) = default;
 };

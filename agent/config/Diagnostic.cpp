@@ -10,9 +10,7 @@
 
 namespace Agent {
 
-namespace {
-
-char const* levelName(Diagnostic::Level level) {
+char const* nameOf(Diagnostic::Level level) {
     switch (level) {
     case Diagnostic::Level::info:
         return "info";
@@ -23,6 +21,8 @@ char const* levelName(Diagnostic::Level level) {
     }
     return "";
 }
+
+namespace {
 
 /// Shown of one kind.
 constexpr unsigned mostOfKind = 20;
@@ -66,7 +66,7 @@ std::vector<Diagnostic> thinnedOut(std::vector<Diagnostic> found) {
 } // namespace
 
 std::string Diagnostic::stringValue() const {
-    return fmt::format("{}: {}: {}", place(*this), levelName(level), text);
+    return fmt::format("{}: {}: {}", place(*this), nameOf(level), text);
 }
 
 std::string Diagnostic::textInFile() const { return fmt::format("{}: {}", place(*this), text); }

@@ -28,6 +28,9 @@ struct Diagnostic {
     std::string textInFile() const;
 };
 
+/// "info", "warning" or "error".
+char const* nameOf(Diagnostic::Level level);
+
 /// Collects the findings about one file.
 class Diagnostics {
   public:

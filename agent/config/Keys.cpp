@@ -15,6 +15,10 @@ constexpr Key ofFile[] = {
      .type = Type::table,
      .takes = "`[[access-list.NAME]]`",
      .effect = "The rules of access lists, which interfaces name."},
+    {.name = "allow-empty",
+     .type = Type::boolean,
+     .effect = "Whether a reload may take this file over though it has every group left. Otherwise "
+               "that passes for a mistake, and is refused."},
     {.name = "forwarding-table",
      .type = Type::table,
      .takes = "`[forwarding-table]`",

@@ -142,7 +142,25 @@ void HostEngine::handleVersion(double now) {
     unsigned version = std::min(settings_.version, querier);
     if (version == version_) return;
     version_ = version;
+    if (linkUp_) output_.note("speaks version " + std::to_string(version));
     doCancel();
+}
+
+HostEngine::GroupState HostEngine::state(Lox::IpAddr group) const {
+    auto const found = groups_.find(group);
+    if (found == groups_.end() || !found->second.group.hasState()) return {};
+    RecordList records;
+    found->second.group.addStateRecord(records);
+    GroupRecord const record = records.record(0);
+    return {record.type == RecordType::isEx ? FilterMode::exclude : FilterMode::include,
+            {record.sources.begin(), record.sources.end()}};
+}
+
+double HostEngine::versionExpiry() const {
+    double expiry = -never;
+    for (double const each : {v1QuerierExpiry_, v2QuerierExpiry_})
+        if (each != never) expiry = std::max(expiry, each);
+    return expiry == -never || version_ == settings_.version ? never : expiry;
 }
 
 /// Cancels pending answers and repeats (RFC 9776, 7.2.1). A change that nobody has heard of yet is
@@ -219,6 +237,7 @@ void HostEngine::linkDown(double now) {
     linkUp_ = false;
     v1QuerierExpiry_ = v2QuerierExpiry_ = never;
     heardRobustness_ = 0;
+    querier_ = {};
     handleVersion(now);
     doCancel();
     doDrop(fresh_);

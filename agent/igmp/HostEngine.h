@@ -70,6 +70,8 @@ class HostEngine {
         virtual void send(std::span<std::uint8_t const> ipPacket) = 0;
         /// A line for the log, limited in rate.
         virtual void warn(std::string const& text) = 0;
+        /// What operators follow when they look for a cause, such as another querier.
+        virtual void note(std::string const& /*text*/) {}
     };
 
     /// All random delays come from `random`. The link counts as down until linkUp().
@@ -133,6 +135,33 @@ class HostEngine {
     HostCounters const& counters() const { return counters_; }
     /// What we speak now, 1 to 3: the older of the setting and the queriers heard.
     unsigned version() const { return version_; }
+    /// When what we speak may become newer, if no older query is heard until then; `never` while
+    /// that is what the setting says.
+    double versionExpiry() const;
+    /// Who sent the last general query that was used.
+    struct Querier {
+        unsigned version = 0; ///< 0: none has been heard since the link came up
+        Lox::IpAddr address;
+        double heard = 0;
+    };
+    Querier const& querier() const { return querier_; }
+    /// How many groups are wanted that can be told.
+    std::size_t memberCount() const { return members_; }
+    /// What is wanted of a group, as of the last flush().
+    struct GroupState {
+        FilterMode mode = FilterMode::include;
+        std::vector<Lox::IpAddr> sources; ///< ascending
+        /// Anything but INCLUDE{}.
+        bool member() const { return mode == FilterMode::exclude || !sources.empty(); }
+        friend bool operator==(GroupState const&, GroupState const&) = default;
+    };
+    GroupState state(Lox::IpAddr group) const;
+    /// Calls `visit(group)` for every group that is wanted.
+    template <class Visit>
+    void forMembers(Visit visit) const {
+        for (auto const& [address, entry] : groups_)
+            if (entry.group.hasState()) visit(address);
+    }
 
   private:
     using Counter = std::uint32_t HostCounters::*;
@@ -196,6 +225,7 @@ class HostEngine {
     bool isMember(Lox::IpAddr group) const;
     void doCountOddities(double now, IgmpDatagram const& datagram, IgmpQuery const& query);
     void doCountQuery(IgmpQuery const& query);
+    void doNoteQuerier(double now, Lox::IpAddr address, IgmpQuery const& query);
     double responseSeconds(IgmpQuery const& query) const;
     void doScheduleAnswer(double now, IgmpQuery const& query);
     void doScheduleGeneralAnswer(double now, double boundSeconds);
@@ -223,6 +253,7 @@ class HostEngine {
     unsigned version_ = 3;
     double v1QuerierExpiry_ = never; // never: not present
     double v2QuerierExpiry_ = never;
+    Querier querier_;
     unsigned heardRobustness_ = 0; // of the last version 3 query; 0: none
 
     GroupQueue fresh_;   // changes not told yet; they keep their turn however often they change

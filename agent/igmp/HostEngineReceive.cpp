@@ -55,6 +55,7 @@ void HostEngine::handleQuery(double now, IgmpDatagram const& datagram) {
         return dropped(DropReason::noRouterAlert);
     doCountQuery(*query);
     doCountOddities(now, datagram, *query);
+    if (query->isGeneral()) doNoteQuerier(now, datagram.source, *query);
     if (query->version < 3)
         handleOlderQuerier(now, *query);
     else // 0 stands for our own (RFC 9776, 4.1.6)
@@ -99,6 +100,16 @@ void HostEngine::doCountQuery(IgmpQuery const& query) {
         ++counters_.v3GroupQueryReceived;
     else
         ++counters_.v3GroupSourceQueryReceived;
+}
+
+/// 0.0.0.0 is no querier but a switch that asks while there is none.
+void HostEngine::doNoteQuerier(double now, Lox::IpAddr address, IgmpQuery const& query) {
+    if (address.isZero()) return;
+    bool const same = querier_.address == address && querier_.version == query.wireVersion;
+    if (!same)
+        output_.note(
+            fmt::format("querier {} speaks version {}", address.stringValue(), query.wireVersion));
+    querier_ = {query.wireVersion, address, now};
 }
 
 void HostEngine::doCountOddities(double now, IgmpDatagram const& datagram, IgmpQuery const& query) {

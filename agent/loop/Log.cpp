@@ -2,8 +2,10 @@
 
 #include "agent/loop/Printable.h"
 
+#include <chrono>
 #include <climits>
 #include <cstdlib>
+#include <new>
 #include <poll.h>
 #include <string>
 #include <sys/stat.h>
@@ -19,6 +21,7 @@ constexpr std::size_t mostOctets = PIPE_BUF / 2;
 
 LogLevel written = LogLevel::info;
 unsigned lost = 0; ///< lines since the last one that was taken
+std::deque<Event> told;
 
 /// JOURNAL_STREAM names the journal's socket by device and inode. A program may inherit it with
 /// standard error redirected to elsewhere, and then must not write prefixes (systemd.exec(5)).
@@ -50,14 +53,36 @@ std::string lineOf(LogLevel level, std::string_view text) {
     return line + '\n';
 }
 
+/// Without memory it is forgotten; what was to be told is more important.
+void doKeep(LogLevel level, std::string_view subject, std::string_view text) noexcept {
+    try {
+        std::string kept = printable(text);
+        if (kept.size() > mostOctets) kept.resize(mostOctets);
+        told.push_back({told.empty() ? 1 : told.back().number + 1, secondsSince1970(), level,
+                        printable(subject), std::move(kept)});
+        if (told.size() > mostEvents) told.pop_front();
+    } catch (std::bad_alloc const&) {
+    }
+}
+
 } // namespace
 
 void setLogLevel(LogLevel level) { written = level; }
 
-bool logs(LogLevel level) { return level <= written; }
+LogLevel logLevel() { return written; }
 
-void logLine(LogLevel level, std::string_view text) {
-    std::string line = lineOf(level, text);
+double secondsSince1970() {
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+std::deque<Event> const& events() { return told; }
+
+void logLine(LogLevel level, std::string_view subject, std::string_view text) {
+    doKeep(level, subject, text);
+    if (level > written) return;
+    std::string line =
+        lineOf(level, subject.empty() ? std::string(text) : fmt::format("{}: {}", subject, text));
     if (lost != 0)
         line = lineOf(LogLevel::warning, fmt::format("{} lines of the log were lost", lost)) + line;
     lost = writeAtOnce(STDERR_FILENO, line) ? 0 : lost + 1;

@@ -6,8 +6,11 @@
 #include <algorithm>
 #include <cap-ng.h>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <fmt/format.h>
 #include <string>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -32,6 +35,14 @@ void serviceNotify(std::string_view assignment) {
                              MSG_NOSIGNAL | MSG_DONTWAIT,
                              reinterpret_cast<sockaddr const*>(&address),
                              socklen_t(offsetof(sockaddr_un, sun_path) + length)));
+}
+
+void serviceReloading() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now); // for Type=notify-reload
+    serviceNotify(
+        fmt::format("RELOADING=1\nMONOTONIC_USEC={}",
+                    std::uint64_t(now.tv_sec) * 1000000 + std::uint64_t(now.tv_nsec) / 1000));
 }
 
 void descriptorLimitRaise() {

@@ -9,6 +9,9 @@ namespace Agent {
 /// does not listen or has too much to read already, nothing happens.
 void serviceNotify(std::string_view assignment);
 
+/// That a reload begins, which "READY=1" ends.
+void serviceReloading();
+
 /// Lets the agent open as many descriptors as it may allow itself: each VRF takes several.
 void descriptorLimitRaise();
 

@@ -20,6 +20,8 @@ class ConfigurationWriter {
           accessLists_(*state.aclConfig, [this](std::string const& name) { doDetachList(name); }) {}
 
     Configuration const& configuration() const { return written_; }
+    /// The one in force before that.
+    Configuration const& before() const { return before_; }
     /// Groups that an interface's part of the configuration let go of.
     struct Released {
         std::string interface;

@@ -32,36 +32,51 @@ void JsonStream::add(std::string const& name, nlohmann::json const& value) {
         text_ += textOf(value);
         return;
     }
-    doOpen(nullptr);
+    doOpen('{', nullptr);
     for (auto const& [inner, innerValue] : value.items()) add(inner, innerValue);
     doClose();
 }
 
 void JsonStream::open(std::string const& name, std::unique_ptr<JsonPart> part) {
     doName(name);
-    doOpen(std::move(part));
+    doOpen('{', std::move(part));
+}
+
+void JsonStream::openArray(std::string const& name, std::unique_ptr<JsonPart> part) {
+    doName(name);
+    doOpen('[', std::move(part));
+}
+
+void JsonStream::addElement(nlohmann::json const& value) {
+    doSeparate();
+    text_ += textOf(value);
+}
+
+void JsonStream::doSeparate() {
+    if (!std::exchange(levels_.back().empty, false)) text_ += ',';
+    doBreakLine();
 }
 
 void JsonStream::doName(std::string const& name) {
-    if (!std::exchange(levels_.back().empty, false)) text_ += ',';
-    doBreakLine();
+    doSeparate();
     text_ += textOf(name);
     text_ += ": ";
 }
 
-void JsonStream::doOpen(std::unique_ptr<JsonPart> part) {
-    text_ += '{';
-    levels_.push_back({std::move(part)});
+void JsonStream::doOpen(char begin, std::unique_ptr<JsonPart> part) {
+    text_ += begin;
+    levels_.push_back({std::move(part), begin == '{' ? '}' : ']'});
 }
 
 void JsonStream::doClose() {
-    bool const empty = levels_.back().empty;
+    Level const level = std::move(levels_.back());
     levels_.pop_back();
-    if (!empty) doBreakLine();
-    text_ += '}';
+    if (!level.empty) doBreakLine();
+    text_ += level.end;
 }
 
 void JsonStream::doBreakLine() {
+    if (layout_ == Layout::line) return;
     text_ += '\n';
     text_.append(2 * levels_.size(), ' ');
 }

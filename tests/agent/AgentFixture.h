@@ -72,9 +72,9 @@ class AgentTest : public testing::Test {
         ASSERT_EQ(agent->exitStatus(), -SIGKILL);
         folder.write("output", "");
     }
-    /// Has the agent read this configuration, and waits until it has.
+    /// Has the agent read this configuration, which may be empty, and waits until it has.
     void reload(std::string const& configuration) {
-        folder.write("ihproxyd.toml", configuration);
+        folder.write("ihproxyd.toml", "allow-empty = true\n" + configuration);
         agent->signal(SIGHUP);
         ASSERT_TRUE(agent->says("is in force", ++reloads)) << agent->output();
     }

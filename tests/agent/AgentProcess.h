@@ -4,6 +4,7 @@
 
 #include "netns/Netns.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -56,6 +57,8 @@ class AgentProcess {
                  std::vector<std::string> arguments, std::optional<int> missing = {})
         : folder_(folder) {
         arguments.insert(arguments.begin(), IHPROXYD);
+        if (std::find(arguments.begin(), arguments.end(), "--config") != arguments.end())
+            arguments.insert(arguments.end(), {"--control", control()});
         std::vector<char*> argv;
         argv.reserve(arguments.size() + 1);
         for (std::string& argument : arguments) argv.push_back(argument.data());
@@ -75,6 +78,8 @@ class AgentProcess {
     AgentProcess(AgentProcess const&) = delete;
     AgentProcess& operator=(AgentProcess const&) = delete;
 
+    /// Where its control socket is.
+    std::string control() const { return controlFolder_.file("socket"); }
     void signal(int number) const { kill(pid_, number); }
     /// What it has written so far, to standard output and standard error.
     std::string output() const { return folder_.read("output"); }
@@ -129,6 +134,7 @@ class AgentProcess {
     }
 
     Folder const& folder_;
+    Folder controlFolder_; // the other one may belong to another user
     pid_t pid_ = -1;
 };
 

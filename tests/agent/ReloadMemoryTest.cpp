@@ -74,7 +74,7 @@ class ReloadMemoryTest : public testing::Test {
         net->nearIp("link set aux1 up");
         net->nearAwaitUp("up1"); // what comes up later would be announced later
         inside.emplace(net->nearName());
-        daemon.emplace(Daemon::Options{path, {}, {}},
+        daemon.emplace(Daemon::Options{path, {}, {}, path + "-control"},
                        configurationParse(before, path).configuration);
         daemon->loop().atEndOfTurn([this] {
             if (--turnsLeft_ <= 0) daemon->loop().stop(0);
@@ -105,7 +105,8 @@ class ReloadMemoryTest : public testing::Test {
         memory.count = 0;
         std::raise(SIGHUP);
         memory.counting = memory.first != 0;
-        doTurns(2);
+        doTurns(2); // one in which the signal arrives, at least
+        while (daemon->reloading()) doTurns(1);
         memory.counting = false;
     }
     /// Until timers have done what is left.

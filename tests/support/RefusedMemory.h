@@ -2,20 +2,22 @@
 // included by one of its sources.
 #pragma once
 
+#include <atomic>
 #include <cstdlib>
 #include <new>
 
 namespace {
 
-/// Allocations since the count began, and which of them are refused.
+/// Allocations of all threads since the count began, and which of them are refused.
 struct Memory {
-    bool counting = false;
-    long count = 0, first = 0, last = 0;
+    std::atomic<bool> counting = false;
+    std::atomic<long> count = 0;
+    long first = 0, last = 0;
 
     bool refuses() {
         if (!counting) return false;
-        ++count;
-        return first <= count && count <= last;
+        long const at = ++count;
+        return first <= at && at <= last;
     }
 };
 Memory memory;

@@ -1,0 +1,141 @@
+// What can be asked of the agent over its control socket, by name. docs/control.md tells the
+// parameters and the answers.
+#include "agent/Daemon.h"
+
+#include "agent/answers/Groups.h"
+#include "agent/answers/Interfaces.h"
+#include "agent/loop/Log.h"
+#include "agent/records/JsonStream.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <unistd.h>
+
+namespace Agent {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr std::pair<LogLevel, char const*> levels[] = {{LogLevel::error, "error"},
+                                                       {LogLevel::warning, "warning"},
+                                                       {LogLevel::info, "info"},
+                                                       {LogLevel::debug, "debug"}};
+
+/// How long a configuration may wait to be confirmed, in seconds.
+constexpr double longestUndo = 86400;
+
+char const* nameOf(LogLevel level) {
+    return std::find_if(std::begin(levels), std::end(levels),
+                        [&](auto const& each) { return each.first == level; })
+        ->second;
+}
+
+/// The last lines of the log with a number above `after`.
+class EventRows : public JsonElements {
+  public:
+    explicit EventRows(std::uint64_t after) : after_(after) {}
+    bool next(JsonStream& stream) override {
+        auto const at = std::upper_bound(
+            events().begin(), events().end(), after_,
+            [](std::uint64_t number, Event const& each) { return number < each.number; });
+        if (at == events().end()) return false;
+        after_ = at->number;
+        stream.addElement({{"number", at->number},
+                           {"time", at->time},
+                           {"level", nameOf(at->level)},
+                           {"subject", at->subject},
+                           {"text", at->text}});
+        return true;
+    }
+
+  private:
+    std::uint64_t after_;
+};
+
+std::unique_ptr<JsonPart> eventsAnswer(json const& params) {
+    std::uint64_t after = params.value("after", std::uint64_t(0));
+    std::uint64_t const most = params.value("last", std::uint64_t(mostEvents));
+    if (!events().empty() && events().back().number > most)
+        after = std::max(after, events().back().number - most);
+    return std::make_unique<ListPart>("events", std::make_unique<EventRows>(after));
+}
+
+void setLevel(std::string const& name) {
+    auto const found = std::find_if(std::begin(levels), std::end(levels),
+                                    [&](auto const& each) { return each.second == name; });
+    if (found == std::end(levels))
+        throw RpcError(RpcError::invalidParams,
+                       fmt::format("level {} found, expected error, warning, info or debug", name));
+    setLogLevel(found->first);
+}
+
+} // namespace
+
+json Daemon::statusJson() const {
+    std::size_t groups = 0;
+    std::size_t usable = 0;
+    auto const& interfaces = writer_.configuration().interfaces;
+    for (auto const& item : interfaces) {
+        if (vrfs_->obstacle(item.first).value_or("?").empty()) ++usable;
+        if (IgmpHostPort const* const port = hosts_->port(item.first))
+            groups += port->engine().memberCount();
+    }
+    json obstacles = json::array();
+    for (auto const& [subject, obstacle] : obstacles_.obstacles())
+        obstacles.push_back(
+            {{"subject", subject}, {"level", nameOf(obstacle.level)}, {"reason", obstacle.reason}});
+    return {{"program", "ihproxyd"},
+            {"version", IHP_VERSION},
+            {"pid", getpid()},
+            {"uptime", EventLoop::now() - startTime_},
+            {"state", ending_  ? "ending"
+                      : ready_ ? "ready"
+                               : "starting"},
+            {"configuration", reloader_.statusJson()},
+            {"interfaces", {{"total", interfaces.size()}, {"up", usable}}},
+            {"groups", groups},
+            {"logLevel", nameOf(logLevel())},
+            {"obstacles", std::move(obstacles)}};
+}
+
+RpcMethods Daemon::methods() {
+    auto const list = [](char const* name, std::unique_ptr<JsonElements> rows) {
+        return std::make_unique<ListPart>(name, std::move(rows));
+    };
+    RpcMethods all;
+    all["status"].call = [this](json const&, RpcReply const& reply) { reply.result(statusJson()); };
+    all["interfaces"].call = [=, this](json const&, RpcReply const& reply) {
+        reply.result(list("interfaces", interfacesAnswer(*view_)));
+    };
+    all["groups"].call = [=, this](json const& params, RpcReply const& reply) {
+        reply.result(list("groups", groupsAnswer(*view_, GroupFilter::fromJson(params))));
+    };
+    all["counters"].call = [=, this](json const& params, RpcReply const& reply) {
+        reply.result(list("counters", countersAnswer(*view_, params.value("interface", ""))));
+    };
+    all["events"].call = [](json const& params, RpcReply const& reply) {
+        reply.result(eventsAnswer(params));
+    };
+    all["log"] = {true, [](json const& params, RpcReply const& reply) {
+                      setLevel(params.at("level"));
+                      reply.result({{"level", nameOf(logLevel())}});
+                  }};
+    all["reload"] = {true, [this](json const& params, RpcReply reply) {
+                         double const undoAfter = params.value("undoAfter", 0.0);
+                         if (!(undoAfter >= 0 && undoAfter <= longestUndo))
+                             throw RpcError(
+                                 RpcError::invalidParams,
+                                 fmt::format("undoAfter is to be up to {} seconds", longestUndo));
+                         doReload({std::move(reply), undoAfter, params.value("allowEmpty", false)});
+                     }};
+    all["undo"] = {true,
+                   [this](json const&, RpcReply reply) { reloader_.undo({std::move(reply)}); }};
+    all["confirm"] = {true, [this](json const&, RpcReply const& reply) {
+                          reloader_.confirm();
+                          reply.result(reloader_.statusJson());
+                      }};
+    return all;
+}
+
+} // namespace Agent

@@ -1,0 +1,198 @@
+#include "agent/Reloader.h"
+
+#include "agent/loop/Log.h"
+#include "agent/loop/ServiceManager.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+namespace Agent {
+
+namespace {
+
+using nlohmann::json;
+
+/// How long an answer waits at most for what follows from a configuration, in seconds: routes of a
+/// large table come slowly.
+constexpr double longestSettling = 10;
+constexpr double retrySeconds = 0.1;
+
+json toJson(std::vector<Diagnostic> const& diagnostics) {
+    json all = json::array();
+    for (Diagnostic const& each : diagnostics)
+        all.push_back({{"level", nameOf(each.level)},
+                       {"file", each.file},
+                       {"line", each.position.line},
+                       {"column", each.position.column},
+                       {"text", each.text}});
+    return all;
+}
+
+} // namespace
+
+void logDiagnostics(std::vector<Diagnostic> const& diagnostics) {
+    for (Diagnostic const& diagnostic : diagnostics) {
+        LogLevel const level = diagnostic.level == Diagnostic::Level::error     ? LogLevel::error
+                               : diagnostic.level == Diagnostic::Level::warning ? LogLevel::warning
+                                                                                : LogLevel::info;
+        log(level, "{}", diagnostic.textInFile());
+    }
+}
+
+struct Reloader::Reading {
+    ConfigurationReading found;
+    std::exception_ptr failure;
+};
+
+Reloader::Reloader(EventLoop& loop, Target& target, std::string file)
+    : loop_(loop),
+      target_(target),
+      file_(std::move(file)),
+      since_(secondsSince1970()),
+      unconfirmed_(loop, [this] { handleUnconfirmed(); }) {}
+
+void Reloader::reload(Request request, bool told) {
+    waiting_.push_back(std::move(request));
+    if (told && !std::exchange(told_, true)) serviceReloading();
+    if (idle()) doBegin();
+}
+
+void Reloader::doBegin() {
+    served_ = std::exchange(waiting_, {});
+    try {
+        reading_ = std::make_shared<Reading>();
+        auto const done = std::make_shared<EventLoop::Handler const>([this] {
+            work_ = nullptr;
+            doFinish(*std::exchange(reading_, nullptr));
+        });
+        loop_.offload(
+            [file = file_, reading = reading_] {
+                try {
+                    reading->found = configurationRead(file);
+                } catch (...) {
+                    reading->failure = std::current_exception();
+                }
+            },
+            done);
+        work_ = done;
+    } catch (std::exception const& error) {
+        doRefuse(error.what());
+        throw;
+    }
+}
+
+void Reloader::doFinish(Reading& reading) {
+    try {
+        if (reading.failure) std::rethrow_exception(reading.failure);
+        logDiagnostics(reading.found.diagnostics);
+        if (!reading.found.valid())
+            return doRefuse(fmt::format("{} was not taken over; nothing is changed", file_),
+                            reading.found.diagnostics);
+        if (undoAt_ > 0)
+            return doRefuse(
+                fmt::format("configuration #{} waits to be confirmed or undone", number_));
+        bool const mayLeaveAll = reading.found.configuration.allowEmpty ||
+                                 std::any_of(served_.begin(), served_.end(),
+                                             [](Request const& each) { return each.allowEmpty; });
+        if (!mayLeaveAll && target_.leavesAll(reading.found.configuration))
+            return doRefuse(fmt::format("{} would have every group left; --allow-empty or "
+                                        "allow-empty = true has it taken over all the same",
+                                        file_));
+        diagnostics_ = std::move(reading.found.diagnostics);
+        doPutInForce(std::move(reading.found.configuration), last_ + 1);
+        last_ = number_;
+        log(LogLevel::info, "{} is in force (#{})", file_, number_);
+        for (Request const& each : served_)
+            if (each.undoAfter > 0) undoAt_ = EventLoop::now() + each.undoAfter;
+        if (undoAt_ > 0) unconfirmed_.arm(undoAt_ - EventLoop::now());
+    } catch (std::exception const& error) {
+        doRefuse(error.what());
+        throw;
+    }
+}
+
+void Reloader::doPutInForce(Configuration configuration, unsigned number) {
+    target_.beginChanges();
+    before_ = std::exchange(number_, number);
+    since_ = secondsSince1970();
+    settling_ = true;
+    settleBy_ = EventLoop::now() + longestSettling;
+    target_.putInForce(std::move(configuration));
+}
+
+/// Makes JSON for those who asked for it alone: it cannot be made without memory.
+void Reloader::doRefuse(std::string const& text, std::vector<Diagnostic> const& found) {
+    log(LogLevel::error, "{}", text);
+    for (Request const& each : served_)
+        if (each.reply)
+            each.reply->error(RpcError(RpcError::refused, text, {{"diagnostics", toJson(found)}}));
+    doEnd();
+}
+
+void Reloader::undo(Request request) {
+    if (before_ == 0) throw RpcError(RpcError::refused, "there was no other configuration before");
+    if (!idle()) throw RpcError(RpcError::refused, "a reload is under way");
+    served_.push_back(std::move(request));
+    doUndo("undone");
+}
+
+void Reloader::confirm() {
+    if (undoAt_ == 0) throw RpcError(RpcError::refused, "nothing waits to be confirmed");
+    undoAt_ = 0;
+    unconfirmed_.disarm();
+    log(LogLevel::info, "configuration #{} is confirmed", number_);
+}
+
+void Reloader::handleUnconfirmed() {
+    // What is being read now is refused, and then it is undone.
+    if (!idle()) return unconfirmed_.arm(retrySeconds);
+    doUndo("not confirmed");
+}
+
+void Reloader::doUndo(char const* why) {
+    diagnostics_.clear();
+    undoAt_ = 0;
+    unconfirmed_.disarm();
+    unsigned const undone = number_;
+    doPutInForce(Configuration(target_.before()), before_);
+    log(LogLevel::warning, "configuration #{} is in force again: #{} was {}", number_, undone, why);
+}
+
+void Reloader::handleTurn() {
+    if (!settling_ || (!target_.settled() && EventLoop::now() < settleBy_)) return;
+    settling_ = false;
+    doAnswer();
+    doEnd();
+}
+
+void Reloader::doAnswer() {
+    for (Request const& each : served_)
+        if (each.reply) each.reply->result(answerJson());
+    target_.endChanges();
+}
+
+json Reloader::answerJson() const {
+    json answer{{"number", number_},
+                {"diagnostics", toJson(diagnostics_)},
+                {"changes", target_.changesJson()}};
+    if (undoAt_ > 0) {
+        answer["confirmWithin"] = std::max(0.0, undoAt_ - EventLoop::now());
+        answer["otherwise"] = before_;
+    }
+    return answer;
+}
+
+void Reloader::doEnd() {
+    served_.clear();
+    if (!waiting_.empty()) return doBegin();
+    if (std::exchange(told_, false)) serviceNotify("READY=1");
+}
+
+json Reloader::statusJson() const {
+    json status{{"file", file_}, {"number", number_}, {"since", since_}};
+    if (undoAt_ > 0) status["confirmWithin"] = std::max(0.0, undoAt_ - EventLoop::now());
+    return status;
+}
+
+} // namespace Agent

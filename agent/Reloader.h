@@ -1,0 +1,100 @@
+// The way of the configuration file into force while the agent runs: it is read beside the loop,
+// judged, put in force, and whoever asked is answered once everything that follows from it has been
+// worked off. The configuration before it can be returned to, and is where nobody confirms the new
+// one in time.
+//
+// One alarm: it returns to the configuration before.
+#pragma once
+
+#include "agent/config/Configuration.h"
+#include "agent/control/ControlSession.h"
+#include "agent/loop/Alarm.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Agent {
+
+/// Writes what reading a file has found to the log.
+void logDiagnostics(std::vector<Diagnostic> const& diagnostics);
+
+class Reloader {
+  public:
+    /// What a configuration is put in force in.
+    class Target {
+      public:
+        virtual ~Target() = default;
+        virtual Configuration const& inForce() const = 0;
+        /// In force before that; the first one is its own predecessor.
+        virtual Configuration const& before() const = 0;
+        virtual void putInForce(Configuration configuration) = 0;
+        /// Whether all that follows from it has come to the groups.
+        virtual bool settled() const = 0;
+        /// Whether groups are announced, and none of them would be kept.
+        virtual bool leavesAll(Configuration const& configuration) const = 0;
+        /// Until the end of that, what changes is known.
+        virtual void beginChanges() = 0;
+        virtual nlohmann::json changesJson() const = 0;
+        virtual void endChanges() = 0;
+    };
+
+    struct Request {
+        /// Nothing for a signal.
+        std::optional<RpcReply> reply;
+        /// Return to what is in force if nobody confirms within these seconds; 0 for never.
+        double undoAfter = 0;
+        /// Whether a configuration may have every group left.
+        bool allowEmpty = false;
+    };
+
+    /// `loop` and `target` outlive this. The first configuration is in force.
+    Reloader(EventLoop& loop, Target& target, std::string file);
+
+    /// Has the file read once more, as it is now or later. `told`: the service manager hears of it.
+    void reload(Request request, bool told);
+    /// Returns to the configuration before, and the next time back again. Throws an RpcError.
+    void undo(Request request);
+    /// Keeps a configuration that was to be undone. Throws an RpcError.
+    void confirm();
+    /// The end of a turn.
+    void handleTurn();
+
+    /// Nothing is being read or worked off.
+    bool idle() const { return !work_ && !settling_; }
+    nlohmann::json statusJson() const;
+
+  private:
+    struct Reading; ///< what a thread has read
+
+    void doBegin();
+    void doFinish(Reading& reading);
+    void doPutInForce(Configuration configuration, unsigned number);
+    void doRefuse(std::string const& text, std::vector<Diagnostic> const& found = {});
+    nlohmann::json answerJson() const;
+    void doAnswer();
+    void doEnd();
+    void handleUnconfirmed();
+    void doUndo(char const* why);
+
+    EventLoop& loop_;
+    Target& target_;
+    std::string file_;
+    unsigned number_ = 1;          ///< of the configuration in force
+    unsigned before_ = 0;          ///< of the one before; 0 for none
+    unsigned last_ = 1;            ///< the highest so far
+    double since_;                 ///< when it was put in force, in seconds since 1970
+    std::vector<Request> waiting_; ///< for a reading that has not begun
+    std::vector<Request> served_;  ///< by what is being read or worked off
+    bool told_ = false;            ///< the service manager, that a reload has begun
+    std::shared_ptr<Reading> reading_;
+    std::shared_ptr<EventLoop::Handler const> work_; ///< while a thread reads
+    bool settling_ = false;
+    double settleBy_ = 0;
+    std::vector<Diagnostic> diagnostics_; ///< of what is in force
+    double undoAt_ = 0;                   ///< if nobody confirms; 0: nobody has to
+    Alarm unconfirmed_;
+};
+
+} // namespace Agent

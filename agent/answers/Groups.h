@@ -1,0 +1,32 @@
+// The groups that are announced, or would be if their interface could be used, and who wants them.
+#pragma once
+
+#include "agent/answers/View.h"
+
+#include "Lox/IpAddr.h"
+
+namespace Agent {
+
+/// Which groups to show.
+struct GroupFilter {
+    std::string interface;          ///< empty for all
+    std::string vrf;                ///< empty for all
+    std::string origin;             ///< empty for all, or one of originsOf()
+    Lox::IpAddrWithFullMask groups; ///< mask 0 for all
+
+    /// From the parameters "interface", "vrf", "origin" and "groups". Throws an RpcError.
+    static GroupFilter fromJson(nlohmann::json const& params);
+};
+
+/// Which of "configuration", "list" and "route" want the group on that interface.
+std::vector<std::string> originsOf(AgentView const& view, std::string const& interface,
+                                   Lox::IpAddr group);
+
+/// Whether the group is there for nothing but the forwarding table.
+bool isRouteOnly(AgentView const& view, std::string const& interface, Lox::IpAddr group);
+
+/// One group after the other, those of an interface in the order in which they came. `view`
+/// outlives the answer.
+std::unique_ptr<JsonElements> groupsAnswer(AgentView const& view, GroupFilter filter);
+
+} // namespace Agent

@@ -1,0 +1,94 @@
+#include "agent/answers/Interfaces.h"
+
+#include "agent/loop/Printable.h"
+
+#include <fmt/format.h>
+#include <functional>
+#include <optional>
+
+namespace Agent {
+
+namespace {
+
+using nlohmann::json;
+
+json secondsUntil(double time, double now) {
+    return time == Nex::never ? json() : json(std::max(0.0, time - now));
+}
+
+/// The interfaces of the configuration, one at a time: it may be another one at the next.
+class InterfaceRows : public JsonElements {
+  public:
+    using Row =
+        std::function<std::optional<json>(std::string const&, InterfaceConfiguration const&)>;
+    InterfaceRows(AgentView const& view, Row row) : view_(view), row_(std::move(row)) {}
+    bool next(JsonStream& stream) override {
+        auto const& interfaces = view_.writer.configuration().interfaces;
+        auto const at = last_ ? interfaces.upper_bound(*last_) : interfaces.begin();
+        if (at == interfaces.end()) return false;
+        last_ = at->first;
+        if (auto const row = row_(at->first, at->second)) stream.addElement(*row);
+        return true;
+    }
+
+  private:
+    AgentView const& view_;
+    Row row_;
+    std::optional<std::string> last_;
+};
+
+} // namespace
+
+json interfaceJson(AgentView const& view, std::string const& name,
+                   InterfaceConfiguration const& configured) {
+    double const now = EventLoop::now();
+    InterfaceWriter const* const followed = view.vrfs.interfaces(configured.vrf);
+    Device const device = followed ? followed->device(name) : Device();
+    std::string const obstacle = view.vrfs.obstacle(name).value_or("is not known yet");
+    IgmpHostPort const* const port = view.ports.port(name);
+    json row{{"name", name},
+             {"vrf", configured.vrf},
+             {"state", obstacle.empty() ? "up"
+                       : device.kernel  ? "down"
+                                        : "waiting"},
+             {"address", nullptr},
+             {"version", {{"configured", configured.igmpVersion}, {"spoken", nullptr}}},
+             {"querier", nullptr},
+             {"groups", 0},
+             {"configuredGroups", configured.groups.size()},
+             {"why", printable(obstacle)}};
+    if (Lox::IpAddr const address = view.vrfs.address(name); !address.isZero())
+        row["address"] = address.stringValue();
+    if (!port) return row;
+    HostEngine const& engine = port->engine();
+    row["groups"] = engine.memberCount();
+    row["version"]["spoken"] = engine.version();
+    row["version"]["newerIn"] = secondsUntil(engine.versionExpiry(), now);
+    if (HostEngine::Querier const& querier = engine.querier(); querier.version != 0)
+        row["querier"] = {{"address", querier.address.stringValue()},
+                          {"version", querier.version},
+                          {"heardAgo", now - querier.heard}};
+    if (obstacle.empty() && engine.version() < unsigned(configured.igmpVersion))
+        row["why"] = fmt::format("older querier, version {} again in {:.0f} s",
+                                 configured.igmpVersion, engine.versionExpiry() - now);
+    return row;
+}
+
+std::unique_ptr<JsonElements> interfacesAnswer(AgentView const& view) {
+    return std::make_unique<InterfaceRows>(view, [&view](auto const& name, auto const& configured) {
+        return interfaceJson(view, name, configured);
+    });
+}
+
+std::unique_ptr<JsonElements> countersAnswer(AgentView const& view, std::string const& interface) {
+    return std::make_unique<InterfaceRows>(
+        view, [&view, interface](auto const& name, auto const&) -> std::optional<json> {
+            IgmpHostPort const* const port = view.ports.port(name);
+            if (!port || !(interface.empty() || interface == name)) return {};
+            json row = port->statusJson();
+            row["interface"] = name;
+            return row;
+        });
+}
+
+} // namespace Agent

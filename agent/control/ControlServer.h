@@ -1,0 +1,47 @@
+// The control socket: a Unix stream socket on which whoever may connect asks the running agent, in
+// JSON-RPC 2.0.
+#pragma once
+
+#include "agent/control/ControlSession.h"
+
+#include <optional>
+#include <set>
+#include <string>
+#include <sys/types.h>
+
+namespace Agent {
+
+class ControlServer {
+  public:
+    /// Opens the socket at `path`, for the user of the agent and for its group: mode 0660. One that
+    /// nobody listens at any longer is replaced. `methods` and `loop` outlive this. Throws
+    /// std::system_error where the path cannot be had; EADDRINUSE if somebody answers there.
+    ControlServer(EventLoop& loop, std::string path, RpcMethods const& methods);
+    /// Removes the socket, unless another has taken its path.
+    ~ControlServer();
+    ControlServer(ControlServer const&) = delete;
+    ControlServer& operator=(ControlServer const&) = delete;
+
+    std::string const& path() const { return path_; }
+    /// Lets members of a group connect; empty for the agent's own group. Throws std::system_error
+    /// for a group that does not exist, or that the agent may not give the socket to.
+    void setGroup(std::string const& name);
+
+    /// So many may be connected. Beyond them, whoever has been idle for longest has to go.
+    static constexpr std::size_t mostSessions = 256;
+
+  private:
+    void handleConnection();
+    void doAdd(FileDescriptor socket);
+    bool doMakeRoom();
+
+    EventLoop& loop_;
+    std::string path_;
+    RpcMethods const& methods_;
+    FileDescriptor socket_;
+    std::pair<dev_t, ino_t> identity_; ///< of the socket's file
+    std::set<std::shared_ptr<ControlSession>> sessions_;
+    LogLimit refusals_;
+};
+
+} // namespace Agent

@@ -1,0 +1,104 @@
+// One client of the control socket: its requests, one after the other, and their answers. What it
+// does not read is not made: a slow client holds up nobody but itself, and costs one line of a
+// request, one piece of an answer, and the place where the answer goes on.
+//
+// Two alarms: one goes on with an answer in the next turn, the other ends a session whose client
+// takes none of its answer for half a minute.
+#pragma once
+
+#include "agent/control/JsonRpc.h"
+#include "agent/loop/Alarm.h"
+#include "agent/loop/FileDescriptor.h"
+#include "agent/records/JsonStream.h"
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+
+namespace Agent {
+
+class ControlSession;
+
+/// Where the answer to a request goes, if whoever asked still waits for it. Answered once.
+class RpcReply {
+  public:
+    explicit RpcReply(std::weak_ptr<ControlSession> session) : session_(std::move(session)) {}
+    /// `result` is an object.
+    void result(nlohmann::json const& result) const;
+    /// The same in pieces. What it walks must outlive it.
+    void result(std::unique_ptr<JsonPart> result) const;
+    void error(RpcError const& error) const;
+
+  private:
+    std::weak_ptr<ControlSession> session_;
+};
+
+/// What can be asked for.
+struct RpcMethod {
+    /// Not for everybody who can connect.
+    bool changes = false;
+    /// Answers now or later, once, or throws an RpcError.
+    std::function<void(nlohmann::json const& params, RpcReply reply)> call;
+};
+using RpcMethods = std::map<std::string, RpcMethod>;
+
+class ControlSession : public std::enable_shared_from_this<ControlSession> {
+  public:
+    /// `onEnd` is called once, in the last turn of the session, and may destroy it. `loop` and
+    /// `methods` outlive this.
+    ControlSession(EventLoop& loop, FileDescriptor socket, uid_t user, RpcMethods const& methods,
+                   std::function<void(ControlSession&)> onEnd);
+    ~ControlSession();
+    ControlSession(ControlSession const&) = delete;
+    ControlSession& operator=(ControlSession const&) = delete;
+
+    /// To be called once somebody holds it.
+    void doBegin();
+    /// Nothing is asked for, or being answered.
+    bool idle() const;
+    double lastUse() const { return lastUse_; }
+
+    /// Longer lines are not read.
+    static constexpr std::size_t mostLineOctets = 64 << 10;
+
+  private:
+    friend class RpcReply;
+    class AnswerPart;
+
+    void handleEvents(std::uint32_t events);
+    void doWork();
+    bool doStep();
+    bool doSend();
+    bool doReceive();
+    bool doTakeLine();
+    void doServe();
+    void doAnswer(char const* name, std::unique_ptr<JsonPart> content);
+    void doEndAnswer();
+    void doWait();
+    void doEnd();
+
+    EventLoop& loop_;
+    FileDescriptor socket_;
+    uid_t user_;
+    RpcMethods const& methods_;
+    std::function<void(ControlSession&)> onEnd_;
+    double lastUse_;
+    std::string input_;
+    bool inputEnded_ = false;
+    std::deque<RpcRequest> requests_; ///< of the line at hand; the first is being served
+    bool batch_ = false;
+    bool batchBegun_ = false;          ///< something of its answer has been written
+    bool serving_ = false;             ///< the first request waits for its answer
+    std::optional<JsonStream> answer_; ///< to the first request
+    std::string output_;
+    std::size_t sent_ = 0; ///< octets of that
+    bool blocked_ = false; ///< until the socket takes more
+    Alarm slice_;
+    Alarm patience_;
+};
+
+} // namespace Agent

@@ -1,0 +1,25 @@
+#include "agent/ctl/Table.h"
+
+#include <algorithm>
+#include <cstddef>
+
+namespace Ctl {
+
+std::string Table::text() const {
+    std::vector<std::size_t> widths(rows_.front().size());
+    for (Row const& row : rows_)
+        for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+    std::string text;
+    for (Row const& row : rows_) {
+        std::string line;
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            line += row[i];
+            line.append(widths[i] - row[i].size() + 2, ' ');
+        }
+        line.erase(line.find_last_not_of(' ') + 1);
+        text += line + '\n';
+    }
+    return text;
+}
+
+} // namespace Ctl

@@ -1,0 +1,63 @@
+#include "agent/ctl/Terminal.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <memory>
+#include <unistd.h>
+
+namespace Ctl {
+
+namespace {
+
+std::tm localTime(double seconds) {
+    std::time_t const whole = std::time_t(std::floor(seconds));
+    std::tm local{};
+    localtime_r(&whole, &local);
+    return local;
+}
+
+} // namespace
+
+void page(std::string const& text) {
+    if (isatty(STDOUT_FILENO)) {
+        char const* const wanted = std::getenv("PAGER");
+        // less ends at once where a screen holds it all (-F), and leaves it there (-X).
+        setenv("LESS", "FRX", 0);
+        std::unique_ptr<FILE, int (*)(FILE*)> const pager(popen(wanted ? wanted : "less", "w"),
+                                                          pclose);
+        if (pager && std::fputs(text.c_str(), pager.get()) >= 0) return;
+    }
+    show(text, false);
+}
+
+void show(std::string const& text, bool again) {
+    if (again) std::fputs(isatty(STDOUT_FILENO) ? "\033[H\033[2J" : "\n", stdout);
+    std::fputs(text.c_str(), stdout);
+    std::fflush(stdout);
+}
+
+std::string timeText(double seconds) {
+    std::tm const then = localTime(seconds);
+    std::tm const now = localTime(double(std::time(nullptr)));
+    bool const today = then.tm_year == now.tm_year && then.tm_yday == now.tm_yday;
+    return today ? fmt::format("{:%H:%M:%S}", then) : fmt::format("{:%Y-%m-%d %H:%M:%S}", then);
+}
+
+std::string preciseTimeText(double seconds) {
+    double const fraction = seconds - std::floor(seconds);
+    return fmt::format("{}.{:03d}", timeText(seconds), int(fraction * 1000));
+}
+
+std::string durationText(double seconds) {
+    long const whole = std::lround(seconds);
+    if (whole < 60) return fmt::format("{} s", whole);
+    if (whole < 3600) return fmt::format("{}:{:02d}", whole / 60, whole % 60);
+    if (whole < 86400) return fmt::format("{} h {} min", whole / 3600, whole / 60 % 60);
+    return fmt::format("{} d {} h", whole / 86400, whole / 3600 % 24);
+}
+
+} // namespace Ctl

@@ -1,0 +1,163 @@
+#include "agent/ctl/Views.h"
+
+#include "agent/ctl/Table.h"
+#include "agent/ctl/Terminal.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+namespace Ctl {
+
+namespace {
+
+using nlohmann::json;
+
+/// For numbers of things: "1 group", "2 groups".
+std::string countText(std::uint64_t count, char const* what) {
+    return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
+}
+
+std::string orDash(json const& value) { return value.is_null() ? "-" : value.get<std::string>(); }
+
+std::string versionText(json const& version) {
+    int const configured = version.at("configured");
+    if (version.at("spoken").is_null() || version.at("spoken") == configured)
+        return std::to_string(configured);
+    return fmt::format("{} ({} conf.)", version.at("spoken").get<int>(), configured);
+}
+
+std::string querierText(json const& querier) {
+    if (querier.is_null()) return "-";
+    return fmt::format("{} v{}, {:.0f}s", querier.at("address").get<std::string>(),
+                       querier.at("version").get<int>(), querier.at("heardAgo").get<double>());
+}
+
+std::string whyText(json const& row) {
+    std::string const why = row.at("why");
+    json const& version = row.at("version");
+    auto const newer = version.find("newerIn");
+    if (!why.empty() || newer == version.end() || newer->is_null()) return why;
+    return fmt::format("older querier, version {} again in {}", version.at("configured").get<int>(),
+                       durationText(*newer));
+}
+
+std::string sourcesText(json const& row) {
+    auto const sources = row.at("sources").get<std::vector<std::string>>();
+    bool const include = row.at("mode") == "include";
+    if (sources.empty()) return include ? "none" : "any source";
+    return fmt::format("{} {}", include ? "only from" : "any source but", fmt::join(sources, " "));
+}
+
+std::uint32_t numberOf(json const& address) {
+    in_addr number{};
+    inet_pton(AF_INET, address.get_ref<std::string const&>().c_str(), &number);
+    return ntohl(number.s_addr);
+}
+
+} // namespace
+
+std::string statusText(json const& answer) {
+    json const& configuration = answer.at("configuration");
+    json const& interfaces = answer.at("interfaces");
+    std::string text = fmt::format(
+        "{} {}, up {}, {} (#{}, since {}), {} of {} up, {}",
+        answer.at("program").get<std::string>(), answer.at("version").get<std::string>(),
+        durationText(answer.at("uptime")), configuration.at("file").get<std::string>(),
+        configuration.at("number").get<unsigned>(), timeText(configuration.at("since")),
+        interfaces.at("up").get<std::size_t>(), countText(interfaces.at("total"), "interface"),
+        countText(answer.at("groups"), "group"));
+    if (answer.at("state") != "ready") text += ", " + answer.at("state").get<std::string>();
+    text += '\n';
+    for (json const& each : answer.at("obstacles"))
+        text += fmt::format("{}: {}\n", each.at("subject").get<std::string>(),
+                            each.at("reason").get<std::string>());
+    return text;
+}
+
+std::string interfacesText(json const& answer) {
+    Table table({"NAME", "VRF", "STATE", "ADDRESS", "IGMP", "QUERIER", "GROUPS", "WHY"});
+    for (json const& row : answer.at("interfaces")) {
+        auto const groups = row.at("groups").get<std::size_t>();
+        bool const up = row.at("state") == "up";
+        table.add(
+            {row.at("name"), row.at("vrf"), row.at("state"), orDash(row.at("address")),
+             versionText(row.at("version")), querierText(row.at("querier")),
+             up ? std::to_string(groups)
+                : fmt::format("0 of {}",
+                              std::max(groups, row.at("configuredGroups").get<std::size_t>())),
+             whyText(row)});
+    }
+    return table.text();
+}
+
+std::string groupsText(json answer) {
+    json& rows = answer.at("groups");
+    std::stable_sort(rows.begin(), rows.end(), [](json const& a, json const& b) {
+        if (a.at("interface") != b.at("interface")) return a.at("interface") < b.at("interface");
+        return numberOf(a.at("group")) < numberOf(b.at("group"));
+    });
+    Table table({"INTERFACE", "VRF", "GROUP", "ORIGIN", "SOURCES"});
+    for (json const& row : rows)
+        table.add(
+            {row.at("interface"), row.at("vrf"), row.at("group"),
+             fmt::format("{}", fmt::join(row.at("origins").get<std::vector<std::string>>(), ", ")),
+             sourcesText(row)});
+    return table.text();
+}
+
+std::string countersText(json const& answer) {
+    Table table({"INTERFACE", "COUNTER", "VALUE"});
+    for (json const& row : answer.at("counters"))
+        for (json const flat = row.flatten(); auto const& [name, value] : flat.items())
+            if (value.is_number() && value != 0)
+                table.add({row.at("interface"), name.substr(1), value.dump()});
+    return table.empty() ? "nothing has been counted\n" : table.text();
+}
+
+std::string eventsText(json const& answer) {
+    std::string text;
+    for (json const& each : answer.at("events")) {
+        std::string const subject = each.at("subject");
+        std::string const level = each.at("level");
+        text +=
+            fmt::format("{} {}{}{}\n", preciseTimeText(each.at("time")),
+                        level == "error" || level == "warning" ? level + ": " : "",
+                        subject.empty() ? "" : subject + " ", each.at("text").get<std::string>());
+    }
+    return text;
+}
+
+std::string reloadText(json const& answer) {
+    json const& changes = answer.at("changes");
+    auto const number = answer.at("number").get<unsigned>();
+    std::string words;
+    for (char const* const kind : {"joined", "left", "changed"})
+        if (auto const count = changes.at(kind).get<std::size_t>(); count > 0)
+            words +=
+                fmt::format("{}{} {}", words.empty() ? "" : ", ", countText(count, "group"), kind);
+    std::string text =
+        diagnosticsText(answer.at("diagnostics")) +
+        fmt::format("in force (#{}): {}", number, words.empty() ? "no group changed" : words);
+    if (answer.contains("confirmWithin"))
+        text += fmt::format("; `ihproxyctl confirm` within {}, or #{} returns",
+                            durationText(answer.at("confirmWithin")),
+                            answer.at("otherwise").get<unsigned>());
+    return text + '\n';
+}
+
+std::string diagnosticsText(json const& diagnostics) {
+    std::string text;
+    for (json const& each : diagnostics) {
+        text += each.at("file").get<std::string>();
+        if (each.at("line") != 0)
+            text += fmt::format(":{}:{}", each.at("line").get<unsigned>(),
+                                each.at("column").get<unsigned>());
+        text += fmt::format(": {}: {}\n", each.at("level").get<std::string>(),
+                            each.at("text").get<std::string>());
+    }
+    return text;
+}
+
+} // namespace Ctl

@@ -1,0 +1,180 @@
+// ihproxyctl: asks a running ihproxyd what it does and why, and has it do something else.
+//
+// Exit status: 0 done, 1 refused, for the reason on standard error, 2 no agent reached.
+#include "agent/control/UnixSocket.h"
+#include "agent/ctl/Client.h"
+#include "agent/ctl/Terminal.h"
+#include "agent/ctl/Views.h"
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <cstdio>
+#include <fmt/format.h>
+#include <functional>
+#include <map>
+#include <string>
+#include <thread>
+
+namespace {
+
+using nlohmann::json;
+
+/// What all commands have in common.
+struct Options {
+    std::string control = Agent::defaultControlPath;
+    bool json = false;
+    double watchSeconds = 0;
+};
+
+/// "60", "60s", "5m" or "2h" as seconds.
+CLI::AsNumberWithUnit seconds() {
+    return CLI::AsNumberWithUnit(std::map<std::string, double>{{"s", 1}, {"m", 60}, {"h", 3600}},
+                                 CLI::AsNumberWithUnit::DEFAULT, "TIME");
+}
+
+/// A command that asks one question, again and again if wanted.
+class Question {
+  public:
+    using Text = std::function<std::string(json)>;
+    Question(CLI::App& app, Options& options, std::string method, std::string const& help,
+             Text text)
+        : command_(app.add_subcommand(method, help)),
+          options_(options),
+          method_(std::move(method)),
+          text_(std::move(text)) {
+        command_->add_flag("--json", options_.json, "As JSON, for programs");
+    }
+
+    CLI::App* operator->() const { return command_; }
+    /// An option whose value is a parameter of the question, if it is given.
+    template <class Value>
+    CLI::Option* parameter(std::string const& option, std::string const& name,
+                           std::string const& help) {
+        return command_->add_option_function<Value>(
+            option, [this, name](Value const& value) { params_[name] = value; }, help);
+    }
+    void flag(std::string const& option, std::string const& name, std::string const& help) {
+        command_->add_flag_callback(
+            option, [this, name] { params_[name] = true; }, help);
+    }
+    void addWatch() {
+        command_->add_option("--watch", options_.watchSeconds, "Show it again every SECONDS")
+            ->check(CLI::PositiveNumber)
+            ->type_name("SECONDS");
+    }
+
+    json const& params() const { return params_; }
+    bool asked() const { return command_->parsed(); }
+    void run() const {
+        Ctl::Client client(options_.control);
+        for (bool again = false;; again = true) {
+            json const answer = client.call(method_, params_);
+            std::string const text = options_.json ? answer.dump(2) + '\n' : text_(answer);
+            if (options_.watchSeconds == 0)
+                return options_.json ? Ctl::show(text, false) : Ctl::page(text);
+            Ctl::show(text, again);
+            std::this_thread::sleep_for(std::chrono::duration<double>(options_.watchSeconds));
+        }
+    }
+
+  private:
+    CLI::App* command_;
+    Options& options_;
+    std::string method_;
+    json params_ = json::object();
+    Text text_;
+};
+
+/// Follows the log for as long as the agent runs.
+void followEvents(Options const& options, json params) {
+    Ctl::Client client(options.control);
+    for (;;) {
+        json const answer = client.call("events", params);
+        json const& events = answer.at("events");
+        if (options.json)
+            for (json const& each : events) Ctl::show(each.dump() + '\n', false);
+        else
+            Ctl::show(Ctl::eventsText(answer), false);
+        if (!events.empty()) params = {{"after", events.back().at("number")}};
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    }
+}
+
+int run(int argc, char** argv) {
+    CLI::App app("Asks a running ihproxyd what it does and why, and has it do something else.");
+    Options options;
+    app.add_option("--control", options.control, "The agent's control socket")
+        ->capture_default_str()
+        ->type_name("PATH");
+    app.set_version_flag("--version", "ihproxyctl " IHP_VERSION);
+    app.require_subcommand(1);
+    app.fallthrough();
+
+    Question status(app, options, "status", "The agent in a line, and what is in its way",
+                    Ctl::statusText);
+    status.addWatch();
+    Question interfaces(app, options, "interfaces", "The upstream interfaces, and how they fare",
+                        Ctl::interfacesText);
+    interfaces.addWatch();
+    Question groups(app, options, "groups", "What is announced, and who wants it", Ctl::groupsText);
+    groups.addWatch();
+    groups.parameter<std::string>("-i,--interface", "interface", "Of this interface only");
+    groups.parameter<std::string>("--vrf", "vrf", "Of interfaces in this VRF only");
+    groups.parameter<std::string>("--origin", "origin", "Wanted by configuration, list or route");
+    groups.parameter<std::string>("groups", "groups", "A group, or a prefix such as 239.1.0.0/16");
+    Question counters(app, options, "counters", "Packets sent and received, by interface",
+                      Ctl::countersText);
+    counters.addWatch();
+    counters.parameter<std::string>("-i,--interface", "interface", "Of this interface only");
+    Question events(app, options, "events", "What has happened", Ctl::eventsText);
+    bool follow = false;
+    events->add_flag("--follow,-f", follow, "And what happens from now on");
+    events.parameter<std::uint64_t>("--last", "last", "So many at most");
+    events.parameter<std::uint64_t>("--after", "after", "Those behind this number only");
+    Question log(app, options, "log", "Which lines are written to the log", [](json const& answer) {
+        return "log level " + answer.at("level").get<std::string>() + '\n';
+    });
+    log.parameter<std::string>("level", "level", "error, warning, info or debug")->required();
+    Question reload(app, options, "reload", "Have the configuration file read again",
+                    Ctl::reloadText);
+
+    reload
+        .parameter<double>("--undo-after", "undoAfter",
+                           "Return to what is in force now unless `confirm` follows in time")
+        ->transform(seconds());
+    reload.flag("--allow-empty", "allowEmpty", "Even if it has every group left");
+    Question undo(app, options, "undo", "Return to the configuration before", Ctl::reloadText);
+    Question confirm(
+        app, options, "confirm", "Keep what a reload was to undo", [](json const& answer) {
+            return fmt::format("#{} stays in force\n", answer.at("number").get<unsigned>());
+        });
+
+    CLI11_PARSE(app, argc, argv);
+    if (events.asked() && follow) {
+        followEvents(options, events.params());
+        return 0;
+    }
+    for (Question const* each :
+         {&status, &interfaces, &groups, &counters, &events, &log, &reload, &undo, &confirm})
+        if (each->asked()) each->run();
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (Ctl::NoAgent const& error) {
+        std::fprintf(stderr, "ihproxyctl: %s\n", error.what());
+        return 2;
+    } catch (Ctl::Refused const& error) {
+        if (error.data().contains("diagnostics"))
+            std::fputs(Ctl::diagnosticsText(error.data().at("diagnostics")).c_str(), stderr);
+        std::fprintf(stderr, "ihproxyctl: %s\n", error.what());
+        return 1;
+    } catch (std::exception const& error) {
+        std::fprintf(stderr, "ihproxyctl: %s\n", error.what());
+        return 1;
+    }
+}

@@ -1,0 +1,124 @@
+// The agent as its operator meets it: through ihproxyctl.
+#include "agent/AgentFixture.h"
+
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <regex>
+
+namespace Testing {
+namespace {
+
+class AgentControlTest : public AgentTest {
+  protected:
+    struct Answer {
+        int status;
+        std::string text; ///< what it prints, errors included
+    };
+    Answer ask(std::string const& arguments) const {
+        std::string const command =
+            IHPROXYCTL " --control " + agent->control() + " " + arguments + " 2>&1";
+        FILE* const pipe = popen(command.c_str(), "r");
+        Answer answer{0, {}};
+        char octets[4096];
+        while (std::size_t const count = std::fread(octets, 1, sizeof octets, pipe))
+            answer.text.append(octets, count);
+        answer.status = WEXITSTATUS(pclose(pipe));
+        return answer;
+    }
+    /// The same with what differs from run to run taken out.
+    Answer askFor(std::string const& arguments) const {
+        Answer answer = ask(arguments);
+        std::string const file = folder.file("ihproxyd.toml");
+        for (std::size_t at; (at = answer.text.find(file)) != std::string::npos;)
+            answer.text.replace(at, file.size(), "FILE");
+        answer.text =
+            std::regex_replace(answer.text, std::regex("[0-9]+:[0-9]{2}:[0-9]{2}"), "TIME");
+        answer.text = std::regex_replace(answer.text, std::regex("up [0-9]+ s"), "up N s");
+        answer.text =
+            std::regex_replace(answer.text, std::regex("within [0-9: s]+,"), "within TIME,");
+        return answer;
+    }
+    nlohmann::json json(std::string const& arguments) const {
+        return nlohmann::json::parse(ask(arguments + " --json").text);
+    }
+    /// The configuration file is this; what a command then does.
+    Answer with(std::string const& configuration, std::string const& arguments) const {
+        folder.write("ihproxyd.toml", configuration);
+        return askFor(arguments);
+    }
+};
+
+TEST_F(AgentControlTest, SaysWhatIsAnnouncedAndWhatIsNot) {
+    start(groupsOn("up0", "\"239.1.1.1\" = {}\n\"239.1.1.2\" = { include = [\"10.0.0.1\"] }\n") +
+          "[interface.eth9.group]\n\"239.1.1.9\" = {}\n"
+          "[interface.up0x]\naccess-lists = [\"iptv\"]\n"
+          "[[access-list.iptv]]\nsequence = 1\naction = \"permit\"\nsource = \"10.0.0.9\"\n"
+          "destination = \"239.3.0.0/31\"\n");
+    ASSERT_TRUE(wire->hears(joined));
+    Answer const status = askFor("status");
+    EXPECT_EQ(status.status, 0);
+    EXPECT_TRUE(std::regex_match(
+        status.text,
+        std::regex("ihproxyd [0-9.]+, up N s, FILE \\(#1, since TIME\\), 1 of 3 interfaces up, 2 "
+                   "groups\neth9: does not exist\nup0x: does not exist\n")))
+        << status.text;
+    EXPECT_EQ(askFor("groups").text,
+              "INTERFACE  VRF      GROUP      ORIGIN         SOURCES\n"
+              "up0        default  239.1.1.1  configuration  any source\n"
+              "up0        default  239.1.1.2  configuration  only from 10.0.0.1\n");
+    auto const interfaces = json("interfaces").at("interfaces");
+    ASSERT_EQ(interfaces.size(), 3u);
+    EXPECT_EQ(interfaces[0].at("state"), "waiting");
+    EXPECT_EQ(interfaces[0].at("why"), "does not exist");
+    EXPECT_EQ(interfaces[1].at("state"), "up");
+    EXPECT_EQ(interfaces[1].at("groups"), 2);
+    EXPECT_EQ(interfaces[1].at("version").at("spoken"), 3);
+    EXPECT_EQ(json("groups 239.1.1.2").at("groups").size(), 1u);
+    EXPECT_EQ(json("groups --origin list").at("groups").size(), 0u);
+    EXPECT_EQ(json("groups -i eth9").at("groups").size(), 0u);
+    Answer const wrong = ask("groups --origin nowhere");
+    EXPECT_EQ(wrong.status, 1);
+    EXPECT_NE(wrong.text.find("expected configuration, list or route"), std::string::npos);
+    EXPECT_GT(json("counters -i up0").at("counters").at(0).at("v3StateChangeReportSent"), 0);
+    EXPECT_EQ(json("events --last 1").at("events").size(), 1u);
+    agent->signal(SIGTERM);
+    ASSERT_EQ(agent->exitStatus(), 0);
+    EXPECT_EQ(ask("status").status, 2);
+}
+
+TEST_F(AgentControlTest, ReloadSaysWhatItDidAndCanBeTakenBack) {
+    std::string const first = groupsOn("up0", "\"239.1.1.1\" = {}\n");
+    std::string const second =
+        groupsOn("up0", "\"239.1.1.1\" = { include = [\"10.0.0.1\"] }\n\"239.1.1.3\" = {}\n");
+    start(first);
+    auto const holds = [&](char const* sources, std::size_t groups) {
+        auto const all = json("groups").at("groups");
+        return all.size() == groups && all.at(0).at("sources").dump() == sources;
+    };
+    Answer const broken = with("[interface.up0]\nigmp-version = 9\n", "reload");
+    EXPECT_EQ(broken.status, 1);
+    EXPECT_EQ(broken.text, "FILE:2:16: error: igmp-version is 9, expected an integer from 1 to 3\n"
+                           "ihproxyctl: FILE was not taken over; nothing is changed\n");
+    Answer const empty = with("[interface.up0]\n", "reload");
+    EXPECT_EQ(empty.status, 1) << empty.text;
+    EXPECT_TRUE(holds("[]", 1));
+    EXPECT_EQ(with(second, "reload").text, "in force (#2): 1 group joined, 1 group changed\n");
+    EXPECT_TRUE(holds("[\"10.0.0.1\"]", 2));
+    EXPECT_EQ(ask("confirm").status, 1);
+    EXPECT_EQ(ask("undo").text, "in force (#1): 1 group left, 1 group changed\n");
+    EXPECT_TRUE(holds("[]", 1));
+    EXPECT_EQ(
+        with(second, "reload --undo-after 60s").text,
+        "in force (#3): 1 group joined, 1 group changed; `ihproxyctl confirm` within TIME, or "
+        "#1 returns\n");
+    EXPECT_EQ(ask("reload").status, 1);
+    EXPECT_EQ(ask("confirm").text, "#3 stays in force\n");
+    EXPECT_EQ(with(first, "reload --undo-after 0.2s").status, 0);
+    EXPECT_TRUE(agent->says("configuration #3 is in force again: #4 was not confirmed"));
+    EXPECT_TRUE(holds("[\"10.0.0.1\"]", 2));
+    EXPECT_EQ(with("[interface.up0]\n", "reload --allow-empty").text,
+              "in force (#5): 2 groups left\n");
+}
+
+} // namespace
+} // namespace Testing

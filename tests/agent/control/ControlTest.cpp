@@ -1,0 +1,204 @@
+// The control socket without an agent behind it: what a client may send and how it may behave.
+#include "agent/control/ControlServer.h"
+#include "agent/control/UnixSocket.h"
+#include "agent/loop/LoopFixture.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace Agent {
+namespace {
+
+using nlohmann::json;
+
+/// Members without end, and how many of them were asked for.
+struct Endless : JsonPart {
+    explicit Endless(std::size_t& made) : made(made) {}
+    bool next(JsonStream& stream) override {
+        stream.add(std::to_string(made++), std::string(100, 'x'));
+        return true;
+    }
+    std::size_t& made;
+};
+
+class ControlTest : public LoopFixture {
+  protected:
+    ControlTest() {
+        methods["echo"].call = [](json const& params, RpcReply const& reply) {
+            reply.result(params);
+        };
+        methods["later"].call = [this](json const&, RpcReply const& reply) { later = reply; };
+        methods["endless"].call = [this](json const&, RpcReply const& reply) {
+            reply.result(std::make_unique<Endless>(made));
+        };
+        methods["refuse"].call = [](json const&, RpcReply const&) {
+            throw RpcError(RpcError::refused, "not now", {{"key", 1}});
+        };
+        methods["change"] = {true, [](json const&, RpcReply const& reply) {
+                                 reply.result({{"changed", true}});
+                             }};
+    }
+    ~ControlTest() override { std::filesystem::remove(path); }
+
+    FileDescriptor connected() const {
+        FileDescriptor socket = unixSocket(SOCK_NONBLOCK);
+        EXPECT_TRUE(unixConnect(socket, path));
+        return socket;
+    }
+    static void send(FileDescriptor const& socket, std::string const& text) {
+        EXPECT_EQ(write(socket.get(), text.data(), text.size()), ssize_t(text.size()));
+    }
+    /// Whether `socket` comes to have brought this and nothing else, behind what `read` holds.
+    bool brings(FileDescriptor const& socket, std::string const& text) {
+        std::string read;
+        serveUntil([&] {
+            char octets[4096];
+            ssize_t const count = ::read(socket.get(), octets, sizeof octets);
+            if (count > 0) read.append(octets, std::size_t(count));
+            return read.size() >= text.size();
+        });
+        EXPECT_EQ(read, text);
+        return read == text;
+    }
+    bool ends(FileDescriptor const& socket) {
+        char octet = 0;
+        return serveUntil([&] { return ::read(socket.get(), &octet, 1) == 0; });
+    }
+
+    std::string const path =
+        std::filesystem::temp_directory_path() / ("ihproxyd-control-" + std::to_string(getpid()));
+    RpcMethods methods;
+    std::optional<RpcReply> later;
+    std::size_t made = 0;
+};
+
+std::string asked(std::string const& method, std::string const& params = "{}") {
+    return R"({"jsonrpc":"2.0","id":1,"method":")" + method + R"(","params":)" + params + "}\n";
+}
+std::string failed(std::string const& id, int code, std::string const& text) {
+    return R"({"jsonrpc": "2.0","id": )" + id + R"(,"error": {"code": )" + std::to_string(code) +
+           R"(,"message": ")" + text + "\"}}\n";
+}
+
+TEST_F(ControlTest, EachLineHasItsAnswerInTurn) {
+    ControlServer const server(loop, path, methods);
+    std::string const deep = std::string(20, '[') + std::string(20, ']') + '\n';
+    std::vector<std::pair<std::string, std::string>> const lines{
+        {asked("echo", R"({"a":[1,{"b":null}]})"),
+         "{\"jsonrpc\": \"2.0\",\"id\": 1,\"result\": {\"a\": [1,{\"b\":null}]}}\n"},
+        {asked("refuse"), "{\"jsonrpc\": \"2.0\",\"id\": 1,\"error\": {\"code\": -32000,\"data\": "
+                          "{\"key\": 1},\"message\": \"not now\"}}\n"},
+        {asked("nonsense"), failed("1", -32601, "no method nonsense")},
+        {asked("echo", "[1]"), failed("1", -32602, "params are to be an object, by name")},
+        {deep, failed("null", -32600, "deeper than 8 levels")},
+        {"[]\n", failed("null", -32600, "a batch holds 1 to 100 requests")},
+        {"7\n", failed("null", -32600, "not a request: an object is expected")},
+        {R"({"jsonrpc":"1.0","id":"x","method":"echo"})"
+         "\n",
+         failed("\"x\"", -32600, "jsonrpc is to be \\\"2.0\\\"")},
+        {R"({"jsonrpc":"2.0","method":"echo"})"
+         "\n\n",
+         ""}, // nobody waits for that
+        {R"([{"jsonrpc":"2.0","id":1,"method":"echo"},{"jsonrpc":"2.0","method":"echo"},5])"
+         "\n",
+         "[{\"jsonrpc\": \"2.0\",\"id\": 1,\"result\": {}},{\"jsonrpc\": \"2.0\",\"id\": "
+         "null,\"error\": {\"code\": -32600,\"message\": \"not a request: an object is "
+         "expected\"}}]\n"},
+    };
+    FileDescriptor const one = connected();
+    FileDescriptor const all = connected();
+    std::string answers;
+    for (auto const& [line, answer] : lines) {
+        send(all, line);
+        answers += answer;
+        send(one, line);
+        EXPECT_TRUE(brings(one, answer)) << line;
+    }
+    EXPECT_TRUE(brings(all, answers));
+    send(one, "{\n");
+    std::string const unreadable = R"({"jsonrpc": "2.0","id": null,"error": {"code": -32700)";
+    char octets[4096];
+    ssize_t count = 0;
+    serveUntil([&] { return (count = read(one.get(), octets, sizeof octets)) > 0; });
+    EXPECT_EQ(std::string(octets, unreadable.size()), unreadable);
+    // A last line without its end counts, and an answer that comes late.
+    std::string last = asked("later");
+    last.pop_back();
+    send(one, last);
+    shutdown(one.get(), SHUT_WR);
+    ASSERT_TRUE(serveUntil([&] { return later.has_value(); }));
+    later->result({{"late", true}});
+    EXPECT_TRUE(brings(one, "{\"jsonrpc\": \"2.0\",\"id\": 1,\"result\": {\"late\": true}}\n"));
+    EXPECT_TRUE(ends(one));
+    later->result({{"late", true}}); // nobody is there
+}
+
+TEST_F(ControlTest, NobodyCostsMoreThanABoundedAmount) {
+    ControlServer const server(loop, path, methods);
+    FileDescriptor const slow = connected();
+    send(slow, asked("endless"));
+    std::size_t before = 1;
+    serveUntil([&] { return made > 0 && std::exchange(before, made) == made; });
+    EXPECT_LT(made, 10000u); // what sockets hold, and a piece
+    EXPECT_GT(made, 100u);
+    FileDescriptor const endless = connected();
+    std::string const much(ControlSession::mostLineOctets + 1, ' ');
+    send(endless, much);
+    EXPECT_TRUE(brings(endless, failed("null", -32600, "the line is too long")));
+    EXPECT_TRUE(ends(endless));
+    // Silent ones make room, the first to fall silent first.
+    std::string const echoed = "{\"jsonrpc\": \"2.0\",\"id\": 1,\"result\": {}}\n";
+    std::vector<FileDescriptor> silent;
+    for (std::size_t i = 0; i < ControlServer::mostSessions + 10; ++i) {
+        silent.push_back(connected());
+        send(silent.back(), asked("echo"));
+        ASSERT_TRUE(brings(silent.back(), echoed)) << i;
+    }
+    EXPECT_TRUE(ends(silent.front()));
+    send(silent.back(), asked("echo"));
+    EXPECT_TRUE(brings(silent.back(), echoed));
+}
+
+TEST_F(ControlTest, OnlyRootAndTheAgentsUserChange) {
+    constexpr uid_t nobody = 65534;
+    for (auto const& [user, answer] :
+         std::map<uid_t, std::string>{{nobody, failed("1", -32001,
+                                                      "only root and the user of the agent may ask "
+                                                      "for that")},
+                                      {0, "{\"jsonrpc\": \"2.0\",\"id\": 1,\"result\": "
+                                          "{\"changed\": true}}\n"}}) {
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
+        FileDescriptor const client(ends[0]);
+        auto const session = std::make_shared<ControlSession>(loop, FileDescriptor(ends[1]), user,
+                                                              methods, [](ControlSession&) {});
+        session->doBegin();
+        send(client, asked("change"));
+        EXPECT_TRUE(brings(client, answer)) << user;
+    }
+}
+
+TEST_F(ControlTest, ADeadSocketIsReplacedAndALiveOneIsNot) {
+    {
+        FileDescriptor const dead = unixSocket();
+        sockaddr_un const address = unixAddress(path);
+        ASSERT_EQ(bind(dead.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address), 0);
+    }
+    {
+        ControlServer const server(loop, path, methods);
+        struct stat status {};
+        ASSERT_EQ(stat(path.c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777, 0660u);
+        EXPECT_THROW(ControlServer(loop, path, methods), std::system_error);
+        EXPECT_TRUE(std::filesystem::exists(path));
+        send(connected(), asked("echo"));
+    }
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_THROW(ControlServer(loop, std::string(200, 'x'), methods), std::system_error);
+    EXPECT_THROW(ControlServer(loop, "/no/such/folder", methods), std::system_error);
+}
+
+} // namespace
+} // namespace Agent
