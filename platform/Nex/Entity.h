@@ -5,6 +5,13 @@
 // notifiees may come and go, the entity may be changed again or dropped, and the callback may
 // throw: a newcomer is not told of the change under way, one that left or became a zombie is not
 // told any more, and an exception reaches the caller of the mutator with the value changed.
+//
+// Nothing is queued. A change made inside a callback is told to everybody before those behind that
+// callback hear of the first: they are told twice, the inner change first, and find the newest
+// state both times. How deep this goes is nobody's business but the callbacks': two that answer
+// each other for ever end with the stack.
+//
+// One thread makes all changes and runs all callbacks. Nothing here is locked.
 #pragma once
 
 #include "Lumen/Ring.h"
@@ -20,7 +27,9 @@ namespace Nex {
 using String = std::string;
 using Name = std::string;
 
-/// The base of all notification interfaces: a reactor seen by the dispatcher.
+/// The base of all notification interfaces: a reactor seen by the dispatcher. It is born inactive,
+/// so a constructor reads what is there and hears nothing of what it brings about, unless it makes
+/// itself active; `Owned` and `ReactorMap` do once it stands.
 class NotifieeBase : public PtrInterface {
   public:
     /// Callbacks arrive only while this is set. Switching it on delivers nothing.
@@ -30,14 +39,17 @@ class NotifieeBase : public PtrInterface {
     bool zombie() const { return zombie_; }
     void zombieIs(bool zombie) { zombie_ = zombie; }
     /// The machine that the callbacks belong to, not owned; null for none. It may be a reactor
-    /// itself, with a machine of its own.
+    /// itself, with a machine of its own. A reactor that may outlive its machine is retired before
+    /// that goes: only a zombie asks its machine nothing.
     PtrInterface* machine() const { return machine_; }
 
-    /// Silences the reactor for good: its owner lets go of it, and the machine may go first.
+    /// Silences the reactor for good: its owner lets go of it, and the machine may go first. Those
+    /// that have reactors or timers of their own let go of them, too. A second call does nothing
+    /// more. Also from within the reactor's own callback.
     virtual void nexRetire() { zombie_ = true; }
 
-    /// Runs `callback` unless the reactor or its machine is silenced. The reactor and its machines
-    /// stay alive until it returns.
+    /// Runs `callback` unless the reactor or its machine is silenced, or the reactor inactive. The
+    /// reactor and its machines stay alive until it returns. Throws what `callback` throws.
     template <class F>
     [[gnu::always_inline]] void nexDeliver(F&& callback) {
         // Asked first: a machine that is being destroyed must not be held and let go again.
@@ -48,7 +60,7 @@ class NotifieeBase : public PtrInterface {
         callback();
     }
 
-    /// For reactors that start themselves up: whether they have.
+    /// For reactors that start themselves up: whether they have. The dispatcher does not ask.
     bool initialized() const { return initialized_; }
 
   protected:
@@ -74,7 +86,8 @@ class NotifieeBase : public PtrInterface {
 };
 
 /// The notifiees of one entity, in the order of registration. One notifiee costs a pointer; each
-/// comes and goes in constant time, however many there are.
+/// comes and goes in constant time, however many there are. From the second one on they stand in a
+/// table of their own, which stays until the entity goes.
 class NotifieeList {
     /// From the second notifiee on.
     using Many = Set<NotifieeBase*>;
@@ -86,11 +99,15 @@ class NotifieeList {
     ~NotifieeList() { delete many(); }
 
     bool empty() const { return head_ == 0; }
+    /// Behind all others; one that is there already stays where it is. Throws std::bad_alloc, and
+    /// the list is as it was. The first one needs no memory.
     void add(NotifieeBase* notifiee);
+    /// Needs no memory. One that is not there is no error.
     void del(NotifieeBase* notifiee);
 
     /// Calls `tell` with each of those who are registered as it begins and still are as their turn
-    /// comes. Calls nest.
+    /// comes. Calls nest. One that left and came back meanwhile is not called. The list outlives
+    /// the call: whoever calls holds the entity.
     template <class F>
     [[gnu::always_inline]] void forEach(F const& tell) const {
         if (Many const* const all = many()) [[unlikely]] {
@@ -116,24 +133,30 @@ class Entity : public PtrInterface {
     /// Unique in its collection.
     virtual String nexName() const = 0;
     /// The names from the root of the tree down, each after that of its collection, joined with
-    /// '/'. One that stands in an attribute goes by the attribute's name.
+    /// '/'. One that stands in an attribute goes by the attribute's name. Made anew at each call,
+    /// in as many steps as the tree is deep.
     String nexFullName() const;
-    /// What `child` adds to the full name of the entity that holds it; empty when this does not.
+    /// What `child` adds to the full name of the entity that holds it; empty when this does not. To
+    /// be overridden by whatever calls itself another entity's parent.
     virtual String nexPlaceOf(Entity const&) const { return {}; }
     /// Null for a root, and for an entity that was removed from its tree. Not owned.
     Entity* nexParent() const { return parent_; }
-    /// For whoever holds this entity in the tree, and takes it out before it goes itself.
+    /// For whoever holds this entity in the tree, and takes it out before it goes itself: `parent`
+    /// is not held. Tells nobody.
     void nexParentIs(Entity* parent) { parent_ = parent; }
 
     // Registration, by the notifiees themselves. They are not owned, and take themselves out before
-    // they go. Adding one throws std::bad_alloc; taking out one that is not there is no error.
+    // they go. Adding one throws std::bad_alloc; taking out one that is not there is no error. Both
+    // may come in the middle of a notification, and both work on a const entity: who watches is no
+    // part of its state.
     void nexNotifieeAdd(NotifieeBase* notifiee) const { notifiees_.add(notifiee); }
     void nexNotifieeDel(NotifieeBase* notifiee) const { notifiees_.del(notifiee); }
 
   protected:
     /// Calls `callback` of all notifiees; `Interface` is what they implement. To be called once all
     /// is stored: callbacks read, write, and may drop this entity, which stays until they are
-    /// through. Throws what a callback throws; notifiees behind that one are not told.
+    /// through. Throws what a callback throws; notifiees behind that one are not told. Every
+    /// notifiee must implement `Interface`: it is not asked. Without any this is one comparison.
     template <class Interface, auto callback, class... Keys>
     void nexNotify(Keys const&... keys) {
         if (notifiees_.empty()) return;
@@ -149,7 +172,7 @@ class Entity : public PtrInterface {
     mutable NotifieeList notifiees_;
 };
 
-/// The text of a key, for names.
+/// The text of a key, for names: what its `operator<<` writes.
 template <class Key>
 String textOf(Key const& key) {
     std::ostringstream out;
@@ -161,16 +184,21 @@ String textOf(Key const& key) {
 template <class Watched>
 class NotifieeOf : public NotifieeBase {
   public:
-    /// Held as long as it is watched; null for none, and once the reactor is retired.
+    /// Held as long as it is watched; null for none, and once the reactor is retired. So a watched
+    /// entity outlives its place in the tree; the reactor hears nothing of being left behind,
+    /// unless it watches the collection, too.
     Watched const* notifier() const { return notifier_.get(); }
-    /// Watches another entity, or none. That is a new registration; the old entity's changes are
-    /// heard no more. Ends with `onNotifier`.
+    /// Watches another entity, or none. That is a new registration, behind those who watch it
+    /// already; the old entity's changes are heard no more, also those that are being told. Ends
+    /// with `onNotifier` if the reactor is active, and throws what that throws. The same entity
+    /// again does nothing. The old entity may go by this.
     void notifierIs(Ptr<Watched const> notifier) {
         if (notifier == notifier_) return;
         watch(std::move(notifier));
         nexDeliver([&] { onNotifier(); });
     }
-    /// The reactor was pointed at another entity, or at none; not called at construction.
+    /// The reactor was pointed at another entity, or at none: `notifier()` tells. Not called at
+    /// construction, nor as the reactor is retired.
     virtual void onNotifier() {}
 
     void nexRetire() override {
@@ -179,7 +207,8 @@ class NotifieeOf : public NotifieeBase {
     }
 
   protected:
-    /// Registers at once, but hears nothing before it is made active. `notifier` may be null.
+    /// Registers at once, but hears nothing before it is made active: those that are made earlier
+    /// are told earlier. `notifier` may be null; `machine` is not held. Throws std::bad_alloc.
     template <class Machine>
     NotifieeOf(Ptr<Watched const> notifier, Machine* machine) : NotifieeBase(machine) {
         watch(std::move(notifier));
@@ -196,7 +225,8 @@ class NotifieeOf : public NotifieeBase {
     Ptr<Watched const> notifier_;
 };
 
-/// For reactors that write to what they watch: `Interface`, with a writable notifier.
+/// For reactors that write to what they watch: `Interface`, with a writable notifier. It hears of
+/// its own writing like everybody else.
 template <class Interface, class Watched>
 class WritingNotifiee : public Interface {
   public:

@@ -10,8 +10,9 @@
 
 namespace Nex {
 
-/// The number that stands for a key. A key type gives it by a member of its own where the result of
-/// `std::hash`, which has 32 bits on some machines, is too narrow.
+/// The number that stands for a key: equal keys have equal ones, and others should differ. A key
+/// type gives it by a member of its own where the result of `std::hash`, which has 32 bits on some
+/// machines, is too narrow.
 template <class Key>
 std::uint64_t hashNumber(Key const& key) {
     if constexpr (requires { key.nexHashNumber(); }) {
@@ -42,7 +43,8 @@ struct HashSecret {
     static HashSecret drawn();
 };
 
-/// The secret of this process, drawn as the first index is made.
+/// The secret of this process, drawn as the first index is made. No collection walks in the order
+/// of its hashes, so what a program does is the same under every secret.
 class HashSecrets {
   public:
     static HashSecret const& inForce() { return secret_; }

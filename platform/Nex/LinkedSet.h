@@ -13,7 +13,8 @@
 namespace Nex {
 
 /// Has no walk: its user takes keys from the front. Keys are hashed as those of a `Map`, always
-/// with the secret.
+/// with the secret. A key takes one small object and about one pointer in a bucket, given back as
+/// the keys go. Only `insert` needs memory.
 template <class Key>
 class LinkedSet {
   public:
@@ -50,7 +51,8 @@ class LinkedSet {
         segments_.clear();
         buckets_ = count_ = 0;
     }
-    /// Puts a key that is there behind all others.
+    /// Puts a key that is there behind all others. One that is not there is no error. `key` may be
+    /// the one that `front` shows.
     void toBack(Key const& key) {
         Node* const node = find(key);
         if (!node) return;
@@ -71,6 +73,12 @@ class LinkedSet {
             PtrInterface::operator delete(node, bytes);
         }
     };
+    // Linear hashing (W. Litwin, "Linear Hashing: A New Tool for File and Table Addressing"): there
+    // are as many buckets as keys, or up to twice as many, and eight at least. A key's bucket is
+    // the low bits of its hash, one bit fewer where that bucket is yet to come. So one bucket more
+    // means that the keys of a single one are dealt out anew, and one less that they go back.
+    // Segments never move.
+
     /// Buckets of the first segment; every other segment has as many as all before it.
     static constexpr std::size_t fewest = 8;
 
@@ -80,6 +88,7 @@ class LinkedSet {
     static std::size_t firstOf(std::size_t segment) {
         return segment == 0 ? 0 : fewest << (segment - 1);
     }
+    /// Of a bucket that is in use, or is just coming or going.
     Node*& head(std::size_t bucket) const {
         std::size_t const segment = segmentOf(bucket);
         return segments_[segment][bucket - firstOf(segment)];
@@ -113,6 +122,7 @@ class LinkedSet {
         (node->before ? node->before->after : first_) = node->after;
         (node->after ? node->after->before : last_) = node->before;
     }
+    /// Throws nothing, and moves the keys of two buckets at most.
     void erase(Node* node) {
         Node** link = &head(bucketOf(node->key));
         while (*link != node) link = &(*link)->inBucket;
@@ -146,6 +156,7 @@ class LinkedSet {
         rechain(stale);
         if (stale == firstOf(segments_.size() - 1)) segments_.pop_back();
     }
+    /// Puts the keys of a bucket where they belong by the number of buckets there is now.
     void rechain(std::size_t bucket) {
         Node* node = std::exchange(head(bucket), nullptr);
         while (node) enchain(std::exchange(node, node->inBucket));

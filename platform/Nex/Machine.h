@@ -2,6 +2,15 @@
 // collections of further machines. One line each; the behaviour lies in the templates below.
 //
 // A machine defines `nexTypeName` (its full class name, for error texts) before using the macros.
+//
+// A machine owns its reactors and reads what they watch; the reactors know the machine by a plain
+// pointer. Its destructor begins with `nexDoZombieReactors(true)`: members end after that, and what
+// they bring about reaches no handler any more. A reactor on the stack keeps its machine, so a
+// handler may let go of the last pointer to its own machine and still return into it.
+//
+// In the constructor, reactors are made by `Nex::watch` and look at nothing by themselves: the
+// constructor calls the handlers in the order that it wants, once all inputs are there. What it
+// changes in watched records is heard at once, by the reactors that stand by then.
 #pragma once
 
 #include "Nex/Entity.h"
@@ -15,6 +24,7 @@
 namespace Nex {
 
 /// The base of a machine's reactors: the notification interface, and the machine by its own type.
+/// `machine` is not null in a reactor that calls it, and not held.
 template <class Interface, class Machine>
 class Reactor : public Interface {
   public:
@@ -23,13 +33,14 @@ class Reactor : public Interface {
     Machine* machine() const { return static_cast<Machine*>(NotifieeBase::machine()); }
 };
 
-/// The target of a reactor.
+/// The target of a reactor, const or not, as its notification interface has it.
 template <class R>
 using WatchedBy = std::remove_pointer_t<decltype(std::declval<R const&>().notifier())>;
 
 /// The objects of one owner whose constructors are on the stack, and what was asked for each of
 /// them meanwhile. A constructor may run anything; whatever that does, the place of the object ends
-/// up as the last request said.
+/// up as the last request said. Makings nest and end in the reverse order, as their stack frames
+/// do; a lookup takes a step for each of them. Needs no memory.
 template <class Key, class Request>
 class Makings {
   public:
@@ -52,7 +63,9 @@ class Makings {
         Key const key_;
     };
 
-    /// The object of `key` is being made and wanted: what is asked of it is remembered there.
+    /// The object of `key` is being made and wanted: what is asked of it is remembered there. Null
+    /// where it is not, also where one was that has been deleted since: whoever asks then makes
+    /// another.
     Making* find(Key const& key) const {
         Making* at = innermost_;
         while (at && !(at->wanted && at->key_ == key)) at = at->outer_;
@@ -73,7 +86,8 @@ class Makings {
 };
 
 /// A reactor in the hand of its machine: dropping it silences it, then lets go. Whoever else holds
-/// the reactor keeps an object that hears nothing.
+/// the reactor keeps an object that hears nothing. Whoever calls it keeps it alive until the call
+/// returns, as the dispatcher does with the machine that it stands in.
 template <class R>
 class Owned {
     using Request = Ptr<WatchedBy<R>>;
@@ -98,7 +112,9 @@ class Owned {
         if (making.last) fresh->notifierIs(*making.last);
     }
     /// Points the reactor at `watched`, or makes it for a `machine` that has none yet. A null
-    /// object makes no reactor.
+    /// object makes no reactor, and leaves one that is there in place, watching nothing. One that
+    /// is pointed elsewhere has looked at what it finds there when this returns (`onNotifier`); one
+    /// that is made has done what its constructor does, no more. Throws what these throw.
     template <class Machine>
     void watch(Request watched, Machine* machine) {
         if (reactor_) {
@@ -109,7 +125,8 @@ class Owned {
             make(std::move(watched), machine);
         }
     }
-    /// Also from within the reactor's own callback, and its constructor.
+    /// Also from within the reactor's own callback, and its constructor. A callback that is on the
+    /// stack runs to its end, with `notifier()` null.
     void del() {
         makings_.del({});
         if (Ptr<R> const reactor = std::exchange(reactor_, nullptr)) reactor->nexRetire();
@@ -137,7 +154,7 @@ void watch(Owned<R>& owned, Ptr<Watched> watched, Machine* machine) {
 }
 
 /// As `watch`, for a machine that is up: a reactor that is made only now looks at all there is, as
-/// one that is pointed elsewhere does.
+/// one that is pointed elsewhere does. Where its constructor has looked already, it looks twice.
 template <class R, class Watched, class Machine>
 void watchAnew(Owned<R>& owned, Ptr<Watched> watched, Machine* machine) {
     bool const wasThere = bool(owned);
@@ -147,7 +164,9 @@ void watchAnew(Owned<R>& owned, Ptr<Watched> watched, Machine* machine) {
 }
 
 /// The per-key reactors of a machine. A reactor may start up in its constructor; whatever its
-/// start-up does to this collection, the key ends up as the last call said.
+/// start-up does to this collection, the key ends up as the last call said. Calls take constant
+/// time but for what the reactors do. A reactor that hears of its key's end in its own callback may
+/// delete itself by it.
 template <class Key, class R>
 class ReactorMap {
   public:
@@ -156,18 +175,23 @@ class ReactorMap {
     ReactorMap& operator=(ReactorMap const&) = delete;
     ~ReactorMap() { delAll(); }
 
-    /// The reactor of `key`; null when there is none or while it is being made.
+    /// The reactor of `key`; null when there is none or while it is being made. Lent: hold a `Ptr`
+    /// across calls that may delete it.
     R* get(Key const& key) const {
         auto const* const found = reactors_.find(key);
         return found ? found->get() : nullptr;
     }
     std::size_t size() const { return reactors_.size(); }
-    /// Yields keys and counted pointers.
+    /// Yields keys and counted pointers, in the order in which the reactors came.
     auto walk() const { return reactors_.walk(); }
 
     /// Makes the reactor of `key` on `watched`, or points the one that is there at it. Null while
     /// that is being made further up the stack: it is pointed at `watched` once it stands. What the
     /// reactor's constructor throws reaches the caller, and the key is as it was.
+    ///
+    /// The reactor returned may be deleted by then, and retired: `get` knows whether it is still
+    /// the key's. `watched` may be null for one that is there, which then watches nothing and
+    /// stays.
     template <class Watched, class Machine>
     Ptr<R> is(Key const& key, Ptr<Watched> watched, Machine* machine) {
         if (Ptr<R> const known = get(key)) {
@@ -189,7 +213,9 @@ class ReactorMap {
         }
         return fresh;
     }
-    /// Silences the reactor, then lets go of it. One that is being made goes once it stands.
+    /// Silences the reactor, then lets go of it. One that is being made goes once it stands. A key
+    /// without one is no error. Out of the map before it is retired: what that brings about finds
+    /// the key free.
     void del(Key const& key) {
         makings_.del(key);
         if (Ptr<R> const reactor = reactors_.take(key)) reactor->nexRetire();
@@ -197,7 +223,9 @@ class ReactorMap {
     void delAll() {
         delUnless([](Key const&) { return false; });
     }
-    /// Deletes the reactors whose key `stays` rejects.
+    /// Deletes the reactors whose key `stays` rejects. `stays` is asked as each one's turn comes,
+    /// with the consequences of the deletions before; what comes meanwhile is not asked about.
+    /// Throws what retiring one throws, with the rest left.
     template <class Stays>
     void delUnless(Stays stays) {
         makings_.delUnless(stays);
@@ -220,7 +248,11 @@ inline void refuseNull(bool isNull, char const* typeName, char const* attribute)
 
 /// Machines by key. Asking again with the same arguments returns the machine; with another
 /// argument it fails. A machine class tells the names of these arguments in the array
-/// `nexArgumentNames`, and their present values by `nexArguments()`, a tuple.
+/// `nexArgumentNames`, and their present values by `nexArguments()`, a tuple. Compared is what the
+/// machine has now, so one that was pointed elsewhere since is found by its new inputs.
+///
+/// A machine that is deleted while others hold it lives on and hears nothing. Its records are left
+/// as they are.
 template <class Key, class Machine>
 class MachineMap {
   public:
@@ -240,7 +272,8 @@ class MachineMap {
 
     /// `factory` makes a machine from key and arguments. Null while the machine is being made
     /// further up the stack. Throws NameInUseException where it is there, or being made, from
-    /// other arguments, and what `factory` throws.
+    /// other arguments, and names the first that differs; and what `factory` throws, with no
+    /// machine made. The machine returned may be deleted by then, and silenced: `get` knows.
     template <class Factory, class... Args>
     Ptr<Machine> is(Factory factory, Key const& key, Args const&... args) {
         Arguments const asked(args...);
@@ -262,11 +295,13 @@ class MachineMap {
         }
         return fresh;
     }
-    /// Silences the machine's reactors, then lets go of it.
+    /// Silences the machine's reactors, then lets go of it, by then out of the map. One that is
+    /// being made goes once it stands. A key without one is no error.
     void del(Key const& key) {
         makings_.del(key);
         if (Ptr<Machine> const machine = machines_.take(key)) machine->nexDoZombieReactors(true);
     }
+    /// In the order in which they came, those that are being made included.
     void delAll() {
         makings_.delUnless([](Key const&) { return false; });
         for (auto const& item : machines_.walk()) del(item.key);
@@ -295,8 +330,9 @@ class MachineMap {
 
 } // namespace Nex
 
-/// An input that the reactor class `REACTOR` watches: `NAME()` is the watched object or null,
-/// `NAME##Is` points the reactor elsewhere.
+/// An input that the reactor class `REACTOR` watches: `NAME()` is the watched object or null, lent;
+/// `NAME##Is` points the reactor elsewhere, and has it look there before it returns. With null it
+/// looks, too, and finds none.
 #define NEX_WATCHED(TYPE, NAME, REACTOR)                                                           \
   public:                                                                                          \
     TYPE* NAME() const { return ::Nex::watchedBy(NAME##_); }                                       \
@@ -308,7 +344,7 @@ class MachineMap {
     ::Nex::Owned<REACTOR> NAME##_;
 
 /// An input that is only used: held, never watched, and fixed once the constructor has set
-/// `NAME##_`. `NAME()` may be null.
+/// `NAME##_`. `NAME()` may be null. Lent, good as long as the machine.
 #define NEX_INPUT(TYPE, NAME)                                                                      \
   public:                                                                                          \
     TYPE* NAME() const { return NAME##_.get(); }                                                   \
@@ -316,7 +352,7 @@ class MachineMap {
   private:                                                                                         \
     ::Nex::Ptr<TYPE> NAME##_;
 
-/// A value of the machine's own, which nobody is told of.
+/// A value of the machine's own, which nobody is told of: who sets it sees to what follows.
 #define NEX_FIELD(TYPE, NAME, VALUE)                                                               \
   public:                                                                                          \
     TYPE NAME() const { return NAME##_; }                                                          \
@@ -339,7 +375,9 @@ class MachineMap {
   private:                                                                                         \
     ::Nex::Set<KEY> NAME##_;
 
-/// Reactors of class `REACTOR`, one for each `TYPE` whose `KEYNAME()` is the key.
+/// Reactors of class `REACTOR`, one for each `TYPE` whose `KEYNAME()` is the key. `NAME##Is` makes
+/// one or points it at that object, as `ReactorMap::is`; null is refused by Nex::RangeException.
+/// The machine calls `NAME##Del` as the object goes: nobody else does.
 #define NEX_REACTORS(KEY, REACTOR, NAME, TYPE, KEYNAME)                                            \
   public:                                                                                          \
     REACTOR* NAME(KEY key) const { return NAME##_.get(key); }                                      \

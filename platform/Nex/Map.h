@@ -14,6 +14,10 @@
 // that; most groups have no more than a few sources.
 //
 // A `Set` of either kind is a map to `Nothing`.
+//
+// What a lookup returns is lent until the next change: whatever calls out between the two, by a
+// notification or the end of an object, may make that change. What a walk yields is the walker's
+// own copy. Nothing here is locked, and reading counts as changing: a walk keeps count of itself.
 #pragma once
 
 #include "Nex/Hash.h"
@@ -42,7 +46,8 @@ struct Nothing {
 };
 
 /// Whether a value may be moved to another address by copying its bytes. A type that keeps no
-/// address of itself anywhere says so by a specialisation.
+/// address of itself anywhere says so by a specialisation. Such entries move by `realloc`; others
+/// one by one, which must throw nothing.
 template <class T>
 inline constexpr bool isRelocatable = std::is_trivially_copyable_v<T>;
 template <class T>
@@ -82,7 +87,8 @@ Yielded<Key, Value> yield(From const& entry) {
 
 /// A range over a cursor, an object with `std::optional<T> next()`. Walk it once: a second `begin`
 /// goes on where the first one stopped. Walks are made by their collection and stay where they are;
-/// a loop that is left early ends its walk.
+/// a loop that is left early ends its walk. An iterator is good as long as its walk, and what it
+/// shows until it moves on.
 template <class Cursor>
 class Walk {
   public:
@@ -119,6 +125,12 @@ class Walk {
     Cursor cursor_;
 };
 
+/// Neither copied nor moved. A key is hashed by `hashNumber` and compared by `==`; of an entry it
+/// never changes. An entry takes its key, its value and a mark in an array that doubles, beyond
+/// eight of them two more numbers of 32 bits for each place of the array.
+///
+/// As the map goes its values end in the order of insertion, and nobody may look at it meanwhile:
+/// an owner whose values bring something about takes them out first.
 template <class Key, class Value>
 class Map {
   public:
@@ -159,7 +171,9 @@ class Map {
     }
 
     /// Removes `key` and returns its value, or a default value where there was none. Needs no
-    /// memory. `key` may be the one in the entry.
+    /// memory. `key` may be the one in the entry. The map is whole by the time that the value ends,
+    /// in the hand of the caller: that may run anything. Constant time but for the removals that
+    /// leave the array three quarters empty: those move what is left.
     Value take(Key const& key) {
         Position const at = positionOf(key);
         if (at == none) return Value();
@@ -172,7 +186,8 @@ class Map {
     }
 
     /// Yields the entries, their values as `As`. While it is there, holes stay and so do positions:
-    /// a map that is walked for long while entries come and go takes room for all of them.
+    /// a map that is walked for long while entries come and go takes room for all of them. Whoever
+    /// works on a map for longer than a moment takes keys off a `LinkedSet` instead.
     template <class As>
     class Cursor {
       public:
@@ -189,6 +204,8 @@ class Map {
         std::uint32_t at_ = 0;
         std::uint32_t end_;
     };
+    /// All entries, in the order of insertion; `walk<Nothing>()` yields the keys alone and copies
+    /// no value. The map outlives the walk.
     template <class As = Value>
     Walk<Cursor<As>> walk() const {
         return Walk<Cursor<As>>(*this);
@@ -206,6 +223,17 @@ class Map {
     static constexpr std::uint32_t farthest = 16;
     static constexpr std::uint32_t mostPushed = 512;
 
+    // What always holds:
+    //
+    //   - The entries are those of [0, used_) that are live, in the order of insertion, `count_` of
+    //     them. The last one is live unless somebody walks.
+    //   - While somebody walks, no entry changes its position, so a walk is a position and the end
+    //     that the map had as it began. What is inserted stands behind that end.
+    //   - The index, where there is one, has each live entry once, at or behind its home slot, with
+    //     no free slot between, and entries in the order of their homes. It is at most half full.
+    //     Without an index, be it that memory was refused, entries are looked through one by one.
+
+    /// A hole has no key and no value, only the mark.
     struct Entry {
         Key key;
         bool live;
@@ -242,7 +270,8 @@ class Map {
     }
 
     /// Where the entry of a key is; if it is not, where its index entry belongs, and how far that
-    /// is from home.
+    /// is from home. Good until the next change: an insertion that needs no room takes it as it is,
+    /// and looks once.
     struct Probe {
         Position at;
         std::uint32_t slot;
@@ -272,6 +301,8 @@ class Map {
         }
         return probeFor(key).at;
     }
+    /// There is room, and the key is not there. Throws what rebuilding the index throws; the entry
+    /// is gone then.
     Value& add(Key const& key, Probe const& probe) {
         Position const at = used_;
         ::new (&entries_[at]) Entry{key, true, Value()};
@@ -288,11 +319,12 @@ class Map {
         }
         return entries_[at].value;
     }
-    /// As if an entry had come and gone.
+    /// As if an entry had come and gone, so that positions of a walk stay what they are.
     void addHole() {
         if (used_ == capacity_) makeRoom();
         entries_[used_++].live = false;
     }
+    /// Of a live entry.
     std::uint32_t slotOf(Position at) const {
         std::uint32_t slot = homeOf(entries_[at].key);
         while (index_[slot] != at + 1) slot = (slot + 1) & mask_;
@@ -313,6 +345,8 @@ class Map {
         index_[slot] = at + 1;
         return true;
     }
+    /// Those behind, up to one that stands at home, move up by a slot: no marks of what was removed
+    /// are left to be probed over.
     void removeFromIndex(std::uint32_t slot) {
         for (;;) {
             std::uint32_t const next = (slot + 1) & mask_;
@@ -322,6 +356,8 @@ class Map {
         }
         index_[slot] = 0;
     }
+    /// From the live entries, as wide as the room for them. A map that has become small loses it.
+    /// Throws std::bad_alloc, and what drawing the secret throws; there is no index then.
     void rebuildIndex() {
         std::free(std::exchange(index_, nullptr));
         if (capacity_ <= unindexed) return;
@@ -339,17 +375,23 @@ class Map {
             throw;
         }
     }
+    /// For good: a map that has seen keys pile up is hashed from now on.
     void scatter() {
         scattered_ = true;
         rebuildIndex();
     }
 
+    /// For one entry more. Where more than a quarter of the places are holes, closing them makes
+    /// it; a map whose entries come and go does not grow by that. Walks keep the holes, so then it
+    /// does.
     void makeRoom() {
         bool const manyHoles = count_ < used_ - used_ / 4;
         if (manyHoles && walkers_ == 0) return reseat(capacity_);
         if (capacity_ > (none >> 1)) throw std::bad_alloc();
         reseat(capacity_ == 0 ? 4 : capacity_ * 2);
     }
+    /// Nobody walks. Only those at the end go at once; the rest wait until three quarters are
+    /// holes, so that a removal costs constant time in the long run.
     void closeHoles() {
         while (used_ > 0 && !entries_[used_ - 1].live) --used_;
         if (used_ <= unindexed || count_ >= used_ / 4) return;
@@ -390,6 +432,7 @@ class Map {
         capacity_ = capacity;
         rebuildIndex();
     }
+    /// Closes all holes, in place and in order. The index is wrong until it is rebuilt.
     void squeeze() {
         Position to = 0;
         for (Position at = 0; at < used_; ++at) {
@@ -414,6 +457,8 @@ class Map {
 
 /// Like `Map`; the first `N` entries stand in the object itself. It is moved only while nobody
 /// walks it, and grows into a `Map` once: it does not come back. Keys and values are plain bytes.
+/// Up to `N` entries nothing is allocated and no insertion fails. Holes of a walk count as entries:
+/// a small map that changes under a walk may grow before it has `N`.
 template <class Key, class Value, std::size_t N>
 class SmallMap {
     static_assert(std::is_trivially_copyable_v<Key> && std::is_trivially_copyable_v<Value>);
@@ -558,6 +603,7 @@ class SmallMap {
     alignas(Entry) std::byte room_[roomBytes];
 };
 
+/// Walks of these yield bare keys. `findOrInsert(key).second` says whether the key is new.
 template <class Key>
 using Set = Map<Key, Nothing>;
 template <class Key, std::size_t N = 5>
@@ -572,7 +618,8 @@ auto const& keyOf(auto const& yielded) {
     }
 }
 
-/// The keys of a set or the keys of a map in ascending order, as they are now.
+/// The keys of a set or the keys of a map in ascending order, as they are now. For who must go by
+/// that order, or wants a list that later changes leave alone; it costs a copy of all and the sort.
 template <class Cursor>
 auto sortedKeys(Walk<Cursor>&& walk) {
     std::vector<std::remove_cvref_t<decltype(keyOf(*walk.begin()))>> keys;

@@ -5,6 +5,12 @@
 // `Ptr` counts up, dropping it counts down, and the last one to go destroys the object. Only where
 // destructors nest very deep, as along a chain of objects, does the inner object end after the
 // outer.
+//
+// Two counted objects that hold each other never go: whoever owns holds a `Ptr`, the way back is a
+// plain pointer, and the owner silences it before it goes (`nexDoZombieReactors`).
+//
+// A destructor may run anything that the last `Ptr` to other objects held, and runs wherever that
+// pointer is dropped, so also deep inside somebody's callback.
 #pragma once
 
 #include "Nex/Slab.h"
@@ -23,7 +29,8 @@ namespace Nex {
 class PtrInterface;
 
 /// Told of every counted object whose last reference goes, before its destructor runs. For tests
-/// and for programs that look for leaks.
+/// and for programs that look for leaks. It looks and holds nothing: the count is 0 already, and a
+/// `Ptr` made here would end the object once more. Not told of an object whose constructor throws.
 class DestructionObserver {
   public:
     virtual void onDestruction(PtrInterface const&) = 0;
@@ -38,7 +45,8 @@ class PtrInterface {
     PtrInterface(PtrInterface const&) = delete;
     PtrInterface& operator=(PtrInterface const&) = delete;
 
-    // For `Ptr`, which pairs them. Objects live on the heap and are never deleted by hand.
+    // For `Ptr`, which pairs them. Objects live on the heap and are never deleted by hand. Nobody
+    // watches over the 32 bits.
     [[gnu::always_inline]] void nexRefInc() const {
         if (threadSafe_) [[unlikely]] {
             std::atomic_ref(references_).fetch_add(1, std::memory_order_relaxed);
@@ -53,10 +61,16 @@ class PtrInterface {
             nexZeroReferences();
         }
     }
+    /// For tests, and for who wants to know whether it is the last one; shared objects change it
+    /// any time where threads count.
     std::uint32_t nexReferences() const { return references_; }
 
     /// Process-wide: count atomically, so that pointers may be copied and dropped on several
     /// threads. Set it before the first object is made. Notifications stay single-threaded.
+    ///
+    /// An object ends on the thread that drops its last pointer. What registers or silences itself
+    /// as it goes (machines, reactors) or lets go of children (records) must end on the thread of
+    /// the notifications. Off, at first: then one thread alone may touch counted objects.
     static void threadSafeIs(bool on);
     static bool threadSafe() { return threadSafe_; }
     /// Null for none. Not owned, and to be taken back before it goes.
@@ -65,13 +79,15 @@ class PtrInterface {
     }
 
     /// Turns all reactors whose machine this object is into zombies, or back: a zombie ignores
-    /// every callback. A machine does this first when it goes.
+    /// every callback. A machine does this first when it goes. Takes no walk: the dispatcher asks.
+    /// A callback that is on the stack already runs to its end.
     void nexDoZombieReactors(bool zombie) { zombieReactors_ = zombie; }
     bool nexZombieReactors() const { return zombieReactors_; }
 
     /// Objects of one size come from slabs: a million small records cost no allocator headers, and
     /// those made together lie together. A slab keeps its memory for later objects of its size
-    /// until it is trimmed.
+    /// until it is trimmed. Beyond `Slab::largest` octets, and under the address sanitizer, each is
+    /// an allocation of its own. Throws std::bad_alloc.
     [[gnu::always_inline]] static void* operator new(std::size_t bytes) {
         if (bytes > Slab::largest || unusualAllocation_) [[unlikely]]
             return allocateUnusually(bytes);
@@ -85,9 +101,12 @@ class PtrInterface {
 
   protected:
     PtrInterface() = default;
+    /// In this and in every destructor of a derived class the count is 0: a `Ptr` made of `this`
+    /// there ends the object a second time. Plain pointers may be handed on.
     virtual ~PtrInterface() = default;
 
     /// What happens when the last reference goes.
+    /// Called once, with the count at 0, on the thread that let go last.
     virtual void onZeroReferences() const { delete this; }
 
   private:
@@ -107,7 +126,11 @@ class PtrInterface {
 
 /// A counted pointer, or null. As small as a plain one; `T` may be incomplete where nothing is
 /// copied or dropped. Made from a plain pointer it counts up, so `this` may be handed out, also by
-/// a constructor. Two are equal if they point at the same object.
+/// a constructor. Two are equal if they point at the same object; hash and text are those of the
+/// address, and differ from run to run.
+///
+/// One pointer is for one thread at a time, also where counting is atomic. Assignment lets go of
+/// the old object last, when the new one is in place: its destructor finds this pointer changed.
 template <class T>
 class Ptr {
   public:
@@ -132,6 +155,7 @@ class Ptr {
     }
 
     /// Takes over the reference that a new object is born with.
+    /// Null gives null.
     static Ptr adopt(T* object) {
         Ptr p;
         p.object_ = object;
@@ -140,6 +164,7 @@ class Ptr {
     /// Hands the reference to the caller, who must adopt it.
     T* release() noexcept { return std::exchange(object_, nullptr); }
 
+    /// Lent, good as long as somebody holds the object. The other two want one that is not null.
     T* get() const { return object_; }
     T* operator->() const { return object_; }
     T& operator*() const { return *object_; }
@@ -159,7 +184,9 @@ class Ptr {
     T* object_ = nullptr;
 };
 
-/// The factory of all counted objects: the new object has one reference, the one returned.
+/// The factory of all counted objects: the new object has one reference, the one returned. Throws
+/// std::bad_alloc, and what the constructor throws. The object is gone then, whoever counts it: a
+/// constructor that may throw takes back what it has handed out of `this`.
 template <class T, class... Args>
 Ptr<T> newObject(Args&&... args) {
     static_assert(alignof(T) <= alignof(std::uint64_t), "slabs are aligned no further");

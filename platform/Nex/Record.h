@@ -21,7 +21,13 @@
 //
 // A lookup returns a plain pointer, good until the entry is deleted: hold a `Ptr` across calls
 // that may do so. `nameIs` of RECORDS returns a counted pointer for that reason. A walk holds its
-// record.
+// record. Attributes and values of maps are returned as copies. Lookups and counts take constant
+// time; walks go in the order of insertion, or of the keys where those are sorted (`NexSorted`).
+//
+// An attribute starts out as its type's default value. What is unchanged, `==` says: a pointer to
+// the same record is, whatever has changed in that record, and a number that is none never is. A
+// map's `name(key)` does not tell a missing key from one whose value is the default: `nameHas`
+// does.
 //
 // What all generated mutators promise:
 //
@@ -34,10 +40,22 @@
 //     change that it is told of.
 //   - `nameDelAll` tells of each key as it goes, while later ones are still there. What is added
 //     meanwhile may stay.
+//   - A record of RECORDS is told of while it is empty: `nameIs` tells, then returns it, and what
+//     the caller writes into it afterwards is told by the record itself. If a callback throws, the
+//     record stays, and the same call fetches it.
+//   - A record that is deleted tells its own watchers nothing and keeps what it contains: the
+//     collection alone tells, and finds null under the key. Whoever watches a record watches its
+//     collection, too.
+//   - The record that an attribute held before is let go, then everybody told: who still needs it
+//     has kept it.
 //
 // RECORDS makes its record the parent of each entry, until the entry is deleted or the record goes;
 // who holds the entry may go on using it as a root of its own. A record in an ATTR is held, not
 // adopted: whoever makes it sets its parent.
+//
+// Keys and values are copied and compared by `==`, and moving one throws nothing. Values have a
+// default; keys have a hash (`hashNumber`), and those of records an `operator<<`, by which the
+// record gets its name.
 #pragma once
 
 #include "Nex/Entity.h"
@@ -49,7 +67,9 @@
 
 namespace Nex {
 
-/// Most sets and maps of small keys hold few of them: those stand inside the record.
+/// Most sets and maps of small keys hold few of them: those stand inside the record, five keys of a
+/// set or four pairs of a map, and nothing is allocated up to there. Ten thousand groups with a
+/// source each are ten thousand records and no table.
 template <class Key>
 inline constexpr bool isSmall = std::is_trivially_copyable_v<Key> && sizeof(Key) <= 4;
 template <class Key>
@@ -75,7 +95,7 @@ struct MapKind<Key, Value> {
 template <class Key, class Value>
 using MapOf = typename MapKind<Key, Value>::Type;
 
-/// The records of a collection. Those that outlive it are roots of their own.
+/// The records of a collection, held. Those that outlive it are roots of their own.
 template <class Key, class Record>
 class RecordMap : public Map<Key, Ptr<Record>> {
   public:
@@ -85,7 +105,8 @@ class RecordMap : public Map<Key, Ptr<Record>> {
     }
 };
 
-/// A walk `W` over a collection of a record, which stays as long as the walk.
+/// A walk `W` over a collection of a record, which stays as long as the walk. The record is counted
+/// up and down once for each walk, not for each entry.
 template <class W>
 class HeldWalk : Ptr<Entity const>, public W {
   public:
@@ -94,7 +115,9 @@ class HeldWalk : Ptr<Entity const>, public W {
         : Ptr<Entity const>(record), W(collection) {}
 };
 
-/// The mutators behind the generated ones. `Interface` and `callback` name who is told.
+/// The mutators behind the generated ones. `Interface` and `callback` name who is told. A callback
+/// may drop the record, which is held as long as they tell and no longer: a mutator that goes on
+/// after that holds it itself.
 class RecordBase : public Entity {
   protected:
     /// A walk `W` over one of this record's collections.
@@ -116,7 +139,8 @@ class RecordBase : public Entity {
         nexNotify<Interface, callback>();
     }
 
-    /// Of SET and MAP. Storing the value that is there already changes nothing.
+    /// Of SET and MAP. Storing the value that is there already changes nothing; storing a default
+    /// value under a new key does. Throws std::bad_alloc, and what the callbacks throw.
     template <class Interface, auto callback, class Collection, class Key, class Value>
     void nexEntryIs(Collection& collection, Key const& key, Value value) {
         auto const [slot, fresh] = collection.findOrInsert(key);
@@ -143,7 +167,8 @@ class RecordBase : public Entity {
         return record;
     }
 
-    /// Of all collections. The entry is held until everybody has been told.
+    /// Of all collections. The entry is held until everybody has been told. Deleting what is not
+    /// there tells nobody. Needs no memory.
     template <class Interface, auto callback, class Collection, class Key>
     void nexEntryDel(Collection& collection, Key const& key) {
         if (!collection.has(key)) return;
@@ -153,6 +178,8 @@ class RecordBase : public Entity {
         nexNotify<Interface, callback>(key);
     }
 
+    /// Goes by the entries that are there as it begins; a callback may delete some of them first.
+    /// Throws what a callback throws, with the rest of the entries left.
     template <class Interface, auto callback, class Collection>
     void nexEntriesDelAll(Collection& collection) {
         if (collection.empty()) return;
@@ -161,7 +188,7 @@ class RecordBase : public Entity {
             nexEntryDel<Interface, callback>(collection, keyOf(yielded));
     }
 
-    /// A default value where the key is not.
+    /// A copy of the value; a default value where the key is not.
     template <class Key, class Value>
     static Value nexLookup(auto const& map, Key const& key) {
         auto const* const found = map.find(key);
@@ -176,6 +203,7 @@ class RecordBase : public Entity {
 };
 
 /// Whether `child` is what a record holds as an attribute, or under its own key in a collection.
+/// One lookup, no walk.
 template <class T>
 bool isHeld(T const&, Entity const&) {
     return false;
@@ -201,6 +229,13 @@ constexpr bool sameName(std::string_view lower, std::string_view upper) {
 /// In the class `TYPE`, which derives from `RecordBase` and stands on its own: all that `LIST`
 /// says, and a key of type `KEY` that is fixed at construction and read by `KEYNAME()`.
 /// `TYPE##Is(key)` is the factory. The class goes on as private.
+///
+/// `onNotifier` of the notification interfaces calls every `...nexImmediate`, in the order of the
+/// list, also when the reactor was pointed at none; whoever overrides it takes their place.
+///
+/// `nexVisit` goes through the list in its order and calls `attr(name, value)`, `set(name, walk)`,
+/// `map(name, walk)` or `records(name, walks)`, where `walks()` makes a walk over const records.
+/// What the visitor keeps of these reaches into this record, which it then holds.
 #define NEX_RECORD(TYPE, KEY, KEYNAME, LIST)                                                       \
   public:                                                                                          \
     explicit TYPE(KEY KEYNAME = KEY()) : KEYNAME##_(std::move(KEYNAME)) {}                         \

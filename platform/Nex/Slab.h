@@ -1,6 +1,9 @@
 // Memory for many objects of one size: chunks that are used up one after the other, and a free list
 // in the objects that went. As the last object goes the chunks are used from the start again, so
-// that objects made together lie together also the next time. Not for several threads at once.
+// that objects made together lie together also the next time. Not for several threads at once:
+// `PtrInterface` sees to that where pointers are shared.
+//
+// A slab grows by a chunk and shrinks by nothing but `trim`. One object that stays keeps its chunk.
 #pragma once
 
 #include <array>
@@ -18,10 +21,12 @@ class Slab {
     static constexpr std::size_t largest = 256;
     static constexpr std::size_t chunkBytes = 64 * 1024;
 
-    /// The slab of the objects of a size up to `largest`.
+    /// The slab of the objects of a size up to `largest`; sizes that round up to the same share it.
     static Slab& of(std::size_t bytes);
 
-    /// Room for one object, aligned to the granule. Throws std::bad_alloc.
+    /// Room for one object, aligned to the granule, its octets undefined. `bytes` is the size with
+    /// which `of` found the slab. Throws std::bad_alloc once a chunk is full and no other to be
+    /// had.
     [[gnu::always_inline]] void* take(std::size_t bytes) {
         if (!free_) {
             bytes = roundedUp(bytes);
@@ -34,6 +39,7 @@ class Slab {
         ++objects_;
         return std::exchange(free_, free_->next);
     }
+    /// What `take` of this slab returned, once, its object destroyed. Constant time.
     void giveBack(void* object) {
         free_ = ::new (object) Free{free_};
         if (--objects_ == 0) startAnew();
@@ -41,11 +47,12 @@ class Slab {
 
     /// Of all slabs that are free for the most part, gives the chunks in which nothing lives back
     /// to the heap. Looks at no more than `most` free places of each slab in one call, and returns
-    /// whether there are more: whoever knows that much has gone calls it as there is time.
+    /// whether there are more: whoever knows that much has gone calls it as there is time. Takes
+    /// the lock of slabs that threads share.
     static bool trim(std::size_t most);
     /// The same of this slab, whose objects have that size.
     bool trim(std::size_t bytes, std::size_t most);
-    /// What it holds of the heap, in octets.
+    /// What it holds of the heap, in octets, whether objects live there or not.
     std::size_t heldBytes() const { return count_ * chunkBytes; }
 
   private:

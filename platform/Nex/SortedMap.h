@@ -8,8 +8,9 @@
 
 namespace Nex {
 
-/// Keys have an order beside their hash. A change costs a step for each level of the tree; a lookup
-/// costs what it costs a `Map`.
+/// Keys have an order beside their hash, and both agree on which keys are equal. A change costs a
+/// step for each level of the tree; a lookup costs what it costs a `Map`. Each key stands in memory
+/// twice. Storing another value under a key that is there is no change of the keys.
 template <class Key, class Value>
 class SortedMap {
   public:
@@ -19,7 +20,8 @@ class SortedMap {
     /// As of `Map`.
     Value* find(Key const& key) { return entries_.find(key); }
     Value const* find(Key const& key) const { return entries_.find(key); }
-    /// As of `Map`; where memory is refused, neither part has the key.
+    /// As of `Map`; where memory is refused, neither part has the key. Allocates a node of the tree
+    /// for every key, beside what the map needs now and then.
     std::pair<Value*, bool> findOrInsert(Key const& key) {
         auto const found = entries_.findOrInsert(key);
         if (found.second) {
@@ -39,7 +41,8 @@ class SortedMap {
         return entries_.take(key);
     }
 
-    /// A place in the order of the keys. It finds its way on whatever is inserted and removed: the
+    /// A place in the order of the keys, for walks that end and go on later. It finds its way on
+    /// whatever is inserted and removed: the
     /// next key is the least one above the last. The key that it stands on may have gone meanwhile;
     /// the map may not. A step costs next to nothing as long as no key comes or goes.
     class Position {
@@ -78,6 +81,8 @@ class SortedMap {
         std::optional<Key> key_;
     };
 
+    /// A walk is a position. What comes ahead of it is visited, what comes behind it is not; it
+    /// keeps no holes open, so a long one costs the map nothing.
     template <class As>
     class Cursor {
       public:
@@ -97,6 +102,7 @@ class SortedMap {
         SortedMap const* map_;
         std::optional<Position> at_; ///< none before the first step: all may change until then
     };
+    /// In ascending order of the keys. The map outlives the walk.
     template <class As = Value>
     Walk<Cursor<As>> walk() const {
         return Walk<Cursor<As>>(*this);

@@ -1,4 +1,7 @@
-// Time as the whole process sees it.
+// Time as the whole process sees it: seconds as a double, from an instant of the source's choice.
+// It is no time of day, and no time of it is kept across runs.
+//
+// One thread reads it and sets its source.
 #pragma once
 
 #include <cmath>
@@ -12,7 +15,8 @@ inline constexpr double never = std::numeric_limits<double>::infinity();
 /// Where the time comes from. An embedding program or a test supplies its own.
 class TimeSource {
   public:
-    /// Seconds since an instant of the source's choice; does not run backwards.
+    /// Seconds since an instant of the source's choice; does not run backwards. Read after every
+    /// route of a review, so it is quick; it changes no record.
     virtual double currentTime() = 0;
 
   protected:
@@ -23,7 +27,8 @@ class System {
   public:
     /// Seconds on the time source that is set; at first the steady clock.
     static double currentTime();
-    /// Null for the steady clock. Not owned; must outlive its use.
+    /// Null for the steady clock. Not owned; must outlive its use. Timers that are armed keep their
+    /// absolute times: set it before the first one is.
     static void timeSourceIs(TimeSource* source) { source_ = source; }
 
   private:
@@ -31,7 +36,8 @@ class System {
 };
 
 /// A time source that a test or a simulation moves by hand, also by a fixed step at each reading.
-/// It is the process's time source as long as it lives.
+/// It is the process's time source as long as it lives; after it comes the steady clock, whatever
+/// was set before. It moves no timer: the test tells the clocks.
 class ManualTime : public TimeSource {
   public:
     explicit ManualTime(double seconds = 0) : now_(seconds) { System::timeSourceIs(this); }

@@ -1,5 +1,6 @@
 // Tracing, on two channels with the same text: the ring `Lumen::ring`, always, and text lines for
-// a trace handle that is enabled at the point's level.
+// a trace handle that is enabled at the point's level. One thread traces: the one that runs the
+// machines.
 //
 //     static Nex::TraceHandle handle("FileName");
 //     NEX_TRACE(handle, 7, "Adding source : % to group : %", source, group);
@@ -15,30 +16,36 @@ namespace Nex {
 
 class TraceHandle;
 
-/// Where text traces go. Set by the embedding program.
+/// Where text traces go. Set by the embedding program. It is called in the middle of whatever a
+/// machine is doing, and machines take it that a trace changes nothing: it writes no record and
+/// drops no machine, but notes the text.
 class TraceSink {
   public:
-    /// `text` is one line without its end. What this throws is dropped: a trace disturbs nobody.
+    /// `text` is one line without its end, good until this returns. What this throws is dropped,
+    /// and so is a line for whose text there is no memory: a trace disturbs nobody.
     virtual void onTrace(TraceHandle const&, unsigned level, std::string const& text) = 0;
 
   protected:
     ~TraceSink() = default;
 };
 
-/// The switch of one trace file. Handles are static objects; all of them can be found by name.
+/// The switch of one trace file. Handles are static objects, which never go; all of them can be
+/// found by name once they are constructed, so not from other static objects' constructors.
 class TraceHandle {
   public:
+    /// `fileName` is not copied: a literal.
     explicit TraceHandle(char const* fileName);
     TraceHandle(TraceHandle const&) = delete;
     TraceHandle& operator=(TraceHandle const&) = delete;
 
     char const* fileName() const { return fileName_; }
-    /// Points up to this level are written as text; at first 0, none.
+    /// Points up to this level are written as text; at first 0, none. The ring has all of them,
+    /// whatever the level.
     unsigned level() const { return level_; }
     void levelIs(unsigned level) { level_ = level; }
     bool enabled(unsigned level) const { return level <= level_; }
 
-    /// Null when there is no handle of that name.
+    /// Null when there is no handle of that name. A walk over all handles.
     static TraceHandle* handle(std::string_view fileName);
     /// Null for none. Not owned; must outlive its use.
     static void sinkIs(TraceSink* sink) { sink_ = sink; }
@@ -69,6 +76,10 @@ class TraceHelper {
 
 } // namespace Nex
 
+/// Evaluates the values once, whether text is written or not: they are cheap to make.
+/// They are texts, types named by `stringValue()`, or plain bytes with an `operator<<`; a text of
+/// the C kind is not null. As many of them as `FORMAT` has '%', or it does not compile. Throws
+/// nothing of its own, and allocates only where text is written.
 #define NEX_TRACE_POINT(HANDLE, LEVEL, ENTRY, FORMAT, ...)                                         \
     do {                                                                                           \
         using NexTypes = decltype(::Lumen::typesOf(__VA_ARGS__));                                  \
