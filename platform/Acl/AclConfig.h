@@ -1,7 +1,13 @@
 // IP access lists as the operator configured them.
 //
 // Whoever writes a rule fills `ipRuleById` before `ruleBySequence` and empties them in the reverse
-// order: a reader that is told of a sequence number finds its rule.
+// order: a reader that is told of a sequence number finds its rule. A rule stands in both or in
+// neither: what has an id and no sequence number is applied as a list takes effect, and taken back
+// at the next change of a sequence number.
+//
+// Rules only add groups. No rule is weighed against another, and a match further up ends nothing: a
+// denied source is one that is announced as excluded, and the rule that denies everything keeps
+// routes out (IgmpHostProxyAclHelper.h). The proxy writes none of these records.
 #pragma once
 
 #include "Lox/IpAddr.h"
@@ -9,7 +15,9 @@
 
 namespace Acl {
 
-/// Names one rule of a list for good: a rule whose content changes gets a new one.
+/// Names one rule of a list for good, in all versions of its configuration: a rule whose content
+/// changes gets a new one. What changes under an old one is not noticed, and taken back as it was
+/// applied.
 class UniqueId {
   public:
     constexpr UniqueId() = default;
@@ -28,13 +36,19 @@ enum class Action : std::uint32_t { permit = 0, deny = 1 };
 std::ostream& operator<<(std::ostream&, Action);
 
 /// Which packets a rule is about. The proxy reads the destination as the groups that it selects,
-/// and the source as the one address that they are wanted from; 0.0.0.0 is any.
+/// and the source as the one address that they are wanted from; 0.0.0.0 is any. A set bit of a mask
+/// must match, so a single address has a mask of ones.
+///
+/// Applied is a rule whose destinations are all multicast addresses and whose source is a single
+/// unicast address or any; others are traced and left. Each group of the range costs an entry: a
+/// range of 65,536 groups is 65,536 announcements.
 struct IpFilter {
     Lox::IpAddrWithFullMask source;
     Lox::IpAddrWithFullMask destination;
     friend constexpr bool operator==(IpFilter const&, IpFilter const&) = default;
 };
 
+/// The default value, to permit anything from anywhere, stands for a rule that is not there.
 struct IpRuleConfig {
     Action action = Action::permit;
     IpFilter filter;
@@ -45,8 +59,9 @@ struct IpRuleConfig {
     MAP(std::uint32_t, UniqueId, ruleBySequence, RuleBySequence)                                   \
     MAP(UniqueId, IpRuleConfig, ipRuleById, IpRuleById)
 
-/// One version of a list's rules. The proxy looks again at each change of `ruleBySequence`; changes
-/// of `ipRuleById` alone it does not notice.
+/// One version of a list's rules. The proxy looks again at each change of `ruleBySequence`, at all
+/// rules of the list each time: whoever changes thousands of them fills another version and puts it
+/// in force by `currCfg`, which is one look. Changes of `ipRuleById` alone it does not notice.
 class AclSubConfig : public Nex::RecordBase {
     NEX_RECORD(AclSubConfig, Nex::Name, name, ACL_SUB_CONFIG)
 };
@@ -55,6 +70,9 @@ class AclSubConfig : public Nex::RecordBase {
 #define ACL_CONFIG(ATTR, SET, MAP, RECORDS)                                                        \
     ATTR(Nex::Ptr<AclSubConfig>, currCfg, CurrCfg) /* the rules in force, or null */
 
+/// One list, which stays the same while its versions change. A version that takes the place of
+/// another is compared by the rules' ids: what is in both stays applied. Null in its place takes
+/// nothing back; a version without rules does, and so does the list's end.
 class AclConfig : public Nex::RecordBase {
     NEX_RECORD(AclConfig, Nex::Name, name, ACL_CONFIG)
 };
@@ -62,7 +80,10 @@ class AclConfig : public Nex::RecordBase {
 
 #define ACL_TYPE_CONFIG(ATTR, SET, MAP, RECORDS) RECORDS(Nex::Name, AclConfig, acl, Acl)
 
-/// All access lists of one type, here IP.
+/// All access lists of one type, here IP, by their names. A list takes effect on each interface
+/// whose configuration names it, for as long as it is here; the two may come in either order. Who
+/// takes a list out and puts in another of its name has first everything taken back, then all of it
+/// applied.
 class AclTypeConfig : public Nex::RecordBase {
     NEX_RECORD(AclTypeConfig, Nex::Name, name, ACL_TYPE_CONFIG)
 };

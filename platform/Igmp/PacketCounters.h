@@ -4,7 +4,9 @@
 
 /// In the order in which records show them. SHOWN(type, name, Name) are those that the status of
 /// the interface shows too, as they are; HOST(type, name, Name) are the host's own. Queries and
-/// reports received count once they are found valid, repeats included; a leave is no report.
+/// reports received count once they are found valid, repeats included; a leave is no report. A
+/// query counts under the version that it is of (RFC 3376, 7.1), whatever version the host speaks.
+/// They wrap around.
 #define IGMP_PACKET_COUNTERS(SHOWN, HOST)                                                          \
     SHOWN(std::uint32_t, v1QueryReceived, V1QueryReceived)                                         \
     SHOWN(std::uint32_t, v1ReportsSent, V1ReportsSent)                                             \

@@ -5,6 +5,10 @@
 // The root watches the interfaces, once for all managers, and tells those whom a change concerns; a
 // manager watches the kernel table of its namespace. So a change costs the same, and a manager
 // takes the same memory, however many interfaces and namespaces there are.
+//
+// Everything is looked at anew at each change, and once more after everything that was told: a
+// watcher of a directory may take the interface away, or end the manager. An error of one interface
+// keeps no other waiting, and whoever made the change hears the first.
 #pragma once
 
 #include "Interface/Status.h"
@@ -28,7 +32,9 @@ struct Place {
 /// Fills one directory from one kernel table.
 class NetNsIntfStatusManager : public Nex::PtrInterface {
   public:
-    /// Fills nothing yet. `root` outlives the manager's reactors, and calls what is below.
+    /// Fills nothing yet: `handleInterface()` does, once whoever makes it has noted it. `root` is
+    /// not held; it outlives the manager's reactors, and calls what is below. The other inputs are
+    /// held, and not null. What it has listed stays listed as it ends.
     NetNsIntfStatusManager(Nex::Ptr<DeviceIntfStatusDir> deviceIntfStatusDir,
                            Nex::Ptr<KernelNetInfo::Status const> kniStatus,
                            Lox::NamespaceName networkNamespace, NetNsIntfStatusManagerRoot* root);
@@ -36,10 +42,12 @@ class NetNsIntfStatusManager : public Nex::PtrInterface {
 
     DeviceIntfStatusDir* deviceIntfStatusDir() const { return deviceIntfStatusDir_.get(); }
 
-    /// Looks at the whole kernel table.
+    /// Looks at the whole kernel table, or at one of its entries; of an entry that has not changed
+    /// since nothing follows.
     void handleInterface();
     void handleInterface(KernelNetInfo::InterfaceKey key);
-    /// Lists the interface, or takes it out.
+    /// Lists the interface, or takes it out, in two steps that are told one by one. Nothing where
+    /// the directory says already what it should.
     void handleIntf(Lox::IntfId const& intfId);
 
   private:
@@ -68,34 +76,42 @@ class NetNsIntfStatusManager : public Nex::PtrInterface {
     Nex::Owned<NexKniStatus> kniStatus_;
 };
 
-/// The managers of all namespaces, and the interfaces by their places.
+/// The managers of all namespaces, and the interfaces by their places. Owned by the proxy's root.
 class NetNsIntfStatusManagerRoot : public Nex::PtrInterface {
   public:
-    /// With `active` false, or without a directory to read, the managers fill nothing.
+    /// With `active` false, or without a directory to read, the managers fill nothing. Holds both
+    /// directories, which may be null.
     NetNsIntfStatusManagerRoot(Nex::Ptr<AllIntfStatusDir const> allIntfStatusDir,
                                Nex::Ptr<AllIntfStatusLocalDir const> allIntfStatusLocalDir,
                                bool active);
     ~NetNsIntfStatusManagerRoot() override;
 
     /// Starts filling `deviceIntfStatusDir` for a namespace; a manager that fills it already makes
-    /// way. A namespace may have several directories.
+    /// way. A namespace may have several directories. What is there is listed before this returns.
+    /// Nothing happens without a table. Throws what watchers of the directory throw, with the
+    /// manager in place.
     void intfStatusManagerIs(Nex::Ptr<DeviceIntfStatusDir> deviceIntfStatusDir,
                              Nex::Ptr<KernelNetInfo::Status const> kniStatus,
                              Lox::NamespaceName networkNamespace);
-    /// Ends the filling of one directory, or of all directories of the namespace.
+    /// Ends the filling of one directory, or, with null, of all directories of the namespace. What
+    /// they list stays there.
     void intfStatusManagerDel(Lox::NamespaceName networkNamespace,
                               Nex::Ptr<DeviceIntfStatusDir const> deviceIntfStatusDir = nullptr);
-    /// The namespace's first manager, or null.
+    /// The namespace's first manager, or null. Lent.
     NetNsIntfStatusManager* intfStatusManager(Lox::NamespaceName const& networkNamespace) const;
 
     AllIntfStatusDir const* allIntfStatus() const { return allIntfStatus_.get(); }
     AllIntfStatusLocalDir const* allIntfStatusLocal() const { return allIntfStatusLocal_.get(); }
-    /// The interfaces on a device, by name.
+    /// The interfaces on a device, in the order of their names, whether they are up or not.
     std::vector<Lox::IntfId> intfsAt(Place const& place) const;
+
+    // An interface came, went, or changed in one of the two directories. All of them look at what
+    // the directories say now.
 
     void handleIntfStatus(Lox::IntfId const& intfId);
     void handleIntfStatusLocal(Lox::IntfId const& intfId);
-    /// The interface may have moved.
+    /// The interface may have moved: it leaves the namespace where it was before it is listed in
+    /// the other.
     void handlePlace(Lox::IntfId const& intfId);
     /// Has the managers of a namespace look at an interface.
     void handleIntf(Lox::NamespaceName const& networkNamespace, Lox::IntfId const& intfId);

@@ -1,6 +1,10 @@
 // Interface status, and the directory of a namespace's kernel device names. Whoever knows the
 // device writes the first two directories; `NetNsIntfStatusManagerRoot` makes the third from them
 // and the kernel tables, and the proxy takes interfaces up and down by it.
+//
+// An interface comes up as the last of the three is there: it is up here, it has a place, and the
+// kernel table of that namespace has the device. It goes down as the first of them goes. Both
+// happen inside the call that writes it, in whichever order they are written.
 #pragma once
 
 #include "Lox/Names.h"
@@ -11,6 +15,7 @@ namespace Interface {
 #define INTERFACE_STATUS(ATTR, SET, MAP, RECORDS)                                                  \
     ATTR(bool, operUp, OperUp) /* has its link and can be used */
 
+/// An interface, whatever device it has. A new one is down.
 class IntfStatus : public Nex::RecordBase {
     NEX_RECORD(IntfStatus, Lox::IntfId, intfId, INTERFACE_STATUS)
 };
@@ -29,7 +34,9 @@ class AllIntfStatusDir : public Nex::RecordBase {
     ATTR(Lox::NamespaceName, networkNamespace, NetworkNamespace)                                   \
     ATTR(Nex::String, deviceName, DeviceName) /* in that namespace */
 
-/// Where an interface is found on this device.
+/// Where an interface is found on this device. Each attribute is acted upon as it is written: who
+/// moves an interface takes it down before, or has it looked for at places where it never was. Two
+/// interfaces may name one device: both are listed, and its index names the one listed last.
 class IntfStatusLocal : public Nex::RecordBase {
     NEX_RECORD(IntfStatusLocal, Lox::IntfId, intfId, INTF_STATUS_LOCAL)
 };
@@ -44,7 +51,8 @@ class AllIntfStatusLocalDir : public Nex::RecordBase {
 };
 #undef ALL_INTF_STATUS_LOCAL_DIR
 
-/// An interface's kernel device. The default value stands for none.
+/// An interface's kernel device. The default value stands for none. Holds the status record, which
+/// may be out of its directory by now.
 struct IntfStatusAndDeviceName {
     Nex::Ptr<IntfStatus> intfStatus;
     Nex::String deviceName;
@@ -65,7 +73,8 @@ struct IntfToDeviceName {
     MAP(std::uint32_t, IntfToDeviceName, intfToDeviceName, IntfToDeviceName) /* by kernel index */
 
 /// The interfaces of one namespace that can be used now. Writers fill `intfToDeviceName` before
-/// `intfStatusAndDeviceName` and empty them in the reverse order.
+/// `intfStatusAndDeviceName` and empty them in the reverse order: who is told of an interface finds
+/// its index. A device that came back under another index is told of as gone, then as come.
 class DeviceIntfStatusDir : public Nex::RecordBase {
     NEX_RECORD(DeviceIntfStatusDir, Nex::Name, name, DEVICE_INTF_STATUS_DIR)
 };

@@ -1,5 +1,6 @@
 // The source-interface service: whoever sends from an interface registers it here and watches its
-// address.
+// address. Whoever knows addresses writes them here, before an interface is registered
+// (`sourceIntf` is null then: they register it themselves), as it is, or later.
 #pragma once
 
 #include "Lox/IpAddr.h"
@@ -13,6 +14,7 @@ class SourceIntfSm;
 #define SOURCE_INTF(ATTR, SET, MAP, RECORDS)                                                       \
     ATTR(Lox::IpAddr, ipAddr, IpAddr) /* 0.0.0.0 while it has none */
 
+/// One interface's address to send from. Goes with the last who holds it, its address with it.
 class SourceIntf : public Nex::RecordBase {
     NEX_RECORD(SourceIntf, Lox::IntfId, intfId, SOURCE_INTF)
 
@@ -45,12 +47,14 @@ class SourceIntfSm : public Nex::Entity {
     using Notifiee = Nex::WritingNotifiee<NotifieeConst, SourceIntfSm>;
 
     /// The interface's object, which the service holds from now on. Everybody is told; they may
-    /// write its address before this returns. Registering what is registered tells nobody.
+    /// write its address before this returns. Registering what is registered tells nobody. Not
+    /// counted: one unregistration ends it, however many have registered it. Throws what a watcher
+    /// throws, with the interface registered.
     Nex::Ptr<SourceIntf> registerSourceIntf(Lox::IntfId intfId);
     /// The service holds the object no longer; its address stays as it is. Tells nobody. Not null;
     /// an interface that is not registered is no error.
     void unregisterSourceIntf(Nex::Ptr<SourceIntf> const& sourceIntf);
-    /// The interface's object, or null when nobody holds one.
+    /// The interface's object, or null when nobody holds one. Lent.
     SourceIntf* sourceIntf(Lox::IntfId const& intfId) const;
     bool registered(Lox::IntfId const& intfId) const { return registered_.has(intfId); }
 

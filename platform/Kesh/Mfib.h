@@ -1,5 +1,17 @@
 // Multicast forwarding tables: per VRF a collection of tables, in each the routes by source and
-// group prefix.
+// group prefix. Written by whoever routes; the proxy only reads.
+//
+// What a writer owes the proxy:
+//
+//   - A table stands in its collection under its own address, for changed routes are looked up by
+//     that, and gets its routes only then: the proxy hears of routes that come, and walks those
+//     that were there before only when it has a reason to walk them all.
+//   - Routes leave a table one by one. A table that is taken out with its routes takes back
+//     nothing: their groups stay announced.
+//   - A collection that goes takes the interfaces of all VRFs down, and they stay so until one
+//     comes or something else happens to them. So collections come first and go last.
+//   - Ten thousand routes a second are no trouble: a change notes its key, once for each machine,
+//     and the reviews do the rest (IgmpHostProxyIntfSm.h).
 #pragma once
 
 #include "Lox/IpAddr.h"
@@ -11,7 +23,8 @@
 
 namespace Routing::Multicast::Fib {
 
-/// Names a route. The all-zero key is no route's.
+/// Names a route. The all-zero key is no route's. (*,G) is a route from 0.0.0.0/0 to G/32; of
+/// others only the addresses count, and each is one group and one source.
 struct IpGenRouteKey {
     Lox::IpPrefix source;
     Lox::IpPrefix group;
@@ -53,7 +66,8 @@ namespace Kesh::Multicast::Fib {
 
 using Routing::Multicast::Fib::IpGenRouteKey;
 
-/// What a table says of a route. The default value stands for none.
+/// What a table says of a route. The default value stands for none: a route that is stored with it
+/// reads as one that is gone.
 struct Route {
     bool present = false;
     std::uint32_t stamp = 0; ///< another one has the route's readers look at it again
@@ -63,14 +77,18 @@ struct Route {
 #define MFIB_STATUS(ATTR, SET, MAP, RECORDS) MAP(IpGenRouteKey, Route, route, Route)
 
 /// One table of routes, in the order of their keys. Its writer may change it at any time; proxies
-/// are told of each key and look at the route later, in a review of theirs.
+/// are told of each key and look at the route later, in a review of theirs. What came and went in
+/// between they do not see. Changes cost a step for each level of a tree; storing what is there
+/// already costs a lookup and tells nobody.
 class Status : public Nex::RecordBase {
     NEX_RECORD(Status, Nex::Name, name, MFIB_STATUS)
 
   public:
-    /// Tells this table from every other that ever was, also at the same address.
+    /// Tells this table from every other that ever was, also at the same address. Never 0.
     std::uint64_t serial() const { return serial_; }
     using RoutePosition = Nex::SortedMap<IpGenRouteKey, Route>::Position;
+    /// Positions find their way on through every change of the routes, and do not hold the table:
+    /// who walks does.
     RoutePosition firstRoute() const { return RoutePosition(route_); }
     /// The route of that key, or the next one in the table's order.
     RoutePosition routeFrom(IpGenRouteKey const& key) const { return RoutePosition(route_, key); }
@@ -84,7 +102,8 @@ class Status : public Nex::RecordBase {
 #define MFIB_KESH_COLL(ATTR, SET, MAP, RECORDS)                                                    \
     MAP(Status const*, Nex::Ptr<Status const>, keshPtr, KeshPtr) /* a table, perhaps null yet */
 
-/// The tables of one VRF. A key without a table announces one that is still to come.
+/// The tables of one VRF. A key without a table announces one that is still to come; where it
+/// stands first, a walk of all routes ends at it, the tables behind it unseen.
 class MfibKeshColl : public Nex::RecordBase {
     NEX_RECORD(MfibKeshColl, L3::VrfName, vrfName, MFIB_KESH_COLL)
 };
@@ -93,6 +112,7 @@ class MfibKeshColl : public Nex::RecordBase {
 #define MFIB_KESH_DIR(ATTR, SET, MAP, RECORDS)                                                     \
     RECORDS(L3::VrfName, MfibKeshColl, keshColl, KeshColl)
 
+/// The tables of all VRFs, held.
 class MfibKeshDir : public Nex::RecordBase {
     NEX_RECORD(MfibKeshDir, Nex::Name, name, MFIB_KESH_DIR)
 };
@@ -121,7 +141,9 @@ std::ostream& operator<<(std::ostream&, MfibKeshDirRouteKey const&);
 class MfibKeshCollRouteIteratorConst {
   public:
     /// Stands on the first route of `table`, or on `from` or what follows it there; where the table
-    /// has none left, on the first route of the tables after it. The collection is held.
+    /// has none left, on the first route of the tables after it. The collection is held, and so is
+    /// the table that is being walked, also when it has left the collection. Tables that come
+    /// meanwhile are not walked. A `table` that the collection does not have is the end.
     MfibKeshCollRouteIteratorConst(Nex::Ptr<MfibKeshColl const> tables, Status const* table,
                                    std::optional<IpGenRouteKey> const& from);
 
@@ -129,7 +151,7 @@ class MfibKeshCollRouteIteratorConst {
     /// Of the route stood on; not to be called at the end.
     Status const* table() const { return table_.get(); }
     IpGenRouteKey const& routeKey() const { return at_->key(); }
-    /// Moves on to the next route.
+    /// Moves on to the next route. Not to be called at the end.
     void updateToBestRouteIterators();
 
   private:

@@ -1,4 +1,4 @@
-// Ethernet (MAC) addresses.
+// Ethernet (MAC) addresses, as plain values.
 #pragma once
 
 #include <array>
@@ -15,6 +15,7 @@ class EthAddr {
     constexpr EthAddr() = default;
     explicit constexpr EthAddr(std::array<std::uint8_t, 6> octets) : octets_(octets) {}
 
+    /// As they go over the wire, the first one first.
     constexpr std::array<std::uint8_t, 6> const& octets() const { return octets_; }
     /// Six hexadecimal numbers with colons, in lower case.
     std::string stringValue() const;

@@ -1,4 +1,5 @@
-// Names that are types of their own, so that one kind is not taken for another.
+// Names that are types of their own, so that one kind is not taken for another. They are compared
+// octet by octet: nothing is folded, trimmed or checked for its characters.
 #pragma once
 
 #include "Nex/Error.h"
@@ -10,12 +11,13 @@
 
 namespace Lox {
 
-/// A text with order and hash; the base of the name types.
+/// A text with order and hash; the base of the name types. Fixed once it is made.
 class NameValue {
   public:
     NameValue() = default;
     explicit NameValue(std::string text) : text_(std::move(text)) {}
 
+    /// Good as long as this name: one that a getter returned is gone at the end of the expression.
     std::string const& stringValue() const { return text_; }
     bool empty() const { return text_.empty(); }
 
@@ -29,17 +31,20 @@ class NameValue {
 };
 
 /// An interface, by the name under which the configuration knows it. Its kernel device may have
-/// another name. The empty name is no interface's.
+/// another name. The empty name is no interface's. All records of an interface go by it, whatever
+/// namespace it is in: interfaces of two namespaces have two names.
 class IntfId : public NameValue {
   public:
     using NameValue::NameValue;
     friend auto operator<=>(IntfId const&, IntfId const&) = default;
 };
 
-/// The name of the namespace that the process was started in.
+/// The name of the namespace that the process was started in, and of nothing else: a namespace that
+/// an operator calls so can't be told from it.
 inline constexpr char DEFAULT_NS[] = "default";
 
-/// A network namespace; at most 150 octets, otherwise Nex::RangeException.
+/// A network namespace; at most 150 octets, otherwise Nex::RangeException. The empty name means
+/// that none is known.
 class NamespaceName : public NameValue {
   public:
     NamespaceName() = default;
@@ -55,7 +60,8 @@ class NamespaceName : public NameValue {
 
 namespace L3 {
 
-/// A VRF, which lies in a network namespace; "default" is the default VRF, the empty name none.
+/// A VRF, which lies in a network namespace; "default" is the default VRF, whose namespace is that
+/// of the process, the empty name none.
 class VrfName : public Lox::NameValue {
   public:
     using NameValue::NameValue;

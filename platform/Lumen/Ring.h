@@ -4,6 +4,8 @@
 // stamp and the raw values in a fixed slot of 64 octets; no text is built and nothing is allocated.
 // Text is made when somebody reads the ring. Names that are too long for the slot stand in a ring
 // of their own, and are cut once that has gone round; values that do not fit are left out.
+//
+// One thread writes and reads: the one that runs the machines. Reading changes nothing.
 #pragma once
 
 #include <array>
@@ -20,7 +22,9 @@ namespace Lumen {
 
 using Payload = std::array<std::byte, 48>;
 
-/// What is known of a trace point before it is passed. `format` holds a '%' for each value.
+/// What is known of a trace point before it is passed. `format` holds a '%' for each value. Static:
+/// entries point at it as long as they stand in the ring, and `print` knows the types of the
+/// values.
 struct Point {
     char const* function; ///< full signature
     unsigned line;
@@ -30,12 +34,14 @@ struct Point {
     void (*print)(Point const&, Payload const&, std::ostream&);
 };
 
-/// A passed trace point.
+/// A passed trace point. A plain value: whoever wants to keep one copies it, and finds all of its
+/// text but names that were too long for it.
 struct Entry {
     Point const* point;
     std::uint64_t stamp; ///< in ticks, see `Ring::secondsOf`
     Payload payload;
 
+    /// One line without its end. Throws std::bad_alloc.
     std::string text() const {
         std::ostringstream out;
         point->print(*point, payload, out);
@@ -44,14 +50,16 @@ struct Entry {
 };
 static_assert(sizeof(Entry) == 64);
 
-/// Names that did not fit into their entries, one behind the other in a circle.
+/// Names that did not fit into their entries, one behind the other in a circle. 64 KiB, of static
+/// memory; what is added takes the place of the oldest.
 class LongTexts {
   public:
     static constexpr std::size_t capacity = 64 * 1024; // octets
 
     /// Where the text stands, counted in octets that were ever written. Cut at the capacity.
     std::uint64_t add(std::string_view text);
-    /// Writes the text that was added there; "..." for what newer ones have taken the place of.
+    /// Writes the text that was added there; "..." for what newer ones have taken the place of, be
+    /// it in part.
     void print(std::uint64_t position, std::uint32_t length, std::ostream& out) const;
 
   private:
@@ -61,7 +69,8 @@ class LongTexts {
 inline LongTexts longTexts;
 
 /// Text is stored as a length octet and the characters, or as `longText` with position and length
-/// among the long texts; everything else as its bytes.
+/// among the long texts; everything else as its bytes. A text inside an entry is shorter than 48
+/// octets, so the mark is no length.
 inline constexpr std::byte longText{0xFF};
 template <class T>
 inline constexpr bool isText = std::is_convertible_v<T const&, std::string_view>;
@@ -72,7 +81,7 @@ inline constexpr bool isNamed = requires(T const& v) {
     { v.stringValue() } -> std::same_as<std::string const&>;
 };
 
-/// What a value takes of an entry, at most.
+/// What a value takes of an entry, at most, in octets. A C text is not null.
 template <class T>
 std::size_t octetsOf(T const& value) {
     if constexpr (isText<T>) {
@@ -84,9 +93,13 @@ std::size_t octetsOf(T const& value) {
     }
 }
 
+/// Puts values behind each other without their types: a `Reader` that asks for the same types in
+/// the same order finds them. A value that does not fit is left out with all that come behind it; a
+/// text is cut first.
 class Writer {
   public:
     /// `tight`: the values take more than the payload, so names that save room are put elsewhere.
+    /// Not tight means that the caller has counted: texts are then copied unchecked.
     Writer(Payload& payload, bool tight)
         : at_(payload.data()), end_(at_ + payload.size()), tight_(tight) {}
 
@@ -122,6 +135,7 @@ class Writer {
     bool tight_;
 };
 
+/// Of an entry that a `Writer` filled with the same types. Prints nothing for what was left out.
 class Reader {
   public:
     explicit Reader(Payload const& payload)
@@ -152,7 +166,7 @@ class Reader {
     std::byte const* end_;
 };
 
-/// Writes `format` up to its next '%' and returns what follows that.
+/// Writes `format` up to its next '%' and returns what follows that; its end where there is none.
 inline char const* printUpToValue(char const* format, std::ostream& out) {
     char const* at = format;
     while (*at != '\0' && *at != '%') ++at;
@@ -160,6 +174,7 @@ inline char const* printUpToValue(char const* format, std::ostream& out) {
     return *at == '%' ? at + 1 : at;
 }
 
+/// What a trace point stores, by types: how its text is put together again.
 template <class... Values>
 struct Types {
     static void print(Point const& point, Payload const& payload, std::ostream& out) {
@@ -183,15 +198,20 @@ constexpr unsigned valuesIn(std::string_view format) {
     return count;
 }
 
+/// 4096 entries, 256 KiB, part of the program's static memory. Threads other than the one that runs
+/// the machines leave it alone.
 class Ring {
   public:
-    /// Entries are numbered from 0 as they are written; the last `capacity()` can be read.
+    /// Entries are numbered from 0 as they are written; the last `capacity()` can be read. Who
+    /// reads regularly keeps the number, and knows by the difference how many it has missed.
     static constexpr std::size_t capacity() { return capacity_; }
     std::uint64_t written() const { return written_; }
-    /// `number` must be below `written()` and among the last `capacity()`.
+    /// `number` must be below `written()` and among the last `capacity()`. The reference shows
+    /// another entry once that many more were written.
     Entry const& entry(std::uint64_t number) const { return entries_[number % capacity_]; }
 
-    /// Within one callback all entries carry one time stamp, taken at the first of them.
+    /// Within one callback, the outermost, all entries carry one time stamp, taken at the first of
+    /// them. Constant time, no memory. The entry returned stands until the ring has gone round.
     template <class... Values>
     [[gnu::always_inline]] Entry const& record(Point const& point, Values const&... values) {
         Entry& entry = entries_[written_++ % capacity_];
@@ -203,7 +223,9 @@ class Ring {
         return entry;
     }
 
-    /// Marks the time that a callback is on the stack; callbacks nest.
+    /// Marks the time that a callback is on the stack; callbacks nest. The dispatcher makes one for
+    /// each notification; it costs a count, and saves reading the processor's counter at each trace
+    /// point.
     class Callback {
       public:
         explicit Callback(Ring& ring) : ring_(ring) { ++ring_.depth_; }
@@ -218,7 +240,8 @@ class Ring {
     };
 
     /// Seconds on the steady clock at which an entry was stamped, to the accuracy of the
-    /// processor's counter.
+    /// processor's counter. The same scale as `Nex::System::currentTime()` without a source of its
+    /// own; another source does not change it.
     double secondsOf(Entry const& entry) const;
 
   private:

@@ -12,12 +12,15 @@ class Mount {
     explicit Mount(Nex::Ptr<Vardo::EntityManager> entityManager)
         : entityManager_(std::move(entityManager)) {}
 
-    /// As `EntityManager::doMount`, errors included.
+    /// As `EntityManager::doMount`, errors included. `mountInfoType` is noted in the mounted table
+    /// and means nothing here.
     void mountIs(Nex::String const& path, Nex::String const& typeName, unsigned mountInfoType) {
         entityManager_->doMount(path, typeName, mountInfoType);
     }
+    /// As `EntityManager::doUnmount`.
     void mountDel(Nex::String const& path) { entityManager_->doUnmount(path); }
-    /// The table mounted at `path`, or null when there is none or it is no `Table`.
+    /// The table mounted at `path`, or null when there is none or it is no `Table`: a type that the
+    /// provider makes is not checked before. Who holds it keeps it past its last unmount.
     template <class Table>
     Nex::Ptr<Table> entity(Nex::String const& path) const {
         auto const* const mounted = entityManager_->mounted(path);
