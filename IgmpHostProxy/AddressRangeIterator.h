@@ -1,5 +1,6 @@
 // Enumerates the addresses that match an address and a mask, in ascending order. The mask may have
-// holes: a bit that is 0 is free, and every combination of the free bits is produced.
+// holes: a bit that is 0 is free, and every combination of the free bits is produced. Constant time
+// for each, whatever the mask; how many there will be is `Lox::IpAddrWithFullMask::size`.
 #pragma once
 
 #include "Lox/IpAddr.h"
@@ -21,6 +22,7 @@ class AddressRangeIterator {
         done_ |= free_ == 0;
         return *this;
     }
+    /// After the highest address. What follows begins anew at the lowest, still done.
     constexpr bool done() const { return done_; }
 
   private:

@@ -2,7 +2,8 @@
 // mode: include and exclude references count alike. Routes of the forwarding table are not counted.
 //
 // Two levels, group and then source, so that whether any pair of a group is counted is one lookup,
-// and a group with a few counted sources costs no table of its own.
+// and a group with a few counted sources costs no table of its own. Single operations take constant
+// time. It tells nobody and calls nobody but `visit`.
 #pragma once
 
 #include "IgmpHostProxy/SourceGroup.h"
@@ -20,7 +21,8 @@ class GroupSourceRefCounter {
     }
     /// Groups of which a pair has an entry.
     std::size_t groupCount() const { return groups_.size(); }
-    /// Calls `visit(group)` for each of them.
+    /// Calls `visit(group)` for each of them, in the order in which they came; `visit` may change
+    /// the counter.
     template <class Visit>
     void forGroups(Visit visit) const {
         for (Lox::IpAddr const group : groups_.walk<Nex::Nothing>()) visit(group);
@@ -34,8 +36,8 @@ class GroupSourceRefCounter {
             for (auto const& item : sources->walk()) visit(item.key);
     }
 
-    // Those that create an entry throw std::bad_alloc. An entry with a count of 0 is one, until it
-    // is deleted.
+    // Those that create an entry throw std::bad_alloc, and nothing is changed. An entry with a
+    // count of 0 is one, until it is deleted.
 
     /// Creates the entry with `count`, or overwrites its count; returns it.
     std::uint32_t is(SourceGroup sg, std::uint32_t count) { return entry(sg) = count; }

@@ -4,6 +4,11 @@
 // announced group) and copies the host's packet counters back. It lives while the host agent
 // publishes a status for the host entity; the root machine owns it. It sends nothing itself.
 //
+// It binds the objects that were there as it was made. The entity is fixed; status, counters and
+// address can be pointed elsewhere, and are then looked at at once. Of another status that means
+// the settings, and the sources of the groups that have a record: records come and go with a group
+// alone, and at construction. As it goes it leaves the entity and the counters as they are.
+//
 //     IgmpHostIntfSm.cpp           settings and group records
 //     IgmpHostIntfSmCounters.cpp   packet counters
 #pragma once
@@ -22,7 +27,9 @@ class IgmpHostIntfSm : public Nex::PtrInterface {
   public:
     static constexpr char nexTypeName[] = "IgmpHostProxy::IgmpHostIntfSm";
 
-    /// Programs the host entity at once. A null object is "not known yet": what needs it waits.
+    /// Programs the host entity at once: the groups first, then the settings, and the stamps last.
+    /// A null object is "not known yet": what needs it waits, for the entity in vain. All are held
+    /// but `parent`. Throws what watchers of the entity throw; what is programmed by then stays.
     IgmpHostIntfSm(Lox::IntfId intfId, Nex::Ptr<IntfStatus> intfStatus,
                    Nex::Ptr<Igmp::IgmpHost> igmpHost,
                    Nex::Ptr<Igmp::IgmpHostStatus const> igmpHostStatus,
@@ -41,24 +48,30 @@ class IgmpHostIntfSm : public Nex::PtrInterface {
                                                        "srcIntfIhpIntf"};
 
     // Each handler brings one thing in step with what the inputs say now, and does nothing while an
-    // input that it needs is null.
+    // input that it needs is null. Those who watch the entity are told from inside; what they throw
+    // reaches whoever changed the input.
 
     /// Programs all settings, once.
     void handleNew();
-    /// Not while the interface has no address: the host would send without one.
+    /// Not while the interface has no address: the host would send without one. The address that
+    /// comes later does not make up for it; the next change of the name does. Raises no stamp, nor
+    /// do interval and version.
     void handleDeviceName();
-    /// An address that is lost is kept.
+    /// An address that is lost is kept. Raises the interface's stamp, be it the same address.
     void handleIpAddrChange();
     void handleInterval();
     /// Versions other than 1 and 2 are programmed as 3.
     void handleVersion();
+    /// Raises both stamps, be it the same address.
     void handleIntfEthAddr();
     /// For all groups of the status, as below.
     void handleGroupList();
     /// Creates, refreshes or deletes the host's record of a group. Where any source is included,
-    /// each call makes or deletes it in turn.
+    /// each call makes or deletes it in turn. Refreshed is the mode, to exclude, and the version;
+    /// the sources are left to the group's own reactor.
     void handleGroupList(Lox::IpAddr group);
-    /// The group's own reactor comes or goes with the group.
+    /// The group's own reactor comes or goes with the group. As it comes it hands over all sources.
+    /// Without a group, for all: reactors of groups that are gone go, too.
     void handleGroupSourceListStatus(Lox::IpAddr group);
     void handleGroupSourceListStatus();
 
@@ -67,7 +80,7 @@ class IgmpHostIntfSm : public Nex::PtrInterface {
     IGMP_PACKET_COUNTERS(IHP_DECLARE, IGMP_NO_COUNTER)
 #undef IHP_DECLARE
     void handleIgmpHostV3ReportsSent();
-    /// Sets the status's counters to 0, until the host counts on.
+    /// Sets the status's counters to 0, until the host counts on. The host's own stay.
     void resetPacketCounters();
 
     class NexIntfStatus : public Nex::Reactor<IntfStatus::Notifiee, IgmpHostIntfSm> {
@@ -85,6 +98,7 @@ class IgmpHostIntfSm : public Nex::PtrInterface {
         void onNotifier() override;
     };
 
+    /// Pointed at another host's status, it copies all counters at once; made, it copies none.
     class NexIgmpHostStatus
         : public Nex::Reactor<Igmp::IgmpHostStatus::NotifieeConst, IgmpHostIntfSm> {
       public:
@@ -106,7 +120,8 @@ class IgmpHostIntfSm : public Nex::PtrInterface {
         void onNotifier() override { machine()->handleIpAddrChange(); }
     };
 
-    /// The sources of one announced group.
+    /// The sources of one announced group. It writes to the host's record that stands under the
+    /// group at that moment, and does nothing where there is none.
     class NexGroupSourceListStatus
         : public NexGroupSource<NexGroupSourceListStatus, IgmpHostIntfSm> {
       public:
@@ -140,7 +155,8 @@ class IgmpHostIntfSm : public Nex::PtrInterface {
     IgmpHostProxySm* parent_;
 };
 
-/// Whoever changes a host entity or one of its group records raises the matching stamp by one.
+/// Whoever changes a host entity or one of its group records raises the matching stamp by one, when
+/// the change has been written: what the stamp's watchers find is complete. It wraps around.
 inline void raiseConfigVersion(Igmp::IgmpHost& host) {
     host.configVersionIs(host.configVersion() + 1);
 }

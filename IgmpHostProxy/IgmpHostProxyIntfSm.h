@@ -11,6 +11,15 @@
 //     IgmpHostProxyIntfSmReview.cpp   the paced review of the forwarding tables
 //
 // Timers: `reviewTimer`, on the clock, runs `doReview` once something asked for a review.
+//
+// The configuration and the access lists share a group: each counts the (source, group) pairs that
+// it brings, and the merge says what follows. The forwarding tables count nothing. They keep off a
+// group that one of the two has, give way as soon as a pair of it is counted, and come back only as
+// their routes are looked at again (`doReleaseGroups`).
+//
+// Everything but reviews is done inside the call that brings it about. A review is a slice of work
+// of `reviewQuantum` seconds and one route at most; the one that ends a full sync adds a slice of
+// changed routes. So long a loop may be kept from its other work.
 #pragma once
 
 #include "Acl/AclConfig.h"
@@ -36,8 +45,11 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
   public:
     static constexpr char nexTypeName[] = "IgmpHostProxy::IgmpHostProxyIntfSm";
 
-    /// Starts up at once: the status is in step with the configuration when this returns. `parent`
-    /// is not owned. A null `clock` is a programming error and ends the process.
+    /// Starts up at once: the status is in step with the configuration when this returns, the lists
+    /// are applied, and the first slice of a full sync is done. `parent` is not owned, all else is
+    /// held. A null `clock` is a programming error and ends the process; whatever else is null,
+    /// what depends on it stays away. Throws what watchers of the status throw; what stands there
+    /// by then stays.
     static Nex::Ptr<IgmpHostProxyIntfSm> IgmpHostProxyIntfSmIs(
         Lox::IntfId intfId, Nex::Ptr<IntfConfig const> intfConfig, Nex::Ptr<IntfStatus> intfStatus,
         Nex::Ptr<Kesh::Multicast::Fib::MfibKeshColl const> mfibKeshDir,
@@ -50,6 +62,7 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
                         Nex::Ptr<Nex::Clock const> clock,
                         Nex::Ptr<Ip::SourceIntf::SourceIntf> srcIntfIhpIntf,
                         IgmpHostProxySm* parent);
+    /// Takes nothing back: the status keeps its groups.
     ~IgmpHostProxyIntfSm() override;
 
     Lox::IntfId const& intfId() const { return intfId_; }
@@ -66,9 +79,11 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
 
     // Handlers do nothing while an input that they need is null. Whatever notifies, here nearly
     // everything, may run code of others that changes the configuration, the lists, the tables or
-    // the machine itself; what was asked before a notification is asked again after it.
+    // the machine itself; what was asked before a notification is asked again after it. An error of
+    // those who are told reaches whoever changed the input. Handlers may be called at any time and
+    // again; those of lists count again what they apply again.
 
-    /// The last step of construction.
+    /// The last step of construction: from here on reviews may run.
     void handleInitialized();
     /// Copies the setting into the status.
     void handleIgmpVersion();
@@ -86,7 +101,13 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     void handleDeletedGroupSourceListConfig();
 
     // The membership merge: one reference to (source, group) comes or goes, in one of the modes.
-    // The status entry of the group exists before an add; a remove tolerates that it is gone.
+    // The status entry of the group exists before an add; a remove tolerates that it is gone. What
+    // becomes of the group is written down in IgmpHostProxyIntfSmMerge.cpp.
+    //
+    // Who adds takes back as often, in the same mode; the count does not know the mode. An add
+    // counts even where the status stays as it is because something else takes precedence. Where
+    // watchers throw, the count stands and the status may be between two steps. A pair takes
+    // constant time, but for what displaces the other sources of its group or brings them back.
     void addIncludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group);
     void addExcludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group);
     void removeIncludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group);
@@ -94,9 +115,11 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
 
     /// Has the add that is called next set `*counted` once its reference is counted: what it throws
     /// may come before that or after, and the count, which others change meanwhile, can't tell.
+    /// Good for one add, and not owned: it outlives that.
     void countedIs(bool* counted) { counted_ = counted; }
 
-    // The counts as they are. Changing them by hand changes no group.
+    // The counts as they are. Changing them by hand changes no group, and makes a pair without a
+    // count pass for a route's.
     GroupSourceRefCounter const& groupSourceRefCounter() const { return groupSourceRefCounter_; }
     std::uint32_t groupSourceRefCounter(SourceGroup sg) const {
         return groupSourceRefCounter_.count(sg);
@@ -113,17 +136,20 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     void groupSourceRefCounterDel(SourceGroup sg) { groupSourceRefCounter_.del(sg); }
     void groupSourceRefCounterDelAll() { groupSourceRefCounter_.delAll(); }
 
-    /// Attaches, purges or detaches the lists that the configuration names, or one of them.
+    /// Attaches, purges or detaches the lists that the configuration names, or one of them. A list
+    /// that is attached already is applied, and counted, once more.
     void handleAclList();
     void handleAclList(Nex::String name);
     /// The same for all lists that exist, in the order of their names.
     void handleAclConfig();
     void handleAclConfig(Nex::String name);
-    /// A list came or went.
+    /// A list came or went; its own reactor follows, and applies the list's rules as they change.
+    /// Without a name, for all: an error of one list keeps no other waiting.
     void handleAcl(Nex::Name name);
     void handleAcl();
 
-    /// Null when the list is not attached or never existed.
+    /// Null when the list is not attached or never existed. Of a list that is attached and has gone
+    /// the helper stays, without rules. Lent.
     IgmpHostProxyAclHelper* igmpHostProxyAclHelper(Nex::String name) const;
     auto igmpHostProxyAclHelper() const { return igmpHostProxyAclHelper_.walk(); }
     /// Makes the helper where there is none. It applies nothing by itself.
@@ -131,10 +157,12 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     /// Lets go of it. What its rules did stays, and can no longer be taken back: purge it first.
     void igmpHostProxyAclHelperDel(Nex::String name) { igmpHostProxyAclHelper_.take(name); }
     void igmpHostProxyAclHelperDelAll();
-    /// Whether an attached list contributes, or has contributed, the group.
+    /// Whether an attached list contributes, or has contributed, the group: routes keep off it
+    /// either way. A lookup for each list.
     bool aclHas(Lox::IpAddr group) const;
 
-    /// Calls `visit(group)` for every group with a status entry or a count, some twice.
+    /// Calls `visit(group)` for every group with a status entry or a count, some twice. Wants a
+    /// status.
     template <class Visit>
     void forKnownGroups(Visit visit) const {
         for (auto const& item : intfStatus()->groupSourceList()) visit(item.key);
@@ -144,38 +172,49 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     std::uint64_t knownGroupsBound() const;
 
     /// Asks for a review unless one is pending. No review runs before `handleInitialized`, and none
-    /// without tables.
+    /// without tables. Runs nothing itself.
     void doKickReview();
     /// One review step: a slice of a full sync, if one is wanted; once that has ended, a slice of
     /// the changed routes. Asks for the next one as long as anything is left. Throws what watchers
     /// of the status throw; routes at which they did are kept and tried again.
     void doReview();
     /// One slice of the full sync, from the bookmark on: as many routes as `reviewQuantum` seconds
-    /// allow, and one at least.
+    /// allow, and one at least. Without a table to begin with the sync is over. A route at which
+    /// somebody throws is noted as changed, and the rest of the slice done, before the first error
+    /// reaches the caller.
     void doSyncAllRoutes();
-    /// One slice over the changed routes, likewise. Routes that change meanwhile wait for the next.
+    /// One slice over the changed routes, likewise, the first to change first. Routes that change
+    /// meanwhile wait for the next. A call from inside itself does nothing.
     void doSyncChangedRoutes();
-    /// Brings the status in step with one route of a table. The pointer names the table and is not
-    /// followed.
+    /// Brings the status in step with one route of a table, as it is there now; one that is not, or
+    /// whose table is not, has gone. The pointer names the table and is not followed. A (*,G) route
+    /// that has gone has all routes looked at again, for those of the group that it displaced.
     void doSyncKey(Kesh::Multicast::Fib::Status const* table,
                    Routing::Multicast::Fib::IpGenRouteKey const& key);
     void doSyncKey(Kesh::Multicast::Fib::MfibKeshDirRouteKey const& changed);
     /// Strips the forwarding table's sources from the status, or has the tables reviewed again.
     void handleDenyMroute();
     /// The configuration or an access list has let go of these groups, and the forwarding tables
-    /// may have those that no other owner wants. Their routes are reviewed soon.
+    /// may have those that no other owner wants. Their routes are reviewed soon. Nobody calls this
+    /// but whoever writes configuration and lists, once for all that a change has let go of: it
+    /// walks the routes from the lowest group to the highest.
     void doReleaseGroups(Lox::IpAddrWithFullMask groups);
-    /// A route of a table came, changed or went.
+    /// A route of a table came, changed or went: noted, once, and a review asked for. Constant
+    /// time; throws std::bad_alloc, and the change is lost then.
     void handleRoute(Kesh::Multicast::Fib::MfibKeshDirRouteKey const& changed);
-    /// A table came or went.
+    /// A table came or went. Its routes are watched from now on, or no longer; those that it has,
+    /// or had, are not looked at by this.
     void handleKeshPtr(Kesh::Multicast::Fib::Status const* key);
     void handleKeshPtr();
 
-    /// The table at which a suspended full sync resumes, or null. Only its name: it may be gone.
+    /// The table at which a suspended full sync resumes, or null. Only its name: it may be gone,
+    /// and the sync is over at the next slice then.
     Kesh::Multicast::Fib::Status const* keshBookmark() const { return keshBookmark_; }
     void keshBookmarkIs(Kesh::Multicast::Fib::Status const* table);
 
-    /// Routes that changed and have not been reviewed, the first to change in front.
+    /// Routes that changed and have not been reviewed, the first to change in front, each once. As
+    /// many as changed since the last review: they wait for a clock that is told the time, and for
+    /// tables.
     using ChangedRoutes = Nex::LinkedSet<Kesh::Multicast::Fib::MfibKeshDirRouteKey>;
     ChangedRoutes const& changedRoute() const { return changedRoute_; }
     bool changedRouteHas(Kesh::Multicast::Fib::MfibKeshDirRouteKey key) const {
@@ -188,6 +227,7 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     void changedRouteDel(Kesh::Multicast::Fib::MfibKeshDirRouteKey key) { changedRoute_.take(key); }
     void changedRouteDelAll() { changedRoute_.clear(); }
 
+    /// Whether a full sync stands somewhere in the middle of a table.
     bool rkBookmarkNotNull() const;
 
     class NexIntfConfig : public Nex::Reactor<IntfConfig::NotifieeConst, IgmpHostProxyIntfSm> {
@@ -220,11 +260,17 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     /// with the list's rules: rules are told apart by their ids.
     class NexAcl : public Nex::Reactor<Acl::AclConfig::NotifieeConst, IgmpHostProxyIntfSm> {
       public:
+        /// Starts up at once, as on any change of the rules. `acl` is not null.
         NexAcl(Nex::Ptr<Acl::AclConfig const> acl, IgmpHostProxyIntfSm* machine);
+        /// The list has another version of its rules, or none, which takes nothing back.
         void handleCfg();
+        /// Reconciles, or has that done by whoever is applying a rule of the list right now.
         void handleRule();
         /// Applies the list's new rules and takes the vanished ones back. Ends early when something
-        /// is asked of the helper meanwhile.
+        /// is asked of the helper meanwhile. In the order of sequence numbers, new ones first, so
+        /// that a group that passes from one rule to another stays. A rule that throws keeps no
+        /// other waiting; the caller hears the first error, and one that could not be applied is
+        /// tried again at the next change.
         void doReconcile();
         void cfgIs(Nex::Ptr<Acl::AclSubConfig const> cfg);
         void cfgDel() { cfg_.del(); }
@@ -261,7 +307,8 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
         void onKeshPtrnexImmediate() override { machine()->handleKeshPtr(); }
     };
 
-    /// One table. Only records which routes changed.
+    /// One table. Only records which routes changed; that it came asks for a review, too, but not
+    /// for a look at all of its routes.
     class NexMfibKesh
         : public Nex::Reactor<Kesh::Multicast::Fib::Status::NotifieeConst, IgmpHostProxyIntfSm> {
       public:
@@ -274,6 +321,7 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
         }
     };
 
+    /// Its wake time is the review timer's: nobody else sets it.
     class NexClock : public Nex::Reactor<Nex::Clock::NotifieeConst, IgmpHostProxyIntfSm> {
       public:
         using Reactor::Reactor;
@@ -284,7 +332,8 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     };
 
     /// One configured group. A source that is gone from the watched list is ignored: its removal is
-    /// told through the list of deleted groups.
+    /// told through the list of deleted groups. As it comes, the group gets its status entry, with
+    /// or without sources, then each source a reference.
     class NexGroupSourceListConfig
         : public NexGroupSource<NexGroupSourceListConfig, IgmpHostProxyIntfSm> {
       public:
@@ -297,7 +346,8 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
         void handleExcludeSourceList(Lox::IpAddr source);
     };
 
-    /// One group with sources that the operator removed.
+    /// One group with sources that the operator removed. Each source takes one reference back as it
+    /// comes into the list; what leaves the list brings nothing back.
     class NexDeletedGroupSourceListConfig
         : public NexGroupSource<NexDeletedGroupSourceListConfig, IgmpHostProxyIntfSm> {
       public:
@@ -311,15 +361,16 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     };
 
     /// Creates the review timer on a clock reactor, or replaces the numbers of the one that is
-    /// bound to it. Interval and delays in seconds.
+    /// bound to it. Interval and delays in seconds. `reactor` is not held, and is this machine's.
     void reviewTimerIs(Nex::Clock::NotifieeConst* reactor, float fillInterval, unsigned maxCredits,
                        float minDelay, float maxDelay);
-    /// Disarms it, too. Routes that change are still recorded.
+    /// Disarms it, too. Routes that change are still recorded; nothing reviews them.
     void reviewTimerDel();
     /// Null before `handleInitialized`.
     Olm::ReviewTimer* reviewTimer() const { return reviewTimer_.get(); }
 
-    /// One reactor per table of the collection, by the table's name.
+    /// One reactor per table of the collection, by the table's name. Null for a table is refused by
+    /// Nex::RangeException. Without it routes are no longer watched; what they brought stays.
     Nex::Ptr<NexMfibKesh> mfibKeshIs(Kesh::Multicast::Fib::Status const* key,
                                      Nex::Ptr<Kesh::Multicast::Fib::Status const> table);
     void mfibKeshDel(Kesh::Multicast::Fib::Status const* key) { mfibKesh_.del(key); }
@@ -399,6 +450,9 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     NEX_INPUT(Ip::SourceIntf::SourceIntf, srcIntfIhpIntf)
     IgmpHostProxySm* parent_;
     Nex::Ptr<Olm::ReviewTimer> reviewTimer_;
+    // The review. A quantum of 0 syncs one route per slice; one that is changed holds from the next
+    // slice on. The delays reach the timer as the machine starts; after that `reviewTimerIs` sets
+    // its numbers. Wanting a full sync asks for no review by itself.
     NEX_FIELD(double, reviewQuantum, 0.1) // seconds of work per slice
     NEX_FIELD(bool, syncAllRoutes, true)  // a full sync is wanted or in progress
     NEX_FIELD(double, minDelay, 0.01)     // seconds

@@ -12,12 +12,12 @@ namespace IgmpHostProxy {
     ATTR(Nex::Ptr<Interface::DeviceIntfStatusDir>, deviceIntfStatusDir, DeviceIntfStatusDir)
 
 /// The root replaces `deviceIntfStatusDir` when the VRF moves to another namespace; who follows it
-/// follows the attribute.
+/// follows the attribute. It is null until the root has made one, just after the view.
 class KernelVrfIntfStatus : public Nex::RecordBase {
     NEX_RECORD(KernelVrfIntfStatus, L3::VrfName, vrfName, KERNEL_VRF_INTF_STATUS)
 
   public:
-    /// Fixed at construction.
+    /// Fixed at construction, also when the VRF moves. Lent.
     KernelNetInfo::Status const* kniStatus() const { return kniStatus_.get(); }
     auto nexArguments() const { return std::make_tuple(kniStatus_); }
     static constexpr char const* nexArgumentNames[] = {"kniStatus"};

@@ -9,7 +9,12 @@
 namespace IgmpHostProxy {
 
 /// `Self` is the reactor; it has the rules for one source, which may be in the list or gone from
-/// it: `handleIncludeSourceList(source)` and `handleExcludeSourceList(source)`.
+/// it: `handleIncludeSourceList(source)` and `handleExcludeSourceList(source)`. They look whether
+/// it is (`includeHas`, `excludeHas`), and again after anything that tells others. A rule may be
+/// run for a source that has not changed.
+///
+/// The constructor of `Self` ends by the walks over both lists, or by `startUpIsOver`: until then
+/// sources that come are left to those walks.
 template <class Self, class Machine>
 class NexGroupSource : public Nex::Reactor<GroupSource::NotifieeConst, Machine> {
   public:
@@ -49,7 +54,7 @@ class NexGroupSource : public Nex::Reactor<GroupSource::NotifieeConst, Machine> 
   protected:
     /// Active from here on: what the reactor's own start-up brings about is heard, too. Only a
     /// source of a list that start-up has yet to walk is left to that walk, or it would be taken
-    /// twice.
+    /// twice. `groupSource` is not null.
     NexGroupSource(Nex::Ptr<GroupSource const> groupSource, Machine* machine)
         : Nex::Reactor<GroupSource::NotifieeConst, Machine>(std::move(groupSource), machine),
           group_(this->notifier()->group()) {

@@ -2,7 +2,8 @@
 //
 // A rule contributes one source to a range of groups: an address under a mask. Under one mask a
 // group lies in one range, so a pair is asked for with one lookup for each mask that the rules of
-// its source and mode have. Those are few, however many the rules are.
+// its source and mode have. Those are few, however many the rules are. Ten thousand single groups
+// have one mask between them; ten thousand ranges of different masks would be walked.
 #pragma once
 
 #include "Lox/IpAddr.h"
@@ -10,16 +11,18 @@
 
 namespace IgmpHostProxy {
 
-/// What a rule says of each group in its range.
+/// What a rule says of each group in its range: that `source` is included, or that it is excluded.
 struct RuleEffect {
     bool include;
     Lox::IpAddr source;
     friend bool operator==(RuleEffect const&, RuleEffect const&) = default;
 };
 
+/// What rules that count together have in common: two of them cover the same groups in the same
+/// way.
 struct RuleKey {
     RuleEffect effect;
-    std::uint32_t mask;
+    std::uint32_t mask;  ///< in host order
     std::uint32_t fixed; ///< the range's bits under the mask
     friend bool operator==(RuleKey const&, RuleKey const&) = default;
 };
@@ -42,7 +45,8 @@ struct std::hash<IgmpHostProxy::RuleKey> {
 
 namespace IgmpHostProxy {
 
-/// Knows effects and ranges, not rules: two rules that say the same count twice.
+/// Knows effects and ranges, not rules: two rules that say the same count twice. Bits of a range's
+/// address outside its mask make no difference. It tells nobody and calls nobody.
 class RuleIndex {
   public:
     /// Where memory is refused, nothing is counted.
@@ -54,7 +58,7 @@ class RuleIndex {
         ++*rules;
         ++*masks;
     }
-    /// Of a rule that was added.
+    /// Of a rule that was added, which nobody checks. Needs no memory.
     void del(RuleEffect effect, Lox::IpAddrWithFullMask range) {
         doDrop(rules_, keyOf(effect, range.mask(), range.address()));
         Masks& masks = *masks_.find(effect);

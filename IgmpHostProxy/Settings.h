@@ -1,4 +1,5 @@
 // The interface settings that pass from the configuration through the status to the host entity.
+// The machines hand them on and decide nothing by them.
 #pragma once
 
 #include <charconv>
@@ -7,15 +8,16 @@
 
 namespace IgmpHostProxy {
 
-/// Values beyond the named ones may occur; they are programmed as version 3.
+/// Values beyond the named ones may occur; they are programmed as version 3. So is 0, which stands
+/// in a configuration whose version nobody wrote.
 enum class IgmpVersion : std::uint8_t { v1 = 1, v2 = 2, v3 = 3 };
 
 inline std::ostream& operator<<(std::ostream& out, IgmpVersion version) {
     return out << unsigned(version);
 }
 
-/// How far apart a host repeats a report that nobody asked for. In seconds, passed on as it was
-/// configured; nothing here checks it.
+/// How far apart a host repeats a report that nobody asked for (RFC 3376, 8.11). In seconds, passed
+/// on as it was configured; nothing here checks it, and 0 is what nobody wrote.
 class UnsolicitedReportInterval {
   public:
     constexpr UnsolicitedReportInterval() = default;

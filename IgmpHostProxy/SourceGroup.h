@@ -1,4 +1,5 @@
-// The pair (source, group), key of the reference counter.
+// The pair (source, group), key of the reference counter. As arguments the source comes first; in
+// the order and in the hash the group does.
 #pragma once
 
 #include "Lox/IpAddr.h"
@@ -15,10 +16,12 @@ struct SourceGroup {
 
     SourceGroup() = default;
     SourceGroup(Lox::IpAddr source, Lox::IpAddr group) : sourceAddr(source), groupAddr(group) {}
-    /// From the text form. Throws Nex::ParseException, naming the attribute that did not parse.
+    /// From the text form, to the letter, with nothing before or behind it. Throws
+    /// Nex::ParseException, naming the attribute that did not parse.
     explicit SourceGroup(std::string_view strep);
 
-    /// One-at-a-time over the octets of the group, then of the source, in network order.
+    /// One-at-a-time over the octets of the group, then of the source, in network order. The same
+    /// on all machines, and without a secret.
     std::uint32_t hash() const;
 
     friend bool operator==(SourceGroup const&, SourceGroup const&) = default;
@@ -30,7 +33,9 @@ struct SourceGroup {
 };
 
 /// Value('IgmpHostProxy::SourceGroup', ** {'sourceAddr': 10.0.0.1, 'groupAddr': 239.1.1.1})
+/// Also what `operator<<` writes, and traces show.
 std::string valueToStrep(SourceGroup const& value);
+/// As the constructor.
 SourceGroup strepToValue(std::string_view strep);
 std::ostream& operator<<(std::ostream&, SourceGroup const&);
 

@@ -2,6 +2,8 @@
 // 3 progress of reviews.
 //
 // Operators' tools match the texts. Nobody tidies them: spelling, spaces and percent signs stay.
+// Levels include those below: 8 shows everything, a line for each handler that runs, and 3 a line
+// for each route of a full sync.
 #pragma once
 
 #include "Nex/Trace.h"
