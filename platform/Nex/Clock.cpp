@@ -13,7 +13,12 @@ void Clock::NotifieeConst::timeMinIs(double seconds) {
     armedOn_ = Ptr<Clock const>(notifier());
     timeMin_ = seconds;
     armed_ = armedOn_->armings_++;
-    armedOn_->timers_.insert(this);
+    try {
+        armedOn_->timers_.insert(this);
+    } catch (...) { // not armed, and not to be taken for it
+        disarm();
+        throw;
+    }
 }
 
 void Clock::NotifieeConst::disarm() {

@@ -217,9 +217,10 @@ class NotifieeOf : public NotifieeBase {
 
   private:
     void watch(Ptr<Watched const> notifier) {
+        // First what may find no memory: whatever is watched then stays watched.
+        if (notifier) notifier->nexNotifieeAdd(this);
         if (notifier_) notifier_->nexNotifieeDel(this);
         notifier_ = std::move(notifier);
-        if (notifier_) notifier_->nexNotifieeAdd(this);
     }
 
     Ptr<Watched const> notifier_;

@@ -206,7 +206,12 @@ class ReactorMap {
         auto const fresh = newObject<R>(std::move(watched), machine);
         fresh->hasNotificationActiveIs(true);
         if (making.wanted) {
-            *reactors_.findOrInsert(key).first = fresh;
+            try {
+                *reactors_.findOrInsert(key).first = fresh;
+            } catch (...) { // nobody would retire it
+                fresh->nexRetire();
+                throw;
+            }
             if (making.last) fresh->notifierIs(*making.last);
         } else {
             fresh->nexRetire();
