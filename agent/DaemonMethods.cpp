@@ -4,8 +4,14 @@
 
 #include "agent/answers/Groups.h"
 #include "agent/answers/Interfaces.h"
+#include "agent/answers/Lists.h"
+#include "agent/answers/Trace.h"
+#include "agent/answers/Why.h"
+#include "agent/config/AddressText.h"
 #include "agent/loop/Log.h"
 #include "agent/records/JsonStream.h"
+
+#include "Lumen/Ring.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -113,6 +119,25 @@ RpcMethods Daemon::methods() {
     };
     all["counters"].call = [=, this](json const& params, RpcReply const& reply) {
         reply.result(list("counters", countersAnswer(*view_, params.value("interface", ""))));
+    };
+    all["lists"].call = [=, this](json const& params, RpcReply const& reply) {
+        reply.result(list("rules", listsAnswer(*view_, params.value("list", ""))));
+    };
+    all["routes"].call = [=, this](json const& params, RpcReply const& reply) {
+        reply.result(list("routes", routesAnswer(*view_, params.value("vrf", ""))));
+    };
+    all["why"].call = [this](json const& params, RpcReply const& reply) {
+        std::string const text = params.at("group");
+        auto const group = parseAddress(text);
+        if (!group)
+            throw RpcError(RpcError::invalidParams,
+                           fmt::format("group {} found, expected an address", text));
+        json answer = whyJson(*view_, params.at("interface"), *group);
+        answer["file"] = options_.configurationFile;
+        reply.result(answer);
+    };
+    all["trace"].call = [](json const& params, RpcReply const& reply) {
+        reply.result(traceAnswer(params.value("last", std::uint64_t(Lumen::ring.capacity()))));
     };
     all["events"].call = [](json const& params, RpcReply const& reply) {
         reply.result(eventsAnswer(params));

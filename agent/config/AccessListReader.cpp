@@ -80,7 +80,7 @@ std::uint64_t groupCount(Acl::IpRuleConfig const& rule) {
 }
 
 AccessListConfiguration readAccessList(std::vector<TomlSection> const& rules, bool attached,
-                                       Diagnostics& diagnostics) {
+                                       AccessListLines& lines, Diagnostics& diagnostics) {
     AccessListConfiguration list;
     for (TomlSection const& section : rules) {
         section.checkKeys();
@@ -95,6 +95,7 @@ AccessListConfiguration readAccessList(std::vector<TomlSection> const& rules, bo
                             *sequence));
             continue;
         }
+        lines[std::uint32_t(*sequence)] = {section.position().line};
         if (!attached) continue;
         diagnostics.addInfo(section.positionOf("destination"),
                             isDenyAll(*rule) ? "shuts out the groups of the forwarding table"

@@ -7,6 +7,8 @@
 //     destination = "239.1.1.0/30"
 #pragma once
 
+#include "agent/config/Diagnostic.h"
+
 #include "Acl/AclConfig.h"
 
 #include <cstdint>
@@ -15,7 +17,6 @@
 
 namespace Agent {
 
-class Diagnostics;
 class TomlSection;
 
 /// The rules of one list, by sequence number.
@@ -25,9 +26,12 @@ using AccessListConfiguration = std::map<std::uint32_t, Acl::IpRuleConfig>;
 /// the groups of the forwarding table.
 std::uint64_t groupCount(Acl::IpRuleConfig const& rule);
 
+/// Where they stand.
+using AccessListLines = std::map<std::uint32_t, Line>;
+
 /// Reads the rules of a list, and reports how many groups each selects where the list is attached.
 /// Leaves out rules with errors.
 AccessListConfiguration readAccessList(std::vector<TomlSection> const& rules, bool attached,
-                                       Diagnostics& diagnostics);
+                                       AccessListLines& lines, Diagnostics& diagnostics);
 
 } // namespace Agent

@@ -76,7 +76,8 @@ class ConfigurationReader {
             bool const attached = attachedLists_.contains(name.value);
             if (!attached) doWarn(name, "is attached to no interface: its rules select nothing");
             configuration_.accessLists[name.value] =
-                readAccessList(lists.sections(name.value, &ruleKeys), attached, diagnostics_);
+                readAccessList(lists.sections(name.value, &ruleKeys), attached,
+                               configuration_.accessListLines[name.value], diagnostics_);
         }
     }
 
@@ -155,7 +156,9 @@ class ConfigurationReader {
             auto const group = readGroup(key);
             auto const sources = groups.section(key.value, &groupKeys);
             if (!group || !sources) continue;
-            doReadSources(*sources, interface.groups[*group]);
+            GroupConfiguration& wanted = interface.groups[*group];
+            wanted.line = {key.position.line};
+            doReadSources(*sources, wanted);
             doCheckGroup(key, *group, interface);
         }
     }

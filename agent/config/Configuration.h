@@ -57,6 +57,7 @@ struct GroupConfiguration {
     std::set<Lox::IpAddr> include;
     /// Unicast sources; or 0.0.0.0 alone, with nothing included: wanted from any source.
     std::set<Lox::IpAddr> exclude;
+    Line line = {};
 
     friend bool operator==(GroupConfiguration const&, GroupConfiguration const&) = default;
 };
@@ -104,6 +105,7 @@ struct Configuration {
     /// By kernel name.
     std::map<std::string, InterfaceConfiguration> interfaces;
     std::map<std::string, AccessListConfiguration> accessLists;
+    std::map<std::string, AccessListLines> accessListLines;
     /// Namespaces, as namespaceOpen() takes them, by VRF; without the default one.
     std::map<std::string, std::string> vrfs;
     ForwardingTableConfiguration forwardingTable;

@@ -12,6 +12,13 @@ struct Position {
     unsigned column = 0;
 };
 
+/// The line, from 1, where something stands; 0 for nowhere. That is no part of what it means, so
+/// all compare equal.
+struct Line {
+    unsigned number = 0;
+    friend bool operator==(Line, Line) { return true; }
+};
+
 struct Diagnostic {
     /// Only errors keep a configuration from being used.
     enum class Level { info, warning, error };

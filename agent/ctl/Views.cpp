@@ -34,7 +34,7 @@ std::string querierText(json const& querier) {
                        querier.at("version").get<int>(), querier.at("heardAgo").get<double>());
 }
 
-std::string whyText(json const& row) {
+std::string reasonText(json const& row) {
     std::string const why = row.at("why");
     json const& version = row.at("version");
     auto const newer = version.find("newerIn");
@@ -49,6 +49,8 @@ std::string sourcesText(json const& row) {
     if (sources.empty()) return include ? "none" : "any source";
     return fmt::format("{} {}", include ? "only from" : "any source but", fmt::join(sources, " "));
 }
+
+std::string fileName(std::string const& path) { return path.substr(path.rfind('/') + 1); }
 
 std::uint32_t numberOf(json const& address) {
     in_addr number{};
@@ -87,7 +89,7 @@ std::string interfacesText(json const& answer) {
              up ? std::to_string(groups)
                 : fmt::format("0 of {}",
                               std::max(groups, row.at("configuredGroups").get<std::size_t>())),
-             whyText(row)});
+             reasonText(row)});
     }
     return table.text();
 }
@@ -126,6 +128,62 @@ std::string eventsText(json const& answer) {
                         level == "error" || level == "warning" ? level + ": " : "",
                         subject.empty() ? "" : subject + " ", each.at("text").get<std::string>());
     }
+    return text;
+}
+
+std::string listsText(json const& answer) {
+    Table table(
+        {"LIST", "SEQUENCE", "ACTION", "SOURCE", "DESTINATION", "GROUPS", "LINE", "ATTACHED TO"});
+    for (json const& row : answer.at("rules")) {
+        auto const attached = row.at("interfaces").get<std::vector<std::string>>();
+        table.add({row.at("list"), row.at("sequence").dump(), row.at("action"), row.at("source"),
+                   row.at("destination"), row.at("groups").dump(), row.at("line").dump(),
+                   attached.empty() ? "-" : fmt::format("{}", fmt::join(attached, " "))});
+    }
+    return table.text();
+}
+
+std::string routesText(json const& answer) {
+    Table table({"VRF", "SOURCE", "GROUP"});
+    for (json const& row : answer.at("routes"))
+        table.add({row.at("vrf"), row.at("source"), row.at("group")});
+    return table.text();
+}
+
+/// One line for each wish, under its source.
+std::string whyText(json const& answer) {
+    std::string const file = fileName(answer.at("file"));
+    std::string text =
+        fmt::format("{} on {}: {}\n", answer.at("group").get<std::string>(),
+                    answer.at("interface").get<std::string>(),
+                    answer.at("announced").get<bool>() ? sourcesText(answer) : "not announced");
+    std::string last;
+    for (json const& wish : answer.at("wishes")) {
+        std::string const kind = wish.at("kind");
+        std::string const source = wish.at("source");
+        std::string what = kind;
+        if (kind == "list")
+            what = fmt::format("list {} #{}  {} {} {}", wish.at("list").get<std::string>(),
+                               wish.at("sequence").dump(), wish.at("action").get<std::string>(),
+                               source, wish.at("destination").get<std::string>());
+        else if (kind == "route")
+            what = fmt::format("route ({}, {})", source, answer.at("group").get<std::string>());
+        if (wish.contains("line")) what += fmt::format("  {}:{}", file, wish.at("line").dump());
+        if (!wish.at("counts").get<bool>()) what += "  (does not count)";
+        std::string const head = source == last ? "" : source;
+        text += fmt::format("  {:15}  {}\n", head, what);
+        last = source;
+    }
+    for (json const& obstacle : answer.at("obstacles"))
+        text += fmt::format("not announced: {}\n", obstacle.get<std::string>());
+    return text;
+}
+
+std::string traceText(json const& answer) {
+    std::string text;
+    for (json const& entry : answer.at("entries"))
+        text += fmt::format("{} {} {}\n", preciseTimeText(entry.at("time")),
+                            entry.at("level").dump(), entry.at("text").get<std::string>());
     return text;
 }
 

@@ -11,6 +11,10 @@ std::string interfacesText(nlohmann::json const& answer);
 std::string groupsText(nlohmann::json answer);
 std::string countersText(nlohmann::json const& answer);
 std::string eventsText(nlohmann::json const& answer);
+std::string listsText(nlohmann::json const& answer);
+std::string routesText(nlohmann::json const& answer);
+std::string whyText(nlohmann::json const& answer);
+std::string traceText(nlohmann::json const& answer);
 std::string reloadText(nlohmann::json const& answer);
 /// FILE:LINE:COLUMN: LEVEL: TEXT, a line each.
 std::string diagnosticsText(nlohmann::json const& diagnostics);

@@ -14,6 +14,7 @@
 #include <map>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -100,6 +101,37 @@ void followEvents(Options const& options, json params) {
     }
 }
 
+/// What `wait` waits for, and for how long at most.
+struct Awaited {
+    bool ready = false;
+    std::vector<std::string> group; ///< interface and group
+    double seconds = 60;
+};
+
+bool holds(Awaited const& awaited, Ctl::Client& client) {
+    if (awaited.ready && client.call("status").at("state") != "ready") return false;
+    return awaited.group.empty() ||
+           client.call("why", {{"interface", awaited.group[0]}, {"group", awaited.group[1]}})
+               .at("announced");
+}
+
+/// Throws NoAgent or Refused if it has not come true by then.
+void await(Options const& options, Awaited const& awaited) {
+    auto const end =
+        std::chrono::steady_clock::now() + std::chrono::duration<double>(awaited.seconds);
+    for (;;) {
+        bool const late = std::chrono::steady_clock::now() >= end;
+        try {
+            Ctl::Client client(options.control);
+            if (holds(awaited, client)) return;
+            if (late) throw Ctl::Refused("it has not come true", {});
+        } catch (Ctl::NoAgent const&) { // it may be about to start
+            if (late) throw;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+}
+
 int run(int argc, char** argv) {
     CLI::App app("Asks a running ihproxyd what it does and why, and has it do something else.");
     Options options;
@@ -131,6 +163,16 @@ int run(int argc, char** argv) {
     events->add_flag("--follow,-f", follow, "And what happens from now on");
     events.parameter<std::uint64_t>("--last", "last", "So many at most");
     events.parameter<std::uint64_t>("--after", "after", "Those behind this number only");
+    Question lists(app, options, "lists", "The access lists, rule by rule", Ctl::listsText);
+    lists.parameter<std::string>("list", "list", "The rules of this list only");
+    Question routes(app, options, "routes", "The routes of the forwarding table that are announced",
+                    Ctl::routesText);
+    routes.parameter<std::string>("--vrf", "vrf", "Of this VRF only");
+    Question why(app, options, "why", "Why a group is announced, or why not", Ctl::whyText);
+    why.parameter<std::string>("interface", "interface", "On this interface")->required();
+    why.parameter<std::string>("group", "group", "The group")->required();
+    Question trace(app, options, "trace", "What the machines have done lately", Ctl::traceText);
+    trace.parameter<std::uint64_t>("--last", "last", "So many entries at most");
     Question log(app, options, "log", "Which lines are written to the log", [](json const& answer) {
         return "log level " + answer.at("level").get<std::string>() + '\n';
     });
@@ -149,13 +191,30 @@ int run(int argc, char** argv) {
             return fmt::format("#{} stays in force\n", answer.at("number").get<unsigned>());
         });
 
+    Awaited awaited;
+    CLI::App* const wait = app.add_subcommand("wait", "Wait until something is true");
+    auto* const ready = wait->add_flag("--ready", awaited.ready, "The agent is ready");
+    auto* const group =
+        wait->add_option("--group", awaited.group, "A group is announced on an interface")
+            ->expected(2)
+            ->type_name("INTERFACE GROUP");
+    wait->add_option("--for", awaited.seconds, "For so long at most; exit status 1 or 2 then")
+        ->transform(seconds());
+    wait->callback([&] {
+        if (!*ready && !*group) throw CLI::RequiredError("--ready or --group");
+    });
+
     CLI11_PARSE(app, argc, argv);
+    if (*wait) {
+        await(options, awaited);
+        return 0;
+    }
     if (events.asked() && follow) {
         followEvents(options, events.params());
         return 0;
     }
-    for (Question const* each :
-         {&status, &interfaces, &groups, &counters, &events, &log, &reload, &undo, &confirm})
+    for (Question const* each : {&status, &interfaces, &groups, &why, &counters, &lists, &routes,
+                                 &events, &trace, &log, &reload, &undo, &confirm})
         if (each->asked()) each->run();
     return 0;
 }

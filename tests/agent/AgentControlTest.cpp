@@ -76,6 +76,24 @@ TEST_F(AgentControlTest, SaysWhatIsAnnouncedAndWhatIsNot) {
     EXPECT_EQ(json("groups 239.1.1.2").at("groups").size(), 1u);
     EXPECT_EQ(json("groups --origin list").at("groups").size(), 0u);
     EXPECT_EQ(json("groups -i eth9").at("groups").size(), 0u);
+    EXPECT_EQ(askFor("why up0 239.1.1.2").text,
+              "239.1.1.2 on up0: only from 10.0.0.1\n"
+              "  10.0.0.1         configuration  ihproxyd.toml:6\n");
+    EXPECT_EQ(askFor("why up0x 239.3.0.1").text,
+              "239.3.0.1 on up0x: not announced\n"
+              "  10.0.0.9         list iptv #1  permit 10.0.0.9 239.3.0.0/31  ihproxyd.toml:11  "
+              "(does not count)\n"
+              "not announced: up0x does not exist\n");
+    EXPECT_EQ(askFor("why up0 239.7.7.7").text,
+              "239.7.7.7 on up0: not announced\n"
+              "not announced: nobody asks for it: no group of the interface, no rule of its lists, "
+              "no announced route\n");
+    EXPECT_EQ(askFor("lists").text,
+              "LIST  SEQUENCE  ACTION  SOURCE    DESTINATION   GROUPS  LINE  ATTACHED TO\n"
+              "iptv  1         permit  10.0.0.9  239.3.0.0/31  2       11    up0x\n");
+    EXPECT_EQ(json("trace --last 3").at("entries").size(), 3u);
+    EXPECT_EQ(ask("wait --ready --group up0 239.1.1.1 --for 5s").status, 0);
+    EXPECT_EQ(ask("wait --group up0 239.7.7.7 --for 0.1s").status, 1);
     Answer const wrong = ask("groups --origin nowhere");
     EXPECT_EQ(wrong.status, 1);
     EXPECT_NE(wrong.text.find("expected configuration, list or route"), std::string::npos);

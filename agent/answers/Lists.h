@@ -1,0 +1,33 @@
+// The access lists of the configuration, and the routes of the forwarding tables that are
+// announced.
+#pragma once
+
+#include "agent/answers/View.h"
+
+#include "Acl/AclConfig.h"
+#include "Lox/IpAddr.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Agent {
+
+/// "239.1.1.0/30", "239.0.0.1/255.0.0.255", "10.0.0.1" or "any".
+std::string rangeText(Lox::IpAddrWithFullMask range);
+
+/// One rule, with its list, sequence number and line.
+nlohmann::json ruleJson(Configuration const& configuration, std::string const& list,
+                        std::uint32_t sequence, Acl::IpRuleConfig const& rule);
+
+/// Every rule of every list, or of the list of that name. `view` outlives the answer.
+std::unique_ptr<JsonElements> listsAnswer(AgentView const& view, std::string const& name);
+
+/// The announced routes of a VRF to a group, whatever their source: their sources, 0.0.0.0 for any.
+std::vector<Lox::IpAddr> routeSources(AgentView const& view, std::string const& vrf,
+                                      Lox::IpAddr group);
+
+/// All announced routes of all VRFs, or of one.
+std::unique_ptr<JsonElements> routesAnswer(AgentView const& view, std::string const& vrf);
+
+} // namespace Agent

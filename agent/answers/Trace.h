@@ -1,0 +1,14 @@
+// What the machines have done lately: their ring of trace points, which is always written.
+#pragma once
+
+#include "agent/records/JsonStream.h"
+
+#include <cstdint>
+#include <memory>
+
+namespace Agent {
+
+/// The last entries, `most` of them at most, the oldest in front.
+std::unique_ptr<JsonPart> traceAnswer(std::uint64_t most);
+
+} // namespace Agent

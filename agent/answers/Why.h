@@ -1,0 +1,16 @@
+// Why a group is announced on an interface, or why not: every wish for it with its place, and what
+// keeps others out.
+#pragma once
+
+#include "agent/answers/View.h"
+
+#include "Lox/IpAddr.h"
+
+namespace Agent {
+
+/// "wishes" holds one entry for each source and origin: "source" is an address or "any", "kind" one
+/// of "configuration", "list" and "route", and "counts" tells whether the source is announced for
+/// it. "obstacles" tells in words what keeps the group, or other wishes for it, out.
+nlohmann::json whyJson(AgentView const& view, std::string const& interface, Lox::IpAddr group);
+
+} // namespace Agent
