@@ -16,13 +16,15 @@ function(ihp_install_library target)
 endfunction()
 
 function(ihp_install_agent)
-  install(TARGETS ihproxyd ihproxyctl DESTINATION ${CMAKE_INSTALL_SBINDIR})
+  install(TARGETS ihproxyd DESTINATION ${CMAKE_INSTALL_SBINDIR})
+  install(TARGETS ihproxyctl DESTINATION ${CMAKE_INSTALL_BINDIR})
   install(FILES examples/ihproxyd.toml DESTINATION ${CMAKE_INSTALL_DOCDIR})
   # Written while installing: only then is the prefix known, which names the program. Below the
   # prefix even where that is not /usr, so that installing never needs to write elsewhere.
   install(CODE "
     cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX NORMALIZE OUTPUT_VARIABLE prefix)
     cmake_path(APPEND prefix \"${CMAKE_INSTALL_SBINDIR}\" ihproxyd OUTPUT_VARIABLE IHP_PROGRAM)
+    cmake_path(APPEND prefix \"${CMAKE_INSTALL_BINDIR}\" ihproxyctl OUTPUT_VARIABLE IHP_CONTROL)
     configure_file(\"${PROJECT_SOURCE_DIR}/agent/systemd/ihproxyd.service.in\"
       \"${PROJECT_BINARY_DIR}/ihproxyd.service\" @ONLY)
     file(INSTALL \"${PROJECT_BINARY_DIR}/ihproxyd.service\"
