@@ -119,12 +119,6 @@ bool IgmpHostPort::finished(double now, bool ending) {
     return true;
 }
 
-void IgmpHostPort::addFormer(RecordList const& groups, unsigned version) {
-    settings_.version = version;
-    engine_.setSettings(EventLoop::now(), settings_); // also for whoever writes what is held
-    engine_.addFormer(groups);
-}
-
 void IgmpHostPort::handleGroup(Lox::IpAddr group) {
     if (Igmp::IgmpV3GroupRecord* const record = host()->v3group(group)) {
         v3groupIs(record);

@@ -64,14 +64,12 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     /// Whether it is finished all the same, and a later run may leave what this one could not.
     bool owes() const { return engine_.hasFormer() && !forgotten_; }
 
-    /// What routers may hold from an earlier run that ended without leaving, when version `version`
-    /// was spoken.
-    void addFormer(RecordList const& groups, unsigned version);
+    /// What routers may hold from an earlier run that ended without leaving.
+    void addFormer(RecordList const& groups) { engine_.addFormer(groups); }
     bool addHeldRecords(RecordList& groups, HostEngine::HeldPlace& place, std::size_t most) const {
         return engine_.addHeldRecords(groups, place, most);
     }
     bool takeHeldChange() { return engine_.takeHeldChange(); }
-    unsigned version() const { return engine_.version(); }
     HostEngine const& engine() const { return engine_; }
     Igmp::IgmpHost* entity() const { return host(); }
 

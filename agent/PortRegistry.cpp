@@ -77,7 +77,7 @@ Nex::Ptr<IgmpHostPort> PortRegistry::portFor(std::string const& name, std::strin
 void PortRegistry::addFormer(std::vector<InterfaceState> const& former) {
     for (InterfaceState const& interface : former) {
         auto const port = portFor(interface.name, interface.vrf);
-        port->addFormer(interface.groups, interface.version);
+        port->addFormer(interface.groups);
         absent_.emplace(interface.name, port);
     }
 }
@@ -113,7 +113,7 @@ class PortRegistry::HeldWalk {
         }
         IgmpHostPort const& port = *ports[port_];
         InterfaceState interface {
-            name_, port.vrf(), port.version(), {}
+            name_, port.vrf(), {}
         };
         if (!port.addHeldRecords(interface.groups, place_, mostGroupsAtOnce)) {
             ++port_;

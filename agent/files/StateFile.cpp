@@ -12,8 +12,9 @@ namespace Agent {
 namespace {
 
 constexpr std::string_view magic = "ihproxyd";
-constexpr std::uint32_t formatVersion = 1;
+constexpr std::uint32_t formatVersion = 2;
 constexpr std::uint32_t excludeBit = 0x80000000;
+constexpr std::uint32_t memberBit = 0x40000000;
 constexpr std::size_t checksumOctets = 8;
 
 constexpr std::uint64_t emptyChecksum = 0xCBF29CE484222325;
@@ -50,8 +51,11 @@ void readGroup(StateReader& reader, RecordList& groups) {
     Lox::IpAddr const group = reader.address();
     if (!group.isMulticast()) throw Nex::ParseException("a group is not multicast");
     auto const head = std::uint32_t(reader.number(4));
-    groups.addRecord(head & excludeBit ? RecordType::isEx : RecordType::isIn, group);
-    for (std::uint32_t left = head & ~excludeBit; left > 0; --left)
+    groups.addRecord(head & memberBit    ? RecordType::member
+                     : head & excludeBit ? RecordType::isEx
+                                         : RecordType::isIn,
+                     group);
+    for (std::uint32_t left = head & ~(memberBit | excludeBit); left > 0; --left)
         groups.addSource(reader.address());
 }
 
@@ -65,7 +69,6 @@ StateText::StateText() : checksum_(emptyChecksum) {
 void StateText::addInterface(InterfaceState const& interface) {
     addText(interface.name);
     addText(interface.vrf);
-    addNumber(interface.version, 1);
     std::size_t const countAt = text_.size();
     addNumber(0, 4);
     std::uint32_t count = 0;
@@ -77,7 +80,10 @@ void StateText::addInterface(InterfaceState const& interface) {
             break;
         }
         addNumber(record.group.host(), 4);
-        addNumber(record.sources.size() | (record.type == RecordType::isEx ? excludeBit : 0), 4);
+        addNumber(record.sources.size() | (record.type == RecordType::isEx     ? excludeBit
+                                           : record.type == RecordType::member ? memberBit
+                                                                               : 0),
+                  4);
         for (Lox::IpAddr const source : record.sources) addNumber(source.host(), 4);
         ++count;
     }
@@ -116,7 +122,6 @@ std::vector<InterfaceState> stateParse(std::string_view text) {
         InterfaceState& interface = interfaces.emplace_back();
         interface.name = reader.text(length);
         interface.vrf = reader.text(reader.number(1));
-        interface.version = unsigned(reader.number(1));
         for (std::uint64_t left = reader.number(4); left > 0; --left)
             readGroup(reader, interface.groups);
     }

@@ -3,9 +3,10 @@
 // times at which it is written.
 //
 // All numbers are big-endian. "ihproxyd", a 32-bit format version; for each interface its name and
-// its VRF, each a length octet and text, an octet with the IGMP version spoken, a 32-bit count of
-// groups, and the groups: address, 32 bits of the number of sources with the top bit set for
-// EXCLUDE, sources. Then a zero octet, and 64 bits of FNV-1a over all before. Nothing follows.
+// its VRF, each a length octet and text, a 32-bit count of groups, and the groups: address, 32 bits
+// of the number of sources, sources. Of these 32 bits the top one is set for EXCLUDE, the next one
+// for a group that version 2 told of.
+// Then a zero octet, and 64 bits of FNV-1a over all before. Nothing follows.
 #pragma once
 
 #include "agent/igmp/GroupRecord.h"
@@ -20,8 +21,7 @@ namespace Agent {
 struct InterfaceState {
     std::string name; ///< 1 to 255 octets, like that of the VRF
     std::string vrf;
-    unsigned version = 3;
-    RecordList groups; ///< IS_IN and IS_EX, a group possibly more than once
+    RecordList groups; ///< IS_IN, IS_EX and members, a group possibly more than once
 };
 
 /// Builds the text of a file, piece by piece.

@@ -86,7 +86,8 @@ struct GroupEntry {
     TimedLink answer{this};    ///< the answer to a specific query
     GroupLink walk{this};      ///< the walk over all groups with state, or over those leaving
     std::size_t wish = noWish; ///< index of what this turn wants of it
-    bool lastReporter = false; ///< nobody reported it after us (RFC 2236, 6)
+    bool lastReporter = false; ///< nobody reported it in version 2 after us (RFC 2236, 6)
+    bool formerV3 = false;     ///< before version 3: routers may know it from that all the same
     /// All that is asked is told by the general answer, too, if that comes sooner.
     bool generalServes = false;
 };

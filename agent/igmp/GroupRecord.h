@@ -11,7 +11,15 @@
 namespace Agent {
 
 /// RFC 9776, 4.2.13: current state, change of the filter mode, change of the source list.
-enum class RecordType : std::uint8_t { isIn = 1, isEx, toIn, toEx, allow, block };
+enum class RecordType : std::uint8_t {
+    isIn = 1,
+    isEx,
+    toIn,
+    toEx,
+    allow,
+    block,
+    member, ///< in no report: membership as a version 2 report tells it
+};
 
 /// One record; the sources belong to whoever made it and are in ascending order.
 struct GroupRecord {

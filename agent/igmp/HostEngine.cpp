@@ -142,6 +142,7 @@ void HostEngine::handleVersion(double now) {
     unsigned version = std::min(settings_.version, querier);
     if (version == version_) return;
     version_ = version;
+    heldChanged_ = true;
     if (linkUp_) output_.note("speaks version " + std::to_string(version));
     doCancel();
 }
@@ -231,7 +232,7 @@ void HostEngine::advance(double now) {
 void HostEngine::linkDown(double now) {
     if (linkUp_) {
         doReckonFormer(now); // so that no group stands in it twice, however often the link goes
-        for (auto const& [address, entry] : groups_) addHeldRecord(former_, entry.group);
+        for (auto const& [address, entry] : groups_) addHeldRecord(former_, entry);
         heldChanged_ = true;
     }
     linkUp_ = false;
@@ -269,7 +270,7 @@ bool HostEngine::addHeldRecords(RecordList& records, HeldPlace& place, std::size
     for (; most > 0; --most, ++place.at) {
         if (place.at < place.buckets) {
             for (auto at = groups_.begin(place.at); linkUp_ && at != groups_.end(place.at); ++at)
-                addHeldRecord(records, at->second.group);
+                addHeldRecord(records, at->second);
         } else {
             std::size_t const former = place.at - place.buckets;
             if (former >= former_.size()) return false;
@@ -279,11 +280,16 @@ bool HostEngine::addHeldRecords(RecordList& records, HeldPlace& place, std::size
     return true;
 }
 
-void HostEngine::addHeldRecord(RecordList& records, HostGroup const& group) const {
-    if (version_ == 3)
-        group.addHeldRecord(records);
-    else if (group.hasState() || group.hasChange())
-        records.addRecord(RecordType::isEx, group.group()); // all that those versions can say
+/// In the version by which routers know it. That is the one spoken now, which every group is told
+/// in as it is taken up; version 2 outlives the memory of its querier; and version 1 knows no
+/// leave, and has routers ignore those of the others (RFC 9776, 7.3.2).
+void HostEngine::addHeldRecord(RecordList& records, GroupEntry const& entry) const {
+    HostGroup const& group = entry.group;
+    if (version_ == 3) group.addHeldRecord(records);
+    if (version_ < 3 && entry.formerV3) records.addRecord(RecordType::isEx, group.group());
+    bool v2 = version_ == 2 ? group.hasState() || group.hasChange()
+                            : version_ == 3 && v2Held_ && entry.lastReporter;
+    if (v2) records.addRecord(RecordType::member, group.group());
 }
 
 void HostEngine::formerEnd(double now) {
@@ -292,19 +298,27 @@ void HostEngine::formerEnd(double now) {
     doSend(now);
 }
 
+/// A leave is owed in the version that told of the group, for a router may know no other: one of
+/// version 2 ignores the records of version 3, and one of version 3 heeds a version 2 leave only
+/// where it has heard a version 2 report (RFC 9776, 7.3.2). The version spoken now is not left out:
+/// the routers may have changed meanwhile, and to those that know the group by the other version,
+/// it does no harm.
 void HostEngine::doReckonFormer(double now) {
     for (std::size_t i = 0; i < former_.size(); ++i) {
         GroupRecord record = former_.record(i);
         GroupEntry& entry = groups_.try_emplace(record.group, record.group).first->second;
         HostGroup& group = entry.group;
+        bool v2 = record.type == RecordType::member;
         bool owed = false;
         if (version_ == 3) {
-            auto mode = record.type == RecordType::isEx ? FilterMode::exclude : FilterMode::include;
+            auto mode = record.type == RecordType::isIn ? FilterMode::include : FilterMode::exclude;
             owed = group.setFormer(mode, record.sources, robustness());
         } else if (!group.hasState()) { // only membership counts
             group.setRepeats(robustness());
-            owed = entry.lastReporter = true; // as far as anybody knows
+            entry.formerV3 |= !v2;
+            owed = v2 = true;
         }
+        if (v2) entry.lastReporter = v2Held_ = true; // as far as anybody knows
         if (owed && entry.change.queue != &fresh_) fresh_.add(entry.change, now, now);
         doRelease(entry);
     }

@@ -118,9 +118,9 @@ class HostEngine {
         std::size_t buckets = 0;
         std::size_t at = 0;
     };
-    /// Appends what routers may hold by about `most` groups from `place` on: IS_IN and IS_EX, a
-    /// group possibly more than once. Returns whether there may be more. Between two calls, groups
-    /// may come and go.
+    /// Appends what routers may hold by about `most` groups from `place` on: IS_IN, IS_EX and
+    /// members, a group possibly more than once. Returns whether there may be more. Between two
+    /// calls, groups may come and go.
     bool addHeldRecords(RecordList& records, HeldPlace& place, std::size_t most) const;
     /// Whether that has changed since the last call.
     bool takeHeldChange() { return std::exchange(heldChanged_, false); }
@@ -193,7 +193,7 @@ class HostEngine {
     void doAnnounceAll(double now);
     void doApplyWishes(double now);
     void doReckonFormer(double now);
-    void addHeldRecord(RecordList& records, HostGroup const& group) const;
+    void addHeldRecord(RecordList& records, GroupEntry const& entry) const;
     void doCancel();
     void doDrop(GroupQueue& queue);
     void doRelease(GroupEntry& entry);
@@ -209,6 +209,8 @@ class HostEngine {
     void doSendChanges(double now, GroupQueue& queue);
     void doSendOlderReport(double now, GroupQueue& queue);
     bool doSendOlderLeave(GroupEntry& entry);
+    void doTransmitLeave(GroupEntry const& entry);
+    void doEndChange(GroupEntry& entry);
     void doSendLeaves(double now);
     std::size_t doSendLeave();
     void doSendAnswers(double now);
@@ -255,6 +257,7 @@ class HostEngine {
     double v2QuerierExpiry_ = never;
     Querier querier_;
     unsigned heardRobustness_ = 0; // of the last version 3 query; 0: none
+    bool v2Held_ = false;          // routers may know groups by reports of version 2 alone
 
     GroupQueue fresh_;   // changes not told yet; they keep their turn however often they change
     GroupQueue repeats_; // changes to tell again; before version 3, the general answer, too

@@ -61,6 +61,8 @@ void HostEngine::handleQuery(double now, IgmpDatagram const& datagram) {
     else // 0 stands for our own (RFC 9776, 4.1.6)
         heardRobustness_ = query->robustness > 0 ? std::max<unsigned>(query->robustness, 2) : 0;
     handleVersion(now);
+    // A querier of version 3 heeds its records, whatever it has heard before (RFC 9776, 7.3.2).
+    if (version_ == 3 && query->version == 3 && query->isGeneral()) v2Held_ = false;
     if (query->version < 3 && settings_.ssmOnly) return;
     if (version_ == 3)
         doScheduleAnswer(now, *query);

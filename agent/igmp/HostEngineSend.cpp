@@ -86,14 +86,22 @@ void HostEngine::doSendChanges(double now, GroupQueue& queue) {
     // The groups of one packet share the random delay of the repeat, so that they stay together.
     double again = now + randomDelay(reportIntervalSeconds());
     doFillReport(
-        &HostCounters::v3StateChangeReportSent, [&] { return queue.first(now); },
+        &HostCounters::v3StateChangeReportSent,
+        [&] { return late_.empty() ? queue.first(now) : nullptr; },
         [&](HostGroup const& group) { group.addChangeRecords(records_); },
         [&](GroupEntry& entry) {
             GroupQueue::del(entry.change);
-            entry.group.changeSent();
+            doEndChange(entry);
             if (entry.group.hasChange()) repeats_.add(entry.change, now, again);
             doRelease(entry);
         });
+}
+
+/// The group's change is in a report of version 3. A leave is told in version 2 as well to routers
+/// that may know the group by that alone.
+void HostEngine::doEndChange(GroupEntry& entry) {
+    entry.group.changeSent();
+    if (v2Held_ && entry.lastReporter && !entry.group.hasState()) doTransmitLeave(entry);
 }
 
 void HostEngine::doSendAnswers(double now) {
@@ -138,6 +146,7 @@ void HostEngine::doSendOlderReport(double now, GroupQueue& queue) {
                    encodeMessage(v2 ? IgmpType::v2Report : IgmpType::v1Report, settings_.address,
                                  group.group()));
         entry.lastReporter = true;
+        v2Held_ |= v2;
         group.changeSent();
         if (group.hasChange())
             repeats_.add(entry.change, now, now + randomDelay(reportIntervalSeconds()));
@@ -156,15 +165,25 @@ void HostEngine::doSendOlderReport(double now, GroupQueue& queue) {
 bool HostEngine::doSendOlderLeave(GroupEntry& entry) {
     HostGroup& group = entry.group;
     // Whoever reported the group after us answers for it; version 1 knows no leave.
-    if (entry.lastReporter && version_ == 2) {
-        doTransmit(&HostCounters::v2LeavesSent,
-                   encodeMessage(IgmpType::v2Leave, settings_.address, group.group()));
+    bool v2 = entry.lastReporter && version_ == 2;
+    if (v2) doTransmitLeave(entry);
+    if (entry.formerV3)
+        doFillReport(
+            &HostCounters::v3StateChangeReportSent,
+            [first = &entry]() mutable { return std::exchange(first, nullptr); },
+            [&](HostGroup const&) { group.addChangeRecords(records_); }, [](GroupEntry const&) {});
+    if (v2 || entry.formerV3)
         group.changeSent();
-        if (group.hasChange()) return true;
-    }
-    entry.lastReporter = false;
-    group.dropChange();
+    else
+        group.dropChange();
+    if (group.hasChange()) return true;
+    entry.lastReporter = entry.formerV3 = false;
     return false;
+}
+
+void HostEngine::doTransmitLeave(GroupEntry const& entry) {
+    doTransmit(&HostCounters::v2LeavesSent,
+               encodeMessage(IgmpType::v2Leave, settings_.address, entry.group.group()));
 }
 
 /// The packets of one round follow each other in even steps, and each group is named in one packet
@@ -176,7 +195,9 @@ void HostEngine::doSendLeaves(double now) {
         ~Unlimited() { flag_ = false; } // whatever is thrown
         bool& flag_;
     } const unlimited(unlimited_);
-    for (unsigned packets = 0; leaveDue_ <= now && packets < mostLeavesAtOnce; ++packets) {
+    auto const packets = [&] { return counters_.v2LeavesSent + counters_.v3StateChangeReportSent; };
+    for (auto const before = packets();
+         leaveDue_ <= now && packets() - before < mostLeavesAtOnce;) {
         std::size_t named = leaving_.isEmpty() ? 0 : doSendLeave();
         leavingCount_ -= std::min(named, leavingCount_);
         if (!leaving_.isEmpty()) {
@@ -208,13 +229,13 @@ std::size_t HostEngine::doSendLeave() {
         &HostCounters::v3StateChangeReportSent, [&] { return leaving_.first(); },
         [&](HostGroup const& group) { group.addChangeRecords(records_); },
         [&](GroupEntry& entry) {
-            entry.group.changeSent();
+            doEndChange(entry);
             named(entry, entry.group.hasChange());
         });
 }
 
-/// Sends, or keeps the packet until the budget allows it; only the reports of one group, or the end
-/// of one report, are ever kept.
+/// Sends, or keeps the packet until the budget allows it; only what one group needs, or the end of
+/// one report, is ever kept.
 void HostEngine::doTransmit(Counter counter, std::span<std::uint8_t const> packet) {
     if (!budget_.has() && !unlimited_) {
         late_.push_back({counter, {packet.begin(), packet.end()}});

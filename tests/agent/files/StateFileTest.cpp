@@ -11,12 +11,13 @@ namespace {
 Lox::IpAddr address(std::uint32_t host) { return Lox::IpAddr::fromHost(host); }
 
 std::string stateText(unsigned groups = 2, unsigned sources = 1) {
-    InterfaceState first{"up0", "default", 2, {}}, second{"up1", "red", 3, {}};
+    InterfaceState first{"up0", "default", {}}, second{"up1", "red", {}};
     for (unsigned i = 0; i < groups; ++i) {
         first.groups.addRecord(RecordType::isIn, address(0xEF000000 + i));
         for (unsigned s = 0; s < sources; ++s) first.groups.addSource(address(0x0A0000FF + s));
     }
     second.groups.addRecord(RecordType::isEx, address(0xEF0000FF));
+    second.groups.addRecord(RecordType::member, address(0xEF0000FE));
     StateText text;
     text.addInterface(first);
     std::string const begun = text.take();
@@ -29,13 +30,14 @@ TEST(StateFileTest, WhatIsWrittenIsReadAndNoDamageIs) {
     std::string const text = stateText();
     auto const read = stateParse(text);
     ASSERT_EQ(read.size(), 2u);
-    EXPECT_EQ(read[0].name + read[0].vrf + read[1].name + read[1].vrf, "up0defaultup1red");
-    EXPECT_EQ(read[0].version, 2u);
+    EXPECT_EQ(read[0].name + read[0].vrf, "up0default");
+    EXPECT_EQ(read[1].name + read[1].vrf, "up1red");
     ASSERT_EQ(read[0].groups.size(), 2u);
     EXPECT_EQ(read[0].groups.record(1).group, address(0xEF000001));
     EXPECT_EQ(read[0].groups.record(1).type, RecordType::isIn);
     EXPECT_EQ(read[0].groups.record(1).sources[0], address(0x0A0000FF));
     EXPECT_EQ(read[1].groups.record(0).type, RecordType::isEx);
+    EXPECT_EQ(read[1].groups.record(1).type, RecordType::member);
     StateText none;
     none.endAdd();
     EXPECT_TRUE(stateParse(none.take()).empty());
@@ -58,7 +60,7 @@ TEST(StateFileTest, FileIsBoundedAndHoldsWhatFits) {
     EXPECT_LE(text.size(), StateText::mostOctets + 64);
     auto const read = stateParse(text);
     EXPECT_EQ(read.size(), 2u);
-    EXPECT_EQ(read[0].groups.size(), (StateText::mostOctets - 40) / 408);
+    EXPECT_EQ(read[0].groups.size(), (StateText::mostOctets - 38) / 408);
     EXPECT_EQ(stateParse(stateText(65536))[0].groups.size(), 65536u);
 }
 

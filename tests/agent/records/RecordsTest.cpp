@@ -44,7 +44,7 @@ class RecordsTest : public testing::Test {
         ports->handleConfiguration();
         ports->handleTurn(EventLoop::now());
     }
-    /// "up0 2 239.1.1.1" for a group that routers may hold of a host of version 2.
+    /// "up0 2 239.1.1.1" for a group that routers may hold by a report of version 2.
     Lines held() const {
         StateText text;
         for (auto const next = ports->heldWalk(); next(text);) {
@@ -52,9 +52,11 @@ class RecordsTest : public testing::Test {
         text.endAdd();
         Lines lines;
         for (InterfaceState const& each : stateParse(text.take()))
-            for (std::size_t i = 0; i < each.groups.size(); ++i)
-                lines.push_back(each.name + " " + std::to_string(each.version) + " " +
-                                each.groups.record(i).group.stringValue());
+            for (std::size_t i = 0; i < each.groups.size(); ++i) {
+                GroupRecord const record = each.groups.record(i);
+                lines.push_back(each.name + (record.type == RecordType::member ? " 2 " : " 3 ") +
+                                record.group.stringValue());
+            }
         return lines;
     }
 
@@ -248,8 +250,8 @@ TEST_F(RecordsTest, PortComesAndGoesWithItsEntityAndShowsWhatItCounts) {
 }
 
 TEST_F(RecordsTest, WhatAnEarlierRunOwesIsKeptUntilNobodyCanHearIt) {
-    InterfaceState former{"up1", "default", 2, {}};
-    former.groups.addRecord(RecordType::isEx, IpAddr("239.1.1.1"));
+    InterfaceState former{"up1", "default", {}};
+    former.groups.addRecord(RecordType::member, IpAddr("239.1.1.1"));
     InterfaceConfiguration const wanted;
     location.configuration = &wanted;
     ports->addFormer({former});
