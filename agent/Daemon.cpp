@@ -51,7 +51,8 @@ class StatusPart : public JsonPart {
 
 } // namespace
 
-Daemon::Daemon(Options options, Configuration configuration)
+Daemon::Daemon(Options options, Configuration configuration,
+               std::vector<InterfaceState> const& former)
     : options_(std::move(options)),
       writer_(state_),
       keeper_(loop_, options_.stateFile, [this] { return hosts_->heldWalk(); }),
@@ -61,7 +62,8 @@ Daemon::Daemon(Options options, Configuration configuration)
     root_ = state_.makeRoot();
     hosts_ = Nex::newObject<PortRegistry>(
         state_, loop_,
-        [this](std::string const& name, std::string const& vrf) { return locate(name, vrf); },
+        [this](std::string const& name, std::string const& space) { return locate(name, space); },
+        [this](std::string const& vrf) { return vrfs_->namespaceName(vrf); },
         [this](std::string const& name, bool present) { writer_.handleHost(name, present); });
     if (!hasCapability(CAP_NET_RAW))
         obstacles_.report("the agent", "has no CAP_NET_RAW: it can neither send nor hear IGMP",
@@ -74,7 +76,7 @@ Daemon::Daemon(Options options, Configuration configuration)
         });
     loop_.onExhaustion([this] { handleExhaustion(); });
     doFollowTime();
-    doReadState();
+    hosts_->addFormer(former);
     doConfigure(std::move(configuration));
     view_.emplace(AgentView{state_, writer_, *vrfs_, *hosts_, root_, obstacles_});
     doOpenControl();
@@ -90,16 +92,6 @@ void Daemon::doOpenControl() {
     } catch (std::system_error const& error) {
         if (wanted) throw;
         log(LogLevel::info, "no control socket: {}; --control names another place", error.what());
-    }
-}
-
-void Daemon::doReadState() {
-    if (options_.stateFile.empty()) return;
-    try {
-        hosts_->addFormer(stateRead(options_.stateFile));
-    } catch (std::exception const& error) {
-        log(LogLevel::warning, "{}: {}; groups of an earlier run are not left", options_.stateFile,
-            error.what());
     }
 }
 
@@ -137,19 +129,18 @@ void Daemon::NexSourceIntfSm::onSourceIntf(Lox::IntfId intfId) {
     notifier()->sourceIntf(intfId)->ipAddrIs(address);
 }
 
-IgmpHostPort::Location Daemon::locate(std::string const& name, std::string const& vrf) const {
-    IgmpHostPort::Location location;
-    if (!vrfs_) return location;
-    auto const& configured = writer_.configuration().interfaces;
-    auto const wanted = configured.find(name);
-    if (wanted != configured.end() && wanted->second.vrf == vrf)
-        location.configuration = &wanted->second;
-    location.settled = ready_ && (!location.configuration || settled(name, vrf));
-    if (InterfaceWriter const* const interfaces = vrfs_->interfaces(vrf)) {
-        location.followed = true;
-        location.device = interfaces->device(name);
-        location.namespaceFd = interfaces->place().namespaceFd;
+IgmpHostPort::Location Daemon::locate(std::string const& name,
+                                      std::string const& namespaceName) const {
+    if (!vrfs_) return {};
+    IgmpHostPort::Location location{vrfs_->whereabouts(name, namespaceName)};
+    Configuration const& file = writer_.configuration();
+    auto const wanted = file.interfaces.find(name);
+    if (wanted != file.interfaces.end()) {
+        auto const vrf = file.vrfs.find(wanted->second.vrf);
+        if (namespaceName == (vrf == file.vrfs.end() ? "" : vrf->second))
+            location.configuration = &wanted->second;
     }
+    location.settled = ready_ && (!location.configuration || settled(name, wanted->second.vrf));
     return location;
 }
 

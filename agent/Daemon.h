@@ -35,9 +35,9 @@ class Daemon : private Reloader::Target {
         std::string controlPath;
     };
 
-    /// Starts everything and puts the configuration in force. Throws std::system_error where the
-    /// kernel refuses what cannot be done without.
-    Daemon(Options options, Configuration configuration);
+    /// Starts everything and puts the configuration in force; `former` is what an earlier run has
+    /// announced. Throws std::system_error where the kernel refuses what cannot be done without.
+    Daemon(Options options, Configuration configuration, std::vector<InterfaceState> const& former);
     ~Daemon() override;
     Daemon(Daemon const&) = delete;
     Daemon& operator=(Daemon const&) = delete;
@@ -80,7 +80,6 @@ class Daemon : private Reloader::Target {
     void doReload(Reloader::Request request);
     void handleStatus();
     void handleTerminate();
-    void doReadState();
     bool settled(std::string const& name, std::string const& vrf) const;
     // Reloader::Target
     Configuration const& inForce() const override { return writer_.configuration(); }
@@ -95,7 +94,7 @@ class Daemon : private Reloader::Target {
     void doConfigure(Configuration configuration);
     void doRebuild();
     void handleExhaustion();
-    IgmpHostPort::Location locate(std::string const& name, std::string const& vrf) const;
+    IgmpHostPort::Location locate(std::string const& name, std::string const& namespaceName) const;
 
     Options options_;
     EventLoop loop_;

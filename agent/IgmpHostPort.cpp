@@ -53,11 +53,11 @@ std::pair<dev_t, ino_t> identityOf(int namespaceFd) {
 } // namespace
 
 IgmpHostPort::IgmpHostPort(EventLoop& loop, GroupChanges& changes, std::string name,
-                           std::string vrf, Locate locate)
+                           std::string namespaceName, Locate locate)
     : loop_(loop),
       changes_(changes),
       name_(std::move(name)),
-      vrf_(std::move(vrf)),
+      namespaceName_(std::move(namespaceName)),
       locate_(std::move(locate)),
       engine_(*this, seededRandom()) {}
 
@@ -66,14 +66,15 @@ IgmpHostPort::~IgmpHostPort() {
     doCloseSocket();
 }
 
-bool IgmpHostPort::fits(std::string const& vrf) const {
-    if (!socket_) return vrf == vrf_ || !engine_.hasFormer(); // leaves are owed to one network
-    Location const there = locate_(name_, vrf);
+bool IgmpHostPort::fits(std::string const& namespaceName) const {
+    // Leaves are owed to one network.
+    if (!socket_) return namespaceName == namespaceName_ || !engine_.hasFormer();
+    Location const there = locate_(name_, namespaceName);
     return there.device.ifindex == openIfindex_ && identityOf(there.namespaceFd) == openNamespace_;
 }
 
-void IgmpHostPort::attach(Nex::Ptr<Igmp::IgmpHost> host, std::string const& vrf) {
-    vrf_ = vrf;
+void IgmpHostPort::attach(Nex::Ptr<Igmp::IgmpHost> host, std::string const& namespaceName) {
+    namespaceName_ = namespaceName;
     leaveDeadline_ = Nex::never;
     // What the entity before it asked for and this one does not is left.
     v3groupDelAll();
@@ -172,8 +173,10 @@ void IgmpHostPort::doApplySettings(double now) {
     bool const up = kernel && kernel->up;
     bool const lost = !up || here.device.ifindex != openIfindex_;
     if (socket_ && here.followed && (lost || (!host() && !hasAddress(here)))) doClose(now);
+    bool const unwanted = !here.configuration && here.settled;
     // A device that went away with the operator's wish for it takes its network along.
-    forgotten_ = !kernel && !here.configuration && here.settled;
+    forgotten_ = here.followed && !kernel && unwanted;
+    seeking_ = !here.followed && unwanted && !socket_ && engine_.hasFormer();
     if (!up) return;
     if (!host()) return doApplyAbsence(here, now);
     doGiveSettings(here, now);

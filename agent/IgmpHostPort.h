@@ -31,30 +31,27 @@ namespace Agent {
 class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
   public:
     static constexpr char nexTypeName[] = "Agent::IgmpHostPort";
-    /// Where the interface is now, the namespace to open sockets in, and what the operator wants of
-    /// the interface, null for nothing.
-    struct Location {
-        bool followed = false; ///< whether anybody knows, as long as the VRF is there
-        Device device;
-        int namespaceFd = -1;
+    /// Where the interface is, and what the operator wants of it there, null for nothing.
+    struct Location : Whereabouts {
         InterfaceConfiguration const* configuration = nullptr;
         /// What the forwarding table asks for is known, too, as far as it was there at the start.
         bool settled = false;
     };
-    /// Told the interface's name and VRF.
-    using Locate = std::function<Location(std::string const& name, std::string const& vrf)>;
+    /// Told the names of the interface and of its namespace, empty for the agent's own.
+    using Locate = std::function<Location(std::string const& name, std::string const& space)>;
 
     /// Without an entity. `loop` and `changes`, which is told of groups, outlive this.
-    IgmpHostPort(EventLoop& loop, GroupChanges& changes, std::string name, std::string vrf,
-                 Locate locate);
+    IgmpHostPort(EventLoop& loop, GroupChanges& changes, std::string name,
+                 std::string namespaceName, Locate locate);
     ~IgmpHostPort() override;
 
-    std::string const& vrf() const { return vrf_; }
-    /// Whether an entity of the interface in that VRF may use this port: it speaks to the same
-    /// network, or to none.
-    bool fits(std::string const& vrf) const;
-    /// Announces what the entity asks for, in that VRF, in place of whatever was announced before.
-    void attach(Nex::Ptr<Igmp::IgmpHost> host, std::string const& vrf);
+    std::string const& namespaceName() const { return namespaceName_; }
+    /// Whether an entity of the interface in that namespace may use this port: it speaks to the
+    /// same network, or to none.
+    bool fits(std::string const& namespaceName) const;
+    /// Announces what the entity asks for, in that namespace, in place of whatever was announced
+    /// before.
+    void attach(Nex::Ptr<Igmp::IgmpHost> host, std::string const& namespaceName);
     /// The counters go here from now on.
     void setStatus(Nex::Ptr<Igmp::IgmpHostStatus> status) { status_ = std::move(status); }
     /// The entity is gone: leaves every group, if the interface can still be heard.
@@ -63,6 +60,8 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     bool finished(double now, bool ending);
     /// Whether it is finished all the same, and a later run may leave what this one could not.
     bool owes() const { return engine_.hasFormer() && !forgotten_; }
+    /// Whether it owes leaves in a namespace that nobody follows.
+    bool seeks() const { return seeking_; }
 
     /// What routers may hold from an earlier run that ended without leaving.
     void addFormer(RecordList const& groups) { engine_.addFormer(groups); }
@@ -102,7 +101,7 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
 
     void handleGroup(Lox::IpAddr group);
     void doMarkChanged(Lox::IpAddr group) { changedGroups_.findOrInsert(group); }
-    Location location() const { return locate_(name_, vrf_); }
+    Location location() const { return locate_(name_, namespaceName_); }
     void doApplySettings(double now);
     void doGiveSettings(Location const& here, double now);
     void doApplyAbsence(Location const& here, double now);
@@ -130,7 +129,7 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     EventLoop& loop_;
     GroupChanges& changes_;
     std::string name_;
-    std::string vrf_;
+    std::string namespaceName_;
     Locate locate_;
     Nex::Ptr<Igmp::IgmpHostStatus> status_;
     HostEngine engine_;
@@ -149,6 +148,7 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     LogLimit openErrors_;
     bool settingsChanged_ = true;
     bool forgotten_ = false; ///< nobody will ever hear what is owed
+    bool seeking_ = false;
     Nex::Set<Lox::IpAddr> changedGroups_;
     std::vector<Lox::IpAddr> sources_; ///< scratch
     NEX_WATCHED(Igmp::IgmpHost, host, NexIgmpHost)

@@ -18,8 +18,12 @@ std::string vrfOf(IgmpHostProxy::PlatformState const& state, Lox::IntfId const& 
 } // namespace
 
 PortRegistry::PortRegistry(IgmpHostProxy::PlatformState& state, EventLoop& loop,
-                           IgmpHostPort::Locate locate, Observer observer)
-    : state_(state), loop_(loop), locate_(std::move(locate)), observer_(std::move(observer)) {
+                           IgmpHostPort::Locate locate, NamespaceOf namespaceOf, Observer observer)
+    : state_(state),
+      loop_(loop),
+      locate_(std::move(locate)),
+      namespaceOf_(std::move(namespaceOf)),
+      observer_(std::move(observer)) {
     Nex::watch(hostDir_, state_.hostDir, this);
     for (auto const& item : state_.hostDir->igmpHost()) handleHost(item.key);
 }
@@ -37,21 +41,21 @@ void PortRegistry::doEndRebuild() {
 
 void PortRegistry::handleHost(Nex::Name const& name) {
     Nex::Ptr<Igmp::IgmpHost> const host = state_.hostDir->igmpHost(name);
-    std::string const vrf = vrfOf(state_, Lox::IntfId(name));
+    std::string const namespaceName = namespaceOf_(vrfOf(state_, Lox::IntfId(name)));
     if (auto const known = ports_.find(name); known != ports_.end()) {
         if (host && known->second->host() == host.get()) return;
-        if (!host || !known->second->fits(vrf)) doWithdraw(name);
+        if (!host || !known->second->fits(namespaceName)) doWithdraw(name);
     }
     if (!host) return;
     auto const [known, fresh] = ports_.try_emplace(name);
     try {
-        if (fresh) known->second = portFor(name, vrf);
+        if (fresh) known->second = portFor(name, namespaceName);
     } catch (...) {
         ports_.erase(known);
         throw;
     }
     Nex::Ptr<IgmpHostPort> const port = known->second;
-    port->attach(host, vrf);
+    port->attach(host, namespaceName);
     port->setStatus(state_.hostStatusDir->igmpHostStatusIs(name));
     observer_(name, true);
 }
@@ -66,17 +70,61 @@ void PortRegistry::doWithdraw(Nex::Name const& name) {
 }
 
 /// One that is still leaving takes the groups back.
-Nex::Ptr<IgmpHostPort> PortRegistry::portFor(std::string const& name, std::string const& vrf) {
+Nex::Ptr<IgmpHostPort> PortRegistry::portFor(std::string const& name,
+                                             std::string const& namespaceName) {
     auto const [first, last] = absent_.equal_range(name);
-    auto const found =
-        std::find_if(first, last, [&](auto const& item) { return item.second->fits(vrf); });
-    if (found != last) return absent_.extract(found).mapped();
-    return Nex::newObject<IgmpHostPort>(loop_, changes_, name, vrf, locate_);
+    auto const found = std::find_if(
+        first, last, [&](auto const& item) { return item.second->fits(namespaceName); });
+    if (found != last) {
+        absentGone_ = true;
+        return absent_.extract(found).mapped();
+    }
+    return Nex::newObject<IgmpHostPort>(
+        loop_, changes_, name, namespaceName,
+        [this](std::string const& intf, std::string const& space) { return locate(intf, space); });
+}
+
+IgmpHostPort::Location PortRegistry::locate(std::string const& name,
+                                            std::string const& namespaceName) const {
+    IgmpHostPort::Location location = locate_(name, namespaceName);
+    auto const left = left_.find(namespaceName);
+    if (!location.followed && left != left_.end())
+        static_cast<Whereabouts&>(location) = left->second.whereabouts(name);
+    return location;
+}
+
+/// Looks for the interfaces of ports that owe leaves where no VRF is any more, for as long as there
+/// are such ports. Whether there is more to look at.
+bool PortRegistry::doFollowLeft() {
+    if (std::exchange(absentGone_, false) && !left_.empty()) {
+        std::set<std::string> owed;
+        for (auto const& [name, port] : absent_) owed.insert(port->namespaceName());
+        std::erase_if(left_, [&](auto const& left) { return !owed.contains(left.first); });
+    }
+    for (auto const& [name, port] : absent_) {
+        std::string const space = port->seeks() ? port->namespaceName() : "";
+        if (space.empty() || left_.contains(space)) continue;
+        left_.try_emplace(space, loop_, space, [this, space] { leftChanged_.insert(space); });
+        leftChanged_.insert(space);
+    }
+    return !leftChanged_.empty();
+}
+
+void PortRegistry::doServe(double now) {
+    if (!leftChanged_.empty())
+        for (auto const& [name, port] : absent_)
+            if (leftChanged_.contains(port->namespaceName())) port->handleLocation();
+    leftChanged_.clear();
+    Nex::FirstError const error = doForPorts([&](IgmpHostPort& port) {
+        port.handleTurn(now);
+        heldChanged_ |= port.takeHeldChange();
+    });
+    error.rethrow();
 }
 
 void PortRegistry::addFormer(std::vector<InterfaceState> const& former) {
     for (InterfaceState const& interface : former) {
-        auto const port = portFor(interface.name, interface.vrf);
+        auto const port = portFor(interface.name, interface.namespaceName);
         port->addFormer(interface.groups);
         absent_.emplace(interface.name, port);
     }
@@ -113,7 +161,7 @@ class PortRegistry::HeldWalk {
         }
         IgmpHostPort const& port = *ports[port_];
         InterfaceState interface {
-            name_, port.vrf(), {}
+            name_, port.namespaceName(), {}
         };
         if (!port.addHeldRecords(interface.groups, place_, mostGroupsAtOnce)) {
             ++port_;
@@ -154,9 +202,10 @@ Nex::FirstError PortRegistry::doForPorts(Act act) {
 }
 
 void PortRegistry::handleTurn(double now) {
-    Nex::FirstError const error = doForPorts([&](IgmpHostPort& port) {
-        port.handleTurn(now);
-        heldChanged_ |= port.takeHeldChange();
+    Nex::FirstError error;
+    error.attempt([&] { doServe(now); });
+    error.attempt([&] {
+        if (doFollowLeft()) doServe(now); // in case that the namespace is known to be gone
     });
     doForgetFinished(now);
     error.rethrow();
@@ -166,7 +215,7 @@ void PortRegistry::doForgetFinished(double now) {
     for (auto at = absent_.begin(); at != absent_.end();) {
         auto const item = at++;
         if (!item->second->finished(now, ending_)) continue;
-        heldChanged_ = true;
+        heldChanged_ = absentGone_ = true;
         if (ending_ && item->second->owes())
             owing_.insert(absent_.extract(item));
         else

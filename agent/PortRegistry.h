@@ -9,12 +9,14 @@
 
 #include "agent/IgmpHostPort.h"
 #include "agent/files/StateKeeper.h"
+#include "agent/kernel/LeftNamespace.h"
 #include "agent/records/JsonStream.h"
 
 #include "Nex/Error.h"
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,9 +28,12 @@ class PortRegistry : public Nex::PtrInterface {
     /// Told the name of a host entity that came or went.
     using Observer = std::function<void(std::string const& name, bool present)>;
 
-    /// `state` and `loop` outlive this.
+    /// Told the name of a VRF, tells that of its namespace; empty for the agent's own.
+    using NamespaceOf = std::function<std::string(std::string const& vrf)>;
+
+    /// `locate` knows of the namespaces of VRFs. `state` and `loop` outlive this.
     PortRegistry(IgmpHostProxy::PlatformState& state, EventLoop& loop, IgmpHostPort::Locate locate,
-                 Observer observer);
+                 NamespaceOf namespaceOf, Observer observer);
     ~PortRegistry() override;
 
     /// What routers may hold from an earlier run, to be left unless it is wanted again. To be told
@@ -83,7 +88,10 @@ class PortRegistry : public Nex::PtrInterface {
 
     void handleHost(Nex::Name const& name);
     void doWithdraw(Nex::Name const& name);
-    Nex::Ptr<IgmpHostPort> portFor(std::string const& name, std::string const& vrf);
+    Nex::Ptr<IgmpHostPort> portFor(std::string const& name, std::string const& namespaceName);
+    IgmpHostPort::Location locate(std::string const& name, std::string const& namespaceName) const;
+    void doServe(double now);
+    bool doFollowLeft();
     void doForgetFinished(double now);
     /// The first behind `after` in the order of names; nothing at the end.
     std::optional<std::string> nameAfter(std::string const& after) const;
@@ -99,12 +107,17 @@ class PortRegistry : public Nex::PtrInterface {
     IgmpHostProxy::PlatformState& state_;
     EventLoop& loop_;
     IgmpHostPort::Locate locate_;
+    NamespaceOf namespaceOf_;
     Observer observer_;
     GroupChanges changes_;
     std::map<std::string, Nex::Ptr<IgmpHostPort>> ports_;
     /// Without an entity. An interface that moves to another network may have several.
     std::multimap<std::string, Nex::Ptr<IgmpHostPort>> absent_;
     std::multimap<std::string, Nex::Ptr<IgmpHostPort>> owing_; ///< of those, at the end
+    /// By name: those that ports without an entity were in when no VRF had them.
+    std::map<std::string, LeftNamespace> left_;
+    std::set<std::string> leftChanged_; ///< of these, or new
+    bool absentGone_ = false;           ///< a port that may have been the last in one of these
     bool ending_ = false;
     bool heldChanged_ = false;
     NEX_WATCHED(Igmp::IgmpHostDir, hostDir, NexIgmpHostDir)

@@ -31,6 +31,7 @@ VrfRegistry::VrfRegistry(IgmpHostProxy::PlatformState& state, EventLoop& loop, O
 }
 
 void VrfRegistry::doAdd(std::string const& name, std::optional<std::string> namespaceName) {
+    vrfOfNamespace_[namespaceName.value_or("")] = name;
     vrfs_[name] = std::make_unique<Vrf>(
         state_, loop_, obstacles_, name, std::move(namespaceName),
         [this, name](std::string const& interface) { return vrfOf(interface) == name; }, observer_);
@@ -54,6 +55,8 @@ void VrfRegistry::applyConfiguration(Configuration const& configuration) {
     for (auto const& item : vrfs_)
         if (goes(item)) item.second->doStop(); // while its interfaces can still be found
     std::erase_if(vrfs_, goes);
+    vrfOfNamespace_.clear();
+    for (auto const& item : vrfs_) vrfOfNamespace_[namespaceName(item.first)] = item.first;
     for (auto const& [name, namespaceName] : configuration.vrfs)
         if (!vrfs_.contains(name)) doAdd(name, namespaceName);
     for (auto const& [name, vrf] : vrfs_)
@@ -123,9 +126,17 @@ InterfaceWriter* VrfRegistry::interfacesOf(std::string const& interface) const {
     return found == vrfs_.end() ? nullptr : found->second->interfaces();
 }
 
-InterfaceWriter const* VrfRegistry::interfaces(std::string const& vrf) const {
+std::string VrfRegistry::namespaceName(std::string const& vrf) const {
     auto const found = vrfs_.find(vrf);
-    return found == vrfs_.end() ? nullptr : found->second->interfaces();
+    return found == vrfs_.end() ? "" : found->second->namespaceName().value_or("");
+}
+
+Whereabouts VrfRegistry::whereabouts(std::string const& interface,
+                                     std::string const& namespaceName) const {
+    auto const vrf = vrfs_.find(placeIn(vrfOfNamespace_, namespaceName));
+    InterfaceWriter const* const interfaces =
+        vrf == vrfs_.end() ? nullptr : vrf->second->interfaces();
+    return interfaces ? interfaces->whereabouts(interface) : Whereabouts();
 }
 
 bool VrfRegistry::routesTold(std::string const& vrf) const {

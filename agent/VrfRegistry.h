@@ -31,8 +31,10 @@ class VrfRegistry {
     void doRenew();
 
     bool synchronized() const;
-    /// The interfaces of a VRF; null while its namespace is not there.
-    InterfaceWriter const* interfaces(std::string const& vrf) const;
+    /// The name of a VRF's namespace; empty for the agent's own.
+    std::string namespaceName(std::string const& vrf) const;
+    /// Where an interface is in the namespace of that name, if that is there and a VRF's.
+    Whereabouts whereabouts(std::string const& interface, std::string const& namespaceName) const;
     /// Whether all routes of that VRF have been announced, as far as they were there at the start.
     bool routesTold(std::string const& vrf) const;
     /// What keeps an interface of the configuration from being used; empty for nothing, and nothing
@@ -58,6 +60,7 @@ class VrfRegistry {
     std::map<std::string, std::string> vrfOfInterface_; ///< of those that the configuration names
     Alarm retry_;
     std::map<std::string, std::unique_ptr<Vrf>> vrfs_;
+    std::map<std::string, std::string> vrfOfNamespace_; ///< one of them
 };
 
 } // namespace Agent

@@ -8,11 +8,13 @@
 #include "agent/loop/ServiceManager.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <signal.h>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -52,6 +54,17 @@ void holdRequests() {
     sigprocmask(SIG_BLOCK, &requests, nullptr);
 }
 
+/// What an earlier run has announced; nothing, with a warning, where the file is of no use.
+std::vector<Agent::InterfaceState> formerRead(std::string const& file) {
+    try {
+        if (!file.empty()) return Agent::stateRead(file);
+    } catch (std::exception const& error) {
+        Agent::log(Agent::LogLevel::warning, "{}: {}; groups of an earlier run are not left", file,
+                   error.what());
+    }
+    return {};
+}
+
 int serve(Agent::Daemon::Options options) {
     // Whoever reads the log may go away.
     signal(SIGPIPE, SIG_IGN);
@@ -61,8 +74,12 @@ int serve(Agent::Daemon::Options options) {
     Agent::ConfigurationReading reading = Agent::configurationRead(options.configurationFile);
     Agent::logDiagnostics(reading.diagnostics);
     if (!reading.valid()) return 1;
-    if (reading.configuration.vrfs.empty()) Agent::capabilitiesLimit(false);
-    Agent::Daemon daemon(std::move(options), std::move(reading.configuration));
+    auto const former = formerRead(options.stateFile);
+    bool const entersNone = std::all_of(former.begin(), former.end(), [](auto const& interface) {
+        return interface.namespaceName.empty();
+    });
+    if (reading.configuration.vrfs.empty() && entersNone) Agent::capabilitiesLimit(false);
+    Agent::Daemon daemon(std::move(options), std::move(reading.configuration), former);
     return daemon.run();
 }
 

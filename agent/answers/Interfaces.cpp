@@ -42,8 +42,8 @@ class InterfaceRows : public JsonElements {
 json interfaceJson(AgentView const& view, std::string const& name,
                    InterfaceConfiguration const& configured) {
     double const now = EventLoop::now();
-    InterfaceWriter const* const followed = view.vrfs.interfaces(configured.vrf);
-    Device const device = followed ? followed->device(name) : Device();
+    std::string const space = view.vrfs.namespaceName(configured.vrf);
+    Device const device = view.vrfs.whereabouts(name, space).device;
     std::string const obstacle = view.vrfs.obstacle(name).value_or("is not known yet");
     IgmpHostPort const* const port = view.ports.port(name);
     json row{{"name", name},

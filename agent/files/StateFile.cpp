@@ -67,8 +67,8 @@ StateText::StateText() : checksum_(emptyChecksum) {
 }
 
 void StateText::addInterface(InterfaceState const& interface) {
-    addText(interface.name);
-    addText(interface.vrf);
+    addText(interface.name, 1);
+    addText(interface.namespaceName, 2);
     std::size_t const countAt = text_.size();
     addNumber(0, 4);
     std::uint32_t count = 0;
@@ -101,8 +101,8 @@ std::string StateText::take() {
     return std::exchange(text_, {});
 }
 
-void StateText::addText(std::string const& text) {
-    addNumber(text.size(), 1);
+void StateText::addText(std::string const& text, unsigned lengthOctets) {
+    addNumber(text.size(), lengthOctets);
     text_ += text;
 }
 
@@ -121,7 +121,7 @@ std::vector<InterfaceState> stateParse(std::string_view text) {
     while (std::uint64_t const length = reader.number(1)) {
         InterfaceState& interface = interfaces.emplace_back();
         interface.name = reader.text(length);
-        interface.vrf = reader.text(reader.number(1));
+        interface.namespaceName = reader.text(reader.number(2));
         for (std::uint64_t left = reader.number(4); left > 0; --left)
             readGroup(reader, interface.groups);
     }

@@ -2,10 +2,10 @@
 // interface the groups announced, with their sources. Its format alone; StateKeeper.h has the
 // times at which it is written.
 //
-// All numbers are big-endian. "ihproxyd", a 32-bit format version; for each interface its name and
-// its VRF, each a length octet and text, a 32-bit count of groups, and the groups: address, 32 bits
-// of the number of sources, sources. Of these 32 bits the top one is set for EXCLUDE, the next one
-// for a group that version 2 told of.
+// All numbers are big-endian. "ihproxyd", a 32-bit format version; for each interface the length of
+// its name in an octet and the name, the length of its namespace's name in two and that name, a
+// 32-bit count of groups, and the groups: address, 32 bits of the number of sources, sources. Of
+// these 32 bits the top one is set for EXCLUDE, the next one for a group that version 2 told of.
 // Then a zero octet, and 64 bits of FNV-1a over all before. Nothing follows.
 #pragma once
 
@@ -19,9 +19,9 @@
 namespace Agent {
 
 struct InterfaceState {
-    std::string name; ///< 1 to 255 octets, like that of the VRF
-    std::string vrf;
-    RecordList groups; ///< IS_IN, IS_EX and members, a group possibly more than once
+    std::string name;          ///< 1 to 255 octets
+    std::string namespaceName; ///< as the configuration has it; empty for the agent's own
+    RecordList groups;         ///< IS_IN, IS_EX and members, a group possibly more than once
 };
 
 /// Builds the text of a file, piece by piece.
@@ -42,7 +42,7 @@ class StateText {
     static constexpr std::size_t mostOctets = 16 << 20;
 
   private:
-    void addText(std::string const& text);
+    void addText(std::string const& text, unsigned lengthOctets);
     void addNumber(std::uint64_t number, unsigned octets);
 
     std::string text_;

@@ -43,10 +43,10 @@ KernelInterface const* KernelInterfaces::interface(int ifindex) const {
     return found == interfaces().end() ? nullptr : &found->second;
 }
 
-int KernelInterfaces::interfaceIndex(std::string_view name) const {
+Device KernelInterfaces::device(std::string_view name) const {
     auto const found = std::find_if(interfaces().begin(), interfaces().end(),
                                     [&](auto const& entry) { return entry.second.name == name; });
-    return found == interfaces().end() ? 0 : found->first;
+    return found == interfaces().end() ? Device() : Device{found->first, &found->second};
 }
 
 void KernelInterfaces::onMessage(nlmsghdr const& message, bool ofDump) {

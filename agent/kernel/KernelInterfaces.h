@@ -9,6 +9,19 @@
 
 namespace Agent {
 
+/// A kernel interface found by its name.
+struct Device {
+    int ifindex = 0; ///< 0 for none
+    KernelInterface const* kernel = nullptr;
+};
+
+/// Where an interface is now, and the namespace to open sockets in.
+struct Whereabouts {
+    bool followed = false; ///< whether anybody knows
+    Device device;
+    int namespaceFd = -1;
+};
+
 class KernelInterfaces final : private Netlink::Observer {
   public:
     /// Told the index of an interface that is new, changed or gone; looks its state up again. What
@@ -33,8 +46,7 @@ class KernelInterfaces final : private Netlink::Observer {
     std::map<int, KernelInterface> const& interfaces() const { return table_.interfaces(); }
     /// Null if there is none. Valid until the next receive().
     KernelInterface const* interface(int ifindex) const;
-    /// 0 if there is none.
-    int interfaceIndex(std::string_view name) const;
+    Device device(std::string_view name) const;
 
   private:
     void onMessage(nlmsghdr const& message, bool ofDump) override;

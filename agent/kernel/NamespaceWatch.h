@@ -33,6 +33,8 @@ class NamespaceWatch {
     /// The namespace, which can be entered; negative while there is none. One that goes is closed
     /// once the observer has been told.
     int namespaceFd() const { return namespace_.get(); }
+    /// Whether there is none of that name, as far as the last look could tell.
+    bool absent() const { return namespaceFd() < 0 && failure_.empty(); }
     /// Why there is none; empty while there is one.
     std::string obstacle() const;
 

@@ -32,11 +32,6 @@ void InterfaceWriter::doReopen() {
     doFollow();
 }
 
-Device InterfaceWriter::device(std::string const& name) const {
-    int const ifindex = kernel_.interfaceIndex(name);
-    return {ifindex, ifindex == 0 ? nullptr : kernel_.interface(ifindex)};
-}
-
 Lox::IpAddr InterfaceWriter::address(std::string const& name) const {
     KernelInterface const* const kernel = device(name).kernel;
     return kernel && kernel->up ? kernel->primaryAddress() : Lox::IpAddr();

@@ -14,12 +14,6 @@
 
 namespace Agent {
 
-/// A kernel interface found by its name.
-struct Device {
-    int ifindex = 0; ///< 0 for none
-    KernelInterface const* kernel = nullptr;
-};
-
 class InterfaceWriter {
   public:
     struct Place {
@@ -39,11 +33,13 @@ class InterfaceWriter {
     InterfaceWriter(InterfaceWriter const&) = delete;
     InterfaceWriter& operator=(InterfaceWriter const&) = delete;
 
-    Place const& place() const { return place_; }
     bool synchronized() const { return kernel_.synchronized(); }
     /// Begins a reading again that the kernel has given up; to be called every few seconds.
     void doRetry();
-    Device device(std::string const& name) const;
+    Device device(std::string const& name) const { return kernel_.device(name); }
+    Whereabouts whereabouts(std::string const& name) const {
+        return {synchronized(), device(name), place_.namespaceFd};
+    }
     /// 0.0.0.0 unless the interface is usable.
     Lox::IpAddr address(std::string const& name) const;
     /// What keeps it from being usable; empty for nothing, and nothing before all has been read.

@@ -69,13 +69,28 @@ TEST_F(AgentTest, InterfaceThatLeavesAndIsConfiguredAgainJoinsWhatItWants) {
 }
 
 TEST_F(AgentTest, LeavesOutliveTheVrfOfTheirInterface) {
-    std::string const vrf = "[vrf.red]\nnamespace = '" + net->nearName() + "'\n";
     std::string inRed = groupsOn("up0", twoGroups);
     inRed.insert(inRed.find('\n') + 1, "vrf = 'red'\n");
-    start(vrf + inRed);
-    ASSERT_TRUE(wire->hearsOnly(twice(joined)));
-    reload("");
-    EXPECT_TRUE(wire->hearsOnly(twice(left)));
+    inRed += "[vrf.red]\nnamespace = '" + net->nearName() + "'\n";
+    std::pair<char const*, std::function<void()>> const ends[] = {
+        {"with the link up", [&] { reload(""); }},
+        {"while the link is away",
+         [&] {
+             net->nearIp("link set up0 down");
+             reload("");
+             wire->forget();
+             net->nearIp("link set up0 up");
+         }},
+        {"while the agent is dead", [&] {
+             crash({"239.1.1.1", "239.1.1.2"});
+             start("");
+         }}};
+    for (auto const& [when, end] : ends) {
+        start(inRed);
+        ASSERT_TRUE(wire->hearsOnly(twice(joined)));
+        end();
+        EXPECT_TRUE(wire->hearsOnly(twice(left))) << when << agent->output();
+    }
 }
 
 TEST_F(AgentTest, InterfaceRemovedWhileItsLinkIsAwayIsLeftWhenTheLinkIsBack) {

@@ -75,7 +75,8 @@ class ReloadMemoryTest : public testing::Test {
         net->nearAwaitUp("up1"); // what comes up later would be announced later
         inside.emplace(net->nearName());
         daemon.emplace(Daemon::Options{path, {}, {}, path + "-control"},
-                       configurationParse(before, path).configuration);
+                       configurationParse(before, path).configuration,
+                       std::vector<InterfaceState>());
         daemon->loop().atEndOfTurn([this] {
             if (--turnsLeft_ <= 0) daemon->loop().stop(0);
         });

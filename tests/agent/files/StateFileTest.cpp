@@ -11,7 +11,7 @@ namespace {
 Lox::IpAddr address(std::uint32_t host) { return Lox::IpAddr::fromHost(host); }
 
 std::string stateText(unsigned groups = 2, unsigned sources = 1) {
-    InterfaceState first{"up0", "default", {}}, second{"up1", "red", {}};
+    InterfaceState first{"up0", "", {}}, second{"up1", "/run/netns/red", {}};
     for (unsigned i = 0; i < groups; ++i) {
         first.groups.addRecord(RecordType::isIn, address(0xEF000000 + i));
         for (unsigned s = 0; s < sources; ++s) first.groups.addSource(address(0x0A0000FF + s));
@@ -30,8 +30,8 @@ TEST(StateFileTest, WhatIsWrittenIsReadAndNoDamageIs) {
     std::string const text = stateText();
     auto const read = stateParse(text);
     ASSERT_EQ(read.size(), 2u);
-    EXPECT_EQ(read[0].name + read[0].vrf, "up0default");
-    EXPECT_EQ(read[1].name + read[1].vrf, "up1red");
+    EXPECT_EQ(read[0].name + read[0].namespaceName, "up0");
+    EXPECT_EQ(read[1].name + read[1].namespaceName, "up1/run/netns/red");
     ASSERT_EQ(read[0].groups.size(), 2u);
     EXPECT_EQ(read[0].groups.record(1).group, address(0xEF000001));
     EXPECT_EQ(read[0].groups.record(1).type, RecordType::isIn);
@@ -60,7 +60,7 @@ TEST(StateFileTest, FileIsBoundedAndHoldsWhatFits) {
     EXPECT_LE(text.size(), StateText::mostOctets + 64);
     auto const read = stateParse(text);
     EXPECT_EQ(read.size(), 2u);
-    EXPECT_EQ(read[0].groups.size(), (StateText::mostOctets - 38) / 408);
+    EXPECT_EQ(read[0].groups.size(), (StateText::mostOctets - 32) / 408);
     EXPECT_EQ(stateParse(stateText(65536))[0].groups.size(), 65536u);
 }
 

@@ -16,7 +16,7 @@ class StateKeeperTest : public LoopFixture {
         if (calls++ == 1) throw std::bad_alloc();
         if (added == 2) return false;
         InterfaceState interface {
-            "up" + std::to_string(added++), "default", {}
+            "up" + std::to_string(added++), "", {}
         };
         interface.groups.addRecord(RecordType::isEx, Lox::IpAddr("239.1.1.1"));
         text.addInterface(interface);

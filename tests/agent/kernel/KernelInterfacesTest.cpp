@@ -53,7 +53,7 @@ class KernelInterfacesTest : public testing::Test {
             return condition();
         });
     }
-    int index() const { return followed->interfaceIndex("up0"); }
+    int index() const { return followed->device("up0").ifindex; }
     KernelInterface const* up0() const { return followed->interface(index()); }
 
     /// Waits until the table shows what a newcomer reads of the kernel.
@@ -132,8 +132,8 @@ TEST_F(KernelInterfacesTest, AfterAnOverrunOnlyDifferencesAreTold) {
     testing::internal::CaptureStderr();
     expectFresh();
     EXPECT_NE(testing::internal::GetCapturedStderr().find("lost"), std::string::npos);
-    EXPECT_GE(reported.count(followed->interfaceIndex("aux0")), 1u);
-    EXPECT_LT(reported.count(followed->interfaceIndex("lo")), 200u);
+    EXPECT_GE(reported.count(followed->device("aux0").ifindex), 1u);
+    EXPECT_LT(reported.count(followed->device("lo").ifindex), 200u);
     EXPECT_EQ(reported.count(index()), 0u);
 }
 

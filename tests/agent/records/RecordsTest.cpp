@@ -27,6 +27,7 @@ class RecordsTest : public testing::Test {
         platform.root = platform.makeRoot();
         ports = Nex::newObject<PortRegistry>(
             platform, loop, [this](std::string const&, std::string const&) { return location; },
+            [](std::string const&) { return ""; },
             [this](std::string const& name, bool present) {
                 told += (present ? "+" : "-") + name;
                 writer.handleHost(name, present);
@@ -250,7 +251,7 @@ TEST_F(RecordsTest, PortComesAndGoesWithItsEntityAndShowsWhatItCounts) {
 }
 
 TEST_F(RecordsTest, WhatAnEarlierRunOwesIsKeptUntilNobodyCanHearIt) {
-    InterfaceState former{"up1", "default", {}};
+    InterfaceState former{"up1", "", {}};
     former.groups.addRecord(RecordType::member, IpAddr("239.1.1.1"));
     InterfaceConfiguration const wanted;
     location.configuration = &wanted;
@@ -261,6 +262,13 @@ TEST_F(RecordsTest, WhatAnEarlierRunOwesIsKeptUntilNobodyCanHearIt) {
     doTurn();
     EXPECT_EQ(held(), Lines{});
 
+    location.followed = false; // no VRF is where it was
+    former.namespaceName = "no-such-namespace";
+    ports->addFormer({former});
+    doTurn();
+    EXPECT_EQ(held(), Lines{}) << "nor is its namespace";
+
+    former.namespaceName = "";
     location.configuration = &wanted;
     former.name = "up2";
     ports->addFormer({former});
