@@ -22,6 +22,8 @@ constexpr double openRetrySeconds = 1;
 /// When leaving is given up, in seconds: a little after the engine has told everything, if the
 /// interface takes the packets.
 constexpr double leaveSeconds = 0.95;
+/// How soon leaving is tried again then, in seconds.
+constexpr double leaveRetrySeconds = 3;
 /// How long groups that were announced before wait for the forwarding table to ask for them again,
 /// in seconds: about as long as routers keep them (RFC 9776, 8.4).
 constexpr double settlingSeconds = 260;
@@ -75,6 +77,7 @@ bool IgmpHostPort::fits(std::string const& namespaceName) const {
 
 void IgmpHostPort::attach(Nex::Ptr<Igmp::IgmpHost> host, std::string const& namespaceName) {
     namespaceName_ = namespaceName;
+    doKeepUntold();
     leaveDeadline_ = Nex::never;
     // What the entity before it asked for and this one does not is left.
     v3groupDelAll();
@@ -99,6 +102,11 @@ void IgmpHostPort::detach(double now) {
 
 void IgmpHostPort::doLeave(double now) {
     try {
+        leaving_ = {};
+        HostEngine::HeldPlace place;
+        while (socket_ && engine_.addHeldRecords(leaving_, place, 1000)) {
+        }
+        leavingDrops_ = socket_ ? socket_->dropped() : 0;
         engine_.leaveAll(now);
     } catch (...) { // tried again as if the link had been away
         doClose(now);
@@ -114,10 +122,22 @@ bool IgmpHostPort::finished(double now, bool ending) {
     if (!socket_) return ending || forgotten_ || !engine_.hasFormer();
     bool const told = engine_.hasLeft() && socket_->queued() == 0;
     if (!told && now < leaveDeadline_) return false;
-    if (std::uint64_t const lost = socket_->queued() + socket_->dropped() - loggedDrops_)
+    if (std::uint64_t const lost = untold(); lost > 0 && leaveWarnings_.admitted(now))
         logAbout(name_, LogLevel::warning, "gave up on {} packets while leaving", lost);
     doClose(now);
-    return true;
+    if (engine_.hasFormer()) retryTime_ = now + leaveRetrySeconds;
+    return ending || !engine_.hasFormer();
+}
+
+/// Packets that the interface has not taken since leaving began.
+std::uint64_t IgmpHostPort::untold() const {
+    return leaving_.size() == 0 ? 0 : socket_->queued() + socket_->dropped() - leavingDrops_;
+}
+
+/// Nobody knows which groups those packets name: all are owed their leaves again.
+void IgmpHostPort::doKeepUntold() {
+    if (untold() > 0) engine_.addFormer(leaving_);
+    leaving_ = {};
 }
 
 void IgmpHostPort::handleGroup(Lox::IpAddr group) {
@@ -134,7 +154,7 @@ void IgmpHostPort::handleLocation() { settingsChanged_ = true; }
 void IgmpHostPort::handleTurn(double now) {
     if (!changedGroups_.empty()) doApplyGroups();
     if (settingsChanged_) doApplySettings(now);
-    engine_.flush(now);
+    if (!congested()) engine_.flush(now);
     if (endsFormer()) doEndFormer(now);
     doFlushSocket(now);
     doPublishCounters();
@@ -246,6 +266,7 @@ void IgmpHostPort::doOpen(Location const& here, double now) {
 
 void IgmpHostPort::doClose(double now) {
     engine_.linkDown(now);
+    doKeepUntold();
     doCloseSocket();
     retryTime_ = leaveDeadline_ = Nex::never;
 }

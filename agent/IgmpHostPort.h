@@ -5,8 +5,8 @@
 // It outlives the entity: without one it leaves its groups, at once or once the link and an address
 // are back, and may be given an entity again at any time.
 //
-// Timers: the engine's, one to try again to open the socket or to send into a full queue, one that
-// ends the wait for the forwarding table, and one that ends the attempt to leave.
+// Timers: the engine's, one to try again to open the socket, to leave, or to send into a full
+// queue, one that ends the wait for the forwarding table, and one that ends an attempt to leave.
 #pragma once
 
 #include "agent/GroupChanges.h"
@@ -115,6 +115,8 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     void doClose(double now);
     void doCloseSocket();
     void doFlushSocket(double now);
+    std::uint64_t untold() const;
+    void doKeepUntold();
     /// Whether leaving waits for the interface to take packets.
     bool congested() const { return socket_ && !engine_.hasLeft() && socket_->queued() > 0; }
     void doLogDrops(double now);
@@ -142,10 +144,13 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     /// When to try again what failed: to open the socket, or to send into a full queue.
     double retryTime_ = Nex::never;
     double leaveDeadline_ = Nex::never; ///< when to give up leaving
+    RecordList leaving_;                ///< what routers held as leaving began
+    std::uint64_t leavingDrops_ = 0;    ///< of the socket by then
     std::uint64_t loggedDrops_ = 0;     ///< of those of the socket
     LogLimit sendWarnings_;
     LogLimit notes_{1};
     LogLimit openErrors_;
+    LogLimit leaveWarnings_;
     bool settingsChanged_ = true;
     bool forgotten_ = false; ///< nobody will ever hear what is owed
     bool seeking_ = false;

@@ -147,18 +147,25 @@ TEST_F(AgentTest, InterfaceThatRefusesPacketsHoldsUpNeitherReloadNorEnd) {
     start(oneGroup);
     ASSERT_TRUE(wire->hearsOnly(twice(joined)));
     Netns::Inside const inside(net->nearName());
-    if (std::system("tc qdisc add dev up0 root bfifo limit 1") != 0)
-        GTEST_SKIP() << "no bfifo in this kernel";
+    auto const qdisc = [](std::string const& words) {
+        return std::system(("tc qdisc " + words).c_str()) == 0;
+    };
+    if (!qdisc("add dev up0 root bfifo limit 1")) GTEST_SKIP() << "no bfifo in this kernel";
     wire->forget();
     reload(groupsOn("up0", "'239.1.1.3' = {}\n"));
     EXPECT_TRUE(agent->says("not sent, the last one because of: No buffer space"))
         << agent->output();
     reload("");
     EXPECT_TRUE(agent->says("packets while leaving")) << agent->output();
+    EXPECT_TRUE(qdisc("del dev up0 root"));
+    Lines const left{"TO_IN 239.1.1.3", "TO_IN 239.1.1.3"};
+    EXPECT_TRUE(wire->hearsOnly(left)) << "what it has not taken it is offered again";
+    EXPECT_TRUE(qdisc("add dev up0 root bfifo limit 1"));
     reload(oneGroup);
     agent->signal(SIGTERM);
     EXPECT_EQ(agent->exitStatus(), 0);
     EXPECT_TRUE(wire->hearsOnly({}));
+    EXPECT_NE(folder.read("state"), "") << "for the next run";
 }
 
 TEST_F(AgentTest, AfterADisorderOfEventsAllIsAsTheFileSays) {
