@@ -3,6 +3,7 @@
 #pragma once
 
 #include "netns/Netns.h"
+#include "support/Descriptors.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -15,7 +16,6 @@
 #include <sstream>
 #include <string>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
@@ -102,14 +102,7 @@ class AgentProcess {
         return 0;
     }
     /// Lets it open only so many descriptors from now on.
-    void leaveDescriptors(int count) const {
-        std::string const used = "/proc/" + std::to_string(pid_) + "/fd/";
-        rlimit limit{};
-        prlimit(pid_, RLIMIT_NOFILE, nullptr, &limit);
-        for (limit.rlim_cur = 0; count > 0; ++limit.rlim_cur)
-            if (!std::filesystem::is_symlink(used + std::to_string(limit.rlim_cur))) --count;
-        prlimit(pid_, RLIMIT_NOFILE, &limit, nullptr);
-    }
+    void leaveDescriptors(int count) const { Support::leaveDescriptors(pid_, count); }
     std::size_t openDescriptors() const {
         std::filesystem::directory_iterator const files("/proc/" + std::to_string(pid_) + "/fd");
         return std::size_t(std::distance(begin(files), end(files)));
