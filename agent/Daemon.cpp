@@ -154,6 +154,7 @@ bool Daemon::settled(std::string const& name, std::string const& vrf) const {
 
 void Daemon::doConfigure(Configuration configuration) {
     try {
+        if (damaged_) doDismantle(); // half of it would go by what was not heard
         // Before any interface is there: the machine looks at all of them for each table that
         // comes.
         for (auto const& item : configuration.vrfs)
@@ -174,17 +175,22 @@ void Daemon::doConfigure(Configuration configuration) {
     }
 }
 
+/// The machines go, and all that they have written.
+void Daemon::doDismantle() {
+    hosts_->doDetach();
+    root_ = nullptr;
+    state_.hostDir->igmpHostDelAll();
+    state_.hostStatusDir->igmpHostStatusDelAll();
+    state_.status->intfStatusDelAll();
+}
+
 /// Something has failed half way, most likely for want of memory, and nobody knows what the
 /// machines have heard. They are made anew, over records that are written anew; the ports stay, so
 /// that the network hears of nothing but differences. If this fails, too, it is tried again.
 void Daemon::doRebuild() {
     if (ending_) return;
     handleExhaustion();
-    hosts_->doDetach();
-    root_ = nullptr;
-    state_.hostDir->igmpHostDelAll();
-    state_.hostStatusDir->igmpHostStatusDelAll();
-    state_.status->intfStatusDelAll();
+    doDismantle();
     writer_.doRewrite([this] {
         root_ = state_.makeRoot();
         hosts_->doAttach();

@@ -92,6 +92,7 @@ class Daemon : private Reloader::Target {
     void endChanges() override { hosts_->endChanges(); }
 
     void doConfigure(Configuration configuration);
+    void doDismantle();
     void doRebuild();
     void handleExhaustion();
     IgmpHostPort::Location locate(std::string const& name, std::string const& namespaceName) const;
