@@ -45,8 +45,8 @@ class Daemon : private Reloader::Target {
     /// Serves until a signal ends it; the exit status.
     int run() { return loop_.run(); }
     EventLoop& loop() { return loop_; }
-    /// Whether the configuration file is being read or put in force.
-    bool reloading() const { return !reloader_.idle(); }
+    /// Whether the configuration file is being read once more.
+    bool reading() const { return reloader_.reading(); }
     IgmpHostProxy::PlatformState const& state() const { return state_; }
 
   private:

@@ -16,7 +16,7 @@ using nlohmann::json;
 /// How long an answer waits at most for what follows from a configuration, in seconds: routes of a
 /// large table come slowly.
 constexpr double longestSettling = 10;
-constexpr double retrySeconds = 0.1;
+constexpr double anotherTrySeconds = 0.1;
 
 json toJson(std::vector<Diagnostic> const& diagnostics) {
     json all = json::array();
@@ -55,7 +55,11 @@ Reloader::Reloader(EventLoop& loop, Target& target, std::string file)
 void Reloader::reload(Request request, bool told) {
     waiting_.push_back(std::move(request));
     if (told && !std::exchange(told_, true)) serviceReloading();
-    if (idle()) doBegin();
+    if (reading()) return;
+    if (settling_)
+        doSettle(); // whoever asked before hears what has come of it so far
+    else
+        doBegin();
 }
 
 void Reloader::doBegin() {
@@ -132,7 +136,7 @@ void Reloader::doRefuse(std::string const& text, std::vector<Diagnostic> const& 
 
 void Reloader::undo(Request request) {
     if (before_ == 0) throw RpcError(RpcError::refused, "there was no other configuration before");
-    if (!idle()) throw RpcError(RpcError::refused, "a reload is under way");
+    if (reading() || settling_) throw RpcError(RpcError::refused, "a reload is under way");
     served_.push_back(std::move(request));
     doUndo("undone");
 }
@@ -146,7 +150,7 @@ void Reloader::confirm() {
 
 void Reloader::handleUnconfirmed() {
     // What is being read now is refused, and then it is undone.
-    if (!idle()) return unconfirmed_.arm(retrySeconds);
+    if (reading() || settling_) return unconfirmed_.arm(anotherTrySeconds);
     doUndo("not confirmed");
 }
 
@@ -160,16 +164,15 @@ void Reloader::doUndo(char const* why) {
 }
 
 void Reloader::handleTurn() {
-    if (!settling_ || (!target_.settled() && EventLoop::now() < settleBy_)) return;
-    settling_ = false;
-    doAnswer();
-    doEnd();
+    if (settling_ && (target_.settled() || EventLoop::now() >= settleBy_)) doSettle();
 }
 
-void Reloader::doAnswer() {
+void Reloader::doSettle() {
+    settling_ = false;
     for (Request const& each : served_)
         if (each.reply) each.reply->result(answerJson());
     target_.endChanges();
+    doEnd();
 }
 
 json Reloader::answerJson() const {

@@ -61,8 +61,7 @@ class Reloader {
     /// The end of a turn.
     void handleTurn();
 
-    /// Nothing is being read or worked off.
-    bool idle() const { return !work_ && !settling_; }
+    bool reading() const { return work_ != nullptr; }
     nlohmann::json statusJson() const;
 
   private:
@@ -73,7 +72,7 @@ class Reloader {
     void doPutInForce(Configuration configuration, unsigned number);
     void doRefuse(std::string const& text, std::vector<Diagnostic> const& found = {});
     nlohmann::json answerJson() const;
-    void doAnswer();
+    void doSettle();
     void doEnd();
     void handleUnconfirmed();
     void doUndo(char const* why);

@@ -20,7 +20,7 @@ bool isAnswered(std::string const& path) {
     return unixConnect(unixSocket(SOCK_NONBLOCK), path) || errno == EAGAIN;
 }
 
-std::pair<dev_t, ino_t> identityOf(std::string const& path) {
+std::pair<dev_t, ino_t> fileIdentity(std::string const& path) {
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0) return {};
     return {status.st_dev, status.st_ino};
@@ -51,7 +51,7 @@ ControlServer::ControlServer(EventLoop& loop, std::string path, RpcMethods const
     try {
         checked(chmod(made.c_str(), socketMode), path_.c_str());
         checked(listen(socket_.get(), backlog), path_.c_str());
-        identity_ = identityOf(made);
+        identity_ = fileIdentity(made);
         checked(rename(made.c_str(), path_.c_str()), path_.c_str());
     } catch (...) {
         unlink(made.c_str());
@@ -62,7 +62,7 @@ ControlServer::ControlServer(EventLoop& loop, std::string path, RpcMethods const
 
 ControlServer::~ControlServer() {
     loop_.unwatch(socket_.get());
-    if (identityOf(path_) == identity_) unlink(path_.c_str());
+    if (fileIdentity(path_) == identity_) unlink(path_.c_str());
 }
 
 void ControlServer::setGroup(std::string const& name) {

@@ -12,7 +12,7 @@ namespace {
 /// Of the kernel's answers, whatever room it is offered.
 constexpr std::size_t largestPiece = 32768;
 /// For the answers to one question.
-constexpr int receiveBufferBytes = 1 << 20;
+constexpr int answerBufferBytes = 1 << 20;
 
 void addressPut(nlmsghdr& message, std::uint16_t type, Lox::IpAddr address) {
     std::uint8_t octets[4];
@@ -23,7 +23,7 @@ void addressPut(nlmsghdr& message, std::uint16_t type, Lox::IpAddr address) {
 } // namespace
 
 RouteQuery::RouteQuery(int namespaceFd)
-    : socket_(netlinkOpen(NETLINK_ROUTE, namespaceFd, receiveBufferBytes)) {}
+    : socket_(netlinkOpen(NETLINK_ROUTE, namespaceFd, answerBufferBytes)) {}
 
 void RouteQuery::requestAll() {
     dump_ = true;

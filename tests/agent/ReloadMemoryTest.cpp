@@ -111,7 +111,8 @@ class ReloadMemoryTest : public testing::Test {
         std::raise(SIGHUP);
         memory.counting = memory.first != 0;
         doTurns(2); // one in which the signal arrives, at least
-        while (daemon->reloading()) doTurns(1);
+        while (daemon->reading()) doTurns(1);
+        doTurns(1);
         memory.counting = false;
     }
     /// Until timers have done what is left.

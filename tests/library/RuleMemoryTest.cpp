@@ -54,12 +54,12 @@ TEST(RuleMemory, CountsAreRightTheNextTime) {
             Lists calm, lists;
             for (std::size_t at = 0; at <= failing; ++at) (calm.*steps[at])();
             for (std::size_t at = 0; at < failing; ++at) (lists.*steps[at])();
-            memory = {true, 0, refused, refused};
+            memory.refuse(refused, refused);
             try {
                 (lists.*steps[failing])();
             } catch (std::bad_alloc const&) {
             }
-            bool const over = std::exchange(memory, {}).count < refused;
+            bool const over = memory.stop() < refused;
             (lists.*steps[failing])();
             lists.again();
             ASSERT_EQ(lists.counts(), calm.counts());

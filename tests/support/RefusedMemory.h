@@ -14,6 +14,18 @@ struct Memory {
     std::atomic<long> count = 0;
     long first = 0, last = 0;
 
+    /// Begins to count, and to refuse from the `from`th on up to the `to`th; 0 for none.
+    void refuse(long from, long to) {
+        count = 0;
+        first = from;
+        last = to;
+        counting = true;
+    }
+    /// Ends that; returns the count.
+    long stop() {
+        counting = false;
+        return count;
+    }
     bool refuses() {
         if (!counting) return false;
         long const at = ++count;
