@@ -1,5 +1,5 @@
 // Watches records, all that lies below them and all that appears there later, and does something at
-// one notification, counted from 0.
+// one notification, counted from 0, or at each.
 #pragma once
 
 #include "Igmp/IgmpHost.h"
@@ -18,6 +18,8 @@ struct Watch;
 
 class Disturber : public Nex::PtrInterface {
   public:
+    static constexpr unsigned always = ~0u;
+
     Disturber(unsigned at, std::function<void()> disturb) : at_(at), disturb_(std::move(disturb)) {}
     ~Disturber() override { stop(); }
     void stop() {
@@ -36,7 +38,7 @@ class Disturber : public Nex::PtrInterface {
     template <class Value>
     void hear(Value const& value) {
         Below{*this}.attr("", value);
-        if (count_++ == at_) disturb_();
+        if (count_++ == at_ || at_ == always) disturb_();
     }
 
   private:

@@ -1,0 +1,151 @@
+// What scenarios cannot say of the machines: how they are made and destroyed, and what they do with
+// inputs that are null.
+#include "Library.h"
+
+namespace IgmpHostProxy {
+namespace {
+
+class Machines : public OneInterface {};
+
+template <class Error, class F>
+std::string errorOf(F provoke) {
+    try {
+        provoke();
+    } catch (Error const& error) {
+        return error.what();
+    }
+    return "no error";
+}
+
+TEST_F(Machines, ErrorsTellTheWholeStory) {
+    auto const other = IntfStatus::IntfStatusIs(up0);
+
+    std::string const reinstantiating =
+        "Reinstantiating the pointer interface where constructor parameter attribute _";
+    auto const bind = [&](auto record, auto host, auto source) {
+        world.root->igmpHostIntfSmIs(up0, record, host, binding().igmpHostStatus(), source);
+    };
+    EXPECT_EQ(errorOf<Nex::NameInUseException>(
+                  [&] { bind(other, binding().igmpHost(), binding().srcIntfIhpIntf()); }),
+              reinstantiating + "intfStatus has a different value of " + Nex::textOf(status) +
+                  ", " + Nex::textOf(other));
+    EXPECT_EQ(errorOf<Nex::NameInUseException>([&] {
+                  bind(status, binding().igmpHost(), Ip::SourceIntf::SourceIntf::SourceIntfIs(up1));
+              }).find(reinstantiating + "srcIntfIhpIntf has a different value of "),
+              0u);
+    EXPECT_EQ(errorOf<Nex::RangeException>([&] { binding().groupSourceListStatusIs(nullptr); }),
+              "null _groupSourceListStatus parameter to mutator for "
+              "IgmpHostProxy::IgmpHostIntfSm::groupSourceListStatus not allowed\"");
+}
+
+/// The machines in the order in which they were destroyed.
+struct Destructions : Nex::DestructionObserver {
+    Destructions() { Nex::PtrInterface::destructionObserverIs(this); }
+    ~Destructions() { Nex::PtrInterface::destructionObserverIs(nullptr); }
+    void onDestruction(Nex::PtrInterface const& object) override {
+        note<IgmpHostProxySm>(object, "root");
+        note<KernelVrfIntfStatus>(object, "view");
+        note<Interface::NetNsIntfStatusManagerRoot>(object, "manager root");
+        note<IgmpHostProxyIntfSm>(object, "proxy machine");
+        note<IgmpHostIntfSm>(object, "binding");
+        note<IntfStatus>(object, "status record");
+        note<Igmp::IgmpHost>(object, "host entity");
+        note<GroupSource>(object, "group record");
+    }
+    template <class T>
+    void note(Nex::PtrInterface const& object, char const* what) {
+        if (dynamic_cast<T const*>(&object)) lines.push_back(what);
+    }
+    Lines lines;
+};
+
+TEST_F(Machines, GoInOrderAndDeleteNoRecord) {
+    world.tables("blue");
+    world.vrf("blue", "ns-blue");
+    world.usableIntf("up1", 3, "blue");
+    world.config->intfConfigIs(up1);
+    config->groupSourceListIs(groupG)->includeSourceListIs(sourceS);
+    Lines const before = world.dump();
+    Destructions destructions;
+    world.root = nullptr;
+    EXPECT_EQ(destructions.lines, (Lines{"root", "view", "view", "manager root", "proxy machine",
+                                         "proxy machine", "binding", "binding"}));
+    EXPECT_EQ(world.dump(), before);
+}
+
+TEST_F(Machines, ARootWithoutInputsWaitsAndComplainsAboutNothing) {
+    auto const root =
+        igmpHostProxySmFactory(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                               nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+    EXPECT_TRUE(root->initialized());
+    root->handleIntfConfig();
+    root->handleIntfConfig(up0);
+    root->handleMfibKesh();
+    root->handleMfibKesh(L3::VrfName("default"));
+    root->handleIpAddrChange();
+    root->ipStatusCheckTimerExpired();
+    root->initializeIgmpHost("up0");
+    root->createOrDeleteIgmpHostIntfSm();
+    root->createOrDeleteIgmpHostIntfSm("up0");
+    root->deleteIntfSm(up0);
+    root->getIntfEthAddr(L3::VrfName("default"), 2);
+    root->handleDeviceName(L3::VrfName("default"), up0);
+    root->handleVrf();
+    root->handleVrf(L3::VrfName("blue"));
+    EXPECT_EQ(root->doGetVrfNameFromIntf(up0), L3::VrfName());
+}
+
+TEST(MachinesWithoutAnInput, LiveOnTheOthers) {
+    using Inputs = PlatformState;
+    auto const live = [](auto Inputs::*missing) {
+        World world;
+        Inputs inputs(world);
+        inputs.*missing = nullptr;
+        world.root = inputs.makeRoot();
+        world.config->intfConfigIs(up0)->groupSourceListIs(groupG)->includeSourceListIs(sourceS);
+        world.tables("blue");
+        world.vrf("blue", "ns-blue");
+        world.usableIntf("up0", 2, "blue");
+        world.config->intfConfigIs(up1);
+        world.hostStatusDir->igmpHostStatusIs("up0");
+        world.pass(2);
+        world.addressOf("up0", "0.0.0.0");
+        world.delistIntf("up0");
+        world.listIntf("up0", "ns-blue");
+        world.mfibDir->keshCollDel(L3::VrfName("blue"));
+        world.config->intfConfigDel(up0);
+        world.hostStatusDir->igmpHostStatusDel("up0");
+        world.allVrfStatusLocal->vrfDel(L3::VrfName("blue"));
+        EXPECT_EQ(world.root->igmpHostProxyIntfSm(up0), nullptr);
+    };
+    live(&Inputs::config), live(&Inputs::status), live(&Inputs::mfibDir), live(&Inputs::aclConfig);
+    live(&Inputs::hostDir), live(&Inputs::hostStatusDir), live(&Inputs::sourceIntfSm);
+    live(&Inputs::ipStatus), live(&Inputs::allIntfStatusDir), live(&Inputs::allIntfStatusLocalDir);
+    live(&Inputs::allVrfStatusLocal), live(&Inputs::timerWheel), live(&Inputs::entityManager);
+}
+
+// The binding can do without any of its objects, too.
+TEST_F(Machines, ABindingWithoutObjectsWaits) {
+    auto const binding =
+        Nex::newObject<IgmpHostIntfSm>(up0, nullptr, nullptr, nullptr, nullptr, nullptr);
+    EXPECT_TRUE(binding->initialized());
+    binding->handleGroupList(groupG);
+    binding->handleIgmpHostV3ReportsSent();
+}
+
+TEST_F(Machines, CountersHaveNoFloor) {
+    SourceGroup const sg(sourceS, groupG);
+    EXPECT_EQ(machine().groupSourceRefCounterInc(sg, 3), 3u);
+    EXPECT_EQ(machine().groupSourceRefCounterDec(sg, 4), ~std::uint32_t(0));
+}
+
+TEST(MachinesDeathTest, AMissingClockIsAProgrammingError) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(IgmpHostProxyIntfSm::IgmpHostProxyIntfSmIs(up0, IntfConfig::IntfConfigIs(up0),
+                                                            IntfStatus::IntfStatusIs(up0), nullptr,
+                                                            nullptr, nullptr, nullptr, nullptr),
+                 "clock_");
+}
+
+} // namespace
+} // namespace IgmpHostProxy
