@@ -36,15 +36,6 @@ inline std::string sourcesOf(GroupSource const* groupSource) {
     return text;
 }
 
-/// How many lines show a group or a source of a group that was told to the host anew.
-inline std::ptrdiff_t toldToHost(Lines const& lines) {
-    return std::count_if(lines.begin(), lines.end(), [](std::string const& line) {
-        return line.find(" igmpHost v3group") != line.npos ||
-               line.find(" Changing mode to ") != line.npos ||
-               line.find(" Deleting source : ") != line.npos;
-    });
-}
-
 /// Interface up0 with the means to write access lists and routes. Nothing is reviewed but when a
 /// test moves the time on or calls for it.
 class Producers : public OneInterface {
