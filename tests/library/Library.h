@@ -7,7 +7,6 @@
 #include "support/InProcessPlatform.h"
 
 #include <algorithm>
-#include <functional>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
@@ -139,44 +138,6 @@ struct World : Support::InProcessPlatform {
 
     Nex::ManualTime time{100};
     Nex::Map<Nex::String, Nex::Ptr<KernelNetInfo::Status>> kniTables;
-};
-
-/// Calls back when a record's entries come, change or go, until the callback takes one up, which
-/// its answer says.
-template <class Record, class Key>
-class EntryWatch : public Nex::Reactor<typename Record::NotifieeConst, Nex::PtrInterface> {
-  public:
-    using Hear = std::function<bool(Key const& key, bool present)>;
-    EntryWatch(Nex::Ptr<Record const> record, Hear hear)
-        : Nex::Reactor<typename Record::NotifieeConst, Nex::PtrInterface>(
-              std::move(record), static_cast<Nex::PtrInterface*>(nullptr)),
-          hear_(std::move(hear)) {}
-    void hear(Key const& key, bool present) {
-        if (!std::exchange(takenUp_, true)) takenUp_ = hear_(key, present);
-    }
-
-  private:
-    Hear hear_;
-    bool takenUp_ = false;
-};
-struct InterfaceWatch : EntryWatch<Status, Lox::IntfId> {
-    using EntryWatch::EntryWatch;
-    void onIntfStatus(Lox::IntfId key) override { hear(key, notifier()->intfStatusHas(key)); }
-};
-struct StatusWatch : EntryWatch<IntfStatus, Lox::IpAddr> {
-    using EntryWatch::EntryWatch;
-    void onGroupSourceList(Lox::IpAddr key) override {
-        hear(key, notifier()->groupSourceListHas(key));
-    }
-};
-struct SourceWatch : EntryWatch<GroupSource, Lox::IpAddr> {
-    using EntryWatch::EntryWatch;
-    void onIncludeSourceList(Lox::IpAddr key) override {
-        hear(key, notifier()->includeSourceListHas(key));
-    }
-    void onExcludeSourceList(Lox::IpAddr key) override {
-        hear(key, notifier()->excludeSourceListHas(key));
-    }
 };
 
 /// Takes a source back as the writer of the configuration does: out of the configured list, into
