@@ -567,6 +567,9 @@ class Play : public World {
             {"walked", [&] { return walked(); }},
             {"reviewed",
              [&] { return seconds(time.now() - machine().reviewTimer()->lastReviewTime()); }},
+            {"table-reactor",
+             [&] { return machine().mfibKesh(tableOf(a[1]).get()) ? "yes" : "no"; }},
+            {"list-reactor", [&] { return machine().acl(a[1]) ? "yes" : "no"; }},
             {"mounted", [&] { return mounted(a[1]); }},
             {"managed",
              [&] {
