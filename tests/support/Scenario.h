@@ -43,8 +43,8 @@ struct Scenario {
     friend void PrintTo(Scenario const& scenario, std::ostream* out) { *out << scenario.title; }
 };
 
-/// Those of all files of a directory, in the order of their names. "== " and a title begin one; what
-/// a file has before its first is part of each. "#" begins a comment.
+/// Those of all files of a directory, in the order of their names. "== " and a title begin one;
+/// what a file has before its first is part of each. "#" begins a comment.
 inline std::vector<Scenario> scenariosIn(std::filesystem::path const& directory) {
     std::vector<Scenario> all;
     std::vector<std::filesystem::path> paths;

@@ -10,64 +10,19 @@
 //
 // g1 is 239.1.1.1; a, b and c are 10.0.0.11 and the next ones; "10.0.0.1*4" is as many in a row.
 #include "agent/igmp/HostEngineFixture.h"
+#include "support/Scenario.h"
 
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <map>
 #include <set>
-#include <sstream>
 
 namespace Agent {
 namespace {
 
-using Words = std::vector<std::string>;
-
-struct Turn {
-    int line;
-    Words columns;
-};
-struct Scenario {
-    std::string file, title;
-    std::vector<Turn> turns;
-};
-
-void PrintTo(Scenario const& scenario, std::ostream* out) { *out << scenario.title; }
-
-/// The parts of a text, without the spaces around them.
-Words parts(std::string const& text, char separator) {
-    Words all;
-    std::istringstream stream(text);
-    for (std::string part; std::getline(stream, part, separator);) {
-        part.erase(0, part.find_first_not_of(' '));
-        part.erase(part.find_last_not_of(' ') + 1);
-        all.push_back(part);
-    }
-    return all;
-}
-
-Words words(std::string const& text) {
-    Words all = parts(text, ' ');
-    std::erase(all, "");
-    return all;
-}
-
-std::vector<Scenario> scenarios() {
-    std::vector<Scenario> all;
-    for (auto const& entry : std::filesystem::directory_iterator(IHP_SCENARIOS)) {
-        std::ifstream file(entry.path());
-        int number = 0;
-        for (std::string line; std::getline(file, line);) {
-            ++number;
-            line.erase(std::min(line.find('#'), line.size()));
-            if (line.starts_with("== "))
-                all.push_back({entry.path().filename(), line.substr(3), {}});
-            else if (Words columns = parts(line, '|'); !words(line).empty())
-                columns.resize(3), all.back().turns.push_back({number, columns});
-        }
-    }
-    return all;
-}
+using Support::Line;
+using Support::parts;
+using Support::words;
+using Support::Words;
 
 Sources addresses(std::string const& word) {
     std::size_t const star = word.find('*');
@@ -98,10 +53,13 @@ Words packets(std::string const& text) {
     return all;
 }
 
-class HostScenarioTest : public HostEngineFixture, public testing::WithParamInterface<Scenario> {
+class HostScenarioTest : public HostEngineFixture,
+                         public testing::WithParamInterface<Support::Scenario> {
   protected:
-    void doTurn(Turn const& turn) {
-        std::string events = turn.columns[0];
+    void doTurn(Line const& line) {
+        Words columns = parts(line.text, '|');
+        columns.resize(3);
+        std::string events = columns[0];
         if (events.starts_with("+")) {
             std::size_t digits = 0;
             serve(std::stod(events, &digits));
@@ -110,11 +68,11 @@ class HostScenarioTest : public HostEngineFixture, public testing::WithParamInte
         for (std::string const& event : parts(events, ';')) doEvent(words(event));
         engine->flush(now);
         std::string const said = taken();
-        if (turn.columns[1] == "...")
+        if (columns[1] == "...")
             EXPECT_NE(said, "");
         else
-            EXPECT_EQ(packets(said), packets(turn.columns[1]));
-        for (std::string const& fact : words(turn.columns[2])) {
+            EXPECT_EQ(packets(said), packets(columns[1]));
+        for (std::string const& fact : words(columns[2])) {
             std::size_t const end = fact.find_first_of("=<");
             std::string const name = fact.substr(0, end);
             double const is = name == "changed" ? engine->takeHeldChange() : facts().at(name),
@@ -250,22 +208,14 @@ class HostScenarioTest : public HostEngineFixture, public testing::WithParamInte
 };
 
 TEST_P(HostScenarioTest, SaysWhatItShould) {
-    for (Turn const& turn : GetParam().turns) {
-        SCOPED_TRACE(GetParam().file + ":" + std::to_string(turn.line) + ": " + GetParam().title);
-        ASSERT_NO_THROW(doTurn(turn));
+    for (Line const& line : GetParam().lines) {
+        SCOPED_TRACE(line.file + ":" + std::to_string(line.number) + ": " + GetParam().title);
+        ASSERT_NO_THROW(doTurn(line));
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(, HostScenarioTest, testing::ValuesIn(scenarios()),
-                         [](auto const& scenario) {
-                             std::string name;
-                             for (std::string word : words(scenario.param.title)) {
-                                 word[0] = char(std::toupper(word[0]));
-                                 std::erase_if(word, [](char c) { return !std::isalnum(c); });
-                                 name += word;
-                             }
-                             return name;
-                         });
+INSTANTIATE_TEST_SUITE_P(, HostScenarioTest, testing::ValuesIn(Support::scenariosIn(IHP_SCENARIOS)),
+                         Support::NameOfScenario());
 
 } // namespace
 } // namespace Agent
