@@ -42,7 +42,7 @@ struct InProcessPlatform : IgmpHostProxy::PlatformState {
         allIntfStatusDir->intfStatusIs(intfId)->operUpIs(true);
     }
     void delistIntf(std::string const& intf) {
-        allIntfStatusDir->intfStatus(Lox::IntfId(intf))->operUpIs(false);
+        allIntfStatusDir->intfStatusIs(Lox::IntfId(intf))->operUpIs(false);
     }
     /// The address is told as the interface is registered, and whenever it changes later.
     void addressOf(std::string const& intf, std::string const& address) {

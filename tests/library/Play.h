@@ -1,0 +1,642 @@
+// A world that is written and looked at by words, for tests that are written down as text.
+//
+// 1 to 9 are the sources 10.0.0.1 and so on, * is any source; g3 is 239.1.1.3, g2.3 is 239.1.2.3;
+// "+i12 g1" configures sources, "-i1" takes one back, "s+e*" writes into the status itself: see
+// doSources(). doEvent() names the events, fact() what is to be known.
+#pragma once
+
+#include "Disturber.h"
+#include "Producers.h"
+#include "support/Scenario.h"
+
+#include <map>
+#include <memory>
+#include <numeric>
+#include <optional>
+
+namespace IgmpHostProxy {
+
+using Support::parts;
+using Support::words;
+using Support::Words;
+
+template <>
+struct Watch<Vardo::EntityManager> : Nex::Reactor<Vardo::EntityManager::NotifieeConst, Disturber> {
+    using Reactor::Reactor;
+    void onMounted(Nex::String) override { machine()->hear(nullptr); }
+};
+
+inline std::string joined(Words const& all, char const* between) {
+    std::string text;
+    for (auto const& each : all) text += (&each == all.data() ? "" : between) + each;
+    return text;
+}
+
+/// The world of one scenario. What an event does not name is about interface up0.
+class Play : public World {
+  public:
+    Play() {
+        entityManager->factoryIs("KernelNetInfo::Status", [this](Nex::String const& path) {
+            if (path == pathOf(refused_)) throw Nex::RangeException(path);
+            return kniTable(path);
+        });
+    }
+    void doEvents(std::string const& text) {
+        for (auto const& event : parts(text, ';'))
+            if (Words a = words(event); !a.empty()) {
+                a.resize(8);
+                doEvent(a);
+            }
+    }
+    /// A turn of a scenario, traced. What it throws is a fact.
+    void doTurn(std::string const& events) {
+        if (!trace_) trace_.emplace(3);
+        trace_->take();
+        stamps_ = stamps();
+        thrown_ = "nothing";
+        try {
+            if (events.starts_with("when"))
+                doWhen(words(events.substr(0, events.find(": "))),
+                       events.substr(events.find(": ") + 1));
+            else
+                doEvents(events);
+        } catch (std::exception const& error) {
+            thrown_ = error.what();
+        }
+        traced_ = trace_->take();
+        for (std::string& line : traced_) {
+            line.erase(line.find_last_not_of(' ') + 1);
+            for (auto const& [name, table] : tables_) doName(line, table.get(), name);
+            if (!root || !root->igmpHostProxyIntfSm(up0)) continue;
+            for (auto const& item : machine().igmpHostProxyAclHelper())
+                doName(line, item.value.get(), item.key);
+        }
+    }
+    Lines const& traced() const { return traced_; }
+    /// Whether something is to happen still inside a notification.
+    bool waits() const {
+        return std::any_of(nested_.begin(), nested_.end(),
+                           [](auto const& nested) { return !nested->happened; });
+    }
+
+  protected:
+    using W = Words const&;
+    using Table = Kesh::Multicast::Fib::Status;
+    using Directory = Interface::DeviceIntfStatusDir;
+    using SourceIntf = Ip::SourceIntf::SourceIntf;
+
+    // Words
+    static Lox::IpAddr address(std::string const& word) {
+        if (word == "*") return anySource;
+        if (word.size() == 1) return ip("10.0.0." + word);
+        if (word[0] != 'g') return ip(word);
+        return ip((word.find('.') == word.npos ? "239.1.1." : "239.1.") + word.substr(1));
+    }
+    /// "g1,g3", or "g1..3" for all from g1 to g3.
+    static std::vector<Lox::IpAddr> allOf(std::string const& word) {
+        std::vector<Lox::IpAddr> all;
+        for (auto const& part : parts(word, ',')) {
+            std::size_t const dots = part.find("..");
+            Lox::IpAddr const first = address(part.substr(0, dots));
+            auto const last = dots == part.npos ? first : address("g" + part.substr(dots + 2));
+            for (std::uint32_t host = first.host(); host <= last.host(); ++host)
+                all.push_back(Lox::IpAddr::fromHost(host));
+        }
+        return all;
+    }
+    static std::uint32_t number(std::string const& word) { return std::uint32_t(std::stoul(word)); }
+    /// "g0/30" or "g0/255.255.0.255"; without a mask, a single address, or any.
+    static Lox::IpAddrWithFullMask range(std::string const& word) {
+        Words const split = parts(word, '/');
+        Lox::IpAddr const base = address(split[0]);
+        if (split.size() == 1) return {base, base == anySource ? 0 : oneAddress};
+        bool const dotted = split[1].find('.') != std::string::npos;
+        return {base,
+                dotted ? ip(split[1]).host() : std::uint32_t(~0ull << (32 - number(split[1])))};
+    }
+    /// "-" is the empty name.
+    static std::string orDefault(std::string const& name, char const* otherwise = "default") {
+        return name.empty() ? otherwise : name == "-" ? "" : name;
+    }
+    static std::string seconds(double time) {
+        std::ostringstream text;
+        time == Nex::never ? text << "never" : text << std::round(time * 1000) / 1000;
+        return text.str();
+    }
+
+    /// What is to happen inside a notification, once or each time.
+    struct Nested {
+        std::string last; ///< what the fact was that is waited for
+        bool again, happened = false;
+    };
+
+    /// The record of that name, made when there is none.
+    template <class Record, class Make>
+    static Nex::Ptr<Record> named(std::map<std::string, Nex::Ptr<Record>>& records,
+                                  std::string const& name, Make make) {
+        auto& record = records[name];
+        return record ? record : record = make();
+    }
+
+    static std::string pathOf(std::string const& ns) { return "kni/ns/" + ns + "/status"; }
+    static void doName(std::string& line, void const* object, std::string const& name) {
+        std::string const address = Nex::textOf(object);
+        if (auto const at = line.find(address); at != line.npos)
+            line.replace(at, address.size(), name);
+    }
+
+    IgmpHostProxyIntfSm& machine() const { return *root->igmpHostProxyIntfSm(up0); }
+    IgmpHostIntfSm& binding() const { return *root->igmpHostIntfSm(up0); }
+    KernelVrfIntfStatus* view(std::string const& vrf) const {
+        return root->kernelVrfIntfStatus(L3::VrfName(vrf));
+    }
+    // Records by name: "" is the world's own, while there is one, and "nothing" is null.
+    Nex::Ptr<IntfConfig> configOf(std::string const& name) {
+        if (name == "nothing") return nullptr;
+        if (Nex::Ptr<IntfConfig> const record = config->intfConfig(up0); record && name.empty())
+            return record;
+        return named(configs_, name, [] { return IntfConfig::IntfConfigIs(up0); });
+    }
+    Nex::Ptr<IntfStatus> statusOf(std::string const& name) {
+        if (name == "nothing") return nullptr;
+        if (name.empty()) return intfStatus("up0");
+        return named(statuses_, name, [] { return IntfStatus::IntfStatusIs(up0); });
+    }
+    /// A list's rules in force, or a version of its own.
+    Nex::Ptr<Acl::AclSubConfig> rulesOf(std::string const& name) {
+        if (auto const found = versions_.find(name); found != versions_.end()) return found->second;
+        Nex::Ptr<Acl::AclConfig> const list = aclConfig->aclIs(name);
+        if (!list->currCfg()) list->currCfgIs(Acl::AclSubConfig::AclSubConfigIs(name));
+        return list->currCfg();
+    }
+    Nex::Ptr<Table> tableOf(std::string const& name) {
+        return named(tables_, name, [&] { return Table::StatusIs(name); });
+    }
+    Nex::Ptr<Directory> directoryOf(std::string const& name) {
+        return named(directories_, name, [&] { return Directory::DeviceIntfStatusDirIs(name); });
+    }
+
+    /// "[c|d|s|h|m][+|-][[i|e]SOURCES] [GROUPS]": what comes or goes in the groups that are
+    /// configured, listed as deleted, or announced; in the entry that is held; in the machine's
+    /// counts. Without sources the group itself does. "+i1" is "c+i1", and "-i1" takes a source
+    /// back as the writer of the configuration does.
+    void doSources(char where, bool add, std::string const& sources, std::string const& groups) {
+        auto const written = configOf(config_);
+        for (auto const group : allOf(groups.empty() ? "g1" : groups)) {
+            if (sources.empty() && !add)
+                where == 's'   ? statusOf(status_)->groupSourceListDel(group)
+                : where == 'd' ? written->deletedGroupSourceListDel(group)
+                               : written->groupSourceListDel(group);
+            bool const include = sources[0] == 'i';
+            for (char const name : sources.empty() ? sources : sources.substr(1)) {
+                Lox::IpAddr const source = address({name});
+                if (where == 'm') {
+                    auto const count = add && include ? &IgmpHostProxyIntfSm::addIncludeSourceGroup
+                                       : add          ? &IgmpHostProxyIntfSm::addExcludeSourceGroup
+                                       : include ? &IgmpHostProxyIntfSm::removeIncludeSourceGroup
+                                                 : &IgmpHostProxyIntfSm::removeExcludeSourceGroup;
+                    (machine().*count)(source, group);
+                } else if (where == ' ' && !add) {
+                    takeBack(*written, source, group, include);
+                } else {
+                    auto const entry = entryIs(where, group);
+                    auto const write = add && include ? &GroupSource::includeSourceListIs
+                                       : add          ? &GroupSource::excludeSourceListIs
+                                       : include      ? &GroupSource::includeSourceListDel
+                                                      : &GroupSource::excludeSourceListDel;
+                    (*entry.*write)(source);
+                }
+            }
+            if (sources.empty() && add) entryIs(where, group);
+        }
+    }
+    Nex::Ptr<GroupSource> entryIs(char where, Lox::IpAddr group) {
+        return where == 'h'   ? held_
+               : where == 's' ? statusOf(status_)->groupSourceListIs(group)
+               : where == 'd' ? configOf(config_)->deletedGroupSourceListIs(group)
+                              : configOf(config_)->groupSourceListIs(group);
+    }
+
+    virtual void doEvent(Words const& a) {
+        if (a[0][0] == '+' && std::isdigit(a[0][1])) return pass(std::stod(a[0]));
+        std::size_t const at = a[0].find_first_of("+-");
+        if (at < 2 && (a[0].size() == at + 1 || a[0][at + 1] == 'i' || a[0][at + 1] == 'e'))
+            return doSources(at == 0 ? ' ' : a[0][0], a[0][at] == '+', a[0].substr(at + 1), a[1]);
+        if (events_.empty())
+            events_ = {
+                // Interfaces
+                {"start", [&](W) { start(); }},
+                {"end", [&](W) { root = nullptr; }},
+                {"configure", [&](W a) { config->intfConfigIs(intfOf(a)); }},
+                {"unconfigure", [&](W a) { config->intfConfigDel(intfOf(a)); }},
+                {"intf", [&](W a) { usableIntf(a[1], number(a[2]), orDefault(a[3])); }},
+                {"in-vrf", [&](W a) { vrfOfIntf(intfOf(a).stringValue(), a[2]); }},
+                {"in-no-vrf", [&](W a) { ipStatus->ipIntfStatusIs(intfOf(a)); }},
+                {"list-intf", [&](W a) { listIntf(a[1], orDefault(a[2])); }},
+                {"delist-intf", [&](W a) { delistIntf(a[1]); }},
+                {"device", [&](W a) { kernelDevice(a[1], number(a[2]), orDefault(a[3])); }},
+                {"address", [&](W a) { addressOf(a[1], a[2]); }},
+                {"tables", [&](W a) { tables(orDefault(a[1])); }},
+                {"no-tables", [&](W a) { mfibDir->keshCollDel(vrfOf(a)); }},
+                {"decide",
+                 [&](W a) {
+                     if (root) root->handleIntfConfig(intfOf(a));
+                 }},
+                {"decide-all", [&](W) { root->handleIntfConfig(); }},
+                {"decide-tables", [&](W) { root->handleMfibKesh(); }},
+                {"take-down", [&](W a) { root->deleteIntfSm(intfOf(a)); }},
+                {"no-machine", [&](W) { root->igmpHostProxyIntfSmDel(up0); }},
+                {"hold-machine", [&](W) { heldMachine_ = &machine(); }},
+                {"version", [&](W a) { configOf("")->igmpVersionIs(IgmpVersion(number(a[1]))); }},
+                {"interval", [&](W a) { configOf("")->unsolicitedReportIntvlIs(interval(a[1])); }},
+                // VRFs
+                {"vrf", [&](W a) { World::vrf(vrfOf(a).stringValue(), a[2]); }},
+                {"no-vrf", [&](W a) { allVrfStatusLocal->vrfDel(vrfOf(a)); }},
+                {"mount",
+                 [&](W a) { entityManager->doMount(pathOf(a[1]), "KernelNetInfo::Status", 3); }},
+                {"refuse-mount", [&](W a) { refused_ = a[1]; }},
+                {"kernel", [&](W a) { doKernel(a); }},
+                {"copy-mac", [&](W a) { root->getIntfEthAddr(vrfOf(a), number(a[2])); }},
+                {"hold-directory",
+                 [&](W a) { directories_[a[2]] = view(a[1])->deviceIntfStatusDir(); }},
+                {"directory", [&](W a) { view(a[1])->deviceIntfStatusDirIs(directoryOf(a[2])); }},
+                {"entry", [&](W a) { doEntry(a); }},
+                {"no-entry",
+                 [&](W a) { directoryOf(a[1])->intfStatusAndDeviceNameDel(Lox::IntfId(a[2])); }},
+                // The host and its agent
+                {"host-status", [&](W a) { hostStatusDir->igmpHostStatusIs(a[1]); }},
+                {"no-host-status", [&](W a) { hostStatusDir->igmpHostStatusDel(a[1]); }},
+                {"fill-host", [&](W a) { root->initializeIgmpHost(a[1]); }},
+                {"mark-host", [&](W) { host("up0")->useMuxIs(true), host("up0")->taggedIs(true); }},
+                {"bind", [&](W a) { root->createOrDeleteIgmpHostIntfSm(a[1]); }},
+                {"unbind", [&](W a) { root->igmpHostIntfSmDel(intfOf(a)); }},
+                {"counter", [&](W a) { doCounter(a[1], number(a[2])); }},
+                {"new-counters",
+                 [&](W) { counts_ = Igmp::IgmpHostStatus::IgmpHostStatusIs("up0"); }},
+                {"watch-counters", [&](W) { binding().igmpHostStatusIs(counts_); }},
+                {"reset-counters", [&](W) { binding().resetPacketCounters(); }},
+                {"show-reports", [&](W) { binding().handleIgmpHostV3ReportsSent(); }},
+                {"new-binding", [&](W) { binding().initializedIs(false); }},
+                {"start-binding", [&](W) { binding().handleNew(); }},
+                {"new-source",
+                 [&](W) { binding().srcIntfIhpIntfIs(SourceIntf::SourceIntfIs(up0)); }},
+                {"take-address", [&](W) { binding().handleIpAddrChange(); }},
+                {"copy-address", [&](W) { binding().handleIntfEthAddr(); }},
+                {"list-groups", [&](W a) { binding().handleGroupList(address(a[1])); }},
+                {"source-address", [&](W a) { binding().srcIntfIhpIntf()->ipAddrIs(ip(a[1])); }},
+                {"bind-status", [&](W a) { binding().intfStatusIs(statusOf(a[1])); }},
+                {"status-version",
+                 [&](W a) { written().igmpVersionIs(IgmpVersion(number(a[1]))); }},
+                {"status-interval",
+                 [&](W a) { written().unsolicitedReportIntvlIs(interval(a[1])); }},
+                {"status-mac", [&](W a) { written().macAddrIs(macOf(number(a[1]))); }},
+                {"status-device", [&](W a) { written().deviceNameIs(a[1]); }},
+                {"record-source", [&](W a) { doRecordSource(a); }},
+                {"no-record-sources",
+                 [&](W) { host("up0")->v3group(groupG)->sourceListIs(nullptr); }},
+                // Access lists
+                {"attach", [&](W a) { configOf("")->aclListIs(a[1]); }},
+                {"detach", [&](W a) { configOf("")->aclListDel(a[1]); }},
+                {"list", [&](W a) { rulesOf(a[1]); }},
+                {"no-list", [&](W a) { aclConfig->aclDel(a[1]); }},
+                {"rule", [&](W a) { doRule(a), doSequence(a[1], a[2], a[2]); }},
+                {"no-rule", [&](W a) { rulesOf(a[1])->ruleBySequenceDel(number(a[2])); }},
+                {"text", [&](W a) { doRule(a); }},
+                {"sequence", [&](W a) { doSequence(a[1], a[2], a[3]); }},
+                {"hold-rules", [&](W a) { versions_[a[2]] = rulesOf(a[1]); }},
+                {"new-rules",
+                 [&](W a) { versions_[a[1]] = Acl::AclSubConfig::AclSubConfigIs(a[1]); }},
+                {"force", [&](W a) { doForce(a); }},
+                {"apply", [&](W a) { helper(a[1])->handleRule(Acl::UniqueId(number(a[2]))); }},
+                {"purge", [&](W a) { helper(a[1])->purgeCachedRules(); }},
+                {"purge-nothing", [&](W a) { helper(a[1])->purgeCachedRule(Acl::IpRuleConfig()); }},
+                {"new-lists", [&](W) { aclConfig = Acl::AclTypeConfig::AclTypeConfigIs(); }},
+                {"watch-lists", [&](W) { machine().ipAclConfigIs(constant(aclConfig)); }},
+                // Counts and records
+                {"count", [&](W a) { machine().groupSourceRefCounterIs(pair(a), number(a[3])); }},
+                {"no-count", [&](W a) { machine().groupSourceRefCounterDel(pair(a)); }},
+                {"no-counts", [&](W) { machine().groupSourceRefCounterDelAll(); }},
+                {"config", [&](W a) { config_ = a[1]; }},
+                {"status", [&](W a) { status_ = a[1]; }},
+                {"watch-config", [&](W a) { machine().intfConfigIs(constant(configOf(a[1]))); }},
+                {"watch-status", [&](W a) { machine().intfStatusIs(statusOf(a[1])); }},
+                {"look-at-groups", [&](W) { machine().handleGroupList(); }},
+                {"hold", [&](W a) { held_ = entryIs(a[1][0], groupG); }},
+                {"deny", [&](W a) { written().denyMrouteIs(a[1] == "on"); }},
+                {"throw", [&](W) { throw Nex::Exception("from a callback"); }},
+                {"ignore", [&](W) { watches_.clear(); }},
+                // Routes
+                {"vrf-of-tables", [&](W a) { vrfOfTables_ = a[1]; }},
+                {"table", [&](W a) { doTable(a[1], a[2].empty() ? a[1] : a[2]); }},
+                {"table-to-come",
+                 [&](W a) { collection()->keshPtrIs(tableOf(a[1]).get(), nullptr); }},
+                {"no-table", [&](W a) { collection()->keshPtrDel(tableOf(a[1]).get()); }},
+                {"no-watched-tables", [&](W) { machine().mfibKeshDirDel(); }},
+                {"no-followed-tables", [&](W) { machine().mfibKeshDelAll(); }},
+                {"follow-nothing",
+                 [&](W a) { machine().mfibKeshIs(tableOf(a[1]).get(), nullptr); }},
+                {"watch-tables", [&](W) { machine().mfibKeshDirIs(constant(collection())); }},
+                {"route", [&](W a) { doRoutes(a); }},
+                {"no-route", [&](W a) { doRoutes(a); }},
+                {"sync",
+                 [&](W a) {
+                     machine().doSyncKey(tableOf(a[1]).get(), routeKey(a[2], address(a[3])));
+                 }},
+                {"bookmark-table", [&](W a) { machine().keshBookmarkIs(tableOf(a[1]).get()); }},
+                {"bookmark-route",
+                 [&](W a) { machine().rkBookmarkIs(routeKey(a[1], address(a[2]))); }},
+                {"no-changed", [&](W) { machine().changedRouteDelAll(); }},
+                {"review", [&](W) { machine().doReview(); }},
+                {"full-sync", [&](W) { machine().handleDenyMroute(); }},
+                {"release", [&](W a) { machine().doReleaseGroups(range(a[1])); }},
+                {"quantum", [&](W a) { machine().reviewQuantumIs(std::stod(a[1])); }},
+                {"step", [&](W a) { time.stepSecondsIs(std::stod(a[1])); }},
+                {"to-next", [&](W) { pass(clock->nextExpiry() - time.now()); }},
+                {"trace", [&](W a) { traceHandle.levelIs(number(a[1])); }},
+            };
+        auto const found = events_.find(a[0]);
+        if (found == events_.end()) throw std::logic_error("no such event: " + a[0]);
+        found->second(a);
+    }
+
+    // Events of more than a line
+    void doKernel(Words const& a) {
+        kniTable(pathOf(a[1]))
+            ->interfaceIs(KernelNetInfo::InterfaceKey(number(a[2])),
+                          {number(a[3]), a[4], macOf(number(a[5]))});
+    }
+    void doEntry(Words const& a) {
+        auto const directory = directoryOf(a[1]);
+        std::string const device = orDefault(a[3]);
+        Lox::IntfId const intf(orDefault(a[4]));
+        directory->intfToDeviceNameIs(number(a[2]), {intf, device});
+        directory->intfStatusAndDeviceNameIs(intf, {nullptr, device, number(a[2])});
+    }
+    void doCounter(std::string const& name, std::uint32_t value) const {
+        Nex::Ptr<Igmp::IgmpHostStatus> const counts =
+            counts_ ? counts_ : hostStatusDir->igmpHostStatus("up0");
+#define IHP_COUNTER(TYPE, NAME, UPPER)                                                             \
+    if (name == #NAME) counts->NAME##Is(value);
+        IGMP_PACKET_COUNTERS(IHP_COUNTER, IHP_COUNTER)
+#undef IHP_COUNTER
+    }
+    void doRecordSource(Words const& a) const {
+        host("up0")->v3group(groupG)->sourceIs()->sourceIpIs(address(a[1]),
+                                                             std::uint8_t(number(a[2])));
+    }
+    void doRule(Words const& a) {
+        auto const action = a[3] == "permit" ? Acl::Action::permit
+                            : a[3] == "deny" ? Acl::Action::deny
+                                             : Acl::Action(number(a[3]));
+        rulesOf(a[1])->ipRuleByIdIs(Acl::UniqueId(number(a[2])),
+                                    {action, {range(a[4]), range(a[5])}});
+    }
+    void doSequence(std::string const& list, std::string const& at, std::string const& id) {
+        rulesOf(list)->ruleBySequenceIs(number(at), Acl::UniqueId(number(id)));
+    }
+    void doForce(Words const& a) {
+        aclConfig->aclIs(a[1])->currCfgIs(a[2] == "nothing" ? nullptr : rulesOf(a[2]));
+    }
+    void doTable(std::string const& name, std::string const& under) {
+        collection()->keshPtrIs(tableOf(under).get(), tableOf(name));
+    }
+    void doRoutes(Words const& a) {
+        Words const groups = parts(a[3], '/');
+        auto const length = std::uint8_t(groups.size() > 1 ? number(groups[1]) : 32);
+        for (auto const group : allOf(groups[0])) {
+            auto const key = routeKey(a[2], group, length);
+            a[0] == "route" ? tableOf(a[1])->routeIs(key, {true, number(orDefault(a[4], "0"))})
+                            : tableOf(a[1])->routeDel(key);
+        }
+    }
+
+    void doWhen(Words const& head, std::string const& events) {
+        auto const equals = std::find(head.begin(), head.end(), "=");
+        Words const about(head.begin() + 1, equals);
+        std::string const awaited =
+            equals == head.end() ? "" : joined({equals + 1, head.end()}, " ");
+        auto const nested = std::make_shared<Nested>(Nested{fact(about), head[0] == "whenever"});
+        auto const hear = [=, this] {
+            if (nested->happened && !nested->again) return;
+            std::string const is = fact(about), was = std::exchange(nested->last, is);
+            if (is == was || (!awaited.empty() && is != awaited)) return;
+            nested->happened = true;
+            doEvents(events);
+        };
+        auto const watch = Nex::newObject<Disturber>(Disturber::always, hear);
+        if (about[0] == "mounted")
+            watch->follow(entityManager.get());
+        else if (about[0] == "record" || about[0] == "raised")
+            watch->follow(hostDir.get());
+        else
+            watch->follow(status.get());
+        watches_.push_back(watch);
+        nested_.push_back(nested);
+    }
+
+    // Facts
+    static std::string nameOf(Lox::IpAddr address) {
+        std::string const dotted = address.stringValue();
+        if (address == anySource) return "*";
+        if (dotted.starts_with("239.1.1.")) return "g" + dotted.substr(8);
+        return dotted.starts_with("10.0.0.") ? dotted.substr(7) : dotted;
+    }
+    static std::string namesOf(auto addresses, char const* between) {
+        std::string text;
+        for (Lox::IpAddr const address : Nex::sortedKeys(std::move(addresses)))
+            text += between + nameOf(address);
+        return text;
+    }
+    static std::string textOf(GroupSource const* entry) {
+        if (!entry) return "none";
+        return "i" + namesOf(entry->includeSourceList(), "") + " e" +
+               namesOf(entry->excludeSourceList(), "");
+    }
+    std::string group(Lox::IpAddr group) const {
+        std::string text =
+            textOf(intfStatus("up0") ? intfStatus("up0")->groupSourceList(group) : nullptr);
+        if (!root || !root->igmpHostProxyIntfSm(up0)) return text;
+        std::vector<Lox::IpAddr> sources;
+        auto const& counter = machine().groupSourceRefCounter();
+        counter.forSources(group, [&](Lox::IpAddr source) { sources.push_back(source); });
+        std::sort(sources.begin(), sources.end());
+        for (auto const source : sources)
+            if (auto const count = counter.count({source, group}))
+                text += " " + nameOf(source) + ":" + std::to_string(count);
+        return text;
+    }
+    std::string record(Lox::IpAddr group) const {
+        auto const* const record = host("up0")->v3group(group);
+        if (!record) return "none";
+        bool const include = record->filterMode() == Lox::IgmpV3GroupRecordType::modeIsInclude;
+        std::string const text = include ? "include" : "exclude";
+        if (!record->source()) return text + " nothing";
+        Lines sources;
+        for (auto const& item : record->source()->sourceIp())
+            sources.push_back(" " + nameOf(item.key) + (item.value == 0 ? ":0" : ""));
+        std::sort(sources.begin(), sources.end());
+        return std::accumulate(sources.begin(), sources.end(), text);
+    }
+    /// The change stamps of up0's host entity and its records.
+    std::map<std::string, std::uint32_t> stamps() const {
+        std::map<std::string, std::uint32_t> all;
+        if (!host("up0")) return all;
+        all["config"] = host("up0")->configVersion();
+        all["intf-config"] = host("up0")->intfConfigVersion();
+        for (auto const& item : host("up0")->v3group())
+            all[nameOf(item.key)] = item.value->version();
+        return all;
+    }
+    std::string intf(std::string const& name) const {
+        Lox::IntfId const intf(name);
+        std::string text;
+        if (sourceIntfSm->registered(intf)) text += " registered";
+        if (intfStatus(name)) text += " status";
+        if (root && root->igmpHostProxyIntfSm(intf)) text += " machine";
+        if (host(name)) text += " host";
+        if (root && root->igmpHostIntfSm(intf)) text += " binding";
+        if (root && root->checkInterfaceHas(intf)) text += " waiting";
+        return text;
+    }
+    /// An attribute of a record, as dumps show it.
+    static std::string attribute(auto const* record, std::string const& name) {
+        if (record)
+            for (auto const& line : Dump::of(*record))
+                if (line.starts_with(name + " = ")) return line.substr(name.size() + 3);
+        return "absent";
+    }
+    /// The groups that full syncs have walked.
+    std::string walked() const {
+        std::string text;
+        for (auto const& line : traced_)
+            if (line.starts_with("3 Syncing ")) {
+                std::size_t const at = line.find(", ") + 2;
+                text += " " + nameOf(ip(line.substr(at, line.find('/', at) - at)));
+            }
+        return text;
+    }
+    std::string rules(std::string const& list) const {
+        if (!helper(list)) return "no helper";
+        std::string text;
+        for (auto const& item : helper(list)->cachedRules()) text += Nex::textOf(item.key) + " ";
+        return text;
+    }
+    std::string mounted(std::string const& ns) const {
+        auto const* const table = entityManager->mounted(pathOf(ns));
+        if (!table) return "none";
+        return table->typeName() + " " + std::to_string(table->mountInfoType()) + " times " +
+               std::to_string(table->mounts());
+    }
+    std::string directoryOf(KernelVrfIntfStatus const* view) {
+        if (!view) return "none";
+        auto const directory = view->deviceIntfStatusDir();
+        for (auto const& [name, known] : directories_)
+            if (known == directory) return name;
+        return "another";
+    }
+
+  public:
+    /// What is now; for "g1,g2" of each group.
+    Lines facts(Words const& about) {
+        Lines all;
+        if (about[0][0] == 'g' && std::isdigit(about[0][1]))
+            for (auto const each : allOf(about[0])) all.push_back(group(each));
+        else
+            all.push_back(fact(about));
+        return all;
+    }
+
+  protected:
+    std::string fact(Words a) {
+        a.resize(3);
+        if (a[0][0] == 'g' && std::isdigit(a[0][1])) return group(address(a[0]));
+        auto const text = [](auto number) { return std::to_string(number); };
+        std::map<std::string, std::function<std::string()>> const facts{
+            {"thrown", [&] { return thrown_; }},
+            {"record", [&] { return record(address(a[1])); }},
+            {"helper",
+             [&] {
+                 return helper(a[1]) ? textOf(helper(a[1])->groupSourceList(address(a[2])))
+                                     : "none";
+             }},
+            {"rules", [&] { return rules(a[1]); }},
+            {"raised", [&] { return text(stamps()[a[1]] - stamps_[a[1]]); }},
+            {"status", [&] { return attribute(intfStatus(orDefault(a[2], "up0")), a[1]); }},
+            {"host", [&] { return attribute(host(orDefault(a[2], "up0")), a[1]); }},
+            {"intf", [&] { return intf(a[1]); }},
+            {"slot", [&] { return root->srcIntfIhpIntf()->intfId().stringValue(); }},
+            {"groups", [&] { return text(intfStatus("up0")->groupSourceListCount()); }},
+            {"next", [&] { return seconds(clock->nextExpiry() - time.now()); }},
+            {"next-check", [&] { return seconds(timerWheel->nextExpiry() - time.now()); }},
+            {"sync", [&] { return machine().syncAllRoutes() ? "wanted" : "over"; }},
+            {"changed", [&] { return text(machine().changedRoute().size()); }},
+            {"walked", [&] { return walked(); }},
+            {"reviewed",
+             [&] { return seconds(time.now() - machine().reviewTimer()->lastReviewTime()); }},
+            {"table-reactor",
+             [&] { return machine().mfibKesh(tableOf(a[1]).get()) ? "yes" : "no"; }},
+            {"list-reactor", [&] { return machine().acl(a[1]) ? "yes" : "no"; }},
+            {"mounted", [&] { return mounted(a[1]); }},
+            {"managed",
+             [&] {
+                 return root->intfStatusManagerRoot()->intfStatusManager(Lox::NamespaceName(a[1]))
+                            ? "yes"
+                            : "no";
+             }},
+            {"directory-name", [&] { return view(a[1])->deviceIntfStatusDir()->name(); }},
+            {"directory", [&] { return directoryOf(view(orDefault(a[1]))); }},
+            {"corruptions", [&] { return text(kniTable(pathOf(a[1]))->corruptions()); }},
+            {"lines",
+             [&] {
+                 return text(std::count_if(traced_.begin(), traced_.end(), [&](auto const& line) {
+                     return line.find(a[1]) != line.npos;
+                 }));
+             }},
+        };
+        auto const found = facts.find(a[0]);
+        return found == facts.end() ? "no such fact" : joined(words(found->second()), " ");
+    }
+
+    Nex::Ptr<Kesh::Multicast::Fib::MfibKeshColl> collection() const {
+        return mfibDir->keshCollIs(L3::VrfName(vrfOfTables_));
+    }
+    IgmpHostProxyAclHelper* helper(std::string const& list) const {
+        return machine().igmpHostProxyAclHelper(list);
+    }
+    IntfStatus& written() { return *statusOf(status_); }
+    static UnsolicitedReportInterval interval(std::string const& word) {
+        return UnsolicitedReportInterval(std::stod(word));
+    }
+    static Lox::IntfId intfOf(W a) { return Lox::IntfId(orDefault(a[1], "")); }
+    static L3::VrfName vrfOf(W a) { return L3::VrfName(orDefault(a[1])); }
+    static SourceGroup pair(Words const& a) { return {address(a[1]), address(a[2])}; }
+    static Routing::Multicast::Fib::IpGenRouteKey
+    routeKey(std::string const& source, Lox::IpAddr group, std::uint8_t length = 32) {
+        return {{address(source), std::uint8_t(source == "*" ? 0 : 32)}, {group, length}};
+    }
+    template <class Record>
+    static Nex::Ptr<Record const> constant(Nex::Ptr<Record> const& record) {
+        return record;
+    }
+
+    std::map<std::string, std::function<void(W)>> events_; ///< by their first word
+    std::map<std::string, Nex::Ptr<IntfConfig>> configs_;
+    std::map<std::string, Nex::Ptr<IntfStatus>> statuses_;
+    std::map<std::string, Nex::Ptr<Acl::AclSubConfig>> versions_;
+    std::map<std::string, Nex::Ptr<Table>> tables_;
+    std::map<std::string, Nex::Ptr<Directory>> directories_;
+    std::string config_, status_; ///< which of them are written
+    std::string vrfOfTables_ = "default";
+    std::string refused_; ///< the namespace whose table can't be mounted
+    Nex::Ptr<GroupSource> held_;
+    Nex::Ptr<Igmp::IgmpHostStatus> counts_; ///< null for the world's
+    Nex::Ptr<IgmpHostProxyIntfSm> heldMachine_;
+    std::vector<Nex::Ptr<Disturber>> watches_;
+    std::vector<std::shared_ptr<Nested>> nested_;
+    std::optional<TraceLog> trace_;
+    Lines traced_; ///< in the last turn
+    std::string thrown_;
+    std::map<std::string, std::uint32_t> stamps_;
+};
+
+} // namespace IgmpHostProxy
