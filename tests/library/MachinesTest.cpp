@@ -1,11 +1,11 @@
 // What scenarios cannot say of the machines: how they are made and destroyed, and what they do with
 // inputs that are null.
-#include "Library.h"
+#include "Play.h"
 
 namespace IgmpHostProxy {
 namespace {
 
-class Machines : public OneInterface {};
+using Machines = OneInterface;
 
 template <class Error, class F>
 std::string errorOf(F provoke) {
@@ -19,7 +19,6 @@ std::string errorOf(F provoke) {
 
 TEST_F(Machines, ErrorsTellTheWholeStory) {
     auto const other = IntfStatus::IntfStatusIs(up0);
-
     std::string const reinstantiating =
         "Reinstantiating the pointer interface where constructor parameter attribute _";
     auto const bind = [&](auto record, auto host, auto source) {
@@ -98,24 +97,14 @@ TEST_F(Machines, ARootWithoutInputsWaitsAndComplainsAboutNothing) {
 TEST(MachinesWithoutAnInput, LiveOnTheOthers) {
     using Inputs = PlatformState;
     auto const live = [](auto Inputs::*missing) {
-        World world;
+        Play world;
         Inputs inputs(world);
         inputs.*missing = nullptr;
         world.root = inputs.makeRoot();
-        world.config->intfConfigIs(up0)->groupSourceListIs(groupG)->includeSourceListIs(sourceS);
-        world.tables("blue");
-        world.vrf("blue", "ns-blue");
-        world.usableIntf("up0", 2, "blue");
-        world.config->intfConfigIs(up1);
-        world.hostStatusDir->igmpHostStatusIs("up0");
-        world.pass(2);
-        world.addressOf("up0", "0.0.0.0");
-        world.delistIntf("up0");
-        world.listIntf("up0", "ns-blue");
-        world.mfibDir->keshCollDel(L3::VrfName("blue"));
-        world.config->intfConfigDel(up0);
-        world.hostStatusDir->igmpHostStatusDel("up0");
-        world.allVrfStatusLocal->vrfDel(L3::VrfName("blue"));
+        world.doEvents("configure up0; +i1; tables blue; vrf blue ns-blue; intf up0 2 blue;"
+                       "configure up1; host-status up0; +2; address up0 0.0.0.0; delist-intf up0;"
+                       "list-intf up0 ns-blue; no-tables blue; unconfigure up0; no-host-status up0;"
+                       "no-vrf blue");
         EXPECT_EQ(world.root->igmpHostProxyIntfSm(up0), nullptr);
     };
     live(&Inputs::config), live(&Inputs::status), live(&Inputs::mfibDir), live(&Inputs::aclConfig);

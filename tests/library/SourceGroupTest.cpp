@@ -34,36 +34,31 @@ TEST(SourceGroup, HashesTheGroupBeforeTheSource) {
     EXPECT_EQ(SourceGroup().hash(), 0u);
 }
 
-TEST(SourceGroup, ParsesItsOwnText) {
+TEST(SourceGroup, ParsesItsOwnTextAndNoOther) {
     SourceGroup const value = pair("10.0.0.1", "239.1.1.1");
     std::string const text = "Value('IgmpHostProxy::SourceGroup', ** {'sourceAddr': 10.0.0.1, "
                              "'groupAddr': 239.1.1.1})";
-    EXPECT_EQ(valueToStrep(value), text);
-    EXPECT_EQ(strepToValue(text), value);
     std::ostringstream out;
     out << value;
     EXPECT_EQ(out.str(), text);
-}
-
-TEST(SourceGroup, RefusesEveryOtherTextAndNamesTheAttribute) {
-    std::string const text = valueToStrep(pair("10.0.0.1", "239.1.1.1"));
+    EXPECT_EQ(strepToValue(text), value);
     for (std::size_t length = 0; length < text.size(); ++length)
         EXPECT_THROW(strepToValue(text.substr(0, length)), Nex::ParseException) << length;
     EXPECT_THROW(strepToValue(text + " "), Nex::ParseException);
 
-    auto const errorOf = [&](char const* part, char const* instead) {
+    auto const errorOf = [&](std::string const& part, char const* instead) {
         std::string wrong = text;
-        wrong.replace(wrong.find(part), std::string(part).size(), instead);
+        wrong.replace(wrong.find(part), part.size(), instead);
         try {
             return "parsed " + valueToStrep(strepToValue(wrong));
         } catch (Nex::ParseException const& error) {
-            return std::string(error.what());
+            return std::string(error.what(), 0, 10);
         }
     };
-    EXPECT_EQ(errorOf("10.0.0.1", "10.0.0.256").find("sourceAddr"), 0u);
-    EXPECT_EQ(errorOf("10.0.0.1", "").find("sourceAddr"), 0u);
-    EXPECT_EQ(errorOf("239.1.1.1", "239.1.1").find("groupAddr"), 0u);
-    EXPECT_EQ(errorOf("239.1.1.1", "x").find("groupAddr"), 0u);
+    for (auto const* const wrong : {"10.0.0.256", ""})
+        EXPECT_EQ(errorOf("10.0.0.1", wrong), "sourceAddr");
+    for (auto const* const wrong : {"239.1.1", "x"})
+        EXPECT_EQ(errorOf("239.1.1.1", wrong), "groupAddr:");
 }
 
 } // namespace
