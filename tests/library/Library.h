@@ -23,7 +23,7 @@ inline Lox::IpAddr const sourceS = ip("10.0.0.1");
 inline Lox::IpAddr const sourceT = ip("10.0.0.2");
 
 /// The library's text trace while it lives: "LEVEL TEXT" for each line up to a level.
-class TraceLog : public Nex::TraceSink {
+class TraceLog final : public Nex::TraceSink {
   public:
     explicit TraceLog(unsigned level) {
         traceHandle.levelIs(level);
