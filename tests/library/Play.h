@@ -80,7 +80,7 @@ class Play : public World {
     }
 
   protected:
-    using W = Words const&;
+    using W = Words const&; ///< an event
     using Table = Kesh::Multicast::Fib::Status;
     using Directory = Interface::DeviceIntfStatusDir;
     using SourceIntf = Ip::SourceIntf::SourceIntf;
