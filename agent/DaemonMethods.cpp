@@ -137,7 +137,7 @@ RpcMethods Daemon::methods() {
         reply.result(answer);
     };
     all["trace"].call = [](json const& params, RpcReply const& reply) {
-        reply.result(traceAnswer(params.value("last", std::uint64_t(Lumen::ring.capacity()))));
+        reply.result(traceAnswer(params.value("last", std::uint64_t(Lumen::Ring::capacity()))));
     };
     all["events"].call = [](json const& params, RpcReply const& reply) {
         reply.result(eventsAnswer(params));

@@ -16,11 +16,11 @@ class TraceRows : public JsonElements {
   public:
     explicit TraceRows(std::uint64_t most)
         : end_(Lumen::ring.written()),
-          at_(end_ - std::min({most, end_, std::uint64_t(Lumen::ring.capacity())})) {}
+          at_(end_ - std::min({most, end_, std::uint64_t(Lumen::Ring::capacity())})) {}
     bool next(JsonStream& stream) override {
         // What has been written meanwhile may have taken the place of some.
-        if (Lumen::ring.written() > Lumen::ring.capacity())
-            at_ = std::max(at_, Lumen::ring.written() - Lumen::ring.capacity());
+        if (Lumen::ring.written() > Lumen::Ring::capacity())
+            at_ = std::max(at_, Lumen::ring.written() - Lumen::Ring::capacity());
         if (at_ >= end_) return false;
         Lumen::Entry const entry = Lumen::ring.entry(at_);
         stream.addElement({{"number", at_++},

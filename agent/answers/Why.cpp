@@ -45,7 +45,7 @@ class Inquiry {
             obstacles_.push_back("every host is a member of 224.0.0.1, and no host says so");
         else if (!group_.isMulticast())
             obstacles_.push_back("it is no multicast address");
-        else if (state_.member() == false && wanted_ && group_.isSourceSpecific())
+        else if (!state_.member() && wanted_ && group_.isSourceSpecific())
             obstacles_.push_back("a source-specific group is announced with its sources only");
         if (wishes_.empty() && obstacles_.empty())
             obstacles_.push_back("nobody asks for it: no group of the interface, no rule of its "

@@ -191,7 +191,7 @@ void ControlSession::doServe() {
     // The answer takes the request away, and may come at once.
     RpcRequest const request = requests_.front();
     try {
-        if (request.error) throw *request.error;
+        if (request.error) throw RpcError(*request.error);
         auto const method = methods_.find(request.method);
         if (method == methods_.end())
             throw RpcError(RpcError::methodNotFound, "no method " + request.method);
