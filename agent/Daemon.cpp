@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <linux/capability.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -86,6 +87,7 @@ Daemon::Daemon(Options options, Configuration configuration,
 /// agent's.
 void Daemon::doOpenControl() {
     bool const wanted = !options_.controlPath.empty();
+    if (!wanted) mkdir(defaultControlFolder, 0755); // a service manager has made it
     try {
         methods_ = methods();
         control_.emplace(loop_, wanted ? options_.controlPath : defaultControlPath, methods_);

@@ -105,7 +105,6 @@ void Reloader::doFinish(Reading& reading) {
                                         file_));
         diagnostics_ = std::move(reading.found.diagnostics);
         doPutInForce(std::move(reading.found.configuration), last_ + 1);
-        last_ = number_;
         log(LogLevel::info, "{} is in force (#{})", file_, number_);
         for (Request const& each : served_)
             if (each.undoAfter > 0) undoAt_ = EventLoop::now() + each.undoAfter;
@@ -119,6 +118,7 @@ void Reloader::doFinish(Reading& reading) {
 void Reloader::doPutInForce(Configuration configuration, unsigned number) {
     target_.beginChanges();
     before_ = std::exchange(number_, number);
+    last_ = std::max(last_, number);
     since_ = secondsSince1970();
     settling_ = true;
     settleBy_ = EventLoop::now() + longestSettling;

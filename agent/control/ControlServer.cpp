@@ -3,7 +3,6 @@
 #include "agent/control/UnixSocket.h"
 #include "agent/loop/Log.h"
 
-#include <grp.h>
 #include <sys/epoll.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -63,20 +62,6 @@ ControlServer::ControlServer(EventLoop& loop, std::string path, RpcMethods const
 ControlServer::~ControlServer() {
     loop_.unwatch(socket_.get());
     if (fileIdentity(path_) == identity_) unlink(path_.c_str());
-}
-
-void ControlServer::setGroup(std::string const& name) {
-    gid_t group = getegid();
-    if (!name.empty()) {
-        errno = 0;
-        struct group const* const found = getgrnam(name.c_str());
-        if (!found) {
-            if (errno == 0) errno = ENOENT;
-            errnoThrow(("group " + name).c_str());
-        }
-        group = found->gr_gid;
-    }
-    checked(lchown(path_.c_str(), uid_t(-1), group), path_.c_str());
 }
 
 void ControlServer::handleConnection() {

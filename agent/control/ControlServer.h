@@ -22,11 +22,6 @@ class ControlServer {
     ControlServer(ControlServer const&) = delete;
     ControlServer& operator=(ControlServer const&) = delete;
 
-    std::string const& path() const { return path_; }
-    /// Lets members of a group connect; empty for the agent's own group. Throws std::system_error
-    /// for a group that does not exist, or that the agent may not give the socket to.
-    void setGroup(std::string const& name);
-
     /// So many may be connected. Beyond them, whoever has been idle for longest has to go.
     static constexpr std::size_t mostSessions = 256;
 

@@ -84,8 +84,8 @@ void ControlSession::doBegin() { doWait(); }
 bool ControlSession::idle() const { return requests_.empty() && output_.empty(); }
 
 void ControlSession::handleEvents(std::uint32_t events) {
-    // Both directions are closed: nobody reads an answer.
-    if (events & (EPOLLHUP | EPOLLERR)) return doEnd();
+    // Both directions are closed: nobody reads an answer. What was asked before counts.
+    if ((events & (EPOLLHUP | EPOLLERR)) && !(events & EPOLLIN)) return doEnd();
     blocked_ = false;
     doWork();
 }

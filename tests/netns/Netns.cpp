@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
 #include <sched.h>
 #include <sstream>
 #include <stdexcept>
@@ -29,9 +30,13 @@ std::string run(std::string const& command) {
     return output;
 }
 
+/// A process that was killed may have left one behind, and its number may be ours now.
 std::string uniqueName(std::string const& end) {
     static int count = 0;
-    return "ihp-" + std::to_string(getpid()) + "-" + std::to_string(++count) + "-" + end;
+    std::string name;
+    do name = "ihp-" + std::to_string(getpid()) + "-" + std::to_string(++count) + "-" + end;
+    while (std::filesystem::exists("/run/netns/" + name));
+    return name;
 }
 
 std::vector<std::string> split(std::string const& text, char separator) {
