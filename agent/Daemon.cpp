@@ -8,6 +8,7 @@
 #include "agent/records/RecordPart.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <linux/capability.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -50,6 +51,11 @@ class StatusPart : public JsonPart {
     Obstacles const* obstacles_;
 };
 
+/// Whether no route waits for the machine.
+bool isReviewed(IgmpHostProxy::IgmpHostProxyIntfSm const& machine) {
+    return !machine.syncAllRoutes() && !machine.reviewTimer()->reviewPending();
+}
+
 } // namespace
 
 Daemon::Daemon(Options options, Configuration configuration,
@@ -87,10 +93,12 @@ Daemon::Daemon(Options options, Configuration configuration,
 /// agent's.
 void Daemon::doOpenControl() {
     bool const wanted = !options_.controlPath.empty();
-    if (!wanted) mkdir(defaultControlFolder, 0755); // a service manager has made it
+    // Where there is a service manager, it has made the folder.
+    std::filesystem::path const usual = defaultControlPath;
+    if (!wanted) mkdir(usual.parent_path().c_str(), 0755);
     try {
         methods_ = methods();
-        control_.emplace(loop_, wanted ? options_.controlPath : defaultControlPath, methods_);
+        control_.emplace(loop_, wanted ? options_.controlPath : usual.string(), methods_);
     } catch (std::system_error const& error) {
         if (wanted) throw;
         log(LogLevel::info, "no control socket: {}; --control names another place", error.what());
@@ -150,8 +158,7 @@ IgmpHostPort::Location Daemon::locate(std::string const& name,
 bool Daemon::settled(std::string const& name, std::string const& vrf) const {
     if (!root_) return false; // building it anew has failed, and is tried again
     auto const* const machine = root_->igmpHostProxyIntfSm(Lox::IntfId(name));
-    return machine && vrfs_->routesTold(vrf) && !machine->syncAllRoutes() &&
-           !machine->reviewTimer()->reviewPending();
+    return machine && vrfs_->routesTold(vrf) && isReviewed(*machine);
 }
 
 void Daemon::doConfigure(Configuration configuration) {
@@ -250,7 +257,7 @@ bool Daemon::settled() const {
     auto const& interfaces = writer_.configuration().interfaces;
     return std::none_of(interfaces.begin(), interfaces.end(), [this](auto const& item) {
         auto const* const machine = root_->igmpHostProxyIntfSm(Lox::IntfId(item.first));
-        return machine && (machine->syncAllRoutes() || machine->reviewTimer()->reviewPending());
+        return machine && !isReviewed(*machine);
     });
 }
 

@@ -82,7 +82,6 @@ class Daemon : private Reloader::Target {
     void handleTerminate();
     bool settled(std::string const& name, std::string const& vrf) const;
     // Reloader::Target
-    Configuration const& inForce() const override { return writer_.configuration(); }
     Configuration const& before() const override { return writer_.before(); }
     void putInForce(Configuration configuration) override { doConfigure(std::move(configuration)); }
     bool settled() const override;

@@ -2,6 +2,7 @@
 // parameters and the answers.
 #include "agent/Daemon.h"
 
+#include "agent/answers/Events.h"
 #include "agent/answers/Groups.h"
 #include "agent/answers/Interfaces.h"
 #include "agent/answers/Lists.h"
@@ -13,7 +14,6 @@
 
 #include "Lumen/Ring.h"
 
-#include <algorithm>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -23,57 +23,16 @@ namespace {
 
 using nlohmann::json;
 
-constexpr std::pair<LogLevel, char const*> levels[] = {{LogLevel::error, "error"},
-                                                       {LogLevel::warning, "warning"},
-                                                       {LogLevel::info, "info"},
-                                                       {LogLevel::debug, "debug"}};
-
 /// How long a configuration may wait to be confirmed, in seconds.
 constexpr double longestUndo = 86400;
-
-char const* nameOf(LogLevel level) {
-    return std::find_if(std::begin(levels), std::end(levels),
-                        [&](auto const& each) { return each.first == level; })
-        ->second;
-}
-
-/// The last lines of the log with a number above `after`.
-class EventRows : public JsonElements {
-  public:
-    explicit EventRows(std::uint64_t after) : after_(after) {}
-    bool next(JsonStream& stream) override {
-        auto const at = std::upper_bound(
-            events().begin(), events().end(), after_,
-            [](std::uint64_t number, Event const& each) { return number < each.number; });
-        if (at == events().end()) return false;
-        after_ = at->number;
-        stream.addElement({{"number", at->number},
-                           {"time", at->time},
-                           {"level", nameOf(at->level)},
-                           {"subject", at->subject},
-                           {"text", at->text}});
-        return true;
-    }
-
-  private:
-    std::uint64_t after_;
-};
-
-std::unique_ptr<JsonPart> eventsAnswer(json const& params) {
-    std::uint64_t after = params.value("after", std::uint64_t(0));
-    std::uint64_t const most = params.value("last", std::uint64_t(mostEvents));
-    if (!events().empty() && events().back().number > most)
-        after = std::max(after, events().back().number - most);
-    return std::make_unique<ListPart>("events", std::make_unique<EventRows>(after));
-}
+constexpr std::uint64_t wholeRing = Lumen::Ring::capacity();
 
 void setLevel(std::string const& name) {
-    auto const found = std::find_if(std::begin(levels), std::end(levels),
-                                    [&](auto const& each) { return each.second == name; });
-    if (found == std::end(levels))
+    auto const level = logLevelOf(name);
+    if (!level)
         throw RpcError(RpcError::invalidParams,
                        fmt::format("level {} found, expected error, warning, info or debug", name));
-    setLogLevel(found->first);
+    setLogLevel(*level);
 }
 
 } // namespace
@@ -136,11 +95,12 @@ RpcMethods Daemon::methods() {
         answer["file"] = options_.configurationFile;
         reply.result(answer);
     };
-    all["trace"].call = [](json const& params, RpcReply const& reply) {
-        reply.result(traceAnswer(params.value("last", std::uint64_t(Lumen::Ring::capacity()))));
+    all["trace"].call = [=](json const& params, RpcReply const& reply) {
+        reply.result(list("entries", traceAnswer(params.value("last", wholeRing))));
     };
-    all["events"].call = [](json const& params, RpcReply const& reply) {
-        reply.result(eventsAnswer(params));
+    all["events"].call = [=](json const& params, RpcReply const& reply) {
+        reply.result(list("events", eventsAnswer(params.value("after", std::uint64_t(0)),
+                                                 params.value("last", std::uint64_t(mostEvents)))));
     };
     all["log"] = {true, [](json const& params, RpcReply const& reply) {
                       setLevel(params.at("level"));

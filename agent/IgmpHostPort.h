@@ -70,7 +70,6 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     }
     bool takeHeldChange() { return engine_.takeHeldChange(); }
     HostEngine const& engine() const { return engine_; }
-    Igmp::IgmpHost* entity() const { return host(); }
 
     /// The kernel interface or its part of the configuration changed: the socket and the engine's
     /// settings follow at the end of the turn.

@@ -26,8 +26,7 @@ class Reloader {
     class Target {
       public:
         virtual ~Target() = default;
-        virtual Configuration const& inForce() const = 0;
-        /// In force before that; the first one is its own predecessor.
+        /// In force before the one that is.
         virtual Configuration const& before() const = 0;
         virtual void putInForce(Configuration configuration) = 0;
         /// Whether all that follows from it has come to the groups.

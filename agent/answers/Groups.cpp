@@ -50,16 +50,15 @@ class GroupRows : public JsonElements {
     };
 
     bool doNextInterface() {
-        auto const& interfaces = view_.writer.configuration().interfaces;
-        auto const at = interface_ ? interfaces.upper_bound(*interface_) : interfaces.begin();
-        if (at == interfaces.end()) return false;
-        interface_ = at->first;
-        vrf_ = at->second.vrf;
-        if (!filter_.interface.empty() && filter_.interface != at->first) return true;
+        auto const* const found = view_.nextInterface(interface_);
+        if (!found) return false;
+        interface_ = found->first;
+        vrf_ = found->second.vrf;
+        if (!filter_.interface.empty() && filter_.interface != *interface_) return true;
         if (!filter_.vrf.empty() && filter_.vrf != vrf_) return true;
-        IgmpHostPort const* const port = view_.ports.port(at->first);
-        Igmp::IgmpHost const* const entity = port ? port->entity() : nullptr;
-        if (entity) place_.emplace(*entity);
+        IgmpHostPort const* const port = view_.ports.port(*interface_);
+        Igmp::IgmpHost const* const host = port ? port->host() : nullptr;
+        if (host) place_.emplace(*host);
         return true;
     }
 

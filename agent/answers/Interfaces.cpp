@@ -16,18 +16,17 @@ json secondsUntil(double time, double now) {
     return time == Nex::never ? json() : json(std::max(0.0, time - now));
 }
 
-/// The interfaces of the configuration, one at a time: it may be another one at the next.
+/// A row for each interface of the configuration, or for some.
 class InterfaceRows : public JsonElements {
   public:
     using Row =
         std::function<std::optional<json>(std::string const&, InterfaceConfiguration const&)>;
     InterfaceRows(AgentView const& view, Row row) : view_(view), row_(std::move(row)) {}
     bool next(JsonStream& stream) override {
-        auto const& interfaces = view_.writer.configuration().interfaces;
-        auto const at = last_ ? interfaces.upper_bound(*last_) : interfaces.begin();
-        if (at == interfaces.end()) return false;
-        last_ = at->first;
-        if (auto const row = row_(at->first, at->second)) stream.addElement(*row);
+        auto const* const found = view_.nextInterface(last_);
+        if (!found) return false;
+        last_ = found->first;
+        if (auto const row = row_(found->first, found->second)) stream.addElement(*row);
         return true;
     }
 

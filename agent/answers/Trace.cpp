@@ -1,6 +1,5 @@
 #include "agent/answers/Trace.h"
 
-#include "agent/answers/View.h"
 #include "agent/loop/Log.h"
 
 #include "Lumen/Ring.h"
@@ -45,8 +44,8 @@ class TraceRows : public JsonElements {
 
 } // namespace
 
-std::unique_ptr<JsonPart> traceAnswer(std::uint64_t most) {
-    return std::make_unique<ListPart>("entries", std::make_unique<TraceRows>(most));
+std::unique_ptr<JsonElements> traceAnswer(std::uint64_t most) {
+    return std::make_unique<TraceRows>(most);
 }
 
 } // namespace Agent

@@ -1,7 +1,7 @@
 // What the machines have done lately: their ring of trace points, which is always written.
 #pragma once
 
-#include "agent/records/JsonStream.h"
+#include "agent/answers/View.h"
 
 #include <cstdint>
 #include <memory>
@@ -9,6 +9,6 @@
 namespace Agent {
 
 /// The last entries, `most` of them at most, the oldest in front.
-std::unique_ptr<JsonPart> traceAnswer(std::uint64_t most);
+std::unique_ptr<JsonElements> traceAnswer(std::uint64_t most);
 
 } // namespace Agent

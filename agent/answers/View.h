@@ -10,6 +10,7 @@
 
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -28,6 +29,13 @@ struct AgentView {
         auto const& interfaces = writer.configuration().interfaces;
         auto const found = interfaces.find(interface);
         return found == interfaces.end() ? nullptr : &found->second;
+    }
+    /// Its first interface, or the next one behind a name; null at the end. For walks in pieces: at
+    /// the next one, another configuration may be in force.
+    auto const* nextInterface(std::optional<std::string> const& last) const {
+        auto const& interfaces = writer.configuration().interfaces;
+        auto const at = last ? interfaces.upper_bound(*last) : interfaces.begin();
+        return at == interfaces.end() ? nullptr : &*at;
     }
 };
 

@@ -165,12 +165,7 @@ bool ControlSession::doTakeLine() {
         // Where the line ends is not worth finding out.
         inputEnded_ = true;
         input_.clear();
-        message.requests.push_back(
-            {{},
-             true,
-             {},
-             {},
-             std::make_shared<RpcError const>(RpcError::invalidRequest, "the line is too long")});
+        message = rpcFault(RpcError::invalidRequest, "the line is too long");
     } else {
         std::string const line = input_.substr(0, end);
         input_.erase(0, end + 1);

@@ -40,6 +40,10 @@ json RpcError::toJson() const {
     return error;
 }
 
+RpcMessage rpcFault(RpcError::Code code, std::string const& text) {
+    return {false, {faulty(code, text)}};
+}
+
 RpcMessage rpcParse(std::string_view line) {
     bool tooDeep = false;
     json value;
@@ -50,17 +54,15 @@ RpcMessage rpcParse(std::string_view line) {
             return !tooDeep;
         });
     } catch (json::exception const& error) {
-        return {false, {faulty(RpcError::parseError, error.what())}};
+        return rpcFault(RpcError::parseError, error.what());
     }
     if (tooDeep)
-        return {
-            false,
-            {faulty(RpcError::invalidRequest, fmt::format("deeper than {} levels", mostRpcDepth))}};
+        return rpcFault(RpcError::invalidRequest,
+                        fmt::format("deeper than {} levels", mostRpcDepth));
     if (!value.is_array()) return {false, {requestOf(value)}};
     if (value.empty() || value.size() > mostRpcBatch)
-        return {false,
-                {faulty(RpcError::invalidRequest,
-                        fmt::format("a batch holds 1 to {} requests", mostRpcBatch))}};
+        return rpcFault(RpcError::invalidRequest,
+                        fmt::format("a batch holds 1 to {} requests", mostRpcBatch));
     RpcMessage message{true, {}};
     for (json const& each : value) message.requests.push_back(requestOf(each));
     return message;

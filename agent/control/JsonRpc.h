@@ -51,6 +51,9 @@ struct RpcMessage {
     std::vector<RpcRequest> requests; ///< at least one
 };
 
+/// A message that cannot be understood: its answer is this error.
+RpcMessage rpcFault(RpcError::Code code, std::string const& text);
+
 /// Never throws but for memory: what cannot be understood becomes a request with its error. At most
 /// `mostRpcDepth` levels, and `mostRpcBatch` requests.
 RpcMessage rpcParse(std::string_view line);

@@ -13,7 +13,6 @@
 namespace Agent {
 
 /// Where ihproxyd listens and ihproxyctl asks, unless told otherwise.
-inline constexpr char defaultControlFolder[] = "/run/ihproxyd";
 inline constexpr char defaultControlPath[] = "/run/ihproxyd/control";
 
 /// Throws std::system_error with ENAMETOOLONG for a path that does not fit.

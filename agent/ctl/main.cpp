@@ -44,6 +44,7 @@ class Question {
           method_(std::move(method)),
           text_(std::move(text)) {
         command_->add_flag("--json", options_.json, "As JSON, for programs");
+        command_->callback([this] { run(); });
     }
 
     CLI::App* operator->() const { return command_; }
@@ -65,7 +66,6 @@ class Question {
     }
 
     json const& params() const { return params_; }
-    bool asked() const { return command_->parsed(); }
     void run() const {
         Ctl::Client client(options_.control);
         for (bool again = false;; again = true) {
@@ -161,6 +161,7 @@ int run(int argc, char** argv) {
     Question events(app, options, "events", "What has happened", Ctl::eventsText);
     bool follow = false;
     events->add_flag("--follow,-f", follow, "And what happens from now on");
+    events->callback([&] { follow ? followEvents(options, events.params()) : events.run(); });
     events.parameter<std::uint64_t>("--last", "last", "So many at most");
     events.parameter<std::uint64_t>("--after", "after", "Those behind this number only");
     Question lists(app, options, "lists", "The access lists, rule by rule", Ctl::listsText);
@@ -202,20 +203,10 @@ int run(int argc, char** argv) {
         ->transform(seconds());
     wait->callback([&] {
         if (!*ready && !*group) throw CLI::RequiredError("--ready or --group");
+        await(options, awaited);
     });
 
     CLI11_PARSE(app, argc, argv);
-    if (*wait) {
-        await(options, awaited);
-        return 0;
-    }
-    if (events.asked() && follow) {
-        followEvents(options, events.params());
-        return 0;
-    }
-    for (Question const* each : {&status, &interfaces, &groups, &why, &counters, &lists, &routes,
-                                 &events, &trace, &log, &reload, &undo, &confirm})
-        if (each->asked()) each->run();
     return 0;
 }
 

@@ -2,9 +2,11 @@
 
 #include "agent/loop/Printable.h"
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
 #include <cstdlib>
+#include <iterator>
 #include <new>
 #include <poll.h>
 #include <string>
@@ -23,8 +25,8 @@ LogLevel written = LogLevel::info;
 unsigned lost = 0; ///< lines since the last one that was taken
 std::deque<Event> told;
 
-/// JOURNAL_STREAM names the journal's socket by device and inode. A program may inherit it with
-/// standard error redirected to elsewhere, and then must not write prefixes (systemd.exec(5)).
+/// JOURNAL_STREAM names the journal's socket by device and inode. A program may inherit it
+/// with standard error redirected to elsewhere, and then must not write prefixes (systemd.exec(5)).
 bool journalReads() {
     char const* const stream = std::getenv("JOURNAL_STREAM");
     struct stat status {};
@@ -32,18 +34,13 @@ bool journalReads() {
            stream == fmt::format("{}:{}", status.st_dev, status.st_ino);
 }
 
-char const* prefix(LogLevel level) {
-    switch (level) {
-    case LogLevel::error:
-        return "error: ";
-    case LogLevel::warning:
-        return "warning: ";
-    case LogLevel::info:
-        return "";
-    case LogLevel::debug:
-        return "debug: ";
-    }
-    return "";
+constexpr std::pair<LogLevel, char const*> levelNames[] = {{LogLevel::error, "error"},
+                                                           {LogLevel::warning, "warning"},
+                                                           {LogLevel::info, "info"},
+                                                           {LogLevel::debug, "debug"}};
+
+std::string prefix(LogLevel level) {
+    return level == LogLevel::info ? "" : fmt::format("{}: ", nameOf(level));
 }
 
 std::string lineOf(LogLevel level, std::string_view text) {
@@ -70,6 +67,18 @@ void doKeep(LogLevel level, std::string_view subject, std::string_view text) noe
 void setLogLevel(LogLevel level) { written = level; }
 
 LogLevel logLevel() { return written; }
+
+char const* nameOf(LogLevel level) {
+    return std::find_if(std::begin(levelNames), std::end(levelNames),
+                        [&](auto const& each) { return each.first == level; })
+        ->second;
+}
+
+std::optional<LogLevel> logLevelOf(std::string_view name) {
+    for (auto const& [level, known] : levelNames)
+        if (known == name) return level;
+    return std::nullopt;
+}
 
 double secondsSince1970() {
     return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())

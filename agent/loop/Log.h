@@ -20,6 +20,10 @@ enum class LogLevel { error = 3, warning = 4, info = 6, debug = 7 };
 /// Lines graver than or equal to `level` are written; info at the start.
 void setLogLevel(LogLevel level);
 LogLevel logLevel();
+/// "error", "warning", "info" or "debug".
+char const* nameOf(LogLevel level);
+/// Nothing for other names.
+std::optional<LogLevel> logLevelOf(std::string_view name);
 double secondsSince1970();
 
 /// One line, as it was told.
