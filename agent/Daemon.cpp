@@ -86,6 +86,7 @@ Daemon::Daemon(Options options, Configuration configuration,
     hosts_->addFormer(former);
     doConfigure(std::move(configuration));
     view_.emplace(AgentView{state_, writer_, *vrfs_, *hosts_, root_, obstacles_});
+    differ_.emplace(loop_, reloader_, static_cast<Reloader::Target&>(*this), *hosts_);
     doOpenControl();
 }
 
@@ -253,7 +254,7 @@ void Daemon::doReload(Reloader::Request request) {
 /// Whether the machines have nothing left to do for the groups. Those of a damaged state are built
 /// anew first.
 bool Daemon::settled() const {
-    if (damaged_ || !root_) return false;
+    if (damaged_ || !root_ || !vrfs_->routesJudged()) return false;
     auto const& interfaces = writer_.configuration().interfaces;
     return std::none_of(interfaces.begin(), interfaces.end(), [this](auto const& item) {
         auto const* const machine = root_->igmpHostProxyIntfSm(Lox::IntfId(item.first));

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "IgmpHostProxy/PlatformState.h"
+#include "agent/Differ.h"
 #include "agent/Obstacles.h"
 #include "agent/PortRegistry.h"
 #include "agent/Reloader.h"
@@ -112,6 +113,7 @@ class Daemon : private Reloader::Target {
     HeapTrimmer trimmer_{loop_};
     std::optional<AgentView> view_;
     Reloader reloader_;
+    std::optional<Differ> differ_;
     RpcMethods methods_;
     std::optional<ControlServer> control_;
     double startTime_ = EventLoop::now();

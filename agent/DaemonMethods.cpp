@@ -38,14 +38,10 @@ void setLevel(std::string const& name) {
 } // namespace
 
 json Daemon::statusJson() const {
-    std::size_t groups = 0;
     std::size_t usable = 0;
     auto const& interfaces = writer_.configuration().interfaces;
-    for (auto const& item : interfaces) {
+    for (auto const& item : interfaces)
         if (vrfs_->obstacle(item.first).value_or("?").empty()) ++usable;
-        if (IgmpHostPort const* const port = hosts_->port(item.first))
-            groups += port->engine().memberCount();
-    }
     json obstacles = json::array();
     for (auto const& [subject, obstacle] : obstacles_.obstacles())
         obstacles.push_back(
@@ -59,7 +55,7 @@ json Daemon::statusJson() const {
                                : "starting"},
             {"configuration", reloader_.statusJson()},
             {"interfaces", {{"total", interfaces.size()}, {"up", usable}}},
-            {"groups", groups},
+            {"groups", hosts_->memberCount()},
             {"logLevel", nameOf(logLevel())},
             {"obstacles", std::move(obstacles)}};
 }
@@ -114,6 +110,13 @@ RpcMethods Daemon::methods() {
                                  fmt::format("undoAfter is to be up to {} seconds", longestUndo));
                          doReload({std::move(reply), undoAfter, params.value("allowEmpty", false)});
                      }};
+    all["diff"].call = [this](json const&, RpcReply reply) {
+        differ_->ask(options_.configurationFile, std::move(reply));
+    };
+    // For whoever may read all that the agent may.
+    all["diffFile"] = {true, [this](json const& params, RpcReply reply) {
+                           differ_->ask(params.at("file"), std::move(reply));
+                       }};
     all["undo"] = {true,
                    [this](json const&, RpcReply reply) { reloader_.undo({std::move(reply)}); }};
     all["confirm"] = {true, [this](json const&, RpcReply const& reply) {

@@ -253,6 +253,18 @@ void PortRegistry::doEnd(double now) {
     error.rethrow();
 }
 
+bool PortRegistry::telling() const {
+    bool telling = false;
+    forPorts([&](IgmpHostPort const& port) { telling |= port.engine().telling(); });
+    return telling;
+}
+
+std::size_t PortRegistry::memberCount() const {
+    std::size_t count = 0;
+    for (auto const& [name, port] : ports_) count += port->engine().memberCount();
+    return count;
+}
+
 IgmpHostPort const* PortRegistry::port(std::string const& name) const {
     auto const found = ports_.find(name);
     return found == ports_.end() ? nullptr : found->second.get();

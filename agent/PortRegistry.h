@@ -71,6 +71,10 @@ class PortRegistry : public Nex::PtrInterface {
     void beginChanges() { changes_.begin(); }
     void endChanges() { changes_.end(); }
     GroupChanges const& changes() const { return changes_; }
+    /// Whether any port has a change to tell, or to tell again.
+    bool telling() const;
+    /// Groups that are wanted, on all interfaces together.
+    std::size_t memberCount() const;
     /// Null without a host entity of that interface.
     IgmpHostPort const* port(std::string const& name) const;
     /// What each port has counted, by the interface's name.

@@ -18,6 +18,8 @@ using nlohmann::json;
 constexpr double longestSettling = 10;
 constexpr double anotherTrySeconds = 0.1;
 
+} // namespace
+
 json toJson(std::vector<Diagnostic> const& diagnostics) {
     json all = json::array();
     for (Diagnostic const& each : diagnostics)
@@ -29,8 +31,6 @@ json toJson(std::vector<Diagnostic> const& diagnostics) {
     return all;
 }
 
-} // namespace
-
 void logDiagnostics(std::vector<Diagnostic> const& diagnostics) {
     for (Diagnostic const& diagnostic : diagnostics) {
         LogLevel const level = diagnostic.level == Diagnostic::Level::error     ? LogLevel::error
@@ -40,16 +40,12 @@ void logDiagnostics(std::vector<Diagnostic> const& diagnostics) {
     }
 }
 
-struct Reloader::Reading {
-    ConfigurationReading found;
-    std::exception_ptr failure;
-};
-
 Reloader::Reloader(EventLoop& loop, Target& target, std::string file)
     : loop_(loop),
       target_(target),
       file_(std::move(file)),
       since_(secondsSince1970()),
+      reader_(loop),
       unconfirmed_(loop, [this] { handleUnconfirmed(); }) {}
 
 void Reloader::reload(Request request, bool told) {
@@ -65,46 +61,36 @@ void Reloader::reload(Request request, bool told) {
 void Reloader::doBegin() {
     served_ = std::exchange(waiting_, {});
     try {
-        reading_ = std::make_shared<Reading>();
-        auto const done = std::make_shared<EventLoop::Handler const>([this] {
-            work_ = nullptr;
-            doFinish(*std::exchange(reading_, nullptr));
+        reader_.begin(file_, [this](ConfigurationReading found, std::exception_ptr const& failure) {
+            doFinish(std::move(found), failure);
         });
-        loop_.offload(
-            [file = file_, reading = reading_] {
-                try {
-                    reading->found = configurationRead(file);
-                } catch (...) {
-                    reading->failure = std::current_exception();
-                }
-            },
-            done);
-        work_ = done;
     } catch (std::exception const& error) {
         doRefuse(error.what());
         throw;
     }
 }
 
-void Reloader::doFinish(Reading& reading) {
+std::string Reloader::objection(ConfigurationReading const& found, bool allowEmpty) const {
+    if (!found.valid()) return fmt::format("{} was not taken over; nothing is changed", file_);
+    if (undoAt_ > 0)
+        return fmt::format("configuration #{} waits to be confirmed or undone", number_);
+    if (!allowEmpty && !found.configuration.allowEmpty && target_.leavesAll(found.configuration))
+        return fmt::format("{} would have every group left; --allow-empty or allow-empty = true "
+                           "has it taken over all the same",
+                           file_);
+    return {};
+}
+
+void Reloader::doFinish(ConfigurationReading found, std::exception_ptr const& failure) {
     try {
-        if (reading.failure) std::rethrow_exception(reading.failure);
-        logDiagnostics(reading.found.diagnostics);
-        if (!reading.found.valid())
-            return doRefuse(fmt::format("{} was not taken over; nothing is changed", file_),
-                            reading.found.diagnostics);
-        if (undoAt_ > 0)
-            return doRefuse(
-                fmt::format("configuration #{} waits to be confirmed or undone", number_));
-        bool const mayLeaveAll = reading.found.configuration.allowEmpty ||
-                                 std::any_of(served_.begin(), served_.end(),
-                                             [](Request const& each) { return each.allowEmpty; });
-        if (!mayLeaveAll && target_.leavesAll(reading.found.configuration))
-            return doRefuse(fmt::format("{} would have every group left; --allow-empty or "
-                                        "allow-empty = true has it taken over all the same",
-                                        file_));
-        diagnostics_ = std::move(reading.found.diagnostics);
-        doPutInForce(std::move(reading.found.configuration), last_ + 1);
+        if (failure) std::rethrow_exception(failure);
+        logDiagnostics(found.diagnostics);
+        bool const allowEmpty = std::any_of(served_.begin(), served_.end(),
+                                            [](Request const& each) { return each.allowEmpty; });
+        if (std::string const no = objection(found, allowEmpty); !no.empty())
+            return doRefuse(no, found.diagnostics);
+        diagnostics_ = std::move(found.diagnostics);
+        doPutInForce(std::move(found.configuration), last_ + 1);
         log(LogLevel::info, "{} is in force (#{})", file_, number_);
         for (Request const& each : served_)
             if (each.undoAfter > 0) undoAt_ = EventLoop::now() + each.undoAfter;

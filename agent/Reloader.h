@@ -6,7 +6,7 @@
 // One alarm: it returns to the configuration before.
 #pragma once
 
-#include "agent/config/Configuration.h"
+#include "agent/ConfigurationReader.h"
 #include "agent/control/ControlSession.h"
 #include "agent/loop/Alarm.h"
 
@@ -19,6 +19,7 @@ namespace Agent {
 
 /// Writes what reading a file has found to the log.
 void logDiagnostics(std::vector<Diagnostic> const& diagnostics);
+nlohmann::json toJson(std::vector<Diagnostic> const& diagnostics);
 
 class Reloader {
   public:
@@ -60,14 +61,15 @@ class Reloader {
     /// The end of a turn.
     void handleTurn();
 
-    bool reading() const { return work_ != nullptr; }
+    bool reading() const { return reader_.reading(); }
+    /// Why a reload would not put in force what a file holds; empty if it would. `allowEmpty`:
+    /// whether it may have every group left.
+    std::string objection(ConfigurationReading const& found, bool allowEmpty) const;
     nlohmann::json statusJson() const;
 
   private:
-    struct Reading; ///< what a thread has read
-
     void doBegin();
-    void doFinish(Reading& reading);
+    void doFinish(ConfigurationReading found, std::exception_ptr const& failure);
     void doPutInForce(Configuration configuration, unsigned number);
     void doRefuse(std::string const& text, std::vector<Diagnostic> const& found = {});
     nlohmann::json answerJson() const;
@@ -86,8 +88,7 @@ class Reloader {
     std::vector<Request> waiting_; ///< for a reading that has not begun
     std::vector<Request> served_;  ///< by what is being read or worked off
     bool told_ = false;            ///< the service manager, that a reload has begun
-    std::shared_ptr<Reading> reading_;
-    std::shared_ptr<EventLoop::Handler const> work_; ///< while a thread reads
+    ConfigurationReader reader_;
     bool settling_ = false;
     double settleBy_ = 0;
     std::vector<Diagnostic> diagnostics_; ///< of what is in force

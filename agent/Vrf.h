@@ -47,6 +47,8 @@ class Vrf {
     bool synchronized() const { return !interfaces_ || interfaces_->synchronized(); }
     /// Whether the routes have been read, too, and those that pass the filter been announced.
     bool routesTold() const { return !routes_ || routes_->told(); }
+    /// Whether the routes that are known have been judged by the policy in force.
+    bool routesJudged() const { return !routes_ || routes_->reviewed(); }
 
     /// Writes interfaces and routes once more, and reads them again from the kernel.
     void doRenew();

@@ -144,6 +144,11 @@ bool VrfRegistry::routesTold(std::string const& vrf) const {
     return found == vrfs_.end() || found->second->routesTold();
 }
 
+bool VrfRegistry::routesJudged() const {
+    return std::all_of(vrfs_.begin(), vrfs_.end(),
+                       [](auto const& item) { return item.second->routesJudged(); });
+}
+
 std::optional<std::string> VrfRegistry::obstacle(std::string const& interface) const {
     auto const found = vrfs_.find(vrfOf(interface));
     return found == vrfs_.end() ? std::nullopt : found->second->obstacle(interface);

@@ -37,6 +37,8 @@ class VrfRegistry {
     Whereabouts whereabouts(std::string const& interface, std::string const& namespaceName) const;
     /// Whether all routes of that VRF have been announced, as far as they were there at the start.
     bool routesTold(std::string const& vrf) const;
+    /// Whether no route waits to be judged by the policy in force.
+    bool routesJudged() const;
     /// What keeps an interface of the configuration from being used; empty for nothing, and nothing
     /// while that is not known.
     std::optional<std::string> obstacle(std::string const& interface) const;

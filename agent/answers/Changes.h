@@ -2,8 +2,12 @@
 #pragma once
 
 #include "agent/PortRegistry.h"
+#include "agent/loop/FileDescriptor.h"
 
 #include <cstddef>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
 
 namespace Agent {
 
@@ -25,17 +29,15 @@ struct ChangeCounts {
     std::size_t joined = 0, left = 0, changed = 0;
 };
 
-inline ChangeCounts changeCounts(PortRegistry const& ports) {
-    ChangeCounts counts;
-    forChanges(ports, [&](auto const&, auto, auto const& before, auto const& after) {
-        if (!before.member())
-            ++counts.joined;
-        else if (!after.member())
-            ++counts.left;
-        else
-            ++counts.changed;
-    });
-    return counts;
-}
+ChangeCounts changeCounts(PortRegistry const& ports);
+
+/// One change as a line of JSON: "interface", "group", and of "before" and "after" what
+/// toJson() tells, null where the group is not announced.
+std::string changeText(std::string const& interface, Lox::IpAddr group,
+                       HostEngine::GroupState const& before, HostEngine::GroupState const& after);
+
+/// The members of `answer`, and in the array "changes" the lines of a file. Throws
+/// std::system_error.
+std::unique_ptr<JsonPart> changesPart(nlohmann::json answer, FileDescriptor rows);
 
 } // namespace Agent

@@ -106,6 +106,13 @@ GroupFilter GroupFilter::fromJson(json const& params) {
     return filter;
 }
 
+json toJson(HostEngine::GroupState const& state) {
+    json sources = json::array();
+    for (Lox::IpAddr const source : state.sources) sources.push_back(source.stringValue());
+    return {{"mode", state.mode == FilterMode::include ? "include" : "exclude"},
+            {"sources", std::move(sources)}};
+}
+
 std::vector<std::string> originsOf(AgentView const& view, std::string const& interface,
                                    Lox::IpAddr group) {
     std::vector<std::string> found;

@@ -18,6 +18,9 @@ struct GroupFilter {
     static GroupFilter fromJson(nlohmann::json const& params);
 };
 
+/// "mode" and "sources".
+nlohmann::json toJson(HostEngine::GroupState const& state);
+
 /// Which of "configuration", "list" and "route" want the group on that interface.
 std::vector<std::string> originsOf(AgentView const& view, std::string const& interface,
                                    Lox::IpAddr group);

@@ -52,10 +52,7 @@ class Inquiry {
                                  "lists, no announced route");
         answer["vrf"] = configured->vrf;
         answer["announced"] = state_.member() && obstacle.empty();
-        answer["mode"] = state_.mode == FilterMode::include ? "include" : "exclude";
-        json sources = json::array();
-        for (Lox::IpAddr const source : state_.sources) sources.push_back(source.stringValue());
-        answer["sources"] = std::move(sources);
+        answer.update(toJson(state_));
         answer["wishes"] = std::move(wishes_);
         answer["obstacles"] = std::move(obstacles_);
         return answer;

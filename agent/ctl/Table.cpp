@@ -6,11 +6,12 @@
 namespace Ctl {
 
 std::string Table::text() const {
-    std::vector<std::size_t> widths(rows_.front().size());
+    std::vector<std::size_t> widths(rows_.back().size());
     for (Row const& row : rows_)
         for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
     std::string text;
     for (Row const& row : rows_) {
+        if (row.empty()) continue;
         std::string line;
         for (std::size_t i = 0; i < row.size(); ++i) {
             line += row[i];

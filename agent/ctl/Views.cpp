@@ -50,6 +50,28 @@ std::string sourcesText(json const& row) {
     return fmt::format("{} {}", include ? "only from" : "any source but", fmt::join(sources, " "));
 }
 
+/// Of a group that is announced.
+std::string fromText(json const& state) {
+    std::string const text = sourcesText(state);
+    return text.starts_with("any") ? "from " + text : text;
+}
+
+/// "+", "-" or "~" for a group that is joined, left or changed, and from which sources.
+std::pair<char const*, std::string> changeOf(json const& change) {
+    json const& before = change.at("before");
+    json const& after = change.at("after");
+    if (before.is_null()) return {"+", fromText(after)};
+    if (after.is_null()) return {"-", ""};
+    return {"~", fromText(before) + " -> " + fromText(after)};
+}
+
+/// 2000 as 2,000.
+std::string groupedText(std::uint64_t number) {
+    std::string text = std::to_string(number);
+    for (std::size_t at = text.size(); at > 3;) text.insert(at -= 3, ",");
+    return text;
+}
+
 std::string fileName(std::string const& path) { return path.substr(path.rfind('/') + 1); }
 
 std::uint32_t numberOf(json const& address) {
@@ -184,6 +206,31 @@ std::string traceText(json const& answer) {
     for (json const& entry : answer.at("entries"))
         text += fmt::format("{} {} {}\n", preciseTimeText(entry.at("time")),
                             entry.at("level").dump(), entry.at("text").get<std::string>());
+    return text;
+}
+
+std::string diffText(json const& answer) {
+    std::string text = diagnosticsText(answer.at("diagnostics"));
+    Table table;
+    for (json const& change : answer.at("changes")) {
+        auto const [sign, words] = changeOf(change);
+        std::string const group = change.at("group");
+        table.add({change.at("interface"), fmt::format("{} {}", sign, group), words});
+    }
+    text += table.text();
+    std::string counts;
+    for (auto const& [kind, what] : {std::pair("joined", "join"), std::pair("left", "leave"),
+                                     std::pair("changed", "change")})
+        if (auto const count = answer.at(kind).get<std::uint64_t>(); count > 0)
+            counts += fmt::format("{} {}{}, ", groupedText(count), what, count == 1 ? "" : "s");
+    if (counts.empty()) counts = "no change, ";
+    auto const packets = answer.at("packets").get<std::uint64_t>();
+    text += fmt::format("{}{} untouched", counts, groupedText(answer.at("kept")));
+    if (packets > 0)
+        text += fmt::format("; about {} packet{}", groupedText(packets), packets == 1 ? "" : "s");
+    text += '\n';
+    if (json const& refused = answer.at("refused"); !refused.is_null())
+        text += fmt::format("a reload would be refused: {}\n", refused.get<std::string>());
     return text;
 }
 

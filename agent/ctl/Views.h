@@ -15,6 +15,7 @@ std::string listsText(nlohmann::json const& answer);
 std::string routesText(nlohmann::json const& answer);
 std::string whyText(nlohmann::json const& answer);
 std::string traceText(nlohmann::json const& answer);
+std::string diffText(nlohmann::json const& answer);
 std::string reloadText(nlohmann::json const& answer);
 /// FILE:LINE:COLUMN: LEVEL: TEXT, a line each.
 std::string diagnosticsText(nlohmann::json const& diagnostics);

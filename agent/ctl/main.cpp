@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fmt/format.h>
 #include <functional>
 #include <map>
@@ -66,6 +67,9 @@ class Question {
     }
 
     json const& params() const { return params_; }
+    void set(std::string const& name, json value) { params_[name] = std::move(value); }
+    /// Asks by another name from now on.
+    void ask(std::string method) { method_ = std::move(method); }
     void run() const {
         Ctl::Client client(options_.control);
         for (bool again = false;; again = true) {
@@ -186,6 +190,14 @@ int run(int argc, char** argv) {
                            "Return to what is in force now unless `confirm` follows in time")
         ->transform(seconds());
     reload.flag("--allow-empty", "allowEmpty", "Even if it has every group left");
+    Question diff(app, options, "diff", "What a reload would change", Ctl::diffText);
+    diff->add_option_function<std::string>(
+        "file",
+        [&diff](std::string const& file) {
+            diff.set("file", std::filesystem::absolute(file).string());
+            diff.ask("diffFile");
+        },
+        "Of this file, in place of the agent's");
     Question undo(app, options, "undo", "Return to the configuration before", Ctl::reloadText);
     Question confirm(
         app, options, "confirm", "Keep what a reload was to undo", [](json const& answer) {

@@ -215,6 +215,11 @@ double HostEngine::nextExpiry() const {
                      v2QuerierExpiry_});
 }
 
+bool HostEngine::telling() const {
+    return !late_.empty() || fresh_.nextExpiry() != never || repeats_.nextExpiry() != never ||
+           !hasLeft();
+}
+
 void HostEngine::advance(double now) {
     handleVersion(now);
     if (generalDue_ <= now) {

@@ -128,6 +128,8 @@ class HostEngine {
     /// Leaves every group, as often as changes are told, evenly spread over `leaveSeconds` however
     /// many there are: the packet limit yields. Groups may come back meanwhile.
     void leaveAll(double now);
+    /// Whether a change is still to be told, or told again.
+    bool telling() const;
     /// Whether that is over.
     bool hasLeft() const { return leaveDue_ == never; }
     static constexpr double leaveSeconds = 0.7;

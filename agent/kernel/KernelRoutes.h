@@ -42,7 +42,9 @@ class KernelRoutes final : private Netlink::Observer {
     /// Whether the kernel's table has been read once.
     bool synchronized() const { return synchronized_; }
     /// Whether, moreover, no route waits to be told.
-    bool told() const { return synchronized_ && table_.reviewed(); }
+    bool told() const { return synchronized_ && reviewed(); }
+    /// Whether no route waits to be judged or dropped.
+    bool reviewed() const { return table_.reviewed(); }
     /// Of all that the kernel has, unresolved ones aside.
     std::size_t routeCount() const { return table_.routeCount(); }
     /// Octets that notifications may fill before they are lost.

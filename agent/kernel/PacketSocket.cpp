@@ -12,6 +12,7 @@
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <netinet/in.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 namespace Agent {
@@ -23,6 +24,9 @@ constexpr std::size_t largestPacket = 9216;
 constexpr unsigned mostBatchesInTurn = 8;
 constexpr double patienceSeconds = 1; // with an interface that takes no packet
 constexpr int sendBufferBytes = 4 << 20;
+
+bool muted = false;
+std::uint64_t packetsMuted = 0;
 
 // RFC 791, 3.1
 constexpr unsigned protocolOffset = 9;
@@ -50,6 +54,7 @@ void doAttachFilter(int socket, int ifindex) {
 }
 
 FileDescriptor openPacketSocket(int ifindex, int namespaceFd) {
+    if (muted) return FileDescriptor(checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd"));
     NamespaceScope const scope(namespaceFd);
     // Without a protocol, so that nothing arrives before filter and interface are set.
     FileDescriptor socket(::socket(AF_PACKET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -117,6 +122,10 @@ struct PacketSocket::ReceiveBuffers {
 PacketSocket::PacketSocket(int ifindex, int namespaceFd)
     : ifindex_(ifindex), socket_(openPacketSocket(ifindex, namespaceFd)) {}
 
+void PacketSocket::doMute() { muted = true; }
+
+std::uint64_t PacketSocket::mutedCount() { return packetsMuted; }
+
 void PacketSocket::receive(std::function<void(Bytes)> const& handler) {
     thread_local auto const buffers = std::make_unique<ReceiveBuffers>();
     for (unsigned turn = 0; turn < mostBatchesInTurn; ++turn) {
@@ -165,6 +174,10 @@ void PacketSocket::doDrop(int error) {
 }
 
 int PacketSocket::doSend() {
+    if (muted) {
+        packetsMuted += queue_.size();
+        return int(queue_.size());
+    }
     std::array<mmsghdr, batch> messages{};
     std::array<iovec, batch> parts;
     std::array<sockaddr_ll, batch> addresses;

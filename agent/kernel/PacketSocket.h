@@ -30,6 +30,12 @@ class PacketSocket {
     /// multicast through. Throws std::system_error, without CAP_NET_RAW for example.
     explicit PacketSocket(int ifindex, int namespaceFd = -1);
 
+    /// In a copy of the process that nobody is to hear: what is opened from now on is nothing that
+    /// the kernel knows of, and what is sent only counts.
+    static void doMute();
+    /// How many packets nobody has heard.
+    static std::uint64_t mutedCount();
+
     /// To wait for: readable when receive() has something to do, writable when the socket's buffer
     /// has room again for flush().
     int fd() const { return socket_.get(); }

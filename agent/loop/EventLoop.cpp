@@ -37,11 +37,15 @@ timespec toTimespec(double seconds) {
 
 } // namespace
 
-EventLoop::EventLoop()
-    : epoll_(checked(epoll_create1(EPOLL_CLOEXEC), "epoll_create1")),
-      timer_(
-          checked(timerfd_create(CLOCK_BOOTTIME, TFD_NONBLOCK | TFD_CLOEXEC), "timerfd_create")) {
+EventLoop::EventLoop() {
     sigemptyset(&signalSet_);
+    doMakeDescriptors();
+}
+
+void EventLoop::doMakeDescriptors() {
+    epoll_ = FileDescriptor(checked(epoll_create1(EPOLL_CLOEXEC), "epoll_create1"));
+    timer_ = FileDescriptor(
+        checked(timerfd_create(CLOCK_BOOTTIME, TFD_NONBLOCK | TFD_CLOEXEC), "timerfd_create"));
     signals_ =
         FileDescriptor(checked(signalfd(-1, &signalSet_, SFD_NONBLOCK | SFD_CLOEXEC), "signalfd"));
     watch(signals_.get(), EPOLLIN, [this](std::uint32_t) { handleSignals(); });
@@ -51,7 +55,21 @@ EventLoop::EventLoop()
         [[maybe_unused]] auto const got = read(timer_.get(), &expirations, sizeof expirations);
         armedFor_.reset();
     });
-    watch(workers_.fd(), EPOLLIN, [this](std::uint32_t) { workers_.doFinish(); });
+    watch(workers_->fd(), EPOLLIN, [this](std::uint32_t) { workers_->doFinish(); });
+}
+
+void EventLoop::doBecomeCopy() {
+    watches_.clear();
+    while (!alarms_.empty() && alarms_.begin()->first < Nex::never)
+        alarms_.begin()->second->disarm();
+    hooks_.clear();
+    armedFor_.reset();
+    signalHandlers_.clear();
+    sigemptyset(&signalSet_);
+    // The threads are not in the copy, and what they hold locked stays so.
+    [[maybe_unused]] Workers* const original = workers_.release();
+    workers_ = std::make_unique<Workers>();
+    doMakeDescriptors();
 }
 
 double EventLoop::now() {

@@ -62,7 +62,7 @@ class EventLoop {
     /// holds it. `work` owns all that it uses and does not throw. Throws std::bad_alloc, with
     /// nothing done.
     void offload(Handler work, std::weak_ptr<Handler const> done = {}) {
-        workers_.enqueue(std::move(work), std::move(done));
+        workers_->enqueue(std::move(work), std::move(done));
     }
 
     /// Calls `handler` in place of the default action. Signals that arrive in one turn count once;
@@ -85,6 +85,10 @@ class EventLoop {
     /// For those who catch that themselves.
     void doReportExhaustion() noexcept { exhausted_ = true; }
 
+    /// In a copy of the process: what was watched, armed or hooked before belongs to the original,
+    /// and so do its threads. Time goes on to be told. Throws std::system_error.
+    void doBecomeCopy();
+
     /// Serves until stop(); returns its status.
     int run();
     /// Ends run() after the current turn, or the next run() at once. The first call decides the
@@ -102,6 +106,7 @@ class EventLoop {
     using Alarms = std::multimap<double, Alarm*>;
     void doMove(Alarms::iterator& place, double time) noexcept;
 
+    void doMakeDescriptors();
     void doTurn();
     double nextExpiry() const;
     int waitMilliseconds();
@@ -117,7 +122,7 @@ class EventLoop {
     FileDescriptor epoll_;
     FileDescriptor timer_;
     FileDescriptor signals_;
-    Workers workers_;
+    std::unique_ptr<Workers> workers_ = std::make_unique<Workers>();
     sigset_t signalSet_{};
     // By descriptor. Shared with the call in progress, which may remove its own entry.
     std::map<int, std::shared_ptr<Watch>> watches_;

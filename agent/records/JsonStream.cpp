@@ -47,9 +47,11 @@ void JsonStream::openArray(std::string const& name, std::unique_ptr<JsonPart> pa
     doOpen('[', std::move(part));
 }
 
-void JsonStream::addElement(nlohmann::json const& value) {
+void JsonStream::addElement(nlohmann::json const& value) { addElementText(textOf(value)); }
+
+void JsonStream::addElementText(std::string_view value) {
     doSeparate();
-    text_ += textOf(value);
+    text_ += value;
 }
 
 void JsonStream::doSeparate() {

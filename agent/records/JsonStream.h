@@ -9,6 +9,7 @@
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -54,6 +55,8 @@ class JsonStream {
     void openArray(std::string const& name, std::unique_ptr<JsonPart> part);
     /// Adds an element to the array at hand.
     void addElement(nlohmann::json const& value);
+    /// The same of one that is text already.
+    void addElementText(std::string_view value);
 
   private:
     /// An object or array that is not closed yet.

@@ -1,0 +1,83 @@
+#include "agent/Differ.h"
+
+#include "agent/answers/Changes.h"
+
+#include <fmt/format.h>
+#include <utility>
+
+namespace Agent {
+
+namespace {
+
+using nlohmann::json;
+
+// To count the packets, the copy goes through the time until everything has been told.
+constexpr double stepSeconds = 0.05;
+constexpr unsigned mostSteps = 20000;
+
+} // namespace
+
+void Differ::ask(std::string file, RpcReply reply) {
+    if (reply_) throw RpcError(RpcError::refused, "another comparison is under way");
+    reader_.begin(file, [this](ConfigurationReading found, std::exception_ptr const& failure) {
+        try {
+            if (failure) std::rethrow_exception(failure);
+            doRehearse(std::move(found));
+        } catch (std::exception const& error) {
+            doRefuse(error.what());
+        }
+    });
+    file_ = std::move(file);
+    reply_ = std::move(reply);
+}
+
+void Differ::doRehearse(ConfigurationReading found) {
+    if (!found.valid())
+        return doRefuse(fmt::format("{} cannot be put in force", file_), found.diagnostics);
+    answer_ = {{"file", file_}, {"diagnostics", toJson(found.diagnostics)}};
+    std::string const objection = reloader_.objection(found, false);
+    answer_["refused"] = objection.empty() ? json() : json(objection);
+    bool const copy = rehearsal_.begin([this](std::string const& summary, FileDescriptor rows) {
+        handleEnd(summary, std::move(rows));
+    });
+    if (!copy) return;
+    loop_.atEndOfTurn([this] { hosts_.handleTurn(EventLoop::now()); });
+    loop_.atEndOfTurn([this] { handleCopyTurn(); });
+    hosts_.beginChanges();
+    target_.putInForce(std::move(found.configuration));
+}
+
+void Differ::handleCopyTurn() {
+    if (target_.settled()) doTell();
+}
+
+void Differ::doTell() {
+    double now = EventLoop::now();
+    for (unsigned step = 0; step < mostSteps && hosts_.telling(); ++step)
+        hosts_.advance(now += stepSeconds);
+    forChanges(hosts_, [this](auto const& interface, Lox::IpAddr group, auto const& before,
+                              auto const& after) {
+        rehearsal_.add(changeText(interface, group, before, after));
+    });
+    ChangeCounts const counts = changeCounts(hosts_);
+    rehearsal_.end(json{{"joined", counts.joined},
+                        {"left", counts.left},
+                        {"changed", counts.changed},
+                        {"kept", hosts_.memberCount() - counts.joined - counts.changed},
+                        {"packets", PacketSocket::mutedCount()}}
+                       .dump());
+}
+
+void Differ::handleEnd(std::string const& summary, FileDescriptor rows) {
+    if (summary.empty()) return doRefuse("the attempt did not come to its end");
+    answer_.update(json::parse(summary));
+    auto part = changesPart(std::exchange(answer_, {}), std::move(rows));
+    std::exchange(reply_, std::nullopt)->result(std::move(part));
+}
+
+void Differ::doRefuse(std::string const& text, std::vector<Diagnostic> const& found) {
+    std::exchange(reply_, std::nullopt)
+        ->error(RpcError(RpcError::refused, text, {{"diagnostics", toJson(found)}}));
+}
+
+} // namespace Agent

@@ -1,0 +1,50 @@
+// What a configuration file would change if it were put in force: it is read beside the loop, put
+// in force in a copy of the process by the same code that a reload uses, and the groups that came
+// out differently are told.
+#pragma once
+
+#include "agent/ConfigurationReader.h"
+#include "agent/PortRegistry.h"
+#include "agent/Rehearsal.h"
+#include "agent/Reloader.h"
+
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+namespace Agent {
+
+class Differ {
+  public:
+    /// All of them outlive this.
+    Differ(EventLoop& loop, Reloader const& reloader, Reloader::Target& target, PortRegistry& hosts)
+        : loop_(loop),
+          reloader_(reloader),
+          target_(target),
+          hosts_(hosts),
+          reader_(loop),
+          rehearsal_(loop) {}
+
+    /// Answers later. Throws an RpcError while another question is being answered, for each costs a
+    /// copy of the process.
+    void ask(std::string file, RpcReply reply);
+
+  private:
+    void doRehearse(ConfigurationReading found);
+    void handleCopyTurn();
+    [[noreturn]] void doTell();
+    void handleEnd(std::string const& summary, FileDescriptor rows);
+    void doRefuse(std::string const& text, std::vector<Diagnostic> const& found = {});
+
+    EventLoop& loop_;
+    Reloader const& reloader_;
+    Reloader::Target& target_;
+    PortRegistry& hosts_;
+    ConfigurationReader reader_;
+    Rehearsal rehearsal_;
+    std::string file_;
+    std::optional<RpcReply> reply_; ///< to be answered
+    nlohmann::json answer_;         ///< as far as it is known
+};
+
+} // namespace Agent
