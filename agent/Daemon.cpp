@@ -2,6 +2,7 @@
 
 #include "agent/answers/Changes.h"
 #include "agent/answers/Groups.h"
+#include "agent/answers/Metrics.h"
 #include "agent/control/UnixSocket.h"
 #include "agent/loop/Log.h"
 #include "agent/loop/ServiceManager.h"
@@ -21,6 +22,9 @@ namespace {
 
 /// How soon the attempt to recover is repeated, in seconds.
 constexpr double rebuildSeconds = 1;
+
+/// As obstacles name it.
+constexpr char metricsSubject[] = "metrics";
 
 /// What is announced, under "igmpHost" what the ports count, and under "obstacles" what keeps whom
 /// from working.
@@ -85,7 +89,8 @@ Daemon::Daemon(Options options, Configuration configuration,
     doFollowTime();
     hosts_->addFormer(former);
     doConfigure(std::move(configuration));
-    view_.emplace(AgentView{state_, writer_, *vrfs_, *hosts_, root_, obstacles_});
+    view_.emplace(AgentView{state_, writer_, *vrfs_, *hosts_, root_, obstacles_, loop_, reloader_,
+                            EventLoop::now()});
     differ_.emplace(loop_, reloader_, static_cast<Reloader::Target&>(*this), *hosts_);
     doOpenControl();
 }
@@ -103,6 +108,24 @@ void Daemon::doOpenControl() {
     } catch (std::system_error const& error) {
         if (wanted) throw;
         log(LogLevel::info, "no control socket: {}; --control names another place", error.what());
+    }
+}
+
+/// At the end of a turn: a configuration that wants them elsewhere may have come into force.
+void Daemon::doServeMetrics() {
+    std::string const& listen = writer_.configuration().metricsListen;
+    if (listen == metricsListen_) return;
+    metricsListen_ = listen;
+    metrics_.reset();
+    obstacles_.clear(metricsSubject);
+    if (listen.empty()) return;
+    try {
+        metrics_.emplace(loop_, listen, [this]() -> MetricsServer::Pieces {
+            auto const text = std::make_shared<MetricsText>(*view_);
+            return [text](std::string& piece) { return text->next(piece); };
+        });
+    } catch (std::system_error const& error) {
+        obstacles_.report(metricsSubject, fmt::format("cannot be had: {}", error.what()));
     }
 }
 
@@ -230,6 +253,7 @@ void Daemon::handleTurn() {
         return loop_.stop(0);
     }
     vrfs_->handleTurn();
+    doServeMetrics();
     obstacles_.handleTurn();
     trimmer_.handleTurn();
     reloader_.handleTurn();

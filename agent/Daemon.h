@@ -11,6 +11,7 @@
 #include "agent/answers/View.h"
 #include "agent/config/Configuration.h"
 #include "agent/control/ControlServer.h"
+#include "agent/control/MetricsServer.h"
 #include "agent/files/StateKeeper.h"
 #include "agent/files/StatusFile.h"
 #include "agent/loop/EventLoop.h"
@@ -74,7 +75,9 @@ class Daemon : private Reloader::Target {
     void doFollowSignals();
     RpcMethods methods();
     void doOpenControl();
+    void doServeMetrics();
     nlohmann::json statusJson() const;
+    void doSetLogLevel(std::string const& name, double seconds);
     void doFollowTime();
     void handleTurn();
     void handleReload();
@@ -116,7 +119,10 @@ class Daemon : private Reloader::Target {
     std::optional<Differ> differ_;
     RpcMethods methods_;
     std::optional<ControlServer> control_;
-    double startTime_ = EventLoop::now();
+    std::optional<MetricsServer> metrics_;
+    std::string metricsListen_; ///< where it is, or was to be
+    Alarm formerLevel_{loop_, [this] { setLogLevel(levelBefore_); }};
+    LogLevel levelBefore_{}; ///< to be returned to
     bool damaged_ = false; ///< what stands between the configuration and the ports
     bool ready_ = false;
     bool ending_ = false;

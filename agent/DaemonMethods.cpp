@@ -6,6 +6,7 @@
 #include "agent/answers/Groups.h"
 #include "agent/answers/Interfaces.h"
 #include "agent/answers/Lists.h"
+#include "agent/answers/Metrics.h"
 #include "agent/answers/Trace.h"
 #include "agent/answers/Why.h"
 #include "agent/config/AddressText.h"
@@ -23,19 +24,28 @@ namespace {
 
 using nlohmann::json;
 
-/// How long a configuration may wait to be confirmed, in seconds.
-constexpr double longestUndo = 86400;
+/// How long a configuration may wait to be confirmed, or a log level last, in seconds.
+constexpr double longestWait = 86400;
 constexpr std::uint64_t wholeRing = Lumen::Ring::capacity();
 
-void setLevel(std::string const& name) {
+} // namespace
+
+/// For so many seconds, or for good if that is 0.
+void Daemon::doSetLogLevel(std::string const& name, double seconds) {
     auto const level = logLevelOf(name);
     if (!level)
         throw RpcError(RpcError::invalidParams,
                        fmt::format("level {} found, expected error, warning, info or debug", name));
+    if (!(seconds >= 0 && seconds <= longestWait))
+        throw RpcError(RpcError::invalidParams,
+                       fmt::format("for is to be up to {} seconds", longestWait));
+    if (seconds == 0)
+        formerLevel_.disarm();
+    else if (!formerLevel_.armed())
+        levelBefore_ = logLevel();
+    if (seconds > 0) formerLevel_.arm(seconds);
     setLogLevel(*level);
 }
-
-} // namespace
 
 json Daemon::statusJson() const {
     std::size_t usable = 0;
@@ -49,7 +59,7 @@ json Daemon::statusJson() const {
     return {{"program", "ihproxyd"},
             {"version", IHP_VERSION},
             {"pid", getpid()},
-            {"uptime", EventLoop::now() - startTime_},
+            {"uptime", EventLoop::now() - view_->startTime},
             {"state", ending_  ? "ending"
                       : ready_ ? "ready"
                                : "starting"},
@@ -75,6 +85,13 @@ RpcMethods Daemon::methods() {
     all["counters"].call = [=, this](json const& params, RpcReply const& reply) {
         reply.result(list("counters", countersAnswer(*view_, params.value("interface", ""))));
     };
+    all["countersReset"] = {true, [this](json const& params, RpcReply const& reply) {
+                                hosts_->doResetCounters(params.value("interface", ""));
+                                reply.result(json::object());
+                            }};
+    all["metrics"].call = [=, this](json const&, RpcReply const& reply) {
+        reply.result(list("text", metricsAnswer(*view_)));
+    };
     all["lists"].call = [=, this](json const& params, RpcReply const& reply) {
         reply.result(list("rules", listsAnswer(*view_, params.value("list", ""))));
     };
@@ -98,16 +115,16 @@ RpcMethods Daemon::methods() {
         reply.result(list("events", eventsAnswer(params.value("after", std::uint64_t(0)),
                                                  params.value("last", std::uint64_t(mostEvents)))));
     };
-    all["log"] = {true, [](json const& params, RpcReply const& reply) {
-                      setLevel(params.at("level"));
+    all["log"] = {true, [this](json const& params, RpcReply const& reply) {
+                      doSetLogLevel(params.at("level"), params.value("for", 0.0));
                       reply.result({{"level", nameOf(logLevel())}});
                   }};
     all["reload"] = {true, [this](json const& params, RpcReply reply) {
                          double const undoAfter = params.value("undoAfter", 0.0);
-                         if (!(undoAfter >= 0 && undoAfter <= longestUndo))
+                         if (!(undoAfter >= 0 && undoAfter <= longestWait))
                              throw RpcError(
                                  RpcError::invalidParams,
-                                 fmt::format("undoAfter is to be up to {} seconds", longestUndo));
+                                 fmt::format("undoAfter is to be up to {} seconds", longestWait));
                          doReload({std::move(reply), undoAfter, params.value("allowEmpty", false)});
                      }};
     all["diff"].call = [this](json const&, RpcReply reply) {

@@ -19,7 +19,7 @@ constexpr unsigned mostSteps = 20000;
 
 void Differ::ask(std::string file, RpcReply reply) {
     if (reply_) throw RpcError(RpcError::refused, "another comparison is under way");
-    reader_.begin(file, [this](ConfigurationReading found, std::exception_ptr const& failure) {
+    loader_.begin(file, [this](ConfigurationReading found, std::exception_ptr const& failure) {
         try {
             if (failure) std::rethrow_exception(failure);
             doRehearse(std::move(found));

@@ -3,7 +3,7 @@
 // out differently are told.
 #pragma once
 
-#include "agent/ConfigurationReader.h"
+#include "agent/ConfigurationLoader.h"
 #include "agent/PortRegistry.h"
 #include "agent/Rehearsal.h"
 #include "agent/Reloader.h"
@@ -22,7 +22,7 @@ class Differ {
           reloader_(reloader),
           target_(target),
           hosts_(hosts),
-          reader_(loop),
+          loader_(loop),
           rehearsal_(loop) {}
 
     /// Answers later. Throws an RpcError while another question is being answered, for each costs a
@@ -40,7 +40,7 @@ class Differ {
     Reloader const& reloader_;
     Reloader::Target& target_;
     PortRegistry& hosts_;
-    ConfigurationReader reader_;
+    ConfigurationLoader loader_;
     Rehearsal rehearsal_;
     std::string file_;
     std::optional<RpcReply> reply_; ///< to be answered

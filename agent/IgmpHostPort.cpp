@@ -177,11 +177,23 @@ void IgmpHostPort::advance(double now) {
 }
 
 nlohmann::json IgmpHostPort::statusJson() const {
-    nlohmann::json json = toJson(engine_.counters());
+    SocketCounters const socket = socketCounters();
+    nlohmann::json json = toJson(engine_.counters().since(earlier_));
     json["version"] = engine_.version();
-    json["sendDropped"] = socket_ ? socket_->dropped() : 0;
-    json["receivedTooLong"] = socket_ ? socket_->truncated() : 0;
+    json["sendDropped"] = socket.sendDropped - earlierSocket_.sendDropped;
+    json["receivedTooLong"] = socket.tooLong - earlierSocket_.tooLong;
+    json["receivedMissed"] = socket.missed - earlierSocket_.missed;
     return json;
+}
+
+void IgmpHostPort::doResetCounters() {
+    earlier_ = engine_.counters();
+    earlierSocket_ = socketCounters();
+}
+
+SocketCounters IgmpHostPort::socketCounters() const {
+    if (!socket_) return {};
+    return {socket_->dropped(), socket_->truncated(), socket_->missed(), socket_->queued()};
 }
 
 // Settings and link
@@ -274,6 +286,7 @@ void IgmpHostPort::doClose(double now) {
 void IgmpHostPort::doCloseSocket() {
     if (socket_) loop_.descriptorClose(socket_->descriptorTake());
     socket_ = nullptr;
+    earlierSocket_ = {};
     openIfindex_ = 0;
 }
 

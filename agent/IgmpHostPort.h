@@ -28,6 +28,14 @@
 
 namespace Agent {
 
+/// Of packets, by the socket that an interface has at the moment.
+struct SocketCounters {
+    std::uint64_t sendDropped = 0; ///< not taken by the interface
+    std::uint64_t tooLong = 0;     ///< received, and not looked at
+    std::uint64_t missed = 0;      ///< received when there was no room
+    std::uint64_t queued = 0;      ///< to be sent, now
+};
+
 class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
   public:
     static constexpr char nexTypeName[] = "Agent::IgmpHostPort";
@@ -78,8 +86,11 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     void handleTurn(double now);
     double nextExpiry() const;
     void advance(double now);
-    /// What the engine and the socket have counted.
+    /// What the engine and the socket have counted since doResetCounters().
     nlohmann::json statusJson() const;
+    void doResetCounters();
+    /// Since the socket was opened.
+    SocketCounters socketCounters() const;
 
   private:
     class NexIgmpHost : public Nex::Reactor<Igmp::IgmpHost::Notifiee, IgmpHostPort> {
@@ -135,6 +146,8 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     Nex::Ptr<Igmp::IgmpHostStatus> status_;
     HostEngine engine_;
     HostEngine::Settings settings_; ///< as the last entity had them
+    HostCounters earlier_;          ///< what operators do not want to see any longer
+    SocketCounters earlierSocket_;
     std::unique_ptr<PacketSocket> socket_;
     int openIfindex_ = 0;
     double openTime_ = 0;

@@ -270,6 +270,11 @@ IgmpHostPort const* PortRegistry::port(std::string const& name) const {
     return found == ports_.end() ? nullptr : found->second.get();
 }
 
+void PortRegistry::doResetCounters(std::string const& name) {
+    for (auto const& [each, port] : ports_)
+        if (name.empty() || each == name) port->doResetCounters();
+}
+
 /// One port at a time, found by the name of the one before: ports come and go meanwhile.
 class PortRegistry::StatusPart : public JsonPart {
   public:

@@ -77,6 +77,8 @@ class PortRegistry : public Nex::PtrInterface {
     std::size_t memberCount() const;
     /// Null without a host entity of that interface.
     IgmpHostPort const* port(std::string const& name) const;
+    /// Of one interface, or of all for an empty name.
+    void doResetCounters(std::string const& name);
     /// What each port has counted, by the interface's name.
     std::unique_ptr<JsonPart> statusPart() const;
 

@@ -45,7 +45,7 @@ Reloader::Reloader(EventLoop& loop, Target& target, std::string file)
       target_(target),
       file_(std::move(file)),
       since_(secondsSince1970()),
-      reader_(loop),
+      loader_(loop),
       unconfirmed_(loop, [this] { handleUnconfirmed(); }) {}
 
 void Reloader::reload(Request request, bool told) {
@@ -61,7 +61,7 @@ void Reloader::reload(Request request, bool told) {
 void Reloader::doBegin() {
     served_ = std::exchange(waiting_, {});
     try {
-        reader_.begin(file_, [this](ConfigurationReading found, std::exception_ptr const& failure) {
+        loader_.begin(file_, [this](ConfigurationReading found, std::exception_ptr const& failure) {
             doFinish(std::move(found), failure);
         });
     } catch (std::exception const& error) {
@@ -91,6 +91,7 @@ void Reloader::doFinish(ConfigurationReading found, std::exception_ptr const& fa
             return doRefuse(no, found.diagnostics);
         diagnostics_ = std::move(found.diagnostics);
         doPutInForce(std::move(found.configuration), last_ + 1);
+        ++counts_.done;
         log(LogLevel::info, "{} is in force (#{})", file_, number_);
         for (Request const& each : served_)
             if (each.undoAfter > 0) undoAt_ = EventLoop::now() + each.undoAfter;
@@ -114,6 +115,7 @@ void Reloader::doPutInForce(Configuration configuration, unsigned number) {
 /// Makes JSON for those who asked for it alone: it cannot be made without memory.
 void Reloader::doRefuse(std::string const& text, std::vector<Diagnostic> const& found) {
     log(LogLevel::error, "{}", text);
+    ++counts_.refused;
     for (Request const& each : served_)
         if (each.reply)
             each.reply->error(RpcError(RpcError::refused, text, {{"diagnostics", toJson(found)}}));
@@ -145,6 +147,7 @@ void Reloader::doUndo(char const* why) {
     undoAt_ = 0;
     unconfirmed_.disarm();
     unsigned const undone = number_;
+    ++counts_.undone;
     doPutInForce(Configuration(target_.before()), before_);
     log(LogLevel::warning, "configuration #{} is in force again: #{} was {}", number_, undone, why);
 }

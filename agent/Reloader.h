@@ -6,10 +6,11 @@
 // One alarm: it returns to the configuration before.
 #pragma once
 
-#include "agent/ConfigurationReader.h"
+#include "agent/ConfigurationLoader.h"
 #include "agent/control/ControlSession.h"
 #include "agent/loop/Alarm.h"
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -61,11 +62,16 @@ class Reloader {
     /// The end of a turn.
     void handleTurn();
 
-    bool reading() const { return reader_.reading(); }
+    bool reading() const { return loader_.reading(); }
     /// Why a reload would not put in force what a file holds; empty if it would. `allowEmpty`:
     /// whether it may have every group left.
     std::string objection(ConfigurationReading const& found, bool allowEmpty) const;
     nlohmann::json statusJson() const;
+    unsigned number() const { return number_; }
+    struct Counts {
+        std::uint64_t done = 0, refused = 0, undone = 0;
+    };
+    Counts const& counts() const { return counts_; }
 
   private:
     void doBegin();
@@ -84,11 +90,12 @@ class Reloader {
     unsigned number_ = 1;          ///< of the configuration in force
     unsigned before_ = 0;          ///< of the one before; 0 for none
     unsigned last_ = 1;            ///< the highest so far
+    Counts counts_;
     double since_;                 ///< when it was put in force, in seconds since 1970
     std::vector<Request> waiting_; ///< for a reading that has not begun
     std::vector<Request> served_;  ///< by what is being read or worked off
     bool told_ = false;            ///< the service manager, that a reload has begun
-    ConfigurationReader reader_;
+    ConfigurationLoader loader_;
     bool settling_ = false;
     double settleBy_ = 0;
     std::vector<Diagnostic> diagnostics_; ///< of what is in force

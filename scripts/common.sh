@@ -5,7 +5,7 @@
 # To build the agent and to show it at work.
 runPackages=(
     cmake g++ ninja-build pkgconf
-    libcap-ng-dev libcli11-dev libfmt-dev libmnl-dev libtomlplusplus-dev nlohmann-json3-dev
+    libcap-ng-dev libcli11-dev libfmt-dev libmicrohttpd-dev libmnl-dev libtomlplusplus-dev nlohmann-json3-dev
     iproute2 python3
 )
 
@@ -13,7 +13,7 @@ runPackages=(
 checkPackages=(
     "${runPackages[@]}"
     libbenchmark-dev libgtest-dev librapidcheck-dev
-    clang clang-format clang-tidy git libclang-rt-dev shellcheck smcroute
+    clang clang-format clang-tidy git libclang-rt-dev python3-prometheus-client shellcheck smcroute
 )
 
 # Users other than root may lack these, and iproute2 lies there.

@@ -3,9 +3,9 @@
 #include "agent/config/AddressText.h"
 #include "agent/control/JsonRpc.h"
 
-#include "Igmp/IgmpHost.h"
 #include "IgmpHostProxy/IgmpHostProxySm.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 #include <optional>
 
@@ -14,8 +14,6 @@ namespace Agent {
 namespace {
 
 using nlohmann::json;
-
-constexpr char const* origins[] = {"configuration", "list", "route"};
 
 json sourcesOf(Igmp::IgmpV3GroupRecord const& record) {
     json sources = json::array();
@@ -42,13 +40,6 @@ class GroupRows : public JsonElements {
     }
 
   private:
-    /// In the groups of one host entity.
-    struct Place {
-        explicit Place(Igmp::IgmpHost const& host) : groups(host.v3group()), at(groups.begin()) {}
-        decltype(std::declval<Igmp::IgmpHost const&>().v3group()) groups;
-        decltype(groups.begin()) at;
-    };
-
     bool doNextInterface() {
         auto const* const found = view_.nextInterface(interface_);
         if (!found) return false;
@@ -65,24 +56,29 @@ class GroupRows : public JsonElements {
     void doShow(JsonStream& stream, Igmp::IgmpV3GroupRecord const& record) {
         Lox::IpAddr const group = record.group();
         if (!filter_.groups.has(group)) return;
-        auto const wantedBy = originsOf(view_, *interface_, group);
-        if (!filter_.origin.empty() &&
-            std::find(wantedBy.begin(), wantedBy.end(), filter_.origin) == wantedBy.end())
-            return;
+        auto const wanted = originsOf(view_, *interface_, group);
+        json wantedBy = json::array();
+        bool shown = filter_.origin.empty();
+        for (std::size_t i = 0; i < wanted.size(); ++i)
+            if (wanted[i]) {
+                wantedBy.push_back(originNames[i]);
+                shown |= filter_.origin == originNames[i];
+            }
+        if (!shown) return;
         bool const include = record.filterMode() == Lox::IgmpV3GroupRecordType::modeIsInclude;
         stream.addElement({{"interface", *interface_},
                            {"vrf", vrf_},
                            {"group", group.stringValue()},
                            {"mode", include ? "include" : "exclude"},
                            {"sources", sourcesOf(record)},
-                           {"origins", wantedBy}});
+                           {"origins", std::move(wantedBy)}});
     }
 
     AgentView const& view_;
     GroupFilter filter_;
     std::optional<std::string> interface_;
     std::string vrf_;
-    std::optional<Place> place_;
+    std::optional<GroupPlace> place_;
 };
 
 } // namespace
@@ -93,7 +89,7 @@ GroupFilter GroupFilter::fromJson(json const& params) {
     filter.vrf = params.value("vrf", "");
     filter.origin = params.value("origin", "");
     if (!filter.origin.empty() &&
-        std::find(std::begin(origins), std::end(origins), filter.origin) == std::end(origins))
+        std::find(originNames.begin(), originNames.end(), filter.origin) == originNames.end())
         throw RpcError(
             RpcError::invalidParams,
             fmt::format("origin {} found, expected configuration, list or route", filter.origin));
@@ -113,21 +109,19 @@ json toJson(HostEngine::GroupState const& state) {
             {"sources", std::move(sources)}};
 }
 
-std::vector<std::string> originsOf(AgentView const& view, std::string const& interface,
-                                   Lox::IpAddr group) {
-    std::vector<std::string> found;
+std::array<bool, originNames.size()> originsOf(AgentView const& view, std::string const& interface,
+                                               Lox::IpAddr group) {
     InterfaceConfiguration const* const configured = view.configured(interface);
-    if (configured && configured->groups.contains(group)) found.emplace_back(origins[0]);
     Nex::Ptr const machine =
         view.root ? view.root->igmpHostProxyIntfSm(Lox::IntfId(interface)) : nullptr;
-    if (machine && machine->aclHas(group)) found.emplace_back(origins[1]);
+    bool const own = configured && configured->groups.contains(group);
+    bool const listed = machine && machine->aclHas(group);
     // The forwarding table has what nobody else owns.
-    if (found.empty()) found.emplace_back(origins[2]);
-    return found;
+    return {own, listed, !own && !listed};
 }
 
 bool isRouteOnly(AgentView const& view, std::string const& interface, Lox::IpAddr group) {
-    return originsOf(view, interface, group) == std::vector<std::string>{origins[2]};
+    return originsOf(view, interface, group)[2];
 }
 
 std::unique_ptr<JsonElements> groupsAnswer(AgentView const& view, GroupFilter filter) {

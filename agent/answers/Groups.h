@@ -3,15 +3,26 @@
 
 #include "agent/answers/View.h"
 
+#include "Igmp/IgmpHost.h"
 #include "Lox/IpAddr.h"
 
+#include <array>
+#include <utility>
+
 namespace Agent {
+
+/// A place in the groups of one host entity, which may come and go meanwhile.
+struct GroupPlace {
+    explicit GroupPlace(Igmp::IgmpHost const& host) : groups(host.v3group()), at(groups.begin()) {}
+    decltype(std::declval<Igmp::IgmpHost const&>().v3group()) groups;
+    decltype(groups.begin()) at;
+};
 
 /// Which groups to show.
 struct GroupFilter {
     std::string interface;          ///< empty for all
     std::string vrf;                ///< empty for all
-    std::string origin;             ///< empty for all, or one of originsOf()
+    std::string origin;             ///< empty for all, or one of originNames
     Lox::IpAddrWithFullMask groups; ///< mask 0 for all
 
     /// From the parameters "interface", "vrf", "origin" and "groups". Throws an RpcError.
@@ -21,9 +32,11 @@ struct GroupFilter {
 /// "mode" and "sources".
 nlohmann::json toJson(HostEngine::GroupState const& state);
 
-/// Which of "configuration", "list" and "route" want the group on that interface.
-std::vector<std::string> originsOf(AgentView const& view, std::string const& interface,
-                                   Lox::IpAddr group);
+inline constexpr std::array originNames{"configuration", "list", "route"};
+
+/// Which of these want the group on that interface.
+std::array<bool, originNames.size()> originsOf(AgentView const& view, std::string const& interface,
+                                               Lox::IpAddr group);
 
 /// Whether the group is there for nothing but the forwarding table.
 bool isRouteOnly(AgentView const& view, std::string const& interface, Lox::IpAddr group);

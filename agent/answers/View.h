@@ -16,6 +16,8 @@
 
 namespace Agent {
 
+class Reloader;
+
 struct AgentView {
     IgmpHostProxy::PlatformState const& state;
     ConfigurationWriter const& writer;
@@ -23,6 +25,9 @@ struct AgentView {
     PortRegistry const& ports;
     Nex::Ptr<IgmpHostProxy::IgmpHostProxySm> const& root;
     Obstacles const& obstacles;
+    EventLoop const& loop;
+    Reloader const& reloader;
+    double startTime; ///< by the loop's clock
 
     /// The part of the configuration in force; null for an interface that is not in it.
     InterfaceConfiguration const* configured(std::string const& interface) const {

@@ -2,8 +2,11 @@
 
 #include "Nex/Error.h"
 
+#include <arpa/inet.h>
 #include <charconv>
 #include <cstdint>
+#include <netinet/in.h>
+#include <string>
 
 namespace Agent {
 
@@ -40,6 +43,33 @@ std::optional<Lox::IpAddrWithFullMask> parseRange(std::string_view text) {
         return Lox::IpAddrWithFullMask(*address, mask->host());
     if (auto const mask = parseLength(behind)) return Lox::IpAddrWithFullMask(*address, *mask);
     return std::nullopt;
+}
+
+std::optional<SocketAddress> parseSocketAddress(std::string_view text) {
+    auto const colon = text.rfind(':');
+    if (colon == std::string_view::npos) return std::nullopt;
+    std::string_view const digits = text.substr(colon + 1);
+    std::uint16_t port = 0;
+    auto const [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), port);
+    if (error != std::errc() || end != digits.data() + digits.size() || port == 0)
+        return std::nullopt;
+    std::string host(text.substr(0, colon));
+    SocketAddress found{};
+    if (host.starts_with('[') && host.ends_with(']')) {
+        auto& to = reinterpret_cast<sockaddr_in6&>(found.address);
+        to.sin6_family = AF_INET6;
+        to.sin6_port = htons(port);
+        found.size = sizeof to;
+        host = host.substr(1, host.size() - 2);
+        if (inet_pton(AF_INET6, host.c_str(), &to.sin6_addr) != 1) return std::nullopt;
+    } else {
+        auto& to = reinterpret_cast<sockaddr_in&>(found.address);
+        to.sin_family = AF_INET;
+        to.sin_port = htons(port);
+        found.size = sizeof to;
+        if (inet_pton(AF_INET, host.c_str(), &to.sin_addr) != 1) return std::nullopt;
+    }
+    return found;
 }
 
 bool isUnicastHost(Lox::IpAddr address) {

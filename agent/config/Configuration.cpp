@@ -62,6 +62,7 @@ class ConfigurationReader {
     void doRead(TomlSection const& root) {
         root.checkKeys();
         configuration_.allowEmpty = root.boolean("allow-empty");
+        if (auto const metrics = root.section("metrics", &metricsKeys)) doReadMetrics(*metrics);
         // First, for the interfaces name lists and VRFs.
         if (auto const lists = root.section("access-list")) doReadLists(*lists);
         if (auto const vrfs = root.section("vrf")) doReadVrfs(*vrfs);
@@ -99,6 +100,18 @@ class ConfigurationReader {
                             diagnostics_);
             configuration_.vrfs[name.value] = space.value;
         }
+    }
+
+    void doReadMetrics(TomlSection const& section) {
+        section.checkKeys();
+        auto const listen = section.text("listen");
+        if (!listen) return;
+        if (parseSocketAddress(listen->value))
+            configuration_.metricsListen = listen->value;
+        else
+            reportFound(*listen,
+                        "an address and a port such as \"127.0.0.1:9643\" or \"[::1]:9643\"",
+                        diagnostics_);
     }
 
     void doReadForwardingTable(TomlSection const& section) {

@@ -109,6 +109,8 @@ struct Configuration {
     /// Namespaces, as namespaceOpen() takes them, by VRF; without the default one.
     std::map<std::string, std::string> vrfs;
     ForwardingTableConfiguration forwardingTable;
+    /// Where the figures for monitoring are served, ADDRESS:PORT; empty for nowhere.
+    std::string metricsListen;
     /// Whether it may be taken over though it has every group left.
     bool allowEmpty = false;
 

@@ -29,6 +29,10 @@ constexpr Key ofFile[] = {
      .effect =
          "The upstream interfaces, by the names that the kernel gives them. One that does not "
          "exist is waited for."},
+    {.name = "metrics",
+     .type = Type::table,
+     .takes = "`[metrics]`",
+     .effect = "Figures for monitoring, over HTTP."},
     {.name = "vrf",
      .type = Type::table,
      .takes = "`[vrf.NAME]`",
@@ -145,6 +149,16 @@ constexpr Key ofForwardingTable[] = {
      .effect = "Whether only those routes count that come in on an interface of this file."},
 };
 
+constexpr Key ofMetrics[] = {
+    {.name = "listen",
+     .type = Type::text,
+     .takes = "`\"ADDRESS:PORT\"`",
+     .standardText = "nowhere",
+     .effect =
+         "Where `/metrics` is served, in the OpenMetrics text form and to whoever can connect. "
+         "`ihproxyctl metrics` shows the same without it."},
+};
+
 constexpr Key ofVrf[] = {
     {.name = "namespace",
      .type = Type::text,
@@ -182,6 +196,7 @@ KeyTable const interfaceKeys{"[interface.NAME]", ofInterface};
 KeyTable const groupKeys{"[interface.NAME.group]: \"GROUP\" = { ... }", ofGroup};
 KeyTable const ruleKeys{"[[access-list.NAME]]", ofRule};
 KeyTable const forwardingTableKeys{"[forwarding-table]", ofForwardingTable};
+KeyTable const metricsKeys{"[metrics]", ofMetrics};
 KeyTable const vrfKeys{"[vrf.NAME]", ofVrf};
 
 Key const* KeyTable::find(std::string_view name) const {
@@ -199,8 +214,8 @@ std::string rangeText(Key const& key) {
 
 std::string keyReference() {
     std::string text;
-    for (KeyTable const* table :
-         {&fileKeys, &interfaceKeys, &groupKeys, &ruleKeys, &forwardingTableKeys, &vrfKeys}) {
+    for (KeyTable const* table : {&fileKeys, &interfaceKeys, &groupKeys, &ruleKeys,
+                                  &forwardingTableKeys, &metricsKeys, &vrfKeys}) {
         text += text.empty() ? "### The file\n\n" : fmt::format("\n### `{}`\n\n", table->header);
         text += "| Key | Takes | Without it | Effect |\n|---|---|---|---|\n";
         for (Key const& key : table->keys)

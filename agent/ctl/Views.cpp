@@ -131,7 +131,14 @@ std::string groupsText(json answer) {
     return table.text();
 }
 
+std::string metricsText(json const& answer) {
+    std::string text;
+    for (json const& piece : answer.at("text")) text += piece.get_ref<std::string const&>();
+    return text;
+}
+
 std::string countersText(json const& answer) {
+    if (!answer.contains("counters")) return "counted from 0 again\n";
     Table table({"INTERFACE", "COUNTER", "VALUE"});
     for (json const& row : answer.at("counters"))
         for (json const flat = row.flatten(); auto const& [name, value] : flat.items())
@@ -219,8 +226,8 @@ std::string diffText(json const& answer) {
     }
     text += table.text();
     std::string counts;
-    for (auto const& [kind, what] : {std::pair("joined", "join"), std::pair("left", "leave"),
-                                     std::pair("changed", "change")})
+    for (auto const& [kind, what] :
+         {std::pair("joined", "join"), std::pair("left", "leave"), std::pair("changed", "change")})
         if (auto const count = answer.at(kind).get<std::uint64_t>(); count > 0)
             counts += fmt::format("{} {}{}, ", groupedText(count), what, count == 1 ? "" : "s");
     if (counts.empty()) counts = "no change, ";

@@ -10,6 +10,7 @@ std::string statusText(nlohmann::json const& answer);
 std::string interfacesText(nlohmann::json const& answer);
 std::string groupsText(nlohmann::json answer);
 std::string countersText(nlohmann::json const& answer);
+std::string metricsText(nlohmann::json const& answer);
 std::string eventsText(nlohmann::json const& answer);
 std::string listsText(nlohmann::json const& answer);
 std::string routesText(nlohmann::json const& answer);

@@ -162,6 +162,10 @@ int run(int argc, char** argv) {
                       Ctl::countersText);
     counters.addWatch();
     counters.parameter<std::string>("-i,--interface", "interface", "Of this interface only");
+    CLI::App* const reset = counters->add_subcommand("reset", "Count from 0 again");
+    reset->callback([&] { counters.ask("countersReset"); });
+    Question metrics(app, options, "metrics",
+                     "Figures for monitoring, in the OpenMetrics text form", Ctl::metricsText);
     Question events(app, options, "events", "What has happened", Ctl::eventsText);
     bool follow = false;
     events->add_flag("--follow,-f", follow, "And what happens from now on");
@@ -181,6 +185,8 @@ int run(int argc, char** argv) {
     Question log(app, options, "log", "Which lines are written to the log", [](json const& answer) {
         return "log level " + answer.at("level").get<std::string>() + '\n';
     });
+    log.parameter<double>("--for", "for", "For so long, and then as it is now")
+        ->transform(seconds());
     log.parameter<std::string>("level", "level", "error, warning, info or debug")->required();
     Question reload(app, options, "reload", "Have the configuration file read again",
                     Ctl::reloadText);

@@ -16,6 +16,15 @@ constexpr double leaveTicksPerSecond = 128;
 
 } // namespace
 
+HostCounters HostCounters::since(HostCounters const& earlier) const {
+    HostCounters counters = *this;
+#define AGENT_SUBTRACT(type, name, Name) counters.name -= earlier.name;
+    AGENT_HOST_COUNTERS(AGENT_SUBTRACT)
+#undef AGENT_SUBTRACT
+    for (std::size_t i = 0; i < dropped.size(); ++i) counters.dropped[i] -= earlier.dropped[i];
+    return counters;
+}
+
 HostEngine::HostEngine(Output& output, std::mt19937 random) : output_(output), random_(random) {
     budget_.setLimit(settings_.packetsPer100ms);
 }

@@ -42,6 +42,9 @@ struct HostCounters {
     AGENT_HOST_COUNTERS(AGENT_MEMBER)
 #undef AGENT_MEMBER
     std::array<std::uint32_t, std::size_t(DropReason::count)> dropped{}; ///< by DropReason
+
+    /// What has been counted since they stood like that.
+    HostCounters since(HostCounters const& earlier) const;
 };
 
 class HostEngine {

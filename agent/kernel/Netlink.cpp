@@ -16,6 +16,8 @@ namespace Agent {
 
 namespace {
 
+std::uint64_t lossCount = 0;
+
 /// Room for the burst of notifications when thousands of links or routes change at once.
 constexpr int receiveBufferBytes = 8 << 20;
 constexpr int mostDatagramsInTurn = 256;
@@ -221,7 +223,10 @@ void Netlink::handleDumpEnd(nlmsghdr const& message) {
         doEndDump();
 }
 
+std::uint64_t Netlink::losses() { return lossCount; }
+
 void Netlink::handleLoss() {
+    ++lossCount;
     if (auto const heldBack = lossLimit_.admitted(EventLoop::now()))
         log(LogLevel::warning,
             "netlink notifications were lost, reading everything again ({} more not shown)",

@@ -109,6 +109,9 @@ class Netlink {
     /// it counts its own expense. Less where the system's limit stands in the way.
     void setReceiveBuffer(int octets);
 
+    /// How often any of these sockets has lost notifications.
+    static std::uint64_t losses();
+
     /// Takes what has arrived, up to a limit that keeps a flood from starving others. Returns
     /// whether nothing is left.
     bool receive();

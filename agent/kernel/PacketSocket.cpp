@@ -142,6 +142,14 @@ void PacketSocket::receive(std::function<void(Bytes)> const& handler) {
     }
 }
 
+std::uint64_t PacketSocket::missed() {
+    tpacket_stats fresh{};
+    socklen_t size = sizeof fresh;
+    if (getsockopt(fd(), SOL_PACKET, PACKET_STATISTICS, &fresh, &size) == 0)
+        missed_ += fresh.tp_drops;
+    return missed_;
+}
+
 void PacketSocket::enqueue(Bytes packet) {
     if (!destination(packet).isMulticast()) return doDrop(EDESTADDRREQ);
     if (queue_.size() == longestQueue) return doDrop(ENOBUFS);

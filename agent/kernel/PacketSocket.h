@@ -66,6 +66,8 @@ class PacketSocket {
     int dropError() const { return dropError_; }
     /// Received packets longer than 9216 octets, which were not handed on.
     std::uint64_t truncated() const { return truncated_; }
+    /// Received packets for which the socket had no room. Asks the kernel.
+    std::uint64_t missed();
 
   private:
     struct ReceiveBuffers;
@@ -83,6 +85,7 @@ class PacketSocket {
     /// Since when the interface has taken nothing though packets wait.
     double refusingSince_ = Nex::never;
     std::uint64_t truncated_ = 0;
+    std::uint64_t missed_ = 0; ///< until the kernel was last asked, which begins its count anew
 };
 
 } // namespace Agent

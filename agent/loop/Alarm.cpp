@@ -19,6 +19,8 @@ void Alarm::arm(double delaySeconds) noexcept {
 
 void Alarm::disarm() noexcept { loop_.doMove(place_, Nex::never); }
 
+bool Alarm::armed() const { return place_->first < Nex::never; }
+
 std::shared_ptr<EventLoop::Handler const> Alarm::handlerTake() noexcept {
     disarm();
     return handler_;

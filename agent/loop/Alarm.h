@@ -21,6 +21,7 @@ class Alarm {
     void arm(double delaySeconds) noexcept;
     /// Calls nothing after all.
     void disarm() noexcept;
+    bool armed() const;
 
   private:
     friend class EventLoop;

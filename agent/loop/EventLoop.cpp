@@ -135,11 +135,13 @@ void EventLoop::doTurn() {
     std::array<epoll_event, 64> ready;
     int const count = epoll_wait(epoll_.get(), ready.data(), int(ready.size()), waitMilliseconds());
     if (count < 0 && errno != EINTR) checked(count, "epoll_wait");
+    double const begun = now();
     for (int i = 0; i < count; ++i)
         handleReady(ready[std::size_t(i)].data.u64, ready[std::size_t(i)].events);
     doRunExpired();
     for (std::size_t i = 0; i < hooks_.size(); ++i) doGuarded(hooks_[i]); // a hook may add hooks
     if (std::exchange(exhausted_, false) && handleExhaustion_) doGuarded(handleExhaustion_);
+    turnSeconds_.add(now() - begun);
     doPauseAfterFailure();
 }
 

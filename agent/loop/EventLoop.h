@@ -15,6 +15,7 @@
 #pragma once
 
 #include "agent/loop/FileDescriptor.h"
+#include "agent/loop/Histogram.h"
 #include "agent/loop/Log.h"
 #include "agent/loop/Workers.h"
 
@@ -89,6 +90,9 @@ class EventLoop {
     /// and so do its threads. Time goes on to be told. Throws std::system_error.
     void doBecomeCopy();
 
+    /// How long turns have taken, without waiting.
+    Histogram const& turnSeconds() const { return turnSeconds_; }
+
     /// Serves until stop(); returns its status.
     int run();
     /// Ends run() after the current turn, or the next run() at once. The first call decides the
@@ -139,6 +143,7 @@ class EventLoop {
     double pauseSeconds_ = 0; ///< after the last turn
     Alarms alarms_;
     std::optional<double> armedFor_;
+    Histogram turnSeconds_;
     std::optional<int> status_;
     LogLimit exceptionLimit_{1};
 };

@@ -11,14 +11,14 @@
 
 namespace Agent {
 
-class ConfigurationReader {
+class ConfigurationLoader {
   public:
     /// Told what a file holds, or why reading it has failed half way, in a turn of its own. What it
     /// throws is the loop's.
     using Handler = std::function<void(ConfigurationReading found, std::exception_ptr failure)>;
 
     /// `loop` outlives this.
-    explicit ConfigurationReader(EventLoop& loop) : loop_(loop) {}
+    explicit ConfigurationLoader(EventLoop& loop) : loop_(loop) {}
 
     /// Has the file read; nothing may be being read. Throws std::bad_alloc, with nothing done.
     void begin(std::string file, Handler handler);

@@ -1,10 +1,10 @@
-#include "agent/ConfigurationReader.h"
+#include "agent/ConfigurationLoader.h"
 
 #include <utility>
 
 namespace Agent {
 
-void ConfigurationReader::begin(std::string file, Handler handler) {
+void ConfigurationLoader::begin(std::string file, Handler handler) {
     auto const result = std::make_shared<Result>();
     auto const done =
         std::make_shared<EventLoop::Handler const>([this, result, handler = std::move(handler)] {
