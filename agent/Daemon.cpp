@@ -263,6 +263,7 @@ void Daemon::handleTurn() {
     hosts_->handleConfiguration();
     writeAtOnce(STDOUT_FILENO, "ready\n");
     serviceNotify("READY=1");
+    log(LogLevel::debug, "ready, {} groups announced so far", hosts_->memberCount());
     hosts_->handleTurn(EventLoop::now());
 }
 

@@ -123,7 +123,7 @@ class Daemon : private Reloader::Target {
     std::string metricsListen_; ///< where it is, or was to be
     Alarm formerLevel_{loop_, [this] { setLogLevel(levelBefore_); }};
     LogLevel levelBefore_{}; ///< to be returned to
-    bool damaged_ = false; ///< what stands between the configuration and the ports
+    bool damaged_ = false;   ///< what stands between the configuration and the ports
     bool ready_ = false;
     bool ending_ = false;
 };

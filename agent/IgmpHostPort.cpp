@@ -27,6 +27,10 @@ constexpr double leaveRetrySeconds = 3;
 /// How long groups that were announced before wait for the forwarding table to ask for them again,
 /// in seconds: about as long as routers keep them (RFC 9776, 8.4).
 constexpr double settlingSeconds = 260;
+/// Between two lines of the log about groups that came or went.
+constexpr double newsSeconds = 1;
+/// Of such groups, in one line.
+constexpr std::size_t mostNames = 4;
 
 std::mt19937 seededRandom() {
     std::random_device device;
@@ -107,6 +111,8 @@ void IgmpHostPort::doLeave(double now) {
         while (socket_ && engine_.addHeldRecords(leaving_, place, 1000)) {
         }
         leavingDrops_ = socket_ ? socket_->dropped() : 0;
+        if (engine_.memberCount() > 0)
+            logAbout(name_, LogLevel::debug, "leaves all {} groups", engine_.memberCount());
         engine_.leaveAll(now);
     } catch (...) { // tried again as if the link had been away
         doClose(now);
@@ -155,6 +161,7 @@ void IgmpHostPort::handleTurn(double now) {
     if (!changedGroups_.empty()) doApplyGroups();
     if (settingsChanged_) doApplySettings(now);
     if (!congested()) engine_.flush(now);
+    doLogGroups(now);
     if (endsFormer()) doEndFormer(now);
     doFlushSocket(now);
     doPublishCounters();
@@ -163,7 +170,8 @@ void IgmpHostPort::handleTurn(double now) {
 double IgmpHostPort::nextExpiry() const {
     double const engine = congested() ? Nex::never : engine_.nextExpiry();
     double const settling = endsFormer() ? openTime_ + settlingSeconds : Nex::never;
-    return std::min({engine, settling, retryTime_, leaveDeadline_});
+    double const news = joined_.count + left_.count > 0 ? newsTime_ + newsSeconds : Nex::never;
+    return std::min({engine, settling, retryTime_, leaveDeadline_, news});
 }
 
 void IgmpHostPort::advance(double now) {
@@ -172,6 +180,7 @@ void IgmpHostPort::advance(double now) {
         doApplySettings(now);
     }
     if (!congested()) engine_.advance(now);
+    doLogGroups(now);
     doFlushSocket(now);
     doPublishCounters();
 }
@@ -267,6 +276,8 @@ void IgmpHostPort::doOpen(Location const& here, double now) {
         loggedDrops_ = 0;
         doFlushSocket(now); // also has the loop watch it
         engine_.linkUp(now);
+        logAbout(name_, LogLevel::debug, "can be spoken on, for {} groups so far",
+                 engine_.memberCount());
     } catch (std::exception const& error) {
         // A socket that nobody reads, or an engine that told a part, would stay so.
         doCloseSocket();
@@ -308,13 +319,38 @@ void IgmpHostPort::doNoteAll() {
 void IgmpHostPort::doApplyGroup(Lox::IpAddr group) {
     changes_.note(name_, group, engine_);
     Igmp::IgmpV3GroupRecord const* const record = host() ? host()->v3group(group) : nullptr;
-    if (!record) return engine_.removeGroup(group);
+    bool const member = engine_.isMember(group);
+    if (!record) {
+        if (member) left_.add(group);
+        return engine_.removeGroup(group);
+    }
     sources_.clear();
     if (record->source())
         for (auto const& item : record->source()->sourceIp())
             if (item.value != 0) sources_.push_back(item.key);
     bool const include = record->filterMode() == Lox::IgmpV3GroupRecordType::modeIsInclude;
+    bool const wanted = !include || !sources_.empty();
+    if (wanted != member) (wanted ? joined_ : left_).add(group);
     engine_.setGroup(group, include ? FilterMode::include : FilterMode::exclude, sources_);
+}
+
+void IgmpHostPort::GroupNews::add(Lox::IpAddr group) {
+    if (++count > mostNames) return;
+    names += fmt::format("{}{}", names.empty() ? "" : " ", group.stringValue());
+}
+
+/// Some of them by name, and how many more there are. Many changes share a line.
+void IgmpHostPort::doLogGroups(double now) {
+    if (now < newsTime_ + newsSeconds || joined_.count + left_.count == 0) return;
+    newsTime_ = now;
+    std::string text;
+    for (auto const& [what, news] : {std::pair("joined", &joined_), std::pair("left", &left_)}) {
+        if (news->count == 0) continue;
+        text += fmt::format("{}{} {}", text.empty() ? "" : "; ", what, news->names);
+        if (news->count > mostNames) text += fmt::format(" and {} more", news->count - mostNames);
+        *news = {};
+    }
+    logAbout(name_, LogLevel::debug, "{}", text);
 }
 
 // Packets
@@ -339,6 +375,11 @@ void IgmpHostPort::note(std::string const& text) {
     // Two queriers that differ would take turns without end.
     if (auto const heldBack = notes_.admitted(EventLoop::now()))
         logAbout(name_, LogLevel::info, "{}", text);
+}
+
+void IgmpHostPort::noteRoutine(std::string const& text) {
+    if (auto const heldBack = routineNotes_.admitted(EventLoop::now()))
+        logAbout(name_, LogLevel::debug, "{}", text);
 }
 
 void IgmpHostPort::doFlushSocket(double now) {

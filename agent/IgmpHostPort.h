@@ -6,7 +6,8 @@
 // are back, and may be given an entity again at any time.
 //
 // Timers: the engine's, one to try again to open the socket, to leave, or to send into a full
-// queue, one that ends the wait for the forwarding table, and one that ends an attempt to leave.
+// queue, one that ends the wait for the forwarding table, one that ends an attempt to leave, and
+// one for what is written to the log of groups that came and went.
 #pragma once
 
 #include "agent/GroupChanges.h"
@@ -121,6 +122,7 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     void doNoteAll();
     void doApplyGroups();
     void doApplyGroup(Lox::IpAddr group);
+    void doLogGroups(double now);
     void doOpen(Location const& here, double now);
     void doClose(double now);
     void doCloseSocket();
@@ -137,6 +139,7 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     void send(std::span<std::uint8_t const> ipPacket) override;
     void warn(std::string const& text) override;
     void note(std::string const& text) override;
+    void noteRoutine(std::string const& text) override;
 
     EventLoop& loop_;
     GroupChanges& changes_;
@@ -161,12 +164,22 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     std::uint64_t loggedDrops_ = 0;     ///< of those of the socket
     LogLimit sendWarnings_;
     LogLimit notes_{1};
+    LogLimit routineNotes_{1};
     LogLimit openErrors_;
     LogLimit leaveWarnings_;
     bool settingsChanged_ = true;
     bool forgotten_ = false; ///< nobody will ever hear what is owed
     bool seeking_ = false;
     Nex::Set<Lox::IpAddr> changedGroups_;
+    /// Groups that came or went and were not written to the log yet.
+    struct GroupNews {
+        std::size_t count = 0;
+        std::string names; ///< the first of them
+        void add(Lox::IpAddr group);
+    };
+    GroupNews joined_;
+    GroupNews left_;
+    double newsTime_ = -Nex::never;    ///< when the log last told of groups
     std::vector<Lox::IpAddr> sources_; ///< scratch
     NEX_WATCHED(Igmp::IgmpHost, host, NexIgmpHost)
     NEX_REACTORS(Lox::IpAddr, NexV3group, v3group, Igmp::IgmpV3GroupRecord, group)

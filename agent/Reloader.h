@@ -87,9 +87,9 @@ class Reloader {
     EventLoop& loop_;
     Target& target_;
     std::string file_;
-    unsigned number_ = 1;          ///< of the configuration in force
-    unsigned before_ = 0;          ///< of the one before; 0 for none
-    unsigned last_ = 1;            ///< the highest so far
+    unsigned number_ = 1; ///< of the configuration in force
+    unsigned before_ = 0; ///< of the one before; 0 for none
+    unsigned last_ = 1;   ///< the highest so far
     Counts counts_;
     double since_;                 ///< when it was put in force, in seconds since 1970
     std::vector<Request> waiting_; ///< for a reading that has not begun

@@ -50,6 +50,9 @@ class Vrf {
     /// Whether the routes that are known have been judged by the policy in force.
     bool routesJudged() const { return !routes_ || routes_->reviewed(); }
 
+    /// Null while the namespace is not there.
+    RouteTable const* routes() const { return routes_ ? &routes_->table() : nullptr; }
+
     /// Writes interfaces and routes once more, and reads them again from the kernel.
     void doRenew();
     /// Which routes to announce, and the names of this VRF's proxy interfaces.

@@ -144,6 +144,18 @@ bool VrfRegistry::routesTold(std::string const& vrf) const {
     return found == vrfs_.end() || found->second->routesTold();
 }
 
+RouteTable const* VrfRegistry::routes(std::string const& vrf) const {
+    auto const found = vrfs_.find(vrf);
+    return found == vrfs_.end() ? nullptr : found->second->routes();
+}
+
+std::string VrfRegistry::interfaceName(std::string const& vrf, int ifindex) const {
+    auto const found = vrfs_.find(vrf);
+    InterfaceWriter const* const interfaces =
+        found == vrfs_.end() ? nullptr : found->second->interfaces();
+    return interfaces ? interfaces->name(ifindex) : "";
+}
+
 bool VrfRegistry::routesJudged() const {
     return std::all_of(vrfs_.begin(), vrfs_.end(),
                        [](auto const& item) { return item.second->routesJudged(); });

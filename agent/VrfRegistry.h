@@ -37,6 +37,10 @@ class VrfRegistry {
     Whereabouts whereabouts(std::string const& interface, std::string const& namespaceName) const;
     /// Whether all routes of that VRF have been announced, as far as they were there at the start.
     bool routesTold(std::string const& vrf) const;
+    /// The kernel's, of that VRF; null for one that is not there.
+    RouteTable const* routes(std::string const& vrf) const;
+    /// By the index of an interface there; empty for one that is not there.
+    std::string interfaceName(std::string const& vrf, int ifindex) const;
     /// Whether no route waits to be judged by the policy in force.
     bool routesJudged() const;
     /// What keeps an interface of the configuration from being used; empty for nothing, and nothing

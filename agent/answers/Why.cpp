@@ -19,6 +19,11 @@ std::string sourceText(Lox::IpAddr source) {
     return source.isZero() ? "any" : source.stringValue();
 }
 
+/// Of a time of the engine's; null for never.
+json since1970(std::uint32_t time) {
+    return time == 0 ? json() : json(secondsSince1970() - (EventLoop::now() - time));
+}
+
 class Inquiry {
   public:
     Inquiry(AgentView const& view, std::string const& interface, Lox::IpAddr group)
@@ -29,6 +34,7 @@ class Inquiry {
         InterfaceConfiguration const* const configured = view_.configured(interface_);
         if (!configured) {
             answer["announced"] = false;
+            answer["told"] = answer["answered"] = nullptr;
             answer["wishes"] = json::array();
             answer["obstacles"] = {"the interface is not in the configuration"};
             return answer;
@@ -41,6 +47,7 @@ class Inquiry {
         doReadConfiguration(*configured);
         doReadLists(*configured);
         doReadRoutes(*configured);
+        doReadWithheldRoutes(*configured);
         if (group_ == Lox::IpAddr::fromHost(0xE0000001))
             obstacles_.push_back("every host is a member of 224.0.0.1, and no host says so");
         else if (!group_.isMulticast())
@@ -53,6 +60,10 @@ class Inquiry {
         answer["vrf"] = configured->vrf;
         answer["announced"] = state_.member() && obstacle.empty();
         answer.update(toJson(state_));
+        HostEngine::GroupTimes const times =
+            port ? port->engine().times(group_) : HostEngine::GroupTimes();
+        answer["told"] = since1970(times.told);
+        answer["answered"] = since1970(times.answered);
         answer["wishes"] = std::move(wishes_);
         answer["obstacles"] = std::move(obstacles_);
         return answer;
@@ -118,8 +129,11 @@ class Inquiry {
     }
 
     void doReadRoutes(InterfaceConfiguration const& configured) {
+        RouteTable const* const routes = view_.vrfs.routes(configured.vrf);
         for (Lox::IpAddr const source : routeSources(view_, configured.vrf, group_)) {
-            doAdd({{"kind", "route"}}, source, true);
+            RouteEntry const* const route = routes ? routes->route({source, group_}) : nullptr;
+            doAdd({{"kind", "route"}, {"incoming", incomingName(configured.vrf, route)}}, source,
+                  true);
             if (!owner_.empty())
                 obstacles_.push_back(fmt::format("route ({}, {}): {} has the group",
                                                  sourceText(source), group_.stringValue(), owner_));
@@ -128,6 +142,26 @@ class Inquiry {
                                                  sourceText(source), group_.stringValue(),
                                                  denyAll_));
         }
+    }
+
+    /// Those that the policy of the forwarding table does not let through.
+    void doReadWithheldRoutes(InterfaceConfiguration const& configured) {
+        RouteTable const* const routes = view_.vrfs.routes(configured.vrf);
+        if (!routes) return;
+        routes->forWithheld(group_, [&](Lox::IpAddr source, RouteEntry const& route,
+                                        RouteTable::Withheld why) {
+            std::string reason = "its incoming interface has gone";
+            if (why == RouteTable::Withheld::noOutput)
+                reason = "no output interface (require-output)";
+            else if (why == RouteTable::Withheld::foreignIncoming)
+                reason = fmt::format("comes in by {}, no interface of the configuration (incoming)",
+                                     incomingName(configured.vrf, &route));
+            obstacles_.push_back(fmt::format("route ({}, {}): {}", sourceText(source),
+                                             group_.stringValue(), reason));
+        });
+    }
+    std::string incomingName(std::string const& vrf, RouteEntry const* route) const {
+        return printable(view_.vrfs.interfaceName(vrf, route ? route->incoming : 0));
     }
 
     AgentView const& view_;

@@ -183,9 +183,14 @@ std::string routesText(json const& answer) {
 std::string whyText(json const& answer) {
     std::string const file = fileName(answer.at("file"));
     std::string text =
-        fmt::format("{} on {}: {}\n", answer.at("group").get<std::string>(),
+        fmt::format("{} on {}: {}", answer.at("group").get<std::string>(),
                     answer.at("interface").get<std::string>(),
                     answer.at("announced").get<bool>() ? sourcesText(answer) : "not announced");
+    if (json const& told = answer.at("told"); !told.is_null())
+        text += fmt::format("; told {}", timeText(told));
+    if (json const& answered = answer.at("answered"); !answered.is_null())
+        text += fmt::format(", last answered {}", timeText(answered));
+    text += '\n';
     std::string last;
     for (json const& wish : answer.at("wishes")) {
         std::string const kind = wish.at("kind");
@@ -196,7 +201,9 @@ std::string whyText(json const& answer) {
                                wish.at("sequence").dump(), wish.at("action").get<std::string>(),
                                source, wish.at("destination").get<std::string>());
         else if (kind == "route")
-            what = fmt::format("route ({}, {})", source, answer.at("group").get<std::string>());
+            what =
+                fmt::format("route ({}, {}) from {}", source, answer.at("group").get<std::string>(),
+                            wish.at("incoming").get<std::string>());
         if (wish.contains("line")) what += fmt::format("  {}:{}", file, wish.at("line").dump());
         if (!wish.at("counts").get<bool>()) what += "  (does not count)";
         std::string const head = source == last ? "" : source;

@@ -224,7 +224,11 @@ int run(int argc, char** argv) {
         await(options, awaited);
     });
 
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (CLI::ParseError const& error) {
+        return app.exit(error) == 0 ? 0 : 1;
+    }
     return 0;
 }
 

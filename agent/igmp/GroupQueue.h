@@ -5,6 +5,7 @@
 #include "agent/igmp/HostGroup.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <limits>
 #include <map>
 
@@ -86,8 +87,11 @@ struct GroupEntry {
     TimedLink answer{this};    ///< the answer to a specific query
     GroupLink walk{this};      ///< the walk over all groups with state, or over those leaving
     std::size_t wish = noWish; ///< index of what this turn wants of it
-    bool lastReporter = false; ///< nobody reported it in version 2 after us (RFC 2236, 6)
-    bool formerV3 = false;     ///< before version 3: routers may know it from that all the same
+    // When it was named last, by the whole seconds of the engine's time; 0 for never.
+    std::uint32_t told = 0;     ///< for a change
+    std::uint32_t answered = 0; ///< in an answer to a query
+    bool lastReporter = false;  ///< nobody reported it in version 2 after us (RFC 2236, 6)
+    bool formerV3 = false;      ///< before version 3: routers may know it from that all the same
     /// All that is asked is told by the general answer, too, if that comes sooner.
     bool generalServes = false;
 };

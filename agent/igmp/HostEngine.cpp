@@ -156,6 +156,12 @@ void HostEngine::handleVersion(double now) {
     doCancel();
 }
 
+HostEngine::GroupTimes HostEngine::times(Lox::IpAddr group) const {
+    auto const found = groups_.find(group);
+    if (found == groups_.end()) return {};
+    return {found->second.told, found->second.answered};
+}
+
 HostEngine::GroupState HostEngine::state(Lox::IpAddr group) const {
     auto const found = groups_.find(group);
     if (found == groups_.end() || !found->second.group.hasState()) return {};

@@ -75,6 +75,8 @@ class HostEngine {
         virtual void warn(std::string const& text) = 0;
         /// What operators follow when they look for a cause, such as another querier.
         virtual void note(std::string const& /*text*/) {}
+        /// The same of what happens all the time.
+        virtual void noteRoutine(std::string const& /*text*/) {}
     };
 
     /// All random delays come from `random`. The link counts as down until linkUp().
@@ -161,6 +163,14 @@ class HostEngine {
         friend bool operator==(GroupState const&, GroupState const&) = default;
     };
     GroupState state(Lox::IpAddr group) const;
+    /// Whether that is anything but INCLUDE{}.
+    bool isMember(Lox::IpAddr group) const;
+    /// When a group was named last, in whole seconds; 0 for never.
+    struct GroupTimes {
+        std::uint32_t told = 0;     ///< for a change
+        std::uint32_t answered = 0; ///< in an answer to a query
+    };
+    GroupTimes times(Lox::IpAddr group) const;
     /// Calls `visit(group)` for every group that is wanted.
     template <class Visit>
     void forMembers(Visit visit) const {
@@ -229,7 +239,6 @@ class HostEngine {
     void handleOlderQuerier(double now, IgmpQuery const& query);
     void handleOlderReport(double now, IgmpDatagram const& datagram);
     bool isForUs(Lox::IpAddr destination, IgmpQuery const& query) const;
-    bool isMember(Lox::IpAddr group) const;
     void doCountOddities(double now, IgmpDatagram const& datagram, IgmpQuery const& query);
     void doCountQuery(IgmpQuery const& query);
     void doNoteQuerier(double now, Lox::IpAddr address, IgmpQuery const& query);

@@ -64,6 +64,12 @@ void HostEngine::handleQuery(double now, IgmpDatagram const& datagram) {
     // A querier of version 3 heeds its records, whatever it has heard before (RFC 9776, 7.3.2).
     if (version_ == 3 && query->version == 3 && query->isGeneral()) v2Held_ = false;
     if (query->version < 3 && settings_.ssmOnly) return;
+    if (query->isGeneral())
+        output_.noteRoutine(fmt::format(
+            "version {} general query from {}, {}", query->wireVersion,
+            datagram.source.stringValue(),
+            members_ == 0 ? "nothing to answer"
+                          : fmt::format("answered over {:.1f} s", responseSeconds(*query))));
     if (version_ == 3)
         doScheduleAnswer(now, *query);
     else

@@ -91,6 +91,7 @@ void HostEngine::doSendChanges(double now, GroupQueue& queue) {
         [&](HostGroup const& group) { group.addChangeRecords(records_); },
         [&](GroupEntry& entry) {
             GroupQueue::del(entry.change);
+            entry.told = std::uint32_t(now);
             doEndChange(entry);
             if (entry.group.hasChange()) repeats_.add(entry.change, now, again);
             doRelease(entry);
@@ -109,6 +110,7 @@ void HostEngine::doSendAnswers(double now) {
         &HostCounters::v3CurrentStateReportSent, [&] { return answers_.first(now); },
         [&](HostGroup const& group) { group.addAnswerRecords(records_); },
         [&](GroupEntry& entry) {
+            entry.answered = std::uint32_t(now);
             entry.dropAnswer();
             doRelease(entry);
         });
@@ -121,6 +123,7 @@ void HostEngine::doSendWalk(double now) {
         &HostCounters::v3CurrentStateReportSent, [&] { return walking_.first(); },
         [&](HostGroup const& group) { group.addStateRecord(records_); },
         [&](GroupEntry& entry) {
+            entry.answered = std::uint32_t(now);
             settled_.add(entry.walk);
             if (entry.generalServes) entry.dropAnswer();
         });
@@ -141,6 +144,7 @@ void HostEngine::doSendOlderReport(double now, GroupQueue& queue) {
     GroupQueue::del(entry.change);
     if (group.hasState()) {
         settled_.add(entry.walk);
+        (group.hasChange() ? entry.told : entry.answered) = std::uint32_t(now);
         bool v2 = version_ == 2;
         doTransmit(v2 ? &HostCounters::v2ReportsSent : &HostCounters::v1ReportsSent,
                    encodeMessage(v2 ? IgmpType::v2Report : IgmpType::v1Report, settings_.address,

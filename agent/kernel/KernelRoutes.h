@@ -45,6 +45,7 @@ class KernelRoutes final : private Netlink::Observer {
     bool told() const { return synchronized_ && reviewed(); }
     /// Whether no route waits to be judged or dropped.
     bool reviewed() const { return table_.reviewed(); }
+    RouteTable const& table() const { return table_; }
     /// Of all that the kernel has, unresolved ones aside.
     std::size_t routeCount() const { return table_.routeCount(); }
     /// Octets that notifications may fill before they are lost.

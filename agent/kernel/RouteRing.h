@@ -33,10 +33,11 @@ struct RouteEntry {
     // The neighbours in its ring.
     RouteNode* previous = nullptr;
     RouteNode* next = nullptr;
-    int incoming = 0;    ///< interface, by kernel index; 0 if it has gone
-    bool output = false; ///< at least one
-    bool announced = false;
+    int incoming = 0;         ///< interface, by kernel index; 0 if it has gone
     std::uint16_t toldBy = 0; ///< number of the last dump that did
+    bool output : 1 = false;  ///< at least one
+    bool announced : 1 = false;
+    bool withheld : 1 = false; ///< among those that are not announced
 };
 
 /// Holds routes by their links and owns none. A route stands in one ring at most.

@@ -85,20 +85,26 @@ bool RouteTable::handleOutputs(std::span<std::uint8_t const> nextHops) {
     return any;
 }
 
-RouteTable::Routes& RouteTable::routesOf(RouteName const& name) {
+std::size_t RouteTable::mapOf(RouteName const& name) {
     // By bits that the maps' own order does not depend on alone.
-    return routes_[(RouteName::Hash()(name) * 0x9E3779B97F4A7C15) >> 58];
+    return (RouteName::Hash()(name) * 0x9E3779B97F4A7C15) >> 58;
 }
 
 RouteNode* RouteTable::find(RouteName const& name) {
-    Routes& routes = routesOf(name);
+    Routes& routes = routes_[mapOf(name)];
     auto const found = routes.find(name);
     return found == routes.end() ? nullptr : &*found;
 }
 
+RouteEntry const* RouteTable::route(RouteName const& name) const {
+    Routes const& routes = routes_[mapOf(name)];
+    auto const found = routes.find(name);
+    return found == routes.end() ? nullptr : &found->second;
+}
+
 void RouteTable::handleRoute(RouteName const& name, int incoming, bool output, bool ofDump) {
     RouteRing& ring = ringOf(incoming);
-    auto const [at, fresh] = routesOf(name).try_emplace(name);
+    auto const [at, fresh] = routes_[mapOf(name)].try_emplace(name);
     RouteEntry& route = at->second;
     if (fresh)
         ++routeCount_;
@@ -128,16 +134,27 @@ void RouteTable::doJudge(RouteNode& node, RouteRing& ring) {
     auto& [name, route] = node;
     ring.add(node);
     bool const announced = passes(route);
-    if (std::exchange(route.announced, announced) != announced)
+    if (route.announced != announced) {
+        route.announced = announced;
         onRoute_(name.source, name.group, announced);
+    }
+    if (route.withheld == announced) {
+        // Last, for want of memory.
+        if (announced)
+            withheld_.erase({name.group, name.source});
+        else
+            withheld_.emplace(name.group, name.source);
+        route.withheld = !announced;
+    }
 }
 
 void RouteTable::doDrop(RouteNode& node) {
     auto const [name, route] = node;
     RouteRing::remove(node);
-    Routes& routes = routesOf(name);
+    Routes& routes = routes_[mapOf(name)];
     routes.erase(name);
     --routeCount_;
+    if (route.withheld) withheld_.erase({name.group, name.source});
     if (route.announced) onRoute_(name.source, name.group, false);
     // A table that has shrunk far gives its room back.
     if (routes.bucket_count() > 256 && routes.size() < routes.bucket_count() / 16) routes.rehash(0);
@@ -146,6 +163,11 @@ void RouteTable::doDrop(RouteNode& node) {
 bool RouteTable::passes(RouteEntry const& route) const {
     if (route.incoming == 0 || (filter_.requireOutput && !route.output)) return false;
     return filter_.anyIncoming || filter_.proxyInterfaces.count(route.incoming) != 0;
+}
+
+RouteTable::Withheld RouteTable::whyWithheld(RouteEntry const& route) const {
+    if (route.incoming == 0) return Withheld::incomingGone;
+    return filter_.requireOutput && !route.output ? Withheld::noOutput : Withheld::foreignIncoming;
 }
 
 void RouteTable::beginReading() {

@@ -28,6 +28,7 @@
 #include <span>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 namespace Agent {
@@ -81,6 +82,20 @@ class RouteTable {
     /// The same, without doing anything.
     bool reviewed() const { return toDrop_.empty() && toJudge_.empty(); }
 
+    /// Null for a route that the kernel has not, or not resolved.
+    RouteEntry const* route(RouteName const& name) const;
+    /// Why a route is not announced.
+    enum class Withheld { noOutput, incomingGone, foreignIncoming };
+    /// Calls `visit(source, entry, why)` for each route to the group that is not announced, however
+    /// many other routes there are.
+    template <class Visit>
+    void forWithheld(Lox::IpAddr group, Visit visit) const {
+        for (auto at = withheld_.lower_bound({group, Lox::IpAddr()});
+             at != withheld_.end() && at->first == group; ++at)
+            if (RouteEntry const* const entry = route({at->second, group}))
+                visit(at->second, *entry, whyWithheld(*entry));
+    }
+
     /// Tells the announced routes once more.
     void doTellAll() const;
     /// Whether any route has ever come in or gone out by that interface.
@@ -90,7 +105,7 @@ class RouteTable {
 
   private:
     using Routes = std::unordered_map<RouteName, RouteEntry, RouteName::Hash>;
-    Routes& routesOf(RouteName const& name);
+    static std::size_t mapOf(RouteName const& name);
     RouteNode* find(RouteName const& name);
 
     void handleRoute(RouteName const& name, int incoming, bool output, bool ofDump);
@@ -106,12 +121,15 @@ class RouteTable {
     /// Forgets the route, and tells if it was announced.
     void doDrop(RouteNode& node);
     bool passes(RouteEntry const& route) const;
+    Withheld whyWithheld(RouteEntry const& route) const;
 
     Observer onRoute_;
     RouteFilter filter_;
     /// Several maps: one would hold the loop for long as it grows.
     std::array<Routes, 64> routes_;
     std::size_t routeCount_ = 0;
+    /// By group and source: for whoever asks why a group is not announced.
+    std::set<std::pair<Lox::IpAddr, Lox::IpAddr>> withheld_;
     std::uint16_t dumpNumber_ = 0; ///< of the last one, over all readings
     std::map<int, RouteRing> byIncoming_;
     RouteRing untold_;

@@ -37,6 +37,11 @@ class InterfaceWriter {
     /// Begins a reading again that the kernel has given up; to be called every few seconds.
     void doRetry();
     Device device(std::string const& name) const { return kernel_.device(name); }
+    /// Empty for no interface.
+    std::string name(int ifindex) const {
+        KernelInterface const* const found = kernel_.interface(ifindex);
+        return found ? found->name : "";
+    }
     Whereabouts whereabouts(std::string const& name) const {
         return {synchronized(), device(name), place_.namespaceFd};
     }

@@ -1,8 +1,9 @@
 // The agent as its operator meets it: through ihproxyctl.
 #include "agent/AgentFixture.h"
 
-#include <cstdio>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <random>
 #include <regex>
 
 namespace Testing {
@@ -10,21 +11,6 @@ namespace {
 
 class AgentControlTest : public AgentTest {
   protected:
-    struct Answer {
-        int status;
-        std::string text; ///< what it prints, errors included
-    };
-    Answer ask(std::string const& arguments) const {
-        std::string const command =
-            IHPROXYCTL " --control " + agent->control() + " " + arguments + " 2>&1";
-        FILE* const pipe = popen(command.c_str(), "r");
-        Answer answer{0, {}};
-        char octets[4096];
-        while (std::size_t const count = std::fread(octets, 1, sizeof octets, pipe))
-            answer.text.append(octets, count);
-        answer.status = WEXITSTATUS(pclose(pipe));
-        return answer;
-    }
     /// The same with what differs from run to run taken out.
     Answer askFor(std::string const& arguments) const {
         Answer answer = ask(arguments);
@@ -77,7 +63,7 @@ TEST_F(AgentControlTest, SaysWhatIsAnnouncedAndWhatIsNot) {
     EXPECT_EQ(json("groups --origin list").at("groups").size(), 0u);
     EXPECT_EQ(json("groups -i eth9").at("groups").size(), 0u);
     EXPECT_EQ(askFor("why up0 239.1.1.2").text,
-              "239.1.1.2 on up0: only from 10.0.0.1\n"
+              "239.1.1.2 on up0: only from 10.0.0.1; told TIME\n"
               "  10.0.0.1         configuration  ihproxyd.toml:6\n");
     EXPECT_EQ(askFor("why up0x 239.3.0.1").text,
               "239.3.0.1 on up0x: not announced\n"
@@ -136,6 +122,111 @@ TEST_F(AgentControlTest, ReloadSaysWhatItDidAndCanBeTakenBack) {
     EXPECT_TRUE(holds("[\"10.0.0.1\"]", 2));
     EXPECT_EQ(with("[interface.up0]\n", "reload --allow-empty").text,
               "in force (#5): 2 groups left\n");
+}
+
+/// Configurations that differ in their groups, their sources, a list and an interface.
+std::string randomConfiguration(std::mt19937& random) {
+    auto const oneOf = [&](unsigned count) { return random() % count; };
+    std::string groups;
+    for (unsigned i = 0; i < 6; ++i) {
+        static constexpr char const* wishes[] = {"{}", "{ include = [\"10.0.0.1\"] }",
+                                                 "{ include = [\"10.0.0.1\", \"10.0.0.2\"] }",
+                                                 "{ exclude = [\"10.0.0.3\"] }"};
+        if (oneOf(3) != 0)
+            groups += "\"239.1.1." + std::to_string(i) + "\" = " + wishes[oneOf(4)] + "\n";
+    }
+    if (oneOf(6) == 0) groups.clear();
+    std::string text = "allow-empty = true\n";
+    if (oneOf(5) != 0)
+        text += "[interface.up0]\nunsolicited-report-interval = 0.1\naccess-lists = [" +
+                std::string(oneOf(2) == 0 ? "\"iptv\"" : "") + "]\n[interface.up0.group]\n" +
+                groups;
+    text += "[interface.eth9.group]\n\"239.9.9.9\" = {}\n[[access-list.iptv]]\nsequence = 1\n"
+            "action = \"permit\"\nsource = \"any\"\ndestination = \"239.1.1.";
+    return text + (oneOf(2) == 0 ? "0/31" : "4/30") + "\"\n";
+}
+
+TEST_F(AgentControlTest, DiffSaysWhatAReloadThenDoes) {
+    std::mt19937 random(1);
+    start(randomConfiguration(random));
+    // Group, mode and sources of all groups.
+    auto const announced = [&] {
+        std::map<std::string, std::string> groups;
+        auto const answer = json("groups");
+        for (auto const& each : answer.at("groups"))
+            groups[each.at("group")] = each.at("mode").dump() + each.at("sources").dump();
+        return groups;
+    };
+    auto const stateText = [](nlohmann::json const& state) {
+        return state.is_null() ? "" : state.at("mode").dump() + state.at("sources").dump();
+    };
+    for (int round = 0; round < 8; ++round) {
+        auto const before = announced();
+        folder.write("ihproxyd.toml", randomConfiguration(random));
+        // Leaves of the round before are told for a second.
+        ASSERT_TRUE(waitUntil([&] {
+            wire->forget();
+            return wire->heardAfter({}).empty() && wire->heardAfter({}).empty();
+        }));
+        auto const diff = json("diff");
+        EXPECT_EQ(announced(), before);
+        EXPECT_EQ(wire->heardAfter({}), Lines()) << "the copy is heard";
+        auto const done = json("reload").at("changes");
+        for (char const* const kind : {"joined", "left", "changed"})
+            EXPECT_EQ(done.at(kind), diff.at(kind)) << diff;
+        auto expected = before;
+        for (auto const& change : diff.at("changes")) {
+            std::string const group = change.at("group");
+            EXPECT_EQ(stateText(change.at("before")), before.count(group) ? before.at(group) : "");
+            if (change.at("after").is_null())
+                expected.erase(group);
+            else
+                expected[group] = stateText(change.at("after"));
+        }
+        EXPECT_EQ(announced(), expected) << diff;
+    }
+    EXPECT_NE(ask("diff").text.find("no change, "), std::string::npos);
+    folder.write("other", groupsOn("up0", "\"239.8.8.8\" = {}\n") + "[interface.up0]\n");
+    EXPECT_EQ(ask("diff " + folder.file("other")).status, 1) << "a table twice";
+}
+
+TEST_F(AgentControlTest, FiguresAreUnderstoodByMonitoring) {
+    start("[metrics]\nlisten = \"127.0.0.1:9643\"\n" +
+          groupsOn("up0", "\"239.1.1.1\" = {}\n\"239.1.1.2\" = { include = [\"10.0.0.1\"] }\n") +
+          "[interface.\"a\\\"b\"]\n");
+    ASSERT_TRUE(wire->hears(joined));
+    // What a monitoring system makes of them, from either place.
+    folder.write("read.py", R"(
+import sys, urllib.request
+from prometheus_client.openmetrics.parser import text_string_to_metric_families as parsed
+text = sys.stdin.read() if sys.argv[1] == '-' else urllib.request.urlopen(sys.argv[1]).read().decode()
+for family in parsed(text):
+    for sample in family.samples:
+        if sample.value and not sample.name.startswith(('process', 'ihproxy_loop', 'ihproxy_uptime')):
+            print(sample.name, *(v for k, v in sorted(sample.labels.items())), sample.value)
+)");
+    std::string const read = "/usr/bin/python3 " + folder.file("read.py");
+    std::string const served =
+        output("ip netns exec " + net->nearName() + " " + read + " http://127.0.0.1:9643/metrics");
+    EXPECT_EQ(output(IHPROXYCTL " --control " + agent->control() + " metrics | " + read + " -"),
+              served);
+    for (char const* const line :
+         {"ihproxy_groups up0 default 2\n", "ihproxy_interface_up up0 default 1\n",
+          "ihproxy_groups_by_origin up0 configuration default 2\n",
+          "ihproxy_configuration_number 1\n", "ihproxy_obstacles 1\n"})
+        EXPECT_NE(served.find(line), std::string::npos) << line << served;
+    EXPECT_NE(served.find("ihproxy_packets_total sent up0 state_change_report 3 default"),
+              std::string::npos)
+        << served;
+
+    auto const sent = [&] {
+        return json("counters -i up0").at("counters").at(0).at("v3StateChangeReportSent");
+    };
+    EXPECT_GT(sent(), 0);
+    EXPECT_EQ(ask("counters -i up0 reset").status, 0);
+    EXPECT_EQ(sent(), 0);
+    EXPECT_EQ(ask("log debug --for 0.2s").text, "log level debug\n");
+    EXPECT_TRUE(waitUntil([&] { return json("status").at("logLevel") == "info"; }));
 }
 
 } // namespace

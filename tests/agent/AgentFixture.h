@@ -6,6 +6,7 @@
 #include "agent/files/StateFile.h"
 #include "netns/Netns.h"
 
+#include <cstdio>
 #include <gtest/gtest.h>
 #include <memory>
 #include <set>
@@ -41,6 +42,29 @@ class AgentTest : public testing::Test {
         wire = std::make_unique<Wire>(net->farName(), "down0");
     }
 
+    /// What a shell command prints; its exit status goes to `status` if that is not null.
+    static std::string output(std::string const& command, int* status = nullptr) {
+        FILE* const pipe = popen(command.c_str(), "r");
+        std::string text;
+        char octets[4096];
+        while (std::size_t const count = std::fread(octets, 1, sizeof octets, pipe))
+            text.append(octets, count);
+        int const end = WEXITSTATUS(pclose(pipe));
+        if (status) *status = end;
+        return text;
+    }
+    /// What ihproxyctl says.
+    struct Answer {
+        int status;
+        std::string text; ///< what it prints, errors included
+    };
+    Answer ask(std::string const& arguments) const {
+        Answer answer{0, {}};
+        answer.text =
+            output(IHPROXYCTL " --control " + agent->control() + " " + arguments + " 2>&1",
+                   &answer.status);
+        return answer;
+    }
     /// Starts the agent with this configuration, and waits until it says that it is ready.
     void start(std::string const& configuration, std::optional<int> missingCapability = {}) {
         agent.reset();

@@ -3,7 +3,9 @@
 #include "agent/AgentFixture.h"
 #include "agent/kernel/MulticastRouter.h"
 
+#include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 
 namespace Testing {
 namespace {
@@ -119,19 +121,35 @@ TEST_F(AgentRoutesTest, OnlyRoutesThatTheFileAsksForAreAnnounced) {
         {"incoming = 'proxy-interface'\n", {1, 5}},
     };
     start("");
+    std::set<int> before;
     for (auto const& file : files) {
         {
             Netns::Inside const inside(net->nearName());
             Agent::trafficSend(ip("10.99.0.2"), ip("239.1.1.4"));
         }
         ASSERT_NE(net->nearIp("mroute show").find("unresolved"), std::string::npos);
-        reload(groupsOn("up0", "") + "[forwarding-table]\n" + file.table);
+        std::string const text = groupsOn("up0", "") + "[forwarding-table]\n" + file.table;
+        folder.write("ihproxyd.toml", text);
+        auto const diff = nlohmann::json::parse(ask("diff --json").text);
+        for (auto const& change : diff.at("changes"))
+            if (int const group = change.at("group").get<std::string>().back() - '0';
+                !before.insert(group).second)
+                before.erase(group);
+        EXPECT_EQ(before, file.groups) << diff;
+        reload(text);
         Lines table;
         for (int const group : file.groups)
             table.push_back("down0 239.1.1." + std::to_string(group) +
                             (group == 5 ? " exclude" : " include 10.0.0.1"));
         EXPECT_TRUE(learned(table)) << file.table;
     }
+    for (auto const& [group, why] :
+         {std::pair("1", "(10.0.0.1, 239.1.1.1) from up0\n"),
+          std::pair("2", "(10.0.0.1, 239.1.1.2): no output interface (require-output)\n"),
+          std::pair("3", "comes in by out0, no interface of the configuration (incoming)\n"),
+          std::pair("4", "nobody asks for it")})
+        EXPECT_NE(ask("why up0 239.1.1." + std::string(group)).text.find(why), std::string::npos)
+            << ask("why up0 239.1.1." + std::string(group)).text;
     near->router().addRoute(ip("10.0.0.1"), ip("239.1.1.2"), 0, {1});
     near->router().addRoute(ip("10.0.0.1"), ip("239.1.1.1"), 0, {});
     near->removeRoute("0.0.0.0", "239.1.1.5");
