@@ -124,6 +124,18 @@ TEST_F(AgentControlTest, ReloadSaysWhatItDidAndCanBeTakenBack) {
               "in force (#5): 2 groups left\n");
 }
 
+TEST_F(AgentControlTest, AnswersAreAsDocumentedWhateverIsAsked) {
+    start(groupsOn("up0", "\"239.1.1.1\" = {}\n\"239.1.1.2\" = { include = [\"10.0.0.1\"] }\n") +
+          "[interface.eth9]\naccess-lists = [\"a\"]\n[[access-list.a]]\nsequence = 1\n"
+          "action = \"deny\"\nsource = \"10.0.0.9\"\ndestination = \"239.1.1.0/30\"\n");
+    ASSERT_TRUE(wire->hears(joined));
+    wire->send(Agent::v3Query(1));
+    EXPECT_EQ(output("/usr/bin/python3 " IHP_SOURCES "/tests/agent/control/answers.py " +
+                     agent->control() + " " IHP_SOURCES "/docs/control.schema.json 2>&1"),
+              "as documented\n");
+    EXPECT_EQ(json("groups").at("groups").size(), 2u);
+}
+
 /// Configurations that differ in their groups, their sources, a list and an interface.
 std::string randomConfiguration(std::mt19937& random) {
     auto const oneOf = [&](unsigned count) { return random() % count; };
@@ -196,16 +208,7 @@ TEST_F(AgentControlTest, FiguresAreUnderstoodByMonitoring) {
           "[interface.\"a\\\"b\"]\n");
     ASSERT_TRUE(wire->hears(joined));
     // What a monitoring system makes of them, from either place.
-    folder.write("read.py", R"(
-import sys, urllib.request
-from prometheus_client.openmetrics.parser import text_string_to_metric_families as parsed
-text = sys.stdin.read() if sys.argv[1] == '-' else urllib.request.urlopen(sys.argv[1]).read().decode()
-for family in parsed(text):
-    for sample in family.samples:
-        if sample.value and not sample.name.startswith(('process', 'ihproxy_loop', 'ihproxy_uptime')):
-            print(sample.name, *(v for k, v in sorted(sample.labels.items())), sample.value)
-)");
-    std::string const read = "/usr/bin/python3 " + folder.file("read.py");
+    std::string const read = "/usr/bin/python3 " IHP_SOURCES "/tests/agent/control/metrics.py";
     std::string const served =
         output("ip netns exec " + net->nearName() + " " + read + " http://127.0.0.1:9643/metrics");
     EXPECT_EQ(output(IHPROXYCTL " --control " + agent->control() + " metrics | " + read + " -"),
