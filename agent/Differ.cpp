@@ -3,6 +3,7 @@
 #include "agent/answers/Changes.h"
 
 #include <fmt/format.h>
+#include <memory>
 #include <utility>
 
 namespace Agent {
@@ -40,7 +41,10 @@ void Differ::doRehearse(ConfigurationReading found) {
     bool const copy = rehearsal_.begin([this](std::string const& summary, FileDescriptor rows) {
         handleEnd(summary, std::move(rows));
     });
-    if (!copy) return;
+    // A long one takes a while to free.
+    if (!copy)
+        return loop_.offload([held = std::make_shared<Configuration>(
+                                  std::move(found.configuration))]() mutable { held.reset(); });
     loop_.atEndOfTurn([this] { hosts_.handleTurn(EventLoop::now()); });
     loop_.atEndOfTurn([this] { handleCopyTurn(); });
     hosts_.beginChanges();

@@ -27,6 +27,9 @@ constexpr double leaveRetrySeconds = 3;
 /// How long groups that were announced before wait for the forwarding table to ask for them again,
 /// in seconds: about as long as routers keep them (RFC 9776, 8.4).
 constexpr double settlingSeconds = 260;
+/// Between two times that everything is told because something was dropped: some packets may never
+/// be taken.
+constexpr double retellSeconds = 60;
 /// Between two lines of the log about groups that came or went.
 constexpr double newsSeconds = 1;
 /// Of such groups, in one line.
@@ -171,7 +174,8 @@ double IgmpHostPort::nextExpiry() const {
     double const engine = congested() ? Nex::never : engine_.nextExpiry();
     double const settling = endsFormer() ? openTime_ + settlingSeconds : Nex::never;
     double const news = joined_.count + left_.count > 0 ? newsTime_ + newsSeconds : Nex::never;
-    return std::min({engine, settling, retryTime_, leaveDeadline_, news});
+    double const retell = congested() ? Nex::never : retellTime_;
+    return std::min({engine, settling, retryTime_, leaveDeadline_, news, retell});
 }
 
 void IgmpHostPort::advance(double now) {
@@ -180,6 +184,7 @@ void IgmpHostPort::advance(double now) {
         doApplySettings(now);
     }
     if (!congested()) engine_.advance(now);
+    doRetell(now);
     doLogGroups(now);
     doFlushSocket(now);
     doPublishCounters();
@@ -273,7 +278,7 @@ void IgmpHostPort::doOpen(Location const& here, double now) {
         openNamespace_ = identityOf(here.namespaceFd);
         openTime_ = now;
         awaited_ = 0;
-        loggedDrops_ = 0;
+        loggedDrops_ = retoldDrops_ = 0;
         doFlushSocket(now); // also has the loop watch it
         engine_.linkUp(now);
         logAbout(name_, LogLevel::debug, "can be spoken on, for {} groups so far",
@@ -291,7 +296,7 @@ void IgmpHostPort::doClose(double now) {
     engine_.linkDown(now);
     doKeepUntold();
     doCloseSocket();
-    retryTime_ = leaveDeadline_ = Nex::never;
+    retryTime_ = leaveDeadline_ = retellTime_ = Nex::never;
 }
 
 void IgmpHostPort::doCloseSocket() {
@@ -390,7 +395,17 @@ void IgmpHostPort::doFlushSocket(double now) {
     if (events != awaited_)
         loop_.watch(socket_->fd(), events, [this](std::uint32_t e) { handleSocket(e); });
     awaited_ = events;
+    if (host() && std::exchange(retoldDrops_, socket_->dropped()) != socket_->dropped())
+        retellTime_ = std::max(now + 1, retellFrom_);
     doLogDrops(now);
+}
+
+/// Until the next query routers would not know of what was dropped.
+void IgmpHostPort::doRetell(double now) {
+    if (now < retellTime_ || congested()) return;
+    retellTime_ = Nex::never;
+    retellFrom_ = now + retellSeconds;
+    engine_.announceAgain(now);
 }
 
 void IgmpHostPort::doLogDrops(double now) {

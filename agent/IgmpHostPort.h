@@ -6,8 +6,8 @@
 // are back, and may be given an entity again at any time.
 //
 // Timers: the engine's, one to try again to open the socket, to leave, or to send into a full
-// queue, one that ends the wait for the forwarding table, one that ends an attempt to leave, and
-// one for what is written to the log of groups that came and went.
+// queue, one that ends the wait for the forwarding table, one that ends an attempt to leave, one to
+// tell everything once more, and one for what is written to the log of groups that came and went.
 #pragma once
 
 #include "agent/GroupChanges.h"
@@ -132,6 +132,7 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     /// Whether leaving waits for the interface to take packets.
     bool congested() const { return socket_ && !engine_.hasLeft() && socket_->queued() > 0; }
     void doLogDrops(double now);
+    void doRetell(double now);
     void handleSocket(std::uint32_t events);
     void doPublishCounters();
 
@@ -162,6 +163,9 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     RecordList leaving_;                ///< what routers held as leaving began
     std::uint64_t leavingDrops_ = 0;    ///< of the socket by then
     std::uint64_t loggedDrops_ = 0;     ///< of those of the socket
+    std::uint64_t retoldDrops_ = 0;     ///< the same
+    double retellTime_ = Nex::never;    ///< when to tell everything, of which a part was dropped
+    double retellFrom_ = -Nex::never;   ///< not before
     LogLimit sendWarnings_;
     LogLimit notes_{1};
     LogLimit routineNotes_{1};

@@ -280,6 +280,11 @@ void HostEngine::linkUp(double now) {
     doSend(now);
 }
 
+void HostEngine::announceAgain(double now) {
+    doAnnounceAll(now);
+    doSend(now);
+}
+
 void HostEngine::addFormer(RecordList const& records) {
     for (std::size_t i = 0; i < records.size(); ++i) former_.addRecord(records.record(i));
 }

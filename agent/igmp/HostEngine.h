@@ -112,6 +112,9 @@ class HostEngine {
     /// Announces the whole state, with what this turn wants.
     void linkUp(double now);
 
+    /// Announces the whole state once more: something of what was told has been lost.
+    void announceAgain(double now);
+
     /// Adds state that routers may hold from an earlier time. It is left only by formerEnd(), for
     /// groups that are wanted again may take some time to come.
     void addFormer(RecordList const& records);

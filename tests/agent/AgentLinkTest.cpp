@@ -155,6 +155,10 @@ TEST_F(AgentTest, InterfaceThatRefusesPacketsHoldsUpNeitherReloadNorEnd) {
     reload(groupsOn("up0", "'239.1.1.3' = {}\n"));
     EXPECT_TRUE(agent->says("not sent, the last one because of: No buffer space"))
         << agent->output();
+    EXPECT_TRUE(qdisc("del dev up0 root"));
+    EXPECT_TRUE(wire->hears({"TO_EX 239.1.1.3"})) << "what was dropped is told later";
+    EXPECT_TRUE(qdisc("add dev up0 root bfifo limit 1"));
+    wire->hearsOnly({"TO_EX 239.1.1.3", "TO_EX 239.1.1.3"});
     reload("");
     EXPECT_TRUE(agent->says("packets while leaving")) << agent->output();
     EXPECT_TRUE(qdisc("del dev up0 root"));
