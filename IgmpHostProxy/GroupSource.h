@@ -28,7 +28,10 @@ class GroupSource : public Nex::RecordBase {
   public:
     /// Whether no source is listed: a group that is configured without any, or one that is coming
     /// or going.
-    bool empty() const { return includeSourceList_.empty() && excludeSourceList_.empty(); }
+    bool empty() const { return !includes() && !excludes(); }
+    /// Whether there is anything to walk, which costs far less to ask than an empty walk.
+    bool includes() const { return !includeSourceList_.empty(); }
+    bool excludes() const { return !excludeSourceList_.empty(); }
 };
 #undef GROUP_SOURCE
 

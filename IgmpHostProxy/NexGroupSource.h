@@ -26,20 +26,22 @@ class NexGroupSource : public Nex::Reactor<GroupSource::NotifieeConst, Machine> 
     void handleIncludeSourceList() {
         IHP_TRACE_ENTRY();
         includeAwaitsStartUp_ = false;
-        if (Nex::Ptr<GroupSource const> const watched = this->notifier())
-            for (Lox::IpAddr const source : watched->includeSourceList()) {
-                if (this->notifier() != watched.get()) return;
-                self().handleIncludeSourceList(source);
-            }
+        if (!this->notifier() || !this->notifier()->includes()) return;
+        Nex::Ptr<GroupSource const> const watched = this->notifier();
+        for (Lox::IpAddr const source : watched->includeSourceList()) {
+            if (this->notifier() != watched.get()) return;
+            self().handleIncludeSourceList(source);
+        }
     }
     void handleExcludeSourceList() {
         IHP_TRACE_ENTRY();
         excludeAwaitsStartUp_ = false;
-        if (Nex::Ptr<GroupSource const> const watched = this->notifier())
-            for (Lox::IpAddr const source : watched->excludeSourceList()) {
-                if (this->notifier() != watched.get()) return;
-                self().handleExcludeSourceList(source);
-            }
+        if (!this->notifier() || !this->notifier()->excludes()) return;
+        Nex::Ptr<GroupSource const> const watched = this->notifier();
+        for (Lox::IpAddr const source : watched->excludeSourceList()) {
+            if (this->notifier() != watched.get()) return;
+            self().handleExcludeSourceList(source);
+        }
     }
 
     void onIncludeSourceList(Lox::IpAddr source) final {

@@ -28,6 +28,9 @@ void ReviewTimer::doUpdateNextReview() {
 void ReviewTimer::doUpdateNextReviewImmediately() { doUpdateNextReviewAfter(minDelay_); }
 
 void ReviewTimer::doUpdateNextReviewAfter(double delaySeconds) {
+    // However late it is, what is pending comes sooner, and the credits that come back meanwhile
+    // still do later: most notifications of a busy table end here.
+    if (reactor_->timeMin() <= filledAt_ + delaySeconds) return;
     double const now = Nex::System::currentTime();
     doFill(now);
     doSchedule(now + delaySeconds);
