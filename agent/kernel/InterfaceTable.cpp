@@ -27,6 +27,13 @@ Lox::EthAddr macAddress(std::span<std::uint8_t const> octets) {
     return Lox::EthAddr(mac);
 }
 
+/// 0 for a link that is no VRF device.
+std::uint32_t vrfTable(NetlinkAttributes const& link) {
+    NetlinkAttributes const info = link.nested(IFLA_LINKINFO);
+    if (info.text(IFLA_INFO_KIND).value_or("") != "vrf") return 0;
+    return info.nested(IFLA_INFO_DATA).u32(IFLA_VRF_TABLE).value_or(0);
+}
+
 std::optional<Lox::IpAddr> ipAddress(std::span<std::uint8_t const> octets) {
     if (octets.empty()) return std::nullopt;
     if (octets.size() != 4) throw Nex::ParseException("IPv4 address of the wrong length");
@@ -86,6 +93,8 @@ std::optional<int> InterfaceTable::handleLink(nlmsghdr const& message) {
                          macAddress(attributes.octets(IFLA_ADDRESS)),
                          attributes.u32(IFLA_MTU).value_or(0),
                          usable(header.ifi_flags, operationalState),
+                         int(attributes.u32(IFLA_MASTER).value_or(0)),
+                         vrfTable(attributes),
                          {}};
     KernelInterface& known = interfaces_[header.ifi_index];
     link.addresses = known.addresses;

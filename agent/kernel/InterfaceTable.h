@@ -33,6 +33,10 @@ struct KernelInterface {
     std::uint32_t mtu = 0;
     /// Set up by the administrator, and its operational state lets packets through (RFC 2863).
     bool up = false;
+    /// The interface that this one is a port of, by kernel index; 0 for none.
+    int master = 0;
+    /// For a VRF device, the number of its routing table; 0 for any other interface.
+    std::uint32_t vrfTable = 0;
     /// In the kernel's order, as far as the primary address depends on it.
     std::vector<KernelAddress> addresses;
 

@@ -38,10 +38,12 @@ RouteTable::Observer guarded(EventLoop& loop, RouteTable::Observer onRoute) {
 
 } // namespace
 
-KernelRoutes::KernelRoutes(EventLoop& loop, RouteTable::Observer onRoute, int namespaceFd)
+KernelRoutes::KernelRoutes(EventLoop& loop, RouteTable::Observer onRoute, int namespaceFd,
+                           std::uint32_t tableNumber)
     : loop_(loop),
       namespaceFd_(namespaceFd),
-      table_(guarded(loop, std::move(onRoute))),
+      tableNumber_(tableNumber),
+      table_(guarded(loop, std::move(onRoute)), tableNumber),
       review_(loop, [this] { doReview(); }),
       pause_(loop, [this] { doAdvance(); }),
       notifications_(NETLINK_ROUTE, *this, namespaceFd) {
@@ -130,7 +132,7 @@ void KernelRoutes::doRead() {
 
 void KernelRoutes::doAsk() {
     try {
-        if (!query_) query_ = std::make_shared<RouteQuery>(namespaceFd_);
+        if (!query_) query_ = std::make_shared<RouteQuery>(namespaceFd_, tableNumber_);
         auto const question = table_.questionTake(RouteQuery::mostNames);
         if (question.all)
             query_->requestAll();

@@ -1,5 +1,5 @@
-// Follows the kernel's multicast routes of one network namespace through rtnetlink, whoever writes
-// them: which of them are announced, by a filter.
+// Follows the kernel's multicast routes of one table in a network namespace through rtnetlink,
+// whoever writes them: which of them are announced, by a filter.
 //
 // The kernel's dump of a long table takes minutes of work that grows with the square of its length,
 // and its notifications hardly any. So the table is read once and its changes are followed; it is
@@ -28,7 +28,8 @@ class KernelRoutes final : private Netlink::Observer {
     /// Follows the namespace `namespaceFd`, or the caller's if negative, and tells `onRoute` of
     /// every announced route from within the loop's turns; what it throws is logged. Nothing passes
     /// the filter before setFilter(). `loop` outlives this. Throws std::system_error.
-    KernelRoutes(EventLoop& loop, RouteTable::Observer onRoute, int namespaceFd = -1);
+    KernelRoutes(EventLoop& loop, RouteTable::Observer onRoute, int namespaceFd = -1,
+                 std::uint32_t tableNumber = RouteTable::defaultNumber);
     ~KernelRoutes();
     KernelRoutes(KernelRoutes const&) = delete;
     KernelRoutes& operator=(KernelRoutes const&) = delete;
@@ -73,6 +74,7 @@ class KernelRoutes final : private Netlink::Observer {
 
     EventLoop& loop_;
     int namespaceFd_;
+    std::uint32_t tableNumber_;
     RouteTable table_;
     bool synchronized_ = false;
     bool readAgain_ = true;

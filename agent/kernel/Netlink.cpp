@@ -40,23 +40,37 @@ nlattr const* wellFormed(nlattr const* attribute, mnl_attr_data_type type) {
     return attribute;
 }
 
-} // namespace
-
-NetlinkAttributes::NetlinkAttributes(nlmsghdr const& message, std::size_t headerSize) {
+/// What follows the fixed part of a message. Not up to libmnl's tail, which lies up to three octets
+/// beyond a message of uneven length.
+std::span<std::uint8_t const> attributeOctets(nlmsghdr const& message, std::size_t headerSize) {
     if (mnl_nlmsg_get_payload_len(&message) < headerSize)
         throw Nex::ParseException("netlink message without its header");
-    // Not libmnl's tail, which lies up to three octets beyond a message of uneven length.
-    auto const* const tail = reinterpret_cast<char const*>(&message) + message.nlmsg_len;
-    auto const* attribute =
-        static_cast<nlattr const*>(mnl_nlmsg_get_payload_offset(&message, headerSize));
+    auto const* const first =
+        static_cast<std::uint8_t const*>(mnl_nlmsg_get_payload_offset(&message, headerSize));
+    auto const* const tail = reinterpret_cast<std::uint8_t const*>(&message) + message.nlmsg_len;
+    return first < tail ? std::span(first, tail) : std::span<std::uint8_t const>();
+}
+
+} // namespace
+
+NetlinkAttributes::NetlinkAttributes(nlmsghdr const& message, std::size_t headerSize)
+    : NetlinkAttributes(attributeOctets(message, headerSize)) {}
+
+NetlinkAttributes::NetlinkAttributes(std::span<std::uint8_t const> octets) {
+    auto const* const tail = octets.data() + octets.size();
+    auto const* attribute = reinterpret_cast<nlattr const*>(octets.data());
     // The last one may lack its padding, so that the step may lead beyond the tail.
-    while (reinterpret_cast<char const*>(attribute) < tail) {
-        if (!mnl_attr_ok(attribute, int(tail - reinterpret_cast<char const*>(attribute))))
+    while (reinterpret_cast<std::uint8_t const*>(attribute) < tail) {
+        if (!mnl_attr_ok(attribute, int(tail - reinterpret_cast<std::uint8_t const*>(attribute))))
             throw Nex::ParseException("netlink attribute beyond the end of its message");
         std::uint16_t const type = mnl_attr_get_type(attribute);
         if (type < attributes_.size()) attributes_[type] = attribute;
         attribute = mnl_attr_next(attribute);
     }
+}
+
+NetlinkAttributes NetlinkAttributes::nested(std::uint16_t type) const {
+    return NetlinkAttributes(octets(type));
 }
 
 std::optional<std::uint8_t> NetlinkAttributes::u8(std::uint16_t type) const {

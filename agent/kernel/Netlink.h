@@ -36,8 +36,12 @@ class NetlinkAttributes {
     std::optional<std::string_view> text(std::uint16_t type) const;
     /// Empty where the attribute is absent.
     std::span<std::uint8_t const> octets(std::uint16_t type) const;
+    /// The attributes inside an attribute; none where it is absent.
+    NetlinkAttributes nested(std::uint16_t type) const;
 
   private:
+    explicit NetlinkAttributes(std::span<std::uint8_t const> octets);
+
     // By type; those of higher types have no reader here.
     std::array<nlattr const*, 64> attributes_{};
 };

@@ -22,8 +22,9 @@ void addressPut(nlmsghdr& message, std::uint16_t type, Lox::IpAddr address) {
 
 } // namespace
 
-RouteQuery::RouteQuery(int namespaceFd)
-    : socket_(netlinkOpen(NETLINK_ROUTE, namespaceFd, answerBufferBytes)) {}
+RouteQuery::RouteQuery(int namespaceFd, std::uint32_t tableNumber)
+    : tableNumber_(tableNumber),
+      socket_(netlinkOpen(NETLINK_ROUTE, namespaceFd, answerBufferBytes)) {}
 
 void RouteQuery::requestAll() {
     dump_ = true;
@@ -48,6 +49,7 @@ void RouteQuery::doAsk(std::uint16_t flags, RouteName const* name) {
         header->rtm_src_len = header->rtm_dst_len = 32;
         addressPut(*message, RTA_SRC, name->source);
         addressPut(*message, RTA_DST, name->group);
+        mnl_attr_put_u32(message, RTA_TABLE, tableNumber_);
     }
     request_.insert(request_.end(), octets.begin(), octets.begin() + message->nlmsg_len);
 }

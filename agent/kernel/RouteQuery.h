@@ -21,8 +21,9 @@ class RouteQuery {
     /// Of names in one question: their answers fit into the smallest receive buffer.
     static constexpr std::size_t mostNames = 128;
 
-    /// Asks in a namespace if `namespaceFd` is not negative. Throws std::system_error.
-    explicit RouteQuery(int namespaceFd = -1);
+    /// Asks in a namespace if `namespaceFd` is not negative; for names, in the multicast table of
+    /// that number, while all are those of all tables. Throws std::system_error.
+    RouteQuery(int namespaceFd, std::uint32_t tableNumber);
 
     // What to ask next, after the answers to the last question have ended.
 
@@ -49,6 +50,7 @@ class RouteQuery {
     void handleMessage(nlmsghdr const& message,
                        std::function<void(nlmsghdr const& message)> const& onRoute);
 
+    std::uint32_t tableNumber_;
     NetlinkSocket socket_;
     std::vector<std::uint8_t> request_; ///< not sent yet
     bool dump_ = false;                 ///< was asked for; otherwise, routes by their names

@@ -16,14 +16,17 @@ Lox::IpAddr routeAddress(std::span<std::uint8_t const> octets) {
     return Lox::IpAddr::fromOctets(octets.data());
 }
 
-/// One of the kernel's that has several is told by its number as an attribute.
-bool ofDefaultTable(rtmsg const& header, NetlinkAttributes const& attributes) {
-    return attributes.u32(RTA_TABLE).value_or(header.rtm_table) == RT_TABLE_DEFAULT;
+static_assert(RouteTable::defaultNumber == RT_TABLE_DEFAULT);
+
+/// One that an octet has no room for is told as an attribute.
+std::uint32_t tableOf(rtmsg const& header, NetlinkAttributes const& attributes) {
+    return attributes.u32(RTA_TABLE).value_or(header.rtm_table);
 }
 
 } // namespace
 
-RouteTable::RouteTable(Observer onRoute) : onRoute_(std::move(onRoute)) {
+RouteTable::RouteTable(Observer onRoute, std::uint32_t number)
+    : onRoute_(std::move(onRoute)), number_(number) {
     Nex::HashSecrets::need();
 }
 
@@ -41,7 +44,7 @@ void RouteTable::readMessage(nlmsghdr const& message, bool ofDump) {
     if (!gone && message.nlmsg_type != RTM_NEWROUTE) return;
     NetlinkAttributes const attributes(message, sizeof(rtmsg));
     auto const& header = *static_cast<rtmsg const*>(mnl_nlmsg_get_payload(&message));
-    if (header.rtm_family != RTNL_FAMILY_IPMR || !ofDefaultTable(header, attributes)) return;
+    if (header.rtm_family != RTNL_FAMILY_IPMR || tableOf(header, attributes) != number_) return;
 
     RouteName const name{routeAddress(attributes.octets(RTA_SRC)),
                          routeAddress(attributes.octets(RTA_DST))};

@@ -50,7 +50,9 @@ class RouteTable {
     /// for any. Must not throw, nor call this table.
     using Observer = std::function<void(Lox::IpAddr source, Lox::IpAddr group, bool announced)>;
 
-    explicit RouteTable(Observer onRoute);
+    /// `number` is that of the kernel's table.
+    explicit RouteTable(Observer onRoute, std::uint32_t number = defaultNumber);
+    static constexpr std::uint32_t defaultNumber = 253; ///< RT_TABLE_DEFAULT
     RouteTable(RouteTable const&) = delete;
     RouteTable& operator=(RouteTable const&) = delete;
 
@@ -58,8 +60,8 @@ class RouteTable {
     /// follow as it tells them.
     void setFilter(RouteFilter filter);
 
-    /// Takes in an RTM_NEWROUTE or RTM_DELROUTE of the default multicast table; others change
-    /// nothing. For a malformed one throws Nex::ParseException and stays as it was.
+    /// Takes in an RTM_NEWROUTE or RTM_DELROUTE of the multicast table; others change nothing. For
+    /// a malformed one throws Nex::ParseException and stays as it was.
     void readMessage(nlmsghdr const& message, bool ofDump);
 
     /// Begins a reading: routes are about to be told anew.
@@ -124,6 +126,7 @@ class RouteTable {
     Withheld whyWithheld(RouteEntry const& route) const;
 
     Observer onRoute_;
+    std::uint32_t number_;
     RouteFilter filter_;
     /// Several maps: one would hold the loop for long as it grows.
     std::array<Routes, 64> routes_;

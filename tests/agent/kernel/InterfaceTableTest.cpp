@@ -3,7 +3,9 @@
 #include "Nex/Error.h"
 #include "agent/kernel/NetlinkMessage.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <linux/if.h>
 #include <linux/if_addr.h>
 #include <linux/if_link.h>
@@ -76,6 +78,37 @@ TEST_F(InterfaceTableTest, LinkMessagesOfBridgesAndDriversTellNothing) {
     scan.ifi_index = 7;
     EXPECT_EQ(table.readMessage(Message(RTM_NEWLINK, scan).get()), std::nullopt);
     EXPECT_EQ(table.interfaces().at(7).name, "up0");
+}
+
+TEST_F(InterfaceTableTest, VrfDeviceTellsItsTableAndPortsTheirMaster) {
+    ifinfomsg header{};
+    header.ifi_index = 9;
+    // {IFLA_INFO_KIND "vrf", IFLA_INFO_DATA {IFLA_VRF_TABLE 1000}} as a kernel sends it
+    std::uint8_t const info[] = {8, 0, 1, 0, 'v', 'r', 'f',  0, 12, 0,
+                                 2, 0, 8, 0, 1,   0,   0xE8, 3, 0,  0};
+    Message vrf(RTM_NEWLINK, header);
+    vrf.with(IFLA_IFNAME, "vrf-red").with(IFLA_LINKINFO, sizeof info, info);
+    EXPECT_EQ(table.readMessage(vrf.get()), 9);
+    EXPECT_EQ(table.interfaces().at(9).vrfTable, 1000u);
+    std::uint8_t bridge[sizeof info];
+    std::copy(std::begin(info), std::end(info), bridge);
+    bridge[4] = 'x';
+    EXPECT_EQ(table.readMessage(Message(RTM_NEWLINK, header)
+                                    .with(IFLA_IFNAME, "vrf-red")
+                                    .with(IFLA_LINKINFO, sizeof bridge, bridge)
+                                    .get()),
+              9);
+    EXPECT_EQ(table.interfaces().at(9).vrfTable, 0u);
+    bridge[12] = 80; // beyond the end
+    bridge[4] = 'v';
+    EXPECT_THROW(table.readMessage(Message(RTM_NEWLINK, header)
+                                       .with(IFLA_IFNAME, "vrf-red")
+                                       .with(IFLA_LINKINFO, sizeof bridge, bridge)
+                                       .get()),
+                 Nex::ParseException);
+    Message port = linkMessage(RTM_NEWLINK, 7, IFF_UP, IF_OPER_UP);
+    EXPECT_EQ(table.readMessage(port.with(IFLA_MASTER, 9u).get()), 7);
+    EXPECT_EQ(table.interfaces().at(7).master, 9);
 }
 
 TEST_F(InterfaceTableTest, PrimaryAddressIsTheFirstGlobalOne) {

@@ -51,7 +51,7 @@ class KernelRoutesTest : public LoopFixture {
         NamespaceScope const inside(space.get());
         return int(if_nametoindex(name));
     }
-    void doStartFollowing() {
+    void doStartFollowing(std::uint32_t table = RouteTable::defaultNumber) {
         followed.emplace(
             loop,
             [this](IpAddr from, IpAddr to, bool is) {
@@ -60,7 +60,7 @@ class KernelRoutesTest : public LoopFixture {
                 EXPECT_TRUE(is ? announced.insert(name).second : announced.erase(name) != 0)
                     << name << " is told twice";
             },
-            space.get());
+            space.get(), table);
         followed->setFilter({true, false, {indexOf("up0")}});
     }
     void doFollow() {
@@ -94,6 +94,30 @@ TEST_F(KernelRoutesTest, InterfacesThatComeAndGoChangeRoutesWithoutAWord) {
     // Another interface with the number of the old one.
     router->removeInterface(0);
     router->addInterface(0, indexOf("aux1"));
+    EXPECT_TRUE(becomes({}));
+}
+
+TEST_F(KernelRoutesTest, TableOfAnotherNumberIsFollowedAlone) {
+    std::optional<MulticastRouter> other;
+    {
+        NamespaceScope const inside(space.get());
+        other.emplace(1000);
+    }
+    other->addInterface(0, indexOf("up0"));
+    other->addInterface(1, indexOf("aux0"));
+    router->addRoute(source, group(1), 0, {1});
+    for (unsigned i = 2; i < 500; ++i) other->addRoute(source, group(i), 0, {1});
+    doStartFollowing(1000);
+    // Routes that a dump skips are asked for by their names.
+    EXPECT_TRUE(serveUntil([&] { return !announced.empty(); }));
+    for (unsigned i = 2; i < 500; i += 2) other->removeRoute(source, group(i));
+    router->addRoute(source, group(2), 0, {1});
+    Names expected;
+    for (unsigned i = 3; i < 500; i += 2) expected.insert(nameOf(i));
+    EXPECT_TRUE(becomes(expected));
+    ASSERT_TRUE(serveUntil([&] { return followed->told(); }));
+    EXPECT_EQ(announced, expected);
+    other->removeInterface(1);
     EXPECT_TRUE(becomes({}));
 }
 

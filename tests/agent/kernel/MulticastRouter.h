@@ -6,6 +6,7 @@
 #include "agent/loop/FileDescriptor.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <initializer_list>
 #include <netinet/in.h>
@@ -14,6 +15,7 @@
 #include <system_error>
 // Last: it brings the kernel's own definitions of what netinet/in.h defines, unless that is known.
 #include <linux/mroute.h>
+#include <linux/rtnetlink.h>
 
 namespace Agent {
 
@@ -21,7 +23,11 @@ namespace Agent {
 /// the kernel refuses throws std::system_error.
 class MulticastRouter {
   public:
-    MulticastRouter() { option(MRT_INIT, 1); }
+    /// Of the table of that number.
+    explicit MulticastRouter(std::uint32_t table = RT_TABLE_DEFAULT) {
+        option(MRT_TABLE, table);
+        option(MRT_INIT, 1);
+    }
 
     void addInterface(vifi_t number, int ifindex) {
         vifctl interface {};
