@@ -25,6 +25,8 @@ constexpr char contentType[] = "application/openmetrics-text; version=1.0.0; cha
 
 /// An answer on its way to one client.
 struct Scrape {
+    MetricsServer* server;
+    MHD_Connection* connection;
     MetricsServer::Pieces pieces;
     std::string text;
     bool more = true;
@@ -34,7 +36,13 @@ struct Scrape {
 ssize_t readPiece(void* context, std::uint64_t, char* buffer, std::size_t room) {
     auto& scrape = *static_cast<Scrape*>(context);
     try {
-        while (scrape.more && scrape.text.size() < room) scrape.more = scrape.pieces(scrape.text);
+        double const end = EventLoop::now() + sliceSeconds;
+        while (scrape.more && scrape.text.size() < room && EventLoop::now() < end)
+            scrape.more = scrape.pieces(scrape.text);
+        if (scrape.text.empty() && scrape.more) {
+            scrape.server->doPutOff(scrape.connection);
+            return 0;
+        }
     } catch (std::exception const&) {
         return MHD_CONTENT_READER_END_WITH_ERROR;
     }
@@ -68,8 +76,8 @@ MHD_Result handleRequest(void* context, MHD_Connection* connection, char const* 
     if (string_view(url) != "/metrics")
         return refuse(connection, MHD_HTTP_NOT_FOUND, "only /metrics\n");
     try {
-        auto scrape = std::make_unique<Scrape>();
-        scrape->pieces = static_cast<MetricsServer const*>(context)->begin();
+        auto* const server = static_cast<MetricsServer*>(context);
+        auto scrape = std::make_unique<Scrape>(Scrape{server, connection, server->begin(), {}});
         MHD_Response* const response = MHD_create_response_from_callback(
             MHD_SIZE_UNKNOWN, pieceOctets, readPiece, scrape.get(), freeScrape);
         if (!response) return MHD_NO;
@@ -95,16 +103,13 @@ FileDescriptor listeningSocket(SocketAddress const& at) {
 
 void MetricsServer::End::operator()(MHD_Daemon* daemon) const { MHD_stop_daemon(daemon); }
 
-MetricsServer::MetricsServer(EventLoop& loop, std::string address, Begin begin)
-    : loop_(loop),
-      address_(std::move(address)),
-      begin_(std::move(begin)),
-      patience_(loop, [this] { doServe(); }) {
-    auto const at = parseSocketAddress(address_);
-    if (!at) throw std::system_error(EINVAL, std::generic_category(), address_);
+MetricsServer::MetricsServer(EventLoop& loop, std::string const& address, Begin begin)
+    : loop_(loop), begin_(std::move(begin)), patience_(loop, [this] { doServe(); }) {
+    auto const at = parseSocketAddress(address);
+    if (!at) throw std::system_error(EINVAL, std::generic_category(), address);
     FileDescriptor socket = listeningSocket(*at);
-    daemon_.reset(MHD_start_daemon(MHD_USE_EPOLL, 0, nullptr, nullptr, handleRequest, this,
-                                   MHD_OPTION_LISTEN_SOCKET, socket.get(),
+    daemon_.reset(MHD_start_daemon(MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr,
+                                   handleRequest, this, MHD_OPTION_LISTEN_SOCKET, socket.get(),
                                    MHD_OPTION_CONNECTION_LIMIT, mostConnections,
                                    MHD_OPTION_CONNECTION_TIMEOUT, patienceSeconds, MHD_OPTION_END));
     if (!daemon_) throw std::system_error(ENOMEM, std::generic_category(), "microhttpd");
@@ -113,12 +118,28 @@ MetricsServer::MetricsServer(EventLoop& loop, std::string address, Begin begin)
     loop_.watch(fd_, EPOLLIN, [this](std::uint32_t) { doServe(); });
 }
 
-MetricsServer::~MetricsServer() { loop_.unwatch(fd_); }
+MetricsServer::~MetricsServer() {
+    loop_.unwatch(fd_);
+    doResume(); // or the daemon could not be stopped
+}
+
+void MetricsServer::doPutOff(MHD_Connection* connection) {
+    putOff_.push_back(connection);
+    MHD_suspend_connection(connection);
+}
+
+void MetricsServer::doResume() {
+    for (MHD_Connection* const connection : std::exchange(putOff_, {}))
+        MHD_resume_connection(connection);
+}
 
 void MetricsServer::doServe() {
+    doResume();
     MHD_run(daemon_.get());
     MHD_UNSIGNED_LONG_LONG milliseconds = 0;
-    if (MHD_get_timeout(daemon_.get(), &milliseconds) == MHD_YES)
+    if (!putOff_.empty())
+        patience_.arm(0);
+    else if (MHD_get_timeout(daemon_.get(), &milliseconds) == MHD_YES)
         patience_.arm(double(milliseconds) / 1000);
     else
         patience_.disarm();

@@ -1,6 +1,7 @@
 // The figures for monitoring over HTTP: GET /metrics, in pieces as a client takes them.
 //
-// One alarm: it ends connections that nothing comes over any more.
+// One alarm: it goes on with an answer in the next turn, and ends connections that nothing comes
+// over any more.
 #pragma once
 
 #include "agent/loop/Alarm.h"
@@ -9,7 +10,9 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
+struct MHD_Connection;
 struct MHD_Daemon;
 
 namespace Agent {
@@ -23,13 +26,14 @@ class MetricsServer {
 
     /// Listens at `address`, as parseSocketAddress() takes it. `loop` outlives this. Throws
     /// std::system_error where that cannot be had.
-    MetricsServer(EventLoop& loop, std::string address, Begin begin);
+    MetricsServer(EventLoop& loop, std::string const& address, Begin begin);
     ~MetricsServer();
     MetricsServer(MetricsServer const&) = delete;
     MetricsServer& operator=(MetricsServer const&) = delete;
 
-    std::string const& address() const { return address_; }
     Pieces begin() const { return begin_(); }
+    /// Has the library ask for more of this answer in the next turn.
+    void doPutOff(MHD_Connection* connection);
 
   private:
     struct End {
@@ -37,10 +41,11 @@ class MetricsServer {
     };
 
     void doServe();
+    void doResume();
 
     EventLoop& loop_;
-    std::string address_;
     Begin begin_;
+    std::vector<MHD_Connection*> putOff_;
     std::unique_ptr<MHD_Daemon, End> daemon_;
     int fd_ = -1; ///< the daemon's, to wait for
     Alarm patience_;
