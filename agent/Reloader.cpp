@@ -41,8 +41,7 @@ void logDiagnostics(std::vector<Diagnostic> const& diagnostics) {
 }
 
 Reloader::Reloader(EventLoop& loop, Target& target, std::string file)
-    : loop_(loop),
-      target_(target),
+    : target_(target),
       file_(std::move(file)),
       since_(secondsSince1970()),
       loader_(loop),

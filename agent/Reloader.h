@@ -84,7 +84,6 @@ class Reloader {
     void handleUnconfirmed();
     void doUndo(char const* why);
 
-    EventLoop& loop_;
     Target& target_;
     std::string file_;
     unsigned number_ = 1; ///< of the configuration in force
