@@ -92,7 +92,7 @@ class Inquiry {
         auto const found = configured.groups.find(group_);
         if (found == configured.groups.end()) return;
         owner_ = "the configuration";
-        json const wish{{"kind", "configuration"}, {"line", found->second.line.number}};
+        json const wish{{"kind", "configuration"}, {"line", found->second.entry.line.number}};
         for (Lox::IpAddr const source : found->second.include) doAdd(wish, source, true);
         for (Lox::IpAddr const source : found->second.exclude)
             doAdd(wish, source, source.isZero()); // from any source but none

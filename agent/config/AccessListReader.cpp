@@ -18,12 +18,6 @@ bool isDenyAll(Acl::IpRuleConfig const& rule) {
            isAny(rule.filter.destination);
 }
 
-bool isWhollyMulticast(Lox::IpAddrWithFullMask range) {
-    std::uint32_t const address = range.address().host();
-    return Lox::IpAddr::fromHost(address & range.mask()).isMulticast() &&
-           Lox::IpAddr::fromHost(address | ~range.mask()).isMulticast();
-}
-
 /// Reads one rule.
 class RuleReader {
   public:
@@ -98,9 +92,9 @@ AccessListConfiguration readAccessList(std::vector<TomlSection> const& rules, bo
         lines[std::uint32_t(*sequence)] = {section.position().line};
         if (!attached) continue;
         diagnostics.addInfo(section.positionOf("destination"),
-                            isDenyAll(*rule) ? "shuts out the groups of the forwarding table"
-                                             : fmt::format("selects {} group{}", groupCount(*rule),
-                                                           groupCount(*rule) == 1 ? "" : "s"));
+                            isDenyAll(*rule)
+                                ? "shuts out the groups of the forwarding table"
+                                : fmt::format("selects {}", countText(groupCount(*rule), "group")));
     }
     return list;
 }

@@ -72,6 +72,12 @@ std::optional<SocketAddress> parseSocketAddress(std::string_view text) {
     return found;
 }
 
+bool isWhollyMulticast(Lox::IpAddrWithFullMask range) {
+    std::uint32_t const address = range.address().host();
+    return Lox::IpAddr::fromHost(address & range.mask()).isMulticast() &&
+           Lox::IpAddr::fromHost(address | ~range.mask()).isMulticast();
+}
+
 bool isUnicastHost(Lox::IpAddr address) {
     std::uint32_t const network = address.host() >> 24;
     return network >= 1 && network < 224 && network != 127;

@@ -24,6 +24,9 @@ struct SocketAddress {
 };
 std::optional<SocketAddress> parseSocketAddress(std::string_view text);
 
+/// Whether it holds multicast addresses only.
+bool isWhollyMulticast(Lox::IpAddrWithFullMask range);
+
 /// Whether a packet can have the address as its source.
 bool isUnicastHost(Lox::IpAddr address);
 

@@ -1,6 +1,6 @@
 #include "agent/config/Configuration.h"
 
-#include "agent/config/AddressText.h"
+#include "agent/config/GroupReader.h"
 #include "agent/config/TomlSection.h"
 #include "agent/loop/FileDescriptor.h"
 #include "agent/loop/Printable.h"
@@ -22,12 +22,6 @@ namespace {
 constexpr std::size_t mostFileBytes = 64 << 20;
 /// To read a file that is being written, a millisecond apart.
 constexpr unsigned mostAttempts = 50;
-/// Each group costs memory and report space; a slip in a mask should not ask for millions.
-constexpr std::uint64_t mostGroupsUnasked = 65536;
-
-/// 224.0.0.0/24, which routers never forward; IGMP hosts do not report 224.0.0.1 (RFC 3376, 5).
-bool isLinkLocal(Lox::IpAddr group) { return group.host() >> 8 == 0xE00000; }
-
 /// The library's names of namespaces hold 150, of which the agent's prefix takes three.
 constexpr std::size_t longestVrfName = 147;
 
@@ -75,7 +69,9 @@ class ConfigurationReader {
     void doReadLists(TomlSection const& lists) {
         for (TomlText const& name : lists.keys()) {
             bool const attached = attachedLists_.contains(name.value);
-            if (!attached) doWarn(name, "is attached to no interface: its rules select nothing");
+            if (!attached)
+                warnFound(name, "is attached to no interface: its rules select nothing",
+                          diagnostics_);
             configuration_.accessLists[name.value] =
                 readAccessList(lists.sections(name.value, &ruleKeys), attached,
                                configuration_.accessListLines[name.value], diagnostics_);
@@ -142,8 +138,8 @@ class ConfigurationReader {
         InterfaceConfiguration& interface = configuration_.interfaces[name];
         section.checkKeys(name);
         doReadProtocol(section, interface);
-        if (auto const groups = section.section("group")) doReadGroups(*groups, interface);
         interface.largeRanges = section.boolean("large-ranges");
+        readGroups(section, interface, diagnostics_);
         doReadAccessLists(section, interface);
         auto const vrf = section.text("vrf");
         if (!vrf || vrf->value == defaultVrf) return;
@@ -164,18 +160,6 @@ class ConfigurationReader {
                                     "ssm-only has no effect, expected igmp-version = 3 with it");
     }
 
-    void doReadGroups(TomlSection const& groups, InterfaceConfiguration& interface) {
-        for (TomlText const& key : groups.keys()) {
-            auto const group = readGroup(key);
-            auto const sources = groups.section(key.value, &groupKeys);
-            if (!group || !sources) continue;
-            GroupConfiguration& wanted = interface.groups[*group];
-            wanted.line = {key.position.line};
-            doReadSources(*sources, wanted);
-            doCheckGroup(key, *group, interface);
-        }
-    }
-
     void doReadAccessLists(TomlSection const& section, InterfaceConfiguration& interface) {
         std::uint64_t groups = 0;
         for (TomlText const& name : section.texts("access-lists")) {
@@ -187,80 +171,13 @@ class ConfigurationReader {
             names.push_back(name.value);
             auto const list = configuration_.accessLists.find(name.value);
             if (list == configuration_.accessLists.end()) {
-                doWarn(name, "is not an access list of this file, expected one of them");
+                warnFound(name, "is not an access list of this file, expected one of them",
+                          diagnostics_);
                 continue;
             }
             for (auto const& [sequence, rule] : list->second) groups += groupCount(rule);
         }
-        if (groups > mostGroupsUnasked && !interface.largeRanges)
-            diagnostics_.addError(
-                section.positionOf("access-lists"),
-                fmt::format("access-lists select {} groups, expected up to {}, or "
-                            "large-ranges = true",
-                            groups, mostGroupsUnasked));
-    }
-
-    std::optional<Lox::IpAddr> readGroup(TomlText const& text) {
-        auto const group = parseAddress(text.value);
-        if (!group || !group->isMulticast()) {
-            reportFound(text, "a multicast address in quotes such as \"239.1.1.1\"", diagnostics_);
-            return std::nullopt;
-        }
-        if (*group == Lox::IpAddr::fromHost(0xE0000001)) {
-            reportFound(text,
-                        "a group that hosts announce; 224.0.0.1 is joined always, and silently",
-                        diagnostics_);
-            return std::nullopt;
-        }
-        return group;
-    }
-
-    void doReadSources(TomlSection const& section, GroupConfiguration& group) {
-        section.checkKeys();
-        doReadSourceList(section, "include", group.include, group.exclude);
-        doReadSourceList(section, "exclude", group.exclude, group.include);
-        if (!section.has("include") && !section.has("exclude")) group.exclude.insert(Lox::IpAddr());
-    }
-
-    void doReadSourceList(TomlSection const& section, char const* key,
-                          std::set<Lox::IpAddr>& sources, std::set<Lox::IpAddr> const& others) {
-        auto const texts = section.texts(key);
-        if (section.has(key) && texts.empty())
-            diagnostics_.addError(section.positionOf(key),
-                                  fmt::format("{} holds no source, expected at least one (a group "
-                                              "from any source is written {{}})",
-                                              key));
-        for (TomlText const& text : texts) {
-            auto const source = parseAddress(text.value);
-            if (!source || !isUnicastHost(*source))
-                reportFound(text, "the unicast address of a source", diagnostics_);
-            else if (others.count(*source))
-                reportFound(text, "a source that is not in the include list of the group too",
-                            diagnostics_);
-            else if (!sources.insert(*source).second)
-                reportFound(text, "each source once", diagnostics_);
-        }
-    }
-
-    /// What is legal and yet may not work.
-    void doCheckGroup(TomlText const& key, Lox::IpAddr group,
-                      InterfaceConfiguration const& interface) {
-        GroupConfiguration const& wanted = interface.groups.at(group);
-        bool const anySource = wanted.exclude.count(Lox::IpAddr()) != 0;
-        if (isLinkLocal(group))
-            doWarn(key, "is link-local: routers never forward it, expected no need to announce it");
-        if (group.isSourceSpecific() && !wanted.exclude.empty())
-            doWarn(key, "is a source-specific group, expected included sources only (RFC 4604)");
-        else if (!anySource && !wanted.exclude.empty())
-            doWarn(key, "excludes sources: some routers ignore exclude lists (RFC 5790)");
-        if (!anySource && interface.igmpVersion < 3)
-            doWarn(key, fmt::format("lists sources, which IGMP version {} cannot announce: the "
-                                    "group will come from any source",
-                                    interface.igmpVersion));
-    }
-
-    void doWarn(TomlText const& found, std::string const& text) {
-        diagnostics_.addWarning(found.position, fmt::format("{} {}", inQuotes(found.value), text));
+        checkGroupCount(section, "access-lists", groups, interface, diagnostics_);
     }
 
     Configuration& configuration_;

@@ -11,6 +11,7 @@
 //     "239.1.1.1" = {}                                        # from any source
 //     "239.1.1.2" = { include = ["10.0.0.1", "10.0.0.2"] }
 //     "239.1.1.3" = { exclude = ["10.0.0.9"] }
+//     "239.1.2.0/24" = {}                                     # each of these (GroupReader.h)
 //
 // Access lists (AccessListReader.h) add the groups that their rules select:
 //
@@ -51,13 +52,21 @@ namespace Agent {
 /// The VRF of the agent's own network namespace.
 inline constexpr char defaultVrf[] = "default";
 
+/// The entry of the file that a group comes from. That is no part of what it means, so all compare
+/// equal.
+struct FileEntry {
+    Line line;
+    unsigned prefixLength = 32;
+    friend bool operator==(FileEntry, FileEntry) { return true; }
+};
+
 /// From where one group is wanted.
 struct GroupConfiguration {
     /// Unicast sources.
     std::set<Lox::IpAddr> include;
     /// Unicast sources; or 0.0.0.0 alone, with nothing included: wanted from any source.
     std::set<Lox::IpAddr> exclude;
-    Line line = {};
+    FileEntry entry = {};
 
     friend bool operator==(GroupConfiguration const&, GroupConfiguration const&) = default;
 };
@@ -80,7 +89,7 @@ struct InterfaceConfiguration {
     std::map<Lox::IpAddr, GroupConfiguration> groups;
     /// Names of attached lists, which need not exist.
     std::vector<std::string> accessLists;
-    /// Whether these may select more than 65,536 groups.
+    /// Whether these, and the prefixes among the groups, may each select more than 65,536 groups.
     bool largeRanges = false;
     /// The default VRF, or a key of Configuration::vrfs.
     std::string vrf = defaultVrf;

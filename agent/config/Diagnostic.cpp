@@ -71,6 +71,10 @@ std::string Diagnostic::stringValue() const {
 
 std::string Diagnostic::textInFile() const { return fmt::format("{}: {}", place(*this), text); }
 
+std::string countText(std::uint64_t count, std::string const& what) {
+    return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
+}
+
 void Diagnostics::add(Diagnostic::Level level, Position position, std::string const& text) {
     found_.push_back({level, file_, position, printable(text)});
 }

@@ -1,6 +1,7 @@
 // What reading a file has found: each finding with its place, so that an editor can jump to it.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,9 @@ struct Diagnostic {
 
 /// "info", "warning" or "error".
 char const* nameOf(Diagnostic::Level level);
+
+/// "1 group", "2 groups".
+std::string countText(std::uint64_t count, std::string const& what);
 
 /// Collects the findings about one file.
 class Diagnostics {

@@ -76,9 +76,11 @@ constexpr Key ofInterface[] = {
          "version 3."},
     {.name = "group",
      .type = Type::table,
-     .takes = "`\"239.1.1.1\" = {}`, one line for each group",
-     .effect = "The groups to announce, in quotes. What is configured here is not changed by the "
-               "forwarding table."},
+     .takes = "`\"239.1.1.1\" = {}` or `\"239.1.1.0/24\" = {}`, a line each",
+     .effect =
+         "The groups to announce, in quotes. A prefix stands for each group of its range that "
+         "no longer prefix and no line of its own names. What is configured here is not "
+         "changed by the forwarding table."},
     {.name = "access-lists",
      .type = Type::texts,
      .takes = "names of access lists of this file, each once",
@@ -87,8 +89,8 @@ constexpr Key ofInterface[] = {
     {.name = "large-ranges",
      .type = Type::boolean,
      .effect =
-         "Whether these lists may select more than 65,536 groups: a slip in a mask should not "
-         "ask for millions."},
+         "Whether these lists, or the prefixes under `group`, may select more than 65,536 groups: "
+         "a slip in a mask should not ask for millions."},
     {.name = "vrf",
      .type = Type::text,
      .takes = "`\"default\"` or a VRF of this file",

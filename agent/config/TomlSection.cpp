@@ -126,6 +126,10 @@ void reportFound(TomlText const& found, std::string_view expected, Diagnostics& 
                          fmt::format("{} found, expected {}", inQuotes(found.value), expected));
 }
 
+void warnFound(TomlText const& found, std::string const& text, Diagnostics& diagnostics) {
+    diagnostics.addWarning(found.position, fmt::format("{} {}", inQuotes(found.value), text));
+}
+
 std::optional<toml::table> tomlParse(std::string_view text, Diagnostics& diagnostics) {
     if (unsigned const line = DotCounter(text).tooDeepLine()) {
         diagnostics.addError({line, 1}, fmt::format("more than {} dots outside strings, expected "
@@ -169,6 +173,12 @@ void TomlSection::checkKeys(std::string_view named) const {
         if (key.required && !has(key.name))
             diagnostics_->addError(position(),
                                    fmt::format("no key {} found, expected one", key.name));
+}
+
+std::optional<TomlSection> TomlSection::tableAt(std::string_view key) const {
+    toml::node const* const node = table_->get(key);
+    toml::table const* const table = node ? node->as_table() : nullptr;
+    return table ? std::optional(TomlSection(*table, *diagnostics_)) : std::nullopt;
 }
 
 Key const& TomlSection::described(std::string_view key) const {

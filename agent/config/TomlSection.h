@@ -24,6 +24,9 @@ struct TomlText {
 /// Reports that `found` was found where `expected` was.
 void reportFound(TomlText const& found, std::string_view expected, Diagnostics& diagnostics);
 
+/// Warns that what was found `text`: "has no effect" for example.
+void warnFound(TomlText const& found, std::string const& text, Diagnostics& diagnostics);
+
 /// Parses `text`. A syntax error is reported, and nothing returned. Never throws, whatever the
 /// text.
 std::optional<toml::table> tomlParse(std::string_view text, Diagnostics& diagnostics);
@@ -42,6 +45,8 @@ class TomlSection {
     /// Reports every key that is not known, and every one that must be there and is not. A table
     /// `named` by the operator may hold an unknown one because its name has a dot and no quotes.
     void checkKeys(std::string_view named = {}) const;
+    /// Nothing, and no report, where there is anything else.
+    std::optional<TomlSection> tableAt(std::string_view key) const;
     bool has(std::string_view key) const { return table_->contains(key); }
     /// The place of the value of `key`, or of the table where it is absent.
     Position positionOf(std::string_view key) const;

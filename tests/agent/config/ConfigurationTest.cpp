@@ -79,6 +79,27 @@ TEST(ConfigurationTest, FileBecomesAPlainValue) {
               (std::map<std::string, std::string>{{"red", "red"}, {"blue", "/proc/1/ns/net"}}));
 }
 
+TEST(ConfigurationTest, TheLongestPrefixDecidesOverAGroup) {
+    ConfigurationReading const reading =
+        configurationParse(groupText("\"239.255.255.0/24\" = {}\n"
+                                     "\"239.255.255.128/25\" = { include = [\"10.0.0.1\"] }\n"
+                                     "\"239.255.255.255\" = { include = [\"10.0.0.2\"] }\n"),
+                           "f");
+    EXPECT_TRUE(reading.valid());
+    auto const& groups = reading.configuration.interfaces.at("up0").groups;
+    ASSERT_EQ(groups.size(), 256u);
+    unsigned number = 0;
+    for (auto const& [group, wanted] : groups) {
+        EXPECT_EQ(group, IpAddr::fromHost(0xEFFFFF00 + number));
+        unsigned const entry = number < 128 ? 0 : number < 255 ? 1 : 2;
+        GroupConfiguration const entries[] = {
+            {{}, {IpAddr()}}, {{IpAddr("10.0.0.1")}, {}}, {{IpAddr("10.0.0.2")}, {}}};
+        EXPECT_EQ(wanted, entries[entry]);
+        EXPECT_EQ(wanted.entry.line.number, 2 + entry);
+        ++number;
+    }
+}
+
 TEST(ConfigurationTest, HostileTextIsASyntaxErrorWithAPlace) {
     std::string const dots = repeated(".a", 500000, "a");
     std::string const texts[] = {

@@ -50,8 +50,8 @@ TEST(FaultsTest, OneReadingFindsAllErrorsInTheirOrder) {
     EXPECT_EQ(saidOf("[interface.z.group]\n\"1\" = {}\n[interface.a]\nigmp-version = 0\n"
                      "access-lists = ['a']\n[y]\n[[access-list.a]]\nsequence = 1\n"
                      "action = 'permit'\nsource = 'any'\ndestination = '239.1.1.1'\n"),
-              (Lines{"f:2:1: error: \"1\" found, expected a multicast address in quotes such as "
-                     "\"239.1.1.1\"",
+              (Lines{"f:2:1: error: \"1\" found, expected a multicast address or prefix in quotes, "
+                     "such as \"239.1.1.1\" or \"239.1.1.0/24\"",
                      "f:4:16: error: igmp-version is 0, expected an integer from 1 to 3",
                      "f:6:2: error: unknown key \"y\", expected one of access-list, allow-empty, "
                      "forwarding-table, interface, metrics, vrf",

@@ -1,0 +1,197 @@
+#include "agent/config/GroupReader.h"
+
+#include "agent/config/AddressText.h"
+#include "agent/config/TomlSection.h"
+
+#include <algorithm>
+#include <bit>
+#include <fmt/format.h>
+#include <optional>
+#include <tuple>
+
+namespace Agent {
+
+namespace {
+
+/// Each group costs memory and report space; a slip in a mask should not ask for millions.
+constexpr std::uint64_t mostGroupsUnasked = 65536;
+
+/// 224.0.0.0/24, which routers never forward; IGMP hosts do not report 224.0.0.1 (RFC 3376, 5).
+bool isLinkLocal(Lox::IpAddr group) { return group.host() >> 8 == 0xE00000; }
+
+/// An entry with its groups in host order, the last included.
+struct Prefix {
+    TomlText key;
+    std::uint32_t first;
+    std::uint32_t last;
+    GroupConfiguration wanted;
+
+    std::uint64_t count() const { return std::uint64_t(last) - first + 1; }
+};
+
+class GroupReader {
+  public:
+    GroupReader(InterfaceConfiguration& interface, Diagnostics& diagnostics)
+        : interface_(interface), diagnostics_(diagnostics) {}
+
+    void doRead(TomlSection const& groups) {
+        for (TomlText const& key : groups.keys()) {
+            auto const range = parseRange(key.value);
+            auto const unquoted = range ? std::nullopt : groups.tableAt(key.value);
+            if (unquoted && doReportUnquoted(*unquoted, key.value)) continue;
+            auto const section = groups.section(key.value, &groupKeys);
+            if (!isGood(key, range) || !section) continue;
+            if (range->mask() != ~0u) {
+                std::uint32_t const first = range->address().host() & range->mask();
+                Prefix& prefix =
+                    prefixes_.emplace_back(Prefix{key, first, first | ~range->mask(), {}});
+                doReadEntry(key, *section, *range, prefix.wanted);
+                diagnostics_.addInfo(key.position,
+                                     fmt::format("selects {}", countText(prefix.count(), "group")));
+                continue;
+            }
+            auto const [group, added] = interface_.groups.try_emplace(range->address());
+            if (!added) reportTwice(key);
+            doReadEntry(key, *section, *range, group->second);
+        }
+    }
+
+    /// Of the groups that prefixes select.
+    std::uint64_t count() const {
+        std::uint64_t groups = 0;
+        for (Prefix const& prefix : prefixes_) groups += prefix.count();
+        return groups;
+    }
+
+    /// Gives each group that has no entry of its own that with the longest prefix.
+    void doExpand() {
+        auto const rank = [](Prefix const& prefix) {
+            return std::tuple(prefix.last - prefix.first, prefix.first);
+        };
+        std::ranges::stable_sort(prefixes_, {}, rank);
+        Prefix const* before = nullptr;
+        for (Prefix const& prefix : prefixes_) {
+            if (before && rank(*before) == rank(prefix)) reportTwice(prefix.key);
+            before = &prefix;
+            auto& groups = interface_.groups;
+            auto at = groups.lower_bound(Lox::IpAddr::fromHost(prefix.first));
+            for (std::uint64_t group = prefix.first; group <= prefix.last; ++group, ++at)
+                at = groups.try_emplace(at, Lox::IpAddr::fromHost(std::uint32_t(group)),
+                                        prefix.wanted);
+        }
+    }
+
+  private:
+    bool isGood(TomlText const& text, std::optional<Lox::IpAddrWithFullMask> range) {
+        if (!range || !isWhollyMulticast(*range) ||
+            std::countl_one(range->mask()) != std::popcount(range->mask())) {
+            reportFound(text,
+                        "a multicast address or prefix in quotes, such as \"239.1.1.1\" or "
+                        "\"239.1.1.0/24\"",
+                        diagnostics_);
+            return false;
+        }
+        if (*range == Lox::IpAddrWithFullMask(Lox::IpAddr::fromHost(0xE0000001), ~0u)) {
+            reportFound(text,
+                        "a group that hosts announce; 224.0.0.1 is joined always, and silently",
+                        diagnostics_);
+            return false;
+        }
+        return true;
+    }
+
+    /// Finds addresses that lack their quotes, and so are tables within tables. Returns whether
+    /// there are any; `name` is that of the table.
+    bool doReportUnquoted(TomlSection const& table, std::string const& name) {
+        if (name.find_first_not_of("0123456789.") != std::string::npos) return false;
+        bool any = false;
+        for (TomlText const& key : table.keys()) {
+            std::string const whole = fmt::format("{}.{}", name, key.value);
+            if (parseAddress(whole)) {
+                any = true;
+                reportFound({whole, key.position}, "the group in quotes", diagnostics_);
+            } else if (auto const inner = table.tableAt(key.value)) {
+                any |= doReportUnquoted(*inner, whole);
+            }
+        }
+        return any;
+    }
+
+    void reportTwice(TomlText const& key) {
+        reportFound(key, "each group and prefix once", diagnostics_);
+    }
+
+    void doReadEntry(TomlText const& key, TomlSection const& section, Lox::IpAddrWithFullMask range,
+                     GroupConfiguration& group) {
+        group.entry = {Line{key.position.line}, unsigned(std::popcount(range.mask()))};
+        section.checkKeys();
+        doReadSourceList(section, "include", group.include, group.exclude);
+        doReadSourceList(section, "exclude", group.exclude, group.include);
+        if (!section.has("include") && !section.has("exclude")) group.exclude.insert(Lox::IpAddr());
+        doCheck(key, range.address(), group);
+    }
+
+    void doReadSourceList(TomlSection const& section, char const* key,
+                          std::set<Lox::IpAddr>& sources, std::set<Lox::IpAddr> const& others) {
+        auto const texts = section.texts(key);
+        if (section.has(key) && texts.empty())
+            diagnostics_.addError(section.positionOf(key),
+                                  fmt::format("{} holds no source, expected at least one (a group "
+                                              "from any source is written {{}})",
+                                              key));
+        for (TomlText const& text : texts) {
+            auto const source = parseAddress(text.value);
+            if (!source || !isUnicastHost(*source))
+                reportFound(text, "the unicast address of a source", diagnostics_);
+            else if (others.count(*source))
+                reportFound(text, "a source that is not in the include list of the group too",
+                            diagnostics_);
+            else if (!sources.insert(*source).second)
+                reportFound(text, "each source once", diagnostics_);
+        }
+    }
+
+    /// What is legal and yet may not work.
+    void doCheck(TomlText const& key, Lox::IpAddr group, GroupConfiguration const& wanted) {
+        bool const anySource = wanted.exclude.count(Lox::IpAddr()) != 0;
+        auto const warn = [&](std::string const& text) { warnFound(key, text, diagnostics_); };
+        if (isLinkLocal(group))
+            warn("is link-local: routers never forward it, expected no need to announce it");
+        if (group.isSourceSpecific() && !wanted.exclude.empty())
+            warn("is a source-specific group, expected included sources only (RFC 4604)");
+        else if (!anySource && !wanted.exclude.empty())
+            warn("excludes sources: some routers ignore exclude lists (RFC 5790)");
+        if (!anySource && interface_.igmpVersion < 3)
+            warn(fmt::format("lists sources, which IGMP version {} cannot announce: the group will "
+                             "come from any source",
+                             interface_.igmpVersion));
+    }
+
+    InterfaceConfiguration& interface_;
+    Diagnostics& diagnostics_;
+    std::vector<Prefix> prefixes_;
+};
+
+} // namespace
+
+void readGroups(TomlSection const& section, InterfaceConfiguration& interface,
+                Diagnostics& diagnostics) {
+    auto const groups = section.section("group");
+    if (!groups) return;
+    GroupReader reader(interface, diagnostics);
+    reader.doRead(*groups);
+    if (checkGroupCount(section, "group", reader.count(), interface, diagnostics))
+        reader.doExpand();
+}
+
+bool checkGroupCount(TomlSection const& section, std::string_view key, std::uint64_t groups,
+                     InterfaceConfiguration const& interface, Diagnostics& diagnostics) {
+    if (groups <= mostGroupsUnasked || interface.largeRanges) return true;
+    diagnostics.addError(section.positionOf(key),
+                         fmt::format("{} {} {} groups, expected up to {}, or large-ranges = true",
+                                     key, key == "group" ? "selects" : "select", groups,
+                                     mostGroupsUnasked));
+    return false;
+}
+
+} // namespace Agent
