@@ -1,5 +1,7 @@
 #include "agent/answers/Lists.h"
 
+#include "agent/loop/Printable.h"
+
 #include <bit>
 #include <fmt/format.h>
 #include <optional>
@@ -107,20 +109,21 @@ std::string rangeText(Lox::IpAddrWithFullMask range) {
     return fmt::format("{}/{}", address, Lox::IpAddr::fromHost(range.mask()).stringValue());
 }
 
+void addPlace(json& json, Line const& line) {
+    json["file"] = line.file ? printable(*line.file) : "";
+    json["line"] = line.number;
+}
+
 json ruleJson(Configuration const& configuration, std::string const& list, std::uint32_t sequence,
               Acl::IpRuleConfig const& rule) {
-    auto const lines = configuration.accessListLines.find(list);
-    unsigned line = 0;
-    if (lines != configuration.accessListLines.end())
-        if (auto const found = lines->second.find(sequence); found != lines->second.end())
-            line = found->second.number;
-    return {{"list", list},
-            {"sequence", sequence},
-            {"action", rule.action == Acl::Action::permit ? "permit" : "deny"},
-            {"source", rangeText(rule.filter.source)},
-            {"destination", rangeText(rule.filter.destination)},
-            {"groups", groupCount(rule)},
-            {"line", line}};
+    json row{{"list", list},
+             {"sequence", sequence},
+             {"action", rule.action == Acl::Action::permit ? "permit" : "deny"},
+             {"source", rangeText(rule.filter.source)},
+             {"destination", rangeText(rule.filter.destination)},
+             {"groups", groupCount(rule)}};
+    addPlace(row, configuration.accessListLines.at(list).at(sequence));
+    return row;
 }
 
 std::unique_ptr<JsonElements> listsAnswer(AgentView const& view, std::string const& name) {

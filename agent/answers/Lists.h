@@ -16,6 +16,9 @@ namespace Agent {
 /// "239.1.1.0/30", "239.0.0.1/255.0.0.255", "10.0.0.1" or "any".
 std::string rangeText(Lox::IpAddrWithFullMask range);
 
+/// Adds to what stands in the configuration its file and line.
+void addPlace(nlohmann::json& json, Line const& line);
+
 /// One rule, with its list, sequence number and line.
 nlohmann::json ruleJson(Configuration const& configuration, std::string const& list,
                         std::uint32_t sequence, Acl::IpRuleConfig const& rule);

@@ -92,7 +92,8 @@ class Inquiry {
         auto const found = configured.groups.find(group_);
         if (found == configured.groups.end()) return;
         owner_ = "the configuration";
-        json const wish{{"kind", "configuration"}, {"line", found->second.entry.line.number}};
+        json wish{{"kind", "configuration"}};
+        addPlace(wish, found->second.entry.line);
         for (Lox::IpAddr const source : found->second.include) doAdd(wish, source, true);
         for (Lox::IpAddr const source : found->second.exclude)
             doAdd(wish, source, source.isZero()); // from any source but none

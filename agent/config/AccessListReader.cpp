@@ -89,7 +89,7 @@ AccessListConfiguration readAccessList(std::vector<TomlSection> const& rules, bo
                             *sequence));
             continue;
         }
-        lines[std::uint32_t(*sequence)] = {section.position().line};
+        lines[std::uint32_t(*sequence)] = Line(section.position());
         if (!attached) continue;
         diagnostics.addInfo(section.positionOf("destination"),
                             isDenyAll(*rule)

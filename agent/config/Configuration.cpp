@@ -1,27 +1,19 @@
 #include "agent/config/Configuration.h"
 
+#include "agent/config/AddressText.h"
+#include "agent/config/FilesReader.h"
 #include "agent/config/GroupReader.h"
 #include "agent/config/TomlSection.h"
-#include "agent/loop/FileDescriptor.h"
-#include "agent/loop/Printable.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <optional>
-#include <sys/stat.h>
-#include <system_error>
-#include <unistd.h>
 
 namespace Agent {
 
 namespace {
 
-constexpr std::size_t mostFileBytes = 64 << 20;
-/// To read a file that is being written, a millisecond apart.
-constexpr unsigned mostAttempts = 50;
 /// The library's names of namespaces hold 150, of which the agent's prefix takes three.
 constexpr std::size_t longestVrfName = 147;
 
@@ -197,38 +189,13 @@ std::set<std::string> attachedLists(toml::table const& root) {
     return names;
 }
 
-/// Nothing if it was written meanwhile: what has been read may be a part. Throws std::runtime_error
-/// with the reason.
-std::optional<std::string> fileContentOnce(std::string const& file) {
-    auto const fail = [](int error) { throw std::system_error(error, std::generic_category()); };
-    // To open a pipe would wait for a writer, and to read it again find it empty.
-    FileDescriptor const descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    struct stat before {};
-    if (descriptor.get() < 0 || fstat(descriptor.get(), &before) < 0) fail(errno);
-    if (!S_ISREG(before.st_mode)) throw std::runtime_error("not a regular file");
-    std::string content;
-    std::string chunk(64 << 10, '\0');
-    while (ssize_t const got = read(descriptor.get(), chunk.data(), chunk.size())) {
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) fail(errno);
-        content.append(chunk, 0, std::size_t(got));
-        if (content.size() > mostFileBytes) fail(EFBIG);
-    }
-    struct stat after {};
-    if (fstat(descriptor.get(), &after) < 0) fail(errno);
-    bool const unchanged = before.st_mtim.tv_sec == after.st_mtim.tv_sec &&
-                           before.st_mtim.tv_nsec == after.st_mtim.tv_nsec &&
-                           content.size() == std::size_t(after.st_size);
-    return unchanged ? std::optional(std::move(content)) : std::nullopt;
-}
-
-/// Throws std::runtime_error with the reason.
-std::string fileContent(std::string const& file) {
-    for (unsigned attempt = 0; attempt < mostAttempts; ++attempt) {
-        if (auto content = fileContentOnce(file)) return *std::move(content);
-        usleep(1000);
-    }
-    throw std::runtime_error("it keeps changing");
+ConfigurationReading readingOf(std::optional<toml::table> const& root, Diagnostics& diagnostics) {
+    ConfigurationReading reading;
+    if (root)
+        ConfigurationReader(reading.configuration, diagnostics, attachedLists(*root))
+            .doRead(TomlSection(*root, diagnostics, &fileKeys));
+    reading.diagnostics = diagnostics.take();
+    return reading;
 }
 
 } // namespace
@@ -252,23 +219,13 @@ bool ConfigurationReading::valid() const {
 }
 
 ConfigurationReading configurationParse(std::string_view text, std::string const& file) {
-    ConfigurationReading reading;
     Diagnostics diagnostics(file);
-    if (auto const table = tomlParse(text, diagnostics))
-        ConfigurationReader(reading.configuration, diagnostics, attachedLists(*table))
-            .doRead(TomlSection(*table, diagnostics, &fileKeys));
-    reading.diagnostics = diagnostics.take();
-    return reading;
+    return readingOf(tomlParse(text, file, diagnostics), diagnostics);
 }
 
 ConfigurationReading configurationRead(std::string const& file) {
-    try {
-        return configurationParse(fileContent(file), file);
-    } catch (std::runtime_error const& error) {
-        Diagnostics diagnostics(file);
-        diagnostics.addError({}, std::string("cannot be read: ") + error.what());
-        return {{}, diagnostics.take()};
-    }
+    Diagnostics diagnostics(file);
+    return readingOf(filesRead(file, diagnostics), diagnostics);
 }
 
 } // namespace Agent

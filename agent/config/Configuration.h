@@ -33,7 +33,8 @@
 //     require-output = true
 //     incoming = "proxy-interface"                            # or "any"
 //
-// Reading is separate from applying: two values can be compared to find what a new file changes.
+// Some of it may stand in other files (FilesReader.h). Reading is separate from applying: two
+// values can be compared to find what a new file changes.
 #pragma once
 
 #include "agent/config/AccessListReader.h"
@@ -57,7 +58,7 @@ inline constexpr char defaultVrf[] = "default";
 struct FileEntry {
     Line line;
     unsigned prefixLength = 32;
-    friend bool operator==(FileEntry, FileEntry) { return true; }
+    friend bool operator==(FileEntry const&, FileEntry const&) { return true; }
 };
 
 /// From where one group is wanted.
@@ -139,11 +140,11 @@ struct ConfigurationReading {
     bool valid() const;
 };
 
-/// Reads `text`; `file` is the name for the diagnostics. Reports all errors of meaning, or the
-/// first of syntax. Never throws, whatever the text.
+/// Reads `text`, and no files that it includes; `file` is the name for the diagnostics. Reports all
+/// errors of meaning, or the first of syntax. Never throws, whatever the text.
 ConfigurationReading configurationParse(std::string_view text, std::string const& file);
 
-/// The same from a regular file of up to 64 MiB. A file that cannot be read is an error among the
+/// The same from a file, with those that it includes. One that cannot be read is an error among the
 /// diagnostics.
 ConfigurationReading configurationRead(std::string const& file);
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <fmt/core.h>
+#include <string_view>
 #include <tuple>
 #include <unordered_map>
 #include <utility>
@@ -76,15 +77,26 @@ std::string countText(std::uint64_t count, std::string const& what) {
 }
 
 void Diagnostics::add(Diagnostic::Level level, Position position, std::string const& text) {
-    found_.push_back({level, file_, position, printable(text)});
+    std::string const file = printable(position.file ? *position.file : file_);
+    found_.push_back({level, file, std::move(position), printable(text)});
+}
+
+/// The file comes before those that it includes, these by their names.
+bool Diagnostics::before(Position const& a, Position const& b) const {
+    auto const rank = [this](Position const& position) {
+        bool const included = position.file && *position.file != file_;
+        return std::tuple(included ? std::string_view(*position.file) : std::string_view(),
+                          position.line, position.column);
+    };
+    return rank(a) < rank(b);
 }
 
 std::vector<Diagnostic> Diagnostics::take() {
-    auto const rank = [](Diagnostic const& d) {
-        return std::tuple(d.level == Diagnostic::Level::info, d.position.line, d.position.column);
-    };
-    std::stable_sort(found_.begin(), found_.end(),
-                     [&](Diagnostic const& a, Diagnostic const& b) { return rank(a) < rank(b); });
+    std::stable_sort(found_.begin(), found_.end(), [this](auto const& a, auto const& b) {
+        bool const infos[] = {a.level == Diagnostic::Level::info,
+                              b.level == Diagnostic::Level::info};
+        return infos[0] != infos[1] ? infos[1] : before(a.position, b.position);
+    });
     return thinnedOut(std::exchange(found_, {}));
 }
 

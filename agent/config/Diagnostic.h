@@ -2,22 +2,32 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace Agent {
 
+/// Shared by all that stands in the file.
+using FileName = std::shared_ptr<std::string const>;
+
 /// A place in a text, both counted from 1; line 0 stands for the file as a whole.
 struct Position {
     unsigned line = 0;
     unsigned column = 0;
+    /// Null for the one that was asked for.
+    FileName file = {};
 };
 
 /// The line, from 1, where something stands; 0 for nowhere. That is no part of what it means, so
 /// all compare equal.
 struct Line {
     unsigned number = 0;
-    friend bool operator==(Line, Line) { return true; }
+    FileName file = {};
+
+    Line() = default;
+    explicit Line(Position const& position) : number(position.line), file(position.file) {}
+    friend bool operator==(Line const&, Line const&) { return true; }
 };
 
 struct Diagnostic {
@@ -42,7 +52,7 @@ char const* nameOf(Diagnostic::Level level);
 /// "1 group", "2 groups".
 std::string countText(std::uint64_t count, std::string const& what);
 
-/// Collects the findings about one file.
+/// Collects the findings about one file and those that it includes.
 class Diagnostics {
   public:
     explicit Diagnostics(std::string file) : file_(std::move(file)) {}
@@ -64,6 +74,8 @@ class Diagnostics {
     std::vector<Diagnostic> take();
 
   private:
+    bool before(Position const& a, Position const& b) const;
+
     std::string file_;
     std::vector<Diagnostic> found_;
 };

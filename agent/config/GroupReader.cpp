@@ -123,7 +123,7 @@ class GroupReader {
 
     void doReadEntry(TomlText const& key, TomlSection const& section, Lox::IpAddrWithFullMask range,
                      GroupConfiguration& group) {
-        group.entry = {Line{key.position.line}, unsigned(std::popcount(range.mask()))};
+        group.entry = {Line(key.position), unsigned(std::popcount(range.mask()))};
         section.checkKeys();
         doReadSourceList(section, "include", group.include, group.exclude);
         doReadSourceList(section, "exclude", group.exclude, group.include);

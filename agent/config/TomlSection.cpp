@@ -76,10 +76,6 @@ class DotCounter {
     unsigned line_ = 1;
 };
 
-Position begin(toml::source_region const& region) {
-    return {unsigned(region.begin.line), unsigned(region.begin.column)};
-}
-
 char const* typeName(toml::node const& node) {
     switch (node.type()) {
     case toml::node_type::table:
@@ -121,6 +117,10 @@ std::string wordsOf(toml::parse_error const& error, std::string_view text) {
 
 } // namespace
 
+Position positionOf(toml::source_region const& region) {
+    return {unsigned(region.begin.line), unsigned(region.begin.column), region.path};
+}
+
 void reportFound(TomlText const& found, std::string_view expected, Diagnostics& diagnostics) {
     diagnostics.addError(found.position,
                          fmt::format("{} found, expected {}", inQuotes(found.value), expected));
@@ -130,27 +130,30 @@ void warnFound(TomlText const& found, std::string const& text, Diagnostics& diag
     diagnostics.addWarning(found.position, fmt::format("{} {}", inQuotes(found.value), text));
 }
 
-std::optional<toml::table> tomlParse(std::string_view text, Diagnostics& diagnostics) {
+std::optional<toml::table> tomlParse(std::string_view text, std::string const& file,
+                                     Diagnostics& diagnostics) {
     if (unsigned const line = DotCounter(text).tooDeepLine()) {
-        diagnostics.addError({line, 1}, fmt::format("more than {} dots outside strings, expected "
-                                                    "keys of a few parts",
-                                                    mostDotsInLine));
+        diagnostics.addError({line, 1, std::make_shared<std::string const>(file)},
+                             fmt::format("more than {} dots outside strings, expected "
+                                         "keys of a few parts",
+                                         mostDotsInLine));
         return std::nullopt;
     }
     try {
-        return toml::parse(text);
+        return toml::parse(text, file);
     } catch (toml::parse_error const& error) {
-        diagnostics.addError(begin(error.source()), wordsOf(error, text));
+        diagnostics.addError(Agent::positionOf(error.source()), wordsOf(error, text));
     }
     return std::nullopt;
 }
 
-Position TomlSection::position() const { return begin(table_->source()); }
+Position TomlSection::position() const { return Agent::positionOf(table_->source()); }
 
 std::vector<TomlText> TomlSection::keys() const {
     std::vector<TomlText> keys;
+    keys.reserve(table_->size());
     for (auto const& [key, node] : *table_)
-        keys.push_back({std::string(key.str()), begin(key.source())});
+        keys.push_back({std::string(key.str()), Agent::positionOf(key.source())});
     return keys;
 }
 
@@ -189,7 +192,7 @@ Key const& TomlSection::described(std::string_view key) const {
 
 Position TomlSection::positionOf(std::string_view key) const {
     toml::node const* const node = table_->get(key);
-    return begin(node ? node->source() : table_->source());
+    return Agent::positionOf(node ? node->source() : table_->source());
 }
 
 bool TomlSection::boolean(std::string_view key) const {
@@ -237,7 +240,7 @@ std::optional<TomlText> TomlSection::text(std::string_view key) const {
     toml::node const* const node = table_->get(key);
     if (!node) return std::nullopt;
     if (auto const* const value = node->as_string())
-        return TomlText{value->get(), begin(node->source())};
+        return TomlText{value->get(), Agent::positionOf(node->source())};
     doReportType(key, *node, "a string");
     return std::nullopt;
 }
@@ -257,7 +260,7 @@ std::vector<TomlText> TomlSection::texts(std::string_view key) const {
     if (!elements) return texts;
     for (toml::node const& element : *elements) {
         if (auto const* const value = element.as_string())
-            texts.push_back({value->get(), begin(element.source())});
+            texts.push_back({value->get(), Agent::positionOf(element.source())});
         else
             doReportType(key, element, "only strings in the array");
     }
@@ -280,13 +283,13 @@ std::vector<TomlSection> TomlSection::sections(std::string_view key, KeyTable co
 void TomlSection::doReportType(std::string_view key, toml::node const& found,
                                char const* expected) const {
     diagnostics_->addError(
-        begin(found.source()),
+        Agent::positionOf(found.source()),
         fmt::format("{} is {}, expected {}", inQuotes(key), typeName(found), expected));
 }
 
 template <class Value>
 void TomlSection::doReportRange(Key const& key, toml::node const& found, Value value) const {
-    diagnostics_->addError(begin(found.source()),
+    diagnostics_->addError(Agent::positionOf(found.source()),
                            fmt::format("{} is {}, expected {}", key.name, value, rangeText(key)));
 }
 

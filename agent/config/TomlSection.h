@@ -27,9 +27,13 @@ void reportFound(TomlText const& found, std::string_view expected, Diagnostics& 
 /// Warns that what was found `text`: "has no effect" for example.
 void warnFound(TomlText const& found, std::string const& text, Diagnostics& diagnostics);
 
-/// Parses `text`. A syntax error is reported, and nothing returned. Never throws, whatever the
-/// text.
-std::optional<toml::table> tomlParse(std::string_view text, Diagnostics& diagnostics);
+/// Where something of the parser begins.
+Position positionOf(toml::source_region const& region);
+
+/// Parses the `text` of a file. A syntax error is reported, and nothing returned. Never throws,
+/// whatever the text.
+std::optional<toml::table> tomlParse(std::string_view text, std::string const& file,
+                                     Diagnostics& diagnostics);
 
 /// Refers to a table, its keys and the collector of findings; all must outlive it.
 class TomlSection {

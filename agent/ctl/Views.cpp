@@ -72,7 +72,11 @@ std::string groupedText(std::uint64_t number) {
     return text;
 }
 
-std::string fileName(std::string const& path) { return path.substr(path.rfind('/') + 1); }
+/// Where something of the configuration stands.
+std::string placeText(json const& row) {
+    std::string const path = row.at("file");
+    return fmt::format("{}:{}", path.substr(path.rfind('/') + 1), row.at("line").dump());
+}
 
 std::uint32_t numberOf(json const& address) {
     in_addr number{};
@@ -166,7 +170,7 @@ std::string listsText(json const& answer) {
     for (json const& row : answer.at("rules")) {
         auto const attached = row.at("interfaces").get<std::vector<std::string>>();
         table.add({row.at("list"), row.at("sequence").dump(), row.at("action"), row.at("source"),
-                   row.at("destination"), row.at("groups").dump(), row.at("line").dump(),
+                   row.at("destination"), row.at("groups").dump(), placeText(row),
                    attached.empty() ? "-" : fmt::format("{}", fmt::join(attached, " "))});
     }
     return table.text();
@@ -181,7 +185,6 @@ std::string routesText(json const& answer) {
 
 /// One line for each wish, under its source.
 std::string whyText(json const& answer) {
-    std::string const file = fileName(answer.at("file"));
     std::string text =
         fmt::format("{} on {}: {}", answer.at("group").get<std::string>(),
                     answer.at("interface").get<std::string>(),
@@ -204,7 +207,7 @@ std::string whyText(json const& answer) {
             what =
                 fmt::format("route ({}, {}) from {}", source, answer.at("group").get<std::string>(),
                             wish.at("incoming").get<std::string>());
-        if (wish.contains("line")) what += fmt::format("  {}:{}", file, wish.at("line").dump());
+        if (wish.contains("line")) what += "  " + placeText(wish);
         if (!wish.at("counts").get<bool>()) what += "  (does not count)";
         std::string const head = source == last ? "" : source;
         text += fmt::format("  {:15}  {}\n", head, what);

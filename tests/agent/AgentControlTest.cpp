@@ -74,9 +74,10 @@ TEST_F(AgentControlTest, SaysWhatIsAnnouncedAndWhatIsNot) {
               "239.7.7.7 on up0: not announced\n"
               "not announced: nobody asks for it: no group of the interface, no rule of its lists, "
               "no announced route\n");
-    EXPECT_EQ(askFor("lists").text,
-              "LIST  SEQUENCE  ACTION  SOURCE    DESTINATION   GROUPS  LINE  ATTACHED TO\n"
-              "iptv  1         permit  10.0.0.9  239.3.0.0/31  2       11    up0x\n");
+    EXPECT_EQ(
+        askFor("lists").text,
+        "LIST  SEQUENCE  ACTION  SOURCE    DESTINATION   GROUPS  LINE              ATTACHED TO\n"
+        "iptv  1         permit  10.0.0.9  239.3.0.0/31  2       ihproxyd.toml:11  up0x\n");
     EXPECT_EQ(json("trace --last 3").at("entries").size(), 3u);
     EXPECT_EQ(ask("wait --ready --group up0 239.1.1.1 --for 5s").status, 0);
     EXPECT_EQ(ask("wait --group up0 239.7.7.7 --for 0.1s").status, 1);
@@ -126,7 +127,8 @@ TEST_F(AgentControlTest, ReloadSaysWhatItDidAndCanBeTakenBack) {
 
 TEST_F(AgentControlTest, AnswersAreAsDocumentedWhateverIsAsked) {
     start(groupsOn("up0", "\"239.1.1.1\" = {}\n\"239.1.1.2\" = { include = [\"10.0.0.1\"] }\n") +
-          "[interface.eth9]\naccess-lists = [\"a\"]\n[[access-list.a]]\nsequence = 1\n"
+          "[interface.'z*']\n[interface.eth9]\naccess-lists = [\"a\"]\n[[access-list.a]]\nsequence "
+          "= 1\n"
           "action = \"deny\"\nsource = \"10.0.0.9\"\ndestination = \"239.1.1.0/30\"\n");
     ASSERT_TRUE(wire->hears(joined));
     wire->send(Agent::v3Query(1));

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>
@@ -155,25 +156,91 @@ RC_GTEST_PROP(ConfigurationTest, DamagedTextIsReadOrReportedAndNeverCrashes, ())
     }
 }
 
-TEST(ConfigurationTest, FilesThatCannotBeReadAreReportedByName) {
-    std::string directory = testing::TempDir() + "configurationXXXXXX";
-    ASSERT_NE(mkdtemp(directory.data()), nullptr);
-    std::string const file = directory + "/file";
+/// A folder of configuration files, of which "main" is read.
+class ConfigurationFilesTest : public testing::Test {
+  protected:
+    ConfigurationFilesTest() {
+        folder = testing::TempDir() + "configurationXXXXXX";
+        if (!mkdtemp(folder.data())) std::abort();
+    }
+    ~ConfigurationFilesTest() override { std::filesystem::remove_all(folder); }
+    void write(std::string const& name, std::string const& text) {
+        std::filesystem::create_directories(
+            std::filesystem::path(folder + "/" + name).parent_path());
+        std::ofstream(folder + "/" + name) << text;
+    }
+    ConfigurationReading read() const { return configurationRead(folder + "/main"); }
+    /// What is said of it, without the folder's name.
+    Lines said() const {
+        Lines lines = diagnosticLines(read());
+        for (std::string& line : lines)
+            for (std::size_t at; (at = line.find(folder + "/")) != line.npos;)
+                line.erase(at, folder.size() + 1);
+        return lines;
+    }
+
+    std::string folder;
+};
+
+TEST_F(ConfigurationFilesTest, IncludedFilesAreReadAsPartsOfOne) {
+    write("main", "include = ['d*/*.toml', 'b*.toml', 'none*']\n[interface.up0]\nvrf = 'red'\n"
+                  "");
+    write("b", "not TOML, and not read");
+    write("b[x].toml", "[interface.tp0]\n");
+    write("d/2.toml", "[vrf.red]\n");
+    write("d/1.toml", "[interface.up1]\n\n[interface.up1.group]\n'239.1.1.0/31' = {}\n");
+    ConfigurationReading const reading = read();
+    EXPECT_EQ(said(), Lines{"d/1.toml:4:1: info: selects 2 groups"});
+    Configuration const& all = reading.configuration;
+    Line const line = all.interfaces.at("up1").groups.at(IpAddr("239.1.1.1")).entry.line;
+    EXPECT_EQ(std::to_string(line.number) + *line.file, "4" + folder + "/d/1.toml");
+    EXPECT_EQ(all.interfaces.size(), 3u);
+    EXPECT_TRUE(all.vrfs.contains("red"));
+}
+
+TEST_F(ConfigurationFilesTest, WhatIsWrongWithAnIncludedFileIsSaidAtItsPlace) {
+    write("main", "include = ['a', 'b']\n[forwarding-table]\n[interface.up0]\n");
+    write("a", "[forwarding-table]\n[interface.up0]\nigmp-version = 9\n[interface.z]\nx = 1\n");
+    write("b", "include = ['a']\n[interface.z]\n");
+    EXPECT_EQ(
+        said(),
+        (Lines{"a:1:2: error: \"forwarding-table\" found, expected it in one file only: it is "
+               "in \"main:2:2\", too",
+               "a:2:12: error: \"up0\" found, expected it in one file only: it is in "
+               "\"main:3:12\", too",
+               "a:5:1: error: unknown key \"x\", expected one of igmp-version, "
+               "unsolicited-report-interval, robustness, packets-per-100-ms, "
+               "require-router-alert, ssm-only, group, access-lists, large-ranges, vrf",
+               "b:1:1: error: \"include\" found, expected it in the file that includes this one "
+               "only",
+               "b:2:12: error: \"z\" found, expected it in one file only: it is in "
+               "\"a:4:12\", too"}));
+    write("main", "include = ['a', 'missing', '*', '/proc/self/status']\n");
+    EXPECT_EQ(said(), Lines{"main: error: cannot be read: it keeps changing"});
+    write("main", "include = ['a', 'missing', '*', '.']\n");
+    write("b", "x =\n");
+    EXPECT_EQ(
+        said(),
+        (Lines{"main:1:17: error: \"missing\" cannot be read: No such file or directory",
+               "main:1:28: error: \"a\" found, expected each file once",
+               "main:1:28: error: \"main\" found, expected each file once",
+               "main:1:33: error: \".\" cannot be read: not a regular file",
+               "b:1:4: error: Error while parsing key-value pair: expected value, saw '\\n'"}));
+}
+
+TEST_F(ConfigurationFilesTest, FilesThatCannotBeReadAreReportedByName) {
+    std::string const file = folder + "/main";
     EXPECT_EQ(diagnosticLines(configurationRead(file)),
               Lines{file + ": error: cannot be read: No such file or directory"});
-    std::ofstream(file) << example;
-    EXPECT_EQ(configurationRead(file).configuration,
-              configurationParse(example, file).configuration);
+    write("main", example);
+    EXPECT_EQ(read().configuration, configurationParse(example, file).configuration);
     ASSERT_EQ(truncate(file.c_str(), (64 << 20) + 1), 0);
-    EXPECT_EQ(diagnosticLines(configurationRead(file)),
-              Lines{file + ": error: cannot be read: File too large"});
+    EXPECT_EQ(said(), Lines{"main: error: cannot be read: File too large"});
     unlink(file.c_str());
     ASSERT_EQ(mkfifo(file.c_str(), 0600), 0); // nobody writes, and nobody waits for it
-    for (std::string const& other : {file, directory, std::string("/dev/zero")})
+    for (std::string const& other : {file, folder, std::string("/dev/zero")})
         EXPECT_EQ(diagnosticLines(configurationRead(other)),
                   Lines{other + ": error: cannot be read: not a regular file"});
-    unlink(file.c_str());
-    rmdir(directory.c_str());
 }
 
 } // namespace
