@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cmath>
 #include <fmt/format.h>
+#include <numeric>
+#include <utility>
 
 namespace Agent {
 
@@ -109,10 +111,24 @@ std::string wordsOf(toml::parse_error const& error, std::string_view text) {
                 words.compare(at + 1, 2, words, at + 3, 2) == 0)
                 words.erase(at + 1, 2);
     }
-    if (words.find("floating-point") != std::string::npos ||
-        words.find("determine value type") != std::string::npos)
-        words += " (addresses and names stand in quotes)";
+    for (char const* const unquoted :
+         {"floating-point", "determine value type", "expected '='", "expected ']'"})
+        if (words.find(unquoted) != std::string::npos)
+            return words + " (addresses, names with a dot and patterns stand in quotes)";
     return words;
+}
+
+/// How many letters have to be added, left out or replaced to make one of the other.
+std::size_t distance(std::string_view a, std::string_view b) {
+    std::vector<std::size_t> row(b.size() + 1); // from the beginning of `a` to those of `b`
+    std::iota(row.begin(), row.end(), std::size_t(0));
+    for (char const letter : a) {
+        std::size_t diagonal = row[0]++;
+        for (std::size_t i = 0; i < b.size(); ++i)
+            diagonal = std::exchange(
+                row[i + 1], std::min({row[i] + 1, row[i + 1] + 1, diagonal + (letter != b[i])}));
+    }
+    return row.back();
 }
 
 } // namespace
@@ -157,21 +173,26 @@ std::vector<TomlText> TomlSection::keys() const {
     return keys;
 }
 
+/// What may have been meant by a key that is not known.
+std::string TomlSection::adviceFor(std::string_view key, std::string_view named) const {
+    Key const& near = *std::ranges::min_element(
+        known_->keys, {}, [&](Key const& known) { return distance(key, known.name); });
+    if (distance(key, near.name) <= std::max<std::size_t>(key.size() / 3, 1))
+        return fmt::format("; did you mean {}?", inQuotes(near.name));
+    if (!named.empty() && table_->get(key)->is_table())
+        return fmt::format("; a name with a dot stands in quotes: {}",
+                           inQuotes(fmt::format("{}.{}", named, key)));
+    std::vector<std::string_view> names;
+    for (Key const& known : known_->keys) names.push_back(known.name);
+    return fmt::format(", expected one of {}", fmt::join(names, ", "));
+}
+
 void TomlSection::checkKeys(std::string_view named) const {
-    auto const names = [&] {
-        std::vector<std::string_view> all;
-        for (Key const& key : known_->keys) all.push_back(key.name);
-        return all;
-    };
-    for (TomlText const& key : keys()) {
-        if (known_->find(key.value)) continue;
-        std::string text = fmt::format("unknown key {}, expected one of {}", inQuotes(key.value),
-                                       fmt::join(names(), ", "));
-        if (!named.empty() && table_->get(key.value)->is_table())
-            text += fmt::format("; a name with a dot stands in quotes: {}",
-                                inQuotes(fmt::format("{}.{}", named, key.value)));
-        diagnostics_->addError(key.position, text);
-    }
+    for (TomlText const& key : keys())
+        if (!known_->find(key.value))
+            diagnostics_->addError(
+                key.position,
+                fmt::format("unknown key {}{}", inQuotes(key.value), adviceFor(key.value, named)));
     for (Key const& key : known_->keys)
         if (key.required && !has(key.name))
             diagnostics_->addError(position(),

@@ -75,6 +75,7 @@ class TomlSection {
   private:
     /// Throws std::logic_error for a key that the table does not list.
     Key const& described(std::string_view key) const;
+    std::string adviceFor(std::string_view key, std::string_view named) const;
     void doReportType(std::string_view key, toml::node const& found, char const* expected) const;
     template <class Value>
     void doReportRange(Key const& key, toml::node const& found, Value value) const;
