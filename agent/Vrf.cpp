@@ -53,7 +53,7 @@ void Vrf::setObstacle(std::string obstacle) {
     if (obstacle == obstacle_) return;
     obstacle_ = std::move(obstacle);
     obstacles_.report(subject(), obstacle_, LogLevel::error);
-    for (std::string const& name : proxies_) observer_(name);
+    for (auto const& item : proxies_) observer_(item.first);
 }
 
 std::optional<std::string> Vrf::obstacle(std::string const& interface) const {
@@ -104,15 +104,24 @@ void Vrf::doRenew() {
 }
 
 void Vrf::handleInterface(std::string const& name) {
-    if (proxies_.contains(name)) doFilterRoutes();
+    auto const proxy = proxies_.find(name);
+    if (proxy != proxies_.end() && proxy->second != interfaces_->device(name).ifindex)
+        doFilterSoon();
     observer_(name);
 }
 
 void Vrf::setRoutePolicy(ForwardingTableConfiguration const& policy,
                          std::set<std::string> proxies) {
     policy_ = policy;
-    proxies_ = std::move(proxies);
+    proxies_.clear();
+    for (std::string const& name : proxies) proxies_[name] = 0;
     doFilterRoutes();
+}
+
+/// Thousands of interfaces may come at a time.
+void Vrf::doFilterSoon() {
+    stale_ = true;
+    refilter_.arm(0);
 }
 
 void Vrf::doFilterRoutes() {
@@ -120,9 +129,14 @@ void Vrf::doFilterRoutes() {
     RouteFilter filter;
     filter.requireOutput = policy_.requireOutput;
     filter.anyIncoming = policy_.incoming == ForwardingTableConfiguration::Incoming::any;
-    for (std::string const& name : proxies_)
-        if (int const ifindex = interfaces_->device(name).ifindex; ifindex != 0)
-            filter.proxyInterfaces.insert(ifindex);
+    for (auto& item : proxies_) item.second = 0;
+    for (auto const& [ifindex, interface] : interfaces_->kernelInterfaces()) {
+        auto const proxy = proxies_.find(interface.name);
+        if (proxy == proxies_.end()) continue;
+        proxy->second = ifindex;
+        filter.proxyInterfaces.insert(ifindex);
+    }
+    stale_ = false;
     if (filter == filter_) return;
     routes_->setFilter(filter);
     filter_ = std::move(filter);

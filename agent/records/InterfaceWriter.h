@@ -36,6 +36,7 @@ class InterfaceWriter {
     bool synchronized() const { return kernel_.synchronized(); }
     /// Begins a reading again that the kernel has given up; to be called every few seconds.
     void doRetry();
+    std::map<int, KernelInterface> const& kernelInterfaces() const { return kernel_.interfaces(); }
     Device device(std::string const& name) const { return kernel_.device(name); }
     /// Empty for no interface.
     std::string name(int ifindex) const {
