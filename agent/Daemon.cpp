@@ -79,8 +79,11 @@ Daemon::Daemon(Options options, Configuration configuration,
     if (!hasCapability(CAP_NET_RAW))
         obstacles_.report("the agent", "has no CAP_NET_RAW: it can neither send nor hear IGMP",
                           LogLevel::error);
-    vrfs_ = std::make_unique<VrfRegistry>(
-        state_, loop_, obstacles_, [this](std::string const& name) { hosts_->handleDevice(name); });
+    vrfs_ =
+        std::make_unique<VrfRegistry>(state_, loop_, obstacles_, [this](std::string const& name) {
+            patterns_.handleInterface(name);
+            hosts_->handleDevice(name);
+        });
     if (!options_.statusFile.empty())
         statusFile_.emplace(loop_, options_.statusFile, [this] {
             return std::make_unique<StatusPart>(state_.status, hosts_->statusPart(), obstacles_);
@@ -152,6 +155,7 @@ void Daemon::doFollowTime() {
             state_.timerWheel->timeIs(now);
             hosts_->advance(now);
         });
+    loop_.atEndOfTurn([this] { doFollowPatterns(); });
     // Two hooks: a port that fails keeps the agent neither from ending nor from saying what fails.
     loop_.atEndOfTurn([this] { hosts_->handleTurn(EventLoop::now()); });
     loop_.atEndOfTurn([this] { handleTurn(); });
@@ -187,6 +191,7 @@ bool Daemon::settled(std::string const& name, std::string const& vrf) const {
 
 void Daemon::doConfigure(Configuration configuration) {
     try {
+        patterns_.doResolve(configuration, *vrfs_);
         if (damaged_) doDismantle(); // half of it would go by what was not heard
         // Before any interface is there: the machine looks at all of them for each table that
         // comes.
@@ -242,6 +247,17 @@ void Daemon::handleExhaustion() {
     rebuild_.arm(rebuildSeconds);
 }
 
+/// One that fails on the way leaves the state half written.
+void Daemon::doFollowPatterns() {
+    if (ending_ || damaged_) return;
+    try {
+        patterns_.handleTurn(*vrfs_);
+    } catch (...) {
+        handleExhaustion();
+        throw;
+    }
+}
+
 void Daemon::handleTurn() {
     if (hosts_->takeHeldChange()) keeper_.handleChange();
     if (hosts_->ended()) {
@@ -295,7 +311,7 @@ bool Daemon::leavesAll(Configuration const& configuration) const {
         IgmpHostPort const* const port = hosts_->port(item.first);
         if (!port) continue;
         any |= port->engine().memberCount() > 0;
-        if (configuration.interfaces.contains(item.first))
+        if (configuration.entryFor(item.first))
             port->engine().forMembers(
                 [&](Lox::IpAddr group) { kept = kept || isRouteOnly(*view_, item.first, group); });
     }

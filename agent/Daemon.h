@@ -5,6 +5,7 @@
 #include "IgmpHostProxy/PlatformState.h"
 #include "agent/Differ.h"
 #include "agent/Obstacles.h"
+#include "agent/PatternInterfaces.h"
 #include "agent/PortRegistry.h"
 #include "agent/Reloader.h"
 #include "agent/VrfRegistry.h"
@@ -79,6 +80,7 @@ class Daemon : private Reloader::Target {
     nlohmann::json statusJson() const;
     void doSetLogLevel(std::string const& name, double seconds);
     void doFollowTime();
+    void doFollowPatterns();
     void handleTurn();
     void handleReload();
     void doReload(Reloader::Request request);
@@ -105,6 +107,7 @@ class Daemon : private Reloader::Target {
     LoopTime time_;
     IgmpHostProxy::PlatformState state_;
     ConfigurationWriter writer_;
+    PatternInterfaces patterns_{writer_};
     Obstacles obstacles_;
     Nex::Owned<NexSourceIntfSm> sourceIntfSm_;
     Nex::Ptr<IgmpHostProxy::IgmpHostProxySm> root_;

@@ -9,6 +9,9 @@
 
 namespace Agent {
 
+/// Of a pattern of interfaces.
+inline constexpr char noSuchInterface[] = "no such interface";
+
 class Obstacles {
   public:
     struct Obstacle {

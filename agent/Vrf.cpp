@@ -118,6 +118,15 @@ void Vrf::setRoutePolicy(ForwardingTableConfiguration const& policy,
     doFilterRoutes();
 }
 
+void Vrf::setProxy(std::string const& name, bool proxy) {
+    if (proxy) {
+        proxies_[name] = 0;
+    } else {
+        proxies_.erase(name);
+    }
+    doFilterSoon();
+}
+
 /// Thousands of interfaces may come at a time.
 void Vrf::doFilterSoon() {
     stale_ = true;

@@ -61,6 +61,8 @@ class Vrf {
     void doRenew();
     /// Which routes to announce, and the names of this VRF's proxy interfaces.
     void setRoutePolicy(ForwardingTableConfiguration const& policy, std::set<std::string> proxies);
+    /// One of these more, or less.
+    void setProxy(std::string const& name, bool proxy);
 
   private:
     void handleNamespace();

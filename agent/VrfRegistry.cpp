@@ -64,6 +64,32 @@ void VrfRegistry::applyConfiguration(Configuration const& configuration) {
     doRetry();
 }
 
+void VrfRegistry::doAddInterface(std::string const& name, std::string const& vrf) {
+    changed_.insert(name);
+    vrfOfInterface_[name] = vrf;
+    vrfs_.at(vrf)->setProxy(name, true);
+    if (InterfaceWriter* const interfaces = interfacesOf(name)) interfaces->doPublish(name);
+}
+
+void VrfRegistry::doRemoveInterface(std::string const& name) {
+    changed_.insert(name);
+    if (InterfaceWriter* const interfaces = interfacesOf(name)) interfaces->doWithdraw(name);
+    vrfs_.at(vrfOf(name))->setProxy(name, false);
+    vrfOfInterface_.erase(name);
+    doForget(name);
+    observer_(name);
+}
+
+std::optional<bool> VrfRegistry::exists(std::string const& vrf,
+                                        std::string const& interface) const {
+    auto const found = vrfs_.find(vrf);
+    InterfaceWriter const* const interfaces =
+        found == vrfs_.end() ? nullptr : found->second->interfaces();
+    if (!interfaces) return false;
+    if (!interfaces->synchronized()) return std::nullopt;
+    return interfaces->device(interface).kernel != nullptr;
+}
+
 void VrfRegistry::doRetry() {
     retry_.arm(reopenSeconds);
     for (auto const& item : vrfs_) item.second->doRetry();

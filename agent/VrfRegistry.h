@@ -25,6 +25,20 @@ class VrfRegistry {
     /// touched.
     void applyConfiguration(Configuration const& configuration);
 
+    /// The configuration has an interface more in this VRF, or one less.
+    void doAddInterface(std::string const& name, std::string const& vrf);
+    void doRemoveInterface(std::string const& name);
+    /// Calls `visit` with the name of the VRF and that of each interface that it has.
+    template <class Visit>
+    void forInterfaces(Visit visit) const {
+        for (auto const& [name, vrf] : vrfs_)
+            if (vrf->interfaces())
+                for (auto const& item : vrf->interfaces()->kernelInterfaces())
+                    visit(name, item.second.name);
+    }
+    /// Whether a VRF has such an interface; nothing while that is not known.
+    std::optional<bool> exists(std::string const& vrf, std::string const& interface) const;
+
     /// The end of a turn: tells what keeps the interfaces that changed from being used.
     void handleTurn();
     /// Writes once more what all VRFs know, and nothing else, and has them read it again.

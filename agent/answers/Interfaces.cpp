@@ -2,6 +2,7 @@
 
 #include "agent/loop/Printable.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 #include <functional>
 #include <optional>
@@ -16,24 +17,38 @@ json secondsUntil(double time, double now) {
     return time == Nex::never ? json() : json(std::max(0.0, time - now));
 }
 
-/// A row for each interface of the configuration, or for some.
+/// A row for each interface of the configuration, or for some, then for patterns without a match.
 class InterfaceRows : public JsonElements {
   public:
     using Row =
         std::function<std::optional<json>(std::string const&, InterfaceConfiguration const&)>;
     InterfaceRows(AgentView const& view, Row row) : view_(view), row_(std::move(row)) {}
     bool next(JsonStream& stream) override {
-        auto const* const found = view_.nextInterface(last_);
-        if (!found) return false;
-        last_ = found->first;
-        if (auto const row = row_(found->first, found->second)) stream.addElement(*row);
+        if (auto const* const found = view_.nextInterface(last_)) {
+            last_ = found->first;
+            doShow(stream, found->first, found->second);
+            return true;
+        }
+        Configuration const& configuration = view_.writer.configuration();
+        if (pattern_ >= configuration.patterns.size()) return false;
+        InterfaceConfiguration const& entry = configuration.patterns[pattern_++];
+        if (std::ranges::none_of(configuration.interfaces, [&](auto const& item) {
+                return item.second.pattern == entry.pattern;
+            }))
+            doShow(stream, entry.pattern, entry);
         return true;
     }
 
   private:
+    void doShow(JsonStream& stream, std::string const& name,
+                InterfaceConfiguration const& configured) {
+        if (auto const row = row_(name, configured)) stream.addElement(*row);
+    }
+
     AgentView const& view_;
     Row row_;
     std::optional<std::string> last_;
+    std::size_t pattern_ = 0; ///< to go on with
 };
 
 } // namespace
@@ -43,10 +58,13 @@ json interfaceJson(AgentView const& view, std::string const& name,
     double const now = EventLoop::now();
     std::string const space = view.vrfs.namespaceName(configured.vrf);
     Device const device = view.vrfs.whereabouts(name, space).device;
-    std::string const obstacle = view.vrfs.obstacle(name).value_or("is not known yet");
+    std::string const obstacle = name == configured.pattern
+                                     ? noSuchInterface
+                                     : view.vrfs.obstacle(name).value_or("is not known yet");
     IgmpHostPort const* const port = view.ports.port(name);
     json row{{"name", name},
              {"vrf", configured.vrf},
+             {"pattern", configured.pattern.empty() ? json() : json(configured.pattern)},
              {"state", obstacle.empty() ? "up"
                        : device.kernel  ? "down"
                                         : "waiting"},

@@ -9,7 +9,8 @@ namespace Agent {
 nlohmann::json interfaceJson(AgentView const& view, std::string const& name,
                              InterfaceConfiguration const& configured);
 
-/// All of them, in the order of their names. `view` outlives the answer.
+/// All of them, in the order of their names, then the patterns that match none. `view` outlives the
+/// answer.
 std::unique_ptr<JsonElements> interfacesAnswer(AgentView const& view);
 
 /// What the ports of these interfaces have counted; an empty name stands for all.

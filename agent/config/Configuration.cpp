@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <climits>
 #include <fmt/format.h>
+#include <fnmatch.h>
 #include <optional>
 
 namespace Agent {
@@ -24,10 +25,25 @@ bool isFileName(std::string_view name) {
            std::none_of(name.begin(), name.end(), forbidden);
 }
 
+/// What no interface has in its name.
+constexpr char notInInterfaces[] = ": ";
+
 /// The names that Linux gives interfaces.
 bool isInterfaceName(std::string_view name) {
     return isFileName(name) && name.size() <= 15 &&
-           name.find_first_of(": ") == std::string_view::npos;
+           name.find_first_of(notInInterfaces) == std::string_view::npos;
+}
+
+/// Whether a name stands for all that match it.
+bool isPattern(std::string_view name) {
+    return name.find_first_of("*?[") != std::string_view::npos;
+}
+
+/// Whether `name` matches any name that Linux gives.
+bool isInterfacePattern(std::string_view name) {
+    auto const open = name.rfind('[');
+    return isFileName(name) && name.find_first_of(notInInterfaces) == std::string_view::npos &&
+           (open == std::string_view::npos || name.find(']', open + 2) != std::string_view::npos);
 }
 
 /// A name as `ip netns` takes it, or a path.
@@ -115,19 +131,39 @@ class ConfigurationReader {
     }
 
     void doReadInterfaces(TomlSection const& interfaces) {
+        std::vector<TomlText> patterns;
         for (TomlText const& name : interfaces.keys()) {
+            if (isPattern(name.value)) {
+                patterns.push_back(name);
+                continue;
+            }
             if (!isInterfaceName(name.value))
                 reportFound(name,
                             "an interface name: 1 to 15 bytes without '/', ':', white space or "
                             "control characters",
                             diagnostics_);
             if (auto const section = interfaces.section(name.value, &interfaceKeys))
-                doReadInterface(*section, name.value);
+                doReadInterface(*section, name.value, configuration_.interfaces[name.value]);
+        }
+        std::ranges::sort(patterns, [this](TomlText const& a, TomlText const& b) {
+            return diagnostics_.before(a.position, b.position);
+        });
+        for (TomlText const& name : patterns) {
+            if (!isInterfacePattern(name.value))
+                reportFound(name,
+                            "a pattern of interface names, each '[' with its ']', and no '/', ':', "
+                            "white space or control characters",
+                            diagnostics_);
+            auto const section = interfaces.section(name.value, &interfaceKeys);
+            if (!section) continue;
+            InterfaceConfiguration& interface = configuration_.patterns.emplace_back();
+            interface.pattern = name.value;
+            doReadInterface(*section, name.value, interface);
         }
     }
 
-    void doReadInterface(TomlSection const& section, std::string const& name) {
-        InterfaceConfiguration& interface = configuration_.interfaces[name];
+    void doReadInterface(TomlSection const& section, std::string const& name,
+                         InterfaceConfiguration& interface) {
         section.checkKeys(name);
         doReadProtocol(section, interface);
         interface.largeRanges = section.boolean("large-ranges");
@@ -207,10 +243,20 @@ bool Configuration::selectsGroups() const {
                std::any_of(list->second.begin(), list->second.end(),
                            [](auto const& rule) { return groupCount(rule.second) > 0; });
     };
-    return std::any_of(interfaces.begin(), interfaces.end(), [&](auto const& item) {
-        auto const& lists = item.second.accessLists;
-        return !item.second.groups.empty() || std::any_of(lists.begin(), lists.end(), selects);
+    auto const wantsAny = [&](InterfaceConfiguration const& interface) {
+        return !interface.groups.empty() || std::ranges::any_of(interface.accessLists, selects);
+    };
+    return std::ranges::any_of(patterns, wantsAny) ||
+           std::ranges::any_of(interfaces, [&](auto const& item) { return wantsAny(item.second); });
+}
+
+InterfaceConfiguration const* Configuration::entryFor(std::string const& name) const {
+    auto const own = interfaces.find(name);
+    if (own != interfaces.end() && own->second.pattern.empty()) return &own->second;
+    auto const match = std::ranges::find_if(patterns, [&](auto const& entry) {
+        return fnmatch(entry.pattern.c_str(), name.c_str(), FNM_NOESCAPE) == 0;
     });
+    return match == patterns.end() ? nullptr : &*match;
 }
 
 bool ConfigurationReading::valid() const {

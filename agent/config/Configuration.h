@@ -13,6 +13,10 @@
 //     "239.1.1.3" = { exclude = ["10.0.0.9"] }
 //     "239.1.2.0/24" = {}                                     # each of these (GroupReader.h)
 //
+// A name may be a pattern, for all interfaces that match and have no section of their own:
+//
+//     [interface."ppp*"]                                      # "*", "?", "[...]"
+//
 // Access lists (AccessListReader.h) add the groups that their rules select:
 //
 //     [interface.up1]
@@ -94,6 +98,8 @@ struct InterfaceConfiguration {
     bool largeRanges = false;
     /// The default VRF, or a key of Configuration::vrfs.
     std::string vrf = defaultVrf;
+    /// The pattern by which the interface is in the configuration; empty for its own name.
+    std::string pattern = {};
 
     friend bool operator==(InterfaceConfiguration const&, InterfaceConfiguration const&) = default;
 };
@@ -111,9 +117,14 @@ struct ForwardingTableConfiguration {
                            ForwardingTableConfiguration const&) = default;
 };
 
+/// What holds for the interfaces whose names match InterfaceConfiguration::pattern.
+using InterfacePatterns = std::vector<InterfaceConfiguration>;
+
 struct Configuration {
-    /// By kernel name.
+    /// By kernel name. The file's own; whoever puts it in force adds those that match a pattern.
     std::map<std::string, InterfaceConfiguration> interfaces;
+    /// In the order of the file.
+    InterfacePatterns patterns;
     std::map<std::string, AccessListConfiguration> accessLists;
     std::map<std::string, AccessListLines> accessListLines;
     /// Namespaces, as namespaceOpen() takes them, by VRF; without the default one.
@@ -124,6 +135,9 @@ struct Configuration {
     /// Whether it may be taken over though it has every group left.
     bool allowEmpty = false;
 
+    /// What holds for an interface of that name, if there is one: its own section, failing that the
+    /// first pattern that matches. Null for nothing.
+    InterfaceConfiguration const* entryFor(std::string const& name) const;
     /// Whether any interface has groups, or a list that selects some.
     bool selectsGroups() const;
 

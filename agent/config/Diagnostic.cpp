@@ -81,7 +81,6 @@ void Diagnostics::add(Diagnostic::Level level, Position position, std::string co
     found_.push_back({level, file, std::move(position), printable(text)});
 }
 
-/// The file comes before those that it includes, these by their names.
 bool Diagnostics::before(Position const& a, Position const& b) const {
     auto const rank = [this](Position const& position) {
         bool const included = position.file && *position.file != file_;

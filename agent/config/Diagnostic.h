@@ -72,10 +72,10 @@ class Diagnostics {
     /// that is found again and again, with other names or numbers, only the first 20, and how many
     /// more there are.
     std::vector<Diagnostic> take();
-
-  private:
+    /// Whether `a` stands before `b`: the file before those that it includes, these by their names.
     bool before(Position const& a, Position const& b) const;
 
+  private:
     std::string file_;
     std::vector<Diagnostic> found_;
 };

@@ -30,10 +30,10 @@ constexpr Key ofFile[] = {
      .effect = "Files to be read as if they were part of this one. They include no others."},
     {.name = "interface",
      .type = Type::table,
-     .takes = "`[interface.NAME]`",
+     .takes = "`[interface.NAME]`, `[interface.\"PATTERN\"]`",
      .effect =
          "The upstream interfaces, by the names that the kernel gives them. One that does not "
-         "exist is waited for."},
+         "exist is waited for. A pattern such as `\"ppp*\"` holds for all that match."},
     {.name = "metrics",
      .type = Type::table,
      .takes = "`[metrics]`",

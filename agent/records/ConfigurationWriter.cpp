@@ -98,16 +98,30 @@ void ConfigurationWriter::doWrite() {
         }
     }
     lost |= accessLists_.applyLists(written_.accessLists);
-    for (auto const& [name, interface] : now) {
-        auto const record = state_.config->intfConfigIs(Lox::IntfId(name));
-        record->igmpVersionIs(IgmpHostProxy::IgmpVersion(interface.igmpVersion));
-        record->unsolicitedReportIntvlIs(
-            IgmpHostProxy::UnsolicitedReportInterval(interface.unsolicitedReportInterval));
-        doAddGroups(interface, *record);
-        if (!hosts_.contains(name)) continue;
-        doAttachLists(interface, *record);
-        if (lost) doRenewWishes(interface, *record);
-    }
+    for (auto const& [name, interface] : now) doWriteInterface(name, interface, lost);
+}
+
+void ConfigurationWriter::doWriteInterface(std::string const& name,
+                                           InterfaceConfiguration const& now, bool lost) {
+    auto const record = state_.config->intfConfigIs(Lox::IntfId(name));
+    record->igmpVersionIs(IgmpHostProxy::IgmpVersion(now.igmpVersion));
+    record->unsolicitedReportIntvlIs(
+        IgmpHostProxy::UnsolicitedReportInterval(now.unsolicitedReportInterval));
+    doAddGroups(now, *record);
+    if (!hosts_.contains(name)) return;
+    doAttachLists(now, *record);
+    if (lost) doRenewWishes(now, *record);
+}
+
+void ConfigurationWriter::doAddInterface(std::string const& name,
+                                         InterfaceConfiguration const& interface) {
+    auto const added = written_.interfaces.emplace(name, interface).first;
+    doWriteInterface(name, added->second, false);
+}
+
+void ConfigurationWriter::doRemoveInterface(std::string const& name) {
+    written_.interfaces.erase(name);
+    state_.config->intfConfigDel(Lox::IntfId(name));
 }
 
 std::vector<ConfigurationWriter::Released> ConfigurationWriter::released() const {

@@ -33,6 +33,10 @@ class ConfigurationWriter {
     /// Puts a configuration in force, in place of the one before. If that fails on the way, it is
     /// the one to be in force all the same, and doRewrite() is needed.
     void applyConfiguration(Configuration configuration);
+    /// Adds an interface to the configuration in force, or takes it out. If that fails on the way,
+    /// it is done all the same, and doRewrite() is needed.
+    void doAddInterface(std::string const& name, InterfaceConfiguration const& interface);
+    void doRemoveInterface(std::string const& name);
     /// Writes it from nothing, whatever the records hold. To be called while no machine follows
     /// them; `attach` then begins with one.
     void doRewrite(std::function<void()> const& attach);
@@ -42,6 +46,7 @@ class ConfigurationWriter {
 
   private:
     void doWrite();
+    void doWriteInterface(std::string const& name, InterfaceConfiguration const& now, bool lost);
     // Both return whether they did.
     static bool doRemoveGroups(InterfaceConfiguration const& before,
                                InterfaceConfiguration const& now,

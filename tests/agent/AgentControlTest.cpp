@@ -234,5 +234,43 @@ TEST_F(AgentControlTest, FiguresAreUnderstoodByMonitoring) {
     EXPECT_TRUE(waitUntil([&] { return json("status").at("logLevel") == "info"; }));
 }
 
+TEST_F(AgentControlTest, PatternHoldsForWhatMatchesAndHasNoSectionOfItsOwn) {
+    std::string const file = groupsOn("'up?'", "'239.1.1.1' = {}\n") +
+                             groupsOn("'u*'", "'239.1.1.2' = {}\n") + "[interface.'zz*']\n" +
+                             groupsOn("up9", "'239.1.1.9' = {}\n");
+    auto const rows = [this] {
+        Lines rows;
+        auto const answer = json("interfaces");
+        for (auto const& row : answer.at("interfaces"))
+            rows.push_back(row.at("name").get<std::string>() + ": " +
+                           row.at("why").get<std::string>());
+        return rows;
+    };
+    auto const rename = [this](std::string const& from, std::string const& to) {
+        net->nearIp("link set " + from + " down");
+        net->nearIp("link set " + from + " name " + to);
+        net->nearIp("link set " + to + " up");
+    };
+    start(file);
+    EXPECT_TRUE(wire->hearsOnly(twice({"TO_EX 239.1.1.1"})));
+    EXPECT_EQ(rows(), (Lines{"up0: ", "up9: does not exist", "u*: no such interface",
+                             "zz*: no such interface"}));
+    reload(file + "[interface.more]\n");
+    EXPECT_EQ(ask("undo").status, 0);
+    EXPECT_TRUE(wire->hearsOnly({})) << "what matches stays";
+
+    rename("up0", "upper");
+    EXPECT_TRUE(learned({"down0 239.1.1.2 exclude"}));
+    EXPECT_EQ(rows(), (Lines{"up9: does not exist", "upper: ", "up?: no such interface",
+                             "zz*: no such interface"}));
+    rename("upper", "up9");
+    EXPECT_TRUE(learned({"down0 239.1.1.9 exclude"}));
+    rename("up9", "up0");
+    EXPECT_TRUE(learned({"down0 239.1.1.1 exclude"}));
+    net->unplugUpstream();
+    EXPECT_TRUE(waitUntil([&] { return rows().front() == "up9: does not exist"; }))
+        << "what has gone is forgotten";
+}
+
 } // namespace
 } // namespace Testing

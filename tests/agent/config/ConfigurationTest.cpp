@@ -184,18 +184,24 @@ class ConfigurationFilesTest : public testing::Test {
 
 TEST_F(ConfigurationFilesTest, IncludedFilesAreReadAsPartsOfOne) {
     write("main", "include = ['d*/*.toml', 'b*.toml', 'none*']\n[interface.up0]\nvrf = 'red'\n"
-                  "");
+                  "[interface.'up[01]'.group]\n");
     write("b", "not TOML, and not read");
-    write("b[x].toml", "[interface.tp0]\n");
-    write("d/2.toml", "[vrf.red]\n");
+    write("b[x].toml", "[interface.'?p0']\n");
+    write("d/2.toml", "[interface.'*']\n[vrf.red]\n");
     write("d/1.toml", "[interface.up1]\n\n[interface.up1.group]\n'239.1.1.0/31' = {}\n");
     ConfigurationReading const reading = read();
     EXPECT_EQ(said(), Lines{"d/1.toml:4:1: info: selects 2 groups"});
     Configuration const& all = reading.configuration;
     Line const line = all.interfaces.at("up1").groups.at(IpAddr("239.1.1.1")).entry.line;
     EXPECT_EQ(std::to_string(line.number) + *line.file, "4" + folder + "/d/1.toml");
-    EXPECT_EQ(all.interfaces.size(), 3u);
+    EXPECT_EQ(all.interfaces.size(), 2u);
     EXPECT_TRUE(all.vrfs.contains("red"));
+    struct {
+        char const *interface, *pattern;
+    } const cases[] = {{"up0", ""}, {"up1", ""}, {"tp0", "?p0"}, {"eth0", "*"}, {"up2", "*"}};
+    for (auto const& [interface, pattern] : cases)
+        EXPECT_EQ(all.entryFor(interface)->pattern, pattern) << interface;
+    EXPECT_EQ(all.patterns.front().pattern, "up[01]") << "the file before what it includes";
 }
 
 TEST_F(ConfigurationFilesTest, WhatIsWrongWithAnIncludedFileIsSaidAtItsPlace) {
