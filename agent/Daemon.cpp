@@ -76,9 +76,7 @@ Daemon::Daemon(Options options, Configuration configuration,
         [this](std::string const& name, std::string const& space) { return locate(name, space); },
         [this](std::string const& vrf) { return vrfs_->namespaceName(vrf); },
         [this](std::string const& name, bool present) { writer_.handleHost(name, present); });
-    if (!hasCapability(CAP_NET_RAW))
-        obstacles_.report("the agent", "has no CAP_NET_RAW: it can neither send nor hear IGMP",
-                          LogLevel::error);
+    if (!hasCapability(CAP_NET_RAW)) obstacles_.report("the agent", noRawSockets, LogLevel::error);
     vrfs_ =
         std::make_unique<VrfRegistry>(state_, loop_, obstacles_, [this](std::string const& name) {
             patterns_.handleInterface(name);
@@ -304,7 +302,7 @@ bool Daemon::settled() const {
 }
 
 bool Daemon::leavesAll(Configuration const& configuration) const {
-    if (configuration.selectsGroups()) return false;
+    if (configuration.selectedGroups() > 0) return false;
     bool any = false;
     bool kept = false; // for the forwarding table
     for (auto const& item : writer_.configuration().interfaces) {

@@ -9,6 +9,8 @@
 
 namespace Agent {
 
+/// Of an agent without CAP_NET_RAW.
+inline constexpr char noRawSockets[] = "has no CAP_NET_RAW: it can neither send nor hear IGMP";
 /// Of a pattern of interfaces.
 inline constexpr char noSuchInterface[] = "no such interface";
 

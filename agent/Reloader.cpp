@@ -20,17 +20,6 @@ constexpr double anotherTrySeconds = 0.1;
 
 } // namespace
 
-json toJson(std::vector<Diagnostic> const& diagnostics) {
-    json all = json::array();
-    for (Diagnostic const& each : diagnostics)
-        all.push_back({{"level", nameOf(each.level)},
-                       {"file", each.file},
-                       {"line", each.position.line},
-                       {"column", each.position.column},
-                       {"text", each.text}});
-    return all;
-}
-
 void logDiagnostics(std::vector<Diagnostic> const& diagnostics) {
     for (Diagnostic const& diagnostic : diagnostics) {
         LogLevel const level = diagnostic.level == Diagnostic::Level::error     ? LogLevel::error

@@ -20,7 +20,6 @@ namespace Agent {
 
 /// Writes what reading a file has found to the log.
 void logDiagnostics(std::vector<Diagnostic> const& diagnostics);
-nlohmann::json toJson(std::vector<Diagnostic> const& diagnostics);
 
 class Reloader {
   public:

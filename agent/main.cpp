@@ -1,4 +1,5 @@
 // ihproxyd: announces multicast groups on upstream interfaces, as an IGMP host.
+#include "agent/Check.h"
 #include "agent/Daemon.h"
 #include "agent/Reloader.h"
 #include "agent/config/Configuration.h"
@@ -32,18 +33,6 @@ class TraceLog : public Nex::TraceSink {
         Agent::log(Agent::LogLevel::info, "{} {}: {}", handle.fileName(), level, text);
     }
 };
-
-int check(std::string const& file) {
-    Agent::ConfigurationReading const reading = Agent::configurationRead(file);
-    bool faults = false;
-    for (Agent::Diagnostic const& diagnostic : reading.diagnostics) {
-        bool const info = diagnostic.level == Agent::Diagnostic::Level::info;
-        if (info && std::exchange(faults, false)) std::puts("");
-        faults |= !info;
-        std::puts(diagnostic.stringValue().c_str());
-    }
-    return reading.valid() ? 0 : 1;
-}
 
 /// Those that only ask something of the agent. Pending until its loop takes them: they end nothing
 /// that is still starting, and count once it runs.
@@ -91,7 +80,7 @@ int main(int argc, char** argv) {
     try {
         CLI::App app("Announces multicast groups on upstream interfaces, as an IGMP host.");
         Agent::Daemon::Options options;
-        std::string checkFile;
+        Agent::Check check;
         unsigned traceLevel = 0;
         auto* const config =
             app.add_option("--config", options.configurationFile, "Run with this configuration");
@@ -109,17 +98,26 @@ int main(int argc, char** argv) {
         app.add_option("--trace", traceLevel, "Log what the machines do, up to this level")
             ->check(CLI::Range(0, 8))
             ->needs(config);
-        app.add_option("--check", checkFile, "Only check this configuration")->excludes(config);
+        auto* const checkFile =
+            app.add_option("--check", check.file, "Only check this configuration")
+                ->excludes(config);
+        app.add_flag("--live", check.live, "Also whether this machine has what it needs")
+            ->needs(checkFile);
+        app.add_flag("--json", check.json, "Say it as JSON, for programs")->needs(checkFile);
         bool keys = false;
         app.add_flag("--keys", keys, "Print the reference of the configuration's keys (Markdown)");
         app.set_version_flag("--version", "ihproxyd " IHP_VERSION);
         CLI11_PARSE(app, argc, argv);
         if (keys) return std::fputs(Agent::keyReference().c_str(), stdout) < 0;
-        if (options.configurationFile.empty() && checkFile.empty()) {
+        if (options.configurationFile.empty() && check.file.empty()) {
             std::fputs(app.help().c_str(), stderr);
             return 2;
         }
-        if (!checkFile.empty()) return check(checkFile);
+        if (!check.file.empty()) {
+            Agent::CheckReport const report = checkReport(check);
+            std::fputs(report.text.c_str(), stdout);
+            return report.good ? 0 : 1;
+        }
         TraceLog const traces(traceLevel);
         return serve(std::move(options));
     } catch (std::exception const& error) {

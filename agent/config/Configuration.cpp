@@ -236,18 +236,21 @@ ConfigurationReading readingOf(std::optional<toml::table> const& root, Diagnosti
 
 } // namespace
 
-bool Configuration::selectsGroups() const {
-    auto const selects = [this](std::string const& name) {
-        auto const list = accessLists.find(name);
-        return list != accessLists.end() &&
-               std::any_of(list->second.begin(), list->second.end(),
-                           [](auto const& rule) { return groupCount(rule.second) > 0; });
+std::uint64_t Configuration::selectedGroups() const {
+    std::uint64_t groups = 0;
+    auto const count = [&](InterfaceConfiguration const& interface) {
+        groups += interface.groups.size();
+        std::set<Lox::IpAddrWithFullMask> ranges; // one for all rules about it
+        for (std::string const& name : interface.accessLists) {
+            auto const list = accessLists.find(name);
+            if (list == accessLists.end()) continue;
+            for (auto const& [sequence, rule] : list->second)
+                if (ranges.insert(rule.filter.destination).second) groups += groupCount(rule);
+        }
     };
-    auto const wantsAny = [&](InterfaceConfiguration const& interface) {
-        return !interface.groups.empty() || std::ranges::any_of(interface.accessLists, selects);
-    };
-    return std::ranges::any_of(patterns, wantsAny) ||
-           std::ranges::any_of(interfaces, [&](auto const& item) { return wantsAny(item.second); });
+    for (auto const& item : interfaces) count(item.second);
+    for (InterfaceConfiguration const& pattern : patterns) count(pattern);
+    return groups;
 }
 
 InterfaceConfiguration const* Configuration::entryFor(std::string const& name) const {
@@ -259,9 +262,11 @@ InterfaceConfiguration const* Configuration::entryFor(std::string const& name) c
     return match == patterns.end() ? nullptr : &*match;
 }
 
-bool ConfigurationReading::valid() const {
-    return std::none_of(diagnostics.begin(), diagnostics.end(),
-                        [](Diagnostic const& d) { return d.level == Diagnostic::Level::error; });
+std::size_t ConfigurationReading::count(Diagnostic::Level level) const {
+    std::size_t count = 0;
+    for (Diagnostic const& found : diagnostics)
+        if (found.level == level) count += 1 + found.more;
+    return count;
 }
 
 ConfigurationReading configurationParse(std::string_view text, std::string const& file) {

@@ -138,8 +138,9 @@ struct Configuration {
     /// What holds for an interface of that name, if there is one: its own section, failing that the
     /// first pattern that matches. Null for nothing.
     InterfaceConfiguration const* entryFor(std::string const& name) const;
-    /// Whether any interface has groups, or a list that selects some.
-    bool selectsGroups() const;
+    /// How many groups the sections ask for. One that several rules or lines select counts for
+    /// each.
+    std::uint64_t selectedGroups() const;
 
     friend bool operator==(Configuration const&, Configuration const&) = default;
 };
@@ -151,7 +152,9 @@ struct ConfigurationReading {
     std::vector<Diagnostic> diagnostics;
 
     /// No errors.
-    bool valid() const;
+    bool valid() const { return count(Diagnostic::Level::error) == 0; }
+    /// Of all findings, those that are not shown included.
+    std::size_t count(Diagnostic::Level level) const;
 };
 
 /// Reads `text`, and no files that it includes; `file` is the name for the diagnostics. Reports all

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <fmt/core.h>
+#include <nlohmann/json.hpp>
 #include <string_view>
 #include <tuple>
 #include <unordered_map>
@@ -47,7 +48,7 @@ std::string kindOf(Diagnostic const& found) {
 /// Keeps the first ones of each kind; the last of them tells how many more there are.
 std::vector<Diagnostic> thinnedOut(std::vector<Diagnostic> found) {
     struct Kind {
-        unsigned count = 0;
+        std::size_t count = 0;
         std::size_t last = 0; ///< where the last is that is shown
     };
     std::unordered_map<std::string, Kind> kinds;
@@ -57,10 +58,12 @@ std::vector<Diagnostic> thinnedOut(std::vector<Diagnostic> found) {
         if (++kind.count == mostOfKind) kind.last = shown.size();
         if (kind.count <= mostOfKind) shown.push_back(std::move(each));
     }
-    for (auto const& [name, kind] : kinds)
-        if (kind.count > mostOfKind)
-            shown[kind.last].text +=
-                fmt::format(" (and {} more like this)", kind.count - mostOfKind);
+    for (auto const& [name, kind] : kinds) {
+        if (kind.count <= mostOfKind) continue;
+        Diagnostic& last = shown[kind.last];
+        last.more = kind.count - mostOfKind;
+        last.text += fmt::format(" (and {} more like this)", last.more);
+    }
     return shown;
 }
 
@@ -71,6 +74,17 @@ std::string Diagnostic::stringValue() const {
 }
 
 std::string Diagnostic::textInFile() const { return fmt::format("{}: {}", place(*this), text); }
+
+nlohmann::json toJson(std::vector<Diagnostic> const& diagnostics) {
+    auto all = nlohmann::json::array();
+    for (Diagnostic const& each : diagnostics)
+        all.push_back({{"level", nameOf(each.level)},
+                       {"file", each.file},
+                       {"line", each.position.line},
+                       {"column", each.position.column},
+                       {"text", each.text}});
+    return all;
+}
 
 std::string countText(std::uint64_t count, std::string const& what) {
     return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");

@@ -1,8 +1,10 @@
 // What reading a file has found: each finding with its place, so that an editor can jump to it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 
@@ -39,12 +41,17 @@ struct Diagnostic {
     Position position;
     /// What was found and what was expected; printable ASCII only.
     std::string text;
+    /// How many more of its kind there are, which are not shown.
+    std::size_t more = 0;
 
     /// FILE:LINE:COLUMN: LEVEL: TEXT, or FILE: LEVEL: TEXT for the file as a whole.
     std::string stringValue() const;
     /// The same without the level.
     std::string textInFile() const;
 };
+
+/// As programs read them: "level", "file", "line", "column" and "text" of each.
+nlohmann::json toJson(std::vector<Diagnostic> const& diagnostics);
 
 /// "info", "warning" or "error".
 char const* nameOf(Diagnostic::Level level);

@@ -26,6 +26,12 @@ std::set<int> differences(std::map<int, KernelInterface> const& before,
 
 } // namespace
 
+std::string obstacleOf(KernelInterface const* kernel) {
+    if (!kernel) return "does not exist";
+    if (!kernel->up) return "is down";
+    return kernel->primaryAddress().isZero() ? "has no IPv4 address" : "";
+}
+
 KernelInterfaces::KernelInterfaces(InterfaceObserver onInterface, int namespaceFd)
     : onInterface_(std::move(onInterface)), netlink_(NETLINK_ROUTE, *this, namespaceFd) {
     // Subscribed first, so that no change falls between the dump and the notifications.

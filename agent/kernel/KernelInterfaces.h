@@ -15,6 +15,9 @@ struct Device {
     KernelInterface const* kernel = nullptr;
 };
 
+/// What keeps an interface from being used, in words: null does not exist. Empty for nothing.
+std::string obstacleOf(KernelInterface const* kernel);
+
 /// Where an interface is now, and the namespace to open sockets in.
 struct Whereabouts {
     bool followed = false; ///< whether anybody knows

@@ -39,10 +39,7 @@ Lox::IpAddr InterfaceWriter::address(std::string const& name) const {
 
 std::optional<std::string> InterfaceWriter::obstacle(std::string const& name) const {
     if (!synchronized()) return std::nullopt;
-    KernelInterface const* const kernel = device(name).kernel;
-    if (!kernel) return "does not exist";
-    if (!kernel->up) return "is down";
-    return kernel->primaryAddress().isZero() ? "has no IPv4 address" : "";
+    return obstacleOf(device(name).kernel);
 }
 
 /// Whoever calls this logs what is thrown, and goes on.

@@ -173,6 +173,50 @@ TEST_F(AgentTest, BadFileAtTheStartOrInACheckIsRefusedWithItsPlaces) {
     EXPECT_TRUE(wire->hearsOnly({})) << "a check speaks to no router";
 }
 
+TEST_F(AgentTest, CheckTellsTotalsAndWhatTheMachineLacks) {
+    std::string const good = "[interface.up0.group]\n'239.1.0.0/24' = {}\n[interface.eth9]\n"
+                             "[interface.'up*']\n[interface.'zz?']\n[interface.x]\nvrf = 'red'\n"
+                             "[vrf.red]\n",
+                      lacks = "eth9: does not exist\nup*: no such interface\n"
+                              "zz?: no such interface\nVRF red: namespace red does not exist\n";
+    std::string bad = "[interface.up0.group]\n'239.1.1.1' = { exclude = ['10.0.0.1'] }\n";
+    for (int i = 0; i < 30; ++i) bad += "g" + std::to_string(i) + " = {}\n";
+    auto const run = [&](std::string const& text, Lines options, std::optional<int> missing = {}) {
+        Folder const own;
+        own.write("file", text);
+        options.insert(options.end(), {"--check", own.file("file")});
+        AgentProcess process(own, net->nearName(), options, missing);
+        int const status = process.exitStatus().value_or(-1);
+        return std::to_string(status) + "\n" + process.output();
+    };
+    auto const ends = [](std::string const& text, std::string const& end) {
+        return text.ends_with(end) ? testing::AssertionSuccess()
+                                   : testing::AssertionFailure() << text;
+    };
+    EXPECT_TRUE(ends(run(good, {}), "groups\n3 interfaces, 2 patterns, 256 groups: good\n"));
+    EXPECT_TRUE(
+        ends(run(good, {"--live"}), "groups\n" + lacks +
+                                        "3 interfaces, 2 patterns, 256 groups, 4 obstacles: "
+                                        "not good\n"));
+    EXPECT_TRUE(ends(run("[interface.'up*']\n", {"--live"}, CAP_NET_RAW),
+                     "1\nthis process: has no CAP_NET_RAW: it can neither send nor hear IGMP\n"
+                     "0 interfaces, 1 pattern, 0 groups, 1 obstacle: not good\n"));
+    EXPECT_TRUE(ends(run(bad, {"--live"}), "30 errors, 1 warning: not good\n"));
+
+    auto const json = [&](std::string const& text, Lines const& options) {
+        std::string const said = run(text, options);
+        return nlohmann::json::parse(said.substr(said.find('\n')));
+    };
+    auto const ofBad = json(bad, {"--json"});
+    EXPECT_EQ(ofBad.at("errors"), 30);
+    EXPECT_EQ(ofBad.at("good"), false);
+    EXPECT_EQ(ofBad.at("diagnostics").at(1).at("line"), 3);
+    auto const ofGood = json(good, {"--json", "--live"});
+    EXPECT_EQ(ofGood.at("groups"), 256);
+    EXPECT_EQ(ofGood.at("obstacles").at(0).dump(),
+              R"({"reason":"does not exist","subject":"eth9"})");
+}
+
 TEST_F(AgentTest, ServiceManagerIsToldOfEachPhase) {
     ServiceSocket service(folder.file("notify"));
     start(groupsOn("up0", threeGroups));
