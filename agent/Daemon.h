@@ -9,6 +9,7 @@
 #include "agent/PortRegistry.h"
 #include "agent/Reloader.h"
 #include "agent/VrfRegistry.h"
+#include "agent/answers/ConfigurationAnswer.h"
 #include "agent/answers/View.h"
 #include "agent/config/Configuration.h"
 #include "agent/control/ControlServer.h"
@@ -120,6 +121,7 @@ class Daemon : private Reloader::Target {
     std::optional<AgentView> view_;
     Reloader reloader_;
     std::optional<Differ> differ_;
+    FileAnswers fileAnswers_{loop_};
     RpcMethods methods_;
     std::optional<ControlServer> control_;
     std::optional<MetricsServer> metrics_;

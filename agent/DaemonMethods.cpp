@@ -130,6 +130,12 @@ RpcMethods Daemon::methods() {
     all["diff"].call = [this](json const&, RpcReply reply) {
         differ_->ask(options_.configurationFile, std::move(reply));
     };
+    all["config"].call = [this](json const& params, RpcReply const& reply) {
+        std::string const& file = options_.configurationFile;
+        if (!params.value("running", false)) return fileAnswers_.answer(file, reply);
+        reply.result(configurationAnswer(
+            file, [this]() -> Configuration const& { return writer_.configuration(); }));
+    };
     // For whoever may read all that the agent may.
     all["diffFile"] = {true, [this](json const& params, RpcReply reply) {
                            differ_->ask(params.at("file"), std::move(reply));

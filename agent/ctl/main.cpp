@@ -4,6 +4,7 @@
 #include "agent/control/UnixSocket.h"
 #include "agent/ctl/Client.h"
 #include "agent/ctl/Terminal.h"
+#include "agent/ctl/Toml.h"
 #include "agent/ctl/Views.h"
 
 #include <CLI/CLI.hpp>
@@ -196,6 +197,9 @@ int run(int argc, char** argv) {
                            "Return to what is in force now unless `confirm` follows in time")
         ->transform(seconds());
     reload.flag("--allow-empty", "allowEmpty", "Even if it has every group left");
+    Question config(app, options, "config",
+                    "The configuration file, as the agent would read it now", Ctl::tomlText);
+    config.flag("--running", "running", "What is in force, in its place");
     Question diff(app, options, "diff", "What a reload would change", Ctl::diffText);
     diff->add_option_function<std::string>(
         "file",

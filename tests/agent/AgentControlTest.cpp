@@ -272,5 +272,61 @@ TEST_F(AgentControlTest, PatternHoldsForWhatMatchesAndHasNoSectionOfItsOwn) {
         << "what has gone is forgotten";
 }
 
+TEST_F(AgentControlTest, ConfigurationInForceAndInTheFileAreShownAlike) {
+    folder.write("part.toml", "[interface.'p*']\nvrf = 'red'\n[interface.'[ab]']\n"
+                              "[interface.'eth0.7'.group]\n'239.10.0.0' = {}\n'239.2.0.7' = "
+                              "{ exclude = ['10.0.0.9'], include = ['10.0.0.8'] }\n"
+                              "'239.2.0.0/24' = { include = ['10.0.0.8'] }\n");
+    std::string const shown = R"(allow-empty = true
+
+[[access-list.iptv]]
+action = "deny"
+destination = "239.0.0.1/255.0.0.255"
+sequence = 20
+source = "any"
+
+[forwarding-table]
+incoming = "any"
+
+[vrf.blue]
+namespace = "/x/y"
+
+[vrf.red]
+
+[interface."eth0.7"]
+
+[interface."eth0.7".group]
+"239.2.0.0/24" = { include = ["10.0.0.8"] }
+"239.2.0.7" = { exclude = ["10.0.0.9"], include = ["10.0.0.8"] }
+"239.10.0.0" = {}
+
+[interface.up0]
+access-lists = ["iptv"]
+igmp-version = 2
+ssm-only = true
+unsolicited-report-interval = 0.5
+
+[interface."p*"]
+vrf = "red"
+
+[interface."[ab]"]
+)";
+    start("include = ['*part.toml']\nallow-empty = true\n[vrf.red]\nnamespace = 'red'\n"
+          "[vrf.blue]\nnamespace = '/x/y'\n[interface.up0]\nssm-only = true\n"
+          "access-lists = ['iptv']\nunsolicited-report-interval = 0.5\nigmp-version = 2\n"
+          "robustness = 2\n[forwarding-table]\nrequire-output = true\nincoming = 'any'\n"
+          "[[access-list.iptv]]\nsequence = 20\naction = 'deny'\nsource = 'any'\n"
+          "destination = '239.0.0.1/255.0.0.255'\n");
+    EXPECT_EQ(ask("config").text, shown);
+    EXPECT_EQ(ask("why eth0.7 239.2.0.9").text.find("part.toml:7") != std::string::npos, true)
+        << ask("why eth0.7 239.2.0.9").text;
+    Answer const broken = with("[interface.up0]\nigmp-version = 9\n", "config");
+    EXPECT_EQ(broken.status, 1);
+    EXPECT_EQ(broken.text, "FILE:2:16: error: igmp-version is 9, expected an integer from 1 to 3\n"
+                           "ihproxyctl: FILE would not be taken over\n");
+    EXPECT_EQ(ask("config --running").text, shown);
+    EXPECT_EQ(with(shown, "config").text, shown) << "it is a file of the same meaning";
+}
+
 } // namespace
 } // namespace Testing
