@@ -52,7 +52,9 @@ std::string contentOf(std::string const& path, std::size_t most, struct stat& st
     return content;
 }
 
-bool isPattern(std::string_view path) { return path.find_first_of("*?[") != path.npos; }
+bool isPattern(std::string_view path) {
+    return path.find_first_of("*?[") != std::string_view::npos;
+}
 
 /// The files that a pattern matches, in the order of their names. Throws std::runtime_error.
 std::vector<std::string> matches(std::string const& pattern) {
@@ -70,7 +72,7 @@ std::string pathFrom(std::string const& file, std::string const& name) {
     std::string folder = std::filesystem::path(file).parent_path();
     if (folder.empty() || name.starts_with('/')) return name;
     if (isPattern(name))
-        for (auto at = folder.find_first_of("*?[\\"); at != folder.npos;
+        for (auto at = folder.find_first_of("*?[\\"); at != std::string::npos;
              at = folder.find_first_of("*?[\\", at + 2))
             folder.insert(at, 1, '\\');
     return folder + (folder.back() == '/' ? "" : "/") + name;

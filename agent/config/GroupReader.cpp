@@ -15,9 +15,13 @@ namespace {
 
 /// Each group costs memory and report space; a slip in a mask should not ask for millions.
 constexpr std::uint64_t mostGroupsUnasked = 65536;
+/// Of prefixes in any case: each group is one in memory before the file is in force.
+constexpr std::uint64_t mostGroupsOfPrefixes = 1 << 20;
 
 /// 224.0.0.0/24, which routers never forward; IGMP hosts do not report 224.0.0.1 (RFC 3376, 5).
-bool isLinkLocal(Lox::IpAddr group) { return group.host() >> 8 == 0xE00000; }
+bool isLinkLocal(Lox::IpAddrWithFullMask range) {
+    return range.address().host() >> 8 == 0xE00000 && range.mask() >= 0xFFFFFF00;
+}
 
 /// An entry with its groups in host order, the last included.
 struct Prefix {
@@ -128,7 +132,7 @@ class GroupReader {
         doReadSourceList(section, "include", group.include, group.exclude);
         doReadSourceList(section, "exclude", group.exclude, group.include);
         if (!section.has("include") && !section.has("exclude")) group.exclude.insert(Lox::IpAddr());
-        doCheck(key, range.address(), group);
+        doCheck(key, range, group);
     }
 
     void doReadSourceList(TomlSection const& section, char const* key,
@@ -152,12 +156,14 @@ class GroupReader {
     }
 
     /// What is legal and yet may not work.
-    void doCheck(TomlText const& key, Lox::IpAddr group, GroupConfiguration const& wanted) {
+    void doCheck(TomlText const& key, Lox::IpAddrWithFullMask range,
+                 GroupConfiguration const& wanted) {
+        auto const first = Lox::IpAddr::fromHost(range.address().host() & range.mask());
         bool const anySource = wanted.exclude.count(Lox::IpAddr()) != 0;
         auto const warn = [&](std::string const& text) { warnFound(key, text, diagnostics_); };
-        if (isLinkLocal(group))
+        if (isLinkLocal(range))
             warn("is link-local: routers never forward it, expected no need to announce it");
-        if (group.isSourceSpecific() && !wanted.exclude.empty())
+        if (first.isSourceSpecific() && !wanted.exclude.empty())
             warn("is a source-specific group, expected included sources only (RFC 4604)");
         else if (!anySource && !wanted.exclude.empty())
             warn("excludes sources: some routers ignore exclude lists (RFC 5790)");
@@ -180,8 +186,11 @@ void readGroups(TomlSection const& section, InterfaceConfiguration& interface,
     if (!groups) return;
     GroupReader reader(interface, diagnostics);
     reader.doRead(*groups);
-    if (checkGroupCount(section, "group", reader.count(), interface, diagnostics))
-        reader.doExpand();
+    if (!checkGroupCount(section, "group", reader.count(), interface, diagnostics)) return;
+    if (reader.count() <= mostGroupsOfPrefixes) return reader.doExpand();
+    diagnostics.addError(section.positionOf("group"),
+                         fmt::format("group selects {} groups, expected up to {}", reader.count(),
+                                     mostGroupsOfPrefixes));
 }
 
 bool checkGroupCount(TomlSection const& section, std::string_view key, std::uint64_t groups,

@@ -95,7 +95,7 @@ constexpr Key ofInterface[] = {
      .type = Type::boolean,
      .effect =
          "Whether these lists, or the prefixes under `group`, may select more than 65,536 groups: "
-         "a slip in a mask should not ask for millions."},
+         "a slip in a mask should not ask for millions. Prefixes up to 1,048,576."},
     {.name = "vrf",
      .type = Type::text,
      .takes = "`\"default\"` or a VRF of this file",

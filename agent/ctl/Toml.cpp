@@ -17,13 +17,13 @@ constexpr char bareCharacters[] =
 
 std::string quoted(std::string const& text) {
     std::string quoted = json(text).dump();
-    for (std::size_t at; (at = quoted.find('\x7f')) != quoted.npos;) // JSON lets it stand
+    for (std::size_t at; (at = quoted.find('\x7f')) != std::string::npos;) // JSON lets it stand
         quoted.replace(at, 1, "\\u007f");
     return quoted;
 }
 
 std::string keyText(std::string const& key) {
-    bool const bare = !key.empty() && key.find_first_not_of(bareCharacters) == key.npos;
+    bool const bare = !key.empty() && key.find_first_not_of(bareCharacters) == std::string::npos;
     return bare ? key : quoted(key);
 }
 
@@ -52,7 +52,8 @@ std::tuple<std::uint32_t, int> orderOf(std::string const& groups) {
     auto const slash = groups.find('/');
     in_addr address{};
     inet_pton(AF_INET, groups.substr(0, slash).c_str(), &address);
-    return {ntohl(address.s_addr), slash == groups.npos ? 32 : std::stoi(groups.substr(slash + 1))};
+    return {ntohl(address.s_addr),
+            slash == std::string::npos ? 32 : std::stoi(groups.substr(slash + 1))};
 }
 
 void addGroups(std::string& text, std::string const& interface, json const& groups) {
