@@ -28,6 +28,16 @@ using nlohmann::json;
 constexpr double longestWait = 86400;
 constexpr std::uint64_t wholeRing = Lumen::Ring::capacity();
 
+/// A parameter that counts something; `standard` where it is not given. A number beyond all counts
+/// would come out as any.
+std::uint64_t countOf(json const& params, char const* name, std::uint64_t standard) {
+    auto const found = params.find(name);
+    if (found == params.end()) return standard;
+    if (!found->is_number_unsigned())
+        throw RpcError(RpcError::invalidParams, fmt::format("{} is to be a whole number", name));
+    return *found;
+}
+
 } // namespace
 
 /// For so many seconds, or for good if that is 0.
@@ -109,11 +119,11 @@ RpcMethods Daemon::methods() {
         reply.result(answer);
     };
     all["trace"].call = [=](json const& params, RpcReply const& reply) {
-        reply.result(list("entries", traceAnswer(params.value("last", wholeRing))));
+        reply.result(list("entries", traceAnswer(countOf(params, "last", wholeRing))));
     };
     all["events"].call = [=](json const& params, RpcReply const& reply) {
-        reply.result(list("events", eventsAnswer(params.value("after", std::uint64_t(0)),
-                                                 params.value("last", std::uint64_t(mostEvents)))));
+        reply.result(list("events", eventsAnswer(countOf(params, "after", 0),
+                                                 countOf(params, "last", mostEvents))));
     };
     all["log"] = {true, [this](json const& params, RpcReply const& reply) {
                       doSetLogLevel(params.at("level"), params.value("for", 0.0));
