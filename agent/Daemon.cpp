@@ -136,7 +136,7 @@ Daemon::~Daemon() { hosts_ = nullptr; }
 void Daemon::doFollowSignals() {
     // First those that end the agent: reloads without end must not keep them waiting.
     for (int const signal : {SIGTERM, SIGINT})
-        loop_.onSignal(signal, [this] { handleTerminate(); });
+        loop_.onSignal(signal, [this] { doStop(writer_.configuration().keepGroups); });
     loop_.onSignal(SIGHUP, [this] { handleReload(); });
     loop_.onSignal(SIGUSR1, [this] { handleStatus(); });
 }
@@ -198,6 +198,9 @@ void Daemon::doConfigure(Configuration configuration) {
         // Interfaces that go leave their groups before their VRF is taken away.
         writer_.applyConfiguration(std::move(configuration));
         if (damaged_) return doRebuild();
+        bool const unkept = writer_.configuration().keepGroups && options_.stateFile.empty();
+        obstacles_.report("keep-groups",
+                          unkept ? "has no effect, for --state names no file" : "");
         vrfs_->applyConfiguration(writer_.configuration());
         hosts_->handleConfiguration();
         for (auto const& released : writer_.released()) {
@@ -258,13 +261,19 @@ void Daemon::doFollowPatterns() {
 
 void Daemon::handleTurn() {
     if (hosts_->takeHeldChange()) keeper_.handleChange();
+    if (keeping_) {
+        if (keeper_.doWriteAtOnce()) return doEnd();
+        keeping_ = false;
+        log(LogLevel::warning, "the groups are left, for nothing would tell the next run of them");
+        hosts_->doEnd(EventLoop::now());
+    }
     if (hosts_->ended()) {
         // Before it was ready, what an earlier run announced was not left.
         if (ready_ && hosts_->takeOwing())
             keeper_.doWriteAtOnce();
         else if (ready_)
             keeper_.doRemove();
-        return loop_.stop(0);
+        return doEnd();
     }
     vrfs_->handleTurn();
     doServeMetrics();
@@ -326,11 +335,22 @@ void Daemon::handleStatus() {
     statusFile_->doWrite();
 }
 
-void Daemon::handleTerminate() {
+/// Has all groups left; or kept for the next run, at the end of the turn: what the turn changes is
+/// told to the routers by then.
+void Daemon::doStop(bool keepGroups) {
     // The end takes a second, whoever asks for it again.
     if (std::exchange(ending_, true)) return;
     serviceNotify("STOPPING=1");
-    hosts_->doEnd(EventLoop::now());
+    keeping_ = keepGroups && !options_.stateFile.empty();
+    if (!keeping_) hosts_->doEnd(EventLoop::now());
+}
+
+void Daemon::doEnd() {
+    loop_.stop(0);
+    for (RpcReply const& reply : std::exchange(stopped_, {})) {
+        reply.result({{"groupsKept", keeping_}});
+        reply.flush();
+    }
 }
 
 } // namespace Agent

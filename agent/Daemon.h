@@ -86,7 +86,8 @@ class Daemon : private Reloader::Target {
     void handleReload();
     void doReload(Reloader::Request request);
     void handleStatus();
-    void handleTerminate();
+    void doStop(bool keepGroups);
+    void doEnd();
     bool settled(std::string const& name, std::string const& vrf) const;
     // Reloader::Target
     Configuration const& before() const override { return writer_.before(); }
@@ -131,6 +132,8 @@ class Daemon : private Reloader::Target {
     bool damaged_ = false;   ///< what stands between the configuration and the ports
     bool ready_ = false;
     bool ending_ = false;
+    bool keeping_ = false;          ///< the groups, at the end
+    std::vector<RpcReply> stopped_; ///< told at the end
 };
 
 } // namespace Agent

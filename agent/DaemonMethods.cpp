@@ -156,6 +156,13 @@ RpcMethods Daemon::methods() {
                           reloader_.confirm();
                           reply.result(reloader_.statusJson());
                       }};
+    all["stop"] = {true, [this](json const& params, RpcReply reply) {
+                       if (params.value("keepGroups", false) && options_.stateFile.empty())
+                           throw RpcError(RpcError::refused, "--state names no file to keep the "
+                                                             "groups in for the next run");
+                       stopped_.push_back(std::move(reply));
+                       doStop(params.value("keepGroups", writer_.configuration().keepGroups));
+                   }};
     return all;
 }
 

@@ -64,6 +64,7 @@ class ConfigurationReader {
     void doRead(TomlSection const& root) {
         root.checkKeys();
         configuration_.allowEmpty = root.boolean("allow-empty");
+        configuration_.keepGroups = root.boolean("keep-groups");
         if (auto const metrics = root.section("metrics", &metricsKeys)) doReadMetrics(*metrics);
         // First, for the interfaces name lists and VRFs.
         if (auto const lists = root.section("access-list")) doReadLists(*lists);

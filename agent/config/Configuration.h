@@ -134,6 +134,8 @@ struct Configuration {
     std::string metricsListen;
     /// Whether it may be taken over though it has every group left.
     bool allowEmpty = false;
+    /// Whether an agent that ends leaves its groups to the next one.
+    bool keepGroups = false;
 
     /// What holds for an interface of that name, if there is one: its own section, failing that the
     /// first pattern that matches. Null for nothing.

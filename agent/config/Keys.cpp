@@ -34,6 +34,10 @@ constexpr Key ofFile[] = {
      .effect =
          "The upstream interfaces, by the names that the kernel gives them. One that does not "
          "exist is waited for. A pattern such as `\"ppp*\"` holds for all that match."},
+    {.name = "keep-groups",
+     .type = Type::boolean,
+     .effect = "Whether the agent ends without leaving its groups: the one that starts next takes "
+               "them over, and leaves those that it does not want. Needs `--state`."},
     {.name = "metrics",
      .type = Type::table,
      .takes = "`[metrics]`",

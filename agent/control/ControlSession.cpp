@@ -65,6 +65,10 @@ void RpcReply::error(RpcError const& error) const {
         session->doAnswer("error", std::make_unique<ValuePart>(error.toJson()));
 }
 
+void RpcReply::flush() const {
+    if (auto const session = session_.lock()) session->doFlush();
+}
+
 ControlSession::ControlSession(EventLoop& loop, FileDescriptor socket, uid_t user,
                                RpcMethods const& methods,
                                std::function<void(ControlSession&)> onEnd)
@@ -80,6 +84,11 @@ ControlSession::ControlSession(EventLoop& loop, FileDescriptor socket, uid_t use
 ControlSession::~ControlSession() { loop_.unwatch(socket_.get()); }
 
 void ControlSession::doBegin() { doWait(); }
+
+void ControlSession::doFlush() {
+    while (!blocked_ && (answer_ || !output_.empty()) && doStep()) {
+    }
+}
 
 bool ControlSession::idle() const { return requests_.empty() && output_.empty(); }
 

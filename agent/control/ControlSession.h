@@ -32,6 +32,8 @@ class RpcReply {
     /// The same in pieces. What it walks must outlive it.
     void result(std::unique_ptr<JsonPart> result) const;
     void error(RpcError const& error) const;
+    /// Sends it as far as the client takes it now, for there will be no other turn.
+    void flush() const;
 
   private:
     std::weak_ptr<ControlSession> session_;
@@ -58,6 +60,8 @@ class ControlSession : public std::enable_shared_from_this<ControlSession> {
 
     /// To be called once somebody holds it.
     void doBegin();
+    /// Makes and sends answers for as long as the client takes them.
+    void doFlush();
     /// Nothing is asked for, or being answered.
     bool idle() const;
     double lastUse() const { return lastUse_; }

@@ -41,6 +41,13 @@ json Client::call(std::string const& method, json const& params) {
     }
 }
 
+void Client::awaitEnd() {
+    char octet;
+    ssize_t received = 0;
+    do received = recv(socket_.get(), &octet, sizeof octet, 0);
+    while (received > 0 || (received < 0 && errno == EINTR));
+}
+
 std::string Client::line() {
     std::size_t searched = 0;
     for (;;) {

@@ -34,6 +34,9 @@ class Client {
     nlohmann::json call(std::string const& method,
                         nlohmann::json const& params = nlohmann::json::object());
 
+    /// Returns once the agent has closed the connection.
+    void awaitEnd();
+
   private:
     std::string line();
 

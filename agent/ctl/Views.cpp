@@ -251,6 +251,11 @@ std::string diffText(json const& answer) {
     return text;
 }
 
+std::string stopText(json const& answer) {
+    return answer.at("groupsKept").get<bool>() ? "ended; the groups are kept for the next run\n"
+                                               : "ended\n";
+}
+
 std::string reloadText(json const& answer) {
     json const& changes = answer.at("changes");
     auto const number = answer.at("number").get<unsigned>();

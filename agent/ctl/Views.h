@@ -17,6 +17,7 @@ std::string routesText(nlohmann::json const& answer);
 std::string whyText(nlohmann::json const& answer);
 std::string traceText(nlohmann::json const& answer);
 std::string diffText(nlohmann::json const& answer);
+std::string stopText(nlohmann::json const& answer);
 std::string reloadText(nlohmann::json const& answer);
 /// FILE:LINE:COLUMN: LEVEL: TEXT, a line each.
 std::string diagnosticsText(nlohmann::json const& diagnostics);

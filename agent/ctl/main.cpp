@@ -106,6 +106,14 @@ void followEvents(Options const& options, json params) {
     }
 }
 
+/// Returns once the agent has gone.
+void stop(Options const& options, json const& params) {
+    Ctl::Client client(options.control);
+    json const answer = client.call("stop", params);
+    client.awaitEnd();
+    Ctl::show(options.json ? answer.dump(2) + '\n' : Ctl::stopText(answer), false);
+}
+
 /// What `wait` waits for, and for how long at most.
 struct Awaited {
     bool ready = false;
@@ -213,6 +221,11 @@ int run(int argc, char** argv) {
         app, options, "confirm", "Keep what a reload was to undo", [](json const& answer) {
             return fmt::format("#{} stays in force\n", answer.at("number").get<unsigned>());
         });
+
+    Question end(app, options, "stop", "End the agent", Ctl::stopText);
+    end->callback([&] { stop(options, end.params()); });
+    end.flag("--keep-groups", "keepGroups",
+             "Leave no group: the agent that starts next takes them over");
 
     Awaited awaited;
     CLI::App* const wait = app.add_subcommand("wait", "Wait until something is true");

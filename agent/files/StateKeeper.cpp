@@ -46,13 +46,14 @@ void StateKeeper::handleAlarm() {
     }
 }
 
-void StateKeeper::doWriteAtOnce() {
-    if (file_.empty()) return;
+bool StateKeeper::doWriteAtOnce() {
+    if (file_.empty()) return false;
     writing_.reset();
     try {
-        doSlice(Nex::never);
+        return doSlice(Nex::never);
     } catch (std::exception const& error) {
         doFail(error);
+        return false;
     }
 }
 

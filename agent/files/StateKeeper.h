@@ -26,8 +26,8 @@ class StateKeeper {
 
     /// Something announced has changed.
     void handleChange();
-    /// The same, with no turn of the loop to come. Throws nothing.
-    void doWriteAtOnce();
+    /// The same, with no turn of the loop to come. Whether the file is written. Throws nothing.
+    bool doWriteAtOnce();
     /// Nothing is announced any more: the file goes.
     void doRemove();
 

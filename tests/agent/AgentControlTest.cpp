@@ -328,5 +328,56 @@ vrf = "red"
     EXPECT_EQ(with(shown, "config").text, shown) << "it is a file of the same meaning";
 }
 
+TEST_F(AgentControlTest, GroupsKeptAtTheEndAreTakenOverByTheNextRun) {
+    for (char const* const command :
+         {"link add up1 type veth peer name aux0", "link set aux0 up",
+          "addr add 10.97.0.1/24 dev up1", "link set up1 up"})
+        net->farIp(command);
+    Wire other(net->farName(), "aux0");
+    auto const both = [&](std::string const& here, std::string const& there) {
+        std::string file = groupsOn("up0", here) + groupsOn("up1", there, "2");
+        file.insert(file.find("[interface.up1]\n") + 16, "vrf = 'red'\n");
+        return file + "[vrf.red]\nnamespace = '" + net->farName() + "'\n";
+    };
+    std::string const all = both("'239.1.1.1' = {}\n'239.1.1.2' = { include = ['10.0.0.1'] }\n",
+                                 "'239.2.2.1' = {}\n'239.2.2.2' = {}\n");
+    std::string const less =
+        both("'239.1.1.2' = { include = ['10.0.0.1'] }\n", "'239.2.2.1' = {}\n");
+    for (bool const asked : {true, false}) {
+        start(asked ? all : "keep-groups = true\n" + all);
+        ASSERT_TRUE(wire->hearsOnly(twice(joined)));
+        ASSERT_TRUE(other.hearsOnly(twice({"v2 239.2.2.1", "v2 239.2.2.2"})));
+        if (asked)
+            EXPECT_EQ(ask("stop --keep-groups").text,
+                      "ended; the groups are kept for the next run\n");
+        else
+            agent->signal(SIGTERM);
+        EXPECT_EQ(agent->exitStatus(), 0);
+        start(less);
+        EXPECT_TRUE(wire->hearsOnly(twice({"ALLOW 239.1.1.2 10.0.0.1", "TO_IN 239.1.1.1"})));
+        EXPECT_TRUE(other.hearsOnly(twice({"leave 239.2.2.2", "v2 239.2.2.1"})));
+        EXPECT_EQ(ask("stop").text, "ended\n");
+        EXPECT_TRUE(wire->hearsOnly(twice({"BLOCK 239.1.1.2 10.0.0.1"})));
+        EXPECT_TRUE(other.hearsOnly(twice({"leave 239.2.2.1"})));
+    }
+}
+
+TEST_F(AgentControlTest, GroupsThatCannotBeKeptAreLeft) {
+    start("keep-groups = true\n" + groupsOn("up0", "'239.1.1.1' = {}\n"));
+    ASSERT_TRUE(wire->hearsOnly(twice({"TO_EX 239.1.1.1"})));
+    ASSERT_TRUE(keeps({"239.1.1.1"}));
+    std::filesystem::remove(folder.file("state"));
+    std::filesystem::create_directory(folder.file("state"));
+    EXPECT_EQ(ask("stop").text, "ended\n");
+    EXPECT_TRUE(wire->hearsOnly(twice({"TO_IN 239.1.1.1"})));
+
+    folder.write("ihproxyd.toml", "keep-groups = true\n");
+    agent = std::make_unique<AgentProcess>(folder, net->nearName(),
+                                           Lines{"--config", folder.file("ihproxyd.toml")});
+    EXPECT_TRUE(agent->says("keep-groups: has no effect, for --state names no file"));
+    EXPECT_EQ(ask("stop --keep-groups").status, 1);
+    EXPECT_EQ(ask("stop").text, "ended\n");
+}
+
 } // namespace
 } // namespace Testing

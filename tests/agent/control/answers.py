@@ -27,6 +27,7 @@ def ask(method, params):
     return json.loads(lines.readline())
 
 
+del schema['properties']['stop']  # nothing could be asked afterwards
 needed = {'why': {'interface': 'up0', 'group': '239.1.1.2'}, 'log': {'level': 'info'},
           'reload': {'undoAfter': 60}}
 for method, description in schema['properties'].items():
