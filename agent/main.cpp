@@ -34,13 +34,15 @@ class TraceLog : public Nex::TraceSink {
     }
 };
 
-/// Those that only ask something of the agent. Pending until its loop takes them: they end nothing
-/// that is still starting, and count once it runs.
-void holdRequests() {
-    sigset_t requests;
-    sigemptyset(&requests);
-    for (int const signal : {SIGHUP, SIGUSR1}) sigaddset(&requests, signal);
-    sigprocmask(SIG_BLOCK, &requests, nullptr);
+/// Those that the agent takes. Pending until its loop does: they break off nothing that is still
+/// starting, and count once it runs.
+void holdSignals(bool held) {
+    sigset_t taken;
+    sigemptyset(&taken);
+    for (int const signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1}) sigaddset(&taken, signal);
+    sigprocmask(held ? SIG_BLOCK : SIG_UNBLOCK, &taken, nullptr);
+    // Whoever reads the log may go away; the other one has no meaning here.
+    for (int const signal : {SIGPIPE, SIGUSR2}) ::signal(signal, held ? SIG_IGN : SIG_DFL);
 }
 
 /// What an earlier run has announced; nothing, with a warning, where the file is of no use.
@@ -55,8 +57,6 @@ std::vector<Agent::InterfaceState> formerRead(std::string const& file) {
 }
 
 int serve(Agent::Daemon::Options options) {
-    // Whoever reads the log may go away.
-    signal(SIGPIPE, SIG_IGN);
     Agent::descriptorLimitRaise();
     // First, so that a file that can be read now can be read again.
     Agent::capabilitiesLimit(true);
@@ -75,7 +75,7 @@ int serve(Agent::Daemon::Options options) {
 } // namespace
 
 int main(int argc, char** argv) {
-    holdRequests();
+    holdSignals(true);
     Agent::standardDescriptorsReserve();
     try {
         CLI::App app("Announces multicast groups on upstream interfaces, as an IGMP host.");
@@ -108,6 +108,7 @@ int main(int argc, char** argv) {
         app.add_flag("--keys", keys, "Print the reference of the configuration's keys (Markdown)");
         app.set_version_flag("--version", "ihproxyd " IHP_VERSION);
         CLI11_PARSE(app, argc, argv);
+        if (options.configurationFile.empty()) holdSignals(false);
         if (keys) return std::fputs(Agent::keyReference().c_str(), stdout) < 0;
         if (options.configurationFile.empty() && check.file.empty()) {
             std::fputs(app.help().c_str(), stderr);

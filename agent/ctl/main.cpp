@@ -252,6 +252,7 @@ int run(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
+    Agent::standardDescriptorsReserve();
     try {
         return run(argc, argv);
     } catch (Ctl::NoAgent const& error) {

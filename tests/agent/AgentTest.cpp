@@ -84,16 +84,24 @@ TEST_F(AgentTest, ReloadTellsTheDifferenceAndNothingElse) {
     EXPECT_TRUE(wire->hearsOnly({})) << "nothing has changed";
 }
 
-TEST_F(AgentTest, RequestsDuringTheStartCountOnceTheAgentRuns) {
-    folder.write("ihproxyd.toml", std::string(32 << 20, '\n')); // takes a while to read
-    agent = std::make_unique<AgentProcess>(
-        folder, net->nearName(),
-        Lines{"--config", folder.file("ihproxyd.toml"), "--status", folder.file("status")});
-    ASSERT_TRUE(waitUntil([&] { return (agent->statusField("SigBlk") >> (SIGHUP - 1) & 1) != 0; }));
-    folder.write("ihproxyd.toml", "");
-    for (int const request : {SIGHUP, SIGUSR1}) agent->signal(request);
+TEST_F(AgentTest, SignalsDuringTheStartCountOnceTheAgentRuns) {
+    auto const begin = [&](std::initializer_list<int> signals) {
+        folder.write("ihproxyd.toml", // takes a while to read
+                     groupsOn("up0", threeGroups) + std::string(4 << 20, '\n'));
+        agent = std::make_unique<AgentProcess>(
+            folder, net->nearName(),
+            Lines{"--config", folder.file("ihproxyd.toml"), "--status", folder.file("status")});
+        ASSERT_TRUE(waitUntil(
+            [&] { return (agent->statusField("SigIgn") >> (SIGUSR2 - 1) & 1) != 0; }));
+        for (int const each : signals) agent->signal(each);
+    };
+    begin({SIGHUP, SIGUSR1, SIGUSR2, SIGPIPE});
     EXPECT_TRUE(agent->says("is in force")) << agent->output();
     EXPECT_TRUE(waitUntil([&] { return std::filesystem::exists(folder.file("status")); }));
+    EXPECT_TRUE(wire->hearsOnly(threeJoined));
+    begin({SIGTERM});
+    EXPECT_EQ(agent->exitStatus(), 0) << agent->output();
+    EXPECT_TRUE(wire->hearsOnly({})) << "it begins with nothing";
 }
 
 TEST_F(AgentTest, InterfaceTakenOutOfTheFileLeavesItsGroupsAndComesBack) {
