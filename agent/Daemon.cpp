@@ -195,12 +195,10 @@ void Daemon::doConfigure(Configuration configuration) {
         // comes.
         for (auto const& item : configuration.vrfs)
             state_.mfibDir->keshCollIs(L3::VrfName(item.first));
+        configured_ = true;
         // Interfaces that go leave their groups before their VRF is taken away.
         writer_.applyConfiguration(std::move(configuration));
         if (damaged_) return doRebuild();
-        bool const unkept = writer_.configuration().keepGroups && options_.stateFile.empty();
-        obstacles_.report("keep-groups",
-                          unkept ? "has no effect, for --state names no file" : "");
         vrfs_->applyConfiguration(writer_.configuration());
         hosts_->handleConfiguration();
         for (auto const& released : writer_.released()) {
@@ -260,7 +258,10 @@ void Daemon::doFollowPatterns() {
 }
 
 void Daemon::handleTurn() {
-    if (hosts_->takeHeldChange()) keeper_.handleChange();
+    if (hosts_->takeHeldChange()) {
+        keeper_.handleChange();
+        service_.handleChange();
+    }
     if (keeping_) {
         if (keeper_.doWriteAtOnce()) return doEnd();
         keeping_ = false;
@@ -275,9 +276,10 @@ void Daemon::handleTurn() {
             keeper_.doRemove();
         return doEnd();
     }
+    if (std::exchange(configured_, false)) doFollowConfiguration();
     vrfs_->handleTurn();
     doServeMetrics();
-    obstacles_.handleTurn();
+    if (obstacles_.handleTurn()) service_.handleChange();
     trimmer_.handleTurn();
     reloader_.handleTurn();
     if (ready_ || ending_ || !vrfs_->synchronized()) return;
@@ -288,6 +290,33 @@ void Daemon::handleTurn() {
     serviceNotify("READY=1");
     log(LogLevel::debug, "ready, {} groups announced so far", hosts_->memberCount());
     hosts_->handleTurn(EventLoop::now());
+    service_.doTell();
+}
+
+/// What beside the groups goes by the configuration. Not in a copy of the agent, whose turns are
+/// others.
+void Daemon::doFollowConfiguration() {
+    bool const unkept = writer_.configuration().keepGroups && options_.stateFile.empty();
+    obstacles_.report("keep-groups", unkept ? "has no effect, for --state names no file" : "");
+    service_.handleChange();
+}
+
+/// How many interfaces of the configuration can be used.
+std::size_t Daemon::usableCount() const {
+    auto const& interfaces = writer_.configuration().interfaces;
+    return std::size_t(
+        std::count_if(interfaces.begin(), interfaces.end(), [this](auto const& item) {
+            return vrfs_->obstacle(item.first).value_or("?").empty();
+        }));
+}
+
+/// For the service manager.
+std::string Daemon::statusText() const {
+    std::size_t const groups = hosts_->memberCount();
+    std::string const obstacle = obstacles_.text();
+    return fmt::format("{} of {} interfaces up, {} group{}{}{}", usableCount(),
+                       writer_.configuration().interfaces.size(), groups, groups == 1 ? "" : "s",
+                       obstacle.empty() ? "" : "; ", obstacle);
 }
 
 void Daemon::handleReload() {

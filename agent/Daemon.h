@@ -18,6 +18,7 @@
 #include "agent/files/StatusFile.h"
 #include "agent/loop/EventLoop.h"
 #include "agent/loop/HeapTrimmer.h"
+#include "agent/loop/ServiceStatus.h"
 #include "agent/records/ConfigurationWriter.h"
 
 #include <memory>
@@ -78,6 +79,8 @@ class Daemon : private Reloader::Target {
     RpcMethods methods();
     void doOpenControl();
     void doServeMetrics();
+    std::size_t usableCount() const;
+    std::string statusText() const;
     nlohmann::json statusJson() const;
     void doSetLogLevel(std::string const& name, double seconds);
     void doFollowTime();
@@ -99,6 +102,7 @@ class Daemon : private Reloader::Target {
     void endChanges() override { hosts_->endChanges(); }
 
     void doConfigure(Configuration configuration);
+    void doFollowConfiguration();
     void doDismantle();
     void doRebuild();
     void handleExhaustion();
@@ -119,6 +123,7 @@ class Daemon : private Reloader::Target {
     std::optional<StatusFile> statusFile_;
     Alarm rebuild_{loop_, [this] { doRebuild(); }};
     HeapTrimmer trimmer_{loop_};
+    ServiceStatus service_{loop_, [this] { return statusText(); }};
     std::optional<AgentView> view_;
     Reloader reloader_;
     std::optional<Differ> differ_;
@@ -128,8 +133,9 @@ class Daemon : private Reloader::Target {
     std::optional<MetricsServer> metrics_;
     std::string metricsListen_; ///< where it is, or was to be
     Alarm formerLevel_{loop_, [this] { setLogLevel(levelBefore_); }};
-    LogLevel levelBefore_{}; ///< to be returned to
-    bool damaged_ = false;   ///< what stands between the configuration and the ports
+    LogLevel levelBefore_{};  ///< to be returned to
+    bool damaged_ = false;    ///< what stands between the configuration and the ports
+    bool configured_ = false; ///< anew, in this turn
     bool ready_ = false;
     bool ending_ = false;
     bool keeping_ = false;          ///< the groups, at the end

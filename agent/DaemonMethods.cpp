@@ -58,10 +58,6 @@ void Daemon::doSetLogLevel(std::string const& name, double seconds) {
 }
 
 json Daemon::statusJson() const {
-    std::size_t usable = 0;
-    auto const& interfaces = writer_.configuration().interfaces;
-    for (auto const& item : interfaces)
-        if (vrfs_->obstacle(item.first).value_or("?").empty()) ++usable;
     json obstacles = json::array();
     for (auto const& [subject, obstacle] : obstacles_.obstacles())
         obstacles.push_back(
@@ -74,7 +70,8 @@ json Daemon::statusJson() const {
                       : ready_ ? "ready"
                                : "starting"},
             {"configuration", reloader_.statusJson()},
-            {"interfaces", {{"total", interfaces.size()}, {"up", usable}}},
+            {"interfaces",
+             {{"total", writer_.configuration().interfaces.size()}, {"up", usableCount()}}},
             {"groups", hosts_->memberCount()},
             {"logLevel", nameOf(logLevel())},
             {"obstacles", std::move(obstacles)}};

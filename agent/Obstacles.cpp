@@ -1,9 +1,9 @@
 #include "agent/Obstacles.h"
 
 #include "agent/loop/Printable.h"
-#include "agent/loop/ServiceManager.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace Agent {
 
@@ -34,22 +34,24 @@ void Obstacles::clear(std::string const& subject) {
     if (obstacles_.erase(printable(subject)) != 0) changed_ = true;
 }
 
-void Obstacles::handleTurn() {
-    if (!changed_) return;
+bool Obstacles::handleTurn() {
     if (begun_ > mostTold)
         log(LogLevel::warning, "and {} more that cannot be used", begun_ - mostTold);
     if (ended_ > mostTold)
         log(LogLevel::info, "and {} more that can be used now", ended_ - mostTold);
-    changed_ = false;
     begun_ = ended_ = 0;
+    return std::exchange(changed_, false);
+}
+
+std::string Obstacles::text() const {
     auto const gravest =
         std::min_element(obstacles_.begin(), obstacles_.end(), [](auto const& a, auto const& b) {
             return a.second.level < b.second.level;
         });
-    if (gravest == obstacles_.end()) return serviceNotify("STATUS=nothing is in the way");
-    std::string status = fmt::format("STATUS={}: {}", gravest->first, gravest->second.reason);
-    if (obstacles_.size() > 1) status += fmt::format(" (and {} more)", obstacles_.size() - 1);
-    serviceNotify(status);
+    if (gravest == obstacles_.end()) return {};
+    std::string text = fmt::format("{}: {}", gravest->first, gravest->second.reason);
+    if (obstacles_.size() > 1) text += fmt::format(" (and {} more)", obstacles_.size() - 1);
+    return text;
 }
 
 } // namespace Agent

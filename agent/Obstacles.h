@@ -1,5 +1,5 @@
-// What keeps the agent, a VRF or an interface from working, in words. It is told once as it begins
-// and once as it ends: in the log, and to the service manager, which shows it while it lasts.
+// What keeps the agent, a VRF or an interface from working, in words. It is told in the log once as
+// it begins and once as it ends.
 #pragma once
 
 #include "agent/loop/Log.h"
@@ -27,8 +27,11 @@ class Obstacles {
                 LogLevel level = LogLevel::warning);
     /// There is no such subject any more.
     void clear(std::string const& subject);
-    /// The end of a turn of the event loop, of which only so many lines go into the log.
-    void handleTurn();
+    /// The end of a turn of the event loop, of which only so many lines go into the log. Whether
+    /// there was a change.
+    bool handleTurn();
+    /// The gravest in a line, and how many more there are; empty for none.
+    std::string text() const;
     /// By subject; printable ASCII only.
     std::map<std::string, Obstacle> const& obstacles() const { return obstacles_; }
 
