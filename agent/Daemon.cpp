@@ -298,6 +298,9 @@ void Daemon::handleTurn() {
 void Daemon::doFollowConfiguration() {
     bool const unkept = writer_.configuration().keepGroups && options_.stateFile.empty();
     obstacles_.report("keep-groups", unkept ? "has no effect, for --state names no file" : "");
+    if (control_)
+        obstacles_.report("the control socket",
+                          control_->setGroup(writer_.configuration().controlGroup));
     service_.handleChange();
 }
 

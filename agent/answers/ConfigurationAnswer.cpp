@@ -176,6 +176,9 @@ class Lists : public JsonPart {
 /// What has no end that matters.
 void addSmall(JsonStream& stream, Configuration const& configuration) {
     if (configuration.allowEmpty) stream.add("allow-empty", true);
+    if (configuration.keepGroups) stream.add("keep-groups", true);
+    if (!configuration.controlGroup.empty())
+        stream.add("control", {{"group", configuration.controlGroup}});
     ForwardingTableConfiguration const& table = configuration.forwardingTable;
     json ofTable = json::object();
     if (!table.requireOutput) ofTable["require-output"] = false;

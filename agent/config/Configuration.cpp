@@ -65,6 +65,7 @@ class ConfigurationReader {
         root.checkKeys();
         configuration_.allowEmpty = root.boolean("allow-empty");
         configuration_.keepGroups = root.boolean("keep-groups");
+        if (auto const control = root.section("control", &controlKeys)) doReadControl(*control);
         if (auto const metrics = root.section("metrics", &metricsKeys)) doReadMetrics(*metrics);
         // First, for the interfaces name lists and VRFs.
         if (auto const lists = root.section("access-list")) doReadLists(*lists);
@@ -105,6 +106,14 @@ class ConfigurationReader {
                             diagnostics_);
             configuration_.vrfs[name.value] = space.value;
         }
+    }
+
+    void doReadControl(TomlSection const& section) {
+        section.checkKeys();
+        auto const group = section.text("group");
+        if (!group) return;
+        configuration_.controlGroup = group->value;
+        if (group->value.empty()) reportFound(*group, "the name of a group", diagnostics_);
     }
 
     void doReadMetrics(TomlSection const& section) {

@@ -136,6 +136,8 @@ struct Configuration {
     bool allowEmpty = false;
     /// Whether an agent that ends leaves its groups to the next one.
     bool keepGroups = false;
+    /// The group of users who may use the control socket; empty for the agent's own.
+    std::string controlGroup;
 
     /// What holds for an interface of that name, if there is one: its own section, failing that the
     /// first pattern that matches. Null for nothing.

@@ -19,6 +19,10 @@ constexpr Key ofFile[] = {
      .type = Type::boolean,
      .effect = "Whether a reload may take this file over though it has every group left. Otherwise "
                "that passes for a mistake, and is refused."},
+    {.name = "control",
+     .type = Type::table,
+     .takes = "`[control]`",
+     .effect = "Who may use the control socket."},
     {.name = "forwarding-table",
      .type = Type::table,
      .takes = "`[forwarding-table]`",
@@ -148,6 +152,14 @@ constexpr Key ofRule[] = {
                "any source."},
 };
 
+constexpr Key ofControl[] = {
+    {.name = "group",
+     .type = Type::text,
+     .takes = "the name of a group of users",
+     .standardText = "the agent's own group",
+     .effect = "Whose members may connect. The agent has to be a member, too."},
+};
+
 constexpr Key ofForwardingTable[] = {
     {.name = "require-output",
      .type = Type::boolean,
@@ -206,6 +218,7 @@ KeyTable const fileKeys{"", ofFile};
 KeyTable const interfaceKeys{"[interface.NAME]", ofInterface};
 KeyTable const groupKeys{"[interface.NAME.group]: \"GROUP\" = { ... }", ofGroup};
 KeyTable const ruleKeys{"[[access-list.NAME]]", ofRule};
+KeyTable const controlKeys{"[control]", ofControl};
 KeyTable const forwardingTableKeys{"[forwarding-table]", ofForwardingTable};
 KeyTable const metricsKeys{"[metrics]", ofMetrics};
 KeyTable const vrfKeys{"[vrf.NAME]", ofVrf};
@@ -225,7 +238,7 @@ std::string rangeText(Key const& key) {
 
 std::string keyReference() {
     std::string text;
-    for (KeyTable const* table : {&fileKeys, &interfaceKeys, &groupKeys, &ruleKeys,
+    for (KeyTable const* table : {&fileKeys, &interfaceKeys, &groupKeys, &ruleKeys, &controlKeys,
                                   &forwardingTableKeys, &metricsKeys, &vrfKeys}) {
         text += text.empty() ? "### The file\n\n" : fmt::format("\n### `{}`\n\n", table->header);
         text += "| Key | Takes | Without it | Effect |\n|---|---|---|---|\n";

@@ -36,8 +36,8 @@ struct KeyTable {
     Key const* find(std::string_view name) const;
 };
 
-extern KeyTable const fileKeys, interfaceKeys, groupKeys, ruleKeys, forwardingTableKeys,
-    metricsKeys, vrfKeys;
+extern KeyTable const fileKeys, interfaceKeys, groupKeys, ruleKeys, controlKeys,
+    forwardingTableKeys, metricsKeys, vrfKeys;
 
 /// What an integer or a number takes, as diagnostics and the reference say it.
 std::string rangeText(Key const& key);

@@ -3,6 +3,9 @@
 #include "agent/control/UnixSocket.h"
 #include "agent/loop/Log.h"
 
+#include <cstring>
+#include <fmt/format.h>
+#include <grp.h>
 #include <sys/epoll.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -62,6 +65,19 @@ ControlServer::ControlServer(EventLoop& loop, std::string path, RpcMethods const
 ControlServer::~ControlServer() {
     loop_.unwatch(socket_.get());
     if (fileIdentity(path_) == identity_) unlink(path_.c_str());
+}
+
+std::string ControlServer::setGroup(std::string const& name) const {
+    if (fileIdentity(path_) != identity_) return {}; // it is another's
+    auto const give = [&](gid_t group) { return lchown(path_.c_str(), uid_t(-1), group) == 0; };
+    group const* const wanted = name.empty() ? nullptr : getgrnam(name.c_str());
+    if (wanted && give(wanted->gr_gid)) return {};
+    int const error = errno;
+    give(getegid());
+    if (name.empty()) return {};
+    if (!wanted) return fmt::format("there is no group {}", name);
+    return fmt::format("cannot be given to group {}: {}; the agent has to be a member of it", name,
+                       std::strerror(error));
 }
 
 void ControlServer::handleConnection() {

@@ -22,6 +22,10 @@ class ControlServer {
     ControlServer(ControlServer const&) = delete;
     ControlServer& operator=(ControlServer const&) = delete;
 
+    /// Lets the members of that group of users connect; those of the agent's own for an empty name,
+    /// and where that fails. Returns why it does, or nothing.
+    std::string setGroup(std::string const& name) const;
+
     /// So many may be connected. Beyond them, whoever has been idle for longest has to go.
     static constexpr std::size_t mostSessions = 256;
 

@@ -252,8 +252,8 @@ std::string diffText(json const& answer) {
 }
 
 std::string stopText(json const& answer) {
-    return answer.at("groupsKept").get<bool>() ? "ended; the groups are kept for the next run\n"
-                                               : "ended\n";
+    return fmt::format("ended; the groups are {}\n",
+                       answer.at("groupsKept").get<bool>() ? "kept for the next run" : "left");
 }
 
 std::string reloadText(json const& answer) {

@@ -1,10 +1,13 @@
 // The agent as its operator meets it: through ihproxyctl.
 #include "agent/AgentFixture.h"
 
+#include <climits>
+#include <grp.h>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <regex>
+#include <sys/stat.h>
 
 namespace Testing {
 namespace {
@@ -329,9 +332,8 @@ vrf = "red"
 }
 
 TEST_F(AgentControlTest, GroupsKeptAtTheEndAreTakenOverByTheNextRun) {
-    for (char const* const command :
-         {"link add up1 type veth peer name aux0", "link set aux0 up",
-          "addr add 10.97.0.1/24 dev up1", "link set up1 up"})
+    for (char const* const command : {"link add up1 type veth peer name aux0", "link set aux0 up",
+                                      "addr add 10.97.0.1/24 dev up1", "link set up1 up"})
         net->farIp(command);
     Wire other(net->farName(), "aux0");
     auto const both = [&](std::string const& here, std::string const& there) {
@@ -362,6 +364,30 @@ TEST_F(AgentControlTest, GroupsKeptAtTheEndAreTakenOverByTheNextRun) {
     }
 }
 
+TEST_F(AgentControlTest, SocketIsForAGroupThatTheAgentIsAMemberOf) {
+    gid_t before[NGROUPS_MAX];
+    int const count = getgroups(NGROUPS_MAX, before);
+    gid_t const member = getgrnam("daemon")->gr_gid;
+    if (setgroups(1, &member) != 0) GTEST_SKIP() << "may not choose its groups";
+    auto const group = [&] {
+        struct stat status {};
+        EXPECT_EQ(stat(agent->control().c_str(), &status), 0);
+        return status.st_gid;
+    };
+    start("[control]\ngroup = 'daemon'\n");
+    setgroups(std::size_t(count), before);
+    EXPECT_EQ(group(), member);
+    for (auto const& [name, reason] :
+         {std::pair("bin", "cannot be given to group bin: Operation not permitted"),
+          std::pair("no-such", "there is no group no-such")}) {
+        reload("[control]\ngroup = '" + std::string(name) + "'\n");
+        EXPECT_TRUE(agent->says(std::string("the control socket: ") + reason));
+        EXPECT_EQ(group(), getegid());
+    }
+    reload("[control]\ngroup = 'daemon'\n");
+    EXPECT_EQ(group(), member);
+}
+
 TEST_F(AgentControlTest, GroupsThatCannotBeKeptAreLeft) {
     start("keep-groups = true\n" + groupsOn("up0", "'239.1.1.1' = {}\n"));
     ASSERT_TRUE(wire->hearsOnly(twice({"TO_EX 239.1.1.1"})));
@@ -376,7 +402,7 @@ TEST_F(AgentControlTest, GroupsThatCannotBeKeptAreLeft) {
                                            Lines{"--config", folder.file("ihproxyd.toml")});
     EXPECT_TRUE(agent->says("keep-groups: has no effect, for --state names no file"));
     EXPECT_EQ(ask("stop --keep-groups").status, 1);
-    EXPECT_EQ(ask("stop").text, "ended\n");
+    EXPECT_EQ(ask("stop").text, "ended; the groups are left\n");
 }
 
 } // namespace

@@ -101,8 +101,8 @@ TEST_F(AgentTest, SignalsDuringTheStartCountOnceTheAgentRuns) {
         agent = std::make_unique<AgentProcess>(
             folder, net->nearName(),
             Lines{"--config", folder.file("ihproxyd.toml"), "--status", folder.file("status")});
-        ASSERT_TRUE(waitUntil(
-            [&] { return (agent->statusField("SigIgn") >> (SIGUSR2 - 1) & 1) != 0; }));
+        ASSERT_TRUE(
+            waitUntil([&] { return (agent->statusField("SigIgn") >> (SIGUSR2 - 1) & 1) != 0; }));
         for (int const each : signals) agent->signal(each);
     };
     begin({SIGHUP, SIGUSR1, SIGUSR2, SIGPIPE});

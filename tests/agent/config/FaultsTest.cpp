@@ -54,7 +54,7 @@ TEST(FaultsTest, OneReadingFindsAllErrorsInTheirOrder) {
                      "such as \"239.1.1.1\" or \"239.1.1.0/24\"",
                      "f:4:16: error: igmp-version is 0, expected an integer from 1 to 3",
                      "f:6:2: error: unknown key \"y\", expected one of access-list, allow-empty, "
-                     "forwarding-table, include, interface, keep-groups, metrics, vrf",
+                     "control, forwarding-table, include, interface, keep-groups, metrics, vrf",
                      "f:11:15: info: selects 1 group"}))
         << "infos behind faults";
 }
