@@ -388,13 +388,30 @@ TEST_F(AgentControlTest, SocketIsForAGroupThatTheAgentIsAMemberOf) {
     EXPECT_EQ(group(), member);
 }
 
+TEST_F(AgentControlTest, CompletionKnowsCommandsOptionsAndWhatIsAnnounced) {
+    start(groupsOn("up0", "'239.1.1.1' = {}\n"));
+    ASSERT_TRUE(wire->hears({"TO_EX 239.1.1.1"}));
+    auto const complete = [&](std::string const& words) {
+        return output("bash -c '. " IHP_SOURCES "/agent/completion.bash; COMP_WORDS=(" IHPROXYCTL
+                      " --control " +
+                      agent->control() + " " + words +
+                      "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _ihproxy $COMP_WORDS "
+                      "\"${COMP_WORDS[-1]}\" \"${COMP_WORDS[-2]}\"; echo ${COMPREPLY[@]}'");
+    };
+    EXPECT_EQ(complete("st"), "status stop\n");
+    EXPECT_EQ(complete("reload --un"), "--undo-after\n");
+    EXPECT_EQ(complete("why \"\""), "up0\n");
+    EXPECT_EQ(complete("groups -i u"), "up0\n");
+    EXPECT_EQ(complete("why up0 \"\""), "239.1.1.1\n");
+}
+
 TEST_F(AgentControlTest, GroupsThatCannotBeKeptAreLeft) {
     start("keep-groups = true\n" + groupsOn("up0", "'239.1.1.1' = {}\n"));
     ASSERT_TRUE(wire->hearsOnly(twice({"TO_EX 239.1.1.1"})));
     ASSERT_TRUE(keeps({"239.1.1.1"}));
     std::filesystem::remove(folder.file("state"));
     std::filesystem::create_directory(folder.file("state"));
-    EXPECT_EQ(ask("stop").text, "ended\n");
+    EXPECT_EQ(json("stop"), nlohmann::json({{"groupsKept", false}}));
     EXPECT_TRUE(wire->hearsOnly(twice({"TO_IN 239.1.1.1"})));
 
     folder.write("ihproxyd.toml", "keep-groups = true\n");
