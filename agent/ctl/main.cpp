@@ -151,6 +151,7 @@ int run(int argc, char** argv) {
     app.add_option("--control", options.control, "The agent's control socket")
         ->capture_default_str()
         ->type_name("PATH");
+    app.set_help_all_flag("--help-all", "Print this with the options of all commands");
     app.set_version_flag("--version", "ihproxyctl " IHP_VERSION);
     app.require_subcommand(1);
     app.fallthrough();
