@@ -19,6 +19,14 @@ function(ihp_install_agent)
   install(TARGETS ihproxyd DESTINATION ${CMAKE_INSTALL_SBINDIR})
   install(TARGETS ihproxyctl DESTINATION ${CMAKE_INSTALL_BINDIR})
   install(FILES examples/ihproxyd.toml DESTINATION ${CMAKE_INSTALL_DOCDIR})
+  install(FILES agent/systemd/ihproxyd.sysusers DESTINATION lib/sysusers.d RENAME ihproxyd.conf)
+  foreach(program ihproxyd ihproxyctl)
+    install(FILES agent/completion.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+      RENAME ${program})
+  endforeach()
+  if(IHP_BUILD_MANUALS)
+    install(DIRECTORY ${PROJECT_BINARY_DIR}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR})
+  endif()
   # Written while installing: only then is the prefix known, which names the program. Below the
   # prefix even where that is not /usr, so that installing never needs to write elsewhere.
   install(CODE "
@@ -41,4 +49,17 @@ function(ihp_install_package)
   write_basic_package_version_file(IgmpHostProxyConfigVersion.cmake COMPATIBILITY SameMinorVersion)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/IgmpHostProxyConfigVersion.cmake
     DESTINATION ${IHP_PACKAGE_DIR})
+  # For builds without CMake. Found beside the libraries, wherever these lie.
+  cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_INCLUDEDIR
+    BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig OUTPUT_VARIABLE includes)
+  file(CONFIGURE OUTPUT IgmpHostProxy.pc @ONLY CONTENT [[
+includes=${pcfiledir}/@includes@/IgmpHostProxy
+
+Name: IgmpHostProxy
+Description: IGMP host proxy as reactive state machines
+Version: @PROJECT_VERSION@
+Cflags: -I${includes} -I${includes}/platform
+Libs: -L${pcfiledir}/.. -lIgmpHostProxy -lIgmpHostProxyPlatform -lIgmpHostProxyLox
+]])
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/IgmpHostProxy.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endfunction()

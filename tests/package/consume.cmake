@@ -27,3 +27,10 @@ run(${CMAKE_COMMAND} -S ${SCRATCH}/source -B ${SCRATCH}/build -G ${GENERATOR}
   -DCMAKE_CXX_COMPILER=${COMPILER} -DCMAKE_PREFIX_PATH=${SCRATCH}/prefix)
 run(${CMAKE_COMMAND} --build ${SCRATCH}/build)
 run(${SCRATCH}/build/consumer)
+# The same without CMake.
+file(GLOB_RECURSE description ${SCRATCH}/prefix/IgmpHostProxy.pc)
+execute_process(COMMAND pkg-config --cflags --libs ${description}
+  OUTPUT_VARIABLE flags OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+separate_arguments(flags UNIX_COMMAND ${flags})
+run(${COMPILER} -std=c++20 ${SCRATCH}/source/main.cpp ${flags} -o ${SCRATCH}/build/other)
+run(${SCRATCH}/build/other)
