@@ -12,8 +12,8 @@ path, schema = sys.argv[1], json.load(open(sys.argv[2]))
 
 def connect():
     client = socket.socket(socket.AF_UNIX)
+    client.connect(path)  # waits where many others do; with a time limit, it would fail
     client.settimeout(20)
-    client.connect(path)
     return client
 
 
