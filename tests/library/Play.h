@@ -6,7 +6,7 @@
 #pragma once
 
 #include "Disturber.h"
-#include "Producers.h"
+#include "Library.h"
 #include "support/Scenario.h"
 
 #include <map>
@@ -109,7 +109,7 @@ class Play : public World {
     static Lox::IpAddrWithFullMask range(std::string const& word) {
         Words const split = parts(word, '/');
         Lox::IpAddr const base = address(split[0]);
-        if (split.size() == 1) return {base, base == anySource ? 0 : oneAddress};
+        if (split.size() == 1) return {base, base == anySource ? 0 : ~0u};
         bool const dotted = split[1].find('.') != std::string::npos;
         return {base,
                 dotted ? ip(split[1]).host() : std::uint32_t(~0ull << (32 - number(split[1])))};
@@ -299,6 +299,7 @@ class Play : public World {
                 {"detach", [&](W a) { configOf("")->aclListDel(a[1]); }},
                 {"list", [&](W a) { rulesOf(a[1]); }},
                 {"no-list", [&](W a) { aclConfig->aclDel(a[1]); }},
+                {"decide-list", [&](W a) { machine().handleAclConfig(a[1]); }},
                 {"rule", [&](W a) { doRule(a), doSequence(a[1], a[2], a[2]); }},
                 {"no-rule", [&](W a) { rulesOf(a[1])->ruleBySequenceDel(number(a[2])); }},
                 {"text", [&](W a) { doRule(a); }},

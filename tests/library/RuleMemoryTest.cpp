@@ -1,72 +1,53 @@
 // Access lists for whose rules memory runs out, at each of the allocations in turn.
-#include "Producers.h"
+#include "Play.h"
 #include "support/RefusedMemory.h"
 
 namespace IgmpHostProxy {
 namespace {
 
+char const* const steps[] = {"attach iptv", "rule iptv 3 permit 3 g8/29", "force iptv other",
+                             "detach iptv"};
+
 /// An interface, a list of two rules, and another version of the list.
-struct Lists : Producers {
+struct Lists : Play {
     Lists() {
-        for (std::uint32_t const id : {1u, 2u}) ruleIs("iptv", id, rule(id));
-        other->ipRuleByIdIs(Acl::UniqueId(4), rule(4));
-        other->ruleBySequenceIs(4, Acl::UniqueId(4));
+        doEvents("start; tables; intf up0 2; configure up0; table t; new-rules other; rule iptv 1 "
+                 "permit 1 g0/29; rule iptv 2 permit 2 g8/29; rule other 4 permit 4 g16/29");
     }
-    void TestBody() override {}
-    static Lox::IpAddr group(std::uint32_t n) { return Lox::IpAddr::fromHost(0xEF010100 + n); }
-    static Acl::IpRuleConfig rule(std::uint32_t n) {
-        return permit(Lox::IpAddr::fromHost(0x0A000000 + n), group(4 * n), ~std::uint32_t(7));
-    }
-    void attach() { config->aclListIs("iptv"); }
-    void edit() { ruleIs("iptv", 3, rule(3)); }
-    void change() { world.aclConfig->acl("iptv")->currCfgIs(other); }
-    void detach() { config->aclListDel("iptv"); }
     /// What follows the next time that anybody looks.
     void again() {
-        if (!config->aclListHas("iptv")) return;
-        if (!helper()) machine().handleAclConfig("iptv");
+        if (!configOf("")->aclListHas("iptv")) return;
+        if (!helper("iptv")) machine().handleAclConfig("iptv");
         machine().acl("iptv")->handleRule();
     }
-    std::string counts() {
-        std::string text;
-        for (std::uint32_t id = 1; id <= 4; ++id)
-            for (std::uint32_t g = 0; g < 24; ++g)
-                text += char('0' + count(Lox::IpAddr::fromHost(0x0A000000 + id), group(g)));
-        return text;
+    Lines state() {
+        Lines lines = facts({"g0..23"});
+        lines.push_back(std::to_string(words(rules("iptv")).size()) + " rules");
+        return lines;
     }
-    std::size_t cached() { return helper() ? cachedRules() : 0; }
-    /// What is announced once a route to each of the groups was reviewed.
-    Lines reviewed() {
-        for (std::uint32_t g = 0; g < 24; ++g) routeIs(*table, ip("10.0.0.9"), group(g));
-        settle();
-        return Dump::of(*status);
-    }
-    Nex::Ptr<Table> table = newTable();
-    Nex::Ptr<Acl::AclSubConfig> other = Acl::AclSubConfig::AclSubConfigIs("iptv");
 };
 
 TEST(RuleMemory, CountsAreRightTheNextTime) {
-    using Step = void (Lists::*)();
-    Step const steps[] = {&Lists::attach, &Lists::edit, &Lists::change, &Lists::detach};
     for (std::size_t failing = 0; failing < std::size(steps); ++failing)
         for (long refused = 1;; ++refused) {
-            SCOPED_TRACE("step " + std::to_string(failing) + ", " + std::to_string(refused));
+            SCOPED_TRACE(steps[failing] + (" " + std::to_string(refused)));
             Lists calm, lists;
-            for (std::size_t at = 0; at <= failing; ++at) (calm.*steps[at])();
-            for (std::size_t at = 0; at < failing; ++at) (lists.*steps[at])();
+            for (std::size_t at = 0; at <= failing; ++at) calm.doEvents(steps[at]);
+            for (std::size_t at = 0; at < failing; ++at) lists.doEvents(steps[at]);
             memory.refuse(refused, refused);
             try {
-                (lists.*steps[failing])();
+                lists.doEvents(steps[failing]);
             } catch (std::bad_alloc const&) {
             }
             bool const over = memory.stop() < refused;
-            (lists.*steps[failing])();
+            lists.doEvents(steps[failing]);
             lists.again();
-            ASSERT_EQ(lists.counts(), calm.counts());
-            ASSERT_EQ(lists.cached(), calm.cached());
-            ASSERT_EQ(lists.reviewed(), calm.reviewed());
-            lists.detach();
-            ASSERT_EQ(lists.counts(), std::string(96, '0'));
+            ASSERT_EQ(lists.state(), calm.state());
+            for (Lists* const each : {&calm, &lists}) each->doEvents("route t 9 g0..23; +1");
+            ASSERT_EQ(lists.state(), calm.state());
+            lists.doEvents("detach iptv");
+            for (auto const& group : lists.facts({"g0..23"}))
+                ASSERT_EQ(group.find(':'), group.npos) << group;
             if (over) break;
         }
 }
