@@ -1,76 +1,218 @@
-// The collections at every size, their walks, and what their hashes withstand.
-#include "MapKeys.h"
+// The collections against a plain model, at every size and with walks that are changed from inside;
+// and what their hashes withstand.
 #include "Nex/LinkedSet.h"
+#include "TestRecords.h"
 
 #include <gtest/gtest.h>
 #include <list>
+#include <map>
 #include <random>
-#include <unordered_map>
 
 namespace Nex {
 namespace {
 
 using Lox::IpAddr;
 
-template <class Collection, class KeyOf>
-void fillChurnAndDrain(KeyOf keyOf, std::uint32_t count) {
-    Collection map;
-    std::unordered_map<std::uint32_t, std::uint32_t> model;
-    auto const put = [&](std::uint32_t n, std::uint32_t value) {
-        *map.findOrInsert(keyOf(n)).first = value;
-        model[n] = value;
+/// Counts its living instances.
+struct Counted : PtrInterface {
+    explicit Counted(int number) : value(number) { ++alive; }
+    ~Counted() override { --alive; }
+    int value;
+    static inline int alive = 0;
+};
+
+// Keys and values by number. Kinds of keys: neighbours, which wrap around; multiples of powers of
+// two, which meet in an index of neighbours; runs that begin where the index begins anew; scattered
+// numbers; and texts, which are not moved by their bytes.
+IpAddr neighbour(std::uint32_t n) { return IpAddr::fromHost(0xEFFFFFF0u + n); }
+IpAddr backwards(std::uint32_t n) { return neighbour(~n); }
+template <unsigned shift>
+IpAddr stride(std::uint32_t n) {
+    return IpAddr::fromHost(n << shift);
+}
+IpAddr runs(std::uint32_t n) { return IpAddr::fromHost(n / 20 << 17 | n % 20); }
+IpAddr scattered(std::uint32_t n) { return IpAddr::fromHost(n * 2654435761u); }
+String text(std::uint32_t n) { return "a key that does not fit into the string " + textOf(n); }
+std::uint8_t octet(std::uint32_t n) { return std::uint8_t(n); }
+Ptr<Counted> object(std::uint32_t n) { return newObject<Counted>(int(n)); }
+Nothing nothing(std::uint32_t) { return {}; }
+
+/// Whether a collection is walked in the order of its keys, newcomers included.
+template <class Collection>
+constexpr bool sorted = false;
+template <class Key, class Value>
+constexpr bool sorted<SortedMap<Key, Value>> = true;
+
+template <class Collection_, auto keyOf_, auto valueOf_>
+struct Kind {
+    using Collection = Collection_;
+    static auto key(std::uint32_t n) { return keyOf_(n); }
+    static auto value(std::uint32_t n) { return valueOf_(n); }
+};
+
+/// The same operations on the collection and on a map that knows the order of insertion.
+template <class K>
+class Compared {
+  public:
+    using Key = decltype(K::key(0));
+    using Value = decltype(K::value(0));
+
+    void insert(std::uint32_t key, std::uint32_t value) {
+        auto const [slot, fresh] = collection_.findOrInsert(K::key(key));
+        auto const [known, isNew] = model_.try_emplace(K::key(key));
+        ASSERT_EQ(fresh, isNew);
+        ASSERT_EQ(*slot, known->second.value);
+        if (isNew) known->second.insertion = ++insertions_;
+        *slot = known->second.value = K::value(value);
+    }
+    void take(std::uint32_t key) {
+        auto const known = model_.extract(K::key(key));
+        ASSERT_EQ(collection_.take(K::key(key)), known ? known.mapped().value : Value());
+    }
+    void look(std::uint32_t key) const {
+        auto const known = model_.find(K::key(key));
+        auto const* const found = collection_.find(K::key(key));
+        ASSERT_EQ(bool(found), known != model_.end());
+        ASSERT_EQ(collection_.has(K::key(key)), bool(found));
+        if (found) {
+            ASSERT_EQ(*found, known->second.value);
+        }
+        ASSERT_EQ(collection_.size(), model_.size());
+        ASSERT_EQ(collection_.empty(), model_.empty());
+    }
+    /// Takes a walk, and calls `disturb` before it begins and at each entry. What stays throughout
+    /// comes once and in order, with its present value; nothing else comes, unless it came
+    /// meanwhile and the order is that of the keys.
+    template <class Disturb>
+    void walk(Disturb disturb) {
+        constexpr bool byKey = sorted<typename K::Collection>;
+        std::vector<std::pair<unsigned, Key>> before;
+        for (auto const& [key, entry] : model_) before.emplace_back(entry.insertion, key);
+        if (!byKey) std::sort(before.begin(), before.end());
+        unsigned const insertionsBefore = insertions_;
+        auto walk = collection_.walk();
+        disturb();
+        auto next = before.begin();
+        auto const skipGone = [&] {
+            auto const stayed = [&](auto const& entry) {
+                auto const now = model_.find(entry.second);
+                return now != model_.end() && now->second.insertion == entry.first;
+            };
+            while (next != before.end() && !stayed(*next)) ++next;
+        };
+        std::optional<Key> last;
+        for (auto const& yielded : walk) {
+            Key const key = keyOf(yielded);
+            auto const now = model_.find(key);
+            ASSERT_NE(now, model_.end());
+            if constexpr (!std::is_same_v<Value, Nothing>) {
+                ASSERT_EQ(yielded.value, now->second.value);
+            }
+            skipGone();
+            if (next != before.end() && key == next->second) {
+                ++next;
+            } else {
+                ASSERT_TRUE(byKey && now->second.insertion > insertionsBefore);
+            }
+            ASSERT_TRUE(!byKey || !last || *last < key);
+            last = key;
+            disturb();
+            if (testing::Test::HasFailure()) return;
+            ASSERT_EQ(keyOf(yielded), key) << "whatever has become of the entry";
+        }
+        skipGone();
+        ASSERT_EQ(next, before.end());
+    }
+
+  private:
+    struct Entry {
+        Value value{};
+        unsigned insertion = 0;
     };
-    for (std::uint32_t n = 0; n < count; ++n) put(n, n);
-    for (std::uint32_t n = 0; n < count; n += 3) { // delete and re-add
-        EXPECT_EQ(map.take(keyOf(n)), n);
-        if (n % 2 == 0) {
-            put(n, n + 1);
+    typename K::Collection collection_;
+    std::map<Key, Entry> model_;
+    unsigned insertions_ = 0;
+};
+
+template <class K>
+class MapModelTest : public testing::Test {
+  protected:
+    void disturb(Compared<K>& compared, int depth) {
+        // A sorted walk goes on to what comes meanwhile: nested deeper, walks would hardly end.
+        int const deepest = sorted<typename K::Collection> ? 0 : 2;
+        std::uint32_t const key = draw(keys);
+        std::uint32_t const what = draw(depth > deepest ? 8 : 10);
+        if (what < 4) {
+            compared.insert(key, draw(256));
+        } else if (what < 8) {
+            compared.take(key);
+            if (what == 4) compared.insert(key, 0);
         } else {
-            model.erase(n);
+            compared.walk([&] {
+                for (std::uint32_t n = draw(4); n > 0; --n) disturb(compared, depth + 1);
+            });
         }
+        compared.look(key);
     }
-    auto const agree = [&] {
-        ASSERT_EQ(map.size(), model.size());
-        for (std::uint32_t n = 0; n < count; ++n) {
-            auto const* const found = map.find(keyOf(n));
-            auto const expected = model.find(n);
-            ASSERT_EQ(bool(found), expected != model.end()) << n;
-            ASSERT_EQ(found ? *found : 0, found ? expected->second : 0) << n;
-        }
-        ASSERT_FALSE(map.has(keyOf(count + 7)));
-    };
-    agree();
-    // From inside a walk: the front drains, the back grows past the room there is.
-    std::uint32_t walked = 0, grown = count + 8;
-    for (auto const& item : map.walk()) {
-        ++walked;
-        if (item.value % 8 != 0) map.take(item.key);
-        if (item.value % 2 == 0) *map.findOrInsert(keyOf(grown++)).first = 8;
+    std::uint32_t draw(std::uint32_t count) { return std::uint32_t(random()) % count; }
+    std::mt19937 random;
+    std::uint32_t keys = 0;
+};
+using Kinds =
+    testing::Types<Kind<Map<IpAddr, std::uint8_t>, neighbour, octet>,
+                   Kind<Map<IpAddr, Ptr<Counted>>, stride<16>, object>,
+                   Kind<Map<String, Ptr<Counted>>, text, object>, Kind<Set<String>, text, nothing>,
+                   Kind<SmallMap<IpAddr, std::uint8_t, 4>, stride<24>, octet>,
+                   Kind<SmallSet<IpAddr>, neighbour, nothing>,
+                   Kind<SortedMap<IpAddr, std::uint8_t>, scattered, octet>>;
+TYPED_TEST_SUITE(MapModelTest, Kinds);
+
+TYPED_TEST(MapModelTest, AgreesThroughEveryHistory) {
+    for (unsigned seed = 0; seed < 100 && !this->HasFailure(); ++seed) {
+        SCOPED_TRACE(seed);
+        this->random.seed(seed);
+        this->keys = std::array{3u, 7u, 12u, 60u}[seed % 4];
+        Compared<TypeParam> compared;
+        for (std::uint32_t changes = 2 * seed; changes > 0 && !this->HasFailure(); --changes)
+            this->disturb(compared, 0);
+        compared.walk([] {});
     }
-    EXPECT_EQ(walked, model.size());
-    std::erase_if(model, [](auto const& entry) { return entry.second % 8 != 0; });
-    for (std::uint32_t n = count + 8; n < grown; ++n) {
-        ASSERT_NE(map.find(keyOf(n)), nullptr) << n;
-        EXPECT_EQ(map.take(keyOf(n)), 8u);
-    }
-    agree();
+    EXPECT_EQ(Counted::alive, 0);
 }
 
-TEST(MapScale, OneToAHundredThousandEntriesOfEveryPattern) {
-    using Numbers = Map<IpAddr, std::uint32_t>;
-    for (std::uint32_t count : {1u, 4u, 8u, 9u, 16u, 17u, 1000u, 100000u}) {
-        SCOPED_TRACE(count);
-        fillChurnAndDrain<Numbers>(neighbour, count);
-        fillChurnAndDrain<Numbers>([](std::uint32_t n) { return neighbour(~n); }, count);
-        fillChurnAndDrain<Numbers>(stride<8>, count);
-        fillChurnAndDrain<Numbers>(stride<14>, count);
-        fillChurnAndDrain<Numbers>(scattered, count);
-        // Runs that begin where the index begins anew.
-        auto const runs = [](std::uint32_t n) { return IpAddr::fromHost(n / 20 << 17 | n % 20); };
-        fillChurnAndDrain<Numbers>(runs, count);
+template <class K>
+void fillChurnAndDrain(std::uint32_t count) {
+    SCOPED_TRACE(count);
+    Compared<K> compared;
+    for (std::uint32_t n = 0; n < count; ++n) compared.insert(n, n);
+    for (std::uint32_t n = 0; n < count; n += 3) {
+        compared.take(n);
+        if (n % 2 == 0) compared.insert(n, n + 1);
     }
-    fillChurnAndDrain<Map<String, std::uint32_t>>(text, 20000);
-    fillChurnAndDrain<SmallMap<IpAddr, std::uint32_t, 4>>(stride<14>, 20000);
+    for (std::uint32_t n = 0; n <= count; ++n) compared.look(n);
+    std::uint32_t front = 0;
+    compared.walk([&] { // the front drains, the back grows past the room there is
+        if (front % 8 != 0) compared.take(front);
+        if (front % 2 == 0) compared.insert(count + front, 8);
+        ++front;
+    });
+    for (std::uint32_t n = 0; n <= count + front; ++n) compared.look(n);
+    for (std::uint32_t n = 0; n < front; ++n) compared.take(count + front - n);
+    for (std::uint32_t n = 0; n <= count + front; ++n) compared.look(n);
+}
+
+TEST(MapScale, OneToManyEntriesOfEveryPattern) {
+    using Numbers = Map<IpAddr, std::uint8_t>;
+    for (std::uint32_t count : {1u, 4u, 8u, 9u, 16u, 17u, 1000u, 40000u}) {
+        fillChurnAndDrain<Kind<Numbers, neighbour, octet>>(count);
+        fillChurnAndDrain<Kind<Numbers, backwards, octet>>(count);
+        fillChurnAndDrain<Kind<Numbers, stride<8>, octet>>(count);
+        fillChurnAndDrain<Kind<Numbers, stride<14>, octet>>(count);
+        fillChurnAndDrain<Kind<Numbers, scattered, octet>>(count);
+        fillChurnAndDrain<Kind<Numbers, runs, octet>>(count);
+    }
+    fillChurnAndDrain<Kind<Map<String, Ptr<Counted>>, text, object>>(5000);
+    fillChurnAndDrain<Kind<SmallMap<IpAddr, std::uint8_t, 4>, stride<14>, octet>>(20000);
 }
 
 TEST(MapWalk, ThatIsLeftEarlyLeavesNothingBehind) {
@@ -109,21 +251,6 @@ TEST(MapWalk, ThatEndsWithAnErrorAmongTheKeysLeavesThemToBeFound) {
     for (std::uint64_t n = 0; n < 64; ++n) EXPECT_EQ(set.has({n}), n >= 54);
     for (std::uint64_t n = 0; n < 64; ++n) set.findOrInsert({n});
     EXPECT_EQ(set.size(), 64u);
-}
-
-TEST(MapWalk, YieldsWhatACallbackMayTakeAway) {
-    Map<String, Ptr<Counted>> map;
-    for (int n = 0; n < 10; ++n)
-        *map.findOrInsert("a key longer than a string holds inside " + textOf(n)).first =
-            newObject<Counted>(n);
-    int sum = 0;
-    for (auto const& item : map.walk()) {
-        for (auto const& other : map.walk()) map.take(other.key);
-        for (int n = 0; n < 100; ++n) *map.findOrInsert(textOf(n)).first = nullptr;
-        sum += item.value->value + int(item.key.size());
-    }
-    EXPECT_EQ(sum, 41);
-    EXPECT_EQ(Counted::alive, 0);
 }
 
 TEST(SmallMapSize, HoldsFewEntriesInsideAndMovesWithThem) {
