@@ -6,6 +6,7 @@
 #include <cmath>
 #include <functional>
 #include <gtest/gtest.h>
+#include <sstream>
 #include <stdexcept>
 
 namespace Nex {
@@ -182,91 +183,73 @@ class ReviewTimerTest : public ClockTest {
         EXPECT_FALSE(timer->reviewPending());
         return delay;
     }
-    double runNext() {
-        timer->doUpdateNextReview();
-        EXPECT_TRUE(timer->reviewPending());
-        return run();
+    /// The delays of reviews that are asked for as "next" or as "now", or after so many seconds.
+    String delays(String const& script) {
+        String text;
+        std::istringstream words(script);
+        for (String word; words >> word;) {
+            if (word == "now") {
+                timer->doUpdateNextReviewImmediately();
+            } else if (word == "next") {
+                timer->doUpdateNextReview();
+            } else {
+                time.nowIs(time.now() + std::stod(word));
+                continue;
+            }
+            EXPECT_TRUE(timer->reviewPending());
+            text += textOf(run()) + ' ';
+        }
+        return text;
     }
-    double runImmediately() {
-        timer->doUpdateNextReviewImmediately();
-        return run();
-    }
-    void wait(double seconds) { time.nowIs(time.now() + seconds); }
 
     ManualTime time{1000};
     Ptr<Olm::ReviewTimer> timer;
 };
 
-TEST_F(ReviewTimerTest, OneCreditComesBackPerIntervalAndNoMoreThanTheMost) {
-    runNext(); // at 1000
-    runNext(); // at 1001, the last credit
-    time.nowIs(1015);
-    EXPECT_EQ(runNext(), maxDelay) << "an interval has not passed";
-    time.nowIs(1024);
-    EXPECT_EQ(runNext(), minDelay) << "the part of a credit that was there is kept";
-    EXPECT_EQ(runNext(), maxDelay);
-    wait(1000);
-    EXPECT_EQ(runNext(), minDelay);
-    EXPECT_EQ(runNext(), minDelay);
-    EXPECT_EQ(runNext(), maxDelay);
-}
-
-TEST_F(ReviewTimerTest, ImmediatelyTakesTheShortDelayAndACreditOnlyIfThereIsOne) {
-    EXPECT_EQ(runImmediately(), minDelay);
-    EXPECT_EQ(runNext(), minDelay);
-    EXPECT_EQ(runNext(), maxDelay) << "both spent";
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(runImmediately(), minDelay) << "without a credit";
-    wait(4);
-    EXPECT_EQ(runNext(), minDelay) << "nothing was borrowed, and no part of a credit spent";
-    wait(fillInterval);
-    EXPECT_EQ(runImmediately(), minDelay);
-    EXPECT_EQ(runNext(), maxDelay) << "it has taken what came back meanwhile";
+// Two credits at first: two short delays, then a long one.
+TEST_F(ReviewTimerTest, DelaysGoByTheCreditsAndOneComesBackPerInterval) {
+    EXPECT_EQ(delays("next next +13 next"), "1 1 8 ") << "an interval has not passed";
+    EXPECT_EQ(delays("+1 next next"), "1 8 ") << "the part of a credit that was there is kept";
+    EXPECT_EQ(delays("+1000 next next next"), "1 1 8 ") << "no more than the most";
+    EXPECT_EQ(delays("now now now"), "1 1 1 ") << "without a credit";
+    EXPECT_EQ(delays("+4 next"), "1 ") << "nothing was borrowed, and no part of a credit spent";
+    EXPECT_EQ(delays("+16 now next"), "1 8 ") << "it has taken what came back meanwhile";
+    EXPECT_EQ(delays("+1000 next -1000 next next"), "1 1 8 ") << "backwards nothing is taken away";
 }
 
 TEST_F(ReviewTimerTest, PendingReviewMovesEarlierNeverLaterAndForNothing) {
     timer->doUpdateNextReview();
-    timer->doUpdateNextReview();
     timer->doUpdateNextReviewImmediately();
-    wait(0.5);
+    time.nowIs(1000.5);
     timer->doUpdateNextReviewImmediately();
     EXPECT_EQ(run(), 0.5);
-    EXPECT_EQ(runNext(), minDelay);
+    EXPECT_EQ(delays("next"), "1 ");
     timer->doUpdateNextReview(); // without a credit
-    wait(3);
+    time.nowIs(1005);
     timer->doUpdateNextReview();
-    EXPECT_EQ(a->timeMin(), time.now() - 3 + maxDelay);
+    EXPECT_EQ(a->timeMin(), 1010);
     timer->doUpdateNextReviewImmediately();
     EXPECT_EQ(run(), minDelay);
 }
 
 TEST_F(ReviewTimerTest, PacingIsReplacedAndCreditsAboveTheNewMostAreLost) {
     timer->pacingIs(fillInterval, 1, 2, 4);
-    EXPECT_EQ(runNext(), 2);
-    EXPECT_EQ(runNext(), 4);
+    EXPECT_EQ(delays("next next"), "2 4 ");
     timer->pacingIs(fillInterval, 5, 2, 4);
-    EXPECT_EQ(runNext(), 4) << "a higher most is no gift";
+    EXPECT_EQ(delays("next"), "4 ") << "a higher most is no gift";
     timer = newReviewTimer();
     timer->pacingIs(0, 1, 2, 4);
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(runNext(), 2) << "without an interval always full";
-}
-
-TEST_F(ReviewTimerTest, TimeThatRunsBackwardsTakesNothingAway) {
-    runNext();
-    time.nowIs(10);
-    EXPECT_EQ(runNext(), minDelay);
-    EXPECT_EQ(runNext(), maxDelay);
+    EXPECT_EQ(delays("next next next"), "2 2 2 ") << "without an interval always full";
 }
 
 TEST_F(ReviewTimerTest, NothingIsPendingInsideTheReview) {
-    bool pending = true;
     a->act = [&] {
-        pending = timer->reviewPending();
+        EXPECT_FALSE(timer->reviewPending());
         timer->doUpdateNextReview();
     };
     timer->doUpdateNextReview();
     time.nowIs(1001);
     EXPECT_EQ(at(1001), "a");
-    EXPECT_FALSE(pending);
     EXPECT_EQ(a->timeMin(), 1002) << "asked for from inside";
 }
 

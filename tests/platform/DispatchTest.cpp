@@ -35,7 +35,7 @@ struct Machine : PtrInterface {
         if (atEnd) atEnd();
     }
     Act atEnd;
-    Owned<Watcher> first, second;
+    Owned<Watcher> reactor;
 };
 
 class DispatchTest : public testing::Test {
@@ -55,6 +55,7 @@ class DispatchTest : public testing::Test {
     }
     Ptr<Tree> tree = Tree::TreeIs("tree");
     String told;
+    Ptr<Tree> elsewhere = Tree::TreeIs("elsewhere");
     std::vector<Ptr<Watcher>> watchers;
 };
 
@@ -204,72 +205,10 @@ TEST_F(DispatchTest, ThousandsMayLeaveInAnyOrderAlsoDuringAPass) {
     EXPECT_EQ(change(), "A");
 }
 
-TEST_F(DispatchTest, WatcherThatDropsItselfLivesUntilItsCallbackReturns) {
-    for (std::size_t count : {1u, 2u}) {
-        watchersAre(count);
-        Destructions destructions;
-        Watcher const* const self = watchers[0].get();
-        watchers[0]->act = [&, count] {
-            watchers[0] = nullptr;
-            EXPECT_EQ(destructions.count(self), 0);
-            EXPECT_EQ(self->notifier(), tree.get()) << "among " << count;
-        };
-        change();
-        EXPECT_EQ(destructions.count(self), 1);
-    }
-}
-
-TEST_F(DispatchTest, RecordThatItsWatchersDropLivesUntilThePassEnds) {
-    for (std::size_t count : {1u, 3u}) {
-        tree = Tree::TreeIs("tree");
-        watchersAre(count);
-        Tree* const record = tree.get();
-        Destructions destructions;
-        watchers[0]->act = [&] {
-            for (auto const& watcher : watchers) watcher->notifierIs(nullptr);
-            tree = nullptr;
-            EXPECT_EQ(destructions.count(record), 0);
-            EXPECT_EQ(record->number(), 1);
-        };
-        told.clear();
-        record->numberIs(1);
-        EXPECT_EQ(told, "A");
-        EXPECT_EQ(destructions.count(record), 1);
-    }
-}
-
-TEST_F(DispatchTest, MachineThatIsDroppedLivesUntilTheCallbackReturnsAndThenIsSilent) {
-    auto machine = newObject<Machine>();
-    Machine const* const raw = machine.get();
-    machine->first.make(tree, machine.get(), 'F', &told);
-    machine->second.make(tree, machine.get(), 'S', &told);
-    watchersAre(1);
-    Destructions destructions;
-    machine->first->act = [&] {
-        machine = nullptr;
-        EXPECT_EQ(destructions.count(raw), 0);
-    };
-    EXPECT_EQ(change(), "FA");
-    EXPECT_EQ(destructions.count(raw), 1);
-    EXPECT_EQ(change(), "A");
-}
-
-TEST_F(DispatchTest, MachineTurnsAllItsReactorsIntoZombiesAndBack) {
-    auto const machine = newObject<Machine>();
-    machine->first.make(tree, machine.get(), 'F', &told);
-    machine->second.make(tree, machine.get(), 'S', &told);
-    machine->first->act = [&] { machine->nexDoZombieReactors(true); };
-    EXPECT_EQ(change(), "F");
-    EXPECT_EQ(change(), "");
-    machine->nexDoZombieReactors(false);
-    machine->first->act = nullptr;
-    EXPECT_EQ(change(), "FS");
-}
-
 TEST_F(DispatchTest, MachineMayChangeInItsDestructorWhatItsOwnReactorsWatch) {
     auto machine = newObject<Machine>();
     Machine const* const raw = machine.get();
-    machine->first.make(tree, machine.get(), 'F', &told);
+    machine->reactor.make(tree, machine.get(), 'F', &told);
     machine->atEnd = [&] { tree->numberIs(42); };
     watchersAre(1);
     Destructions destructions;
@@ -280,8 +219,9 @@ TEST_F(DispatchTest, MachineMayChangeInItsDestructorWhatItsOwnReactorsWatch) {
 
 /// A reactor that is the machine of another one.
 struct Outer : Reactor<Tree::Notifiee, PtrInterface> {
-    Outer(Ptr<Tree> tree, PtrInterface* machine, String* told) : Reactor(tree, machine) {
-        inner.make(std::move(tree), this, told);
+    Outer(Ptr<Tree> own, PtrInterface* machine, Ptr<Tree> watched, String* told)
+        : Reactor(std::move(own), machine) {
+        inner.make(std::move(watched), this, told);
     }
     struct Inner : Reactor<Tree::Notifiee, Outer> {
         Inner(Ptr<Tree> tree, Outer* outer, String* told)
@@ -296,32 +236,45 @@ struct Outer : Reactor<Tree::Notifiee, PtrInterface> {
     Owned<Inner> inner;
 };
 
-TEST_F(DispatchTest, ReactorOfAReactorIsSilencedByEitherMachine) {
+TEST_F(DispatchTest, MachinesSilenceTheirReactorsAndThoseOfTheirReactors) {
     auto const machine = newObject<Machine>();
-    auto const outer = newObject<Outer>(tree, machine.get(), &told);
-    EXPECT_EQ(change(), "I");
-    machine->nexDoZombieReactors(true);
+    machine->reactor.make(tree, machine.get(), 'F', &told);
+    auto const outer = newObject<Outer>(elsewhere, machine.get(), tree, &told);
+    EXPECT_EQ(change(), "FI");
+    machine->reactor->act = [&] { machine->nexDoZombieReactors(true); };
+    EXPECT_EQ(change(), "F");
     EXPECT_EQ(change(), "");
+    machine->reactor->act = nullptr;
     machine->nexDoZombieReactors(false);
+    EXPECT_EQ(change(), "FI");
     outer->nexDoZombieReactors(true);
-    EXPECT_EQ(change(), "");
+    EXPECT_EQ(change(), "F");
     outer->nexDoZombieReactors(false);
     outer->nexRetire();
-    EXPECT_EQ(change(), "") << "its machine was let go of";
+    EXPECT_EQ(change(), "F") << "its machine was let go of";
 }
 
-TEST_F(DispatchTest, ReactorOfAReactorKeepsBothMachinesUntilItReturns) {
-    auto machine = newObject<Machine>();
-    auto outer = newObject<Outer>(tree, machine.get(), &told);
-    std::array<PtrInterface const*, 3> const chain{machine.get(), outer.get(), outer->inner.get()};
-    Destructions destructions;
-    outer->inner->act = [&] {
-        machine = nullptr;
-        outer = nullptr;
-        EXPECT_EQ(destructions.size(), 0u);
-    };
-    EXPECT_EQ(change(), "I");
-    for (auto const* object : chain) EXPECT_EQ(destructions.count(object), 1);
+TEST_F(DispatchTest, WhatACallbackDropsLivesUntilItReturns) {
+    for (std::size_t const others : {0u, 2u}) {
+        tree = Tree::TreeIs("tree");
+        auto machine = newObject<Machine>();
+        auto outer = newObject<Outer>(elsewhere, machine.get(), tree, &told);
+        watchersAre(others);
+        std::array<PtrInterface const*, 4> const all{tree.get(), machine.get(), outer.get(),
+                                                     outer->inner.get()};
+        Tree* const record = tree.get();
+        Destructions destructions;
+        outer->inner->act = [&] {
+            tree = nullptr, machine = nullptr, outer = nullptr;
+            watchers.clear();
+            for (auto const* object : all) EXPECT_EQ(destructions.count(object), 0);
+            EXPECT_EQ(record->number(), 1);
+        };
+        told.clear();
+        record->numberIs(1);
+        EXPECT_EQ(told, "I");
+        for (auto const* object : all) EXPECT_EQ(destructions.count(object), 1);
+    }
 }
 
 } // namespace
