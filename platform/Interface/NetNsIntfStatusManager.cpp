@@ -26,7 +26,9 @@ void NetNsIntfStatusManager::handleInterface() {
 void NetNsIntfStatusManager::handleInterface(KernelNetInfo::InterfaceKey key) {
     if (nexZombieReactors()) return; // ended by whoever was told of an interface before
     KernelNetInfo::Interface const before = known_.take(key);
-    KernelNetInfo::Interface const now = kni_->interface(key);
+    KernelNetInfo::Interface now = kni_->interface(key);
+    // The index is the key's: what the entry says of itself, readers of its address check.
+    if (now.ifIndex != 0) now.ifIndex = key.ifIndex();
     if (now.ifIndex != 0) *known_.findOrInsert(key).first = now;
     if (before.ifIndex == now.ifIndex && before.deviceName == now.deviceName) return;
     if (auto* const indexes = ifIndexesByDevice_.find(before.deviceName)) {
