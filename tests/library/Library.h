@@ -152,25 +152,4 @@ inline void takeBack(IntfConfig& config, Lox::IpAddr source, Lox::IpAddr group,
     config.deletedGroupSourceListDel(group);
 }
 
-/// Interface up0, configured and usable in the default VRF, with its machines at work.
-class OneInterface : public ::testing::Test {
-  protected:
-    OneInterface() {
-        world.start();
-        world.tables();
-        world.usableIntf("up0", 2);
-        config = world.config->intfConfigIs(up0);
-        status = world.intfStatus("up0");
-        host = world.host("up0");
-    }
-    IgmpHostProxyIntfSm& machine() { return *world.root->igmpHostProxyIntfSm(up0); }
-    IgmpHostIntfSm& binding() { return *world.root->igmpHostIntfSm(up0); }
-    Igmp::IgmpHostStatus& hostStatus() { return *world.hostStatusDir->igmpHostStatus("up0"); }
-
-    World world;
-    Nex::Ptr<IntfConfig> config;
-    Nex::Ptr<IntfStatus> status;
-    Nex::Ptr<Igmp::IgmpHost> host;
-};
-
 } // namespace IgmpHostProxy

@@ -5,7 +5,10 @@
 namespace IgmpHostProxy {
 namespace {
 
-using Machines = OneInterface;
+/// Interface up0, configured and usable, with its machines at work.
+struct Machines : ::testing::Test, Play {
+    Machines() { doEvents("start; tables; intf up0 2; configure up0"); }
+};
 
 template <class Error, class F>
 std::string errorOf(F provoke) {
@@ -18,11 +21,11 @@ std::string errorOf(F provoke) {
 }
 
 TEST_F(Machines, ErrorsTellTheWholeStory) {
-    auto const other = IntfStatus::IntfStatusIs(up0);
+    Nex::Ptr<IntfStatus> const status = intfStatus("up0"), other = IntfStatus::IntfStatusIs(up0);
     std::string const reinstantiating =
         "Reinstantiating the pointer interface where constructor parameter attribute _";
     auto const bind = [&](auto record, auto host, auto source) {
-        world.root->igmpHostIntfSmIs(up0, record, host, binding().igmpHostStatus(), source);
+        root->igmpHostIntfSmIs(up0, record, host, binding().igmpHostStatus(), source);
     };
     EXPECT_EQ(errorOf<Nex::NameInUseException>(
                   [&] { bind(other, binding().igmpHost(), binding().srcIntfIhpIntf()); }),
@@ -59,23 +62,18 @@ struct Destructions : Nex::DestructionObserver {
 };
 
 TEST_F(Machines, GoInOrderAndDeleteNoRecord) {
-    world.tables("blue");
-    world.vrf("blue", "ns-blue");
-    world.usableIntf("up1", 3, "blue");
-    world.config->intfConfigIs(up1);
-    config->groupSourceListIs(groupG)->includeSourceListIs(sourceS);
-    Lines const before = world.dump();
+    doEvents("tables blue; vrf blue ns-blue; intf up1 3 blue; configure up1; +i1");
+    Lines const before = dump();
     Destructions destructions;
-    world.root = nullptr;
+    root = nullptr;
     EXPECT_EQ(destructions.lines, (Lines{"root", "view", "view", "manager root", "proxy machine",
                                          "proxy machine", "binding", "binding"}));
-    EXPECT_EQ(world.dump(), before);
+    EXPECT_EQ(dump(), before);
 }
 
 TEST_F(Machines, ARootWithoutInputsWaitsAndComplainsAboutNothing) {
-    auto const root =
-        igmpHostProxySmFactory(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                               nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+    root = igmpHostProxySmFactory(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                  nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
     EXPECT_TRUE(root->initialized());
     root->handleIntfConfig();
     root->handleIntfConfig(up0);
