@@ -169,7 +169,6 @@ IgmpHostIntfSm::NexGroupSourceListStatus::NexGroupSourceListStatus(
     : NexGroupSource(std::move(groupSource), machine) {
     handleIncludeSourceList();
     handleExcludeSourceList();
-    startUpIsOver();
 }
 
 void IgmpHostIntfSm::NexGroupSourceListStatus::handleIncludeSourceList(Lox::IpAddr source) {

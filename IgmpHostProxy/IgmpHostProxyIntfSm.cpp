@@ -193,7 +193,6 @@ IgmpHostProxyIntfSm::NexDeletedGroupSourceListConfig::NexDeletedGroupSourceListC
     Nex::Ptr<GroupSource const> groupSource, IgmpHostProxyIntfSm* machine)
     : NexGroupSource(std::move(groupSource), machine) {
     handleInitialized();
-    startUpIsOver();
 }
 
 void IgmpHostProxyIntfSm::NexDeletedGroupSourceListConfig::handleInitialized() {
