@@ -1,16 +1,12 @@
-// One interface and all that can ask it for groups, as plain lists: what is configured, listed and
-// in the tables, and what is counted, announced and programmed. Slow and without sharing between
-// the rules, so that each can be read against its wording.
-//
-// A review has time for one route of the full sync and for one changed route.
+// One interface and those who count their sources, configuration and access lists, as plain lists:
+// what is configured and listed, and what is counted and announced. Slow and without sharing
+// between the rules, so that each can be read against its wording.
 #pragma once
 
 #include "Library.h"
 
 #include <array>
 #include <map>
-#include <optional>
-#include <set>
 
 namespace IgmpHostProxy {
 
@@ -55,28 +51,12 @@ class Model {
         Addr source, group;
         std::uint32_t count;
     };
-    /// Of the host.
-    struct Record {
-        Mode mode = exclude;
-        std::uint32_t version = 0;
-        std::vector<Addr> sources;
-    };
-    /// In the order in which a table is walked.
-    struct Route {
-        Addr group, source;
-        friend auto operator<=>(Route const&, Route const&) = default;
-    };
-    using Changed = std::pair<std::size_t, Route>; ///< with the table's number
-
     Groups status;
-    std::map<Addr, Record> host;
     std::vector<Counted> counts;
     std::map<std::string, Helper> helpers;
-    bool deny = false, fullSync = false;
-    std::optional<Changed> bookmark;
-    std::vector<Changed> changed;
+    bool deny = false;
 
-    /// With all groups that routes and configuration speak of, in ascending order.
+    /// With all groups that the configuration speaks of, in ascending order.
     explicit Model(std::vector<Addr> groups) : groups_(std::move(groups)) {}
 
     // Configuration
@@ -137,52 +117,10 @@ class Model {
         if (!has(attached_, name)) helpers.erase(name);
     }
 
-    // Routes
     /// The forwarding table puts a source in, uncounted.
     void contribute(Addr group, Addr source, Mode mode) {
         insertStatus(group);
         addSource(group, source, mode);
-    }
-    void writeRoute(std::size_t table, Route const& route) {
-        tables_[table].insert(route);
-        recordChange(table, route);
-    }
-    void eraseRoute(std::size_t table, Route const& route) {
-        if (tables_[table].erase(route) > 0) recordChange(table, route);
-    }
-    void review() {
-        if (fullSync) {
-            syncSlice();
-            if (bookmark) return;
-            fullSync = false;
-        }
-        if (changed.empty()) return;
-        sync(changed.front());
-        changed.erase(changed.begin());
-    }
-
-    /// The machine goes, and another one starts up on what is there.
-    void restart() {
-        counts.clear();
-        helpers.clear();
-        changed.clear();
-        wantFullSync();
-        for (auto const& [name, list] : lists_) handleList(name);
-        for (auto const& [name, list] : lists_) reconcile(name);
-        for (auto const& [group, sources] : configured_) {
-            insertStatus(group);
-            for (Mode const mode : {include, exclude})
-                for (Addr const source : sources[mode]) count(source, group, mode);
-        }
-        for (auto const& [group, sources] : deleted_)
-            for (Mode const mode : {include, exclude})
-                for (Addr const source : sources[mode]) remove(group, source, mode);
-        handleDeny();
-        clearLeftovers();
-        for (auto const& name : attached_) handleList(name);
-        do syncSlice();
-        while (bookmark); // the first review has time for all
-        fullSync = false;
     }
 
   private:
@@ -300,59 +238,26 @@ class Model {
         return false;
     }
 
-    // The status, each change passed on to the host
-    void insertStatus(Addr group) {
-        if (status.try_emplace(group).second) announce(group);
-    }
-    void eraseStatus(Addr group) {
-        if (status.erase(group) > 0) announce(group);
-    }
+    // The status
+    void insertStatus(Addr group) { status.try_emplace(group); }
     void eraseIfEmpty(Addr group) {
-        if (status.contains(group) && status[group] == Sources()) eraseStatus(group);
+        if (status.contains(group) && status[group] == Sources()) status.erase(group);
     }
     void addSource(Addr group, Addr source, Mode mode) {
-        if (status.contains(group) && add(status[group][mode], source))
-            program(group, source, mode);
+        if (status.contains(group)) add(status[group][mode], source);
     }
     void delSource(Addr group, Addr source, Mode mode) {
-        if (status.contains(group) && del(status[group][mode], source))
-            program(group, source, mode);
+        if (status.contains(group)) del(status[group][mode], source);
     }
-    void delSources(Addr group, Mode mode, auto const& goes) {
+    void delSources(Addr group, auto const& goes) {
         if (!status.contains(group)) return;
-        for (Addr const source : std::vector(status[group][mode]))
-            if (goes(source)) delSource(group, source, mode);
+        for (auto& sources : status[group]) std::erase_if(sources, goes);
     }
     void delAllSources(Addr group) {
-        for (Mode const mode : {include, exclude})
-            delSources(group, mode, [](Addr) { return true; });
+        delSources(group, [](Addr) { return true; });
     }
     void delUncounted(Addr group) {
-        for (Mode const mode : {include, exclude})
-            delSources(group, mode, [&](Addr source) { return countOf(source, group) == 0; });
-    }
-
-    // The host
-    void announce(Addr group) {
-        bool const any = status.contains(group) && has(status[group][include], anySource);
-        if (!status.contains(group) || (any && host.contains(group))) {
-            host.erase(group);
-        } else {
-            host[group].mode = exclude;
-            ++host[group].version;
-        }
-    }
-    void program(Addr group, Addr source, Mode mode) {
-        if (mode == include && source == anySource) announce(group);
-        if (!host.contains(group)) return;
-        Record& record = host[group];
-        if (has(status[group][include], source) || has(status[group][exclude], source)) {
-            if (mode == include || source != anySource) add(record.sources, source);
-            record.mode = mode;
-        } else {
-            del(record.sources, source);
-        }
-        ++record.version;
+        delSources(group, [&](Addr source) { return countOf(source, group) == 0; });
     }
 
     // What a rule means
@@ -420,84 +325,21 @@ class Model {
         }
     }
 
-    // Routes
-    void recordChange(std::size_t table, Route const& route) {
-        if (route.group != reservedGroup) add(changed, {table, route});
-    }
-    void wantFullSync() {
-        fullSync = true;
-        bookmark.reset();
-    }
-    /// The first route, from the given one on; with `after`, from what follows it.
-    std::optional<Changed> routeFrom(std::optional<Changed> const& from, bool after) const {
-        for (std::size_t table = 0; table < tables_.size(); ++table)
-            for (Route const& route : tables_[table]) {
-                Changed const at{table, route};
-                if (!from || *from < at || (!after && *from == at)) return at;
-            }
-        return std::nullopt;
-    }
-    void syncSlice() {
-        auto const at = routeFrom(bookmark, false);
-        bookmark = at ? routeFrom(at, true) : std::nullopt;
-        if (at) sync(*at);
-    }
-    bool owned(Addr group) const {
-        return configured_.contains(group) ||
-               std::any_of(helpers.begin(), helpers.end(),
-                           [&](auto const& entry) { return entry.second.groups.contains(group); });
-    }
-    void sync(Changed const& named) {
-        auto const [group, source] = named.second;
-        auto const& table = tables_[named.first];
-        if (deny || group == reservedGroup || owned(group)) return;
-        if (!table.contains(named.second)) return syncAbsent(group, source);
-        Sources const& gone = deleted_[group];
-        if (has(gone[exclude], anySource) || has(gone[include], source) ||
-            has(gone[exclude], source))
-            return;
-        if (!table.contains({group, anySource})) return contribute(group, source, include);
-        delSources(group, include, [](Addr) { return true; });
-        contribute(group, anySource, exclude);
-    }
-    void syncAbsent(Addr group, Addr source) {
-        if (source == anySource) {
-            eraseStatus(group);
-            return wantFullSync();
-        }
-        delSource(group, source, include);
-        eraseIfEmpty(group);
-    }
-
     // Keeping the tables out
     void setDeny(bool on) {
         if (std::exchange(deny, on) != on) handleDeny();
     }
     void handleDeny() {
-        if (!deny) return wantFullSync();
+        if (!deny) return;
         for (auto const& [group, sources] : Groups(status)) {
             delUncounted(group);
             eraseIfEmpty(group);
         }
     }
-    /// At start-up, what nobody asks for goes, however often it was counted.
-    void clearLeftovers() {
-        for (auto const& [group, sources] : configured_) insertStatus(group);
-        for (auto const& [group, sources] : Groups(status)) {
-            if (owned(group)) continue;
-            for (auto const& list : sources)
-                for (Addr const source : list) forget(source, group);
-            eraseStatus(group);
-        }
-    }
-
-    static constexpr Addr reservedGroup = Addr::fromHost(0xE0000000);
-
     std::vector<Addr> groups_;
     Groups configured_, deleted_;
     std::vector<std::string> attached_;
     std::map<std::string, List> lists_;
-    std::array<std::set<Route>, 2> tables_;
 };
 
 } // namespace IgmpHostProxy
