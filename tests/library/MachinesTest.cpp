@@ -63,6 +63,7 @@ struct Destructions : Nex::DestructionObserver {
 
 TEST_F(Machines, GoInOrderAndDeleteNoRecord) {
     doEvents("tables blue; vrf blue ns-blue; intf up1 3 blue; configure up1; +i1");
+    EXPECT_TRUE(machine().groupSourceListConfig(groupG)->initialized());
     Lines const before = dump();
     Destructions destructions;
     root = nullptr;

@@ -350,6 +350,14 @@ class Play : public World {
                 {"review", [&](W) { machine().doReview(); }},
                 {"full-sync", [&](W) { machine().handleDenyMroute(); }},
                 {"release", [&](W a) { machine().doReleaseGroups(range(a[1])); }},
+                {"watch-clock",
+                 [&](W a) { machine().clockIs(a[1] == "nothing" ? nullptr : clock); }},
+                {"pace",
+                 [&](W a) {
+                     float const delay = std::stof(a[1]);
+                     machine().reviewTimerIs(machine().reviewTimer()->reactor(), 0, 1, delay,
+                                             delay);
+                 }},
                 {"quantum", [&](W a) { machine().reviewQuantumIs(std::stod(a[1])); }},
                 {"step", [&](W a) { time.stepSecondsIs(std::stod(a[1])); }},
                 {"to-next", [&](W) { pass(clock->nextExpiry() - time.now()); }},
