@@ -97,106 +97,99 @@ struct Inputs {
     Nex::Ptr<Namespace> one = Nex::newObject<Namespace>("ns1");
 };
 
-TEST(DeviceDirectory, DeviceThatVanishesIsRenamedOrReindexed) {
-    Inputs in;
-    in.start(*in.one);
-    in.operUp("a", true);
-    in.local("a", "eth0");
-    in.one->kernel(7, "eth0");
-    EXPECT_EQ(in.one->take(), "a=7 ");
-    in.one->kernel(7, "other");
-    EXPECT_EQ(in.one->take(), "a=0 ");
-    in.one->kernel(7, "eth0");
-    in.one->kernel(7, "");
-    EXPECT_EQ(in.one->take(), "a=7 a=0 ");
-    in.one->kernel(8, "eth0");
-    in.one->kernel(9, "eth0"); // the successor is seen before the end of the device before it
-    EXPECT_EQ(in.one->take(), "a=8 a=0 a=9 ");
-    in.one->kernel(8, "");
-    EXPECT_EQ(in.one->take(), "") << "another device now";
+/// Interface a, up on a device that the kernel has not shown yet.
+struct DeviceDirectory : testing::Test, Inputs {
+    DeviceDirectory() {
+        start(*one);
+        operUp("a", true);
+        local("a", "eth0");
+    }
+};
+
+TEST_F(DeviceDirectory, DeviceThatVanishesIsRenamedOrReindexed) {
+    one->kernel(7, "eth0");
+    EXPECT_EQ(one->take(), "a=7 ");
+    one->kernel(7, "other");
+    EXPECT_EQ(one->take(), "a=0 ");
+    one->kernel(7, "eth0");
+    one->kernel(7, "");
+    EXPECT_EQ(one->take(), "a=7 a=0 ");
+    one->kernel(8, "eth0");
+    one->kernel(9, "eth0"); // the successor is seen before the end of the device before it
+    EXPECT_EQ(one->take(), "a=8 a=0 a=9 ");
+    one->kernel(8, "");
+    EXPECT_EQ(one->take(), "") << "another device now";
 }
 
-TEST(DeviceDirectory, WhatHappensWhileAnInterfaceIsTakenOutCounts) {
-    Inputs in;
-    in.start(*in.one);
-    in.operUp("a", true);
-    in.local("a", "eth0");
-    in.one->kernel(7, "eth0");
-    in.one->act = [&] {
-        // The device that was to be listed next.
-        if (in.one->directory->intfStatusAndDeviceNameCount() == 0) in.one->kernel(8, "");
+TEST_F(DeviceDirectory, WhatHappensWhileAnInterfaceIsTakenOutCounts) {
+    one->kernel(7, "eth0");
+    one->act = [&] { // the device that was to be listed next
+        if (one->directory->intfStatusAndDeviceNameCount() == 0) one->kernel(8, "");
     };
-    in.one->kernel(8, "eth0");
-    EXPECT_EQ(in.listed(*in.one), in.demanded(*in.one));
+    one->kernel(8, "eth0");
+    EXPECT_EQ(listed(*one), demanded(*one));
 
     // Between the two halves of an entry, perhaps with an error.
-    in.one->act = nullptr;
-    in.one->kernel(7, "");
+    one->act = nullptr;
+    one->kernel(7, "");
     for (bool const fails : {false, true}) {
-        in.one->actOnIndex = [&, fails] {
+        one->actOnIndex = [&, fails] {
             if (fails) throw Nex::Exception("told");
-            in.operUp("a", false);
+            operUp("a", false);
         };
         bool failed = false;
         try {
-            in.one->kernel(7, "eth0");
+            one->kernel(7, "eth0");
         } catch (Nex::Exception const&) {
             failed = true;
         }
         EXPECT_EQ(failed, fails);
-        EXPECT_EQ(in.listed(*in.one), in.demanded(*in.one));
-        in.operUp("a", true);
-        in.one->kernel(7, "");
+        EXPECT_EQ(listed(*one), demanded(*one));
+        operUp("a", true);
+        one->kernel(7, "");
     }
+
+    one->kernel(7, "eth0");
+    one->act = [] { throw Nex::Exception("told"); };
+    EXPECT_THROW(local("a", "eth1"), Nex::Exception) << "whoever made the change hears of it";
 }
 
-TEST(DeviceDirectory, WhatWasThereBeforeTheManagersIsFollowedToo) {
-    Inputs in;
-    in.operUp("a", true);
-    in.local("a", "eth0");
-    in.root = Nex::newObject<NetNsIntfStatusManagerRoot>(in.all, in.allLocal, true);
-    in.one->kernel(7, "eth0");
-    in.start(*in.one);
-    EXPECT_EQ(in.listed(*in.one), "a=eth0 ");
-    in.operUp("a", false);
-    EXPECT_EQ(in.listed(*in.one), "");
-    in.operUp("a", true);
-    in.local("a", "eth1");
-    EXPECT_EQ(in.one->take(), "a=7 a=0 a=7 a=0 ");
+TEST_F(DeviceDirectory, WhatWasThereBeforeTheManagersIsFollowedToo) {
+    root = Nex::newObject<NetNsIntfStatusManagerRoot>(all, allLocal, true);
+    one->kernel(7, "eth0");
+    start(*one);
+    operUp("a", false);
+    operUp("a", true);
+    local("a", "eth1");
+    EXPECT_EQ(one->take(), "a=7 a=0 a=7 a=0 ");
 }
 
 // Two VRFs may have one namespace, and be it until one of them has gone.
-TEST(DeviceDirectory, ManagerThatGoesOrMakesWayFillsNoMore) {
-    Inputs in;
-    in.start(*in.one);
-    in.operUp("a", true);
-    in.local("a", "eth0");
-    Nex::Ptr<NetNsIntfStatusManager> const held(in.root->intfStatusManager(in.one->ns));
+TEST_F(DeviceDirectory, ManagerThatGoesOrMakesWayFillsNoMore) {
+    Nex::Ptr<NetNsIntfStatusManager> const held(root->intfStatusManager(one->ns));
     auto const second = Nex::newObject<Namespace>("ns1");
-    in.root->intfStatusManagerIs(second->directory, in.one->kni, in.one->ns);
-    in.one->kernel(7, "eth0");
-    EXPECT_EQ(in.one->take() + second->take(), "a=7 a=7 ");
-    in.root->intfStatusManagerDel(in.one->ns, in.one->directory);
-    in.one->kernel(7, "");
-    EXPECT_EQ(in.one->take() + second->take(), "a=0 ");
-    in.root->intfStatusManagerIs(second->directory, second->kni, in.one->ns);
-    in.one->kernel(7, "eth0");
+    root->intfStatusManagerIs(second->directory, one->kni, one->ns);
+    one->kernel(7, "eth0");
+    EXPECT_EQ(one->take() + second->take(), "a=7 a=7 ");
+    root->intfStatusManagerDel(one->ns, one->directory);
+    one->kernel(7, "");
+    EXPECT_EQ(one->take() + second->take(), "a=0 ");
+    root->intfStatusManagerIs(second->directory, second->kni, one->ns);
+    one->kernel(7, "eth0");
     second->kernel(8, "eth0");
     EXPECT_EQ(second->take(), "a=8 ");
-    in.root->intfStatusManagerDel(in.one->ns);
-    EXPECT_EQ(in.root->intfStatusManager(in.one->ns), nullptr);
+    root->intfStatusManagerDel(one->ns);
+    EXPECT_EQ(root->intfStatusManager(one->ns), nullptr);
     second->kernel(8, "");
-    EXPECT_EQ(second->take(), "");
-
-    auto const idle = Nex::newObject<NetNsIntfStatusManagerRoot>(in.all, in.allLocal, false);
-    idle->intfStatusManagerIs(second->directory, in.one->kni, in.one->ns);
-    in.one->kernel(9, "eth0");
+    root = Nex::newObject<NetNsIntfStatusManagerRoot>(all, allLocal, false);
+    start(*second);
+    second->kernel(9, "eth0");
     EXPECT_EQ(second->take(), "");
 }
 
 // An interface is in one directory at a time, whichever way it moves, and an error of whoever is
 // told of one interface keeps no other from being listed.
-RC_GTEST_PROP(DeviceDirectory, FollowsItsInputsThroughEveryHistory, ()) {
+RC_GTEST_PROP(DeviceDirectoryModel, FollowsItsInputsThroughEveryHistory, ()) {
     Inputs in;
     Nex::Ptr<Namespace> const two = Nex::newObject<Namespace>("ns2");
     in.one->other = two.get();

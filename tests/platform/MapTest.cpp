@@ -32,7 +32,9 @@ IpAddr stride(std::uint32_t n) {
 }
 IpAddr runs(std::uint32_t n) { return IpAddr::fromHost(n / 20 << 17 | n % 20); }
 IpAddr scattered(std::uint32_t n) { return IpAddr::fromHost(n * 2654435761u); }
-String text(std::uint32_t n) { return "a key that does not fit into the string " + textOf(n); }
+String text(std::uint32_t n) {
+    return "a key that does not fit into the string " + std::to_string(n);
+}
 std::uint8_t octet(std::uint32_t n) { return std::uint8_t(n); }
 Ptr<Counted> object(std::uint32_t n) { return newObject<Counted>(int(n)); }
 Nothing nothing(std::uint32_t) { return {}; }
@@ -80,9 +82,9 @@ class Compared {
         ASSERT_EQ(collection_.size(), model_.size());
         ASSERT_EQ(collection_.empty(), model_.empty());
     }
-    /// Takes a walk, and calls `disturb` before it begins and at each entry. What stays throughout
-    /// comes once and in order, with its present value; nothing else comes, unless it came
-    /// meanwhile and the order is that of the keys.
+    /// Takes a walk, and calls `disturb` before it begins and at each entry, until it returns
+    /// false. What stays throughout comes once and in order, with its present value; nothing else
+    /// comes, unless it came meanwhile and the order is that of the keys.
     template <class Disturb>
     void walk(Disturb disturb) {
         constexpr bool byKey = sorted<typename K::Collection>;
@@ -116,8 +118,7 @@ class Compared {
             }
             ASSERT_TRUE(!byKey || !last || *last < key);
             last = key;
-            disturb();
-            if (testing::Test::HasFailure()) return;
+            if (!disturb() || testing::Test::HasFailure()) return;
             ASSERT_EQ(keyOf(yielded), key) << "whatever has become of the entry";
         }
         skipGone();
@@ -150,6 +151,7 @@ class MapModelTest : public testing::Test {
         } else {
             compared.walk([&] {
                 for (std::uint32_t n = draw(4); n > 0; --n) disturb(compared, depth + 1);
+                return draw(30) > 0;
             });
         }
         compared.look(key);
@@ -175,7 +177,7 @@ TYPED_TEST(MapModelTest, AgreesThroughEveryHistory) {
         Compared<TypeParam> compared;
         for (std::uint32_t changes = 2 * seed; changes > 0 && !this->HasFailure(); --changes)
             this->disturb(compared, 0);
-        compared.walk([] {});
+        compared.walk([] { return true; });
     }
     EXPECT_EQ(Counted::alive, 0);
 }
@@ -195,6 +197,7 @@ void fillChurnAndDrain(std::uint32_t count) {
         if (front % 8 != 0) compared.take(front);
         if (front % 2 == 0) compared.insert(count + front, 8);
         ++front;
+        return true;
     });
     for (std::uint32_t n = 0; n <= count + front; ++n) compared.look(n);
     for (std::uint32_t n = 0; n < front; ++n) compared.take(count + front - n);
@@ -213,23 +216,6 @@ TEST(MapScale, OneToManyEntriesOfEveryPattern) {
     }
     fillChurnAndDrain<Kind<Map<String, Ptr<Counted>>, text, object>>(5000);
     fillChurnAndDrain<Kind<SmallMap<IpAddr, std::uint8_t, 4>, stride<14>, octet>>(20000);
-}
-
-TEST(MapWalk, ThatIsLeftEarlyLeavesNothingBehind) {
-    Map<int, Ptr<Counted>> map;
-    for (int n = 0; n < 20; ++n) *map.findOrInsert(n).first = newObject<Counted>(n);
-    for (auto const& item : map.walk())
-        if (item.key == 3) break;
-    try {
-        for (auto const& item : map.walk())
-            if (item.key == 4) throw 0;
-    } catch (int) {
-    }
-    for (int n = 0; n < 19; ++n) map.take(n);
-    EXPECT_EQ(Counted::alive, 1);
-    std::vector<int> left;
-    for (auto const& item : map.walk()) left.push_back(item.value->value);
-    EXPECT_EQ(left, std::vector{19});
 }
 
 /// Cannot be hashed now and then.
@@ -341,6 +327,7 @@ TEST_F(HashSecretTest, ARunOfNeighboursIsNotPushedOnAgainAndAgain) {
     std::uint64_t const start = Chosen<true>::hashed;
     for (std::uint32_t n = 1; n <= 100; ++n) {
         set.findOrInsert({n << 20});
+        EXPECT_TRUE(set.has({n << 20}));
         set.take({n << 20});
     }
     EXPECT_LT(Chosen<true>::hashed - start, 10 * run);

@@ -119,6 +119,12 @@ TEST(PtrThreads, MayCopyDropAndCreateWhenSaidSo) {
 }
 
 // Of the allocator that all objects share.
+TEST(SlabsTest, TakeBackWhatObjectsLeave) {
+    std::size_t const before = Slab::of(sizeof(Exposed)).heldBytes();
+    for (int n = 0; n < 100000; ++n) newObject<Exposed>();
+    EXPECT_LE(Slab::of(sizeof(Exposed)).heldBytes(), before + Slab::chunkBytes);
+}
+
 TEST(SlabsTest, AreTrimmedInSteps) {
     Slab& slab = Slab::of(200);
     std::vector<void*> objects(3000);

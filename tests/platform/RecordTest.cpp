@@ -206,6 +206,7 @@ TEST_F(RecordTest, AttributeThatIsReplacedIsARootOfItsOwn) {
         top->nexParentIs(tree.get());
         tree->topIs(top);
         EXPECT_EQ(top->nexFullName(), "tree/top");
+        recorder->act = [&] { EXPECT_EQ(top->nexReferences(), 1u) << "let go before it is told"; };
         tree->topIs(successor);
         EXPECT_EQ(top->nexParent(), nullptr);
         EXPECT_EQ(top->nexFullName(), "name");
