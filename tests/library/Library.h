@@ -20,7 +20,6 @@ inline Lox::IntfId const up0("up0");
 inline Lox::IntfId const up1("up1");
 inline Lox::IpAddr const groupG = ip("239.1.1.1");
 inline Lox::IpAddr const sourceS = ip("10.0.0.1");
-inline Lox::IpAddr const sourceT = ip("10.0.0.2");
 
 /// The library's text trace while it lives: "LEVEL TEXT" for each line up to a level.
 class TraceLog final : public Nex::TraceSink {
