@@ -39,12 +39,18 @@ void doRead(KernelInterfaces& kernel) {
 
 /// What the interfaces of one VRF lack.
 void addLacks(std::vector<Lack>& lacks, Configuration const& configuration, std::string const& vrf,
-              int namespaceFd) {
+              int namespaceFd, std::string const& vrfDevice = {}) {
     KernelInterfaces kernel([](int) {}, namespaceFd);
     doRead(kernel);
+    int const master = kernel.device(vrfDevice).ifindex;
+    if (!vrfDevice.empty() && master == 0)
+        lacks.push_back({"VRF " + vrf, vrfDevice + " " + noSuchInterface});
     auto const look = [&](std::string const& name) {
-        if (std::string const reason = obstacleOf(kernel.device(name).kernel); !reason.empty())
-            lacks.push_back({name, reason});
+        KernelInterface const* const found = kernel.device(name).kernel;
+        std::string reason = obstacleOf(found);
+        if (reason.empty() && !vrfDevice.empty() && found->master != master)
+            reason = "is no port of " + vrfDevice;
+        if (!reason.empty()) lacks.push_back({name, reason});
     };
     for (auto const& [name, interface] : configuration.interfaces)
         if (interface.vrf == vrf) look(name);
@@ -65,8 +71,12 @@ std::vector<Lack> lacksOf(Configuration const& configuration) {
     if (!hasCapability(CAP_NET_RAW)) lacks.push_back({"this process", noRawSockets});
     addLacks(lacks, configuration, defaultVrf, -1);
     EventLoop loop;
-    for (auto const& [name, space] : configuration.vrfs) {
-        NamespaceWatch const found(loop, space, [] {});
+    for (auto const& [name, where] : configuration.vrfs) {
+        if (!where.device.empty()) {
+            addLacks(lacks, configuration, name, -1, where.device);
+            continue;
+        }
+        NamespaceWatch const found(loop, where.namespaceName, [] {});
         if (found.namespaceFd() >= 0)
             addLacks(lacks, configuration, name, found.namespaceFd());
         else

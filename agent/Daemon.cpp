@@ -173,7 +173,7 @@ IgmpHostPort::Location Daemon::locate(std::string const& name,
     auto const wanted = file.interfaces.find(name);
     if (wanted != file.interfaces.end()) {
         auto const vrf = file.vrfs.find(wanted->second.vrf);
-        if (namespaceName == (vrf == file.vrfs.end() ? "" : vrf->second))
+        if (namespaceName == (vrf == file.vrfs.end() ? "" : vrf->second.namespaceName))
             location.configuration = &wanted->second;
     }
     location.settled = ready_ && (!location.configuration || settled(name, wanted->second.vrf));

@@ -22,7 +22,8 @@ void PatternInterfaces::doMatch(Configuration& configuration, VrfRegistry const&
         if (!entry || entry->pattern.empty() || entry->vrf != vrf) return;
         // Another namespace tells of its interfaces as it is read.
         auto const space = configuration.vrfs.find(vrf);
-        if (vrfs.namespaceName(vrf) != (space == configuration.vrfs.end() ? "" : space->second))
+        if (vrfs.namespaceName(vrf) !=
+            (space == configuration.vrfs.end() ? "" : space->second.namespaceName))
             return;
         configuration.interfaces.emplace(name, *entry);
     });

@@ -8,18 +8,18 @@
 namespace Agent {
 
 Vrf::Vrf(IgmpHostProxy::PlatformState& state, EventLoop& loop, Obstacles& obstacles,
-         std::string name, std::optional<std::string> namespaceName, Owns owns, Observer observer)
+         std::string name, VrfConfiguration where, Owns owns, Observer observer)
     : state_(state),
       loop_(loop),
       obstacles_(obstacles),
       name_(std::move(name)),
-      namespaceName_(std::move(namespaceName)),
+      where_(std::move(where)),
       owns_(std::move(owns)),
       observer_(std::move(observer)) {
     // The collection stays for good, empty without a namespace: one that goes would take the
     // interfaces of all VRFs down.
     state_.mfibDir->keshCollIs(name_);
-    if (!namespaceName_) doStart(-1);
+    if (where_.namespaceName.empty()) doStart(-1);
 }
 
 Vrf::~Vrf() {
@@ -33,10 +33,14 @@ void Vrf::handleNamespace() {
 }
 
 void Vrf::doRetry() {
-    if (interfaces_) return interfaces_->doRetry();
+    if (interfaces_) {
+        interfaces_->doRetry();
+        if (!where_.device.empty()) doFollowRoutes(-1);
+        return;
+    }
     try {
         if (!watch_)
-            watch_ = std::make_unique<NamespaceWatch>(loop_, *namespaceName_,
+            watch_ = std::make_unique<NamespaceWatch>(loop_, where_.namespaceName,
                                                       [this] { handleNamespace(); });
         if (watch_->namespaceFd() >= 0) doStart(watch_->namespaceFd());
         setObstacle(watch_->obstacle());
@@ -61,21 +65,38 @@ std::optional<std::string> Vrf::obstacle(std::string const& interface) const {
 }
 
 void Vrf::doStart(int namespaceFd) {
-    InterfaceWriter::Place place{name_, Lox::NamespaceName::defaultNamespace(), namespaceFd};
-    if (namespaceName_) {
+    InterfaceWriter::Place place{name_, Lox::NamespaceName::defaultNamespace(), namespaceFd,
+                                 where_.device};
+    if (!where_.namespaceName.empty())
         place.networkNamespace = Lox::NamespaceName("ns-" + name_.stringValue());
+    if (where_ != VrfConfiguration())
         state_.allVrfStatusLocal->vrfIs(name_)->networkNamespaceIs(place.networkNamespace);
-    }
     interfaces_ = std::make_unique<InterfaceWriter>(
         state_, loop_, place, owns_, [this](std::string const& name) { handleInterface(name); });
     writer_ = std::make_unique<RouteWriter>(state_.mfibDir->keshColl(name_),
                                             "mroute-" + name_.stringValue());
-    routes_ = std::make_unique<KernelRoutes>(
-        loop_,
-        [this](Lox::IpAddr source, Lox::IpAddr group, bool announced) {
-            writer_->write(source, group, announced);
-        },
-        namespaceFd);
+    doFollowRoutes(namespaceFd);
+}
+
+std::uint32_t Vrf::tableNumber() const {
+    return where_.device.empty() ? RouteTable::defaultNumber : interfaces_->vrfTable();
+}
+
+/// The number of a VRF device's table is known once the device is, and may change.
+void Vrf::doFollowRoutes(int namespaceFd) {
+    std::uint32_t const table = tableNumber();
+    if (table == table_) return;
+    routes_ = nullptr;
+    writer_->doWithdrawAll();
+    table_ = 0;
+    if (table != 0)
+        routes_ = std::make_unique<KernelRoutes>(
+            loop_,
+            [this](Lox::IpAddr source, Lox::IpAddr group, bool announced) {
+                writer_->write(source, group, announced);
+            },
+            namespaceFd, table);
+    table_ = table;
     filter_ = RouteFilter();
     doFilterRoutes();
 }
@@ -90,12 +111,13 @@ void Vrf::doStop() noexcept {
     };
     if (interfaces_) attempt([this] { interfaces_->doWithdrawAll(); });
     routes_ = nullptr;
+    table_ = 0;
     // A table that goes takes no groups along: they leave with their routes.
     if (writer_) attempt([this] { writer_->doWithdrawAll(); });
     if (writer_) attempt([this] { writer_->doRemove(); });
     writer_ = nullptr;
     interfaces_ = nullptr;
-    if (namespaceName_) attempt([this] { state_.allVrfStatusLocal->vrfDel(name_); });
+    if (where_ != VrfConfiguration()) attempt([this] { state_.allVrfStatusLocal->vrfDel(name_); });
 }
 
 void Vrf::doRenew() {
@@ -107,6 +129,7 @@ void Vrf::handleInterface(std::string const& name) {
     auto const proxy = proxies_.find(name);
     if (proxy != proxies_.end() && proxy->second != interfaces_->device(name).ifindex)
         doFilterSoon();
+    if (name == where_.device) doFollowRoutes(-1);
     observer_(name);
 }
 

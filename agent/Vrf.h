@@ -26,19 +26,19 @@ class Vrf {
     using Owns = InterfaceWriter::Owns;
     using Observer = InterfaceWriter::Observer;
 
-    /// `namespaceName` as namespaceOpen() takes it; nothing for the agent's own namespace. `state`,
+    /// `where`: the agent's own namespace without a device for the default VRF. `state`,
     /// `loop` and `obstacles`, which is told of the namespace, outlive this. The agent's own
     /// namespace is followed at once; throws std::system_error where the kernel refuses. Another
     /// one waits for doRetry().
     Vrf(IgmpHostProxy::PlatformState& state, EventLoop& loop, Obstacles& obstacles,
-        std::string name, std::optional<std::string> namespaceName, Owns owns, Observer observer);
+        std::string name, VrfConfiguration where, Owns owns, Observer observer);
     ~Vrf();
     /// Takes the interfaces down and forgets the routes. What fails is reported to the loop.
     void doStop() noexcept;
     Vrf(Vrf const&) = delete;
     Vrf& operator=(Vrf const&) = delete;
 
-    std::optional<std::string> const& namespaceName() const { return namespaceName_; }
+    VrfConfiguration const& where() const { return where_; }
     /// Does what the kernel has refused so far; to be called every few seconds.
     void doRetry();
     /// Null while the namespace is not there, or cannot be followed.
@@ -69,6 +69,8 @@ class Vrf {
     void setObstacle(std::string obstacle);
     std::string subject() const;
     void doStart(int namespaceFd);
+    void doFollowRoutes(int namespaceFd);
+    std::uint32_t tableNumber() const;
     void handleInterface(std::string const& name);
     void doFilterSoon();
     void doFilterRoutes();
@@ -77,7 +79,7 @@ class Vrf {
     EventLoop& loop_;
     Obstacles& obstacles_;
     L3::VrfName name_;
-    std::optional<std::string> namespaceName_;
+    VrfConfiguration where_;
     Owns owns_;
     Observer observer_;
     ForwardingTableConfiguration policy_;
@@ -89,6 +91,7 @@ class Vrf {
     std::unique_ptr<InterfaceWriter> interfaces_;
     std::unique_ptr<RouteWriter> writer_;
     std::unique_ptr<KernelRoutes> routes_;
+    std::uint32_t table_ = 0; ///< the number of theirs; 0 for none
     std::unique_ptr<NamespaceWatch> watch_;
 };
 

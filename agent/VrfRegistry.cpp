@@ -27,13 +27,13 @@ VrfRegistry::VrfRegistry(IgmpHostProxy::PlatformState& state, EventLoop& loop, O
           observer(name);
       }),
       retry_(loop, [this] { doRetry(); }) {
-    doAdd(defaultVrf, std::nullopt);
+    doAdd(defaultVrf, {});
 }
 
-void VrfRegistry::doAdd(std::string const& name, std::optional<std::string> namespaceName) {
-    vrfOfNamespace_[namespaceName.value_or("")] = name;
+void VrfRegistry::doAdd(std::string const& name, VrfConfiguration where) {
+    if (where.device.empty()) vrfOfNamespace_[where.namespaceName] = name;
     vrfs_[name] = std::make_unique<Vrf>(
-        state_, loop_, obstacles_, name, std::move(namespaceName),
+        state_, loop_, obstacles_, name, std::move(where),
         [this, name](std::string const& interface) { return vrfOf(interface) == name; }, observer_);
 }
 
@@ -50,15 +50,17 @@ void VrfRegistry::applyConfiguration(Configuration const& configuration) {
     auto const goes = [&](auto const& item) {
         if (item.first == defaultVrf) return false;
         auto const stays = configuration.vrfs.find(item.first);
-        return stays == configuration.vrfs.end() || stays->second != item.second->namespaceName();
+        return stays == configuration.vrfs.end() || stays->second != item.second->where();
     };
     for (auto const& item : vrfs_)
         if (goes(item)) item.second->doStop(); // while its interfaces can still be found
     std::erase_if(vrfs_, goes);
     vrfOfNamespace_.clear();
-    for (auto const& item : vrfs_) vrfOfNamespace_[namespaceName(item.first)] = item.first;
-    for (auto const& [name, namespaceName] : configuration.vrfs)
-        if (!vrfs_.contains(name)) doAdd(name, namespaceName);
+    for (auto const& item : vrfs_)
+        if (item.second->where().device.empty())
+            vrfOfNamespace_[namespaceName(item.first)] = item.first;
+    for (auto const& [name, where] : configuration.vrfs)
+        if (!vrfs_.contains(name)) doAdd(name, where);
     for (auto const& [name, vrf] : vrfs_)
         vrf->setRoutePolicy(configuration.forwardingTable, proxies[name]);
     doRetry();
@@ -154,7 +156,7 @@ InterfaceWriter* VrfRegistry::interfacesOf(std::string const& interface) const {
 
 std::string VrfRegistry::namespaceName(std::string const& vrf) const {
     auto const found = vrfs_.find(vrf);
-    return found == vrfs_.end() ? "" : found->second->namespaceName().value_or("");
+    return found == vrfs_.end() ? "" : found->second->where().namespaceName;
 }
 
 Whereabouts VrfRegistry::whereabouts(std::string const& interface,

@@ -34,7 +34,7 @@ class VrfRegistry {
         for (auto const& [name, vrf] : vrfs_)
             if (vrf->interfaces())
                 for (auto const& item : vrf->interfaces()->kernelInterfaces())
-                    visit(name, item.second.name);
+                    if (vrf->interfaces()->has(item.second)) visit(name, item.second.name);
     }
     /// Whether a VRF has such an interface; nothing while that is not known.
     std::optional<bool> exists(std::string const& vrf, std::string const& interface) const;
@@ -68,7 +68,7 @@ class VrfRegistry {
     std::string vrfOf(std::string const& interface) const;
     InterfaceWriter* interfacesOf(std::string const& interface) const;
     void doMoveInterfaces(std::map<std::string, std::string> vrfOfInterface);
-    void doAdd(std::string const& name, std::optional<std::string> namespaceName);
+    void doAdd(std::string const& name, VrfConfiguration where);
     void doForget(std::string const& interface);
     void doRetry();
 

@@ -64,10 +64,13 @@ int serve(Agent::Daemon::Options options) {
     Agent::logDiagnostics(reading.diagnostics);
     if (!reading.valid()) return 1;
     auto const former = formerRead(options.stateFile);
-    bool const entersNone = std::all_of(former.begin(), former.end(), [](auto const& interface) {
-        return interface.namespaceName.empty();
-    });
-    if (reading.configuration.vrfs.empty() && entersNone) Agent::capabilitiesLimit(false);
+    auto const& vrfs = reading.configuration.vrfs;
+    bool const entersNone =
+        std::all_of(former.begin(), former.end(),
+                    [](auto const& interface) { return interface.namespaceName.empty(); }) &&
+        std::all_of(vrfs.begin(), vrfs.end(),
+                    [](auto const& vrf) { return vrf.second.namespaceName.empty(); });
+    if (entersNone) Agent::capabilitiesLimit(false);
     Agent::Daemon daemon(std::move(options), std::move(reading.configuration), former);
     return daemon.run();
 }

@@ -187,9 +187,12 @@ void addSmall(JsonStream& stream, Configuration const& configuration) {
     if (!configuration.metricsListen.empty())
         stream.add("metrics", {{"listen", configuration.metricsListen}});
     json vrfs = json::object();
-    for (auto const& [name, space] : configuration.vrfs) {
+    for (auto const& [name, where] : configuration.vrfs) {
         vrfs[name] = json::object();
-        if (space != name) vrfs[name]["namespace"] = space;
+        if (!where.device.empty())
+            vrfs[name]["device"] = where.device;
+        else if (where.namespaceName != name)
+            vrfs[name]["namespace"] = where.namespaceName;
     }
     if (!vrfs.empty()) stream.add("vrf", vrfs);
 }

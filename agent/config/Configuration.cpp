@@ -100,12 +100,25 @@ class ConfigurationReader {
             auto const section = vrfs.section(name.value, &vrfKeys);
             if (!section) continue;
             section->checkKeys(name.value);
-            auto const space = section->text("namespace").value_or(name);
+            configuration_.vrfs[name.value] = readVrf(*section, name);
+        }
+    }
+
+    VrfConfiguration readVrf(TomlSection const& section, TomlText const& name) {
+        auto const device = section.text("device");
+        if (!device) {
+            auto const space = section.text("namespace").value_or(name);
             if (!isNamespace(space.value))
                 reportFound(space, "the name of a namespace as in ip netns, or a path",
                             diagnostics_);
-            configuration_.vrfs[name.value] = space.value;
+            return {space.value, {}};
         }
+        if (!isInterfaceName(device->value))
+            reportFound(*device, "the name of a VRF device", diagnostics_);
+        if (section.has("namespace"))
+            diagnostics_.addError(section.positionOf("device"),
+                                  "device stands beside namespace, expected one of them");
+        return {{}, device->value};
     }
 
     void doReadControl(TomlSection const& section) {

@@ -31,6 +31,11 @@
 //     [interface.up2]
 //     vrf = "red"
 //
+// or, where the VRF is a VRF device, are its ports:
+//
+//     [vrf.blue]
+//     device = "vrf-blue"
+//
 // And which routes of the multicast forwarding table make groups:
 //
 //     [forwarding-table]
@@ -120,6 +125,17 @@ struct ForwardingTableConfiguration {
 /// What holds for the interfaces whose names match InterfaceConfiguration::pattern.
 using InterfacePatterns = std::vector<InterfaceConfiguration>;
 
+/// Where the interfaces and the routes of a VRF are.
+struct VrfConfiguration {
+    /// As namespaceOpen() takes it; empty for the agent's own.
+    std::string namespaceName;
+    /// The VRF device there whose ports the interfaces are, and whose routing table has the routes;
+    /// empty for all interfaces, and the default table.
+    std::string device;
+
+    friend bool operator==(VrfConfiguration const&, VrfConfiguration const&) = default;
+};
+
 struct Configuration {
     /// By kernel name. The file's own; whoever puts it in force adds those that match a pattern.
     std::map<std::string, InterfaceConfiguration> interfaces;
@@ -127,8 +143,8 @@ struct Configuration {
     InterfacePatterns patterns;
     std::map<std::string, AccessListConfiguration> accessLists;
     std::map<std::string, AccessListLines> accessListLines;
-    /// Namespaces, as namespaceOpen() takes them, by VRF; without the default one.
-    std::map<std::string, std::string> vrfs;
+    /// Without the default one.
+    std::map<std::string, VrfConfiguration> vrfs;
     ForwardingTableConfiguration forwardingTable;
     /// Where the figures for monitoring are served, ADDRESS:PORT; empty for nowhere.
     std::string metricsListen;

@@ -49,7 +49,7 @@ constexpr Key ofFile[] = {
     {.name = "vrf",
      .type = Type::table,
      .takes = "`[vrf.NAME]`",
-     .effect = "The network namespaces other than the agent's own."},
+     .effect = "The network namespaces other than the agent's own, and VRF devices."},
 };
 
 constexpr Key ofInterface[] = {
@@ -183,6 +183,13 @@ constexpr Key ofMetrics[] = {
 };
 
 constexpr Key ofVrf[] = {
+    {.name = "device",
+     .type = Type::text,
+     .takes = "the name of a VRF device",
+     .standardText = "none",
+     .effect = "In place of a namespace: the VRF's interfaces are the ports of this device in the "
+               "agent's own namespace, and its routes are the multicast routes of the device's "
+               "table. Needs no CAP_SYS_ADMIN. One that does not exist is waited for."},
     {.name = "namespace",
      .type = Type::text,
      .takes = "a name as in `ip netns`, or a path",

@@ -39,7 +39,24 @@ Lox::IpAddr InterfaceWriter::address(std::string const& name) const {
 
 std::optional<std::string> InterfaceWriter::obstacle(std::string const& name) const {
     if (!synchronized()) return std::nullopt;
-    return obstacleOf(device(name).kernel);
+    KernelInterface const* const kernel = device(name).kernel;
+    if (!kernel && kernel_.device(name).kernel) return "is no port of " + place_.vrfDevice;
+    return obstacleOf(kernel);
+}
+
+Device InterfaceWriter::device(std::string const& name) const {
+    Device const found = kernel_.device(name);
+    return found.kernel && has(*found.kernel) ? found : Device();
+}
+
+bool InterfaceWriter::has(KernelInterface const& interface) const {
+    return place_.vrfDevice.empty() ||
+           (interface.master != 0 && interface.master == kernel_.device(place_.vrfDevice).ifindex);
+}
+
+std::uint32_t InterfaceWriter::vrfTable() const {
+    KernelInterface const* const kernel = kernel_.device(place_.vrfDevice).kernel;
+    return kernel ? kernel->vrfTable : 0;
 }
 
 /// Whoever calls this logs what is thrown, and goes on.
@@ -65,9 +82,20 @@ void InterfaceWriter::doPublishInterface(int ifindex) {
     if (!before.empty() && (!kernel || kernel->name != before)) doPublish(before);
     doPublishKernelInterface(ifindex);
     if (kernel) doPublish(kernel->name);
+    if (!place_.vrfDevice.empty() &&
+        (before == place_.vrfDevice || (kernel && kernel->name == place_.vrfDevice)))
+        doPublishPorts();
+}
+
+/// The VRF device came, went, or got another name.
+void InterfaceWriter::doPublishPorts() {
+    std::map<int, std::string> const names = names_;
+    for (auto const& [ifindex, name] : names)
+        if (name != place_.vrfDevice) doPublish(name);
 }
 
 void InterfaceWriter::doPublishKernelInterface(int ifindex) {
+    if (!place_.vrfDevice.empty()) return; // the default VRF's tells of the whole namespace
     KernelNetInfo::Status* const table = state_.kni(place_.networkNamespace);
     if (!table) return;
     auto const index = std::uint32_t(ifindex);

@@ -20,6 +20,8 @@ class InterfaceWriter {
         L3::VrfName vrf;
         Lox::NamespaceName networkNamespace;
         int namespaceFd = -1; ///< negative for the process's own; outlived by its owner
+        /// Only the ports of this VRF device are this VRF's; empty for all interfaces.
+        std::string vrfDevice = {};
     };
     /// Whether the configuration has the interface of that name in this VRF.
     using Owns = std::function<bool(std::string const& name)>;
@@ -37,7 +39,12 @@ class InterfaceWriter {
     /// Begins a reading again that the kernel has given up; to be called every few seconds.
     void doRetry();
     std::map<int, KernelInterface> const& kernelInterfaces() const { return kernel_.interfaces(); }
-    Device device(std::string const& name) const { return kernel_.device(name); }
+    /// Null for another VRF's.
+    Device device(std::string const& name) const;
+    /// Whether an interface of the namespace is this VRF's.
+    bool has(KernelInterface const& interface) const;
+    /// Of the VRF device; 0 while there is none.
+    std::uint32_t vrfTable() const;
     /// Empty for no interface.
     std::string name(int ifindex) const {
         KernelInterface const* const found = kernel_.interface(ifindex);
@@ -63,6 +70,7 @@ class InterfaceWriter {
     void doFollow();
     void doReopen();
     void doPublishInterface(int ifindex);
+    void doPublishPorts();
     void handleInterface(int ifindex);
     void doPublishKernelInterface(int ifindex);
     void doPublishUsable(Lox::IntfId const& intfId, Lox::IpAddr usableAddress);

@@ -256,6 +256,33 @@ TEST_F(AgentRoutesTest, DenyAllKeepsRoutesOutUntilTheLastOneGoes) {
 }
 
 /// A second VRF, "red", whose interface up1 has the address of the other one's up0.
+/// There is no VRF device in many kernels; as far as links go a bridge looks like one.
+TEST_F(AgentRoutesTest, PortsOfAVrfDeviceAreItsInterfaces) {
+    near->addRoute("10.0.0.1", "239.1.1.2"); // of another VRF's table
+    start("[vrf.red]\ndevice = 'vrf-red'\n[interface.up0]\nvrf = 'red'\n"
+          "unsolicited-report-interval = 0.1\n[interface.up0.group]\n'239.1.1.1' = {}\n");
+    Lines const joins{"TO_EX 239.1.1.1", "TO_EX 239.1.1.1"};
+    Lines const leaves{"TO_IN 239.1.1.1", "TO_IN 239.1.1.1"};
+    EXPECT_TRUE(agent->says("up0: is no port of vrf-red")) << agent->output();
+    net->nearIp("link add vrf-red type bridge");
+    net->nearIp("link set vrf-red up");
+    EXPECT_TRUE(wire->hearsOnly({}));
+    net->nearIp("link set up0 master vrf-red");
+    EXPECT_TRUE(wire->hearsOnly(joins)) << agent->output();
+    EXPECT_EQ(nlohmann::json::parse(ask("interfaces --json").text).at("interfaces")[0].at("vrf"),
+              "red");
+    net->nearIp("link set up0 nomaster");
+    EXPECT_TRUE(wire->hearsOnly(leaves)) << agent->output();
+    net->nearIp("link set up0 master vrf-red");
+    EXPECT_TRUE(wire->hearsOnly(joins));
+    net->nearIp("link set vrf-red down name vrf-blue");
+    EXPECT_TRUE(wire->hearsOnly(leaves));
+    net->nearIp("link set vrf-blue name vrf-red");
+    EXPECT_TRUE(wire->hearsOnly(joins));
+    net->nearIp("link del vrf-red");
+    EXPECT_TRUE(wire->hearsOnly(leaves));
+}
+
 class AgentVrfTest : public AgentRoutesTest {
   protected:
     void SetUp() override {

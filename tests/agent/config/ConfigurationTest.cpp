@@ -46,6 +46,8 @@ vrf = "red"
 [vrf.red]
 [vrf.blue]
 namespace = "/proc/1/ns/net"
+[vrf.green]
+device = "vrf-green"
 )";
 
 TEST(ConfigurationTest, FileBecomesAPlainValue) {
@@ -77,7 +79,9 @@ TEST(ConfigurationTest, FileBecomesAPlainValue) {
     EXPECT_EQ(configurationParse("[interface.up0]", "f").configuration.interfaces.at("up0"),
               InterfaceConfiguration());
     EXPECT_EQ(reading.configuration.vrfs,
-              (std::map<std::string, std::string>{{"red", "red"}, {"blue", "/proc/1/ns/net"}}));
+              (std::map<std::string, VrfConfiguration>{{"red", {"red", {}}},
+                                                       {"blue", {"/proc/1/ns/net", {}}},
+                                                       {"green", {{}, "vrf-green"}}}));
 }
 
 TEST(ConfigurationTest, TheLongestPrefixDecidesOverAGroup) {
