@@ -6,6 +6,8 @@
 #include <cmath>
 #include <fmt/format.h>
 #include <numeric>
+#include <sstream>
+#include <string>
 #include <utility>
 
 namespace Agent {
@@ -156,7 +158,10 @@ std::optional<toml::table> tomlParse(std::string_view text, std::string const& f
         return std::nullopt;
     }
     try {
-        return toml::parse(text, file);
+        // Not the text itself: for that the parser keeps the name of the file in a function that
+        // must not throw, and so ends the program where there is no memory.
+        std::istringstream stream{std::string(text)};
+        return toml::parse(stream, file);
     } catch (toml::parse_error const& error) {
         diagnostics.addError(Agent::positionOf(error.source()), wordsOf(error, text));
     }
