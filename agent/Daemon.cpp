@@ -112,9 +112,7 @@ void Daemon::doOpenControl() {
     }
 }
 
-/// At the end of a turn: a configuration that wants them elsewhere may have come into force.
-void Daemon::doServeMetrics() {
-    std::string const& listen = writer_.configuration().metricsListen;
+void Daemon::doServeMetrics(std::string const& listen) {
     if (listen == metricsListen_) return;
     metricsListen_ = listen;
     metrics_.reset();
@@ -278,7 +276,6 @@ void Daemon::handleTurn() {
     }
     if (std::exchange(configured_, false)) doFollowConfiguration();
     vrfs_->handleTurn();
-    doServeMetrics();
     if (obstacles_.handleTurn()) service_.handleChange();
     trimmer_.handleTurn();
     reloader_.handleTurn();
@@ -301,6 +298,7 @@ void Daemon::doFollowConfiguration() {
     if (control_)
         obstacles_.report("the control socket",
                           control_->setGroup(writer_.configuration().controlGroup));
+    doServeMetrics(writer_.configuration().metricsListen);
     service_.handleChange();
 }
 

@@ -78,7 +78,7 @@ class Daemon : private Reloader::Target {
     void doFollowSignals();
     RpcMethods methods();
     void doOpenControl();
-    void doServeMetrics();
+    void doServeMetrics(std::string const& listen);
     std::size_t usableCount() const;
     std::string statusText() const;
     nlohmann::json statusJson() const;

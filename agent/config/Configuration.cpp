@@ -34,11 +34,6 @@ bool isInterfaceName(std::string_view name) {
            name.find_first_of(notInInterfaces) == std::string_view::npos;
 }
 
-/// Whether a name stands for all that match it.
-bool isPattern(std::string_view name) {
-    return name.find_first_of("*?[") != std::string_view::npos;
-}
-
 /// Whether `name` matches any name that Linux gives.
 bool isInterfacePattern(std::string_view name) {
     auto const open = name.rfind('[');

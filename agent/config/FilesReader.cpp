@@ -52,10 +52,6 @@ std::string contentOf(std::string const& path, std::size_t most, struct stat& st
     return content;
 }
 
-bool isPattern(std::string_view path) {
-    return path.find_first_of("*?[") != std::string_view::npos;
-}
-
 /// The files that a pattern matches, in the order of their names. Throws std::runtime_error.
 std::vector<std::string> matches(std::string const& pattern) {
     glob_t found{};
@@ -191,6 +187,10 @@ class FilesReader {
 };
 
 } // namespace
+
+bool isPattern(std::string_view name) {
+    return name.find_first_of("*?[") != std::string_view::npos;
+}
 
 std::optional<toml::table> filesRead(std::string const& file, Diagnostics& diagnostics) {
     for (unsigned attempt = 0; attempt < mostAttempts; ++attempt) {

@@ -18,7 +18,7 @@ namespace Agent {
 namespace {
 
 constexpr unsigned mostConnections = 16;
-constexpr unsigned patienceSeconds = 30;
+constexpr unsigned idleSeconds = 30;
 /// Of an answer that lie ready to be sent.
 constexpr std::size_t pieceOctets = 32 << 10;
 constexpr char contentType[] = "application/openmetrics-text; version=1.0.0; charset=utf-8";
@@ -111,7 +111,7 @@ MetricsServer::MetricsServer(EventLoop& loop, std::string const& address, Begin 
     daemon_.reset(MHD_start_daemon(MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr,
                                    handleRequest, this, MHD_OPTION_LISTEN_SOCKET, socket.get(),
                                    MHD_OPTION_CONNECTION_LIMIT, mostConnections,
-                                   MHD_OPTION_CONNECTION_TIMEOUT, patienceSeconds, MHD_OPTION_END));
+                                   MHD_OPTION_CONNECTION_TIMEOUT, idleSeconds, MHD_OPTION_END));
     if (!daemon_) throw std::system_error(ENOMEM, std::generic_category(), "microhttpd");
     socket.release(); // closed by the daemon
     fd_ = MHD_get_daemon_info(daemon_.get(), MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd;

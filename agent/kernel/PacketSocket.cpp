@@ -22,7 +22,7 @@ namespace {
 constexpr std::size_t batch = 32;
 constexpr std::size_t largestPacket = 9216;
 constexpr unsigned mostBatchesInTurn = 8;
-constexpr double patienceSeconds = 1; // with an interface that takes no packet
+constexpr double refusalSeconds = 1; // with an interface that takes no packet
 constexpr int sendBufferBytes = 4 << 20;
 
 bool muted = false;
@@ -164,7 +164,7 @@ int PacketSocket::flush(double now) {
         if (result == -EAGAIN) return EAGAIN;
         if (result == -ENOBUFS) {
             refusingSince_ = std::min(refusingSince_, now);
-            if (now < refusingSince_ + patienceSeconds) return ENOBUFS;
+            if (now < refusingSince_ + refusalSeconds) return ENOBUFS;
         }
         if (result < 0)
             doDrop(-result);

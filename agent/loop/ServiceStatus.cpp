@@ -10,7 +10,7 @@ namespace Agent {
 
 namespace {
 
-constexpr double gatherSeconds = 1;
+constexpr double tellSeconds = 1;
 
 double lifeSeconds() {
     char const* const microseconds = std::getenv("WATCHDOG_USEC");
@@ -31,7 +31,7 @@ ServiceStatus::ServiceStatus(EventLoop& loop, std::function<std::string()> text)
 }
 
 void ServiceStatus::handleChange() {
-    if (heard_ && !std::exchange(awaited_, true)) change_.arm(gatherSeconds);
+    if (heard_ && !std::exchange(awaited_, true)) change_.arm(tellSeconds);
 }
 
 void ServiceStatus::doTell() {
