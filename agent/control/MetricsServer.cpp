@@ -81,7 +81,7 @@ MHD_Result handleRequest(void* context, MHD_Connection* connection, char const* 
         MHD_Response* const response = MHD_create_response_from_callback(
             MHD_SIZE_UNKNOWN, pieceOctets, readPiece, scrape.get(), freeScrape);
         if (!response) return MHD_NO;
-        scrape.release();
+        [[maybe_unused]] Scrape* const freedLater = scrape.release();
         MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, contentType);
         return respond(connection, MHD_HTTP_OK, response);
     } catch (std::exception const&) {
