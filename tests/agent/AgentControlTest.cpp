@@ -177,7 +177,7 @@ TEST_F(AgentControlTest, DiffSaysWhatAReloadThenDoes) {
     auto const stateText = [](nlohmann::json const& state) {
         return state.is_null() ? "" : state.at("mode").dump() + state.at("sources").dump();
     };
-    for (int round = 0; round < 8; ++round) {
+    for (int round = 0; round < 5; ++round) {
         auto const before = announced();
         folder.write("ihproxyd.toml", randomConfiguration(random));
         // Leaves of the round before are told for a second.
