@@ -49,7 +49,7 @@ void addLacks(std::vector<Lack>& lacks, Configuration const& configuration, std:
         KernelInterface const* const found = kernel.device(name).kernel;
         std::string reason = obstacleOf(found);
         if (reason.empty() && !vrfDevice.empty() && found->master != master)
-            reason = "is no port of " + vrfDevice;
+            reason = noPortOf(vrfDevice);
         if (!reason.empty()) lacks.push_back({name, reason});
     };
     for (auto const& [name, interface] : configuration.interfaces)

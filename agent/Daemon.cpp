@@ -170,8 +170,7 @@ IgmpHostPort::Location Daemon::locate(std::string const& name,
     Configuration const& file = writer_.configuration();
     auto const wanted = file.interfaces.find(name);
     if (wanted != file.interfaces.end()) {
-        auto const vrf = file.vrfs.find(wanted->second.vrf);
-        if (namespaceName == (vrf == file.vrfs.end() ? "" : vrf->second.namespaceName))
+        if (namespaceName == file.namespaceOf(wanted->second.vrf))
             location.configuration = &wanted->second;
     }
     location.settled = ready_ && (!location.configuration || settled(name, wanted->second.vrf));

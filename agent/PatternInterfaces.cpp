@@ -21,10 +21,7 @@ void PatternInterfaces::doMatch(Configuration& configuration, VrfRegistry const&
         InterfaceConfiguration const* const entry = configuration.entryFor(name);
         if (!entry || entry->pattern.empty() || entry->vrf != vrf) return;
         // Another namespace tells of its interfaces as it is read.
-        auto const space = configuration.vrfs.find(vrf);
-        if (vrfs.namespaceName(vrf) !=
-            (space == configuration.vrfs.end() ? "" : space->second.namespaceName))
-            return;
+        if (vrfs.namespaceName(vrf) != configuration.namespaceOf(vrf)) return;
         configuration.interfaces.emplace(name, *entry);
     });
 }

@@ -100,11 +100,11 @@ void Rehearsal::doCutOff() {
     FileDescriptor const null(checked(open("/dev/null", O_RDWR | O_CLOEXEC), "/dev/null"));
     // Can be waited for, as a socket can.
     FileDescriptor const nowhere(checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd"));
+    std::set const kept{null.get(), nowhere.get(), pipe_.get(), found_.get()};
     for (int const fd : openDescriptors())
         if (fd <= STDERR_FILENO)
             checked(dup2(null.get(), fd), "dup2");
-        else if (std::set{null.get(), nowhere.get(), pipe_.get(), found_.get()}.count(fd) == 0 &&
-                 !isNamespace(fd))
+        else if (!kept.contains(fd) && !isNamespace(fd))
             checked(dup3(nowhere.get(), fd, O_CLOEXEC), "dup3");
     loop_.doBecomeCopy();
 }

@@ -155,6 +155,11 @@ struct Configuration {
     /// The group of users who may use the control socket; empty for the agent's own.
     std::string controlGroup;
 
+    /// Of a VRF; empty for the agent's own, which the default one is in.
+    std::string namespaceOf(std::string const& vrf) const {
+        auto const found = vrfs.find(vrf);
+        return found == vrfs.end() ? "" : found->second.namespaceName;
+    }
     /// What holds for an interface of that name, if there is one: its own section, failing that the
     /// first pattern that matches. Null for nothing.
     InterfaceConfiguration const* entryFor(std::string const& name) const;

@@ -17,6 +17,8 @@ struct Device {
 
 /// What keeps an interface from being used, in words: null does not exist. Empty for nothing.
 std::string obstacleOf(KernelInterface const* kernel);
+/// The same of one that is there, but not in the VRF of that VRF device.
+inline std::string noPortOf(std::string const& vrfDevice) { return "is no port of " + vrfDevice; }
 
 /// Where an interface is now, and the namespace to open sockets in.
 struct Whereabouts {

@@ -31,12 +31,11 @@ ServiceStatus::ServiceStatus(EventLoop& loop, std::function<std::string()> text)
 }
 
 void ServiceStatus::handleChange() {
-    if (heard_ && !std::exchange(awaited_, true)) change_.arm(tellSeconds);
+    if (heard_ && !change_.armed()) change_.arm(tellSeconds);
 }
 
 void ServiceStatus::doTell() {
     if (!heard_) return;
-    awaited_ = false;
     change_.disarm();
     std::string text = text_();
     if (text == told_) return;

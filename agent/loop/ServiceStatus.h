@@ -28,7 +28,6 @@ class ServiceStatus {
     std::function<std::string()> text_;
     bool heard_; ///< there is somebody to tell
     std::string told_;
-    bool awaited_ = false; ///< the alarm is armed
     Alarm change_;
     double lifeSeconds_; ///< between two signs of life; 0: nobody waits for them
     Alarm life_;

@@ -40,7 +40,7 @@ Lox::IpAddr InterfaceWriter::address(std::string const& name) const {
 std::optional<std::string> InterfaceWriter::obstacle(std::string const& name) const {
     if (!synchronized()) return std::nullopt;
     KernelInterface const* const kernel = device(name).kernel;
-    if (!kernel && kernel_.device(name).kernel) return "is no port of " + place_.vrfDevice;
+    if (!kernel && kernel_.device(name).kernel) return noPortOf(place_.vrfDevice);
     return obstacleOf(kernel);
 }
 
