@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <linux/if.h>
 #include <linux/if_addr.h>
 #include <linux/if_link.h>
@@ -64,6 +65,12 @@ Lox::IpAddr KernelInterface::primaryAddress() const {
     return (primary == addresses.end() ? addresses.front() : *primary).local;
 }
 
+std::map<int, KernelInterface>::const_iterator InterfaceTable::find(std::string_view name) const {
+    auto const at = names_.lower_bound({std::string(name), INT_MIN});
+    return at == names_.end() || at->first != name ? interfaces_.end()
+                                                   : interfaces_.find(at->second);
+}
+
 std::optional<int> InterfaceTable::readMessage(nlmsghdr const& message) {
     switch (message.nlmsg_type) {
     case RTM_NEWLINK:
@@ -82,8 +89,13 @@ std::optional<int> InterfaceTable::handleLink(nlmsghdr const& message) {
     auto const& header = *static_cast<ifinfomsg const*>(mnl_nlmsg_get_payload(&message));
     // A bridge tells of its ports in messages of the same type, and "deletes" one that leaves.
     if (header.ifi_family != AF_UNSPEC) return std::nullopt;
-    if (message.nlmsg_type == RTM_DELLINK)
-        return interfaces_.erase(header.ifi_index) ? std::optional(header.ifi_index) : std::nullopt;
+    auto at = interfaces_.find(header.ifi_index);
+    if (message.nlmsg_type == RTM_DELLINK) {
+        if (at == interfaces_.end()) return std::nullopt;
+        names_.erase({at->second.name, header.ifi_index});
+        interfaces_.erase(at);
+        return header.ifi_index;
+    }
 
     // Without a name it is an event of a driver (wireless scans), which tells no state.
     auto const name = attributes.text(IFLA_IFNAME);
@@ -96,10 +108,14 @@ std::optional<int> InterfaceTable::handleLink(nlmsghdr const& message) {
                          int(attributes.u32(IFLA_MASTER).value_or(0)),
                          vrfTable(attributes),
                          {}};
-    KernelInterface& known = interfaces_[header.ifi_index];
-    link.addresses = known.addresses;
-    if (link == known) return std::nullopt;
-    known = std::move(link);
+    if (at != interfaces_.end()) link.addresses = at->second.addresses;
+    if (at != interfaces_.end() && link == at->second) return std::nullopt;
+    // What needs memory comes first: an interface never stands without its name.
+    names_.emplace(link.name, header.ifi_index);
+    if (at == interfaces_.end()) at = interfaces_.try_emplace(header.ifi_index).first;
+    if (!at->second.name.empty() && at->second.name != link.name)
+        names_.erase({at->second.name, header.ifi_index});
+    at->second = std::move(link);
     return header.ifi_index;
 }
 

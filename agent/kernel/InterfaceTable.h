@@ -8,7 +8,10 @@
 #include <libmnl/libmnl.h>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Agent {
@@ -51,6 +54,9 @@ class InterfaceTable {
   public:
     /// By kernel index.
     std::map<int, KernelInterface> const& interfaces() const { return interfaces_; }
+    /// The interface of that name, or `interfaces().end()`. Where a dump has caught two in the
+    /// middle of a change of names, the one with the lower index.
+    std::map<int, KernelInterface>::const_iterator find(std::string_view name) const;
 
     /// Takes in an rtnetlink message. Returns the index of the interface that it changed, if any.
     /// Messages of other kinds change nothing; for a malformed one throws Nex::ParseException and
@@ -62,6 +68,7 @@ class InterfaceTable {
     std::optional<int> handleAddress(nlmsghdr const& message);
 
     std::map<int, KernelInterface> interfaces_;
+    std::set<std::pair<std::string, int>> names_; ///< of these, with their indexes
 };
 
 } // namespace Agent

@@ -2,7 +2,6 @@
 
 #include "agent/loop/Log.h"
 
-#include <algorithm>
 #include <linux/rtnetlink.h>
 #include <set>
 #include <utility>
@@ -50,8 +49,7 @@ KernelInterface const* KernelInterfaces::interface(int ifindex) const {
 }
 
 Device KernelInterfaces::device(std::string_view name) const {
-    auto const found = std::find_if(interfaces().begin(), interfaces().end(),
-                                    [&](auto const& entry) { return entry.second.name == name; });
+    auto const found = table_.find(name);
     return found == interfaces().end() ? Device() : Device{found->first, &found->second};
 }
 
