@@ -19,7 +19,7 @@ std::string sourceText(Lox::IpAddr source) {
     return source.isZero() ? "any" : source.stringValue();
 }
 
-/// Of a time of the engine's; null for never.
+/// Of a time in seconds of the loop's clock; null for never.
 json since1970(std::uint32_t time) {
     return time == 0 ? json() : json(secondsSince1970() - (EventLoop::now() - time));
 }
@@ -133,8 +133,7 @@ class Inquiry {
         RouteTable const* const routes = view_.vrfs.routes(configured.vrf);
         for (Lox::IpAddr const source : routeSources(view_, configured.vrf, group_)) {
             RouteEntry const* const route = routes ? routes->route({source, group_}) : nullptr;
-            doAdd({{"kind", "route"}, {"incoming", incomingName(configured.vrf, route)}}, source,
-                  true);
+            doAdd(routeJson(configured.vrf, route), source, true);
             if (!owner_.empty())
                 obstacles_.push_back(fmt::format("route ({}, {}): {} has the group",
                                                  sourceText(source), group_.stringValue(), owner_));
@@ -156,13 +155,28 @@ class Inquiry {
                 reason = "no output interface (require-output)";
             else if (why == RouteTable::Withheld::foreignIncoming)
                 reason = fmt::format("comes in by {}, no interface of the configuration (incoming)",
-                                     incomingName(configured.vrf, &route));
+                                     interfaceName(configured.vrf, route.incoming));
             obstacles_.push_back(fmt::format("route ({}, {}): {}", sourceText(source),
                                              group_.stringValue(), reason));
         });
     }
-    std::string incomingName(std::string const& vrf, RouteEntry const* route) const {
-        return printable(view_.vrfs.interfaceName(vrf, route ? route->incoming : 0));
+    /// Null for a route that the kernel has no longer, but whose end has not been followed yet.
+    json routeJson(std::string const& vrf, RouteEntry const* route) const {
+        json wish{{"kind", "route"},
+                  {"incoming", interfaceName(vrf, route ? route->incoming : 0)},
+                  {"outputs", json::array()},
+                  {"furtherOutputs", 0},
+                  {"since", route ? since1970(route->since) : json()}};
+        if (!route) return wish;
+        auto const& [first, count] = route->outputs;
+        std::size_t const named = std::min<std::size_t>(first.size(), count);
+        for (std::size_t i = 0; i < named; ++i)
+            wish["outputs"].push_back(interfaceName(vrf, first[i]));
+        wish["furtherOutputs"] = count - named;
+        return wish;
+    }
+    std::string interfaceName(std::string const& vrf, int index) const {
+        return printable(view_.vrfs.interfaceName(vrf, index));
     }
 
     AgentView const& view_;

@@ -183,6 +183,18 @@ std::string routesText(json const& answer) {
     return table.text();
 }
 
+std::string routeText(json const& wish, std::string const& group) {
+    auto outputs = wish.at("outputs").get<std::vector<std::string>>();
+    if (auto const further = wish.at("furtherOutputs").get<unsigned>(); further > 0)
+        outputs.push_back(fmt::format("{} more", further));
+    std::string text = fmt::format("route ({}, {}) from {}", wish.at("source").get<std::string>(),
+                                   group, wish.at("incoming").get<std::string>());
+    if (!outputs.empty()) text += fmt::format(" to {}", fmt::join(outputs, ", "));
+    if (json const& since = wish.at("since"); !since.is_null())
+        text += ", since " + timeText(since);
+    return text;
+}
+
 /// One line for each wish, under its source.
 std::string whyText(json const& answer) {
     std::string text =
@@ -204,9 +216,7 @@ std::string whyText(json const& answer) {
                                wish.at("sequence").dump(), wish.at("action").get<std::string>(),
                                source, wish.at("destination").get<std::string>());
         else if (kind == "route")
-            what =
-                fmt::format("route ({}, {}) from {}", source, answer.at("group").get<std::string>(),
-                            wish.at("incoming").get<std::string>());
+            what = routeText(wish, answer.at("group"));
         if (wish.contains("line")) what += "  " + placeText(wish);
         if (!wish.at("counts").get<bool>()) what += "  (does not count)";
         std::string const head = source == last ? "" : source;

@@ -4,6 +4,7 @@
 #include "Lox/IpAddr.h"
 #include "Nex/Hash.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <utility>
@@ -25,6 +26,13 @@ struct RouteName {
     };
 };
 
+/// The interfaces by which a route goes out, in the kernel's order: the first few, and their
+/// number.
+struct RouteOutputs {
+    std::array<int, 3> first{}; ///< by kernel index
+    std::uint8_t count = 0;     ///< the kernel has 32 at most
+};
+
 struct RouteEntry;
 /// As a hash map holds it, which neither moves it nor spends a second copy of the name.
 using RouteNode = std::pair<RouteName const, RouteEntry>;
@@ -33,9 +41,10 @@ struct RouteEntry {
     // The neighbours in its ring.
     RouteNode* previous = nullptr;
     RouteNode* next = nullptr;
-    int incoming = 0;         ///< interface, by kernel index; 0 if it has gone
+    int incoming = 0;        ///< interface, by kernel index; 0 if it has gone
+    std::uint32_t since = 0; ///< when it was first told, in seconds of the loop's clock
+    RouteOutputs outputs;
     std::uint16_t toldBy = 0; ///< number of the last dump that did
-    bool output : 1 = false;  ///< at least one
     bool announced : 1 = false;
     bool withheld : 1 = false; ///< among those that are not announced
 };

@@ -1,6 +1,7 @@
 #include "agent/kernel/RouteTable.h"
 
 #include "agent/kernel/Netlink.h"
+#include "agent/loop/EventLoop.h"
 
 #include <cstring>
 #include <iterator>
@@ -49,7 +50,7 @@ void RouteTable::readMessage(nlmsghdr const& message, bool ofDump) {
     RouteName const name{routeAddress(attributes.octets(RTA_SRC)),
                          routeAddress(attributes.octets(RTA_DST))};
     auto const incoming = int(attributes.u32(RTA_IIF).value_or(0));
-    bool const output = handleOutputs(attributes.octets(RTA_MULTIPATH));
+    RouteOutputs const outputs = handleOutputs(attributes.octets(RTA_MULTIPATH));
     if (!name.group.isMulticast()) return;
     bool const unresolved = (header.rtm_flags & RTNH_F_UNRESOLVED) != 0;
     if (ofDump && notified_.count(name) != 0) return handleOvertaken(name, unresolved);
@@ -61,7 +62,7 @@ void RouteTable::readMessage(nlmsghdr const& message, bool ofDump) {
     if (gone || unresolved)
         handleGone(name);
     else
-        handleRoute(name, incoming, output, ofDump);
+        handleRoute(name, incoming, outputs, ofDump);
 }
 
 /// The dump tells what a notification has told already.
@@ -73,8 +74,8 @@ void RouteTable::handleOvertaken(RouteName const& name, bool unresolved) {
         ++skipped_;
 }
 
-bool RouteTable::handleOutputs(std::span<std::uint8_t const> nextHops) {
-    bool any = false;
+RouteOutputs RouteTable::handleOutputs(std::span<std::uint8_t const> nextHops) {
+    RouteOutputs outputs;
     while (!nextHops.empty()) {
         rtnexthop hop{};
         if (nextHops.size() >= sizeof hop) std::memcpy(&hop, nextHops.data(), sizeof hop);
@@ -82,10 +83,11 @@ bool RouteTable::handleOutputs(std::span<std::uint8_t const> nextHops) {
         if (hop.rtnh_len < sizeof hop || step > nextHops.size())
             throw Nex::ParseException("route output of the wrong length");
         interfaces_.insert(hop.rtnh_ifindex);
-        any = true;
+        if (outputs.count < outputs.first.size()) outputs.first[outputs.count] = hop.rtnh_ifindex;
+        if (outputs.count < UINT8_MAX) ++outputs.count;
         nextHops = nextHops.subspan(step);
     }
-    return any;
+    return outputs;
 }
 
 std::size_t RouteTable::mapOf(RouteName const& name) {
@@ -105,16 +107,19 @@ RouteEntry const* RouteTable::route(RouteName const& name) const {
     return found == routes.end() ? nullptr : &found->second;
 }
 
-void RouteTable::handleRoute(RouteName const& name, int incoming, bool output, bool ofDump) {
+void RouteTable::handleRoute(RouteName const& name, int incoming, RouteOutputs const& outputs,
+                             bool ofDump) {
     RouteRing& ring = ringOf(incoming);
     auto const [at, fresh] = routes_[mapOf(name)].try_emplace(name);
     RouteEntry& route = at->second;
-    if (fresh)
+    if (fresh) {
         ++routeCount_;
-    else
+        route.since = std::uint32_t(EventLoop::now());
+    } else {
         RouteRing::remove(*at);
+    }
     route.incoming = incoming;
-    route.output = output;
+    route.outputs = outputs;
     if (ofDump && dumping_)
         route.toldBy = dumpNumber_;
     else if (ofDump && skipped_ > 0)
@@ -164,13 +169,14 @@ void RouteTable::doDrop(RouteNode& node) {
 }
 
 bool RouteTable::passes(RouteEntry const& route) const {
-    if (route.incoming == 0 || (filter_.requireOutput && !route.output)) return false;
+    if (route.incoming == 0 || (filter_.requireOutput && route.outputs.count == 0)) return false;
     return filter_.anyIncoming || filter_.proxyInterfaces.count(route.incoming) != 0;
 }
 
 RouteTable::Withheld RouteTable::whyWithheld(RouteEntry const& route) const {
     if (route.incoming == 0) return Withheld::incomingGone;
-    return filter_.requireOutput && !route.output ? Withheld::noOutput : Withheld::foreignIncoming;
+    return filter_.requireOutput && route.outputs.count == 0 ? Withheld::noOutput
+                                                             : Withheld::foreignIncoming;
 }
 
 void RouteTable::beginReading() {

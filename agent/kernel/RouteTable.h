@@ -110,11 +110,11 @@ class RouteTable {
     static std::size_t mapOf(RouteName const& name);
     RouteNode* find(RouteName const& name);
 
-    void handleRoute(RouteName const& name, int incoming, bool output, bool ofDump);
+    void handleRoute(RouteName const& name, int incoming, RouteOutputs const& outputs, bool ofDump);
     void handleOvertaken(RouteName const& name, bool unresolved);
     void handleGone(RouteName const& name);
-    /// Whether the route leads anywhere. Throws Nex::ParseException.
-    bool handleOutputs(std::span<std::uint8_t const> nextHops);
+    /// Where the route leads. Throws Nex::ParseException.
+    RouteOutputs handleOutputs(std::span<std::uint8_t const> nextHops);
     /// Of the routes that come in there. Asked for while the route is still in another ring: it may
     /// find no memory.
     RouteRing& ringOf(int incoming);

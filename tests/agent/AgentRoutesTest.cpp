@@ -144,7 +144,7 @@ TEST_F(AgentRoutesTest, OnlyRoutesThatTheFileAsksForAreAnnounced) {
         EXPECT_TRUE(learned(table)) << file.table;
     }
     for (auto const& [group, why] :
-         {std::pair("1", "(10.0.0.1, 239.1.1.1) from up0\n"),
+         {std::pair("1", "(10.0.0.1, 239.1.1.1) from up0 to out0, since "),
           std::pair("2", "(10.0.0.1, 239.1.1.2): no output interface (require-output)\n"),
           std::pair("3", "comes in by out0, no interface of the configuration (incoming)\n"),
           std::pair("4", "nobody asks for it")})
