@@ -97,7 +97,6 @@ void Vrf::doFollowRoutes(int namespaceFd) {
             },
             namespaceFd, table);
     table_ = table;
-    filter_ = RouteFilter();
     doFilterRoutes();
 }
 
@@ -127,10 +126,25 @@ void Vrf::doRenew() {
 
 void Vrf::handleInterface(std::string const& name) {
     auto const proxy = proxies_.find(name);
-    if (proxy != proxies_.end() && proxy->second != interfaces_->device(name).ifindex)
-        doFilterSoon();
+    if (proxy != proxies_.end()) doPlaceProxy(*proxy);
     if (name == where_.device) doFollowRoutes(-1);
     observer_(name);
+}
+
+/// Where a proxy interface is may have changed. Another one may have taken the place that it had.
+void Vrf::doPlaceProxy(std::pair<std::string const, int>& proxy) {
+    int const ifindex = interfaces_ ? interfaces_->device(proxy.first).ifindex : 0;
+    if (ifindex == proxy.second) return;
+    doJudgeProxy(proxy.second);
+    doJudgeProxy(ifindex);
+    proxy.second = ifindex;
+}
+
+void Vrf::doJudgeProxy(int ifindex) {
+    if (!routes_ || ifindex == 0) return;
+    std::string const name = interfaces_->name(ifindex);
+    routes_->setProxyInterface(ifindex, proxies_.contains(name) &&
+                                            interfaces_->device(name).ifindex == ifindex);
 }
 
 void Vrf::setRoutePolicy(ForwardingTableConfiguration const& policy,
@@ -142,18 +156,9 @@ void Vrf::setRoutePolicy(ForwardingTableConfiguration const& policy,
 }
 
 void Vrf::setProxy(std::string const& name, bool proxy) {
-    if (proxy) {
-        proxies_[name] = 0;
-    } else {
-        proxies_.erase(name);
-    }
-    doFilterSoon();
-}
-
-/// Thousands of interfaces may come at a time.
-void Vrf::doFilterSoon() {
-    stale_ = true;
-    refilter_.arm(0);
+    if (proxy) return doPlaceProxy(*proxies_.try_emplace(name).first);
+    auto const gone = proxies_.extract(name);
+    if (gone) doJudgeProxy(gone.mapped());
 }
 
 void Vrf::doFilterRoutes() {
@@ -161,17 +166,11 @@ void Vrf::doFilterRoutes() {
     RouteFilter filter;
     filter.requireOutput = policy_.requireOutput;
     filter.anyIncoming = policy_.incoming == ForwardingTableConfiguration::Incoming::any;
-    for (auto& item : proxies_) item.second = 0;
-    for (auto const& [ifindex, interface] : interfaces_->kernelInterfaces()) {
-        auto const proxy = proxies_.find(interface.name);
-        if (proxy == proxies_.end()) continue;
-        proxy->second = ifindex;
-        filter.proxyInterfaces.insert(ifindex);
+    for (auto& [name, place] : proxies_) {
+        place = interfaces_->device(name).ifindex;
+        if (place != 0) filter.proxyInterfaces.insert(place);
     }
-    stale_ = false;
-    if (filter == filter_) return;
-    routes_->setFilter(filter);
-    filter_ = std::move(filter);
+    routes_->setFilter(std::move(filter));
 }
 
 } // namespace Agent

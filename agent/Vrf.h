@@ -1,15 +1,12 @@
 // One VRF: a network namespace with its interfaces and its multicast routes, for as long as the
 // namespace is there. It may appear, vanish and come back; the default VRF is the agent's own
 // namespace and always there.
-//
-// One alarm: in the next turn it filters the routes for all interfaces that have come and gone.
 #pragma once
 
 #include "agent/Obstacles.h"
 #include "agent/config/Configuration.h"
 #include "agent/kernel/KernelRoutes.h"
 #include "agent/kernel/NamespaceWatch.h"
-#include "agent/loop/Alarm.h"
 #include "agent/records/InterfaceWriter.h"
 #include "agent/records/RouteWriter.h"
 
@@ -50,9 +47,9 @@ class Vrf {
     /// takes minutes to tell a million.
     bool synchronized() const { return !interfaces_ || interfaces_->synchronized(); }
     /// Whether the routes have been read, too, and those that pass the filter been announced.
-    bool routesTold() const { return !routes_ || (!stale_ && routes_->told()); }
+    bool routesTold() const { return !routes_ || routes_->told(); }
     /// Whether the routes that are known have been judged by the policy in force.
-    bool routesJudged() const { return !routes_ || (!stale_ && routes_->reviewed()); }
+    bool routesJudged() const { return !routes_ || routes_->reviewed(); }
 
     /// Null while the namespace is not there.
     RouteTable const* routes() const { return routes_ ? &routes_->table() : nullptr; }
@@ -72,7 +69,8 @@ class Vrf {
     void doFollowRoutes(int namespaceFd);
     std::uint32_t tableNumber() const;
     void handleInterface(std::string const& name);
-    void doFilterSoon();
+    void doPlaceProxy(std::pair<std::string const, int>& proxy);
+    void doJudgeProxy(int ifindex);
     void doFilterRoutes();
 
     IgmpHostProxy::PlatformState& state_;
@@ -84,10 +82,7 @@ class Vrf {
     Observer observer_;
     ForwardingTableConfiguration policy_;
     std::map<std::string, int> proxies_; ///< with the kernel index by which routes are filtered
-    RouteFilter filter_;                 ///< in force
-    bool stale_ = false;                 ///< it is not what it ought to be
-    Alarm refilter_{loop_, [this] { doFilterRoutes(); }};
-    std::string obstacle_; ///< why there are no interfaces
+    std::string obstacle_;               ///< why there are no interfaces
     std::unique_ptr<InterfaceWriter> interfaces_;
     std::unique_ptr<RouteWriter> writer_;
     std::unique_ptr<KernelRoutes> routes_;

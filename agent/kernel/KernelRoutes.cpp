@@ -62,6 +62,11 @@ void KernelRoutes::setFilter(RouteFilter filter) {
     review_.arm(0);
 }
 
+void KernelRoutes::setProxyInterface(int ifindex, bool proxy) {
+    table_.setProxyInterface(ifindex, proxy);
+    review_.arm(0);
+}
+
 void KernelRoutes::doRenew() {
     table_.doTellAll();
     readAgain_ = damaged_ = true;

@@ -36,6 +36,7 @@ class KernelRoutes final : private Netlink::Observer {
 
     /// Routes whose announced state it changes are told in the turns that follow.
     void setFilter(RouteFilter filter);
+    void setProxyInterface(int ifindex, bool proxy);
 
     /// Tells all announced routes once more, and reads the kernel's table again.
     void doRenew();

@@ -40,6 +40,13 @@ void RouteTable::setFilter(RouteFilter filter) {
             toJudge_.takeAll(ring);
 }
 
+void RouteTable::setProxyInterface(int ifindex, bool proxy) {
+    auto& interfaces = filter_.proxyInterfaces;
+    bool const changed = proxy ? interfaces.insert(ifindex).second : interfaces.erase(ifindex) != 0;
+    auto const routes = byIncoming_.find(ifindex);
+    if (changed && routes != byIncoming_.end()) toJudge_.takeAll(routes->second);
+}
+
 void RouteTable::readMessage(nlmsghdr const& message, bool ofDump) {
     bool const gone = message.nlmsg_type == RTM_DELROUTE;
     if (!gone && message.nlmsg_type != RTM_NEWROUTE) return;

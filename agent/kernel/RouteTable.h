@@ -59,6 +59,8 @@ class RouteTable {
     /// Has the routes concerned judged anew by doReview. Those that a reading has not told yet
     /// follow as it tells them.
     void setFilter(RouteFilter filter);
+    /// The same for one interface.
+    void setProxyInterface(int ifindex, bool proxy);
 
     /// Takes in an RTM_NEWROUTE or RTM_DELROUTE of the multicast table; others change nothing. For
     /// a malformed one throws Nex::ParseException and stays as it was.

@@ -100,7 +100,7 @@ TEST_F(RouteTableTest, ChangedFilterJudgesOnlyTheRoutesConcernedAndInSteps) {
     for (unsigned i = 0; i < 100; ++i)
         notify({IpAddr::fromHost(i + 1), plain.group, i < 3 ? 9 : 7, {8}});
     told();
-    table.setFilter({true, false, {7, 9}});
+    table.setProxyInterface(9, true);
     EXPECT_FALSE(table.doReview(2));
     EXPECT_EQ(told(), "+(0.0.0.1, 239.1.1.1)+(0.0.0.2, 239.1.1.1)");
     // One that is waiting changes, one goes.
@@ -153,7 +153,7 @@ TEST_F(RouteTableTest, ReadingDropsWhatNeitherADumpNorAnAnswerHasTold) {
     // Where something was lost, the reading proves nothing, but the filter still judges.
     doBeginReading();
     table.questionTake(1);
-    table.setFilter({true, false, {}});
+    table.setProxyInterface(7, false);
     EXPECT_TRUE(table.doReview(SIZE_MAX));
     table.endReading(false);
     EXPECT_EQ(told(), "");
