@@ -57,8 +57,10 @@ void Differ::handleCopyTurn() {
 
 void Differ::doTell() {
     double now = EventLoop::now();
-    for (unsigned step = 0; step < mostSteps && hosts_.telling(); ++step)
+    for (unsigned step = 0; step < mostSteps && hosts_.telling(); ++step) {
         hosts_.advance(now += stepSeconds);
+        hosts_.handleTurn(now);
+    }
     forChanges(hosts_, [this](auto const& interface, Lox::IpAddr group, auto const& before,
                               auto const& after) {
         rehearsal_.add(changeText(interface, group, before, after));

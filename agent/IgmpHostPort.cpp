@@ -19,6 +19,8 @@ namespace {
 constexpr double resendSeconds = 0.005;
 /// How soon opening a socket is tried again, in seconds.
 constexpr double openRetrySeconds = 1;
+/// How soon what failed otherwise, most likely for want of memory, is tried again, in seconds.
+constexpr double failureRetrySeconds = 1;
 /// When leaving is given up, in seconds: a little after the engine has told everything, if the
 /// interface takes the packets.
 constexpr double leaveSeconds = 0.95;
@@ -61,10 +63,11 @@ std::pair<dev_t, ino_t> identityOf(int namespaceFd) {
 
 } // namespace
 
-IgmpHostPort::IgmpHostPort(EventLoop& loop, GroupChanges& changes, std::string name,
-                           std::string namespaceName, Locate locate)
+IgmpHostPort::IgmpHostPort(EventLoop& loop, PortSchedule& schedule, GroupChanges& changes,
+                           std::string name, std::string namespaceName, Locate locate)
     : loop_(loop),
       changes_(changes),
+      place_(schedule, *this),
       name_(std::move(name)),
       namespaceName_(std::move(namespaceName)),
       locate_(std::move(locate)),
@@ -91,12 +94,18 @@ void IgmpHostPort::attach(Nex::Ptr<Igmp::IgmpHost> host, std::string const& name
     for (Lox::IpAddr const group : changedGroups_.walk()) changedGroups_.take(group);
     doNoteAll();
     engine_.groupDelAll();
-    settingsChanged_ = true;
+    handleLocation();
     Nex::watch(host_, host, this);
     for (auto const& item : host->v3group()) handleGroup(item.key);
 }
 
+void IgmpHostPort::addFormer(RecordList const& groups) {
+    engine_.addFormer(groups);
+    place_.stir();
+}
+
 void IgmpHostPort::detach(double now) {
+    place_.stir();
     doNoteAll();
     host_.del();
     v3groupDelAll();
@@ -158,9 +167,18 @@ void IgmpHostPort::handleGroup(Lox::IpAddr group) {
     doMarkChanged(group);
 }
 
-void IgmpHostPort::handleLocation() { settingsChanged_ = true; }
+void IgmpHostPort::doMarkChanged(Lox::IpAddr group) {
+    changedGroups_.findOrInsert(group);
+    place_.stir();
+}
+
+void IgmpHostPort::handleLocation() {
+    settingsChanged_ = true;
+    place_.stir();
+}
 
 void IgmpHostPort::handleTurn(double now) {
+    place_.attempt(now + failureRetrySeconds);
     if (!changedGroups_.empty()) doApplyGroups();
     if (settingsChanged_) doApplySettings(now);
     if (!congested()) engine_.flush(now);
@@ -168,6 +186,9 @@ void IgmpHostPort::handleTurn(double now) {
     if (endsFormer()) doEndFormer(now);
     doFlushSocket(now);
     doPublishCounters();
+    place_.rest(nextExpiry());
+    // Nobody tells when all that is asked for is known.
+    if (endsFormer()) place_.stir();
 }
 
 double IgmpHostPort::nextExpiry() const {
@@ -179,6 +200,7 @@ double IgmpHostPort::nextExpiry() const {
 }
 
 void IgmpHostPort::advance(double now) {
+    place_.attempt(now + failureRetrySeconds);
     if (!socket_ && retryTime_ <= now) {
         retryTime_ = Nex::never;
         doApplySettings(now);
@@ -361,6 +383,7 @@ void IgmpHostPort::doLogGroups(double now) {
 // Packets
 
 void IgmpHostPort::handleSocket(std::uint32_t events) {
+    place_.stir();
     double const now = EventLoop::now();
     if (events & ~std::uint32_t(EPOLLOUT))
         socket_->receive([&](PacketSocket::Bytes packet) { engine_.received(now, packet); });

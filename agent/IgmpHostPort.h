@@ -11,6 +11,7 @@
 #pragma once
 
 #include "agent/GroupChanges.h"
+#include "agent/PortSchedule.h"
 #include "agent/config/Configuration.h"
 #include "agent/igmp/HostEngine.h"
 #include "agent/kernel/PacketSocket.h"
@@ -49,11 +50,12 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     /// Told the names of the interface and of its namespace, empty for the agent's own.
     using Locate = std::function<Location(std::string const& name, std::string const& space)>;
 
-    /// Without an entity. `loop` and `changes`, which is told of groups, outlive this.
-    IgmpHostPort(EventLoop& loop, GroupChanges& changes, std::string name,
+    /// Without an entity. `loop`, `schedule`, and `changes`, which is told of groups, outlive this.
+    IgmpHostPort(EventLoop& loop, PortSchedule& schedule, GroupChanges& changes, std::string name,
                  std::string namespaceName, Locate locate);
     ~IgmpHostPort() override;
 
+    std::string const& name() const { return name_; }
     std::string const& namespaceName() const { return namespaceName_; }
     /// Whether an entity of the interface in that namespace may use this port: it speaks to the
     /// same network, or to none.
@@ -73,7 +75,7 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     bool seeks() const { return seeking_; }
 
     /// What routers may hold from an earlier run that ended without leaving.
-    void addFormer(RecordList const& groups) { engine_.addFormer(groups); }
+    void addFormer(RecordList const& groups);
     bool addHeldRecords(RecordList& groups, HostEngine::HeldPlace& place, std::size_t most) const {
         return engine_.addHeldRecords(groups, place, most);
     }
@@ -83,9 +85,10 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     /// The kernel interface or its part of the configuration changed: the socket and the engine's
     /// settings follow at the end of the turn.
     void handleLocation();
-    /// The end of a turn of the event loop.
+    /// The end of a turn of the event loop in which this was stirred. What fails is tried again at
+    /// the end of the next turn.
     void handleTurn(double now);
-    double nextExpiry() const;
+    /// A time of this has come.
     void advance(double now);
     /// What the engine and the socket have counted since doResetCounters().
     nlohmann::json statusJson() const;
@@ -97,10 +100,10 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     class NexIgmpHost : public Nex::Reactor<Igmp::IgmpHost::Notifiee, IgmpHostPort> {
       public:
         using Reactor::Reactor;
-        void onDeviceName() override { machine()->settingsChanged_ = true; }
-        void onIpAddr() override { machine()->settingsChanged_ = true; }
-        void onIgmpVersion() override { machine()->settingsChanged_ = true; }
-        void onUnsolicitedReportInterval() override { machine()->settingsChanged_ = true; }
+        void onDeviceName() override { machine()->handleLocation(); }
+        void onIpAddr() override { machine()->handleLocation(); }
+        void onIgmpVersion() override { machine()->handleLocation(); }
+        void onUnsolicitedReportInterval() override { machine()->handleLocation(); }
         void onV3group(Lox::IpAddr group) override { machine()->handleGroup(group); }
     };
     /// One group record: whoever changes it raises its version afterwards.
@@ -111,7 +114,8 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     };
 
     void handleGroup(Lox::IpAddr group);
-    void doMarkChanged(Lox::IpAddr group) { changedGroups_.findOrInsert(group); }
+    void doMarkChanged(Lox::IpAddr group);
+    double nextExpiry() const;
     Location location() const { return locate_(name_, namespaceName_); }
     void doApplySettings(double now);
     void doGiveSettings(Location const& here, double now);
@@ -144,6 +148,7 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
 
     EventLoop& loop_;
     GroupChanges& changes_;
+    PortSchedule::Place place_;
     std::string name_;
     std::string namespaceName_;
     Locate locate_;

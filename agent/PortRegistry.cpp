@@ -80,7 +80,7 @@ Nex::Ptr<IgmpHostPort> PortRegistry::portFor(std::string const& name,
         return absent_.extract(found).mapped();
     }
     return Nex::newObject<IgmpHostPort>(
-        loop_, changes_, name, namespaceName,
+        loop_, schedule_, changes_, name, namespaceName,
         [this](std::string const& intf, std::string const& space) { return locate(intf, space); });
 }
 
@@ -93,33 +93,20 @@ IgmpHostPort::Location PortRegistry::locate(std::string const& name,
     return location;
 }
 
-/// Looks for the interfaces of ports that owe leaves where no VRF is any more, for as long as there
-/// are such ports. Whether there is more to look at.
-bool PortRegistry::doFollowLeft() {
-    if (std::exchange(absentGone_, false) && !left_.empty()) {
-        std::set<std::string> owed;
-        for (auto const& [name, port] : absent_) owed.insert(port->namespaceName());
-        std::erase_if(left_, [&](auto const& left) { return !owed.contains(left.first); });
-    }
-    for (auto const& [name, port] : absent_) {
-        std::string const space = port->seeks() ? port->namespaceName() : "";
-        if (space.empty() || left_.contains(space)) continue;
-        left_.try_emplace(space, loop_, space, [this, space] { leftChanged_.insert(space); });
-        leftChanged_.insert(space);
-    }
-    return !leftChanged_.empty();
+/// Looks for the interface of a port that owes leaves where no VRF is any more.
+void PortRegistry::doSeek(IgmpHostPort const& port) {
+    std::string const& space = port.namespaceName();
+    if (!port.seeks() || left_.contains(space)) return;
+    left_.try_emplace(space, loop_, space, [this, space] { leftChanged_.insert(space); });
+    leftChanged_.insert(space);
 }
 
-void PortRegistry::doServe(double now) {
-    if (!leftChanged_.empty())
-        for (auto const& [name, port] : absent_)
-            if (leftChanged_.contains(port->namespaceName())) port->handleLocation();
-    leftChanged_.clear();
-    Nex::FirstError const error = doForPorts([&](IgmpHostPort& port) {
-        port.handleTurn(now);
-        heldChanged_ |= port.takeHeldChange();
-    });
-    error.rethrow();
+/// Follows no namespace any longer than there are such ports.
+void PortRegistry::doForgetLeft() {
+    if (!std::exchange(absentGone_, false) || left_.empty()) return;
+    std::set<std::string> owed;
+    for (auto const& [name, port] : absent_) owed.insert(port->namespaceName());
+    std::erase_if(left_, [&](auto const& left) { return !owed.contains(left.first); });
 }
 
 void PortRegistry::addFormer(std::vector<InterfaceState> const& former) {
@@ -193,34 +180,47 @@ void PortRegistry::handleConfiguration() {
     forPorts([](IgmpHostPort& port) { port.handleLocation(); });
 }
 
-/// One that fails, most likely for want of memory, keeps the others from nothing.
-template <class Act>
-Nex::FirstError PortRegistry::doForPorts(Act act) {
-    Nex::FirstError error;
-    forPorts([&](IgmpHostPort& port) { error.attempt([&] { act(port); }); });
-    return error;
-}
-
 void PortRegistry::handleTurn(double now) {
     Nex::FirstError error;
     error.attempt([&] { doServe(now); });
-    error.attempt([&] {
-        if (doFollowLeft()) doServe(now); // in case that the namespace is known to be gone
-    });
-    doForgetFinished(now);
+    error.attempt([&] { doForgetLeft(); });
+    // In case that a namespace is known to be gone.
+    if (!leftChanged_.empty()) error.attempt([&] { doServe(now); });
     error.rethrow();
 }
 
-void PortRegistry::doForgetFinished(double now) {
-    for (auto at = absent_.begin(); at != absent_.end();) {
-        auto const item = at++;
-        if (!item->second->finished(now, ending_)) continue;
-        heldChanged_ = absentGone_ = true;
-        if (ending_ && item->second->owes())
-            owing_.insert(absent_.extract(item));
-        else
-            absent_.erase(item);
-    }
+/// Each of the ports that were stirred, once. One that fails, most likely for want of memory, keeps
+/// the others from nothing.
+void PortRegistry::doServe(double now) {
+    if (!leftChanged_.empty())
+        for (auto const& [name, port] : absent_)
+            if (leftChanged_.contains(port->namespaceName())) port->handleLocation();
+    leftChanged_.clear();
+    Nex::FirstError error;
+    for (std::size_t left = schedule_.stirredCount(); left > 0 && schedule_.stirredCount() > 0;
+         --left)
+        error.attempt([&] { doServe(schedule_.stirred(), now); });
+    error.rethrow();
+}
+
+void PortRegistry::doServe(IgmpHostPort& port, double now) {
+    port.handleTurn(now);
+    heldChanged_ |= port.takeHeldChange();
+    if (port.host()) return;
+    doSeek(port);
+    doForgetIfFinished(port, now);
+}
+
+void PortRegistry::doForgetIfFinished(IgmpHostPort const& port, double now) {
+    auto const [first, last] = absent_.equal_range(port.name());
+    auto const at =
+        std::find_if(first, last, [&](auto const& item) { return item.second.get() == &port; });
+    if (at == last || !at->second->finished(now, ending_)) return;
+    heldChanged_ = absentGone_ = true;
+    if (ending_ && at->second->owes())
+        owing_.insert(absent_.extract(at));
+    else
+        absent_.erase(at);
 }
 
 bool PortRegistry::takeOwing() {
@@ -228,16 +228,9 @@ bool PortRegistry::takeOwing() {
     return !absent_.empty();
 }
 
-double PortRegistry::nextExpiry() const {
-    double next = Nex::never;
-    forPorts([&](IgmpHostPort const& port) { next = std::min(next, port.nextExpiry()); });
-    return next;
-}
-
 void PortRegistry::advance(double now) {
-    Nex::FirstError const error = doForPorts([&](IgmpHostPort& port) {
-        if (port.nextExpiry() <= now) port.advance(now);
-    });
+    Nex::FirstError error;
+    while (schedule_.nextTime() <= now) error.attempt([&] { schedule_.next().advance(now); });
     error.rethrow();
 }
 
@@ -246,10 +239,12 @@ void PortRegistry::doEnd(double now) {
     hostDir_.del();
     ending_ = true;
     while (!ports_.empty()) absent_.insert(ports_.extract(ports_.begin()));
-    Nex::FirstError const error = doForPorts([&](IgmpHostPort& port) {
-        if (port.host()) port.detach(now);
-    });
-    doForgetFinished(now);
+    Nex::FirstError error;
+    for (auto at = absent_.begin(); at != absent_.end();) {
+        Nex::Ptr<IgmpHostPort> const port = (at++)->second;
+        if (port->host()) error.attempt([&] { port->detach(now); });
+        error.attempt([&] { doForgetIfFinished(*port, now); });
+    }
     error.rethrow();
 }
 

@@ -58,7 +58,7 @@ class PortRegistry : public Nex::PtrInterface {
     /// The configuration changed, or what locates any interface.
     void handleConfiguration();
     void handleTurn(double now);
-    double nextExpiry() const;
+    double nextExpiry() const { return schedule_.nextTime(); }
     void advance(double now);
     /// Leaves all groups everywhere, for a shutdown: no interface is opened from now on. The time
     /// goes on to be told.
@@ -97,13 +97,13 @@ class PortRegistry : public Nex::PtrInterface {
     Nex::Ptr<IgmpHostPort> portFor(std::string const& name, std::string const& namespaceName);
     IgmpHostPort::Location locate(std::string const& name, std::string const& namespaceName) const;
     void doServe(double now);
-    bool doFollowLeft();
-    void doForgetFinished(double now);
+    void doServe(IgmpHostPort& port, double now);
+    void doSeek(IgmpHostPort const& port);
+    void doForgetLeft();
+    void doForgetIfFinished(IgmpHostPort const& port, double now);
     /// The first behind `after` in the order of names; nothing at the end.
     std::optional<std::string> nameAfter(std::string const& after) const;
     std::vector<IgmpHostPort const*> portsOf(std::string const& name) const;
-    template <class Act>
-    Nex::FirstError doForPorts(Act act);
     template <class Visit>
     void forPorts(Visit visit) const {
         for (auto const& [name, port] : ports_) visit(*port);
@@ -116,6 +116,7 @@ class PortRegistry : public Nex::PtrInterface {
     NamespaceOf namespaceOf_;
     Observer observer_;
     GroupChanges changes_;
+    PortSchedule schedule_;
     std::map<std::string, Nex::Ptr<IgmpHostPort>> ports_;
     /// Without an entity. An interface that moves to another network may have several.
     std::multimap<std::string, Nex::Ptr<IgmpHostPort>> absent_;
