@@ -158,7 +158,7 @@ TEST_F(AgentTest, InterfaceThatRefusesPacketsHoldsUpNeitherReloadNorEnd) {
     EXPECT_TRUE(qdisc("del dev up0 root"));
     EXPECT_TRUE(wire->hears({"TO_EX 239.1.1.3"})) << "what was dropped is told later";
     EXPECT_TRUE(qdisc("add dev up0 root bfifo limit 1"));
-    wire->hearsOnly({"TO_EX 239.1.1.3", "TO_EX 239.1.1.3"});
+    wire->forget();
     reload("");
     EXPECT_TRUE(agent->says("packets while leaving")) << agent->output();
     EXPECT_TRUE(qdisc("del dev up0 root"));
