@@ -1,10 +1,12 @@
 #include "agent/ctl/Terminal.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <fmt/chrono.h>
+#include <fmt/color.h>
 #include <fmt/format.h>
 #include <memory>
 #include <unistd.h>
@@ -12,6 +14,15 @@
 namespace Ctl {
 
 namespace {
+
+constexpr char usualPager[] = "if command -v less >/dev/null; then exec less; fi; exec cat";
+
+bool takesColours() {
+    char const* const terminal = std::getenv("TERM");
+    char const* const forbidden = std::getenv("NO_COLOR");
+    return isatty(STDOUT_FILENO) && terminal && std::string_view(terminal) != "dumb" &&
+           !(forbidden && *forbidden);
+}
 
 std::tm localTime(double seconds) {
     std::time_t const whole = std::time_t(std::floor(seconds));
@@ -23,11 +34,11 @@ std::tm localTime(double seconds) {
 } // namespace
 
 void page(std::string const& text) {
-    if (isatty(STDOUT_FILENO)) {
-        char const* const wanted = std::getenv("PAGER");
+    char const* const wanted = std::getenv("PAGER");
+    if (isatty(STDOUT_FILENO) && (!wanted || *wanted)) {
         // less ends at once where a screen holds it all (-F), and leaves it there (-X).
         setenv("LESS", "FRX", 0);
-        std::unique_ptr<FILE, int (*)(FILE*)> const pager(popen(wanted ? wanted : "less", "w"),
+        std::unique_ptr<FILE, int (*)(FILE*)> const pager(popen(wanted ? wanted : usualPager, "w"),
                                                           pclose);
         if (pager && std::fputs(text.c_str(), pager.get()) >= 0) return;
     }
@@ -38,6 +49,25 @@ void show(std::string const& text, bool again) {
     if (again) std::fputs(isatty(STDOUT_FILENO) ? "\033[H\033[2J" : "\n", stdout);
     std::fputs(text.c_str(), stdout);
     std::fflush(stdout);
+}
+
+std::string coloured(Mood mood, std::string text) {
+    static bool const taken = takesColours();
+    auto const colour = mood == Mood::good       ? fmt::terminal_color::green
+                        : mood == Mood::doubtful ? fmt::terminal_color::yellow
+                                                 : fmt::terminal_color::red;
+    return taken ? fmt::format(fmt::fg(colour), "{}", text) : text;
+}
+
+std::size_t widthOf(std::string_view text) {
+    std::size_t width = 0;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        if (text[at] == '\033')
+            at = std::min(text.find('m', at), text.size());
+        else
+            ++width;
+    }
+    return width;
 }
 
 std::string timeText(double seconds) {

@@ -56,13 +56,18 @@ std::string fromText(json const& state) {
     return text.starts_with("any") ? "from " + text : text;
 }
 
-/// "+", "-" or "~" for a group that is joined, left or changed, and from which sources.
-std::pair<char const*, std::string> changeOf(json const& change) {
+struct Change {
+    Mood mood;
+    char const* sign; ///< of a group that is joined, left or changed
+    std::string words;
+};
+
+Change changeOf(json const& change) {
     json const& before = change.at("before");
     json const& after = change.at("after");
-    if (before.is_null()) return {"+", fromText(after)};
-    if (after.is_null()) return {"-", ""};
-    return {"~", fromText(before) + " -> " + fromText(after)};
+    if (before.is_null()) return {Mood::good, "+", fromText(after)};
+    if (after.is_null()) return {Mood::bad, "-", ""};
+    return {Mood::doubtful, "~", fromText(before) + " -> " + fromText(after)};
 }
 
 /// 2000 as 2,000.
@@ -100,7 +105,7 @@ std::string statusText(json const& answer) {
     text += '\n';
     for (json const& each : answer.at("obstacles"))
         text += fmt::format("{}: {}\n", each.at("subject").get<std::string>(),
-                            each.at("reason").get<std::string>());
+                            coloured(Mood::doubtful, each.at("reason")));
     return text;
 }
 
@@ -108,9 +113,11 @@ std::string interfacesText(json const& answer) {
     Table table({"NAME", "VRF", "STATE", "ADDRESS", "IGMP", "QUERIER", "GROUPS", "WHY"});
     for (json const& row : answer.at("interfaces")) {
         auto const groups = row.at("groups").get<std::size_t>();
-        bool const up = row.at("state") == "up";
+        std::string const state = row.at("state");
+        bool const up = state == "up";
+        Mood const mood = up ? Mood::good : state == "waiting" ? Mood::doubtful : Mood::bad;
         table.add(
-            {row.at("name"), row.at("vrf"), row.at("state"), orDash(row.at("address")),
+            {row.at("name"), row.at("vrf"), coloured(mood, state), orDash(row.at("address")),
              versionText(row.at("version")), querierText(row.at("querier")),
              up ? std::to_string(groups)
                 : fmt::format("0 of {}",
@@ -156,9 +163,11 @@ std::string eventsText(json const& answer) {
     for (json const& each : answer.at("events")) {
         std::string const subject = each.at("subject");
         std::string const level = each.at("level");
+        std::string grave;
+        if (level == "error") grave = coloured(Mood::bad, "error: ");
+        if (level == "warning") grave = coloured(Mood::doubtful, "warning: ");
         text +=
-            fmt::format("{} {}{}{}\n", preciseTimeText(each.at("time")),
-                        level == "error" || level == "warning" ? level + ": " : "",
+            fmt::format("{} {}{}{}\n", preciseTimeText(each.at("time")), grave,
                         subject.empty() ? "" : subject + " ", each.at("text").get<std::string>());
     }
     return text;
@@ -200,7 +209,8 @@ std::string whyText(json const& answer) {
     std::string text =
         fmt::format("{} on {}: {}", answer.at("group").get<std::string>(),
                     answer.at("interface").get<std::string>(),
-                    answer.at("announced").get<bool>() ? sourcesText(answer) : "not announced");
+                    answer.at("announced").get<bool>() ? sourcesText(answer)
+                                                       : coloured(Mood::doubtful, "not announced"));
     if (json const& told = answer.at("told"); !told.is_null())
         text += fmt::format("; told {}", timeText(told));
     if (json const& answered = answer.at("answered"); !answered.is_null())
@@ -240,9 +250,10 @@ std::string diffText(json const& answer) {
     std::string text = diagnosticsText(answer.at("diagnostics"));
     Table table;
     for (json const& change : answer.at("changes")) {
-        auto const [sign, words] = changeOf(change);
+        auto const [mood, sign, words] = changeOf(change);
         std::string const group = change.at("group");
-        table.add({change.at("interface"), fmt::format("{} {}", sign, group), words});
+        table.add(
+            {change.at("interface"), coloured(mood, fmt::format("{} {}", sign, group)), words});
     }
     text += table.text();
     std::string counts;

@@ -55,6 +55,11 @@ TEST_F(AgentControlTest, SaysWhatIsAnnouncedAndWhatIsNot) {
               "INTERFACE  VRF      GROUP      ORIGIN         SOURCES\n"
               "up0        default  239.1.1.1  configuration  any source\n"
               "up0        default  239.1.1.2  configuration  only from 10.0.0.1\n");
+    EXPECT_NE(output("TERM=xterm script -qec '" IHPROXYCTL " --control " + agent->control() +
+                     " interfaces' /dev/null")
+                  .find("default  \033[32mup\033[0m       10.99.0.2"),
+              std::string::npos)
+        << "on a terminal in colour, and aligned";
     auto const interfaces = json("interfaces").at("interfaces");
     ASSERT_EQ(interfaces.size(), 3u);
     EXPECT_EQ(interfaces[0].at("state"), "waiting");
