@@ -206,11 +206,11 @@ std::string routeText(json const& wish, std::string const& group) {
 
 /// One line for each wish, under its source.
 std::string whyText(json const& answer) {
+    bool const announced = answer.at("announced");
     std::string text =
         fmt::format("{} on {}: {}", answer.at("group").get<std::string>(),
                     answer.at("interface").get<std::string>(),
-                    answer.at("announced").get<bool>() ? sourcesText(answer)
-                                                       : coloured(Mood::doubtful, "not announced"));
+                    announced ? sourcesText(answer) : coloured(Mood::doubtful, "not announced"));
     if (json const& told = answer.at("told"); !told.is_null())
         text += fmt::format("; told {}", timeText(told));
     if (json const& answered = answer.at("answered"); !answered.is_null())
@@ -228,7 +228,7 @@ std::string whyText(json const& answer) {
         else if (kind == "route")
             what = routeText(wish, answer.at("group"));
         if (wish.contains("line")) what += "  " + placeText(wish);
-        if (!wish.at("counts").get<bool>()) what += "  (does not count)";
+        if (announced && !wish.at("counts").get<bool>()) what += "  (does not count)";
         std::string const head = source == last ? "" : source;
         text += fmt::format("  {:15}  {}\n", head, what);
         last = source;

@@ -75,8 +75,7 @@ TEST_F(AgentControlTest, SaysWhatIsAnnouncedAndWhatIsNot) {
               "  10.0.0.1         configuration  ihproxyd.toml:6\n");
     EXPECT_EQ(askFor("why up0x 239.3.0.1").text,
               "239.3.0.1 on up0x: not announced\n"
-              "  10.0.0.9         list iptv #1  permit 10.0.0.9 239.3.0.0/31  ihproxyd.toml:11  "
-              "(does not count)\n"
+              "  10.0.0.9         list iptv #1  permit 10.0.0.9 239.3.0.0/31  ihproxyd.toml:11\n"
               "not announced: up0x does not exist\n");
     EXPECT_EQ(askFor("why up0 239.7.7.7").text,
               "239.7.7.7 on up0: not announced\n"
