@@ -32,6 +32,8 @@ constexpr double settlingSeconds = 260;
 /// Between two times that everything is told because something was dropped: some packets may never
 /// be taken.
 constexpr double retellSeconds = 60;
+/// After so many changed groups in one turn those that join are told: about what a packet holds.
+constexpr std::size_t mostUntold = 180;
 /// Between two lines of the log about groups that came or went.
 constexpr double newsSeconds = 1;
 /// Of such groups, in one line.
@@ -170,6 +172,7 @@ void IgmpHostPort::handleGroup(Lox::IpAddr group) {
 void IgmpHostPort::doMarkChanged(Lox::IpAddr group) {
     changedGroups_.findOrInsert(group);
     place_.stir();
+    if (changedGroups_.size() == mostUntold) doTellFirst(group);
 }
 
 void IgmpHostPort::handleLocation() {
@@ -334,6 +337,20 @@ void IgmpHostPort::doApplyGroups() {
     for (Lox::IpAddr const group : changedGroups_.walk()) {
         doApplyGroup(group);
         changedGroups_.take(group);
+    }
+}
+
+/// A large change takes a while: what joins by it first need not wait for all of it. What else has
+/// changed may yet be as it was, and the last group is still being made. Without memory all wait.
+void IgmpHostPort::doTellFirst(Lox::IpAddr last) {
+    if (!socket_ || settingsChanged_ || congested()) return;
+    try {
+        double const now = EventLoop::now();
+        for (Lox::IpAddr const group : changedGroups_.walk())
+            if (group != last && !engine_.isMember(group)) doApplyGroup(group);
+        engine_.flush(now);
+        doFlushSocket(now);
+    } catch (std::bad_alloc const&) { // all is applied again at the end of the turn
     }
 }
 

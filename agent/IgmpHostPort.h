@@ -1,6 +1,7 @@
 // The IGMP host on one interface: a host entity's settings and group records on one side, a packet
 // socket on the other, the engine between them. Changes are gathered and given to the engine at the
-// end of the turn, so that what ends a turn as it began is not told to anybody.
+// end of the turn, so that what ends a turn as it began is not told to anybody; but of many changes
+// the first groups that join are told at once.
 //
 // It outlives the entity: without one it leaves its groups, at once or once the link and an address
 // are back, and may be given an entity again at any time.
@@ -126,6 +127,7 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     void doNoteAll();
     void doApplyGroups();
     void doApplyGroup(Lox::IpAddr group);
+    void doTellFirst(Lox::IpAddr last);
     void doLogGroups(double now);
     void doOpen(Location const& here, double now);
     void doClose(double now);

@@ -92,6 +92,20 @@ TEST_F(AgentTest, ReloadTellsTheDifferenceAndNothingElse) {
     for (int i = 0; i < 50; ++i) agent->signal(SIGHUP);
     EXPECT_TRUE(agent->says("is in force", reloads + 1));
     EXPECT_TRUE(wire->hearsOnly({})) << "nothing has changed";
+
+    // So many that the first are told before the last are known.
+    std::string many;
+    Lines joins;
+    for (int i = 0; i < 400; ++i) {
+        std::string const group =
+            "239.2." + std::to_string(i / 200) + "." + std::to_string(i % 200);
+        many += "'" + group + "' = { include = ['10.0.0.1', '10.0.0.2'] }\n";
+        joins.push_back("ALLOW " + group + " 10.0.0.1 10.0.0.2");
+    }
+    reload(groupsOn("up0", many + "'239.1.1.4' = {}\n"
+                                  "'239.1.1.2' = { include = ['10.0.0.2', '10.0.0.3'] }\n"
+                                  "'239.1.1.3' = { exclude = ['10.0.0.9'] }\n"));
+    EXPECT_TRUE(wire->hearsOnly(twice(joins)));
 }
 
 TEST_F(AgentTest, SignalsDuringTheStartCountOnceTheAgentRuns) {
