@@ -123,8 +123,14 @@ TEST_F(AgentTest, SignalsDuringTheStartCountOnceTheAgentRuns) {
     EXPECT_TRUE(agent->says("is in force")) << agent->output();
     EXPECT_TRUE(waitUntil([&] { return std::filesystem::exists(folder.file("status")); }));
     EXPECT_TRUE(wire->hearsOnly(threeJoined));
-    begin({SIGTERM});
-    EXPECT_EQ(agent->exitStatus(), 0) << agent->output();
+    // On a busy machine the signal may come later than that.
+    EXPECT_TRUE(waitUntil([&] {
+        folder.write("output", "");
+        wire->forget();
+        begin({SIGTERM});
+        EXPECT_EQ(agent->exitStatus(), 0) << agent->output();
+        return agent->output().find("ready") == std::string::npos;
+    }));
     EXPECT_TRUE(wire->hearsOnly({})) << "it begins with nothing";
 }
 
