@@ -184,21 +184,20 @@ void ConfigurationWriter::doDetachList(std::string const& name) {
 }
 
 /// A machine forgets a wish in two cases, and hears it again. A group that is wanted from any
-/// source as well as from specific ones is listed with these; when they go, with nothing. And one
-/// rule that denied the forwarding table's groups and goes admits them, whatever other rules say.
+/// source as well as from specific ones is listed with these; when they go, with nothing, or by a
+/// rule that denies the forwarding table's groups not at all. And one such rule that goes admits
+/// these, whatever other rules say.
 void ConfigurationWriter::doRenewWishes(InterfaceConfiguration const& now, IntfConfig& record) {
     Nex::Ptr<IgmpHostProxy::IntfStatus> const status = state_.status->intfStatus(record.intfId());
     if (!status) return;
     bool forgotten = deniesRoutes(record) != status->denyMroute();
-    for (auto const& [group, announced] : status->groupSourceList()) {
-        if (!announced->empty()) continue;
-        auto const configured = now.groups.find(group);
-        if (configured == now.groups.end()) {
-            forgotten = true;
-            continue;
-        }
-        doRemove(record, group, configured->second, nullptr);
-        doAdd(record, group, configured->second);
+    for (auto const& [group, announced] : status->groupSourceList())
+        forgotten |= announced->empty() && !now.groups.contains(group);
+    for (auto const& [group, wanted] : now.groups) {
+        Nex::Ptr const announced = status->groupSourceList(group);
+        if (announced && !announced->empty()) continue;
+        doRemove(record, group, wanted, nullptr);
+        doAdd(record, group, wanted);
     }
     if (!forgotten) return;
     record.aclListDelAll();
