@@ -11,6 +11,7 @@
 #include "agent/answers/Why.h"
 #include "agent/config/AddressText.h"
 #include "agent/loop/Log.h"
+#include "agent/loop/Printable.h"
 #include "agent/records/JsonStream.h"
 
 #include "Lumen/Ring.h"
@@ -28,14 +29,14 @@ using nlohmann::json;
 constexpr double longestWait = 86400;
 constexpr std::uint64_t wholeRing = Lumen::Ring::capacity();
 
-/// A parameter that counts something; `standard` where it is not given. A number beyond all counts
-/// would come out as any.
-std::uint64_t countOf(json const& params, char const* name, std::uint64_t standard) {
-    auto const found = params.find(name);
-    if (found == params.end()) return standard;
-    if (!found->is_number_unsigned())
-        throw RpcError(RpcError::invalidParams, fmt::format("{} is to be a whole number", name));
-    return *found;
+/// Throws an RpcError for a name that is not in the configuration. Empty for none.
+std::string nameIn(json const& params, char const* parameter, auto const& known) {
+    std::string name = params.value(parameter, "");
+    if (!name.empty() && !known(name))
+        throw RpcError(
+            RpcError::invalidParams,
+            fmt::format("there is no {} {} in the configuration", parameter, printable(name)));
+    return name;
 }
 
 } // namespace
@@ -81,62 +82,92 @@ RpcMethods Daemon::methods() {
     auto const list = [](char const* name, std::unique_ptr<JsonElements> rows) {
         return std::make_unique<ListPart>(name, std::move(rows));
     };
+    auto const interfaceOf = [this](json const& params) {
+        return nameIn(params, "interface",
+                      [this](std::string const& name) { return view_->configured(name); });
+    };
+    auto const vrfOf = [this](json const& params) {
+        return nameIn(params, "vrf", [this](std::string const& name) {
+            return name == defaultVrf || writer_.configuration().vrfs.contains(name);
+        });
+    };
+    using enum RpcParameter::Kind;
     RpcMethods all;
     all["status"].call = [this](json const&, RpcReply const& reply) { reply.result(statusJson()); };
     all["interfaces"].call = [=, this](json const&, RpcReply const& reply) {
         reply.result(list("interfaces", interfacesAnswer(*view_)));
     };
+    all["groups"].parameters = {
+        {"interface", text}, {"vrf", text}, {"origin", text}, {"groups", text}};
     all["groups"].call = [=, this](json const& params, RpcReply const& reply) {
+        interfaceOf(params);
+        vrfOf(params);
         reply.result(list("groups", groupsAnswer(*view_, GroupFilter::fromJson(params))));
     };
+    all["counters"].parameters = {{"interface", text}};
     all["counters"].call = [=, this](json const& params, RpcReply const& reply) {
-        reply.result(list("counters", countersAnswer(*view_, params.value("interface", ""))));
+        reply.result(list("counters", countersAnswer(*view_, interfaceOf(params))));
     };
-    all["countersReset"] = {true, [this](json const& params, RpcReply const& reply) {
-                                hosts_->doResetCounters(params.value("interface", ""));
+    all["countersReset"] = {true,
+                            [=, this](json const& params, RpcReply const& reply) {
+                                hosts_->doResetCounters(interfaceOf(params));
                                 reply.result(json::object());
-                            }};
+                            },
+                            {{"interface", text}}};
     all["metrics"].call = [=, this](json const&, RpcReply const& reply) {
         reply.result(list("text", metricsAnswer(*view_)));
     };
+    all["lists"].parameters = {{"list", text}};
     all["lists"].call = [=, this](json const& params, RpcReply const& reply) {
-        reply.result(list("rules", listsAnswer(*view_, params.value("list", ""))));
+        auto const isThere = [this](std::string const& name) {
+            return writer_.configuration().accessLists.contains(name);
+        };
+        reply.result(list("rules", listsAnswer(*view_, nameIn(params, "list", isThere))));
     };
+    all["routes"].parameters = {{"vrf", text}};
     all["routes"].call = [=, this](json const& params, RpcReply const& reply) {
-        reply.result(list("routes", routesAnswer(*view_, params.value("vrf", ""))));
+        reply.result(list("routes", routesAnswer(*view_, vrfOf(params))));
     };
+    all["why"].parameters = {{"interface", text, true}, {"group", text, true}};
     all["why"].call = [this](json const& params, RpcReply const& reply) {
-        std::string const text = params.at("group");
-        auto const group = parseAddress(text);
+        std::string const wanted = params.at("group");
+        auto const group = parseAddress(wanted);
         if (!group)
             throw RpcError(RpcError::invalidParams,
-                           fmt::format("group {} found, expected an address", text));
+                           fmt::format("group {} found, expected an address", printable(wanted)));
         json answer = whyJson(*view_, params.at("interface"), *group);
         answer["file"] = options_.configurationFile;
         reply.result(answer);
     };
+    all["trace"].parameters = {{"last", count}};
     all["trace"].call = [=](json const& params, RpcReply const& reply) {
-        reply.result(list("entries", traceAnswer(countOf(params, "last", wholeRing))));
+        reply.result(list("entries", traceAnswer(params.value("last", wholeRing))));
     };
+    all["events"].parameters = {{"after", count}, {"last", count}};
     all["events"].call = [=](json const& params, RpcReply const& reply) {
-        reply.result(list("events", eventsAnswer(countOf(params, "after", 0),
-                                                 countOf(params, "last", mostEvents))));
+        reply.result(list("events", eventsAnswer(params.value("after", std::uint64_t(0)),
+                                                 params.value("last", std::uint64_t(mostEvents)))));
     };
-    all["log"] = {true, [this](json const& params, RpcReply const& reply) {
+    all["log"] = {true,
+                  [this](json const& params, RpcReply const& reply) {
                       doSetLogLevel(params.at("level"), params.value("for", 0.0));
                       reply.result({{"level", nameOf(logLevel())}});
-                  }};
-    all["reload"] = {true, [this](json const& params, RpcReply reply) {
+                  },
+                  {{"level", text, true}, {"for", number}}};
+    all["reload"] = {true,
+                     [this](json const& params, RpcReply reply) {
                          double const undoAfter = params.value("undoAfter", 0.0);
                          if (!(undoAfter >= 0 && undoAfter <= longestWait))
                              throw RpcError(
                                  RpcError::invalidParams,
                                  fmt::format("undoAfter is to be up to {} seconds", longestWait));
                          doReload({std::move(reply), undoAfter, params.value("allowEmpty", false)});
-                     }};
+                     },
+                     {{"undoAfter", number}, {"allowEmpty", truth}}};
     all["diff"].call = [this](json const&, RpcReply reply) {
         differ_->ask(options_.configurationFile, std::move(reply));
     };
+    all["config"].parameters = {{"running", truth}};
     all["config"].call = [this](json const& params, RpcReply const& reply) {
         std::string const& file = options_.configurationFile;
         if (!params.value("running", false)) return fileAnswers_.answer(file, reply);
@@ -144,22 +175,26 @@ RpcMethods Daemon::methods() {
             file, [this]() -> Configuration const& { return writer_.configuration(); }));
     };
     // For whoever may read all that the agent may.
-    all["diffFile"] = {true, [this](json const& params, RpcReply reply) {
+    all["diffFile"] = {true,
+                       [this](json const& params, RpcReply reply) {
                            differ_->ask(params.at("file"), std::move(reply));
-                       }};
+                       },
+                       {{"file", text, true}}};
     all["undo"] = {true,
                    [this](json const&, RpcReply reply) { reloader_.undo({std::move(reply)}); }};
     all["confirm"] = {true, [this](json const&, RpcReply const& reply) {
                           reloader_.confirm();
                           reply.result(reloader_.statusJson());
                       }};
-    all["stop"] = {true, [this](json const& params, RpcReply reply) {
+    all["stop"] = {true,
+                   [this](json const& params, RpcReply reply) {
                        if (params.value("keepGroups", false) && options_.stateFile.empty())
                            throw RpcError(RpcError::refused, "--state names no file to keep the "
                                                              "groups in for the next run");
                        stopped_.push_back(std::move(reply));
                        doStop(params.value("keepGroups", writer_.configuration().keepGroups));
-                   }};
+                   },
+                   {{"keepGroups", truth}}};
     return all;
 }
 

@@ -43,7 +43,13 @@ ControlServer::ControlServer(EventLoop& loop, std::string path, RpcMethods const
         errno = EADDRINUSE;
         errnoThrow(path_.c_str());
     }
-    // It appears as a whole, with its mode, in place of what a dead agent has left.
+    // It appears as a whole, with its mode, in place of what a dead agent has left; but of no other
+    // file.
+    struct stat there {};
+    if (lstat(path_.c_str(), &there) == 0 && !S_ISSOCK(there.st_mode)) {
+        errno = EEXIST;
+        errnoThrow(path_.c_str());
+    }
     std::string const made = path_ + ".new";
     sockaddr_un const address = unixAddress(made);
     unlink(made.c_str());

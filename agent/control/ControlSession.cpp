@@ -1,8 +1,11 @@
 #include "agent/control/ControlSession.h"
 
 #include "agent/loop/Log.h"
+#include "agent/loop/Printable.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <fmt/format.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -30,6 +33,43 @@ class ValuePart : public JsonPart {
   private:
     nlohmann::json value_;
 };
+
+bool fits(nlohmann::json const& value, RpcParameter::Kind kind) {
+    switch (kind) {
+    case RpcParameter::Kind::text:
+        return value.is_string();
+    case RpcParameter::Kind::number:
+        return value.is_number();
+    case RpcParameter::Kind::count:
+        return value.is_number_unsigned();
+    case RpcParameter::Kind::truth:
+        return value.is_boolean();
+    }
+    return false;
+}
+
+/// Throws an RpcError for a parameter that the method does not have, or not of that kind, and for
+/// one that is missing.
+void doCheck(nlohmann::json const& params, std::vector<RpcParameter> const& known) {
+    static constexpr char const* words[] = {"a text", "a number", "a whole number",
+                                            "true or false"};
+    auto const refuse = [](std::string const& text) {
+        throw RpcError(RpcError::invalidParams, text);
+    };
+    std::string names;
+    for (RpcParameter const& parameter : known) {
+        auto const found = params.find(parameter.name);
+        names += fmt::format("{}{}", names.empty() ? ", expected " : ", ", parameter.name);
+        if (found == params.end() && parameter.required)
+            refuse(fmt::format("the parameter {} is missing", parameter.name));
+        if (found != params.end() && !fits(*found, parameter.kind))
+            refuse(fmt::format("{} is to be {}", parameter.name, words[int(parameter.kind)]));
+    }
+    for (auto const& item : params.items())
+        if (std::none_of(known.begin(), known.end(),
+                         [&](auto const& each) { return item.key() == each.name; }))
+            refuse(fmt::format("unknown parameter {}{}", printable(item.key()), names));
+}
 
 } // namespace
 
@@ -202,11 +242,10 @@ void ControlSession::doServe() {
         if (method->second.changes && user_ != 0 && user_ != geteuid())
             throw RpcError(RpcError::forbidden,
                            "only root and the user of the agent may ask for that");
+        doCheck(request.params, method->second.parameters);
         method->second.call(request.params, reply);
     } catch (RpcError const& error) {
         reply.error(error);
-    } catch (nlohmann::json::exception const& error) {
-        reply.error(RpcError(RpcError::invalidParams, error.what()));
     } catch (std::exception const& error) {
         reply.error(RpcError(RpcError::internalError, error.what()));
         throw;

@@ -39,12 +39,20 @@ class RpcReply {
     std::weak_ptr<ControlSession> session_;
 };
 
+struct RpcParameter {
+    enum class Kind { text, number, count, truth };
+    char const* name;
+    Kind kind;
+    bool required = false;
+};
+
 /// What can be asked for.
 struct RpcMethod {
     /// Not for everybody who can connect.
     bool changes = false;
-    /// Answers now or later, once, or throws an RpcError.
+    /// Answers now or later, once, or throws an RpcError. Parameters are of their kinds.
     std::function<void(nlohmann::json const& params, RpcReply reply)> call;
+    std::vector<RpcParameter> parameters{};
 };
 using RpcMethods = std::map<std::string, RpcMethod>;
 

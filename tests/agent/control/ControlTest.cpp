@@ -4,6 +4,7 @@
 #include "agent/loop/LoopFixture.h"
 
 #include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -29,6 +30,10 @@ class ControlTest : public LoopFixture {
         methods["echo"].call = [](json const& params, RpcReply const& reply) {
             reply.result(params);
         };
+        methods["echo"].parameters = {{"a", RpcParameter::Kind::count},
+                                      {"b", RpcParameter::Kind::text}};
+        methods["needy"] = methods["echo"];
+        methods["needy"].parameters.front().required = true;
         methods["later"].call = [this](json const&, RpcReply const& reply) { later = reply; };
         methods["endless"].call = [this](json const&, RpcReply const& reply) {
             reply.result(std::make_unique<Endless>(made));
@@ -86,8 +91,11 @@ TEST_F(ControlTest, EachLineHasItsAnswerInTurn) {
     ControlServer const server(loop, path, methods);
     std::string const deep = std::string(20, '[') + std::string(20, ']') + '\n';
     std::vector<std::pair<std::string, std::string>> const lines{
-        {asked("echo", R"({"a":[1,{"b":null}]})"),
-         "{\"jsonrpc\": \"2.0\",\"id\": 1,\"result\": {\"a\": [1,{\"b\":null}]}}\n"},
+        {asked("echo", R"({"a":1,"b":"x"})"),
+         "{\"jsonrpc\": \"2.0\",\"id\": 1,\"result\": {\"a\": 1,\"b\": \"x\"}}\n"},
+        {asked("echo", R"({"a":-1})"), failed("1", -32602, "a is to be a whole number")},
+        {asked("echo", R"({"c":1})"), failed("1", -32602, "unknown parameter c, expected a, b")},
+        {asked("needy"), failed("1", -32602, "the parameter a is missing")},
         {asked("refuse"), "{\"jsonrpc\": \"2.0\",\"id\": 1,\"error\": {\"code\": -32000,\"data\": "
                           "{\"key\": 1},\"message\": \"not now\"}}\n"},
         {asked("nonsense"), failed("1", -32601, "no method nonsense")},
@@ -198,6 +206,9 @@ TEST_F(ControlTest, ADeadSocketIsReplacedAndALiveOneIsNot) {
         EXPECT_TRUE(std::filesystem::exists(path));
     }
     EXPECT_FALSE(std::filesystem::exists(path));
+    std::ofstream(path) << "kept";
+    EXPECT_THROW(ControlServer(loop, path, methods), std::system_error);
+    EXPECT_EQ(std::filesystem::file_size(path), 4u) << "of no socket";
     EXPECT_THROW(ControlServer(loop, std::string(200, 'x'), methods), std::system_error);
     EXPECT_THROW(ControlServer(loop, "/no/such/folder", methods), std::system_error);
 }
