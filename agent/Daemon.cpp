@@ -20,6 +20,8 @@ namespace Agent {
 
 namespace {
 
+/// How soon an address to serve figures at is tried again, in seconds.
+constexpr double metricsRetrySeconds = 5;
 /// How soon the attempt to recover is repeated, in seconds.
 constexpr double rebuildSeconds = 1;
 
@@ -113,18 +115,20 @@ void Daemon::doOpenControl() {
 }
 
 void Daemon::doServeMetrics(std::string const& listen) {
-    if (listen == metricsListen_) return;
+    if (listen == metricsListen_ && metrics_) return;
     metricsListen_ = listen;
     metrics_.reset();
-    obstacles_.clear(metricsSubject);
-    if (listen.empty()) return;
+    metricsRetry_.disarm();
+    if (listen.empty()) return obstacles_.clear(metricsSubject);
     try {
         metrics_.emplace(loop_, listen, [this]() -> MetricsServer::Pieces {
             auto const text = std::make_shared<MetricsText>(*view_);
             return [text](std::string& piece) { return text->next(piece); };
         });
+        obstacles_.clear(metricsSubject);
     } catch (std::system_error const& error) {
         obstacles_.report(metricsSubject, fmt::format("cannot be had: {}", error.what()));
+        metricsRetry_.arm(metricsRetrySeconds);
     }
 }
 
@@ -331,7 +335,7 @@ void Daemon::doReload(Reloader::Request request) {
 /// Whether the machines have nothing left to do for the groups. Those of a damaged state are built
 /// anew first.
 bool Daemon::settled() const {
-    if (damaged_ || !root_ || !vrfs_->routesJudged()) return false;
+    if (damaged_ || !root_ || !vrfs_->synchronized() || !vrfs_->routesJudged()) return false;
     auto const& interfaces = writer_.configuration().interfaces;
     return std::none_of(interfaces.begin(), interfaces.end(), [this](auto const& item) {
         auto const* const machine = root_->igmpHostProxyIntfSm(Lox::IntfId(item.first));
@@ -339,8 +343,28 @@ bool Daemon::settled() const {
     });
 }
 
+/// Whether any group is asked for on an interface that is there. One where nobody has looked yet
+/// may be.
+bool Daemon::selectsHere(Configuration const& configuration) const {
+    auto const selects = [&](InterfaceConfiguration const& entry) {
+        return configuration.selectedGroups(entry) > 0;
+    };
+    for (auto const& [name, entry] : configuration.interfaces) {
+        Whereabouts const here = vrfs_->whereabouts(name, configuration.namespaceOf(entry.vrf));
+        if ((!here.followed || here.device.kernel) && selects(entry)) return true;
+    }
+    for (InterfaceConfiguration const& pattern : configuration.patterns)
+        if (pattern.vrf != defaultVrf && selects(pattern)) return true;
+    bool any = false;
+    vrfs_->forInterfaces([&](std::string const&, std::string const& name) {
+        InterfaceConfiguration const* const entry = configuration.entryFor(name);
+        any = any || (entry && !entry->pattern.empty() && selects(*entry));
+    });
+    return any;
+}
+
 bool Daemon::leavesAll(Configuration const& configuration) const {
-    if (configuration.selectedGroups() > 0) return false;
+    if (selectsHere(configuration)) return false;
     bool any = false;
     bool kept = false; // for the forwarding table
     for (auto const& item : writer_.configuration().interfaces) {

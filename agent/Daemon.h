@@ -97,6 +97,7 @@ class Daemon : private Reloader::Target {
     void putInForce(Configuration configuration) override { doConfigure(std::move(configuration)); }
     bool settled() const override;
     bool leavesAll(Configuration const& configuration) const override;
+    bool selectsHere(Configuration const& configuration) const;
     void beginChanges() override { hosts_->beginChanges(); }
     nlohmann::json changesJson() const override;
     void endChanges() override { hosts_->endChanges(); }
@@ -131,7 +132,8 @@ class Daemon : private Reloader::Target {
     RpcMethods methods_;
     std::optional<ControlServer> control_;
     std::optional<MetricsServer> metrics_;
-    std::string metricsListen_; ///< where it is, or was to be
+    std::string metricsListen_; ///< where it is, or is to be
+    Alarm metricsRetry_{loop_, [this] { doServeMetrics(metricsListen_); }};
     Alarm formerLevel_{loop_, [this] { setLogLevel(levelBefore_); }};
     LogLevel levelBefore_{};  ///< to be returned to
     bool damaged_ = false;    ///< what stands between the configuration and the ports

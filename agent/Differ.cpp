@@ -66,11 +66,13 @@ void Differ::doTell() {
         rehearsal_.add(changeText(interface, group, before, after));
     });
     ChangeCounts const counts = changeCounts(hosts_);
+    // Others are answers that are due anyway.
+    bool const changed = counts.joined + counts.left + counts.changed > 0;
     rehearsal_.end(json{{"joined", counts.joined},
                         {"left", counts.left},
                         {"changed", counts.changed},
                         {"kept", hosts_.memberCount() - counts.joined - counts.changed},
-                        {"packets", PacketSocket::mutedCount()}}
+                        {"packets", changed ? PacketSocket::mutedCount() : 0}}
                        .dump());
 }
 

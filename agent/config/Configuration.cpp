@@ -256,18 +256,20 @@ ConfigurationReading readingOf(std::optional<toml::table> const& root, Diagnosti
 
 std::uint64_t Configuration::selectedGroups() const {
     std::uint64_t groups = 0;
-    auto const count = [&](InterfaceConfiguration const& interface) {
-        groups += interface.groups.size();
-        std::set<Lox::IpAddrWithFullMask> ranges; // one for all rules about it
-        for (std::string const& name : interface.accessLists) {
-            auto const list = accessLists.find(name);
-            if (list == accessLists.end()) continue;
-            for (auto const& [sequence, rule] : list->second)
-                if (ranges.insert(rule.filter.destination).second) groups += groupCount(rule);
-        }
-    };
-    for (auto const& item : interfaces) count(item.second);
-    for (InterfaceConfiguration const& pattern : patterns) count(pattern);
+    for (auto const& item : interfaces) groups += selectedGroups(item.second);
+    for (InterfaceConfiguration const& pattern : patterns) groups += selectedGroups(pattern);
+    return groups;
+}
+
+std::uint64_t Configuration::selectedGroups(InterfaceConfiguration const& interface) const {
+    std::uint64_t groups = interface.groups.size();
+    std::set<Lox::IpAddrWithFullMask> ranges; // one for all rules about it
+    for (std::string const& name : interface.accessLists) {
+        auto const list = accessLists.find(name);
+        if (list == accessLists.end()) continue;
+        for (auto const& [sequence, rule] : list->second)
+            if (ranges.insert(rule.filter.destination).second) groups += groupCount(rule);
+    }
     return groups;
 }
 

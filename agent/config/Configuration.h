@@ -166,6 +166,8 @@ struct Configuration {
     /// How many groups the sections ask for. One that several rules or lines select counts for
     /// each.
     std::uint64_t selectedGroups() const;
+    /// The same of one of them.
+    std::uint64_t selectedGroups(InterfaceConfiguration const& interface) const;
 
     friend bool operator==(Configuration const&, Configuration const&) = default;
 };
