@@ -7,6 +7,7 @@
 #include "agent/loop/FileDescriptor.h"
 #include "agent/loop/Log.h"
 #include "agent/loop/ServiceManager.h"
+#include "agent/loop/SystemError.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -110,7 +111,11 @@ int main(int argc, char** argv) {
         bool keys = false;
         app.add_flag("--keys", keys, "Print the reference of the configuration's keys (Markdown)");
         app.set_version_flag("--version", "ihproxyd " IHP_VERSION);
-        CLI11_PARSE(app, argc, argv);
+        try {
+            app.parse(argc, argv);
+        } catch (CLI::ParseError const& error) {
+            return app.exit(error) == 0 ? 0 : 1;
+        }
         if (options.configurationFile.empty()) holdSignals(false);
         if (keys) return std::fputs(Agent::keyReference().c_str(), stdout) < 0;
         if (options.configurationFile.empty() && check.file.empty()) {
@@ -119,7 +124,8 @@ int main(int argc, char** argv) {
         }
         if (!check.file.empty()) {
             Agent::CheckReport const report = checkReport(check);
-            std::fputs(report.text.c_str(), stdout);
+            if (std::fputs(report.text.c_str(), stdout) < 0 || std::fflush(stdout) != 0)
+                Agent::errnoThrow("standard output");
             return report.good ? 0 : 1;
         }
         TraceLog const traces(traceLevel);

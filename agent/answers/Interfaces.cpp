@@ -3,7 +3,6 @@
 #include "agent/loop/Printable.h"
 
 #include <algorithm>
-#include <fmt/format.h>
 #include <functional>
 #include <optional>
 
@@ -85,9 +84,6 @@ json interfaceJson(AgentView const& view, std::string const& name,
         row["querier"] = {{"address", querier.address.stringValue()},
                           {"version", querier.version},
                           {"heardAgo", now - querier.heard}};
-    if (obstacle.empty() && engine.version() < unsigned(configured.igmpVersion))
-        row["why"] = fmt::format("older querier, version {} again in {:.0f} s",
-                                 configured.igmpVersion, engine.versionExpiry() - now);
     return row;
 }
 

@@ -1,6 +1,7 @@
 #include "agent/ctl/Terminal.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -9,6 +10,7 @@
 #include <fmt/color.h>
 #include <fmt/format.h>
 #include <memory>
+#include <system_error>
 #include <unistd.h>
 
 namespace Ctl {
@@ -47,8 +49,8 @@ void page(std::string const& text) {
 
 void show(std::string const& text, bool again) {
     if (again) std::fputs(isatty(STDOUT_FILENO) ? "\033[H\033[2J" : "\n", stdout);
-    std::fputs(text.c_str(), stdout);
-    std::fflush(stdout);
+    if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0)
+        throw std::system_error(errno, std::generic_category(), "standard output");
 }
 
 std::string coloured(Mood mood, std::string text) {

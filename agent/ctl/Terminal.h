@@ -11,7 +11,7 @@ namespace Ctl {
 /// Prints a whole text: on a terminal through $PAGER unless that is empty, or through less where
 /// there is one.
 void page(std::string const& text);
-/// Prints a text at once; `again` replaces what stands on a terminal.
+/// Prints a text at once, or throws std::system_error; `again` replaces what stands on a terminal.
 void show(std::string const& text, bool again);
 
 enum class Mood { good, doubtful, bad };

@@ -101,6 +101,8 @@ std::string statusText(json const& answer) {
         configuration.at("number").get<unsigned>(), timeText(configuration.at("since")),
         interfaces.at("up").get<std::size_t>(), countText(interfaces.at("total"), "interface"),
         countText(answer.at("groups"), "group"));
+    if (auto const within = configuration.find("confirmWithin"); within != configuration.end())
+        text += fmt::format(", to be undone in {} unless confirmed", durationText(*within));
     if (answer.at("state") != "ready") text += ", " + answer.at("state").get<std::string>();
     text += '\n';
     for (json const& each : answer.at("obstacles"))

@@ -186,8 +186,10 @@ int run(int argc, char** argv) {
     lists.parameter<std::string>("list", "list", "The rules of this list only");
     Question routes(app, options, "routes", "The routes of the forwarding table that are announced",
                     Ctl::routesText);
+    routes.addWatch();
     routes.parameter<std::string>("--vrf", "vrf", "Of this VRF only");
     Question why(app, options, "why", "Why a group is announced, or why not", Ctl::whyText);
+    why.addWatch();
     why.parameter<std::string>("interface", "interface", "On this interface")->required();
     why.parameter<std::string>("group", "group", "The group")->required();
     Question trace(app, options, "trace", "What the machines have done lately", Ctl::traceText);
@@ -237,9 +239,11 @@ int run(int argc, char** argv) {
             ->type_name("INTERFACE GROUP");
     wait->add_option("--for", awaited.seconds, "For so long at most; exit status 1 or 2 then")
         ->transform(seconds());
+    wait->add_flag("--json", options.json, "As JSON, for programs");
     wait->callback([&] {
         if (!*ready && !*group) throw CLI::RequiredError("--ready or --group");
         await(options, awaited);
+        if (options.json) Ctl::show("{}\n", false);
     });
 
     try {
