@@ -78,7 +78,7 @@ installPackages() {
     shift
     mapfile -t missing < <(missingPackages "$@")
     if [ "${#missing[@]}" = 0 ]; then
-        [ -d build/release ] || echo "With the first build this takes $time." >&2
+        [ -d "$(dirname "$log")/release" ] || echo "With the first build this takes $time." >&2
         return
     fi
     if [ "$EUID" != 0 ] && ! command -v sudo >/dev/null; then

@@ -3,6 +3,7 @@
 #include "agent/loop/Printable.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <fmt/format.h>
 #include <numeric>
@@ -105,7 +106,10 @@ std::string wordsOf(toml::parse_error const& error, std::string_view text) {
     std::string words(error.description());
     auto const name = words.find('\'') + 1;
     if (words.find("cannot redefine") != std::string::npos && name != 0) {
-        auto const end = words.rfind('\'');
+        // The blanks before the equals sign are part of it, too.
+        auto end = words.rfind('\'');
+        while (end > name && std::isspace(static_cast<unsigned char>(words[end - 1])))
+            words.erase(--end, 1);
         bool const verbatim =
             text.find(std::string_view(words).substr(name, end - name)) != std::string_view::npos;
         for (std::size_t at = name; !verbatim && at + 5 < words.size(); ++at)

@@ -1,5 +1,9 @@
 #include "agent/files/StatusFile.h"
 
+#include "agent/loop/Log.h"
+
+#include <exception>
+#include <new>
 #include <utility>
 
 namespace Agent {
@@ -28,9 +32,12 @@ void StatusFile::doSlice() {
         while (more && EventLoop::now() < end) more = stream_->next();
         file_->add(stream_->take());
         if (!more) file_->finish();
-    } catch (...) {
+    } catch (std::bad_alloc const&) {
         doEnd();
         throw;
+    } catch (std::exception const& error) {
+        log(LogLevel::error, "the status is not written: {}", error.what());
+        more = false;
     }
     if (more)
         slice_.arm(0);

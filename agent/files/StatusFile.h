@@ -22,7 +22,7 @@ class StatusFile {
                std::function<std::unique_ptr<JsonPart>()> makeStatus);
 
     /// Writes the file in the turns that follow, behind one that is being written. What fails is
-    /// thrown into the loop, and the old file stays.
+    /// logged, and the old file stays. Without memory, std::bad_alloc is thrown into the loop.
     void doWrite();
 
   private:

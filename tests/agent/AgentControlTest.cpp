@@ -88,9 +88,14 @@ TEST_F(AgentControlTest, SaysWhatIsAnnouncedAndWhatIsNot) {
     EXPECT_EQ(json("trace --last 3").at("entries").size(), 3u);
     EXPECT_EQ(ask("wait --ready --group up0 239.1.1.1 --for 5s").status, 0);
     EXPECT_EQ(ask("wait --group up0 239.7.7.7 --for 0.1s").status, 1);
-    Answer const wrong = ask("groups --origin nowhere");
-    EXPECT_EQ(wrong.status, 1);
-    EXPECT_NE(wrong.text.find("expected configuration, list or route"), std::string::npos);
+    for (auto const& [question, why] :
+         {std::pair("groups --origin nowhere", "expected configuration, list or route"),
+          std::pair("counters reset -i nope", "there is no interface nope in the configuration"),
+          std::pair("lists nope", "there is no list nope"), std::pair("status >/dev/full", "")}) {
+        Answer const wrong = ask(question);
+        EXPECT_EQ(wrong.status, 1) << question;
+        EXPECT_NE(wrong.text.find(why), std::string::npos) << wrong.text;
+    }
     EXPECT_GT(json("counters -i up0").at("counters").at(0).at("v3StateChangeReportSent"), 0);
     EXPECT_EQ(json("events --last 1").at("events").size(), 1u);
     agent->signal(SIGTERM);
@@ -113,6 +118,8 @@ TEST_F(AgentControlTest, ReloadSaysWhatItDidAndCanBeTakenBack) {
                            "ihproxyctl: FILE was not taken over; nothing is changed\n");
     Answer const empty = with("[interface.up0]\n", "reload");
     EXPECT_EQ(empty.status, 1) << empty.text;
+    EXPECT_EQ(with(groupsOn("up00", "\"239.1.1.1\" = {}\n"), "reload").status, 1)
+        << "a misspelt name";
     EXPECT_TRUE(holds("[]", 1));
     EXPECT_EQ(with(second, "reload").text, "in force (#2): 1 group joined, 1 group changed\n");
     EXPECT_TRUE(holds("[\"10.0.0.1\"]", 2));
