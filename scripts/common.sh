@@ -12,7 +12,7 @@ runPackages=(
 # To build everything, and to check it.
 checkPackages=(
     "${runPackages[@]}"
-    libbenchmark-dev libgtest-dev librapidcheck-dev
+    libgtest-dev librapidcheck-dev
     clang clang-format clang-tidy git libclang-rt-dev python3-jsonschema python3-prometheus-client shellcheck smcroute
 )
 

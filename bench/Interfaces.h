@@ -1,16 +1,16 @@
 // Interfaces and VRFs that come and go, at one and at thousands: what one of them costs should not
 // depend on how many there are.
-#include "Measure.h"
+#pragma once
+
+#include "Harness.h"
 #include "support/InProcessPlatform.h"
 
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
 #include <string>
 
-namespace {
+namespace Bench {
 
-std::string intfName(std::uint32_t at) { return "up" + std::to_string(at); }
+inline std::string intfName(std::uint32_t at) { return "up" + std::to_string(at); }
 
 /// A device with its interfaces; a proxy machine works on each.
 struct IntfWorld : Support::InProcessPlatform {
@@ -44,7 +44,8 @@ struct IntfWorld : Support::InProcessPlatform {
                            {at + 1, intfName(at), Lox::EthAddr({2, 0, 0, 0, 1, last})});
     }
     void expectProxying(std::size_t expected) const {
-        if (root->igmpHostProxyIntfSm().size() != expected) std::abort();
+        if (root->igmpHostProxyIntfSm().size() != expected)
+            fail("an interface is not where it should be");
     }
 
     std::uint32_t count;
@@ -72,76 +73,61 @@ struct VrfWorld : Support::InProcessPlatform {
             delistIntf(intfName(at));
             allVrfStatusLocal->vrfDel(L3::VrfName(name(at)));
         }
-        if (root->kernelVrfIntfStatus(L3::VrfName(name(count - 1)))) std::abort();
+        if (root->kernelVrfIntfStatus(L3::VrfName(name(count - 1))))
+            fail("an interface is not where it should be");
     }
     void expectListed(std::uint32_t at) const {
         auto const* const view = root->kernelVrfIntfStatus(L3::VrfName(name(at)));
         if (!view->deviceIntfStatusDir()->intfStatusAndDeviceNameHas(Lox::IntfId(intfName(at))))
-            std::abort();
+            fail("an interface is not where it should be");
     }
 
     std::uint32_t count;
 };
 
 template <class World>
-void comeUp(benchmark::State& state) {
-    auto const count = std::uint32_t(state.range(0));
-    Bench::perItem(
-        state, count, [&] { return std::make_unique<World>(count, false); },
-        [](World& world) { world.comeUp(); });
-}
+struct ComingUp {
+    explicit ComingUp(std::uint32_t count) : world(count, false) {}
+    void run() { world.comeUp(); } // and looks that they have
+    bool done() const { return true; }
+
+    World world;
+};
 template <class World>
-void go(benchmark::State& state) {
-    auto const count = std::uint32_t(state.range(0));
-    Bench::perItem(
-        state, count, [&] { return std::make_unique<World>(count, true); },
-        [](World& world) { world.go(); });
-}
-BENCHMARK(comeUp<IntfWorld>)
-    ->Name("interfacesComeUp")
-    ->RangeMultiplier(10)
-    ->Range(1, 10000)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK(go<IntfWorld>)
-    ->Name("interfacesGo")
-    ->RangeMultiplier(10)
-    ->Range(1, 10000)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK(comeUp<VrfWorld>)
-    ->Name("vrfsComeUp")
-    ->RangeMultiplier(8)
-    ->Range(1, 4096)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK(go<VrfWorld>)
-    ->Name("vrfsGo")
-    ->RangeMultiplier(8)
-    ->Range(1, 4096)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
+struct Going {
+    explicit Going(std::uint32_t count) : world(count, true) {}
+    void run() { world.go(); } // and looks that they have
+    bool done() const { return true; }
 
-/// The kernel tells a new MAC address of one interface out of so many.
-void oneKernelRecord(benchmark::State& state) {
-    IntfWorld world(std::uint32_t(state.range(0)), true);
-    std::uint32_t at = 0;
-    for (auto unused : state) {
-        world.macIs(at % world.count, std::uint8_t(at / world.count + 1));
-        ++at;
+    World world;
+};
+
+/// The kernel tells a new MAC address of each interface.
+struct MacChanges {
+    explicit MacChanges(std::uint32_t count) : world(count, true) {}
+    void run() {
+        for (std::uint32_t at = 0; at < world.count; ++at) world.macIs(at, 0xFF);
     }
-}
-BENCHMARK(oneKernelRecord)->RangeMultiplier(10)->Range(1, 10000);
-
-/// One interface out of as many VRFs is delisted and listed again.
-void oneListing(benchmark::State& state) {
-    VrfWorld world(std::uint32_t(state.range(0)), true);
-    for (auto unused : state) {
-        world.delistIntf(intfName(0));
-        world.listIntf(intfName(0), "ns-" + VrfWorld::name(0));
+    bool done() const {
+        return world.intfStatus(intfName(world.count - 1))->macAddr().octets()[5] == 0xFF;
     }
-    world.expectListed(0);
-}
-BENCHMARK(oneListing)->RangeMultiplier(8)->Range(1, 4096);
 
-} // namespace
+    IntfWorld world;
+};
+
+/// One interface out of as many VRFs is delisted and listed again, as often.
+struct Relistings {
+    explicit Relistings(std::uint32_t count) : world(count, true) {}
+    void run() {
+        for (std::uint32_t at = 0; at < world.count; ++at) {
+            world.delistIntf(intfName(0));
+            world.listIntf(intfName(0), "ns-" + VrfWorld::name(0));
+        }
+        world.expectListed(0);
+    }
+    bool done() const { return true; }
+
+    VrfWorld world;
+};
+
+} // namespace Bench
