@@ -114,6 +114,7 @@ void IgmpHostProxyIntfSm::igmpHostProxyAclHelperDelAll() {
 }
 
 bool IgmpHostProxyIntfSm::aclHas(Lox::IpAddr group) const {
+    if (igmpHostProxyAclHelper_.empty()) return false; // costs a route less than an empty walk
     for (auto const& item : igmpHostProxyAclHelper_.walk())
         if (item.value->groupSourceList(group)) return true;
     return false;
