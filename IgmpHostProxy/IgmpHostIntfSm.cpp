@@ -208,8 +208,10 @@ bool IgmpHostIntfSm::NexGroupSourceListStatus::listed(Lox::IpAddr source) const 
     return includeHas(source) || excludeHas(source);
 }
 
-Nex::Ptr<Igmp::IgmpV3GroupRecord> IgmpHostIntfSm::NexGroupSourceListStatus::record() const {
-    return machine()->igmpHost() ? machine()->igmpHost()->v3group(group()) : nullptr;
+Nex::Ptr<Igmp::IgmpV3GroupRecord> const& IgmpHostIntfSm::NexGroupSourceListStatus::record() {
+    Igmp::IgmpHost* const host = machine()->igmpHost();
+    if (!record_ || record_->nexParent() != host) record_ = host ? host->v3group(group()) : nullptr;
+    return record_;
 }
 
 void IgmpHostIntfSm::NexGroupSourceListStatus::doAddSource(Igmp::IgmpV3GroupRecord& record,

@@ -135,9 +135,13 @@ class IgmpHostIntfSm : public Nex::PtrInterface {
         /// Whether the group lists the source at all. Both handlers add it then, whichever the
         /// list: the mode is that of the handler that ran last.
         bool listed(Lox::IpAddr source) const;
-        Nex::Ptr<Igmp::IgmpV3GroupRecord> record() const;
+        /// The host's record of the group, or null.
+        Nex::Ptr<Igmp::IgmpV3GroupRecord> const& record();
         void doAddSource(Igmp::IgmpV3GroupRecord& record, Lox::IpAddr source) const;
         void doDelSource(Igmp::IgmpV3GroupRecord& record, Lox::IpAddr source) const;
+
+        /// The group's, as long as the host is its parent: it loses that as it is taken out.
+        Nex::Ptr<Igmp::IgmpV3GroupRecord> record_;
     };
 
   private:

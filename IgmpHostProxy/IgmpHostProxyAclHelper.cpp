@@ -135,18 +135,21 @@ void IgmpHostProxyAclHelper::doApplyTo(Lox::IpAddr group, Acl::UniqueId id,
     Nex::Ptr<GroupSource> const contribution = groupSourceListIs(group);
     Nex::Ptr<IntfStatus> const status = machine_->intfStatus();
     if (!status) return; // gone by what a group before has brought about
-    if (!status->groupSourceListHas(group)) {
+    Nex::Ptr<GroupSource> entry = status->groupSourceList(group);
+    if (!entry) {
         IHP_TRACE(7, "Adding group % to status", group);
-        status->groupSourceListIs(group);
+        entry = status->groupSourceListIs(group);
     }
     void const* const self = this;
     IHP_TRACE(7, "%::handleRule( % ): Rule type: %", self, id, rule.action);
     if (effect.include) {
         contribution->includeSourceListIs(effect.source);
+        machine_->entryIs(entry.get());
         machine_->countedIs(&counted);
         machine_->addIncludeSourceGroup(effect.source, group);
     } else {
         contribution->excludeSourceListIs(effect.source);
+        machine_->entryIs(entry.get());
         machine_->countedIs(&counted);
         machine_->addExcludeSourceGroup(effect.source, group);
     }

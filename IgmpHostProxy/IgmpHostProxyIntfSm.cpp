@@ -165,7 +165,7 @@ void IgmpHostProxyIntfSm::NexGroupSourceListConfig::handleInitialized() {
     IHP_TRACE_ENTRY();
     IHP_TRACE(7, "Adding group =% to status", group());
     if (!machine()->intfStatus()) return;
-    machine()->intfStatus()->groupSourceListIs(group());
+    doEnsureEntry();
     initializedIs(true);
     handleIncludeSourceList();
     handleExcludeSourceList();
@@ -174,17 +174,26 @@ void IgmpHostProxyIntfSm::NexGroupSourceListConfig::handleInitialized() {
 void IgmpHostProxyIntfSm::NexGroupSourceListConfig::handleIncludeSourceList(Lox::IpAddr source) {
     IHP_TRACE_ENTRY();
     if (!machine()->intfStatus() || !includeHas(source)) return;
-    // Removing the last source of a group that is still configured has deleted its status entry.
-    machine()->intfStatus()->groupSourceListIs(group());
+    doEnsureEntry();
     // Whoever hears of the entry may take the source back.
-    if (includeHas(source)) machine()->addIncludeSourceGroup(source, group());
+    if (!includeHas(source)) return;
+    machine()->entryIs(entry_.get());
+    machine()->addIncludeSourceGroup(source, group());
 }
 
 void IgmpHostProxyIntfSm::NexGroupSourceListConfig::handleExcludeSourceList(Lox::IpAddr source) {
     IHP_TRACE_ENTRY();
     if (!machine()->intfStatus() || !excludeHas(source)) return;
-    machine()->intfStatus()->groupSourceListIs(group());
-    if (excludeHas(source)) machine()->addExcludeSourceGroup(source, group());
+    doEnsureEntry();
+    if (!excludeHas(source)) return;
+    machine()->entryIs(entry_.get());
+    machine()->addExcludeSourceGroup(source, group());
+}
+
+/// Removing the last source of a group that is still configured has deleted its status entry.
+void IgmpHostProxyIntfSm::NexGroupSourceListConfig::doEnsureEntry() {
+    IntfStatus* const status = machine()->intfStatus();
+    if (!entry_ || entry_->nexParent() != status) entry_ = status->groupSourceListIs(group());
 }
 
 // Deleted groups

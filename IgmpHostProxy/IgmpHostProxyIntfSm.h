@@ -117,6 +117,9 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     /// may come before that or after, and the count, which others change meanwhile, can't tell.
     /// Good for one add, and not owned: it outlives that.
     void countedIs(bool* counted) { counted_ = counted; }
+    /// Tells the add that is called next the status entry of its group, which it need not look for
+    /// then. Good for one add, not held, and nobody is told of anything in between.
+    void entryIs(GroupSource* entry) { entry_ = entry; }
 
     // The counts as they are. Changing them by hand changes no group, and makes a pair without a
     // count pass for a route's.
@@ -344,6 +347,13 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
         using NexGroupSource::handleIncludeSourceList;
         void handleIncludeSourceList(Lox::IpAddr source);
         void handleExcludeSourceList(Lox::IpAddr source);
+
+      private:
+        /// Makes the status entry where there is none. Wants a status.
+        void doEnsureEntry();
+
+        /// The group's, as long as the status is its parent: it loses that as it is taken out.
+        Nex::Ptr<GroupSource> entry_;
     };
 
     /// One group with sources that the operator removed. Each source takes one reference back as it
@@ -470,7 +480,8 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     double retryDelay_ = 0; ///< seconds, between reviews that do nothing but fail
     Nex::ReactorMap<Kesh::Multicast::Fib::Status const*, NexMfibKesh> mfibKesh_;
     GroupSourceRefCounter groupSourceRefCounter_;
-    bool* counted_ = nullptr; ///< of the next add
+    bool* counted_ = nullptr;      ///< of the next add
+    GroupSource* entry_ = nullptr; ///< likewise
     Nex::Map<Nex::String, Nex::Ptr<IgmpHostProxyAclHelper>> igmpHostProxyAclHelper_;
     NEX_REACTORS(Nex::Name, NexAcl, acl, Acl::AclConfig const, name)
     NEX_REACTORS(Lox::IpAddr, NexGroupSourceListConfig, groupSourceListConfig, GroupSource const,

@@ -150,8 +150,10 @@ void IgmpHostProxyIntfSm::doRemove(List list, SourceGroup sg) {
 
 Nex::Ptr<GroupSource> IgmpHostProxyIntfSm::doCount(SourceGroup sg) {
     bool* const counted = std::exchange(counted_, nullptr); // not for an add by who is told below
+    Nex::Ptr<GroupSource> entry = std::exchange(entry_, nullptr);
     if (!intfStatus()) return nullptr;
-    Nex::Ptr<GroupSource> entry = intfStatus()->groupSourceList(sg.groupAddr);
+    if (!entry || entry->nexParent() != intfStatus())
+        entry = intfStatus()->groupSourceList(sg.groupAddr);
     bool certain = bool(entry);
     if (entry) {
         IHP_TRACE(6, "Group is present in status.Checking if it was configured or added from mfib");
