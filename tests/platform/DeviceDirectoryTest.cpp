@@ -1,5 +1,6 @@
 // The directory of device names, over every order in which its three inputs may arrive.
 #include "Interface/NetNsIntfStatusManager.h"
+#include "TestRecords.h"
 
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>
@@ -10,14 +11,11 @@ namespace {
 using KernelNetInfo::InterfaceKey;
 
 /// A namespace with its directory, watched as a machine does: what it is told it looks up at once.
-struct Namespace : Nex::Reactor<DeviceIntfStatusDir::NotifieeConst, Nex::PtrInterface> {
+struct Namespace : Nex::Listener<DeviceIntfStatusDir::NotifieeConst> {
     explicit Namespace(Nex::String const& name)
-        : Reactor(DeviceIntfStatusDir::DeviceIntfStatusDirIs(name),
-                  static_cast<Nex::PtrInterface*>(nullptr)),
+        : Listener(DeviceIntfStatusDir::DeviceIntfStatusDirIs(name)),
           ns(name),
-          directory(const_cast<DeviceIntfStatusDir*>(notifier())) {
-        hasNotificationActiveIs(true);
-    }
+          directory(const_cast<DeviceIntfStatusDir*>(notifier())) {}
     void kernel(std::uint32_t ifIndex, Nex::String const& device) {
         if (device.empty()) {
             kni->interfaceDel(InterfaceKey(ifIndex));

@@ -61,11 +61,8 @@ TEST(NamespaceNameTest, HoldsUpTo150Octets) {
 
 class SourceIntfTest : public testing::Test {
   protected:
-    struct Teller : Nex::Reactor<Ip::SourceIntf::SourceIntfSm::Notifiee, Nex::PtrInterface> {
-        explicit Teller(Nex::Ptr<Ip::SourceIntf::SourceIntfSm> watched)
-            : Reactor(std::move(watched), static_cast<Nex::PtrInterface*>(nullptr)) {
-            hasNotificationActiveIs(true);
-        }
+    struct Teller : Nex::Listener<Ip::SourceIntf::SourceIntfSm::Notifiee> {
+        using Listener::Listener;
         void onSourceIntf(Lox::IntfId intfId) override {
             ++told;
             notifier()->sourceIntf(intfId)->ipAddrIs(IpAddr("192.0.2.1"));
@@ -101,12 +98,8 @@ TEST_F(SourceIntfTest, OneObjectPerInterfaceAsLongAsAnybodyHoldsIt) {
 
 class MountTest : public testing::Test {
   protected:
-    struct Provider : Nex::Reactor<Vardo::EntityManager::NotifieeConst, Nex::PtrInterface> {
-        explicit Provider(Nex::Ptr<Vardo::EntityManager> manager)
-            : Reactor(Nex::Ptr<Vardo::EntityManager const>(manager),
-                      static_cast<Nex::PtrInterface*>(nullptr)) {
-            hasNotificationActiveIs(true);
-        }
+    struct Provider : Nex::Listener<Vardo::EntityManager::NotifieeConst> {
+        using Listener::Listener;
         void onMounted(Nex::String path) override {
             auto const* const table = notifier()->mounted(path);
             told += (table ? "+" + path + ' ' + table->typeName() + ' ' +
@@ -151,11 +144,9 @@ TEST_F(MountTest, FactoryMayRegisterOthersAndItself) {
 }
 
 TEST_F(MountTest, WhoHearsOfTheLastUnmountMayMountAnew) {
-    struct Remounter : Nex::Reactor<Vardo::MountedTable::NotifieeConst, Nex::PtrInterface> {
+    struct Remounter : Nex::Listener<Vardo::MountedTable::NotifieeConst> {
         Remounter(Nex::Ptr<Vardo::MountedTable const> table, NexKesh::Mount& mount)
-            : Reactor(std::move(table), static_cast<Nex::PtrInterface*>(nullptr)), mount_(mount) {
-            hasNotificationActiveIs(true);
-        }
+            : Listener(std::move(table)), mount_(mount) {}
         void onMounts() override {
             if (notifier()->mounts() == 0) mount_.mountIs("a", "Tree", 3);
         }

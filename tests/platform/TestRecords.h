@@ -31,13 +31,17 @@ class Tree : public RecordBase {
     NEX_RECORD(Tree, String, name, TREE)
 };
 
-/// The frame of a reactor on a tree: no machine, and active from the start.
-struct TreeWatcher : Reactor<Tree::Notifiee, PtrInterface> {
-    explicit TreeWatcher(Ptr<Tree> tree)
-        : Reactor(std::move(tree), static_cast<PtrInterface*>(nullptr)) {
-        hasNotificationActiveIs(true);
+/// The frame of a reactor without a machine, active from the start.
+template <class Interface>
+struct Listener : Reactor<Interface, PtrInterface> {
+    template <class Watched>
+    explicit Listener(Ptr<Watched> watched)
+        : Reactor<Interface, PtrInterface>(std::move(watched),
+                                           static_cast<PtrInterface*>(nullptr)) {
+        this->hasNotificationActiveIs(true);
     }
 };
+using TreeWatcher = Listener<Tree::Notifiee>;
 
 /// Which objects have been destroyed since it was made, as long as it lives.
 class Destructions : public DestructionObserver {
