@@ -1,4 +1,4 @@
-// One interface and those who count their sources, configuration and access lists, as plain lists:
+// One interface and those who count their sources, configuration and access lists, as plain sets:
 // what is configured and listed, and what is counted and announced. Slow and without sharing
 // between the rules, so that each can be read against its wording.
 #pragma once
@@ -7,37 +7,21 @@
 
 #include <array>
 #include <map>
+#include <set>
 
 namespace IgmpHostProxy {
-
-// Lists are in the order in which their members came, and have each once.
-template <class T>
-bool has(std::vector<T> const& all, T const& one) {
-    return std::count(all.begin(), all.end(), one) > 0;
-}
-template <class T>
-bool add(std::vector<T>& all, T const& one) {
-    if (has(all, one)) return false;
-    all.push_back(one);
-    return true;
-}
-template <class T>
-bool del(std::vector<T>& all, T const& one) {
-    return std::erase(all, one) > 0;
-}
 
 class Model {
   public:
     enum Mode { include, exclude };
     using Addr = Lox::IpAddr;
     /// Those of a group, by mode.
-    using Sources = std::array<std::vector<Addr>, 2>;
+    using Sources = std::array<std::set<Addr>, 2>;
     using Groups = std::map<Addr, Sources>;
 
     struct Rule {
         unsigned id;
         Acl::IpRuleConfig config;
-        bool operator==(Rule const& other) const { return id == other.id; }
     };
     struct List {
         std::vector<Rule> byId;
@@ -46,13 +30,11 @@ class Model {
     struct Helper {
         Groups groups;
         std::vector<Rule> cached;
-    };
-    struct Counted {
-        Addr source, group;
-        std::uint32_t count;
+
+        bool has(unsigned id) const { return std::ranges::count(cached, id, &Rule::id) > 0; }
     };
     Groups status;
-    std::vector<Counted> counts;
+    std::map<Addr, std::map<Addr, unsigned>> counts; ///< by group and source
     std::map<std::string, Helper> helpers;
     bool deny = false;
 
@@ -61,28 +43,28 @@ class Model {
 
     // Configuration
     void configure(Addr group) {
-        if (configured_.try_emplace(group).second) insertStatus(group);
+        if (configured_.try_emplace(group).second) status.try_emplace(group);
     }
     void configure(Addr group, Addr source, Mode mode) {
         configure(group);
-        if (add(configured_[group][mode], source)) count(source, group, mode);
+        if (configured_[group][mode].insert(source).second) count(source, group, mode);
     }
     void unconfigure(Addr group) { configured_.erase(group); }
     /// Takes the source out of the configured list, which tells nobody.
     void unconfigure(Addr group, Addr source, Mode mode) {
-        if (configured_.contains(group)) del(configured_[group][mode], source);
+        if (configured_.contains(group)) configured_[group][mode].erase(source);
     }
     void listAsDeleted(Addr group, Addr source, Mode mode) {
-        if (add(deleted_[group][mode], source)) remove(group, source, mode);
+        if (deleted_[group][mode].insert(source).second) remove(group, source, mode);
     }
     void unlistDeleted(Addr group) { deleted_.erase(group); }
 
     // Access lists
     void attach(std::string const& name) {
-        if (add(attached_, name)) handleList(name);
+        if (attached_.insert(name).second) handleList(name);
     }
     void detach(std::string const& name) {
-        if (del(attached_, name)) handleList(name);
+        if (attached_.erase(name) > 0) handleList(name);
     }
     void createList(std::string const& name) {
         if (lists_.try_emplace(name).second) handleList(name);
@@ -92,7 +74,7 @@ class Model {
     }
     /// Rules' texts are kept, also of those that have lost their place.
     void writeRule(std::string const& name, unsigned sequence, Rule const& rule) {
-        add(lists_[name].byId, rule);
+        lists_[name].byId.push_back(rule);
         lists_[name].idBySequence[sequence] = rule.id;
         reconcile(name);
     }
@@ -101,9 +83,10 @@ class Model {
     }
     /// A list came, went, was attached or detached, or is asked for again.
     void handleList(std::string const& name) {
-        if (has(attached_, name) && lists_.contains(name)) {
-            helpers[name];
+        bool const attached = attached_.contains(name);
+        if (attached && lists_.contains(name)) {
             for (Rule const& rule : lists_[name].byId) apply(helpers[name], rule);
+            helpers.try_emplace(name);
             return;
         }
         if (helpers.contains(name)) {
@@ -114,69 +97,50 @@ class Model {
                 takeBack(helpers[name], rule.config);
             }
         }
-        if (!has(attached_, name)) helpers.erase(name);
+        if (!attached) helpers.erase(name);
     }
 
     /// The forwarding table puts a source in, uncounted.
-    void contribute(Addr group, Addr source, Mode mode) {
-        insertStatus(group);
-        addSource(group, source, mode);
-    }
+    void contribute(Addr group, Addr source, Mode mode) { status[group][mode].insert(source); }
 
   private:
     // References
-    Counted* counted(Addr source, Addr group) {
-        for (Counted& each : counts)
-            if (each.source == source && each.group == group) return &each;
-        return nullptr;
-    }
-    std::uint32_t countOf(Addr source, Addr group) {
-        Counted const* const found = counted(source, group);
-        return found ? found->count : 0;
-    }
-    bool groupCounted(Addr group) const {
-        return std::any_of(counts.begin(), counts.end(),
-                           [&](Counted const& each) { return each.group == group; });
-    }
-    void countUp(Addr source, Addr group) {
-        if (Counted* const known = counted(source, group))
-            ++known->count;
-        else
-            counts.push_back({source, group, 1});
+    unsigned countOf(Addr source, Addr group) const {
+        auto const known = counts.find(group);
+        return known != counts.end() && known->second.contains(source) ? known->second.at(source)
+                                                                       : 0;
     }
     void forget(Addr source, Addr group) {
-        std::erase_if(counts, [&](Counted const& each) {
-            return each.source == source && each.group == group;
-        });
+        counts[group].erase(source);
+        if (counts[group].empty()) counts.erase(group);
     }
 
     // The merge
     void count(Addr source, Addr group, Mode mode) {
-        insertStatus(group);
-        if (!groupCounted(group)) delAllSources(group);
-        countUp(source, group);
-        mode == include ? addInclude(source, group) : addExclude(source, group);
+        Sources& entry = status[group];
+        if (!counts.contains(group)) entry = {};
+        ++counts[group][source];
+        mode == include ? addInclude(source, entry) : addExclude(source, group, entry);
     }
-    void addInclude(Addr source, Addr group) {
-        Sources const& entry = status[group];
-        if (has(entry[include], anySource)) return;
+    static void addInclude(Addr source, Sources& entry) {
+        if (entry[include].contains(anySource)) return;
         if (source == anySource) {
-            delAllSources(group);
+            entry = {};
         } else {
-            delSource(group, anySource, exclude);
-            if (has(entry[exclude], source)) return;
+            entry[exclude].erase(anySource);
+            if (entry[exclude].contains(source)) return;
         }
-        addSource(group, source, include);
+        entry[include].insert(source);
     }
-    void addExclude(Addr source, Addr group) {
-        if (has(status[group][include], anySource) && countOf(anySource, group) > 0) return;
+    void addExclude(Addr source, Addr group, Sources& entry) const {
+        if (entry[include].contains(anySource) && countOf(anySource, group) > 0) return;
         if (source == anySource) {
-            if (status[group] != Sources()) return;
+            if (entry != Sources()) return;
         } else {
-            delSource(group, anySource, exclude);
-            delSource(group, source, include);
+            entry[exclude].erase(anySource);
+            entry[include].erase(source);
         }
-        addSource(group, source, exclude);
+        entry[exclude].insert(source);
     }
     void remove(Addr group, Addr source, Mode mode) {
         if (countOf(source, group) == 0) {
@@ -186,42 +150,43 @@ class Model {
                 delSource(group, source, mode);
             return eraseIfEmpty(group);
         }
-        std::uint32_t const left = --counted(source, group)->count;
+        unsigned const left = --counts[group][source];
         if (left > 0 && wanted(source, group, mode)) return;
         if (source == anySource) return removeAny(group, mode, left);
-        if (left == 0) forget(source, group);
         delSource(group, source, mode);
         if (left > 0) {
             addSource(group, source, mode == include ? exclude : include);
-        } else if (!groupCounted(group)) {
-            eraseIfEmpty(group);
+            return;
         }
+        forget(source, group);
+        if (!counts.contains(group)) eraseIfEmpty(group);
     }
-    void removeAny(Addr group, Mode mode, std::uint32_t left) {
+    void removeAny(Addr group, Mode mode, unsigned left) {
         // In exclude mode all references are forgotten at once.
         if (left == 0 || mode == exclude) forget(anySource, group);
         if (!status.contains(group)) return;
         delSource(group, anySource, mode);
         Sources restored;
-        for (Counted const& each : counts) {
-            if (each.group != group) continue;
-            if (restorable(each.source, group, exclude))
-                add(restored[exclude], each.source);
-            else if (restorable(each.source, group, include))
-                add(restored[include], each.source);
-        }
+        if (counts.contains(group))
+            for (auto const& [source, references] : counts[group]) {
+                if (restorable(source, group, exclude))
+                    restored[exclude].insert(source);
+                else if (restorable(source, group, include))
+                    restored[include].insert(source);
+            }
         if (mode == include && (restored[exclude].size() >= 2 || !restored[include].empty()))
-            del(restored[exclude], anySource);
+            restored[exclude].erase(anySource);
         for (Mode const each : {include, exclude})
             for (Addr const source : restored[each]) addSource(group, source, each);
         eraseIfEmpty(group);
     }
-    bool isConfigured(Addr source, Addr group, Mode mode) {
-        return configured_.contains(group) && has(configured_[group][mode], source);
+    static bool lists(Groups const& groups, Addr source, Addr group, Mode mode) {
+        auto const found = groups.find(group);
+        return found != groups.end() && found->second[mode].contains(source);
     }
     /// Whether somebody wants the pair still.
-    bool wanted(Addr source, Addr group, Mode mode) {
-        if (isConfigured(source, group, mode)) return true;
+    bool wanted(Addr source, Addr group, Mode mode) const {
+        if (lists(configured_, source, group, mode)) return true;
         for (auto const& [name, helper] : helpers)
             for (auto const& [id, rule] : helper.cached)
                 if (rule.filter.source.address() == source && covers(rule, group) &&
@@ -230,34 +195,27 @@ class Model {
         return false;
     }
     /// Whether the pair comes back as any source leaves.
-    bool restorable(Addr source, Addr group, Mode mode) {
-        if (isConfigured(source, group, mode)) return true;
-        for (auto& [name, helper] : helpers)
-            if (helper.groups.contains(group) && has(helper.groups[group][mode], source))
-                return true;
-        return false;
+    bool restorable(Addr source, Addr group, Mode mode) const {
+        return lists(configured_, source, group, mode) ||
+               std::ranges::any_of(helpers, [&](auto const& item) {
+                   return lists(item.second.groups, source, group, mode);
+               });
     }
 
     // The status
-    void insertStatus(Addr group) { status.try_emplace(group); }
     void eraseIfEmpty(Addr group) {
         if (status.contains(group) && status[group] == Sources()) status.erase(group);
     }
     void addSource(Addr group, Addr source, Mode mode) {
-        if (status.contains(group)) add(status[group][mode], source);
+        if (status.contains(group)) status[group][mode].insert(source);
     }
     void delSource(Addr group, Addr source, Mode mode) {
-        if (status.contains(group)) del(status[group][mode], source);
-    }
-    void delSources(Addr group, auto const& goes) {
-        if (!status.contains(group)) return;
-        for (auto& sources : status[group]) std::erase_if(sources, goes);
-    }
-    void delAllSources(Addr group) {
-        delSources(group, [](Addr) { return true; });
+        if (status.contains(group)) status[group][mode].erase(source);
     }
     void delUncounted(Addr group) {
-        delSources(group, [&](Addr source) { return countOf(source, group) == 0; });
+        if (!status.contains(group)) return;
+        for (auto& sources : status[group])
+            std::erase_if(sources, [&](Addr source) { return countOf(source, group) == 0; });
     }
 
     // What a rule means
@@ -292,18 +250,18 @@ class Model {
             Addr const source = rule.config.filter.source.address();
             for (Addr const group : groups_) {
                 if (!covers(rule.config, group)) continue;
-                add(helper.groups[group][modeOf(rule.config)], source);
+                helper.groups[group][modeOf(rule.config)].insert(source);
                 count(source, group, modeOf(rule.config));
             }
         }
-        add(helper.cached, rule);
+        if (!helper.has(rule.id)) helper.cached.push_back(rule);
     }
     void takeBack(Helper& helper, Acl::IpRuleConfig const& rule) {
         if (isDenyAll(rule)) return setDeny(false);
         Addr const source = rule.filter.source.address();
         for (Addr const group : groups_) {
             if (!covers(rule, group)) continue;
-            if (helper.groups.contains(group)) del(helper.groups[group][modeOf(rule)], source);
+            if (helper.groups.contains(group)) helper.groups[group][modeOf(rule)].erase(source);
             remove(group, source, modeOf(rule));
         }
     }
@@ -312,25 +270,20 @@ class Model {
         Helper& helper = helpers[name];
         std::vector<Rule> stale = helper.cached;
         for (auto const& [sequence, id] : lists_[name].idBySequence) {
-            for (Rule const& rule : lists_[name].byId) {
-                if (rule.id != id) continue;
-                if (!has(helper.cached, rule)) apply(helper, rule);
-                add(helper.cached, rule); // be it valid or not
-            }
-            del(stale, {id, {}});
+            auto const rule = std::ranges::find(lists_[name].byId, id, &Rule::id);
+            if (!helper.has(id)) apply(helper, *rule);
+            if (!helper.has(id)) helper.cached.push_back(*rule); // be it valid or not
+            std::erase_if(stale, [id = id](Rule const& each) { return each.id == id; });
         }
         for (Rule const& rule : stale) {
-            del(helper.cached, rule);
+            std::erase_if(helper.cached, [&](Rule const& each) { return each.id == rule.id; });
             takeBack(helper, rule.config);
         }
     }
 
     // Keeping the tables out
     void setDeny(bool on) {
-        if (std::exchange(deny, on) != on) handleDeny();
-    }
-    void handleDeny() {
-        if (!deny) return;
+        if (std::exchange(deny, on) == on || !on) return;
         for (auto const& [group, sources] : Groups(status)) {
             delUncounted(group);
             eraseIfEmpty(group);
@@ -338,7 +291,7 @@ class Model {
     }
     std::vector<Addr> groups_;
     Groups configured_, deleted_;
-    std::vector<std::string> attached_;
+    std::set<std::string> attached_;
     std::map<std::string, List> lists_;
 };
 

@@ -69,53 +69,30 @@ Kind const kinds[] = {
      }},
 };
 
-/// Ranges, masks with holes, rules that are rejected, and the one that denies everything.
+/// Ranges, masks with holes, rules that are rejected, one that denies everything, and an action
+/// that nobody knows, which works as deny.
 std::string ruleOf(Drawn const& d) {
-    std::string const start = std::string(d.first ? "permit " : "deny ") + sources[d.source] + ' ';
-    switch (d.shape) {
-    case 0:
-        return start + "g0/30";
-    case 1:
-        return start + groups[d.group] + "/255.255.255.253";
-    case 2:
-        return start + "128.0.0.0/1";
-    case 3:
-        return "deny * 0.0.0.0/0";
-    case 4:
-        return "permit 10.0.0.0/8 g0/31";
-    case 5: // an action that nobody knows works as deny
-        return std::string("2 ") + sources[d.source] + ' ' + groups[d.group];
-    default:
-        return start + groups[d.group];
-    }
+    std::string const action = d.first ? "permit " : "deny ", source{sources[d.source]},
+                      group = " " + groups[d.group];
+    std::string const shapes[] = {
+        action + source + " g0/30",       action + source + group + "/255.255.255.253",
+        action + source + " 128.0.0.0/1", "deny * 0.0.0.0/0",
+        "permit 10.0.0.0/8 g0/31",        "2 " + source + group};
+    return d.shape < std::size(shapes) ? shapes[d.shape] : action + source + group;
 }
 std::string eventsOf(Drawn const& d, std::string const& number) {
+    std::map<char, std::string> const drawn{{'G', groups[d.group]},
+                                            {'M', d.first ? "i" : "e"},
+                                            {'S', {sources[d.source]}},
+                                            {'L', lists[d.list]},
+                                            {'N', number},
+                                            {'Q', std::to_string(d.sequence)},
+                                            {'R', ruleOf(d)}};
     std::string events;
-    for (char const c : std::string(kinds[d.kind].events)) switch (c) {
-        case 'G':
-            events += groups[d.group];
-            break;
-        case 'M':
-            events += d.first ? 'i' : 'e';
-            break;
-        case 'S':
-            events += sources[d.source];
-            break;
-        case 'L':
-            events += lists[d.list];
-            break;
-        case 'N':
-            events += number;
-            break;
-        case 'Q':
-            events += std::to_string(d.sequence);
-            break;
-        case 'R':
-            events += ruleOf(d);
-            break;
-        default:
-            events += c;
-        }
+    for (char const c : std::string(kinds[d.kind].events)) {
+        auto const found = drawn.find(c);
+        events += found == drawn.end() ? std::string{c} : found->second;
+    }
     return events;
 }
 std::ostream& operator<<(std::ostream& out, Drawn const& d) { return out << eventsOf(d, "N"); }
@@ -158,12 +135,9 @@ class Compared : public Play {
         for (auto const& name : groups) {
             Lox::IpAddr const at = address(name);
             lines.push_back(name + " = " + entryText(model_.status, at));
-            auto counts = model_.counts;
-            std::sort(counts.begin(), counts.end(),
-                      [](auto const& a, auto const& b) { return a.source < b.source; });
-            for (auto const& each : counts)
-                if (each.group == at && each.count > 0)
-                    lines.back() += " " + nameOf(each.source) + ":" + std::to_string(each.count);
+            if (auto const counts = model_.counts.find(at); counts != model_.counts.end())
+                for (auto const& [source, count] : counts->second)
+                    lines.back() += " " + nameOf(source) + ":" + std::to_string(count);
             for (auto const& [list, helper] : model_.helpers)
                 lines.back() += ", " + entryText(helper.groups, at);
         }
@@ -179,17 +153,16 @@ class Compared : public Play {
     }
 
   private:
-    static std::string namesOf(std::vector<Lox::IpAddr> sources, char const* between) {
-        std::sort(sources.begin(), sources.end());
+    static std::string namesOf(std::set<Lox::IpAddr> const& sources) {
         std::string text;
-        for (auto const source : sources) text += between + nameOf(source);
+        for (auto const source : sources) text += nameOf(source);
         return text;
     }
     static std::string entryText(Model::Groups const& groups, Lox::IpAddr group) {
         auto const found = groups.find(group);
         if (found == groups.end()) return "none";
-        return "i" + namesOf(found->second[Mode::include], "") + " e" +
-               namesOf(found->second[Mode::exclude], "");
+        return "i" + namesOf(found->second[Mode::include]) + " e" +
+               namesOf(found->second[Mode::exclude]);
     }
     Model model_{{ip("239.1.1.0"), ip("239.1.1.1"), ip("239.1.1.2"), ip("239.1.1.3")}};
     unsigned numbers_ = 0;
