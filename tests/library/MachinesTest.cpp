@@ -76,17 +76,12 @@ TEST_F(Machines, ARootWithoutInputsWaitsAndComplainsAboutNothing) {
     root = igmpHostProxySmFactory(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
                                   nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
     EXPECT_TRUE(root->initialized());
-    root->handleIntfConfig();
-    root->handleIntfConfig(up0);
-    root->handleMfibKesh();
+    doEvents("decide-all; decide up0; decide-tables; fill-host up0; bind up0; take-down up0;"
+             "copy-mac default 2");
     root->handleMfibKesh(L3::VrfName("default"));
     root->handleIpAddrChange();
     root->ipStatusCheckTimerExpired();
-    root->initializeIgmpHost("up0");
     root->createOrDeleteIgmpHostIntfSm();
-    root->createOrDeleteIgmpHostIntfSm("up0");
-    root->deleteIntfSm(up0);
-    root->getIntfEthAddr(L3::VrfName("default"), 2);
     root->handleDeviceName(L3::VrfName("default"), up0);
     root->handleVrf();
     root->handleVrf(L3::VrfName("blue"));
