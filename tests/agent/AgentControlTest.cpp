@@ -40,9 +40,8 @@ class AgentControlTest : public AgentTest {
 TEST_F(AgentControlTest, SaysWhatIsAnnouncedAndWhatIsNot) {
     start(groupsOn("up0", "\"239.1.1.1\" = {}\n\"239.1.1.2\" = { include = [\"10.0.0.1\"] }\n") +
           "[interface.eth9.group]\n\"239.1.1.9\" = {}\n"
-          "[interface.up0x]\naccess-lists = [\"iptv\"]\n"
-          "[[access-list.iptv]]\nsequence = 1\naction = \"permit\"\nsource = \"10.0.0.9\"\n"
-          "destination = \"239.3.0.0/31\"\n");
+          "[interface.up0x]\naccess-lists = [\"iptv\"]\n" +
+          rule("iptv", 1, "239.3.0.0/31", "10.0.0.9"));
     ASSERT_TRUE(wire->hears(joined));
     Answer const status = askFor("status");
     EXPECT_EQ(status.status, 0);
@@ -141,9 +140,8 @@ TEST_F(AgentControlTest, ReloadSaysWhatItDidAndCanBeTakenBack) {
 
 TEST_F(AgentControlTest, AnswersAreAsDocumentedWhateverIsAsked) {
     start(groupsOn("up0", "\"239.1.1.1\" = {}\n\"239.1.1.2\" = { include = [\"10.0.0.1\"] }\n") +
-          "[interface.'z*']\n[interface.eth9]\naccess-lists = [\"a\"]\n[[access-list.a]]\nsequence "
-          "= 1\n"
-          "action = \"deny\"\nsource = \"10.0.0.9\"\ndestination = \"239.1.1.0/30\"\n");
+          "[interface.'z*']\n[interface.eth9]\naccess-lists = [\"a\"]\n" +
+          rule("a", 1, "239.1.1.0/30", "10.0.0.9", "deny"));
     ASSERT_TRUE(wire->hears(joined));
     wire->send(Agent::v3Query(1));
     EXPECT_EQ(output("/usr/bin/python3 " IHP_SOURCES "/tests/agent/control/answers.py " +
@@ -169,9 +167,8 @@ std::string randomConfiguration(std::mt19937& random) {
         text += "[interface.up0]\nunsolicited-report-interval = 0.1\naccess-lists = [" +
                 std::string(oneOf(2) == 0 ? "\"iptv\"" : "") + "]\n[interface.up0.group]\n" +
                 groups;
-    text += "[interface.eth9.group]\n\"239.9.9.9\" = {}\n[[access-list.iptv]]\nsequence = 1\n"
-            "action = \"permit\"\nsource = \"any\"\ndestination = \"239.1.1.";
-    return text + (oneOf(2) == 0 ? "0/31" : "4/30") + "\"\n";
+    return text + "[interface.eth9.group]\n\"239.9.9.9\" = {}\n" +
+           rule("iptv", 1, oneOf(2) == 0 ? "239.1.1.0/31" : "239.1.1.4/30", "any");
 }
 
 TEST_F(AgentControlTest, DiffSaysWhatAReloadThenDoes) {
@@ -270,8 +267,7 @@ TEST_F(AgentControlTest, PatternHoldsForWhatMatchesAndHasNoSectionOfItsOwn) {
         net->nearIp("link set " + from + " name " + to);
         net->nearIp("link set " + to + " up");
     };
-    start(file);
-    EXPECT_TRUE(wire->hearsOnly(twice({"TO_EX 239.1.1.1"})));
+    EXPECT_TRUE(startTells(file, {"TO_EX 239.1.1.1"}));
     EXPECT_EQ(rows(), (Lines{"up0: ", "up9: does not exist", "u*: no such interface",
                              "zz*: no such interface"}));
     reload(file + "[interface.more]\n");
@@ -348,22 +344,18 @@ vrf = "red"
 }
 
 TEST_F(AgentControlTest, GroupsKeptAtTheEndAreTakenOverByTheNextRun) {
-    for (char const* const command : {"link add up1 type veth peer name aux0", "link set aux0 up",
-                                      "addr add 10.97.0.1/24 dev up1", "link set up1 up"})
-        net->farIp(command);
+    Netns::addPair(net->farName(), "up1", "aux0", "10.97.0.1/24");
     Wire other(net->farName(), "aux0");
     auto const both = [&](std::string const& here, std::string const& there) {
-        std::string file = groupsOn("up0", here) + groupsOn("up1", there, "2");
-        file.insert(file.find("[interface.up1]\n") + 16, "vrf = 'red'\n");
-        return file + "[vrf.red]\nnamespace = '" + net->farName() + "'\n";
+        return groupsOn("up0", here) + inVrf("red", groupsOn("up1", there, "2")) +
+               "[vrf.red]\nnamespace = '" + net->farName() + "'\n";
     };
     std::string const all = both("'239.1.1.1' = {}\n'239.1.1.2' = { include = ['10.0.0.1'] }\n",
                                  "'239.2.2.1' = {}\n'239.2.2.2' = {}\n");
     std::string const less =
         both("'239.1.1.2' = { include = ['10.0.0.1'] }\n", "'239.2.2.1' = {}\n");
     for (bool const asked : {true, false}) {
-        start(asked ? all : "keep-groups = true\n" + all);
-        ASSERT_TRUE(wire->hearsOnly(twice(joined)));
+        ASSERT_TRUE(startTells(asked ? all : "keep-groups = true\n" + all, joined));
         ASSERT_TRUE(other.hearsOnly(twice({"v2 239.2.2.1", "v2 239.2.2.2"})));
         if (asked)
             EXPECT_EQ(ask("stop --keep-groups").text,
@@ -371,8 +363,7 @@ TEST_F(AgentControlTest, GroupsKeptAtTheEndAreTakenOverByTheNextRun) {
         else
             agent->signal(SIGTERM);
         EXPECT_EQ(agent->exitStatus(), 0);
-        start(less);
-        EXPECT_TRUE(wire->hearsOnly(twice({"ALLOW 239.1.1.2 10.0.0.1", "TO_IN 239.1.1.1"})));
+        EXPECT_TRUE(startTells(less, {"ALLOW 239.1.1.2 10.0.0.1", "TO_IN 239.1.1.1"}));
         EXPECT_TRUE(other.hearsOnly(twice({"leave 239.2.2.2", "v2 239.2.2.1"})));
         EXPECT_EQ(ask("stop >&-; echo $?").text, "0\n") << "where nobody listens";
         EXPECT_TRUE(wire->hearsOnly(twice({"BLOCK 239.1.1.2 10.0.0.1"})));
@@ -422,8 +413,8 @@ TEST_F(AgentControlTest, CompletionKnowsCommandsOptionsAndWhatIsAnnounced) {
 }
 
 TEST_F(AgentControlTest, GroupsThatCannotBeKeptAreLeft) {
-    start("keep-groups = true\n" + groupsOn("up0", "'239.1.1.1' = {}\n"));
-    ASSERT_TRUE(wire->hearsOnly(twice({"TO_EX 239.1.1.1"})));
+    ASSERT_TRUE(startTells("keep-groups = true\n" + groupsOn("up0", "'239.1.1.1' = {}\n"),
+                           {"TO_EX 239.1.1.1"}));
     ASSERT_TRUE(keeps({"239.1.1.1"}));
     std::filesystem::remove(folder.file("state"));
     std::filesystem::create_directory(folder.file("state"));

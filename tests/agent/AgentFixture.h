@@ -2,6 +2,7 @@
 #pragma once
 
 #include "agent/AgentProcess.h"
+#include "agent/ConfigurationText.h"
 #include "agent/Wire.h"
 #include "agent/files/StateFile.h"
 #include "netns/Netns.h"
@@ -14,14 +15,6 @@
 namespace Testing {
 
 using Lines = std::vector<std::string>;
-
-/// The configuration of one interface, with these lines for its groups. Changes are repeated fast,
-/// so that a test need not wait long for the repeats.
-inline std::string groupsOn(std::string const& interface, std::string const& groups,
-                            std::string const& version = "3") {
-    return "[interface." + interface + "]\nigmp-version = " + version +
-           "\nunsolicited-report-interval = 0.1\n[interface." + interface + ".group]\n" + groups;
-}
 
 /// Each line twice: a change is told as often as the robustness is.
 inline Lines twice(Lines const& once) {
@@ -101,6 +94,15 @@ class AgentTest : public testing::Test {
         folder.write("ihproxyd.toml", "allow-empty = true\n" + configuration);
         agent->signal(SIGHUP);
         ASSERT_TRUE(agent->says("is in force", ++reloads)) << agent->output();
+    }
+    /// Whether a start, or a reload, has each of these lines told twice, and nothing else.
+    testing::AssertionResult startTells(std::string const& configuration, Lines const& once) {
+        start(configuration);
+        return wire->hearsOnly(twice(once));
+    }
+    testing::AssertionResult reloadTells(std::string const& configuration, Lines const& once) {
+        reload(configuration);
+        return wire->hearsOnly(twice(once));
     }
     /// Whether the agent comes to have no more files open than that. It has one more while it
     /// reads or writes one.

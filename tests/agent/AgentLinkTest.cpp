@@ -50,15 +50,15 @@ TEST_F(AgentTest, InterfaceThatComesLateOrAgainHasTheSameGroups) {
 }
 
 TEST_F(AgentTest, NoWordWithoutAnAddressAndAllOfThemWithANewOne) {
-    start(oneGroup);
-    ASSERT_TRUE(wire->hearsOnly(twice(joined)));
+    ASSERT_TRUE(startTells(oneGroup, joined));
     net->nearIp("addr del 10.99.0.2/24 dev up0");
     reload(groupsOn("up0", "'239.1.1.3' = {}\n"));
     EXPECT_TRUE(wire->hearsOnly({}));
     EXPECT_TRUE(agent->says("warning: up0: has no IPv4 address\n")) << agent->output();
     net->nearIp("addr add 10.99.0.2/24 dev up0");
-    Lines const owed = twice({"TO_EX 239.1.1.3", "TO_IN 239.1.1.1", "BLOCK 239.1.1.2 10.0.0.1"});
-    EXPECT_TRUE(wire->hearsOnly(owed)) << "also the leaves that nobody could be told";
+    EXPECT_TRUE(
+        wire->hearsOnly(twice({"TO_EX 239.1.1.3", "TO_IN 239.1.1.1", "BLOCK 239.1.1.2 10.0.0.1"})))
+        << "also the leaves that nobody could be told";
     net->nearIp("addr add 10.97.0.2/24 dev up0");
     net->nearIp("addr del 10.99.0.2/24 dev up0");
     EXPECT_TRUE(wire->hears({"TO_EX 239.1.1.3"}));
@@ -83,30 +83,9 @@ TEST_F(AgentTest, ReportsFitTheMtuAlsoAfterItHasChanged) {
         groups += "] }\n";
         return groupsOn("up0", groups);
     };
-    start(file(1));
-    Lines const whole = twice({allow(1, 1, 100)});
-    EXPECT_TRUE(wire->hearsOnly(whole));
+    EXPECT_TRUE(startTells(file(1), {allow(1, 1, 100)}));
     net->nearIp("link set up0 mtu 300");
-    reload(file(2));
-    Lines const pieces = twice({allow(2, 1, 65), allow(2, 66, 100)});
-    EXPECT_TRUE(wire->hearsOnly(pieces));
-    net->nearIp("link set up0 mtu 1500");
-    reload(file(3));
-    Lines const again = twice({allow(3, 1, 100)});
-    EXPECT_TRUE(wire->hearsOnly(again));
-}
-
-TEST_F(AgentTest, RenamedInterfaceFollowsTheNameInTheFile) {
-    start(oneGroup + groupsOn("up9", "'239.1.1.9' = {}\n"));
-    ASSERT_TRUE(learned(learnedOnce));
-    net->nearIp("link set up0 down");
-    net->nearIp("link set up0 name up9");
-    net->nearIp("link set up9 up");
-    EXPECT_TRUE(learned({"down0 239.1.1.9 exclude"}));
-    net->nearIp("link set up9 down");
-    net->nearIp("link set up9 name up0");
-    net->nearIp("link set up0 up");
-    EXPECT_TRUE(learned(learnedOnce));
+    EXPECT_TRUE(reloadTells(file(2), {allow(2, 1, 65), allow(2, 66, 100)}));
 }
 
 TEST_F(AgentTest, ManyInterfacesThatCannotBeUsedTakeFewLines) {
@@ -119,33 +98,8 @@ TEST_F(AgentTest, ManyInterfacesThatCannotBeUsedTakeFewLines) {
     EXPECT_EQ(agent->output().find("can be used now"), std::string::npos) << "they are gone";
 }
 
-TEST_F(AgentTest, AgentEndsWellWithoutItsInterface) {
-    start(oneGroup);
-    ASSERT_TRUE(learned(learnedOnce));
-    net->unplugUpstream();
-    agent->signal(SIGTERM);
-    EXPECT_EQ(agent->exitStatus(), 0) << agent->output();
-}
-
-TEST_F(AgentTest, NothingIsJoinedAfterTheEndThoughTheLinkComesUp) {
-    net->nearIp("link set up0 down");
-    start(oneGroup);
-    wire->forget();
-    agent->signal(SIGSTOP); // so that all it is told from here on is one turn of its loop
-    net->nearIp("link set up0 up");
-    net->nearAwaitUp("up0");
-    agent->signal(SIGTERM);
-    agent->signal(SIGCONT);
-    EXPECT_EQ(agent->exitStatus(), 0);
-    // An agent that was busy when it was stopped may take two turns: it joins, and leaves.
-    Lines const heard = wire->heardAfter({});
-    EXPECT_EQ(std::ranges::count(heard, "TO_EX 239.1.1.1") > 0,
-              std::ranges::count(heard, "TO_IN 239.1.1.1") > 0);
-}
-
 TEST_F(AgentTest, InterfaceThatRefusesPacketsHoldsUpNeitherReloadNorEnd) {
-    start(oneGroup);
-    ASSERT_TRUE(wire->hearsOnly(twice(joined)));
+    ASSERT_TRUE(startTells(oneGroup, joined));
     Netns::Inside const inside(net->nearName());
     auto const qdisc = [](std::string const& words) {
         return std::system(("tc qdisc " + words).c_str()) == 0;
@@ -162,8 +116,8 @@ TEST_F(AgentTest, InterfaceThatRefusesPacketsHoldsUpNeitherReloadNorEnd) {
     reload("");
     EXPECT_TRUE(agent->says("packets while leaving")) << agent->output();
     EXPECT_TRUE(qdisc("del dev up0 root"));
-    Lines const left{"TO_IN 239.1.1.3", "TO_IN 239.1.1.3"};
-    EXPECT_TRUE(wire->hearsOnly(left)) << "what it has not taken it is offered again";
+    EXPECT_TRUE(wire->hearsOnly({"TO_IN 239.1.1.3", "TO_IN 239.1.1.3"}))
+        << "what it has not taken it is offered again";
     EXPECT_TRUE(qdisc("add dev up0 root bfifo limit 1"));
     reload(oneGroup);
     agent->signal(SIGTERM);
@@ -212,6 +166,9 @@ TEST_F(AgentTest, AfterADisorderOfEventsAllIsAsTheFileSays) {
     agent->signal(SIGHUP);
     EXPECT_TRUE(learned(learnedOnce));
     EXPECT_TRUE(opens(descriptors));
+    net->unplugUpstream();
+    agent->signal(SIGTERM);
+    EXPECT_EQ(agent->exitStatus(), 0) << agent->output();
 }
 
 } // namespace

@@ -4,11 +4,11 @@
 
 #include "netns/Netns.h"
 #include "support/Descriptors.h"
+#include "support/Folder.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -23,63 +23,26 @@
 
 namespace Testing {
 
-/// A directory that goes away with all that is in it.
-class Folder {
+using Support::Folder;
+
+/// A program in a network namespace. It writes its output into the folder, and is ended with the
+/// object or with the test's own process, whichever ends first.
+class Process {
   public:
-    Folder() {
-        if (!mkdtemp(path_.data())) throw std::system_error(errno, std::generic_category(), path_);
-    }
-    ~Folder() { std::filesystem::remove_all(path_); }
-    Folder(Folder const&) = delete;
-    Folder& operator=(Folder const&) = delete;
-
-    std::string file(std::string const& name) const { return path_ + "/" + name; }
-    /// Empty for a file that does not exist.
-    std::string read(std::string const& name) const {
-        std::ostringstream text;
-        text << std::ifstream(file(name)).rdbuf();
-        return text.str();
-    }
-    void write(std::string const& name, std::string const& text) const {
-        std::ofstream(file(name)) << text;
-    }
-
-  private:
-    std::string path_ = std::filesystem::temp_directory_path() / "ihproxyd-XXXXXX";
-};
-
-class AgentProcess {
-  public:
-    /// Starts the program in a network namespace. It writes its output into the folder, and is
-    /// ended with the object or with the test's own process, whichever ends first.
-    /// Without `missing` it has all capabilities that the test has.
-    AgentProcess(Folder const& folder, std::string const& namespaceName,
-                 std::vector<std::string> arguments, std::optional<int> missing = {})
+    Process(Folder const& folder, std::string const& namespaceName,
+            std::vector<std::string> command)
         : folder_(folder) {
-        arguments.insert(arguments.begin(), IHPROXYD);
-        if (std::find(arguments.begin(), arguments.end(), "--config") != arguments.end())
-            arguments.insert(arguments.end(), {"--control", control()});
-        std::vector<char*> argv;
-        argv.reserve(arguments.size() + 1);
-        for (std::string& argument : arguments) argv.push_back(argument.data());
-        argv.push_back(nullptr);
-        Netns::Inside const inside(namespaceName);
-        pid_ = fork();
-        if (pid_ == 0 && missing) prctl(PR_CAPBSET_DROP, *missing);
-        if (pid_ == 0) doExec(argv, folder.file("output"));
-        if (pid_ < 0) throw std::system_error(errno, std::generic_category(), "fork");
+        doStart(namespaceName, std::move(command));
     }
-    ~AgentProcess() {
+    ~Process() {
         if (pid_ > 0) {
             kill(pid_, SIGKILL);
             waitpid(pid_, nullptr, 0);
         }
     }
-    AgentProcess(AgentProcess const&) = delete;
-    AgentProcess& operator=(AgentProcess const&) = delete;
+    Process(Process const&) = delete;
+    Process& operator=(Process const&) = delete;
 
-    /// Where its control socket is.
-    std::string control() const { return controlFolder_.file("socket"); }
     void signal(int number) const { kill(pid_, number); }
     /// What it has written so far, to standard output and standard error.
     std::string output() const { return folder_.read("output"); }
@@ -116,19 +79,51 @@ class AgentProcess {
         return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     }
 
+  protected:
+    explicit Process(Folder const& folder) : folder_(folder) {}
+    /// Without `missing` it has all capabilities that the test has.
+    void doStart(std::string const& namespaceName, std::vector<std::string> command,
+                 std::optional<int> missing = {}) {
+        std::vector<char*> argv;
+        argv.reserve(command.size() + 1);
+        for (std::string& word : command) argv.push_back(word.data());
+        argv.push_back(nullptr);
+        Netns::Inside const inside(namespaceName);
+        pid_ = fork();
+        if (pid_ == 0 && missing) prctl(PR_CAPBSET_DROP, *missing);
+        if (pid_ == 0) doExec(argv, folder_.file("output"));
+        if (pid_ < 0) throw std::system_error(errno, std::generic_category(), "fork");
+    }
+
   private:
     [[noreturn]] static void doExec(std::vector<char*> const& argv, std::string const& output) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         int const file = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
         dup2(file, STDOUT_FILENO);
         dup2(file, STDERR_FILENO);
-        execv(argv[0], argv.data());
+        execvp(argv[0], argv.data());
         _exit(127);
     }
 
     Folder const& folder_;
-    Folder controlFolder_; // the other one may belong to another user
     pid_t pid_ = -1;
+};
+
+class AgentProcess : public Process {
+  public:
+    AgentProcess(Folder const& folder, std::string const& namespaceName,
+                 std::vector<std::string> arguments, std::optional<int> missing = {})
+        : Process(folder) {
+        arguments.insert(arguments.begin(), IHPROXYD);
+        if (std::find(arguments.begin(), arguments.end(), "--config") != arguments.end())
+            arguments.insert(arguments.end(), {"--control", control()});
+        doStart(namespaceName, std::move(arguments), missing);
+    }
+    /// Where its control socket is.
+    std::string control() const { return controlFolder_.file("socket"); }
+
+  private:
+    Folder controlFolder_; // the other one may belong to another user
 };
 
 } // namespace Testing

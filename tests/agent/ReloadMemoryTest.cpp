@@ -1,46 +1,34 @@
 // A reload for which memory runs out, at each of its allocations in turn.
+#include "agent/ConfigurationText.h"
 #include "agent/Daemon.h"
 #include "agent/Wire.h"
 #include "agent/records/Announced.h"
 #include "netns/Netns.h"
+#include "support/Folder.h"
 #include "support/RefusedMemory.h"
 
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
 
 namespace Agent {
 namespace {
 
 using Lines = std::vector<std::string>;
+using Testing::rule;
 
-constexpr char before[] = R"(
+std::string const before = R"(
 [interface.up0]
 igmp-version = 2
 access-lists = ["stays", "goes"]
 [interface.up0.group]
 "239.1.1.1" = {}
 "239.1.1.2" = { include = ["10.0.0.1", "10.0.0.2"] }
-[[access-list.stays]]
-sequence = 10
-action = "permit"
-source = "10.0.0.3"
-destination = "239.1.1.0/30"
-[[access-list.stays]]
-sequence = 20
-action = "permit"
-source = "any"
-destination = "239.2.0.0/30"
-[[access-list.goes]]
-sequence = 10
-action = "permit"
-source = "10.0.0.4"
-destination = "239.2.0.0/31"
-)";
+)" + rule("stays", 10, "239.1.1.0/30", "10.0.0.3") +
+                           rule("stays", 20, "239.2.0.0/30", "any") +
+                           rule("goes", 10, "239.2.0.0/31", "10.0.0.4");
 
-constexpr char after[] = R"(
+std::string const after = R"(
 [vrf.red]
 namespace = "no-such-namespace"
 [interface.up0]
@@ -50,17 +38,8 @@ access-lists = ["comes", "stays"]
 "239.4.0.1" = {}
 [interface.up1]
 access-lists = ["comes"]
-[[access-list.stays]]
-sequence = 20
-action = "permit"
-source = "10.0.0.3"
-destination = "239.1.1.0/30"
-[[access-list.comes]]
-sequence = 10
-action = "permit"
-source = "any"
-destination = "239.3.0.0/29"
-)";
+)" + rule("stays", 20, "239.1.1.0/30", "10.0.0.3") +
+                          rule("comes", 10, "239.3.0.0/29", "any");
 
 class ReloadMemoryTest : public testing::Test {
   protected:
@@ -68,10 +47,7 @@ class ReloadMemoryTest : public testing::Test {
         IHP_SKIP_WITHOUT_NETNS();
         setLogLevel(LogLevel::error);
         net.emplace();
-        net->nearIp("link add name up1 type veth peer name aux1");
-        net->nearIp("addr add 10.98.0.1/24 dev up1");
-        net->nearIp("link set up1 up");
-        net->nearIp("link set aux1 up");
+        Testing::Netns::addPair(net->nearName(), "up1", "aux1", "10.98.0.1/24");
         net->nearAwaitUp("up1"); // what comes up later would be announced later
         inside.emplace(net->nearName());
         daemon.emplace(Daemon::Options{path, {}, {}, path + "-control"},
@@ -84,8 +60,6 @@ class ReloadMemoryTest : public testing::Test {
         doRoutes();
         for (int i = 0; i < 100 && announced().size() < 10; ++i) doTurns(10);
     }
-    void TearDown() override { std::filesystem::remove(path); }
-
     /// Of a group that the configuration selects on one interface, and of one on none; as new ones,
     /// so that they are reviewed.
     void doAddRoutes() const {
@@ -105,8 +79,8 @@ class ReloadMemoryTest : public testing::Test {
         tick_->arm(0);
         daemon->run();
     }
-    void doReload(char const* configuration) {
-        std::ofstream(path) << configuration;
+    void doReload(std::string const& configuration) {
+        folder.write("ihproxyd.toml", configuration);
         memory.count = 0;
         std::raise(SIGHUP);
         memory.counting = memory.first != 0;
@@ -124,8 +98,8 @@ class ReloadMemoryTest : public testing::Test {
     }
     Lines announced() const { return Agent::announced(daemon->state()); }
 
-    std::string const path =
-        std::filesystem::temp_directory_path() / ("ihproxyd-reload-" + std::to_string(getpid()));
+    Support::Folder folder;
+    std::string const path = folder.file("ihproxyd.toml");
     Nex::Ptr<Kesh::Multicast::Fib::Status> const table =
         Kesh::Multicast::Fib::Status::StatusIs("routes");
     std::optional<Testing::Netns> net;

@@ -127,6 +127,14 @@ std::string Netns::farIp(std::string const& arguments) const {
     return run("ip -n " + far_.name + " " + arguments);
 }
 
+void Netns::addPair(std::string const& namespaceName, std::string const& first,
+                    std::string const& second, std::string const& address) {
+    std::string const ip = "ip -n " + namespaceName;
+    run(ip + " link add " + first + " type veth peer name " + second);
+    if (!address.empty()) run(ip + " addr add " + address + " dev " + first);
+    for (auto const& each : {first, second}) run(ip + " link set " + each + " up");
+}
+
 void Netns::setCarrier(bool present) const {
     farIp(present ? "link set down0 up" : "link set down0 down");
 }

@@ -27,6 +27,11 @@ class Netns {
     std::string nearIp(std::string const& arguments) const;
     std::string farIp(std::string const& arguments) const;
 
+    /// Makes a veth pair within a namespace, both ends up, the first with an address if one is
+    /// given.
+    static void addPair(std::string const& namespaceName, std::string const& first,
+                        std::string const& second, std::string const& address = "");
+
     /// Lets up0 lose or regain its carrier, as if the cable were pulled: the far end goes down.
     void setCarrier(bool present) const;
     /// Removes up0 and its far end.

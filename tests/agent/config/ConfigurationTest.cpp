@@ -1,11 +1,7 @@
 #include "agent/config/Configuration.h"
+#include "support/Folder.h"
 
-#include <algorithm>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <rapidcheck/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -144,46 +140,22 @@ TEST(ConfigurationTest, LongSourceListsAreNotTakenForDeepNesting) {
               1000u);
 }
 
-RC_GTEST_PROP(ConfigurationTest, DamagedTextIsReadOrReportedAndNeverCrashes, ()) {
-    std::string text = example;
-    auto const edits = *rc::gen::nonEmpty<std::vector<std::pair<unsigned, char>>>();
-    for (auto const& [at, byte] : edits) {
-        if (at % 3 == 0)
-            text.insert(text.begin() + long(at % text.size()), byte);
-        else
-            text[at % text.size()] = byte;
-    }
-    for (Diagnostic const& found : configurationParse(text, "f").diagnostics) {
-        RC_ASSERT(found.position.line >= 1u);
-        RC_ASSERT(std::all_of(found.text.begin(), found.text.end(),
-                              [](char c) { return c >= ' ' && c <= '~'; }));
-    }
-}
-
 /// A folder of configuration files, of which "main" is read.
 class ConfigurationFilesTest : public testing::Test {
   protected:
-    ConfigurationFilesTest() {
-        folder = testing::TempDir() + "configurationXXXXXX";
-        if (!mkdtemp(folder.data())) std::abort();
-    }
-    ~ConfigurationFilesTest() override { std::filesystem::remove_all(folder); }
-    void write(std::string const& name, std::string const& text) {
-        std::filesystem::create_directories(
-            std::filesystem::path(folder + "/" + name).parent_path());
-        std::ofstream(folder + "/" + name) << text;
-    }
-    ConfigurationReading read() const { return configurationRead(folder + "/main"); }
+    void write(std::string const& name, std::string const& text) { files.write(name, text); }
+    ConfigurationReading read() const { return configurationRead(files.file("main")); }
     /// What is said of it, without the folder's name.
     Lines said() const {
         Lines lines = diagnosticLines(read());
         for (std::string& line : lines)
-            for (std::size_t at; (at = line.find(folder + "/")) != line.npos;)
-                line.erase(at, folder.size() + 1);
+            for (std::size_t at; (at = line.find(folder)) != line.npos;)
+                line.erase(at, folder.size());
         return lines;
     }
 
-    std::string folder;
+    Support::Folder files;
+    std::string const folder = files.file("");
 };
 
 TEST_F(ConfigurationFilesTest, IncludedFilesAreReadAsPartsOfOne) {
@@ -197,7 +169,7 @@ TEST_F(ConfigurationFilesTest, IncludedFilesAreReadAsPartsOfOne) {
     EXPECT_EQ(said(), Lines{"d/1.toml:4:1: info: selects 2 groups"});
     Configuration const& all = reading.configuration;
     Line const line = all.interfaces.at("up1").groups.at(IpAddr("239.1.1.1")).entry.line;
-    EXPECT_EQ(std::to_string(line.number) + *line.file, "4" + folder + "/d/1.toml");
+    EXPECT_EQ(std::to_string(line.number) + *line.file, "4" + files.file("d/1.toml"));
     EXPECT_EQ(all.interfaces.size(), 2u);
     EXPECT_TRUE(all.vrfs.contains("red"));
     struct {
@@ -239,7 +211,7 @@ TEST_F(ConfigurationFilesTest, WhatIsWrongWithAnIncludedFileIsSaidAtItsPlace) {
 }
 
 TEST_F(ConfigurationFilesTest, FilesThatCannotBeReadAreReportedByName) {
-    std::string const file = folder + "/main";
+    std::string const file = files.file("main");
     EXPECT_EQ(diagnosticLines(configurationRead(file)),
               Lines{file + ": error: cannot be read: No such file or directory"});
     write("main", example);

@@ -2,6 +2,7 @@
 #include "agent/control/ControlServer.h"
 #include "agent/control/UnixSocket.h"
 #include "agent/loop/LoopFixture.h"
+#include "support/Folder.h"
 
 #include <filesystem>
 #include <fstream>
@@ -45,7 +46,6 @@ class ControlTest : public LoopFixture {
                                  reply.result({{"changed", true}});
                              }};
     }
-    ~ControlTest() override { std::filesystem::remove(path); }
 
     FileDescriptor connected() const {
         FileDescriptor socket = unixSocket(SOCK_NONBLOCK);
@@ -72,8 +72,8 @@ class ControlTest : public LoopFixture {
         return serveUntil([&] { return ::read(socket.get(), &octet, 1) == 0; });
     }
 
-    std::string const path =
-        std::filesystem::temp_directory_path() / ("ihproxyd-control-" + std::to_string(getpid()));
+    Support::Folder folder;
+    std::string const path = folder.file("control");
     RpcMethods methods;
     std::optional<RpcReply> later;
     std::size_t made = 0;

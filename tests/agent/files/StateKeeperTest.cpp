@@ -1,8 +1,8 @@
 #include "agent/files/StateKeeper.h"
 
 #include "agent/loop/LoopFixture.h"
+#include "support/Folder.h"
 
-#include <filesystem>
 #include <new>
 
 namespace Agent {
@@ -10,8 +10,6 @@ namespace {
 
 class StateKeeperTest : public LoopFixture {
   protected:
-    ~StateKeeperTest() override { std::filesystem::remove_all(path); }
-
     bool add(StateText& text, int& added) {
         if (calls++ == 1) throw std::bad_alloc();
         if (added == 2) return false;
@@ -23,8 +21,8 @@ class StateKeeperTest : public LoopFixture {
         return true;
     }
 
-    std::filesystem::path const path =
-        std::filesystem::temp_directory_path() / ("ihproxyd-state-" + std::to_string(getpid()));
+    Support::Folder folder;
+    std::filesystem::path const path = folder.file("state");
     int calls = 0;
     StateKeeper keeper{
         loop, path,

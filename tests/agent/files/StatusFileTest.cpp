@@ -3,9 +3,8 @@
 #include "IgmpHostProxy/Status.h"
 #include "agent/loop/LoopFixture.h"
 #include "agent/records/RecordPart.h"
+#include "support/Folder.h"
 
-#include <filesystem>
-#include <fstream>
 #include <sys/stat.h>
 
 namespace Agent {
@@ -24,12 +23,11 @@ class StatusFileTest : public LoopFixture {
         for (unsigned i = 0; i < groups; ++i)
             up0->groupSourceListIs(group(i))->includeSourceListIs(IpAddr("10.0.0.1"));
     }
-    ~StatusFileTest() override { std::filesystem::remove_all(path); }
 
     nlohmann::json written() const { return nlohmann::json::parse(std::ifstream(path)); }
 
-    std::filesystem::path const path =
-        std::filesystem::temp_directory_path() / ("ihproxyd-status-" + std::to_string(getpid()));
+    Support::Folder folder;
+    std::filesystem::path const path = folder.file("status");
     Nex::Ptr<Status> status = Status::StatusIs("status");
     // A name of the kernel's need not be text.
     Nex::Ptr<IgmpHostProxy::IntfStatus> up0 = status->intfStatusIs(Lox::IntfId("up\"\xff"));

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <linux/if.h>
 #include <linux/if_addr.h>
 #include <linux/if_link.h>
@@ -84,28 +83,21 @@ TEST_F(InterfaceTableTest, VrfDeviceTellsItsTableAndPortsTheirMaster) {
     ifinfomsg header{};
     header.ifi_index = 9;
     // {IFLA_INFO_KIND "vrf", IFLA_INFO_DATA {IFLA_VRF_TABLE 1000}} as a kernel sends it
-    std::uint8_t const info[] = {8, 0, 1, 0, 'v', 'r', 'f',  0, 12, 0,
-                                 2, 0, 8, 0, 1,   0,   0xE8, 3, 0,  0};
-    Message vrf(RTM_NEWLINK, header);
-    vrf.with(IFLA_IFNAME, "vrf-red").with(IFLA_LINKINFO, sizeof info, info);
-    EXPECT_EQ(table.readMessage(vrf.get()), 9);
+    std::uint8_t info[] = {8, 0, 1, 0, 'v', 'r', 'f', 0, 12, 0, 2, 0, 8, 0, 1, 0, 0xE8, 3, 0, 0};
+    auto const read = [&] {
+        return table.readMessage(Message(RTM_NEWLINK, header)
+                                     .with(IFLA_IFNAME, "vrf-red")
+                                     .with(IFLA_LINKINFO, sizeof info, info)
+                                     .get());
+    };
+    EXPECT_EQ(read(), 9);
     EXPECT_EQ(table.interfaces().at(9).vrfTable, 1000u);
-    std::uint8_t bridge[sizeof info];
-    std::copy(std::begin(info), std::end(info), bridge);
-    bridge[4] = 'x';
-    EXPECT_EQ(table.readMessage(Message(RTM_NEWLINK, header)
-                                    .with(IFLA_IFNAME, "vrf-red")
-                                    .with(IFLA_LINKINFO, sizeof bridge, bridge)
-                                    .get()),
-              9);
+    info[4] = 'x'; // a link of another kind
+    EXPECT_EQ(read(), 9);
     EXPECT_EQ(table.interfaces().at(9).vrfTable, 0u);
-    bridge[12] = 80; // beyond the end
-    bridge[4] = 'v';
-    EXPECT_THROW(table.readMessage(Message(RTM_NEWLINK, header)
-                                       .with(IFLA_IFNAME, "vrf-red")
-                                       .with(IFLA_LINKINFO, sizeof bridge, bridge)
-                                       .get()),
-                 Nex::ParseException);
+    info[4] = 'v';
+    info[12] = 80; // beyond the end
+    EXPECT_THROW(read(), Nex::ParseException);
     Message port = linkMessage(RTM_NEWLINK, 7, IFF_UP, IF_OPER_UP);
     EXPECT_EQ(table.readMessage(port.with(IFLA_MASTER, 9u).get()), 7);
     EXPECT_EQ(table.interfaces().at(7).master, 9);
@@ -153,28 +145,6 @@ TEST_F(InterfaceTableTest, CutMessagesAreMalformedUnlessTheyEndWithAnAttribute) 
             }
         }
         EXPECT_GT(malformed, int(whole.size() - sizeof(nlmsghdr)) * 3 / 5);
-    }
-}
-
-TEST_F(InterfaceTableTest, AttributesOfAWrongLengthAreMalformed) {
-    std::uint8_t const octets[] = {'u', 'p', '0', 0, 0};
-    ifinfomsg link{};
-    link.ifi_index = 8;
-    ifaddrmsg address{};
-    address.ifa_family = AF_INET;
-    address.ifa_index = 7;
-    Message const messages[] = {
-        Message(RTM_NEWLINK, link).with(IFLA_IFNAME, 3, octets), // no terminating zero
-        Message(RTM_NEWLINK, link).with(IFLA_IFNAME, "x").with(IFLA_MTU, 2, octets),
-        Message(RTM_NEWLINK, link).with(IFLA_IFNAME, "x").with(IFLA_OPERSTATE, 0, octets),
-        Message(RTM_NEWADDR, address).with(IFA_LOCAL, 3, octets),
-        Message(RTM_NEWADDR, address).with(IFA_ADDRESS, 5, octets),
-        Message(RTM_NEWADDR, address),
-    };
-    for (Message const& message : messages) {
-        auto const before = table.interfaces();
-        EXPECT_THROW(table.readMessage(*message.cut(message.size())), Nex::ParseException);
-        EXPECT_EQ(table.interfaces(), before);
     }
 }
 

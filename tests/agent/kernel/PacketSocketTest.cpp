@@ -43,9 +43,7 @@ class PacketSocketTest : public testing::Test {
     void SetUp() override {
         IHP_SKIP_WITHOUT_NETNS();
         net = std::make_unique<Testing::Netns>();
-        net->nearIp("link add name tx0 type veth peer name rx0");
-        net->nearIp("link set tx0 up");
-        net->nearIp("link set rx0 up");
+        Testing::Netns::addPair(net->nearName(), "tx0", "rx0");
         net->nearAwaitUp("tx0"); // until then, it drops all packets
         net->nearAwaitUp("rx0");
         space = namespaceOpen(net->nearName());

@@ -1,8 +1,8 @@
 // From the operator's configuration to the host entities and their ports, without a kernel.
+#include "agent/ConfigurationText.h"
 #include "agent/PortRegistry.h"
 #include "agent/records/Announced.h"
 #include "agent/records/ConfigurationWriter.h"
-#include "agent/records/RouteWriter.h"
 #include "support/InProcessPlatform.h"
 
 #include <gtest/gtest.h>
@@ -13,12 +13,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 using Lox::IpAddr;
-
-std::string rule(std::string const& list, int sequence, std::string const& destination,
-                 std::string const& source = "10.1.1.1", std::string const& action = "permit") {
-    return "[[access-list." + list + "]]\nsequence = " + std::to_string(sequence) + "\naction = '" +
-           action + "'\nsource = '" + source + "'\ndestination = '" + destination + "'\n";
-}
+using Testing::rule;
 
 class RecordsTest : public testing::Test {
   protected:
@@ -72,7 +67,7 @@ class RecordsTest : public testing::Test {
 TEST_F(RecordsTest, GroupGoesFromEachMixOfWishesToEachOther) {
     std::string const here = "239.1.1.1", include = "'239.1.1.1' = { include = ['10.0.0.1'] }\n",
                       any = "'239.1.1.1' = {}\n";
-    auto const iptv = [](int sequence, std::string const& destination,
+    auto const iptv = [](unsigned sequence, std::string const& destination,
                          std::string const& source = "10.1.1.1") {
         return rule("iptv", sequence, destination, source);
     };
@@ -218,20 +213,6 @@ TEST_F(RecordsTest, WhatAReloadLetsGoOfIsReleased) {
     EXPECT_EQ(released(), (Lines{"up0 239.1.1.2", "up0 239.3.0.0"}));
     configure("");
     EXPECT_EQ(released(), Lines{}) << "an interface that goes holds nothing back";
-}
-
-TEST_F(RecordsTest, RoutesStandInATableOfTheirOwnUntilItIsRemoved) {
-    Nex::Ptr const tables = platform.mfibDir->keshColl(L3::VrfName("default"));
-    RouteWriter routes(tables, "kernel");
-    Nex::Ptr const table = (*tables->keshPtr().begin()).value;
-    IpAddr const group("239.1.1.1");
-    for (char const* const source : {"0.0.0.0", "10.0.0.1", "10.0.0.1", "10.0.0.2"})
-        routes.write(IpAddr(source), group, true);
-    EXPECT_EQ(table->routeCount(), 3u);
-    routes.write(IpAddr(), group, false);
-    EXPECT_EQ(table->routeCount(), 2u);
-    routes.doRemove();
-    EXPECT_EQ(tables->keshPtr(table.get()), nullptr);
 }
 
 TEST_F(RecordsTest, PortComesAndGoesWithItsEntityAndShowsWhatItCounts) {
