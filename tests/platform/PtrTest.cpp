@@ -62,24 +62,6 @@ TEST_P(PtrTest, EveryWayToCopyAndMoveCountsOnce) {
     EXPECT_EQ(adopted->nexReferences(), 1u);
 }
 
-TEST_P(PtrTest, ObserverIsToldBeforeTheDestructorRuns) {
-    struct Observer : DestructionObserver {
-        void onDestruction(PtrInterface const& object) override {
-            last = &object;
-            endedBefore = Exposed::ended;
-        }
-        PtrInterface const* last = nullptr;
-        bool endedBefore = true;
-    } observer;
-    PtrInterface::destructionObserverIs(&observer);
-    auto object = newObject<Exposed>();
-    PtrInterface const* const raw = object.get();
-    object = nullptr;
-    PtrInterface::destructionObserverIs(nullptr);
-    EXPECT_EQ(observer.last, raw);
-    EXPECT_FALSE(observer.endedBefore);
-}
-
 TEST_P(PtrTest, ChainOfAMillionIsDroppedWithoutALongStack) {
     struct Link : PtrInterface {
         Ptr<Link> next;

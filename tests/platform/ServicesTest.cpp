@@ -1,8 +1,5 @@
 // Value types and the small services of the platform: source interfaces, mounts, tables.
-#include "Acl/AclConfig.h"
 #include "Ip/SourceIntf.h"
-#include "Kesh/Mfib.h"
-#include "Lox/EthAddr.h"
 #include "Lox/Names.h"
 #include "Nex/Machine.h"
 #include "NexKesh/Mount.h"
@@ -26,27 +23,6 @@ TEST(IpAddrTest, TextsAreFourNumbersAndNothingElse) {
         EXPECT_THROW(IpAddr{text}, Nex::ParseException) << text;
     EXPECT_THROW(IpAddr(std::string_view("1.2.3.4\0", 8)), Nex::ParseException);
     EXPECT_EQ(IpAddr(std::string_view("1.2.3.45", 7)), IpAddr("1.2.3.4")) << "no end is read past";
-}
-
-TEST(IpAddrTest, OrderAndClass) {
-    EXPECT_LT(IpAddr("9.255.255.255"), IpAddr("10.0.0.0"));
-    EXPECT_FALSE(IpAddr("223.255.255.255").isMulticast());
-    EXPECT_TRUE(IpAddr("224.0.0.0").isMulticast());
-    EXPECT_TRUE(IpAddr("239.255.255.255").isMulticast());
-    EXPECT_FALSE(IpAddr("240.0.0.0").isMulticast());
-}
-
-TEST(ValueTextTest, FormsThatTracesAndOperatorsKnow) {
-    EXPECT_EQ(Lox::EthAddr({0x02, 0, 0xAB, 0xc, 0xFF, 0x10}).stringValue(), "02:00:ab:0c:ff:10");
-    EXPECT_EQ(Nex::textOf(Lox::IpAddrWithFullMask(IpAddr("239.1.1.0"), 0xFFFFFF00)),
-              "239.1.1.0/255.255.255.0");
-    EXPECT_EQ(Nex::textOf(Acl::Action::permit) + Nex::textOf(Acl::Action::deny) +
-                  Nex::textOf(Acl::Action(7)),
-              "permitdeny7");
-    Routing::Multicast::Fib::IpGenRouteKey const route{Lox::IpPrefix(IpAddr("10.0.0.1"), 32),
-                                                       Lox::IpPrefix(IpAddr("239.1.1.1"), 32)};
-    EXPECT_EQ(Nex::textOf(route), "( 10.0.0.1/32, 239.1.1.1/32 )");
-    EXPECT_NE(Routing::Multicast::Fib::invalidRouteKey(), Routing::Multicast::Fib::IpGenRouteKey());
 }
 
 TEST(NamespaceNameTest, HoldsUpTo150Octets) {
