@@ -76,12 +76,11 @@ TEST_F(Machines, ARootWithoutInputsWaitsAndComplainsAboutNothing) {
     root = igmpHostProxySmFactory(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
                                   nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
     EXPECT_TRUE(root->initialized());
-    doEvents("decide-all; decide up0; decide-tables; fill-host up0; bind up0; take-down up0;"
-             "copy-mac default 2");
+    doEvents("decide-all; decide up0; decide-tables; fill-host up0; bind up0; bind-all;"
+             "take-down up0; copy-mac default 2");
     root->handleMfibKesh(L3::VrfName("default"));
     root->handleIpAddrChange();
     root->ipStatusCheckTimerExpired();
-    root->createOrDeleteIgmpHostIntfSm();
     root->handleDeviceName(L3::VrfName("default"), up0);
     root->handleVrf();
     root->handleVrf(L3::VrfName("blue"));

@@ -269,6 +269,7 @@ class Play : public World {
                 {"fill-host", [&](W a) { root->initializeIgmpHost(a[1]); }},
                 {"mark-host", [&](W) { host("up0")->useMuxIs(true), host("up0")->taggedIs(true); }},
                 {"bind", [&](W a) { root->createOrDeleteIgmpHostIntfSm(a[1]); }},
+                {"bind-all", [&](W) { root->createOrDeleteIgmpHostIntfSm(); }},
                 {"unbind", [&](W a) { root->igmpHostIntfSmDel(intfOf(a)); }},
                 {"counter", [&](W a) { doCounter(a[1], number(a[2])); }},
                 {"new-counters",

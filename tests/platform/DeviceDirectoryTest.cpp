@@ -104,21 +104,6 @@ struct DeviceDirectory : testing::Test, Inputs {
     }
 };
 
-TEST_F(DeviceDirectory, DeviceThatVanishesIsRenamedOrReindexed) {
-    one->kernel(7, "eth0");
-    EXPECT_EQ(one->take(), "a=7 ");
-    one->kernel(7, "other");
-    EXPECT_EQ(one->take(), "a=0 ");
-    one->kernel(7, "eth0");
-    one->kernel(7, "");
-    EXPECT_EQ(one->take(), "a=7 a=0 ");
-    one->kernel(8, "eth0");
-    one->kernel(9, "eth0"); // the successor is seen before the end of the device before it
-    EXPECT_EQ(one->take(), "a=8 a=0 a=9 ");
-    one->kernel(8, "");
-    EXPECT_EQ(one->take(), "") << "another device now";
-}
-
 TEST_F(DeviceDirectory, WhatHappensWhileAnInterfaceIsTakenOutCounts) {
     one->kernel(7, "eth0");
     one->act = [&] { // the device that was to be listed next
@@ -160,6 +145,10 @@ TEST_F(DeviceDirectory, WhatWasThereBeforeTheManagersIsFollowedToo) {
     operUp("a", true);
     local("a", "eth1");
     EXPECT_EQ(one->take(), "a=7 a=0 a=7 a=0 ");
+    auto const second = Nex::newObject<Namespace>("ns1");
+    second->kernel(7, "eth1");
+    second->act = [] { throw Nex::Exception("told"); };
+    EXPECT_THROW(start(*second), Nex::Exception);
 }
 
 // Two VRFs may have one namespace, and be it until one of them has gone.

@@ -13,10 +13,10 @@ namespace {
 using Act = std::function<void()>;
 
 /// Writes its label as it is told of the number, then does what the test wants.
-class Watcher : public Reactor<Tree::Notifiee, PtrInterface> {
+class Watcher : public TreeWatcher {
   public:
-    Watcher(Ptr<Tree> tree, PtrInterface* machine, char label, String* told)
-        : Reactor(std::move(tree), machine), label_(label), told_(told) {}
+    Watcher(Ptr<Tree> tree, char label, String* told)
+        : Listener(std::move(tree)), label_(label), told_(told) {}
     Act act;
 
     void onNumber() override {
@@ -30,12 +30,7 @@ class Watcher : public Reactor<Tree::Notifiee, PtrInterface> {
 };
 
 struct Machine : PtrInterface {
-    ~Machine() override {
-        nexDoZombieReactors(true);
-        if (atEnd) atEnd();
-    }
-    Act atEnd;
-    Owned<Watcher> reactor;
+    ~Machine() override { nexDoZombieReactors(true); }
 };
 
 class DispatchTest : public testing::Test {
@@ -43,8 +38,7 @@ class DispatchTest : public testing::Test {
     void watchersAre(std::size_t count) {
         watchers.clear();
         for (char label = 'A'; watchers.size() < count; ++label) {
-            watchers.push_back(newObject<Watcher>(tree, nullptr, label, &told));
-            watchers.back()->hasNotificationActiveIs(true);
+            watchers.push_back(newObject<Watcher>(tree, label, &told));
         }
     }
     /// The labels that are told of a change of the number.
@@ -138,9 +132,8 @@ class Crowd {
     void join(std::size_t label) {
         Member& member = members_[label];
         if (!member.watcher) {
-            member = {newObject<Watcher>(tree_, nullptr, 'A', &told_)};
+            member = {newObject<Watcher>(tree_, 'A', &told_)};
             member.watcher->act = [this, label] { hear(label); };
-            member.watcher->hasNotificationActiveIs(true);
         } else if (member.watcher->notifier() == tree_.get()) {
             return member.watcher->notifierIs(tree_);
         } else {
@@ -205,18 +198,6 @@ TEST_F(DispatchTest, ThousandsMayLeaveInAnyOrderAlsoDuringAPass) {
     EXPECT_EQ(change(), "A");
 }
 
-TEST_F(DispatchTest, MachineMayChangeInItsDestructorWhatItsOwnReactorsWatch) {
-    auto machine = newObject<Machine>();
-    Machine const* const raw = machine.get();
-    machine->reactor.make(tree, machine.get(), 'F', &told);
-    machine->atEnd = [&] { tree->numberIs(42); };
-    watchersAre(1);
-    Destructions destructions;
-    machine = nullptr;
-    EXPECT_EQ(told, "A");
-    EXPECT_EQ(destructions.count(raw), 1);
-}
-
 /// A reactor that is the machine of another one.
 struct Outer : Reactor<Tree::Notifiee, PtrInterface> {
     Outer(Ptr<Tree> own, PtrInterface* machine, Ptr<Tree> watched, String* told)
@@ -235,24 +216,6 @@ struct Outer : Reactor<Tree::Notifiee, PtrInterface> {
     };
     Owned<Inner> inner;
 };
-
-TEST_F(DispatchTest, MachinesSilenceTheirReactorsAndThoseOfTheirReactors) {
-    auto const machine = newObject<Machine>();
-    machine->reactor.make(tree, machine.get(), 'F', &told);
-    auto const outer = newObject<Outer>(elsewhere, machine.get(), tree, &told);
-    EXPECT_EQ(change(), "FI");
-    machine->reactor->act = [&] { machine->nexDoZombieReactors(true); };
-    EXPECT_EQ(change(), "F");
-    EXPECT_EQ(change(), "");
-    machine->reactor->act = nullptr;
-    machine->nexDoZombieReactors(false);
-    EXPECT_EQ(change(), "FI");
-    outer->nexDoZombieReactors(true);
-    EXPECT_EQ(change(), "F");
-    outer->nexDoZombieReactors(false);
-    outer->nexRetire();
-    EXPECT_EQ(change(), "F") << "its machine was let go of";
-}
 
 TEST_F(DispatchTest, WhatACallbackDropsLivesUntilItReturns) {
     for (std::size_t const others : {0u, 2u}) {

@@ -164,13 +164,6 @@ TEST(RecordMemoryTest, EntryStandsWithItsRecordOrNotAtAll) {
     for (auto const& item : evens->even()) EXPECT_TRUE(item.value) << item.key;
 }
 
-TEST_F(RecordTest, KeysMayComeFromTheEntryThatGoes) {
-    fill();
-    for (auto const& item : tree->leaf()) tree->leafDel(item.value->name());
-    for (String const& word : tree->word()) tree->wordDel(word);
-    EXPECT_EQ(tree->leafCount() + tree->wordCount(), 0u);
-}
-
 TEST_F(RecordTest, EntryDeletedByItsOwnNotificationIsStillReturned) {
     recorder->act = [&] { tree->leafDel("l"); };
     auto const leaf = tree->leafIs("l");
