@@ -6,7 +6,8 @@
 // First that many seconds pass, and then the events happen, in their order. Behind the first "|"
 // stand all packets that leave meanwhile, as sets of records, in any order; "..." stands for at
 // least one, "in 2: " goes before those that leave in the 2 seconds that follow, and "twice" before
-// those that leave at once and once more in the next 9. Behind the second stands what holds in the end: a counter, or a name of doReadFacts().
+// those that leave at once and once more in the next 9. Behind the second stands what holds in the
+// end: a counter, or a name of facts().
 // Before the first turn the link is up, changes are repeated within a second, and no pace is set.
 //
 // g1 is 239.1.1.1; a, b and c are 10.0.0.11 and the next ones; "10.0.0.1*4" is as many in a row.
