@@ -60,7 +60,8 @@ TEST_F(StatusFileTest, FileThatCannotBeWrittenLeavesNothingBehind) {
     file.doWrite();
     EXPECT_TRUE(
         serveUntil([&] { return begun == 1 && !std::filesystem::exists(path.string() + ".new"); }));
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("the status is not written"), std::string::npos);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("the status is not written"),
+              std::string::npos);
     std::filesystem::remove(path);
     mkfifo((path.string() + ".new").c_str(), 0600); // nobody reads it
     file.doWrite();
