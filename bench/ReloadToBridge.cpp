@@ -131,7 +131,7 @@ int main() {
     std::string const unavailable = Testing::Netns::unavailableReason();
     if (!unavailable.empty()) fail(unavailable);
     std::printf("| milliseconds | one rule | single groups in the file |\n|---|---|---|\n");
-    for (std::size_t const groups : {10000, 65536})
+    for (std::size_t const groups : {std::size_t(10000), std::size_t(65536)})
         std::printf("| %zu groups | %.0f | %.0f |\n", groups,
                     1e3 * medianOfFive(groups, ruleOver(groups)),
                     1e3 * medianOfFive(groups, singleGroups(groups)));
