@@ -22,9 +22,14 @@ class PortSchedule {
       public:
         /// Begins as stirred, without a time. `schedule` outlives this.
         Place(PortSchedule& schedule, IgmpHostPort& port)
-            : schedule_(schedule),
-              turn_(schedule.stirred_.insert(schedule.stirred_.end(), &port)),
-              time_(schedule.times_.emplace(Nex::never, &port)) {}
+            : schedule_(schedule), turn_(schedule.stirred_.insert(schedule.stirred_.end(), &port)) {
+            try {
+                time_ = schedule.times_.emplace(Nex::never, &port);
+            } catch (...) {
+                schedule.stirred_.erase(turn_);
+                throw;
+            }
+        }
         ~Place() {
             listNow().erase(turn_);
             schedule_.times_.erase(time_);
