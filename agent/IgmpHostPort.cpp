@@ -146,6 +146,7 @@ bool IgmpHostPort::finished(double now, bool ending) {
         logAbout(name_, LogLevel::warning, "gave up on {} packets while leaving", lost);
     doClose(now);
     if (engine_.hasFormer()) retryTime_ = now + leaveRetrySeconds;
+    place_.rest(nextExpiry());
     return ending || !engine_.hasFormer();
 }
 
@@ -170,9 +171,9 @@ void IgmpHostPort::handleGroup(Lox::IpAddr group) {
 }
 
 void IgmpHostPort::doMarkChanged(Lox::IpAddr group) {
-    changedGroups_.findOrInsert(group);
+    bool const fresh = changedGroups_.findOrInsert(group).second;
     place_.stir();
-    if (changedGroups_.size() == mostUntold) doTellFirst(group);
+    if (fresh && changedGroups_.size() == mostUntold) doTellFirst(group);
 }
 
 void IgmpHostPort::handleLocation() {

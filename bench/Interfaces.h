@@ -85,22 +85,19 @@ struct VrfWorld : Support::InProcessPlatform {
     std::uint32_t count;
 };
 
-template <class World>
-struct ComingUp {
-    explicit ComingUp(std::uint32_t count) : world(count, false) {}
-    void run() { world.comeUp(); } // and looks that they have
+/// All come up, or those that are there go; and the world looks that they have.
+template <class World, bool there>
+struct Passage {
+    explicit Passage(std::uint32_t count) : world(count, there) {}
+    void run() { there ? world.go() : world.comeUp(); }
     bool done() const { return true; }
 
     World world;
 };
 template <class World>
-struct Going {
-    explicit Going(std::uint32_t count) : world(count, true) {}
-    void run() { world.go(); } // and looks that they have
-    bool done() const { return true; }
-
-    World world;
-};
+using ComingUp = Passage<World, false>;
+template <class World>
+using Going = Passage<World, true>;
 
 /// The kernel tells a new MAC address of each interface.
 struct MacChanges {
