@@ -13,7 +13,7 @@ runPackages=(
 checkPackages=(
     "${runPackages[@]}"
     libgtest-dev librapidcheck-dev
-    clang clang-format clang-tidy git libclang-rt-dev python3-jsonschema python3-prometheus-client shellcheck smcroute
+    clang clang-format clang-tidy git libclang-rt-dev lld python3-jsonschema python3-prometheus-client shellcheck smcroute
 )
 
 # Users other than root may lack these, and iproute2 lies there.
