@@ -357,7 +357,7 @@ void IgmpHostProxyIntfSm::doSyncPresent(Table const& table, IpGenRouteKey const&
 
 bool IgmpHostProxyIntfSm::routesOwn(IntfStatus const& status, GroupSource const& entry) const {
     return intfStatus() == &status && entry.nexParent() == &status && intfConfig() &&
-           !intfConfig()->groupSourceListHas(entry.group()) && !aclHas(entry.group());
+           !groupKept(entry.group());
 }
 
 /// Whether the operator removed the source, or the whole group, from the configuration.
@@ -377,7 +377,7 @@ void IgmpHostProxyIntfSm::doSyncAbsent(IpGenRouteKey const& key) {
     IHP_TRACE(6, "Routekey not found in mfib");
     Lox::IpAddr const group = key.group.address();
     // Whether the operator had removed the group makes no difference to a route that is gone.
-    if (intfConfig()->groupSourceListHas(group) || aclHas(group)) return;
+    if (groupKept(group)) return;
     IHP_TRACE(6, "Group was not configured, so deleting it from intfStatus");
     if (key.source.address() == anySource) {
         IHP_TRACE(6, "Routekey is ( *,G ).");
