@@ -448,7 +448,7 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     void doCopySources(GroupSource const& from, GroupSource& to) const;
     /// Whether the configuration or a list's rule still contributes the pair in that mode.
     bool wanted(List list, SourceGroup sg) const;
-    /// Whether the configuration, which must be there, or a list owns the group: routes leave it alone.
+    /// Whether the configuration, which must be there, or a list owns it: no route touches it.
     bool groupKept(Lox::IpAddr group) const;
     void doDropCount(SourceGroup sg);
 
