@@ -135,9 +135,7 @@ RpcMethods Daemon::methods() {
         if (!group)
             throw RpcError(RpcError::invalidParams,
                            fmt::format("group {} found, expected an address", printable(wanted)));
-        json answer = whyJson(*view_, params.at("interface"), *group);
-        answer["file"] = options_.configurationFile;
-        reply.result(answer);
+        reply.result(whyAnswer(*view_, params.at("interface"), *group, options_.configurationFile));
     };
     all["trace"].parameters = {{"last", count}};
     all["trace"].call = [=](json const& params, RpcReply const& reply) {

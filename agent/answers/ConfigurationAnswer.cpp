@@ -139,8 +139,9 @@ class Rules : public JsonPart {
         auto const& lists = source_().accessLists;
         auto const list = lists.find(list_);
         if (list == lists.end()) return false;
-        auto const at = last_ ? list->second.upper_bound(*last_) : list->second.begin();
-        if (at == list->second.end()) return false;
+        auto const& rules = list->second.rules();
+        auto const at = last_ ? rules.upper_bound(*last_) : rules.begin();
+        if (at == rules.end()) return false;
         last_ = at->first;
         Acl::IpRuleConfig const& rule = at->second;
         stream.addElement({{"sequence", at->first},

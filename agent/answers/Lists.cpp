@@ -2,9 +2,10 @@
 
 #include "agent/loop/Printable.h"
 
+#include <algorithm>
 #include <bit>
 #include <fmt/format.h>
-#include <optional>
+#include <vector>
 
 namespace Agent {
 
@@ -33,14 +34,15 @@ class RuleRows : public JsonElements {
             sequence_.reset();
         }
         bool const shown = name_.empty() || name_ == list_;
-        auto const rule = sequence_ ? list->second.upper_bound(*sequence_) : list->second.begin();
-        if (!shown || rule == list->second.end()) {
+        auto const& rules = list->second.rules();
+        auto const rule = sequence_ ? rules.upper_bound(*sequence_) : rules.begin();
+        if (!shown || rule == rules.end()) {
             list_ += '\0'; // the least name behind it
             sequence_.reset();
             return true;
         }
         sequence_ = rule->first;
-        json row = ruleJson(configuration, list_, rule->first, rule->second);
+        json row = ruleJson(list_, rule->first, rule->second);
         row["interfaces"] = interfacesOf(configuration);
         stream.addElement(row);
         return true;
@@ -114,15 +116,14 @@ void addPlace(json& json, Line const& line) {
     json["line"] = line.number;
 }
 
-json ruleJson(Configuration const& configuration, std::string const& list, std::uint32_t sequence,
-              Acl::IpRuleConfig const& rule) {
+json ruleJson(std::string const& list, std::uint32_t sequence, AccessListRule const& rule) {
     json row{{"list", list},
              {"sequence", sequence},
              {"action", rule.action == Acl::Action::permit ? "permit" : "deny"},
              {"source", rangeText(rule.filter.source)},
              {"destination", rangeText(rule.filter.destination)},
              {"groups", groupCount(rule)}};
-    addPlace(row, configuration.accessListLines.at(list).at(sequence));
+    addPlace(row, rule.line);
     return row;
 }
 
@@ -130,19 +131,22 @@ std::unique_ptr<JsonElements> listsAnswer(AgentView const& view, std::string con
     return std::make_unique<RuleRows>(view, name);
 }
 
-std::vector<Lox::IpAddr> routeSources(AgentView const& view, std::string const& vrf,
-                                      Lox::IpAddr group) {
-    std::vector<Lox::IpAddr> sources;
+std::optional<Lox::IpAddr> nextRouteSource(AgentView const& view, std::string const& vrf,
+                                           Lox::IpAddr group, std::optional<Lox::IpAddr> after) {
+    std::optional<Lox::IpAddr> next;
     auto const tables = tablesOf(view, vrf);
-    if (!tables) return sources;
+    if (!tables) return next;
+    IpGenRouteKey first{{}, Lox::IpPrefix(group, 32)};
+    if (after && !after->isZero()) first.source = Lox::IpPrefix(*after, 32);
     for (auto const& item : tables->keshPtr()) {
         if (!item.value) continue;
-        IpGenRouteKey const first{{}, Lox::IpPrefix(group, 32)};
-        for (auto at = item.value->routeFrom(first); !at.atEnd() && at.key().group == first.group;
-             at.advance())
-            sources.push_back(at.key().source.address());
+        auto at = item.value->routeFrom(first);
+        if (after && !at.atEnd() && at.key() == first) at.advance();
+        if (at.atEnd() || at.key().group != first.group) continue;
+        Lox::IpAddr const source = at.key().source.address();
+        next = std::min(next.value_or(source), source);
     }
-    return sources;
+    return next;
 }
 
 std::unique_ptr<JsonElements> routesAnswer(AgentView const& view, std::string const& vrf) {

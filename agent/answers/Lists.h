@@ -4,12 +4,11 @@
 
 #include "agent/answers/View.h"
 
-#include "Acl/AclConfig.h"
 #include "Lox/IpAddr.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
-#include <vector>
 
 namespace Agent {
 
@@ -20,15 +19,17 @@ std::string rangeText(Lox::IpAddrWithFullMask range);
 void addPlace(nlohmann::json& json, Line const& line);
 
 /// One rule, with its list, sequence number and line.
-nlohmann::json ruleJson(Configuration const& configuration, std::string const& list,
-                        std::uint32_t sequence, Acl::IpRuleConfig const& rule);
+nlohmann::json ruleJson(std::string const& list, std::uint32_t sequence,
+                        AccessListRule const& rule);
 
 /// Every rule of every list, or of the list of that name. `view` outlives the answer.
 std::unique_ptr<JsonElements> listsAnswer(AgentView const& view, std::string const& name);
 
-/// The announced routes of a VRF to a group, whatever their source: their sources, 0.0.0.0 for any.
-std::vector<Lox::IpAddr> routeSources(AgentView const& view, std::string const& vrf,
-                                      Lox::IpAddr group);
+/// The source of the VRF's first announced route to a group, or of the next one behind that source:
+/// 0.0.0.0 for any. Nothing at the end.
+std::optional<Lox::IpAddr> nextRouteSource(AgentView const& view, std::string const& vrf,
+                                           Lox::IpAddr group,
+                                           std::optional<Lox::IpAddr> after = {});
 
 /// All announced routes of all VRFs, or of one.
 std::unique_ptr<JsonElements> routesAnswer(AgentView const& view, std::string const& vrf);

@@ -8,6 +8,10 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <functional>
+#include <optional>
+#include <set>
+#include <vector>
 
 namespace Agent {
 
@@ -24,141 +28,132 @@ json since1970(std::uint32_t time) {
     return time == 0 ? json() : json(secondsSince1970() - (EventLoop::now() - time));
 }
 
-class Inquiry {
+/// The next of a set in its order; nothing at the end.
+std::optional<Lox::IpAddr> nextOf(std::set<Lox::IpAddr> const& sources,
+                                  std::optional<Lox::IpAddr> after) {
+    auto const at = after ? sources.upper_bound(*after) : sources.begin();
+    return at == sources.end() ? std::nullopt : std::optional(*at);
+}
+
+/// The wishes for a group and what is in their way, one after the other: there may be ten thousand
+/// sources, rules and routes, and any of them may go between two steps.
+class WishWalk {
   public:
-    Inquiry(AgentView const& view, std::string const& interface, Lox::IpAddr group)
+    struct Step {
+        json wish;                 ///< null for none
+        Lox::IpAddr source;        ///< of that
+        bool included = true;      ///< likewise
+        std::string obstacle = {}; ///< empty for none
+    };
+    WishWalk(AgentView const& view, std::string const& interface, Lox::IpAddr group)
         : view_(view), interface_(interface), group_(group) {}
 
-    json answer() {
-        json answer{{"interface", interface_}, {"group", group_.stringValue()}};
+    /// Nothing at the end.
+    std::optional<Step> next() {
         InterfaceConfiguration const* const configured = view_.configured(interface_);
-        if (!configured) {
-            answer["announced"] = false;
-            answer["told"] = answer["answered"] = nullptr;
-            answer["wishes"] = json::array();
-            answer["obstacles"] = {"the interface is not in the configuration"};
-            return answer;
-        }
-        IgmpHostPort const* const port = view_.ports.port(interface_);
-        if (port) state_ = port->engine().state(group_);
-        std::string const obstacle = view_.vrfs.obstacle(interface_).value_or("is not known yet");
-        if (!obstacle.empty())
-            obstacles_.push_back(fmt::format("{} {}", interface_, printable(obstacle)));
-        doReadConfiguration(*configured);
-        doReadLists(*configured);
-        doReadRoutes(*configured);
-        doReadWithheldRoutes(*configured);
-        if (group_ == Lox::IpAddr::fromHost(0xE0000001))
-            obstacles_.push_back("every host is a member of 224.0.0.1, and no host says so");
-        else if (!group_.isMulticast())
-            obstacles_.push_back("it is no multicast address");
-        else if (!state_.member() && wanted_ && group_.isSourceSpecific())
-            obstacles_.push_back("a source-specific group is announced with its sources only");
-        if (wishes_.empty() && obstacles_.empty())
-            obstacles_.push_back("nobody asks for it: no group of the interface, no rule of its "
-                                 "lists, no announced route");
-        answer["vrf"] = configured->vrf;
-        answer["announced"] = state_.member() && obstacle.empty();
-        answer.update(toJson(state_));
-        HostEngine::GroupTimes const times =
-            port ? port->engine().times(group_) : HostEngine::GroupTimes();
-        answer["told"] = since1970(times.told);
-        answer["answered"] = since1970(times.answered);
-        answer["wishes"] = std::move(wishes_);
-        answer["obstacles"] = std::move(obstacles_);
-        return answer;
+        if (!configured) return std::nullopt;
+        for (; stage_ != Stage::end; doEnterNextStage())
+            if (auto step = stepOf(*configured)) return step;
+        return std::nullopt;
     }
 
   private:
-    bool isListed(Lox::IpAddr source) const {
-        return std::binary_search(state_.sources.begin(), state_.sources.end(), source);
+    enum class Stage { include, exclude, lists, routes, withheld, end };
+
+    void doEnterNextStage() {
+        stage_ = Stage(int(stage_) + 1);
+        source_.reset();
     }
-    /// Whether a source that is wanted, or excluded, is told as that.
-    bool counts(Lox::IpAddr source, bool included) const {
-        bool const any = state_.mode == FilterMode::exclude;
-        if (source.isZero()) return any;
-        if (included) return any ? !isListed(source) : isListed(source);
-        return any && isListed(source);
-    }
-    void doAdd(json wish, Lox::IpAddr source, bool included) {
-        wanted_ |= included;
-        wish["source"] = sourceText(source);
-        wish["mode"] = included ? "include" : "exclude";
-        wish["counts"] = counts(source, included);
-        wishes_.push_back(std::move(wish));
+    std::optional<Step> stepOf(InterfaceConfiguration const& configured) {
+        switch (stage_) {
+        case Stage::include:
+            return stepOfGroup(configured, &GroupConfiguration::include);
+        case Stage::exclude:
+            return stepOfGroup(configured, &GroupConfiguration::exclude);
+        case Stage::lists:
+            return stepOfLists(configured);
+        case Stage::routes:
+            return stepOfRoutes(configured.vrf);
+        default:
+            return stepOfWithheld(configured.vrf);
+        }
     }
 
-    void doReadConfiguration(InterfaceConfiguration const& configured) {
+    std::optional<Step> stepOfGroup(InterfaceConfiguration const& configured,
+                                    std::set<Lox::IpAddr> GroupConfiguration::*sources) {
         auto const found = configured.groups.find(group_);
-        if (found == configured.groups.end()) return;
+        if (found == configured.groups.end()) return std::nullopt;
         owner_ = "the configuration";
-        json wish{{"kind", "configuration"}};
-        addPlace(wish, found->second.entry.line);
-        for (Lox::IpAddr const source : found->second.include) doAdd(wish, source, true);
-        for (Lox::IpAddr const source : found->second.exclude)
-            doAdd(wish, source, source.isZero()); // from any source but none
+        source_ = nextOf(found->second.*sources, source_);
+        if (!source_) return std::nullopt;
+        Step step{json({{"kind", "configuration"}}), *source_};
+        addPlace(step.wish, found->second.entry.line);
+        // From any source but none.
+        step.included = sources == &GroupConfiguration::include || source_->isZero();
+        return step;
     }
 
-    void doReadLists(InterfaceConfiguration const& configured) {
+    std::optional<Step> stepOfLists(InterfaceConfiguration const& configured) {
         Configuration const& all = view_.writer.configuration();
-        for (std::string const& name : configured.accessLists) {
+        for (; list_ < configured.accessLists.size(); ++list_, sequence_.reset()) {
+            std::string const& name = configured.accessLists[list_];
             auto const list = all.accessLists.find(name);
             if (list == all.accessLists.end()) {
-                obstacles_.push_back(fmt::format("there is no list {}", printable(name)));
-                continue;
+                ++list_;
+                return Step{{}, {}, true, fmt::format("there is no list {}", printable(name))};
             }
-            for (auto const& [sequence, rule] : list->second) {
-                if (groupCount(rule) == 0)
-                    denyAll_ = fmt::format("list {} #{}", printable(name), sequence);
-                else if (rule.filter.destination.has(group_))
-                    doReadRule(ruleJson(all, name, sequence, rule), rule);
+            while (auto const* const found = list->second.ruleAbout(group_, sequence_)) {
+                auto const& [sequence, rule] = *found;
+                sequence_ = sequence;
+                if (groupCount(rule) > 0) return stepOfRule(name, sequence, rule);
+                denyAll_ = fmt::format("list {} #{}", printable(name), sequence);
             }
         }
+        return std::nullopt;
     }
 
-    void doReadRule(json wish, Acl::IpRuleConfig const& rule) {
-        if (owner_.empty()) owner_ = "list " + wish.at("list").get<std::string>();
-        Lox::IpAddr const source =
-            rule.filter.source.mask() == 0 ? Lox::IpAddr() : rule.filter.source.address();
-        bool const permitted = rule.action == Acl::Action::permit;
-        wish["kind"] = "list";
-        if (!permitted)
-            obstacles_.push_back(fmt::format("{}, denied by list {} #{}", sourceText(source),
-                                             wish.at("list").get<std::string>(),
-                                             wish.at("sequence").get<std::uint32_t>()));
-        doAdd(std::move(wish), source, permitted);
+    Step stepOfRule(std::string const& list, std::uint32_t sequence, AccessListRule const& rule) {
+        if (owner_.empty()) owner_ = "list " + printable(list);
+        Step step{ruleJson(list, sequence, rule), {}};
+        if (rule.filter.source.mask() != 0) step.source = rule.filter.source.address();
+        step.wish["kind"] = "list";
+        step.included = rule.action == Acl::Action::permit;
+        if (!step.included)
+            step.obstacle = fmt::format("{}, denied by list {} #{}", sourceText(step.source),
+                                        printable(list), sequence);
+        return step;
     }
 
-    void doReadRoutes(InterfaceConfiguration const& configured) {
-        RouteTable const* const routes = view_.vrfs.routes(configured.vrf);
-        for (Lox::IpAddr const source : routeSources(view_, configured.vrf, group_)) {
-            RouteEntry const* const route = routes ? routes->route({source, group_}) : nullptr;
-            doAdd(routeJson(configured.vrf, route), source, true);
-            if (!owner_.empty())
-                obstacles_.push_back(fmt::format("route ({}, {}): {} has the group",
-                                                 sourceText(source), group_.stringValue(), owner_));
-            else if (!denyAll_.empty())
-                obstacles_.push_back(fmt::format("route ({}, {}): {} denies everything",
-                                                 sourceText(source), group_.stringValue(),
-                                                 denyAll_));
-        }
+    std::optional<Step> stepOfRoutes(std::string const& vrf) {
+        source_ = nextRouteSource(view_, vrf, group_, source_);
+        if (!source_) return std::nullopt;
+        RouteTable const* const routes = view_.vrfs.routes(vrf);
+        RouteEntry const* const route = routes ? routes->route({*source_, group_}) : nullptr;
+        Step step{routeJson(vrf, route), *source_};
+        if (!owner_.empty())
+            step.obstacle = routeText(*source_, owner_ + " has the group");
+        else if (!denyAll_.empty())
+            step.obstacle = routeText(*source_, denyAll_ + " denies everything");
+        return step;
     }
 
     /// Those that the policy of the forwarding table does not let through.
-    void doReadWithheldRoutes(InterfaceConfiguration const& configured) {
-        RouteTable const* const routes = view_.vrfs.routes(configured.vrf);
-        if (!routes) return;
-        routes->forWithheld(group_, [&](Lox::IpAddr source, RouteEntry const& route,
-                                        RouteTable::Withheld why) {
-            std::string reason = "its incoming interface has gone";
-            if (why == RouteTable::Withheld::noOutput)
-                reason = "no output interface (require-output)";
-            else if (why == RouteTable::Withheld::foreignIncoming)
-                reason = fmt::format("comes in by {}, no interface of the configuration (incoming)",
-                                     interfaceName(configured.vrf, route.incoming));
-            obstacles_.push_back(fmt::format("route ({}, {}): {}", sourceText(source),
-                                             group_.stringValue(), reason));
-        });
+    std::optional<Step> stepOfWithheld(std::string const& vrf) {
+        RouteTable const* const routes = view_.vrfs.routes(vrf);
+        auto const route = routes ? routes->nextWithheld(group_, source_) : std::nullopt;
+        if (!route) return std::nullopt;
+        source_ = route->source;
+        std::string reason = "its incoming interface has gone";
+        if (route->why == RouteTable::Withheld::noOutput)
+            reason = "no output interface (require-output)";
+        else if (route->why == RouteTable::Withheld::foreignIncoming)
+            reason = fmt::format("comes in by {}, no interface of the configuration (incoming)",
+                                 interfaceName(vrf, route->incoming));
+        return Step{{}, {}, true, routeText(route->source, reason)};
+    }
+
+    std::string routeText(Lox::IpAddr source, std::string const& what) const {
+        return fmt::format("route ({}, {}): {}", sourceText(source), group_.stringValue(), what);
     }
     /// Null for a route that the kernel has no longer, but whose end has not been followed yet.
     json routeJson(std::string const& vrf, RouteEntry const* route) const {
@@ -182,18 +177,155 @@ class Inquiry {
     AgentView const& view_;
     std::string const& interface_;
     Lox::IpAddr group_;
-    HostEngine::GroupState state_;
-    json wishes_ = json::array();
-    json obstacles_ = json::array();
+    Stage stage_ = Stage::include;
+    std::optional<Lox::IpAddr> source_; ///< the last one of this stage
+    std::size_t list_ = 0;
+    std::optional<std::uint32_t> sequence_; ///< the last one of this list
     std::string owner_;   ///< of the group, which the forwarding table therefore leaves alone
     std::string denyAll_; ///< the rule
-    bool wanted_ = false;
+};
+
+/// Adds elements while `next` does.
+class Elements : public JsonElements {
+  public:
+    using Next = std::function<bool(JsonStream&)>;
+    explicit Elements(Next next) : next_(std::move(next)) {}
+    bool next(JsonStream& stream) override { return next_(stream); }
+
+  private:
+    Next next_;
+};
+
+class Inquiry : public JsonPart {
+  public:
+    Inquiry(AgentView const& view, std::string interface, Lox::IpAddr group, std::string file)
+        : view_(view), interface_(std::move(interface)), group_(group), file_(std::move(file)) {
+        walk_.emplace(view_, interface_, group_);
+    }
+
+    bool next(JsonStream& stream) override {
+        switch (member_++) {
+        case 0:
+            doTellGroup(stream);
+            return true;
+        case 1:
+            return doOpen(stream, "wishes", [this](JsonStream& to) { return doTellWish(to); });
+        case 2:
+            walk_.emplace(view_, interface_, group_);
+            return doOpen(stream, "obstacles",
+                          [this](JsonStream& to) { return doTellObstacle(to); });
+        default:
+            return false;
+        }
+    }
+
+  private:
+    static bool doOpen(JsonStream& stream, char const* name, Elements::Next next) {
+        stream.openArray(name, std::make_unique<Elements>(std::move(next)));
+        return true;
+    }
+
+    void doTellGroup(JsonStream& stream) {
+        stream.add("file", file_);
+        stream.add("interface", interface_);
+        stream.add("group", group_.stringValue());
+        InterfaceConfiguration const* const configured = view_.configured(interface_);
+        IgmpHostPort const* const port = configured ? view_.ports.port(interface_) : nullptr;
+        if (port) state_ = port->engine().state(group_);
+        HostEngine::GroupTimes const times =
+            port ? port->engine().times(group_) : HostEngine::GroupTimes();
+        std::string const obstacle =
+            configured ? view_.vrfs.obstacle(interface_).value_or("is not known yet") : "";
+        if (!configured)
+            first_.push_back("the interface is not in the configuration");
+        else if (!obstacle.empty())
+            first_.push_back(fmt::format("{} {}", printable(interface_), printable(obstacle)));
+        if (configured) stream.add("vrf", configured->vrf);
+        stream.add("announced", state_.member() && obstacle.empty());
+        stream.add("told", since1970(times.told));
+        stream.add("answered", since1970(times.answered));
+        if (!configured) return;
+        stream.add("mode", state_.mode == FilterMode::include ? "include" : "exclude");
+        doOpen(stream, "sources", [this, at = std::size_t(0)](JsonStream& to) mutable {
+            if (at == state_.sources.size()) return false;
+            to.addElement(state_.sources[at++].stringValue());
+            return true;
+        });
+    }
+
+    bool doTellWish(JsonStream& stream) {
+        auto step = walk_->next();
+        if (!step) return false;
+        obstructed_ |= !step->obstacle.empty();
+        if (step->wish.is_null()) return true;
+        wished_ = true;
+        wanted_ |= step->included;
+        step->wish["source"] = sourceText(step->source);
+        step->wish["mode"] = step->included ? "include" : "exclude";
+        step->wish["counts"] = counts(step->source, step->included);
+        stream.addElement(step->wish);
+        return true;
+    }
+
+    /// First what is in the way of all, last what a group is not announced for at all.
+    bool doTellObstacle(JsonStream& stream) {
+        if (told_ < first_.size()) {
+            stream.addElement(first_[told_++]);
+            return true;
+        }
+        if (auto const step = walk_->next()) {
+            if (!step->obstacle.empty()) stream.addElement(step->obstacle);
+            return true;
+        }
+        if (std::string const last = std::exchange(lastTold_, true) ? "" : lastObstacle();
+            !last.empty()) {
+            stream.addElement(last);
+            return true;
+        }
+        return false;
+    }
+    std::string lastObstacle() const {
+        if (group_ == Lox::IpAddr::fromHost(0xE0000001))
+            return "every host is a member of 224.0.0.1, and no host says so";
+        if (!group_.isMulticast()) return "it is no multicast address";
+        if (!state_.member() && wanted_ && group_.isSourceSpecific())
+            return "a source-specific group is announced with its sources only";
+        if (wished_ || obstructed_ || !first_.empty()) return "";
+        return "nobody asks for it: no group of the interface, no rule of its lists, no announced "
+               "route";
+    }
+
+    bool isListed(Lox::IpAddr source) const {
+        return std::binary_search(state_.sources.begin(), state_.sources.end(), source);
+    }
+    /// Whether a source that is wanted, or excluded, is told as that.
+    bool counts(Lox::IpAddr source, bool included) const {
+        bool const any = state_.mode == FilterMode::exclude;
+        if (source.isZero()) return any;
+        if (included) return any ? !isListed(source) : isListed(source);
+        return any && isListed(source);
+    }
+
+    AgentView const& view_;
+    std::string interface_;
+    Lox::IpAddr group_;
+    std::string file_;
+    int member_ = 0; ///< to go on with
+    HostEngine::GroupState state_;
+    std::optional<WishWalk> walk_;
+    bool wished_ = false;
+    bool wanted_ = false;     ///< from any source
+    bool obstructed_ = false; ///< any of the wishes, or what would be one
+    std::vector<std::string> first_;
+    std::size_t told_ = 0; ///< of these
+    bool lastTold_ = false;
 };
 
 } // namespace
 
-json whyJson(AgentView const& view, std::string const& interface, Lox::IpAddr group) {
-    return Inquiry(view, interface, group).answer();
+std::unique_ptr<JsonPart> whyAnswer(AgentView const& view, std::string interface, Lox::IpAddr group,
+                                    std::string file) {
+    return std::make_unique<Inquiry>(view, std::move(interface), group, std::move(file));
 }
 
 } // namespace Agent

@@ -3,9 +3,10 @@
 #include "agent/config/AddressText.h"
 #include "agent/config/TomlSection.h"
 
+#include <algorithm>
 #include <bit>
 #include <fmt/format.h>
-#include <optional>
+#include <utility>
 
 namespace Agent {
 
@@ -73,15 +74,52 @@ std::uint64_t groupCount(Acl::IpRuleConfig const& rule) {
     return std::uint64_t(1) << std::popcount(~rule.filter.destination.mask());
 }
 
+AccessListConfiguration::AccessListConfiguration(Rules rules) : rules_(std::move(rules)) {
+    ranges_.reserve(rules_.size());
+    for (auto const& [sequence, rule] : rules_) {
+        Lox::IpAddrWithFullMask const groups = rule.filter.destination;
+        ranges_.push_back({groups.mask(), groups.address().host() & groups.mask(), sequence});
+    }
+    std::ranges::sort(ranges_);
+    Range const* before = nullptr;
+    for (Range const& range : ranges_) {
+        bool const another = !before || before->mask != range.mask || before->fixed != range.fixed;
+        if (another) groups_ += groupCount(rules_.at(range.sequence));
+        before = &range;
+    }
+}
+
+AccessListConfiguration::Rules::value_type const*
+AccessListConfiguration::ruleAbout(Lox::IpAddr group, std::optional<std::uint32_t> after) const {
+    std::optional<std::uint32_t> first;
+    for (auto at = ranges_.begin(); at != ranges_.end();) {
+        Range const sought{at->mask, group.host() & at->mask, after.value_or(0)};
+        at = after ? std::upper_bound(at, ranges_.end(), sought)
+                   : std::lower_bound(at, ranges_.end(), sought);
+        if (at != ranges_.end() && at->mask == sought.mask && at->fixed == sought.fixed)
+            first = std::min(first.value_or(at->sequence), at->sequence);
+        at = std::partition_point(at, ranges_.end(),
+                                  [&](Range const& range) { return range.mask <= sought.mask; });
+    }
+    return first ? &*rules_.find(*first) : nullptr;
+}
+
+bool AccessListConfiguration::selects(Lox::IpAddrWithFullMask groups) const {
+    Range const sought{groups.mask(), groups.address().host() & groups.mask(), 0};
+    auto const at = std::ranges::lower_bound(ranges_, sought);
+    return at != ranges_.end() && at->mask == sought.mask && at->fixed == sought.fixed;
+}
+
 AccessListConfiguration readAccessList(std::vector<TomlSection> const& rules, bool attached,
-                                       AccessListLines& lines, Diagnostics& diagnostics) {
-    AccessListConfiguration list;
+                                       Diagnostics& diagnostics) {
+    AccessListConfiguration::Rules list;
     for (TomlSection const& section : rules) {
         section.checkKeys();
         auto const sequence = section.givenInteger("sequence");
         auto const rule = RuleReader(section, diagnostics).read();
         if (!sequence || !rule) continue;
-        if (!list.emplace(std::uint32_t(*sequence), *rule).second) {
+        AccessListRule const placed{*rule, Line(section.position())};
+        if (!list.emplace(std::uint32_t(*sequence), placed).second) {
             diagnostics.addError(
                 section.positionOf("sequence"),
                 fmt::format("{} is the sequence number of two rules, expected each "
@@ -89,14 +127,13 @@ AccessListConfiguration readAccessList(std::vector<TomlSection> const& rules, bo
                             *sequence));
             continue;
         }
-        lines[std::uint32_t(*sequence)] = Line(section.position());
         if (!attached) continue;
         diagnostics.addInfo(section.positionOf("destination"),
                             isDenyAll(*rule)
                                 ? "shuts out the groups of the forwarding table"
                                 : fmt::format("selects {}", countText(groupCount(*rule), "group")));
     }
-    return list;
+    return AccessListConfiguration(std::move(list));
 }
 
 } // namespace Agent

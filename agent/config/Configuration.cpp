@@ -77,9 +77,8 @@ class ConfigurationReader {
             if (!attached)
                 warnFound(name, "is attached to no interface: its rules select nothing",
                           diagnostics_);
-            configuration_.accessLists[name.value] =
-                readAccessList(lists.sections(name.value, &ruleKeys), attached,
-                               configuration_.accessListLines[name.value], diagnostics_);
+            configuration_.accessLists[name.value] = readAccessList(
+                lists.sections(name.value, &ruleKeys), attached, diagnostics_);
         }
     }
 
@@ -221,7 +220,7 @@ class ConfigurationReader {
                           diagnostics_);
                 continue;
             }
-            for (auto const& [sequence, rule] : list->second) groups += groupCount(rule);
+            for (auto const& [sequence, rule] : list->second.rules()) groups += groupCount(rule);
         }
         checkGroupCount(section, "access-lists", groups, interface, diagnostics_);
     }
@@ -263,13 +262,9 @@ std::uint64_t Configuration::selectedGroups() const {
 
 std::uint64_t Configuration::selectedGroups(InterfaceConfiguration const& interface) const {
     std::uint64_t groups = interface.groups.size();
-    std::set<Lox::IpAddrWithFullMask> ranges; // one for all rules about it
-    for (std::string const& name : interface.accessLists) {
-        auto const list = accessLists.find(name);
-        if (list == accessLists.end()) continue;
-        for (auto const& [sequence, rule] : list->second)
-            if (ranges.insert(rule.filter.destination).second) groups += groupCount(rule);
-    }
+    for (std::string const& name : interface.accessLists)
+        if (auto const list = accessLists.find(name); list != accessLists.end())
+            groups += list->second.groups();
     return groups;
 }
 

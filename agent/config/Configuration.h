@@ -142,7 +142,6 @@ struct Configuration {
     /// In the order of the file.
     InterfacePatterns patterns;
     std::map<std::string, AccessListConfiguration> accessLists;
-    std::map<std::string, AccessListLines> accessListLines;
     /// Without the default one.
     std::map<std::string, VrfConfiguration> vrfs;
     ForwardingTableConfiguration forwardingTable;
@@ -163,8 +162,8 @@ struct Configuration {
     /// What holds for an interface of that name, if there is one: its own section, failing that the
     /// first pattern that matches. Null for nothing.
     InterfaceConfiguration const* entryFor(std::string const& name) const;
-    /// How many groups the sections ask for. One that several rules or lines select counts for
-    /// each.
+    /// How many groups the sections ask for. One that several lists, lines or ranges select counts
+    /// for each.
     std::uint64_t selectedGroups() const;
     /// The same of one of them.
     std::uint64_t selectedGroups(InterfaceConfiguration const& interface) const;

@@ -186,6 +186,15 @@ RouteTable::Withheld RouteTable::whyWithheld(RouteEntry const& route) const {
                                                              : Withheld::foreignIncoming;
 }
 
+std::optional<RouteTable::WithheldRoute>
+RouteTable::nextWithheld(Lox::IpAddr group, std::optional<Lox::IpAddr> after) const {
+    auto at = after ? withheld_.upper_bound({group, *after})
+                    : withheld_.lower_bound({group, Lox::IpAddr()});
+    if (at == withheld_.end() || at->first != group) return std::nullopt;
+    RouteEntry const& entry = *route({at->second, group});
+    return WithheldRoute{at->second, whyWithheld(entry), entry.incoming};
+}
+
 void RouteTable::beginReading() {
     reading_ = true;
     dumps_ = 0;

@@ -24,6 +24,7 @@
 #include <functional>
 #include <libmnl/libmnl.h>
 #include <map>
+#include <optional>
 #include <set>
 #include <span>
 #include <unordered_map>
@@ -90,15 +91,15 @@ class RouteTable {
     RouteEntry const* route(RouteName const& name) const;
     /// Why a route is not announced.
     enum class Withheld { noOutput, incomingGone, foreignIncoming };
-    /// Calls `visit(source, entry, why)` for each route to the group that is not announced, however
-    /// many other routes there are.
-    template <class Visit>
-    void forWithheld(Lox::IpAddr group, Visit visit) const {
-        for (auto at = withheld_.lower_bound({group, Lox::IpAddr()});
-             at != withheld_.end() && at->first == group; ++at)
-            if (RouteEntry const* const entry = route({at->second, group}))
-                visit(at->second, *entry, whyWithheld(*entry));
-    }
+    struct WithheldRoute {
+        Lox::IpAddr source;
+        Withheld why;
+        int incoming; ///< by kernel index, 0 for none
+    };
+    /// The first route to the group that is not announced, or the next one behind that source,
+    /// however many other routes there are. Nothing at the end.
+    std::optional<WithheldRoute> nextWithheld(Lox::IpAddr group,
+                                              std::optional<Lox::IpAddr> after) const;
 
     /// Tells the announced routes once more.
     void doTellAll() const;

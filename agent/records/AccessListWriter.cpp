@@ -56,12 +56,13 @@ bool AccessListWriter::applyLists(Lists const& lists) {
     }
     for (auto const& [name, list] : lists) {
         auto const known = before.find(name);
-        lost |= doWrite(name, numbered(list, known == before.end() ? Rules() : known->second));
+        lost |=
+            doWrite(name, numbered(list.rules(), known == before.end() ? Rules() : known->second));
     }
     return lost;
 }
 
-AccessListWriter::Rules AccessListWriter::numbered(AccessListConfiguration const& list,
+AccessListWriter::Rules AccessListWriter::numbered(AccessListConfiguration::Rules const& list,
                                                    Rules const& before) {
     Rules rules;
     std::multimap<Content, Rule> free; // of those before, the ones that do not stand where they did

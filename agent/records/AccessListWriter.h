@@ -39,7 +39,7 @@ class AccessListWriter {
     bool doWrite(std::string const& name, Rules rules);
     static void doPutInForce(Acl::AclConfig& acl, Rules const& rules);
     /// The list's rules with the ids of those before, as far as they stay.
-    Rules numbered(AccessListConfiguration const& list, Rules const& before);
+    Rules numbered(AccessListConfiguration::Rules const& list, Rules const& before);
 
     Acl::AclTypeConfig& config_;
     Observer onOverlap_;

@@ -60,7 +60,7 @@ std::set<Claim> claims(Configuration const& configuration,
     for (std::string const& name : interface.accessLists) {
         auto const list = configuration.accessLists.find(name);
         if (list == configuration.accessLists.end()) continue;
-        for (auto const& [sequence, rule] : list->second)
+        for (auto const& [sequence, rule] : list->second.rules())
             if (groupCount(rule) > 0) claims.emplace(name, rule.filter.destination);
     }
     return claims;
@@ -207,9 +207,7 @@ void ConfigurationWriter::doRenewWishes(InterfaceConfiguration const& now, IntfC
 bool ConfigurationWriter::deniesRoutes(IntfConfig const& record) const {
     for (Nex::String const& name : record.aclList()) {
         auto const list = written_.accessLists.find(name);
-        if (list == written_.accessLists.end()) continue;
-        for (auto const& [sequence, rule] : list->second)
-            if (groupCount(rule) == 0) return true;
+        if (list != written_.accessLists.end() && list->second.deniesAll()) return true;
     }
     return false;
 }

@@ -22,10 +22,31 @@ TEST(AccessListReaderTest, RulesAreKeptBySequenceNumber) {
                                     IpAddrWithFullMask(IpAddr("239.1.1.0"), 0xFFFFFFFC)}};
     Acl::IpRuleConfig const group{Acl::Action::permit,
                                   {{}, IpAddrWithFullMask(IpAddr("239.1.1.1"), 0xFFFFFFFF)}};
-    EXPECT_EQ(reading.configuration.accessLists.at("iptv"),
-              (AccessListConfiguration{{0, group}, {10, prefix}, {4294967295, denyAll}}));
+    AccessListConfiguration const& list = reading.configuration.accessLists.at("iptv");
+    EXPECT_EQ(list.rules(), (AccessListConfiguration::Rules{
+                                {0, {group}}, {10, {prefix}}, {4294967295, {denyAll}}}));
     EXPECT_EQ(reading.configuration.interfaces.at("up0").accessLists,
               std::vector<std::string>{"iptv"});
+}
+
+TEST(AccessListReaderTest, RulesAboutAGroupAreFoundInTheirOrder) {
+    auto const reading = configurationParse(
+        rule("a", 4294967295, "any", "any", "deny") + rule("a", 10, "239.1.1.0/30") +
+            rule("a", 0, "239.1.1.1") + rule("a", 20, "239.0.0.1/255.0.0.255") +
+            rule("a", 15, "239.1.1.1", "any", "deny") + rule("a", 16, "239.1.1.2"),
+        "f");
+    AccessListConfiguration const& list = reading.configuration.accessLists.at("a");
+    auto const about = [&](char const* group) {
+        std::vector<std::uint32_t> rules;
+        for (auto const* at = list.ruleAbout(IpAddr(group)); at;
+             at = list.ruleAbout(IpAddr(group), at->first))
+            rules.push_back(at->first);
+        return rules;
+    };
+    EXPECT_EQ(about("239.1.1.1"), (std::vector<std::uint32_t>{0, 10, 15, 20, 4294967295}));
+    EXPECT_EQ(about("239.1.1.2"), (std::vector<std::uint32_t>{10, 16, 4294967295}));
+    EXPECT_EQ(about("239.1.1.4"), std::vector<std::uint32_t>{4294967295});
+    EXPECT_EQ(list.groups(), 4u + 2u + 65536u) << "a range twice counts once";
 }
 
 TEST(AccessListReaderTest, ManyGroupsOnOneInterfaceMustBeAskedFor) {
