@@ -30,7 +30,9 @@ class GroupChanges {
     void note(std::string const& interface, Lox::IpAddr group, HostEngine const& engine) {
         if (!begun_) return;
         States& states = before_[interface];
-        if (!states.contains(group)) states.emplace(group, engine.state(group));
+        auto const at = states.lower_bound(group);
+        if (at == states.end() || at->first != group)
+            states.emplace_hint(at, group, engine.state(group));
     }
     /// By interface.
     std::map<std::string, States> const& before() const { return before_; }

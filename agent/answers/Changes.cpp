@@ -1,7 +1,7 @@
 #include "agent/answers/Changes.h"
 
-#include "agent/answers/Groups.h"
 #include "agent/loop/SystemError.h"
+#include "agent/records/JsonStream.h"
 
 #include <cstdio>
 
@@ -16,7 +16,7 @@ struct FileEnd {
 };
 using File = std::unique_ptr<std::FILE, FileEnd>;
 
-class ChangeRows : public JsonElements {
+class ChangeRows : public JsonPart {
   public:
     explicit ChangeRows(File rows) : rows_(std::move(rows)) {}
     ~ChangeRows() override { std::free(line_); }
@@ -50,7 +50,20 @@ class ChangesPart : public JsonPart {
     File rows_;
 };
 
-json orNull(HostEngine::GroupState const& state) { return state.member() ? toJson(state) : json(); }
+/// As toJson() tells it. There may be very many.
+void addState(std::string& text, HostEngine::GroupState const& state) {
+    if (!state.member()) {
+        text += "null";
+        return;
+    }
+    text += state.mode == FilterMode::include ? R"({"mode":"include","sources":[)"
+                                              : R"({"mode":"exclude","sources":[)";
+    for (Lox::IpAddr const source : state.sources) {
+        if (text.back() == '"') text += ',';
+        text += '"' + source.stringValue() + '"';
+    }
+    text += "]}";
+}
 
 } // namespace
 
@@ -69,11 +82,13 @@ ChangeCounts changeCounts(PortRegistry const& ports) {
 
 std::string changeText(std::string const& interface, Lox::IpAddr group,
                        HostEngine::GroupState const& before, HostEngine::GroupState const& after) {
-    json const change{{"interface", interface},
-                      {"group", group.stringValue()},
-                      {"before", orNull(before)},
-                      {"after", orNull(after)}};
-    return change.dump(-1, ' ', false, json::error_handler_t::replace);
+    std::string text = R"({"interface":)" +
+                       json(interface).dump(-1, ' ', false, json::error_handler_t::replace) +
+                       R"(,"group":")" + group.stringValue() + R"(","before":)";
+    addState(text, before);
+    text += R"(,"after":)";
+    addState(text, after);
+    return text + '}';
 }
 
 std::unique_ptr<JsonPart> changesPart(json answer, FileDescriptor rows) {

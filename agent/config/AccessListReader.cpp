@@ -69,9 +69,12 @@ class RuleReader {
 
 } // namespace
 
+std::uint64_t groupCount(Lox::IpAddrWithFullMask range) {
+    return std::uint64_t(1) << std::popcount(~range.mask());
+}
+
 std::uint64_t groupCount(Acl::IpRuleConfig const& rule) {
-    if (isDenyAll(rule)) return 0;
-    return std::uint64_t(1) << std::popcount(~rule.filter.destination.mask());
+    return isDenyAll(rule) ? 0 : groupCount(rule.filter.destination);
 }
 
 AccessListConfiguration::AccessListConfiguration(Rules rules) : rules_(std::move(rules)) {
@@ -81,12 +84,7 @@ AccessListConfiguration::AccessListConfiguration(Rules rules) : rules_(std::move
         ranges_.push_back({groups.mask(), groups.address().host() & groups.mask(), sequence});
     }
     std::ranges::sort(ranges_);
-    Range const* before = nullptr;
-    for (Range const& range : ranges_) {
-        bool const another = !before || before->mask != range.mask || before->fixed != range.fixed;
-        if (another) groups_ += groupCount(rules_.at(range.sequence));
-        before = &range;
-    }
+    forRanges([this](Lox::IpAddrWithFullMask range) { groups_ += groupCount(range); });
 }
 
 AccessListConfiguration::Rules::value_type const*

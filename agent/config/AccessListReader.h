@@ -23,6 +23,7 @@ class TomlSection;
 /// How many groups a valid rule asks for. None for the rule "deny any any", which instead shuts out
 /// the groups of the forwarding table.
 std::uint64_t groupCount(Acl::IpRuleConfig const& rule);
+std::uint64_t groupCount(Lox::IpAddrWithFullMask range);
 
 /// A rule, and where it stands.
 struct AccessListRule : Acl::IpRuleConfig {
@@ -45,7 +46,18 @@ class AccessListConfiguration {
     /// any any" is about every group. Null for none.
     Rules::value_type const* ruleAbout(Lox::IpAddr group,
                                        std::optional<std::uint32_t> after = {}) const;
-    /// How many groups the rules ask for. Of several about the same range one counts.
+    /// Calls `visit` once for each range of groups that rules ask for, however many do.
+    template <class Visit>
+    void forRanges(Visit visit) const {
+        Range const* before = nullptr;
+        for (Range const& range : ranges_) {
+            bool const same = before && before->mask == range.mask && before->fixed == range.fixed;
+            if (range.mask != 0 && !same)
+                visit(Lox::IpAddrWithFullMask(Lox::IpAddr::fromHost(range.fixed), range.mask));
+            before = &range;
+        }
+    }
+    /// How many groups those are.
     std::uint64_t groups() const { return groups_; }
     /// Whether a rule asks for exactly these groups.
     bool selects(Lox::IpAddrWithFullMask groups) const;
@@ -65,7 +77,7 @@ class AccessListConfiguration {
     };
 
     Rules rules_;
-    std::vector<Range> ranges_; ///< of all rules, in their order
+    std::vector<Range> ranges_; ///< of all rules, in their order; mask 0 for "deny any any"
     std::uint64_t groups_ = 0;
 };
 

@@ -77,8 +77,8 @@ class ConfigurationReader {
             if (!attached)
                 warnFound(name, "is attached to no interface: its rules select nothing",
                           diagnostics_);
-            configuration_.accessLists[name.value] = readAccessList(
-                lists.sections(name.value, &ruleKeys), attached, diagnostics_);
+            configuration_.accessLists[name.value] =
+                readAccessList(lists.sections(name.value, &ruleKeys), attached, diagnostics_);
         }
     }
 
@@ -214,13 +214,13 @@ class ConfigurationReader {
                 continue;
             }
             names.push_back(name.value);
-            auto const list = configuration_.accessLists.find(name.value);
-            if (list == configuration_.accessLists.end()) {
+            AccessListConfiguration const* const list = configuration_.list(name.value);
+            if (!list) {
                 warnFound(name, "is not an access list of this file, expected one of them",
                           diagnostics_);
                 continue;
             }
-            for (auto const& [sequence, rule] : list->second.rules()) groups += groupCount(rule);
+            for (auto const& [sequence, rule] : list->rules()) groups += groupCount(rule);
         }
         checkGroupCount(section, "access-lists", groups, interface, diagnostics_);
     }
@@ -263,8 +263,7 @@ std::uint64_t Configuration::selectedGroups() const {
 std::uint64_t Configuration::selectedGroups(InterfaceConfiguration const& interface) const {
     std::uint64_t groups = interface.groups.size();
     for (std::string const& name : interface.accessLists)
-        if (auto const list = accessLists.find(name); list != accessLists.end())
-            groups += list->second.groups();
+        if (AccessListConfiguration const* const found = list(name)) groups += found->groups();
     return groups;
 }
 

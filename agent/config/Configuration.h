@@ -159,6 +159,11 @@ struct Configuration {
         auto const found = vrfs.find(vrf);
         return found == vrfs.end() ? "" : found->second.namespaceName;
     }
+    /// Null for a list that is not there.
+    AccessListConfiguration const* list(std::string const& name) const {
+        auto const found = accessLists.find(name);
+        return found == accessLists.end() ? nullptr : &found->second;
+    }
     /// What holds for an interface of that name, if there is one: its own section, failing that the
     /// first pattern that matches. Null for nothing.
     InterfaceConfiguration const* entryFor(std::string const& name) const;

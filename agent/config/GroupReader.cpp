@@ -39,12 +39,10 @@ class GroupReader {
         : interface_(interface), diagnostics_(diagnostics) {}
 
     void doRead(TomlSection const& groups) {
-        for (TomlText const& key : groups.keys()) {
+        groups.forSections(groupKeys, [&](TomlText const& key, auto const& section) {
             auto const range = parseRange(key.value);
-            auto const unquoted = range ? std::nullopt : groups.tableAt(key.value);
-            if (unquoted && doReportUnquoted(*unquoted, key.value)) continue;
-            auto const section = groups.section(key.value, &groupKeys);
-            if (!isGood(key, range) || !section) continue;
+            if (!range && section && doReportUnquoted(*section, key.value)) return;
+            if (!isGood(key, range) || !section) return;
             if (range->mask() != ~0u) {
                 std::uint32_t const first = range->address().host() & range->mask();
                 Prefix& prefix =
@@ -52,12 +50,12 @@ class GroupReader {
                 doReadEntry(key, *section, *range, prefix.wanted);
                 diagnostics_.addInfo(key.position,
                                      fmt::format("selects {}", countText(prefix.count(), "group")));
-                continue;
+                return;
             }
             auto const [group, added] = interface_.groups.try_emplace(range->address());
             if (!added) reportTwice(key);
             doReadEntry(key, *section, *range, group->second);
-        }
+        });
     }
 
     /// Of the groups that prefixes select.
@@ -128,6 +126,10 @@ class GroupReader {
     void doReadEntry(TomlText const& key, TomlSection const& section, Lox::IpAddrWithFullMask range,
                      GroupConfiguration& group) {
         group.entry = {Line(key.position), unsigned(std::popcount(range.mask()))};
+        if (section.empty()) { // most are
+            group.exclude.insert(Lox::IpAddr());
+            return doCheck(key, range, group);
+        }
         section.checkKeys();
         doReadSourceList(section, "include", group.include, group.exclude);
         doReadSourceList(section, "exclude", group.exclude, group.include);

@@ -277,10 +277,13 @@ std::optional<TomlText> TomlSection::text(std::string_view key) const {
 
 std::optional<TomlSection> TomlSection::section(std::string_view key, KeyTable const* known) const {
     toml::node const* const node = table_->get(key);
-    if (!node) return std::nullopt;
-    if (auto const* const table = node->as_table())
-        return TomlSection(*table, *diagnostics_, known);
-    doReportType(key, *node, "a table");
+    return node ? sectionOf(key, *node, known) : std::nullopt;
+}
+
+std::optional<TomlSection> TomlSection::sectionOf(std::string_view key, toml::node const& node,
+                                                  KeyTable const* known) const {
+    if (auto const* const table = node.as_table()) return TomlSection(*table, *diagnostics_, known);
+    doReportType(key, node, "a table");
     return std::nullopt;
 }
 

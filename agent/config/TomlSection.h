@@ -49,6 +49,15 @@ class TomlSection {
     /// Reports every key that is not known, and every one that must be there and is not. A table
     /// `named` by the operator may hold an unknown one because its name has a dot and no quotes.
     void checkKeys(std::string_view named = {}) const;
+    bool empty() const { return table_->empty(); }
+    /// Calls `visit(key, section)` for each key, in the order of their texts. Where there is no
+    /// table, that is reported, and there is no section.
+    template <class Visit>
+    void forSections(KeyTable const& known, Visit visit) const {
+        for (auto const& [key, node] : *table_)
+            visit(TomlText{std::string(key.str()), Agent::positionOf(key.source())},
+                  sectionOf(key.str(), node, &known));
+    }
     /// Nothing, and no report, where there is anything else.
     std::optional<TomlSection> tableAt(std::string_view key) const;
     bool has(std::string_view key) const { return table_->contains(key); }
@@ -75,6 +84,8 @@ class TomlSection {
   private:
     /// Throws std::logic_error for a key that the table does not list.
     Key const& described(std::string_view key) const;
+    std::optional<TomlSection> sectionOf(std::string_view key, toml::node const& node,
+                                         KeyTable const* known) const;
     std::string adviceFor(std::string_view key, std::string_view named) const;
     void doReportType(std::string_view key, toml::node const& found, char const* expected) const;
     template <class Value>

@@ -9,6 +9,7 @@ namespace {
 using IgmpHostProxy::GroupSource;
 using IgmpHostProxy::IntfConfig;
 using Sources = std::set<Lox::IpAddr>;
+using Groups = std::map<Lox::IpAddr, GroupConfiguration>;
 
 /// Calls `visit` for the members of `a` that `b` lacks.
 template <class Visit>
@@ -24,6 +25,7 @@ void forDifference(Sources const& a, Sources const& b, Visit visit) {
 bool doRemove(IntfConfig& record, Lox::IpAddr group, GroupConfiguration const& before,
               GroupConfiguration const* now) {
     static GroupConfiguration const nothing;
+    if (now && *now == before) return false;
     GroupConfiguration const& stays = now ? *now : nothing;
     auto const gone = GroupSource::GroupSourceIs(group);
     forDifference(before.include, stays.include, [&](auto s) { gone->includeSourceListIs(s); });
@@ -48,22 +50,16 @@ void doAdd(IntfConfig& record, Lox::IpAddr group, GroupConfiguration const& want
     for (auto const source : wanted.exclude) configured->excludeSourceListIs(source);
 }
 
-using Claim = std::pair<std::string, Lox::IpAddrWithFullMask>; // access list, if any, and groups
-
-/// The groups that an interface's part of a configuration keeps from the forwarding table: those
-/// configured, and those that the rules of its lists select.
-std::set<Claim> claims(Configuration const& configuration,
-                       InterfaceConfiguration const& interface) {
-    std::set<Claim> claims;
-    for (auto const& item : interface.groups)
-        claims.emplace("", Lox::IpAddrWithFullMask(item.first, ~std::uint32_t(0)));
-    for (std::string const& name : interface.accessLists) {
-        auto const list = configuration.accessLists.find(name);
-        if (list == configuration.accessLists.end()) continue;
-        for (auto const& [sequence, rule] : list->second.rules())
-            if (groupCount(rule) > 0) claims.emplace(name, rule.filter.destination);
+/// Calls `visit(group, wanted, other)` for each of these groups, with what is wanted of it among
+/// the others; null for nothing.
+template <class Visit>
+void forGroups(Groups const& groups, Groups const& others, Visit visit) {
+    auto other = others.begin();
+    for (auto const& [group, wanted] : groups) {
+        while (other != others.end() && other->first < group) ++other;
+        bool const found = other != others.end() && other->first == group;
+        visit(group, wanted, found ? &other->second : nullptr);
     }
-    return claims;
 }
 
 } // namespace
@@ -98,16 +94,25 @@ void ConfigurationWriter::doWrite() {
         }
     }
     lost |= accessLists_.applyLists(written_.accessLists);
-    for (auto const& [name, interface] : now) doWriteInterface(name, interface, lost);
+    for (auto const& [name, interface] : now) {
+        auto const was = before_.interfaces.find(name);
+        doWriteInterface(name, interface, was == before_.interfaces.end() ? nullptr : &was->second,
+                         lost);
+    }
 }
 
 void ConfigurationWriter::doWriteInterface(std::string const& name,
-                                           InterfaceConfiguration const& now, bool lost) {
+                                           InterfaceConfiguration const& now,
+                                           InterfaceConfiguration const* was, bool lost) {
+    static Groups const nothing;
     auto const record = state_.config->intfConfigIs(Lox::IntfId(name));
     record->igmpVersionIs(IgmpHostProxy::IgmpVersion(now.igmpVersion));
     record->unsolicitedReportIntvlIs(
         IgmpHostProxy::UnsolicitedReportInterval(now.unsolicitedReportInterval));
-    doAddGroups(now, *record);
+    forGroups(now.groups, was ? was->groups : nothing,
+              [&](auto group, auto const& wanted, auto const* there) {
+                  if (!there || *there != wanted) doAdd(*record, group, wanted);
+              });
     if (!hosts_.contains(name)) return;
     doAttachLists(now, *record);
     if (lost) doRenewWishes(now, *record);
@@ -116,7 +121,7 @@ void ConfigurationWriter::doWriteInterface(std::string const& name,
 void ConfigurationWriter::doAddInterface(std::string const& name,
                                          InterfaceConfiguration const& interface) {
     auto const added = written_.interfaces.emplace(name, interface).first;
-    doWriteInterface(name, added->second, false);
+    doWriteInterface(name, added->second, nullptr, false);
 }
 
 void ConfigurationWriter::doRemoveInterface(std::string const& name) {
@@ -126,12 +131,24 @@ void ConfigurationWriter::doRemoveInterface(std::string const& name) {
 
 std::vector<ConfigurationWriter::Released> ConfigurationWriter::released() const {
     std::vector<Released> released;
-    for (auto const& [name, interface] : before_.interfaces) {
+    for (auto const& item : before_.interfaces) {
+        std::string const& name = item.first;
+        InterfaceConfiguration const& was = item.second;
         auto const stays = written_.interfaces.find(name);
         if (stays == written_.interfaces.end()) continue;
-        std::set<Claim> const now = claims(written_, stays->second);
-        for (Claim const& claim : claims(before_, interface))
-            if (!now.contains(claim)) released.push_back({name, claim.second});
+        InterfaceConfiguration const& now = stays->second;
+        forGroups(was.groups, now.groups, [&](auto group, auto const&, auto const* kept) {
+            if (!kept) released.push_back({name, Lox::IpAddrWithFullMask(group, ~0u)});
+        });
+        for (std::string const& list : was.accessLists) {
+            AccessListConfiguration const* const before = before_.list(list);
+            AccessListConfiguration const* const after =
+                std::ranges::count(now.accessLists, list) > 0 ? written_.list(list) : nullptr;
+            if (!before) continue;
+            before->forRanges([&](Lox::IpAddrWithFullMask groups) {
+                if (!after || !after->selects(groups)) released.push_back({name, groups});
+            });
+        }
     }
     return released;
 }
@@ -155,16 +172,10 @@ void ConfigurationWriter::handleHost(std::string const& name, bool present) {
 bool ConfigurationWriter::doRemoveGroups(InterfaceConfiguration const& before,
                                          InterfaceConfiguration const& now, IntfConfig& record) {
     bool lost = false;
-    for (auto const& [group, wanted] : before.groups) {
-        auto const stays = now.groups.find(group);
-        lost |=
-            doRemove(record, group, wanted, stays == now.groups.end() ? nullptr : &stays->second);
-    }
+    forGroups(before.groups, now.groups, [&](auto group, auto const& wanted, auto const* stays) {
+        lost |= doRemove(record, group, wanted, stays);
+    });
     return lost;
-}
-
-void ConfigurationWriter::doAddGroups(InterfaceConfiguration const& now, IntfConfig& record) {
-    for (auto const& [group, wanted] : now.groups) doAdd(record, group, wanted);
 }
 
 bool ConfigurationWriter::doDetachLists(InterfaceConfiguration const& now, IntfConfig& record) {
@@ -206,8 +217,8 @@ void ConfigurationWriter::doRenewWishes(InterfaceConfiguration const& now, IntfC
 
 bool ConfigurationWriter::deniesRoutes(IntfConfig const& record) const {
     for (Nex::String const& name : record.aclList()) {
-        auto const list = written_.accessLists.find(name);
-        if (list != written_.accessLists.end() && list->second.deniesAll()) return true;
+        AccessListConfiguration const* const list = written_.list(name);
+        if (list && list->deniesAll()) return true;
     }
     return false;
 }

@@ -46,13 +46,14 @@ class ConfigurationWriter {
 
   private:
     void doWrite();
-    void doWriteInterface(std::string const& name, InterfaceConfiguration const& now, bool lost);
+    /// `was`: what its record holds of an earlier configuration; null for nothing.
+    void doWriteInterface(std::string const& name, InterfaceConfiguration const& now,
+                          InterfaceConfiguration const* was, bool lost);
     // Both return whether they did.
     static bool doRemoveGroups(InterfaceConfiguration const& before,
                                InterfaceConfiguration const& now,
                                IgmpHostProxy::IntfConfig& record);
     static bool doDetachLists(InterfaceConfiguration const& now, IgmpHostProxy::IntfConfig& record);
-    static void doAddGroups(InterfaceConfiguration const& now, IgmpHostProxy::IntfConfig& record);
     static void doAttachLists(InterfaceConfiguration const& now, IgmpHostProxy::IntfConfig& record);
     void doDetachList(std::string const& name);
     void doRenewWishes(InterfaceConfiguration const& now, IgmpHostProxy::IntfConfig& record);
