@@ -76,6 +76,9 @@ Daemon::Daemon(Options options, Configuration configuration,
     hosts_ = Nex::newObject<PortRegistry>(
         state_, loop_,
         [this](std::string const& name, std::string const& space) { return locate(name, space); },
+        [this](std::string const& name, Lox::IpAddr group, bool joined) {
+            return causeOf(name, group, joined);
+        },
         [this](std::string const& vrf) { return vrfs_->namespaceName(vrf); },
         [this](std::string const& name, bool present) { writer_.handleHost(name, present); });
     if (!hasCapability(CAP_NET_RAW)) obstacles_.report("the agent", noRawSockets, LogLevel::error);
@@ -179,6 +182,13 @@ IgmpHostPort::Location Daemon::locate(std::string const& name,
     }
     location.settled = ready_ && (!location.configuration || settled(name, wanted->second.vrf));
     return location;
+}
+
+/// Groups go while a configuration is put in force because of what the one before asked for.
+std::string Daemon::causeOf(std::string const& name, Lox::IpAddr group, bool joined) const {
+    if (joined) return originText(writer_.configuration(), name, group);
+    return hosts_->changes().begun() ? originText(writer_.before(), name, group)
+                                     : originNames.back();
 }
 
 /// Whether all routes have come through to the groups of the interface, once at least.

@@ -107,6 +107,7 @@ class Daemon : private Reloader::Target {
     void doDismantle();
     void doRebuild();
     void handleExhaustion();
+    std::string causeOf(std::string const& name, Lox::IpAddr group, bool joined) const;
     IgmpHostPort::Location locate(std::string const& name, std::string const& namespaceName) const;
 
     Options options_;

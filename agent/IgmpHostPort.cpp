@@ -66,13 +66,14 @@ std::pair<dev_t, ino_t> identityOf(int namespaceFd) {
 } // namespace
 
 IgmpHostPort::IgmpHostPort(EventLoop& loop, PortSchedule& schedule, GroupChanges& changes,
-                           std::string name, std::string namespaceName, Locate locate)
+                           std::string name, std::string namespaceName, Locate locate, Cause cause)
     : loop_(loop),
       changes_(changes),
       place_(schedule, *this),
       name_(std::move(name)),
       namespaceName_(std::move(namespaceName)),
       locate_(std::move(locate)),
+      cause_(std::move(cause)),
       engine_(*this, seededRandom()) {}
 
 IgmpHostPort::~IgmpHostPort() {
@@ -366,7 +367,7 @@ void IgmpHostPort::doApplyGroup(Lox::IpAddr group) {
     Igmp::IgmpV3GroupRecord const* const record = host() ? host()->v3group(group) : nullptr;
     bool const member = engine_.isMember(group);
     if (!record) {
-        if (member) left_.add(group);
+        if (member) doNoteNews(group, false);
         return engine_.removeGroup(group);
     }
     sources_.clear();
@@ -375,13 +376,19 @@ void IgmpHostPort::doApplyGroup(Lox::IpAddr group) {
             if (item.value != 0) sources_.push_back(item.key);
     bool const include = record->filterMode() == Lox::IgmpV3GroupRecordType::modeIsInclude;
     bool const wanted = !include || !sources_.empty();
-    if (wanted != member) (wanted ? joined_ : left_).add(group);
+    if (wanted != member) doNoteNews(group, wanted);
     engine_.setGroup(group, include ? FilterMode::include : FilterMode::exclude, sources_);
 }
 
-void IgmpHostPort::GroupNews::add(Lox::IpAddr group) {
-    if (++count > mostNames) return;
-    names += fmt::format("{}{}", names.empty() ? "" : " ", group.stringValue());
+/// Finds out the cause of those that are named only: there may be ten thousand others.
+void IgmpHostPort::doNoteNews(Lox::IpAddr group, bool joined) {
+    GroupNews& news = joined ? joined_ : left_;
+    if (++news.count > mostNames) return;
+    std::string cause = cause_(name_, group, joined);
+    if (!news.names.empty())
+        news.names += cause == news.cause ? " " : fmt::format(" ({}), ", news.cause);
+    news.names += group.stringValue();
+    news.cause = std::move(cause);
 }
 
 /// Some of them by name, and how many more there are. Many changes share a line.
@@ -391,7 +398,8 @@ void IgmpHostPort::doLogGroups(double now) {
     std::string text;
     for (auto const& [what, news] : {std::pair("joined", &joined_), std::pair("left", &left_)}) {
         if (news->count == 0) continue;
-        text += fmt::format("{}{} {}", text.empty() ? "" : "; ", what, news->names);
+        text +=
+            fmt::format("{}{} {} ({})", text.empty() ? "" : "; ", what, news->names, news->cause);
         if (news->count > mostNames) text += fmt::format(" and {} more", news->count - mostNames);
         *news = {};
     }

@@ -51,9 +51,14 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     /// Told the names of the interface and of its namespace, empty for the agent's own.
     using Locate = std::function<Location(std::string const& name, std::string const& space)>;
 
+    /// Tells shortly, for the log, on whose behalf a group of an interface has come or gone just
+    /// now.
+    using Cause =
+        std::function<std::string(std::string const& name, Lox::IpAddr group, bool joined)>;
+
     /// Without an entity. `loop`, `schedule`, and `changes`, which is told of groups, outlive this.
     IgmpHostPort(EventLoop& loop, PortSchedule& schedule, GroupChanges& changes, std::string name,
-                 std::string namespaceName, Locate locate);
+                 std::string namespaceName, Locate locate, Cause cause);
     ~IgmpHostPort() override;
 
     std::string const& name() const { return name_; }
@@ -128,6 +133,7 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     void doApplyGroups();
     void doApplyGroup(Lox::IpAddr group);
     void doTellFirst(Lox::IpAddr last);
+    void doNoteNews(Lox::IpAddr group, bool joined);
     void doLogGroups(double now);
     void doOpen(Location const& here, double now);
     void doClose(double now);
@@ -154,6 +160,7 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     std::string name_;
     std::string namespaceName_;
     Locate locate_;
+    Cause cause_;
     Nex::Ptr<Igmp::IgmpHostStatus> status_;
     HostEngine engine_;
     HostEngine::Settings settings_; ///< as the last entity had them
@@ -185,8 +192,8 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     /// Groups that came or went and were not written to the log yet.
     struct GroupNews {
         std::size_t count = 0;
-        std::string names; ///< the first of them
-        void add(Lox::IpAddr group);
+        std::string names; ///< the first of them; a cause stands behind those that have it
+        std::string cause; ///< of the last one of these
     };
     GroupNews joined_;
     GroupNews left_;

@@ -18,10 +18,12 @@ std::string vrfOf(IgmpHostProxy::PlatformState const& state, Lox::IntfId const& 
 } // namespace
 
 PortRegistry::PortRegistry(IgmpHostProxy::PlatformState& state, EventLoop& loop,
-                           IgmpHostPort::Locate locate, NamespaceOf namespaceOf, Observer observer)
+                           IgmpHostPort::Locate locate, IgmpHostPort::Cause cause,
+                           NamespaceOf namespaceOf, Observer observer)
     : state_(state),
       loop_(loop),
       locate_(std::move(locate)),
+      cause_(std::move(cause)),
       namespaceOf_(std::move(namespaceOf)),
       observer_(std::move(observer)) {
     Nex::watch(hostDir_, state_.hostDir, this);
@@ -81,7 +83,8 @@ Nex::Ptr<IgmpHostPort> PortRegistry::portFor(std::string const& name,
     }
     return Nex::newObject<IgmpHostPort>(
         loop_, schedule_, changes_, name, namespaceName,
-        [this](std::string const& intf, std::string const& space) { return locate(intf, space); });
+        [this](std::string const& intf, std::string const& space) { return locate(intf, space); },
+        cause_);
 }
 
 IgmpHostPort::Location PortRegistry::locate(std::string const& name,

@@ -33,7 +33,7 @@ class PortRegistry : public Nex::PtrInterface {
 
     /// `locate` knows of the namespaces of VRFs. `state` and `loop` outlive this.
     PortRegistry(IgmpHostProxy::PlatformState& state, EventLoop& loop, IgmpHostPort::Locate locate,
-                 NamespaceOf namespaceOf, Observer observer);
+                 IgmpHostPort::Cause cause, NamespaceOf namespaceOf, Observer observer);
     ~PortRegistry() override;
 
     /// What routers may hold from an earlier run, to be left unless it is wanted again. To be told
@@ -113,6 +113,7 @@ class PortRegistry : public Nex::PtrInterface {
     IgmpHostProxy::PlatformState& state_;
     EventLoop& loop_;
     IgmpHostPort::Locate locate_;
+    IgmpHostPort::Cause cause_;
     NamespaceOf namespaceOf_;
     Observer observer_;
     GroupChanges changes_;

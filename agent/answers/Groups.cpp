@@ -120,6 +120,20 @@ std::array<bool, originNames.size()> originsOf(AgentView const& view, std::strin
     return {own, listed, !own && !listed};
 }
 
+std::string originText(Configuration const& configuration, std::string const& interface,
+                       Lox::IpAddr group) {
+    auto const found = configuration.interfaces.find(interface);
+    if (found == configuration.interfaces.end()) return "route";
+    if (found->second.groups.contains(group)) return "configuration";
+    for (std::string const& name : found->second.accessLists) {
+        AccessListConfiguration const* const list = configuration.list(name);
+        auto const* rule = list ? list->ruleAbout(group) : nullptr;
+        while (rule && groupCount(rule->second) == 0) rule = list->ruleAbout(group, rule->first);
+        if (rule) return "list " + name;
+    }
+    return "route";
+}
+
 bool isRouteOnly(AgentView const& view, std::string const& interface, Lox::IpAddr group) {
     return originsOf(view, interface, group)[2];
 }

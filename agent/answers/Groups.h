@@ -38,6 +38,11 @@ inline constexpr std::array originNames{"configuration", "list", "route"};
 std::array<bool, originNames.size()> originsOf(AgentView const& view, std::string const& interface,
                                                Lox::IpAddr group);
 
+/// In whose name a configuration has a group there: "configuration", "list NAME", or, where neither
+/// asks for it, "route".
+std::string originText(Configuration const& configuration, std::string const& interface,
+                       Lox::IpAddr group);
+
 /// Whether the group is there for nothing but the forwarding table.
 bool isRouteOnly(AgentView const& view, std::string const& interface, Lox::IpAddr group);
 

@@ -83,7 +83,6 @@ class WishWalk {
                                     std::set<Lox::IpAddr> GroupConfiguration::*sources) {
         auto const found = configured.groups.find(group_);
         if (found == configured.groups.end()) return std::nullopt;
-        owner_ = "the configuration";
         source_ = nextOf(found->second.*sources, source_);
         if (!source_) return std::nullopt;
         Step step{json({{"kind", "configuration"}}), *source_};
@@ -97,12 +96,12 @@ class WishWalk {
         Configuration const& all = view_.writer.configuration();
         for (; list_ < configured.accessLists.size(); ++list_, sequence_.reset()) {
             std::string const& name = configured.accessLists[list_];
-            auto const list = all.accessLists.find(name);
-            if (list == all.accessLists.end()) {
+            AccessListConfiguration const* const list = all.list(name);
+            if (!list) {
                 ++list_;
                 return Step{{}, {}, true, fmt::format("there is no list {}", printable(name))};
             }
-            while (auto const* const found = list->second.ruleAbout(group_, sequence_)) {
+            while (auto const* const found = list->ruleAbout(group_, sequence_)) {
                 auto const& [sequence, rule] = *found;
                 sequence_ = sequence;
                 if (groupCount(rule) > 0) return stepOfRule(name, sequence, rule);
@@ -113,7 +112,6 @@ class WishWalk {
     }
 
     Step stepOfRule(std::string const& list, std::uint32_t sequence, AccessListRule const& rule) {
-        if (owner_.empty()) owner_ = "list " + printable(list);
         Step step{ruleJson(list, sequence, rule), {}};
         if (rule.filter.source.mask() != 0) step.source = rule.filter.source.address();
         step.wish["kind"] = "list";
@@ -130,8 +128,13 @@ class WishWalk {
         RouteTable const* const routes = view_.vrfs.routes(vrf);
         RouteEntry const* const route = routes ? routes->route({*source_, group_}) : nullptr;
         Step step{routeJson(vrf, route), *source_};
-        if (!owner_.empty())
-            step.obstacle = routeText(*source_, owner_ + " has the group");
+        // The forwarding table leaves alone what has another owner.
+        std::string const owner = originText(view_.writer.configuration(), interface_, group_);
+        if (owner != originNames.back())
+            step.obstacle =
+                routeText(*source_, fmt::format("{}{} has the group",
+                                                owner == originNames.front() ? "the " : "",
+                                                printable(owner)));
         else if (!denyAll_.empty())
             step.obstacle = routeText(*source_, denyAll_ + " denies everything");
         return step;
@@ -181,8 +184,7 @@ class WishWalk {
     std::optional<Lox::IpAddr> source_; ///< the last one of this stage
     std::size_t list_ = 0;
     std::optional<std::uint32_t> sequence_; ///< the last one of this list
-    std::string owner_;   ///< of the group, which the forwarding table therefore leaves alone
-    std::string denyAll_; ///< the rule
+    std::string denyAll_;                   ///< the rule
 };
 
 /// Adds elements while `next` does.

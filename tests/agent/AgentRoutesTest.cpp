@@ -196,6 +196,21 @@ TEST_F(AgentRoutesTest, DenyAllKeepsRoutesOutUntilTheLastOneGoes) {
 }
 
 // There is no VRF device in many kernels; as far as links go a bridge looks like one.
+TEST_F(AgentRoutesTest, EventsSayOnWhoseBehalfGroupsComeAndGo) {
+    near->addRoute("10.0.0.1", "239.3.3.3");
+    start(listsOnUp0("'iptv'", "'239.1.1.1' = {}\n") + rule("iptv", 1, "239.2.2.2/31"));
+    auto const tells = [&](std::string const& text) {
+        return waitUntil([&] { return ask("events").text.find(text) != std::string::npos; });
+    };
+    std::string const ofTheFile = "239.1.1.1 (configuration), 239.2.2.2 239.2.2.3 (list iptv)";
+    EXPECT_TRUE(tells("joined " + ofTheFile));
+    EXPECT_TRUE(tells("239.3.3.3 (route)"));
+    reload(listsOnUp0(""));
+    EXPECT_TRUE(tells("left " + ofTheFile)) << ask("events").text;
+    near->removeRoute("10.0.0.1", "239.3.3.3");
+    EXPECT_TRUE(tells("left 239.3.3.3 (route)")) << ask("events").text;
+}
+
 TEST_F(AgentRoutesTest, PortsOfAVrfDeviceAreItsInterfaces) {
     near->addRoute("10.0.0.1", "239.1.1.2"); // of another VRF's table
     start("[vrf.red]\ndevice = 'vrf-red'\n[interface.up0]\nvrf = 'red'\n"

@@ -22,7 +22,7 @@ class RecordsTest : public testing::Test {
         platform.root = platform.makeRoot();
         ports = Nex::newObject<PortRegistry>(
             platform, loop, [this](std::string const&, std::string const&) { return location; },
-            [](std::string const&) { return ""; },
+            [](auto const&...) { return "route"; }, [](std::string const&) { return ""; },
             [this](std::string const& name, bool present) {
                 told += (present ? "+" : "-") + name;
                 writer.handleHost(name, present);
