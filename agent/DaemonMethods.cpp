@@ -137,9 +137,10 @@ RpcMethods Daemon::methods() {
                            fmt::format("group {} found, expected an address", printable(wanted)));
         reply.result(whyAnswer(*view_, params.at("interface"), *group, options_.configurationFile));
     };
-    all["trace"].parameters = {{"last", count}};
+    all["trace"].parameters = {{"last", count}, {"all", truth}};
     all["trace"].call = [=](json const& params, RpcReply const& reply) {
-        reply.result(list("entries", traceAnswer(params.value("last", wholeRing))));
+        reply.result(list(
+            "entries", traceAnswer(params.value("last", wholeRing), params.value("all", false))));
     };
     all["events"].parameters = {{"after", count}, {"last", count}};
     all["events"].call = [=](json const& params, RpcReply const& reply) {

@@ -8,7 +8,8 @@
 
 namespace Agent {
 
-/// The last entries, `most` of them at most, the oldest in front.
-std::unique_ptr<JsonElements> traceAnswer(std::uint64_t most);
+/// The last entries, `most` of them at most, the oldest in front. Those that say the same one after
+/// the other are one, unless `all` are wanted.
+std::unique_ptr<JsonElements> traceAnswer(std::uint64_t most, bool all);
 
 } // namespace Agent

@@ -242,9 +242,13 @@ std::string whyText(json const& answer) {
 
 std::string traceText(json const& answer) {
     std::string text;
-    for (json const& entry : answer.at("entries"))
+    for (json const& entry : answer.at("entries")) {
         text += fmt::format("{} {} {}\n", preciseTimeText(entry.at("time")),
                             entry.at("level").dump(), entry.at("text").get<std::string>());
+        if (auto const times = entry.at("times").get<std::uint64_t>(); times > 1)
+            text += fmt::format("{} repeated {}\n", preciseTimeText(entry.at("until")),
+                                countText(times - 1, "time"));
+    }
     return text;
 }
 

@@ -194,6 +194,7 @@ int run(int argc, char** argv) {
     why.parameter<std::string>("group", "group", "The group")->required();
     Question trace(app, options, "trace", "What the machines have done lately", Ctl::traceText);
     trace.parameter<std::uint64_t>("--last", "last", "So many entries at most");
+    trace.flag("--all", "all", "Those that only repeat the one before, too");
     Question log(app, options, "log", "Which lines are written to the log", [](json const& answer) {
         return "log level " + answer.at("level").get<std::string>() + '\n';
     });

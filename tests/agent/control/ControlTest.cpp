@@ -1,10 +1,14 @@
 // The control socket without an agent behind it: what a client may send and how it may behave.
+#include "agent/answers/Trace.h"
 #include "agent/control/ControlServer.h"
 #include "agent/control/UnixSocket.h"
 #include "agent/loop/LoopFixture.h"
 #include "support/Folder.h"
 
+#include "Nex/Trace.h"
+
 #include <filesystem>
+#include <fmt/format.h>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -211,6 +215,28 @@ TEST_F(ControlTest, ADeadSocketIsReplacedAndALiveOneIsNot) {
     EXPECT_EQ(std::filesystem::file_size(path), 4u) << "of no socket";
     EXPECT_THROW(ControlServer(loop, std::string(200, 'x'), methods), std::system_error);
     EXPECT_THROW(ControlServer(loop, "/no/such/folder", methods), std::system_error);
+}
+
+Nex::TraceHandle traced("ControlTest");
+
+TEST(TraceAnswerTest, WhatIsSaidSeveralTimesInARowIsOneEntry) {
+    for (int const value : {1, 2, 2, 2, 1, 1}) NEX_TRACE(traced, 3, "value %", value);
+    auto const told = [](std::uint64_t most, bool all) {
+        JsonStream stream(std::make_unique<ListPart>("entries", traceAnswer(most, all)));
+        while (stream.next()) {
+        }
+        std::string text;
+        json const answer = json::parse(stream.take());
+        for (json const& each : answer.at("entries"))
+            text += fmt::format("{}*{} ", each.at("text").get<std::string>(),
+                                each.at("times").get<int>());
+        return text;
+    };
+    EXPECT_EQ(told(2, false), "value 2*3 value 1*2 ");
+    EXPECT_EQ(told(3, false), "value 1*1 value 2*3 value 1*2 ");
+    EXPECT_EQ(told(3, true), "value 2*1 value 1*1 value 1*1 ");
+    EXPECT_EQ(told(0, false), "");
+    EXPECT_TRUE(told(UINT64_MAX, false).ends_with(told(3, false)));
 }
 
 } // namespace
