@@ -195,6 +195,21 @@ TEST_F(ControlTest, OnlyRootAndTheAgentsUserChange) {
     }
 }
 
+TEST_F(ControlTest, AnotherUserIsKnownByTheConnection) {
+    ControlServer const server(loop, path, methods);
+    std::filesystem::permissions(std::filesystem::path(path).parent_path(),
+                                 std::filesystem::perms(0755));
+    std::filesystem::permissions(path, std::filesystem::perms(0666));
+    uid_t const own = geteuid();
+    if (seteuid(65534) != 0 || own == 65534) GTEST_SKIP() << "may not be another user";
+    FileDescriptor const nobody = connected();
+    ASSERT_EQ(seteuid(own), 0);
+    send(nobody, asked("echo") + asked("change"));
+    EXPECT_TRUE(brings(
+        nobody, "{\"jsonrpc\": \"2.0\",\"id\": 1,\"result\": {}}\n" +
+                    failed("1", -32001, "only root and the user of the agent may ask for that")));
+}
+
 TEST_F(ControlTest, ADeadSocketIsReplacedAndALiveOneIsNot) {
     {
         FileDescriptor const dead = unixSocket();
