@@ -71,7 +71,7 @@ json interfaceJson(AgentView const& view, std::string const& name,
              {"version", {{"configured", configured.igmpVersion}, {"spoken", nullptr}}},
              {"querier", nullptr},
              {"groups", 0},
-             {"configuredGroups", configured.groups.size()},
+             {"configuredGroups", view.writer.configuration().selectedGroups(configured)},
              {"why", printable(obstacle)}};
     if (Lox::IpAddr const address = view.vrfs.address(name); !address.isZero())
         row["address"] = address.stringValue();

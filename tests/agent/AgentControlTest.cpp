@@ -63,6 +63,7 @@ TEST_F(AgentControlTest, SaysWhatIsAnnouncedAndWhatIsNot) {
     ASSERT_EQ(interfaces.size(), 3u);
     EXPECT_EQ(interfaces[0].at("state"), "waiting");
     EXPECT_EQ(interfaces[0].at("why"), "does not exist");
+    EXPECT_EQ(interfaces[2].at("configuredGroups"), 2) << "of its list";
     EXPECT_EQ(interfaces[1].at("state"), "up");
     EXPECT_EQ(interfaces[1].at("groups"), 2);
     EXPECT_EQ(interfaces[1].at("version").at("spoken"), 3);
