@@ -158,7 +158,7 @@ void Daemon::doFollowTime() {
             state_.timerWheel->timeIs(now);
             hosts_->advance(now);
         });
-    loop_.atEndOfTurn([this] { doFollowPatterns(); });
+    loop_.atEndOfTurn([this] { followPatterns(); });
     // Two hooks: a port that fails keeps the agent neither from ending nor from saying what fails.
     loop_.atEndOfTurn([this] { hosts_->handleTurn(EventLoop::now()); });
     loop_.atEndOfTurn([this] { handleTurn(); });
@@ -258,7 +258,7 @@ void Daemon::handleExhaustion() {
 }
 
 /// One that fails on the way leaves the state half written.
-void Daemon::doFollowPatterns() {
+void Daemon::followPatterns() {
     if (ending_ || damaged_) return;
     try {
         patterns_.handleTurn(*vrfs_);

@@ -84,7 +84,6 @@ class Daemon : private Reloader::Target {
     nlohmann::json statusJson() const;
     void doSetLogLevel(std::string const& name, double seconds);
     void doFollowTime();
-    void doFollowPatterns();
     void handleTurn();
     void handleReload();
     void doReload(Reloader::Request request);
@@ -95,6 +94,7 @@ class Daemon : private Reloader::Target {
     // Reloader::Target
     Configuration const& before() const override { return writer_.before(); }
     void putInForce(Configuration configuration) override { doConfigure(std::move(configuration)); }
+    void followPatterns() override;
     bool settled() const override;
     bool leavesAll(Configuration const& configuration) const override;
     bool selectsHere(Configuration const& configuration) const;

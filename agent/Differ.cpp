@@ -45,6 +45,7 @@ void Differ::doRehearse(ConfigurationReading found) {
     if (!copy)
         return loop_.offload([held = std::make_shared<Configuration>(
                                   std::move(found.configuration))]() mutable { held.reset(); });
+    loop_.atEndOfTurn([this] { target_.followPatterns(); });
     loop_.atEndOfTurn([this] { hosts_.handleTurn(EventLoop::now()); });
     loop_.atEndOfTurn([this] { handleCopyTurn(); });
     hosts_.beginChanges();

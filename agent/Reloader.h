@@ -30,6 +30,9 @@ class Reloader {
         /// In force before the one that is.
         virtual Configuration const& before() const = 0;
         virtual void putInForce(Configuration configuration) = 0;
+        /// The end of a turn: takes in the interfaces that have come to match its patterns, and out
+        /// those that have gone.
+        virtual void followPatterns() = 0;
         /// Whether all that follows from it has come to the groups.
         virtual bool settled() const = 0;
         /// Whether groups are announced, and none of them would be kept.

@@ -168,7 +168,7 @@ std::string randomConfiguration(std::mt19937& random) {
         text += "[interface.up0]\nunsolicited-report-interval = 0.1\naccess-lists = [" +
                 std::string(oneOf(2) == 0 ? "\"iptv\"" : "") + "]\n[interface.up0.group]\n" +
                 groups;
-    return text + "[interface.eth9.group]\n\"239.9.9.9\" = {}\n" +
+    return text + "[vrf.none]\n[interface.eth9.group]\n\"239.9.9.9\" = {}\n" +
            rule("iptv", 1, oneOf(2) == 0 ? "239.1.1.0/31" : "239.1.1.4/30", "any");
 }
 
@@ -212,6 +212,11 @@ TEST_F(AgentControlTest, DiffSaysWhatAReloadThenDoes) {
         EXPECT_EQ(announced(), expected) << diff;
     }
     EXPECT_NE(ask("diff").text.find("no change, "), std::string::npos);
+    Netns::addPair(net->farName(), "up1", "aux0", "10.97.0.1/24");
+    folder.write("ihproxyd.toml", inVrf("red", groupsOn("'u*1'", "'239.5.5.5' = {}\n")) +
+                                      "[vrf.red]\nnamespace = '" + net->farName() + "'\n");
+    EXPECT_EQ(json("diff").at("joined"), 1) << "by a pattern, where nothing was followed before";
+    EXPECT_EQ(json("reload").at("changes").at("joined"), 1);
     folder.write("other", groupsOn("up0", "\"239.8.8.8\" = {}\n") + "[interface.up0]\n");
     EXPECT_EQ(ask("diff " + folder.file("other")).status, 1) << "a table twice";
 }
