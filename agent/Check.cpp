@@ -1,12 +1,12 @@
 #include "agent/Check.h"
 
-#include "agent/Obstacles.h"
 #include "agent/config/Configuration.h"
 #include "agent/kernel/KernelInterfaces.h"
 #include "agent/kernel/NamespaceWatch.h"
 #include "agent/loop/Printable.h"
 #include "agent/loop/ServiceManager.h"
 #include "agent/loop/SystemError.h"
+#include "agent/ports/Obstacles.h"
 
 #include <cerrno>
 #include <fmt/format.h>

@@ -1,11 +1,11 @@
 #include "agent/Daemon.h"
 
-#include "agent/answers/Changes.h"
 #include "agent/answers/Groups.h"
 #include "agent/answers/Metrics.h"
 #include "agent/control/UnixSocket.h"
 #include "agent/loop/Log.h"
 #include "agent/loop/ServiceManager.h"
+#include "agent/ports/ChangesAnswer.h"
 #include "agent/records/RecordPart.h"
 
 #include <algorithm>

@@ -3,12 +3,6 @@
 #pragma once
 
 #include "IgmpHostProxy/PlatformState.h"
-#include "agent/Differ.h"
-#include "agent/Obstacles.h"
-#include "agent/PatternInterfaces.h"
-#include "agent/PortRegistry.h"
-#include "agent/Reloader.h"
-#include "agent/VrfRegistry.h"
 #include "agent/answers/ConfigurationAnswer.h"
 #include "agent/answers/View.h"
 #include "agent/config/Configuration.h"
@@ -19,7 +13,13 @@
 #include "agent/loop/EventLoop.h"
 #include "agent/loop/HeapTrimmer.h"
 #include "agent/loop/ServiceStatus.h"
+#include "agent/ports/Obstacles.h"
+#include "agent/ports/PatternInterfaces.h"
+#include "agent/ports/PortRegistry.h"
+#include "agent/ports/VrfRegistry.h"
 #include "agent/records/ConfigurationWriter.h"
+#include "agent/reload/Differ.h"
+#include "agent/reload/Reloader.h"
 
 #include <memory>
 #include <optional>

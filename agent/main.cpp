@@ -1,13 +1,13 @@
 // ihproxyd: announces multicast groups on upstream interfaces, as an IGMP host.
 #include "agent/Check.h"
 #include "agent/Daemon.h"
-#include "agent/Reloader.h"
 #include "agent/config/Configuration.h"
 #include "agent/config/Keys.h"
 #include "agent/loop/FileDescriptor.h"
 #include "agent/loop/Log.h"
 #include "agent/loop/ServiceManager.h"
 #include "agent/loop/SystemError.h"
+#include "agent/reload/Reloader.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>

@@ -2,9 +2,9 @@
 // and patterns of interfaces as they were written, included files as if they were part of it.
 #pragma once
 
-#include "agent/ConfigurationLoader.h"
 #include "agent/control/ControlSession.h"
 #include "agent/records/JsonStream.h"
+#include "agent/reload/ConfigurationLoader.h"
 
 #include <functional>
 #include <memory>

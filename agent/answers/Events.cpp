@@ -3,6 +3,7 @@
 #include "agent/loop/Log.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 
 namespace Agent {
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <optional>
 
 namespace Agent {

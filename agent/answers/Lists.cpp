@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <bit>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 #include <vector>
 
 namespace Agent {

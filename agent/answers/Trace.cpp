@@ -6,6 +6,7 @@
 #include "Nex/System.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 
 namespace Agent {
 

@@ -3,13 +3,12 @@
 #pragma once
 
 #include "IgmpHostProxy/PlatformState.h"
-#include "agent/PortRegistry.h"
-#include "agent/VrfRegistry.h"
+#include "agent/ports/PortRegistry.h"
+#include "agent/ports/VrfRegistry.h"
 #include "agent/records/ConfigurationWriter.h"
 #include "agent/records/JsonStream.h"
 
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <utility>

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <vector>

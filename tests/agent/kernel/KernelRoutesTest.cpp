@@ -1,9 +1,9 @@
 #include "agent/kernel/KernelRoutes.h"
 
-#include "agent/VrfRegistry.h"
 #include "agent/kernel/MulticastRouter.h"
 #include "agent/kernel/NetworkNamespace.h"
 #include "agent/loop/LoopFixture.h"
+#include "agent/ports/VrfRegistry.h"
 #include "netns/Netns.h"
 #include "support/Descriptors.h"
 

@@ -1,6 +1,6 @@
 // From the operator's configuration to the host entities and their ports, without a kernel.
 #include "agent/ConfigurationText.h"
-#include "agent/PortRegistry.h"
+#include "agent/ports/PortRegistry.h"
 #include "agent/records/Announced.h"
 #include "agent/records/ConfigurationWriter.h"
 #include "support/InProcessPlatform.h"

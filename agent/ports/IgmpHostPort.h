@@ -11,12 +11,12 @@
 // tell everything once more, and one for what is written to the log of groups that came and went.
 #pragma once
 
-#include "agent/GroupChanges.h"
-#include "agent/PortSchedule.h"
 #include "agent/config/Configuration.h"
 #include "agent/igmp/HostEngine.h"
 #include "agent/kernel/PacketSocket.h"
 #include "agent/loop/EventLoop.h"
+#include "agent/ports/GroupChanges.h"
+#include "agent/ports/PortSchedule.h"
 #include "agent/records/InterfaceWriter.h"
 
 #include "Igmp/IgmpHost.h"

@@ -3,7 +3,7 @@
 // One alarm: every few seconds it has all VRFs try again what the kernel has refused them.
 #pragma once
 
-#include "agent/Vrf.h"
+#include "agent/ports/Vrf.h"
 
 #include <map>
 #include <memory>

@@ -1,4 +1,4 @@
-#include "agent/ConfigurationLoader.h"
+#include "agent/reload/ConfigurationLoader.h"
 
 #include <utility>
 

@@ -1,4 +1,4 @@
-#include "agent/IgmpHostPort.h"
+#include "agent/ports/IgmpHostPort.h"
 
 #include "agent/loop/Log.h"
 #include "agent/records/StatusJson.h"

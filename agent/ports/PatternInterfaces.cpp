@@ -1,4 +1,4 @@
-#include "agent/PatternInterfaces.h"
+#include "agent/ports/PatternInterfaces.h"
 
 #include <iterator>
 #include <new>

@@ -1,4 +1,4 @@
-#include "agent/Reloader.h"
+#include "agent/reload/Reloader.h"
 
 #include "agent/loop/Log.h"
 #include "agent/loop/ServiceManager.h"

@@ -1,4 +1,4 @@
-#include "agent/VrfRegistry.h"
+#include "agent/ports/VrfRegistry.h"
 
 #include <algorithm>
 #include <set>

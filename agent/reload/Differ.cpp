@@ -1,6 +1,6 @@
-#include "agent/Differ.h"
+#include "agent/reload/Differ.h"
 
-#include "agent/answers/Changes.h"
+#include "agent/ports/ChangesAnswer.h"
 
 #include <fmt/format.h>
 #include <memory>

@@ -1,4 +1,4 @@
-#include "agent/PortRegistry.h"
+#include "agent/ports/PortRegistry.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>

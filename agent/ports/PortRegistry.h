@@ -7,9 +7,9 @@
 // it.
 #pragma once
 
-#include "agent/IgmpHostPort.h"
 #include "agent/files/StateKeeper.h"
 #include "agent/kernel/LeftNamespace.h"
+#include "agent/ports/IgmpHostPort.h"
 #include "agent/records/JsonStream.h"
 
 #include "Nex/Error.h"

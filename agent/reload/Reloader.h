@@ -6,9 +6,9 @@
 // One alarm: it returns to the configuration before.
 #pragma once
 
-#include "agent/ConfigurationLoader.h"
 #include "agent/control/ControlSession.h"
 #include "agent/loop/Alarm.h"
+#include "agent/reload/ConfigurationLoader.h"
 
 #include <cstdint>
 #include <memory>

@@ -2,7 +2,7 @@
 // beside those that the configuration names themselves.
 #pragma once
 
-#include "agent/VrfRegistry.h"
+#include "agent/ports/VrfRegistry.h"
 #include "agent/records/ConfigurationWriter.h"
 
 #include <set>

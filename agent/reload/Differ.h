@@ -3,10 +3,10 @@
 // out differently are told.
 #pragma once
 
-#include "agent/ConfigurationLoader.h"
-#include "agent/PortRegistry.h"
-#include "agent/Rehearsal.h"
-#include "agent/Reloader.h"
+#include "agent/ports/PortRegistry.h"
+#include "agent/reload/ConfigurationLoader.h"
+#include "agent/reload/Rehearsal.h"
+#include "agent/reload/Reloader.h"
 
 #include <nlohmann/json.hpp>
 #include <optional>

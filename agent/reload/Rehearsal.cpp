@@ -1,4 +1,4 @@
-#include "agent/Rehearsal.h"
+#include "agent/reload/Rehearsal.h"
 
 #include "agent/kernel/PacketSocket.h"
 #include "agent/loop/SystemError.h"

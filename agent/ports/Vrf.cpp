@@ -1,4 +1,4 @@
-#include "agent/Vrf.h"
+#include "agent/ports/Vrf.h"
 
 #include "agent/loop/Log.h"
 

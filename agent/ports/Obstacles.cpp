@@ -1,4 +1,4 @@
-#include "agent/Obstacles.h"
+#include "agent/ports/Obstacles.h"
 
 #include "agent/loop/Printable.h"
 

@@ -1,4 +1,4 @@
-#include "agent/answers/Changes.h"
+#include "agent/ports/ChangesAnswer.h"
 
 #include "agent/loop/SystemError.h"
 #include "agent/records/JsonStream.h"

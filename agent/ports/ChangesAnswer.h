@@ -1,8 +1,8 @@
 // What a configuration has changed for the groups that are announced.
 #pragma once
 
-#include "agent/PortRegistry.h"
 #include "agent/loop/FileDescriptor.h"
+#include "agent/ports/PortRegistry.h"
 
 #include <cstddef>
 #include <memory>

@@ -3,10 +3,10 @@
 // namespace and always there.
 #pragma once
 
-#include "agent/Obstacles.h"
 #include "agent/config/Configuration.h"
 #include "agent/kernel/KernelRoutes.h"
 #include "agent/kernel/NamespaceWatch.h"
+#include "agent/ports/Obstacles.h"
 #include "agent/records/InterfaceWriter.h"
 #include "agent/records/RouteWriter.h"
 
