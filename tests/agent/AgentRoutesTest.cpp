@@ -11,7 +11,6 @@ namespace Testing {
 namespace {
 
 using Agent::ip;
-using namespace std::string_literals;
 
 /// The router of a near namespace: traffic comes in by the upstream interface and goes out by out0.
 class RoutedNetns {
@@ -123,75 +122,22 @@ TEST_F(AgentRoutesTest, OnlyRoutesThatTheFileAsksForAreAnnounced) {
     EXPECT_TRUE(learned({}));
 }
 
-TEST_F(AgentRoutesTest, GroupThatTheOperatorReleasesComesBackFromTheTable) {
-    for (char const* group : {"239.1.1.1", "239.1.1.2", "239.1.1.3"})
-        near->addRoute("10.0.0.1", group);
-    std::string const include = " = { include = ['10.0.0.9'] }\n";
-    std::string const range = rule("iptv", 10, "239.1.1.2/31", "10.0.0.8");
-    struct {
-        char const* what;
-        std::string file;
-        Lines sources; // of each of the groups
-    } const steps[] = {
-        {"one group by the file, one by a rule, one by both",
-         listsOnUp0("'iptv'", "'239.1.1.1'" + include + "'239.1.1.2'" + include) + range,
-         {"9", "8,10.0.0.9", "8"}},
-        {"the groups of the file go", listsOnUp0("'iptv'") + range, {"1", "8", "8"}},
-        {"so does the list", listsOnUp0(""), {"1", "1", "1"}},
-        {"and comes back", listsOnUp0("'iptv'") + range, {"1", "8", "8"}},
-        {"its rule goes", listsOnUp0("'iptv'"), {"1", "1", "1"}},
-    };
-    auto const expect = [&](char const* what, Lines const& sources) {
-        Lines table;
-        for (std::size_t i = 0; i < sources.size(); ++i)
-            table.push_back("down0 239.1.1." + std::to_string(i + 1) + " include 10.0.0." +
-                            sources[i]);
-        EXPECT_TRUE(learned(table)) << what;
-    };
-    start(listsOnUp0(""));
-    expect("routes from before the start", {"1", "1", "1"});
-    for (auto const& step : steps) {
-        reload(step.file);
-        expect(step.what, step.sources);
-    }
-}
-
-TEST_F(AgentRoutesTest, DenyAllKeepsRoutesOutUntilTheLastOneGoes) {
+TEST_F(AgentRoutesTest, RoutesGiveWayToTheOperatorAndComeBack) {
     near->addRoute("10.0.0.1", "239.1.1.1");
-    std::string const configured = "down0 239.1.1.9 exclude";
-    auto const text = [](std::string const& lists, std::string const& denying) {
-        std::string file = listsOnUp0(lists, "'239.1.1.9' = {}\n");
-        for (char const list : denying) file += rule({list}, 1, "any", "any", "deny");
-        return file;
-    };
-    struct {
-        std::string lists, denying;
-        bool denied;
-    } const steps[] = {{"'a', 'b'", "ab", true},
-                       {"'a', 'b'", "a", true},
-                       {"'b'", "ab", true},
-                       {"'a', 'b'", "", false},
-                       {"", "b", false}};
-    start(text("'a'", ""));
-    ASSERT_TRUE(learned({"down0 239.1.1.1 include 10.0.0.1", configured}));
-    ASSERT_TRUE(wire->hears(twice({"ALLOW 239.1.1.1 10.0.0.1"})));
-    bool denied = false;
-    for (auto const& step : steps) {
-        wire->forget();
-        reload(text(step.lists, step.denying));
-        if (step.denied != std::exchange(denied, step.denied)) {
-            EXPECT_TRUE(
-                wire->hears(twice({(denied ? "BLOCK" : "ALLOW") + " 239.1.1.1 10.0.0.1"s})));
-        }
-        if (!denied) {
-            EXPECT_TRUE(learned({"down0 239.1.1.1 include 10.0.0.1", configured}));
-            continue;
-        }
-        EXPECT_TRUE(learned({configured}));
-        near->removeRoute("10.0.0.1", "239.1.1.1");
-        near->addRoute("10.0.0.1", "239.1.1.1");
-        wire->forget();
-        EXPECT_TRUE(wire->hearsOnly({})) << step.lists << " with " << step.denying;
+    Lines const route{"include 10.0.0.1"};
+    std::pair<std::string, Lines> const steps[] = {
+        {listsOnUp0(""), route},
+        {listsOnUp0("", "'239.1.1.1' = { include = ['10.0.0.9'] }\n"), {"include 10.0.0.9"}},
+        {listsOnUp0(""), route},
+        {listsOnUp0("'iptv'") + rule("iptv", 1, "239.1.1.1"), {"include 10.1.1.1"}},
+        {listsOnUp0("'iptv'") + rule("iptv", 1, "any", "any", "deny"), {}},
+        {listsOnUp0("'iptv'"), route}};
+    start("");
+    for (auto const& [text, wanted] : steps) {
+        reload(text);
+        Lines table;
+        for (std::string const& each : wanted) table.push_back("down0 239.1.1.1 " + each);
+        EXPECT_TRUE(learned(table)) << text;
     }
 }
 

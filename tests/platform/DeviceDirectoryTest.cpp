@@ -3,7 +3,7 @@
 #include "TestRecords.h"
 
 #include <gtest/gtest.h>
-#include <rapidcheck/gtest.h>
+#include <random>
 
 namespace Interface {
 namespace {
@@ -176,49 +176,48 @@ TEST_F(DeviceDirectory, ManagerThatGoesOrMakesWayFillsNoMore) {
 
 // An interface is in one directory at a time, whichever way it moves, and an error of whoever is
 // told of one interface keeps no other from being listed.
-RC_GTEST_PROP(DeviceDirectoryModel, FollowsItsInputsThroughEveryHistory, ()) {
-    Inputs in;
-    Nex::Ptr<Namespace> const two = Nex::newObject<Namespace>("ns2");
-    in.one->other = two.get();
-    two->other = in.one.get();
-    Nex::Set<Namespace*> started;
-    auto const someNamespace = [&] { return *rc::gen::element(in.one.get(), two.get()); };
-    auto const intf = [] { return Nex::String(1, *rc::gen::element('a', 'b', 'c')); };
-    // Two device names of each interface's own, so that no two want one device.
-    auto const device = [&](Nex::String const& owner) {
-        return owner + *rc::gen::element('0', '1');
-    };
-    auto const step = [&] {
-        Nex::String const name = intf();
-        Namespace* const place = someNamespace();
-        switch (*rc::gen::inRange(0, 8)) {
-        case 0:
-            return in.operUp(name, *rc::gen::element(false, true));
-        case 1:
-            return in.all->intfStatusDel(Lox::IntfId(name));
-        case 2:
-            return in.allLocal->intfStatusLocalDel(Lox::IntfId(name));
-        case 3:
-            return in.local(name, device(name), *rc::gen::element("ns1", "ns2", "ns3"));
-        case 4:
-            if (started.findOrInsert(place).second) in.start(*place);
-            return;
-        default:
-            place->kernel(*rc::gen::inRange(1u, 6u),
-                          *rc::gen::element(true, true, false) ? device(name) : "");
+TEST(DeviceDirectoryModel, FollowsItsInputsThroughEveryHistory) {
+    for (unsigned seed = 0; seed < 100 && !testing::Test::HasFailure(); ++seed) {
+        SCOPED_TRACE(seed);
+        std::mt19937 random(seed);
+        auto const draw = [&](unsigned count) { return unsigned(random()) % count; };
+        Inputs in;
+        Nex::Ptr<Namespace> const two = Nex::newObject<Namespace>("ns2");
+        in.one->other = two.get();
+        two->other = in.one.get();
+        Nex::Set<Namespace*> started;
+        bool const throws = draw(2) == 0;
+        if (throws) in.one->act = [] { throw Nex::RangeException("as told"); };
+        auto const step = [&] {
+            Nex::String const name(1, char('a' + draw(3)));
+            // Two device names of each interface's own, so that no two want one device.
+            Nex::String const device = name + char('0' + draw(2));
+            Namespace* const place = draw(2) == 0 ? in.one.get() : two.get();
+            switch (draw(8)) {
+            case 0:
+                return in.operUp(name, draw(2) == 0);
+            case 1:
+                return in.all->intfStatusDel(Lox::IntfId(name));
+            case 2:
+                return in.allLocal->intfStatusLocalDel(Lox::IntfId(name));
+            case 3:
+                return in.local(name, device, "ns" + Nex::textOf(1 + draw(3)));
+            case 4:
+                if (started.findOrInsert(place).second) in.start(*place);
+                return;
+            default:
+                place->kernel(1 + draw(5), draw(3) > 0 ? device : "");
+            }
+        };
+        for (unsigned steps = 100; steps > 0 && !testing::Test::HasFailure(); --steps) {
+            try {
+                step();
+            } catch (Nex::RangeException const&) {
+                EXPECT_TRUE(throws);
+            }
+            for (Namespace* const each : started.walk())
+                EXPECT_EQ(in.listed(*each), in.demanded(*each));
         }
-    };
-    int const steps = *rc::gen::inRange(0, 100);
-    bool const throws = *rc::gen::element(false, true);
-    if (throws) in.one->act = [] { throw Nex::RangeException("as told"); };
-    for (int i = 0; i < steps; ++i) {
-        try {
-            step();
-        } catch (Nex::RangeException const&) {
-            RC_ASSERT(throws);
-        }
-        for (Namespace* const each : started.walk())
-            RC_ASSERT(in.listed(*each) == in.demanded(*each));
     }
 }
 

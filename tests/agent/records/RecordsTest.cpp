@@ -75,6 +75,7 @@ TEST_F(RecordsTest, GroupGoesFromEachMixOfWishesToEachOther) {
         char const* what;
         std::string groups, rules;
         Lines announced; // besides the group of another list, which stays
+        char const* lists = "'iptv', 'other'";
     } const mixes[] = {
         {"nothing", "", "", {}},
         {"any by rule", "", iptv(10, here, "any"), {"1 exclude"}},
@@ -104,14 +105,20 @@ TEST_F(RecordsTest, GroupGoesFromEachMixOfWishesToEachOther) {
          iptv(10, here) + iptv(20, "239.1.1.0/30", "any") +
              rule("iptv", 30, "239.1.1.0", "10.0.0.1", "deny"),
          {"0 exclude 10.0.0.1", "1 include 10.1.1.1", "2 exclude", "3 exclude"}},
+        {"the list detached", "", iptv(10, here), {}, "'other'"},
+        {"a list that is not there", any, "", {"1 exclude"}, "'iptv', 'nowhere', 'other'"},
     };
-    auto const becomes = [&](auto const& from, auto const& to) {
-        configure("[interface.up0]\naccess-lists = ['iptv', 'other']\n[interface.up0.group]\n" +
-                  to.groups + to.rules + rule("other", 10, "239.1.1.9"));
+    auto const expect = [&](auto const& from, auto const& to) {
         Lines expected;
         for (std::string const& each : to.announced) expected.push_back("up0 v3 239.1.1." + each);
         expected.push_back("up0 v3 239.1.1.9 include 10.1.1.1");
         EXPECT_EQ(announced(platform), expected) << from.what << " -> " << to.what;
+    };
+    auto const becomes = [&](auto const& from, auto const& to) {
+        configure(std::string("[interface.up0]\naccess-lists = [") + to.lists +
+                  "]\n[interface.up0.group]\n" + to.groups + to.rules +
+                  rule("other", 10, "239.1.1.9"));
+        expect(from, to);
     };
     for (auto const* one = mixes; one != std::end(mixes); ++one) {
         becomes(mixes[0], *one);
@@ -119,51 +126,12 @@ TEST_F(RecordsTest, GroupGoesFromEachMixOfWishesToEachOther) {
             becomes(*one, *another);
             becomes(*another, *one);
         }
+        platform.delistIntf("up0");
+        EXPECT_EQ(announced(platform), Lines());
+        platform.listIntf("up0"); // the rules of its lists count once all the same
+        expect(*one, *one);
         becomes(*one, mixes[0]);
     }
-}
-
-TEST_F(RecordsTest, ListIsSharedDetachedAndAttachedAgain) {
-    platform.usableIntf("up1", 3);
-    std::string const iptv = rule("iptv", 10, "239.1.1.0/31"), tv = rule("tv", 10, "239.1.1.0/31");
-    auto const file = [](std::string const& up0, std::string const& up1) {
-        return "[interface.up0]\naccess-lists = [" + up0 + "]\n[interface.up1]\naccess-lists = [" +
-               up1 + "]\n";
-    };
-    auto const expect = [this](char const* what, bool up0, bool up1) {
-        Lines expected;
-        for (auto const& [name, attached] : {std::pair("up0", up0), std::pair("up1", up1)})
-            for (char const* const group : {"0", "1"})
-                if (attached)
-                    expected.push_back(name + std::string(" v3 239.1.1.") + group +
-                                       " include 10.1.1.1");
-        EXPECT_EQ(announced(platform), expected) << what;
-    };
-    std::string const both = file("'iptv'", "'iptv'") + iptv, first = file("'iptv'", "") + iptv;
-    struct {
-        char const* what;
-        std::string text;
-        bool up0, up1;
-    } const steps[] = {
-        {"attached to both", both, true, true},
-        {"detached from the other", first, true, false},
-        {"and attached there again", both, true, true},
-        {"a name that no list has", file("'iptv', 'tv'", "'tv'") + iptv, true, false},
-        {"the list of that name comes", file("'iptv', 'tv'", "'tv'") + iptv + tv, true, true},
-        {"another list takes over", file("'tv'", "'tv'") + tv, true, true},
-        {"the list goes while it is attached", file("'tv'", "'tv'"), false, false},
-        {"and comes back", both, true, true},
-    };
-    for (auto const& step : steps) {
-        configure(step.text);
-        expect(step.what, step.up0, step.up1);
-    }
-    platform.delistIntf("up0");
-    expect("gone", false, true);
-    platform.listIntf("up0");
-    expect("and back", true, true);
-    configure(file("", "'iptv'") + iptv);
-    expect("the rules of a list count once, however the interface came to it", false, true);
 }
 
 TEST_F(RecordsTest, RuleKeepsItsIdWhereverItGoesAndOverlapsAreTold) {
