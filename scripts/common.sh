@@ -12,7 +12,7 @@ runPackages=(
 # To build everything, and to check it.
 checkPackages=(
     "${runPackages[@]}"
-    libgtest-dev librapidcheck-dev
+    libgtest-dev
     clang clang-format clang-tidy git libclang-rt-dev lld python3-jsonschema python3-prometheus-client shellcheck smcroute
 )
 

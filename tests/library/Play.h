@@ -300,7 +300,6 @@ class Play : public World {
                 {"detach", [&](W a) { configOf("")->aclListDel(a[1]); }},
                 {"list", [&](W a) { rulesOf(a[1]); }},
                 {"no-list", [&](W a) { aclConfig->aclDel(a[1]); }},
-                {"decide-list", [&](W a) { machine().handleAclConfig(a[1]); }},
                 {"rule", [&](W a) { doRule(a), doSequence(a[1], a[2], a[2]); }},
                 {"no-rule", [&](W a) { rulesOf(a[1])->ruleBySequenceDel(number(a[2])); }},
                 {"text", [&](W a) { doRule(a); }},
