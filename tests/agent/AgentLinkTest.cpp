@@ -135,35 +135,26 @@ TEST_F(AgentTest, AfterADisorderOfEventsAllIsAsTheFileSays) {
         net->nearIp("link set up0 up");
         net->nearIp("addr replace 10.99.0.2/24 dev up0");
     };
+    auto const rewrite = [&](std::string const& text) {
+        folder.write("ihproxyd.toml", text);
+        agent->signal(SIGHUP);
+    };
+    std::function<void()> const events[] = {[&] {
+                                                net->unplugUpstream();
+                                                net->plugInUpstream();
+                                            },
+                                            [&] { net->setCarrier(false); },
+                                            [&] { net->nearIp("addr flush dev up0"); },
+                                            [&] { net->nearIp("link set up0 down"); },
+                                            [&] { rewrite(groupsOn("up0", "'239.1.1.7' = {}\n")); },
+                                            [&] { rewrite(""); },
+                                            heal,
+                                            heal,
+                                            heal};
     std::mt19937 random(7);
-    for (int i = 0; i < 40; ++i) {
-        switch (random() % 6) {
-        case 0:
-            net->unplugUpstream();
-            net->plugInUpstream();
-            break;
-        case 1:
-            net->setCarrier(false);
-            break;
-        case 2:
-            net->nearIp("addr flush dev up0");
-            break;
-        case 3:
-            folder.write("ihproxyd.toml", groupsOn("up0", "'239.1.1.7' = {}\n"));
-            agent->signal(SIGHUP);
-            break;
-        case 4:
-            folder.write("ihproxyd.toml", "");
-            agent->signal(SIGHUP);
-            break;
-        default:
-            net->nearIp("link set up0 down");
-        }
-        if (random() % 2 == 0) heal();
-    }
+    for (int i = 0; i < 60; ++i) events[random() % std::size(events)]();
     heal();
-    folder.write("ihproxyd.toml", oneGroup);
-    agent->signal(SIGHUP);
+    rewrite(oneGroup);
     EXPECT_TRUE(learned(learnedOnce));
     EXPECT_TRUE(opens(descriptors));
     net->unplugUpstream();

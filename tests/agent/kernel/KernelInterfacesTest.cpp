@@ -3,35 +3,32 @@
 #include "agent/kernel/NetworkNamespace.h"
 #include "netns/Netns.h"
 
+#include <algorithm>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <linux/rtnetlink.h>
+#include <map>
 #include <set>
 #include <sys/socket.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace Agent {
 namespace {
 
-using Lines = std::vector<std::string>;
-
-/// One line for an interface; addresses sorted, for the kernel moves some about
-/// without a word; the primary one comes first.
-Lines linesOf(KernelInterfaces const& kernel) {
-    Lines lines;
+/// What is known, with the addresses sorted behind the primary one: the kernel moves some about
+/// without a word.
+auto sortedOf(KernelInterfaces const& kernel) {
+    std::map<int, std::pair<Lox::IpAddr, KernelInterface>> all;
     for (auto const& [ifindex, interface] : kernel.interfaces()) {
-        std::set<std::string> addresses;
-        for (KernelAddress const& each : interface.addresses)
-            addresses.insert(each.local.stringValue() + "/" + std::to_string(each.prefixLength) +
-                             (each.secondary ? " secondary" : ""));
-        std::string line = std::to_string(ifindex) + " " + interface.name + " mtu " +
-                           std::to_string(interface.mtu) + (interface.up ? " up " : " down ") +
-                           interface.mac.stringValue() + " " +
-                           interface.primaryAddress().stringValue() + ":";
-        for (std::string const& each : addresses) line += " " + each;
-        lines.push_back(line);
+        auto& [primary, sorted] = all[ifindex];
+        primary = interface.primaryAddress();
+        sorted = interface;
+        std::ranges::sort(sorted.addresses, {}, [](KernelAddress const& each) {
+            return std::tuple(each.local, each.prefixLength);
+        });
     }
-    return lines;
+    return all;
 }
 
 class KernelInterfacesTest : public testing::Test {
@@ -58,17 +55,14 @@ class KernelInterfacesTest : public testing::Test {
 
     /// Waits until the table shows what a newcomer reads of the kernel.
     void expectFresh() {
-        Lines kernel;
-        follows([&] {
+        EXPECT_TRUE(follows([&] {
             KernelInterfaces newcomer([](int) {}, space.get());
             Testing::waitUntil([&] {
                 newcomer.receive();
                 return newcomer.synchronized();
             });
-            kernel = linesOf(newcomer);
-            return linesOf(*followed) == kernel;
-        });
-        EXPECT_EQ(linesOf(*followed), kernel);
+            return sortedOf(*followed) == sortedOf(newcomer);
+        }));
     }
 
     /// Runs `ip` once for many command lines.

@@ -161,34 +161,29 @@ TEST_F(RouteTableTest, ReadingDropsWhatNeitherADumpNorAnAnswerHasTold) {
     EXPECT_EQ(table.routeCount(), 3u);
 }
 
-TEST_F(RouteTableTest, DumpIsReadAgainWhereItHasSkippedWhatNobodyKnows) {
+TEST_F(RouteTableTest, DumpThatMaySkipSomethingIsReadAgainOnce) {
     auto const route = [](unsigned i) {
         return KernelRoute{IpAddr::fromHost(i), plain.group, 7, {8}};
     };
-    for (unsigned i = 1; i <= 4; ++i) notify(route(i));
+    for (unsigned const i : {1u, 2u, 3u}) notify(route(i));
     doBeginReading();
     dump(route(1));
-    dump(route(2));
     notify(route(1), RTM_DELROUTE);
-    notify(route(2), RTM_DELROUTE, RTNH_F_UNRESOLVED); // these stand behind all others
-    notify(route(9), RTM_DELROUTE);                    // never told, so that nothing is skipped
-    dump(route(4));
-    EXPECT_EQ(table.questionTake(5).names.size(), 1u);
     dump(route(3));
+    EXPECT_EQ(table.questionTake(5).names.size(), 1u);
+    dump(route(2));
     EXPECT_TRUE(nothingToAsk()) << "that one was skipped";
     table.endReading(true);
 
     doBeginReading();
-    notify(route(3), RTM_DELROUTE);
-    dump(route(3)); // of before its deletion
-    dump(route(4));
+    notify(route(2), RTM_DELROUTE);
+    dump(route(2)); // of before its deletion
+    dump(route(3));
     EXPECT_TRUE(table.questionTake(5).all) << "another route than those that are known";
+    dump(route(3));
     dump(route(4));
-    dump(route(5));
-    notify(route(5), RTM_DELROUTE);
+    notify(route(4), RTM_DELROUTE);
     EXPECT_TRUE(nothingToAsk()) << "or it would never end";
-    table.endReading(true);
-    EXPECT_EQ(table.routeCount(), 1u);
 }
 
 TEST_F(RouteTableTest, MalformedMessagesChangeNothing) {
@@ -239,7 +234,7 @@ class RouteModel : public Routes {
     void doBeginReading() {
         Routes::doBeginReading();
         place_ = 0;
-        whole_ = true;
+        whole_ = calm_ = true;
     }
     void doFinishReading() {
         while (table.reading()) doDumpPiece(1);
@@ -292,8 +287,14 @@ class RouteModel : public Routes {
         if (!whole_) return table.endReading(false);
         for (;;) {
             auto const question = table.questionTake(1 + pick(3));
-            if (question.all) return;
-            if (question.names.empty()) return table.endReading(true);
+            if (question.all) { // for the last time, so that it had better skip nothing
+                calm_ = pick(2) == 0;
+                return calm_ ? doDumpPiece(unsigned(kernel_.size())) : void();
+            }
+            if (question.names.empty()) {
+                table.endReading(true);
+                return calm_ ? expectNaive() : void();
+            }
             for (RouteName const& name : question.names)
                 for (auto const& each : kernel_)
                     if (each.source == name.source && each.group == name.group) dump(each);
@@ -305,10 +306,11 @@ class RouteModel : public Routes {
     RouteFilter filter_{true, false, {7}};
     std::size_t place_ = 0;
     bool whole_ = true; ///< nothing was lost since the reading began
+    bool calm_ = true;  ///< nor has its second dump skipped anything
 };
 
 TEST(RouteModelTest, AnyOrderOfEventsEndsWithWhatTheKernelHolds) {
-    for (unsigned seed = 0; seed < 100 && !testing::Test::HasFailure(); ++seed) {
+    for (unsigned seed = 0; seed < 300 && !testing::Test::HasFailure(); ++seed) {
         SCOPED_TRACE(seed);
         RouteModel model(seed);
         for (int round = 0; round < 5; ++round) {
