@@ -137,6 +137,20 @@ TEST_F(DeviceDirectory, WhatHappensWhileAnInterfaceIsTakenOutCounts) {
     EXPECT_THROW(local("a", "eth1"), Nex::Exception) << "whoever made the change hears of it";
 }
 
+TEST_F(DeviceDirectory, WhatWasThereBeforeTheManagersIsFollowedToo) {
+    root = Nex::newObject<NetNsIntfStatusManagerRoot>(all, allLocal, true);
+    one->kernel(7, "eth0");
+    start(*one);
+    operUp("a", false);
+    operUp("a", true);
+    local("a", "eth1");
+    EXPECT_EQ(one->take(), "a=7 a=0 a=7 a=0 ");
+    auto const second = Nex::newObject<Namespace>("ns1");
+    second->kernel(7, "eth1");
+    second->act = [] { throw Nex::Exception("told"); };
+    EXPECT_THROW(start(*second), Nex::Exception);
+}
+
 // Two VRFs may have one namespace, and be it until one of them has gone.
 TEST_F(DeviceDirectory, ManagerThatGoesOrMakesWayFillsNoMore) {
     Nex::Ptr<NetNsIntfStatusManager> const held(root->intfStatusManager(one->ns));
