@@ -101,7 +101,7 @@ void HostEngine::doSendChanges(double now, GroupQueue& queue) {
 /// The group's change is in a report of version 3. A leave is told in version 2 as well to routers
 /// that may know the group by that alone.
 void HostEngine::doEndChange(GroupEntry& entry) {
-    entry.group.changeSent();
+    heldChanged_ |= entry.group.changeSent();
     if (v2Held_ && entry.lastReporter && !entry.group.hasState()) doTransmitLeave(entry);
 }
 
@@ -151,7 +151,7 @@ void HostEngine::doSendOlderReport(double now, GroupQueue& queue) {
                                  group.group()));
         entry.lastReporter = true;
         v2Held_ |= v2;
-        group.changeSent();
+        heldChanged_ |= group.changeSent();
         if (group.hasChange())
             repeats_.add(entry.change, now, now + randomDelay(reportIntervalSeconds()));
         return;

@@ -95,13 +95,15 @@ void HostGroup::addChangeRecords(RecordList& records) const {
     addSourceRecord(records, RecordType::block);
 }
 
-void HostGroup::changeSent() {
+bool HostGroup::changeSent() {
     if (repeats_ > 0) --repeats_;
-    if (counted_ == 0) return;
+    if (counted_ == 0) return false;
     for (Source& source : sources_)
         if (source.repeats > 0) --source.repeats;
-    std::erase_if(sources_, [](Source const& s) { return !s.listed && s.repeats == 0; });
+    auto const ended = [](Source const& s) { return !s.listed && s.repeats == 0; };
+    bool const erased = std::erase_if(sources_, ended) > 0;
     doRecount();
+    return erased;
 }
 
 void HostGroup::addStateRecord(RecordList& records) const {

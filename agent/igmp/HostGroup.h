@@ -48,8 +48,8 @@ class HostGroup {
     void setRepeats(unsigned repeats);
     /// Appends the records of the owed change, always built from the state as it is now.
     void addChangeRecords(RecordList& records) const;
-    /// The owed change went out once more.
-    void changeSent();
+    /// The owed change went out once more. Returns whether with that a source is no longer held.
+    bool changeSent();
 
     /// Appends IS_IN or IS_EX with the complete list. Only with hasState().
     void addStateRecord(RecordList& records) const;
