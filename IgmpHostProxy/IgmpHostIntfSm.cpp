@@ -143,11 +143,10 @@ void IgmpHostIntfSm::doDeleteRecord(Lox::IpAddr group) {
 void IgmpHostIntfSm::handleGroupSourceListStatus(Lox::IpAddr group) {
     IHP_TRACE_ENTRY();
     if (!intfStatus()) return;
-    if (GroupSource* const groupSource = intfStatus()->groupSourceList(group)) {
+    if (GroupSource* const groupSource = intfStatus()->groupSourceList(group))
         groupSourceListStatusIs(groupSource);
-    } else {
+    else
         groupSourceListStatusDel(group);
-    }
 }
 
 void IgmpHostIntfSm::handleGroupSourceListStatus() {

@@ -1,7 +1,6 @@
 // The host's packet counters, copied into the interface's status: always the host's full value, so
 // a reset lasts until the host counts again.
 #include "IgmpHostProxy/IgmpHostIntfSm.h"
-
 #include "IgmpHostProxy/Trace.h"
 
 namespace IgmpHostProxy {

@@ -215,13 +215,12 @@ void IgmpHostProxyAclHelper::purgeCachedRule(Acl::IpRuleConfig const& rule, bool
     auto const takeBack = [&](Lox::IpAddr group) {
         error.attempt([&] { doTakeBack(effect, group); });
     };
-    if (range.size() > machine_->knownGroupsBound() + groupSourceList_.size()) {
+    if (range.size() > machine_->knownGroupsBound() + groupSourceList_.size())
         for (Lox::IpAddr const group : knownGroupsIn(range)) takeBack(group);
-    } else {
+    else
         for (AddressRangeIterator group(range.address().host(), range.mask()); !group.done();
              ++group)
             takeBack(*group);
-    }
     error.rethrow();
 }
 

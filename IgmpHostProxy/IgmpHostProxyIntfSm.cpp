@@ -110,11 +110,10 @@ void IgmpHostProxyIntfSm::doDropCount(SourceGroup sg) {
 void IgmpHostProxyIntfSm::handleGroupSourceListConfig(Lox::IpAddr group) {
     IHP_TRACE_ENTRY();
     if (!intfConfig()) return;
-    if (GroupSource const* const configured = intfConfig()->groupSourceList(group)) {
+    if (GroupSource const* const configured = intfConfig()->groupSourceList(group))
         groupSourceListConfigIs(configured);
-    } else {
+    else
         groupSourceListConfigDel(group);
-    }
 }
 
 void IgmpHostProxyIntfSm::handleGroupSourceListConfig() {
@@ -132,11 +131,10 @@ void IgmpHostProxyIntfSm::handleGroupSourceListConfig() {
 void IgmpHostProxyIntfSm::handleDeletedGroupSourceListConfig(Lox::IpAddr group) {
     IHP_TRACE_ENTRY();
     if (!intfConfig()) return;
-    if (GroupSource const* const deleted = intfConfig()->deletedGroupSourceList(group)) {
+    if (GroupSource const* const deleted = intfConfig()->deletedGroupSourceList(group))
         deletedGroupSourceListConfigIs(deleted);
-    } else {
+    else
         deletedGroupSourceListConfigDel(group);
-    }
 }
 
 void IgmpHostProxyIntfSm::handleDeletedGroupSourceListConfig() {

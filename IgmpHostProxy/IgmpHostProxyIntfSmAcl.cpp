@@ -4,7 +4,6 @@
 // Whoever hears of a group may change the list at once. While a helper is at work on a rule it
 // takes no other one up: `doAndFollowUp` looks again when it is done.
 #include "IgmpHostProxy/IgmpHostProxyIntfSm.h"
-
 #include "IgmpHostProxy/Trace.h"
 
 namespace IgmpHostProxy {
@@ -78,11 +77,10 @@ void IgmpHostProxyIntfSm::handleAcl(Nex::Name name) {
     IHP_TRACE_ENTRY();
     handleAclConfig(name);
     if (!ipAclConfig()) return;
-    if (Acl::AclConfig const* const config = ipAclConfig()->acl(name)) {
+    if (Acl::AclConfig const* const config = ipAclConfig()->acl(name))
         aclIs(config);
-    } else {
+    else
         aclDel(name);
-    }
 }
 
 void IgmpHostProxyIntfSm::handleAcl() {

@@ -38,7 +38,6 @@
 //                        otherwise                       what the producers want now joins
 //                        then, I and X empty             goes
 #include "IgmpHostProxy/IgmpHostProxyIntfSm.h"
-
 #include "IgmpHostProxy/Trace.h"
 
 namespace IgmpHostProxy {
@@ -49,19 +48,17 @@ bool IgmpHostProxyIntfSm::listHas(GroupSource const& entry, List list, Lox::IpAd
 }
 
 void IgmpHostProxyIntfSm::listIs(GroupSource& entry, List list, Lox::IpAddr source) {
-    if (list == List::include) {
+    if (list == List::include)
         entry.includeSourceListIs(source);
-    } else {
+    else
         entry.excludeSourceListIs(source);
-    }
 }
 
 void IgmpHostProxyIntfSm::listDel(GroupSource& entry, List list, Lox::IpAddr source) {
-    if (list == List::include) {
+    if (list == List::include)
         entry.includeSourceListDel(source);
-    } else {
+    else
         entry.excludeSourceListDel(source);
-    }
 }
 
 void IgmpHostProxyIntfSm::addIncludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group) {
@@ -141,11 +138,10 @@ void IgmpHostProxyIntfSm::doRemove(List list, SourceGroup sg) {
     IHP_TRACE(6, "Ref count for sg decremented, now is%", left);
     if (left > 0 && wanted(list, sg)) return;
     if (sg.sourceAddr != anySource) return doRemoveSpecific(list, entry.get(), sg);
-    if (list == List::include) {
+    if (list == List::include)
         doRemoveAnyInclude(entry.get(), sg);
-    } else {
+    else
         doRemoveAnyExclude(entry.get(), sg);
-    }
 }
 
 Nex::Ptr<GroupSource> IgmpHostProxyIntfSm::doCount(SourceGroup sg) {
@@ -178,11 +174,10 @@ Nex::Ptr<GroupSource> IgmpHostProxyIntfSm::doCount(SourceGroup sg) {
 void IgmpHostProxyIntfSm::doRemoveUncounted(List list, GroupSource* entry, SourceGroup sg) {
     IHP_TRACE(6, "(S,G) was added from Mfib. Has no refCounter. Deleting from status");
     if (!entry) return;
-    if (list == List::exclude && sg.sourceAddr == anySource) {
+    if (list == List::exclude && sg.sourceAddr == anySource)
         doRemoveAllUncounted(*entry);
-    } else {
+    else
         listDel(*entry, list, sg.sourceAddr);
-    }
     if (entry->empty()) doDeleteEntry(*entry);
 }
 
@@ -215,11 +210,10 @@ void IgmpHostProxyIntfSm::doRemoveSpecific(List list, GroupSource* entry, Source
         listIs(*entry, include ? List::exclude : List::include, sg.sourceAddr);
         return;
     }
-    if (include) {
+    if (include)
         IHP_TRACE(6, "Ref count is 0. Deleting it from includeSourceList.");
-    } else {
+    else
         IHP_TRACE(6, "Ref count is 0. Deleting it from excludeSourceList.");
-    }
     groupSourceRefCounterDel(sg);
     if (entry) listDel(*entry, list, sg.sourceAddr);
     doDeleteUnlessCounted(entry);

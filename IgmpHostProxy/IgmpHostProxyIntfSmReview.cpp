@@ -5,7 +5,6 @@
 // route and may stop at a bookmark; then the changed routes. Groups that the configuration or an
 // access list owns are left alone.
 #include "IgmpHostProxy/IgmpHostProxyIntfSm.h"
-
 #include "IgmpHostProxy/Trace.h"
 
 #include <algorithm>
@@ -143,11 +142,10 @@ Table const* IgmpHostProxyIntfSm::syncStart() const {
 void IgmpHostProxyIntfSm::doSyncAllRoutes() {
     IHP_TRACE_ENTRY();
     void const* const bookmark = keshBookmark_;
-    if (!syncInProgress()) {
+    if (!syncInProgress())
         IHP_TRACE(3, "Starting sync");
-    } else {
+    else
         IHP_TRACE(3, "Resuming sync at %, %", bookmark, rkBookmark_);
-    }
     Table const* const start = syncStart();
     if (!start) {
         IHP_TRACE(3, "mfibKesh at % does not exist.", bookmark);
@@ -218,11 +216,10 @@ void IgmpHostProxyIntfSm::doSyncChangedRoutes() {
 }
 
 void IgmpHostProxyIntfSm::doEndSyncChanged(bool again) {
-    if (again) {
+    if (again)
         changedRoute_.toBack(*syncing_);
-    } else {
+    else
         changedRoute_.take(*syncing_);
-    }
     syncing_.reset();
 }
 
@@ -249,11 +246,10 @@ void IgmpHostProxyIntfSm::doReleaseGroups(Lox::IpAddrWithFullMask groups) {
 void IgmpHostProxyIntfSm::handleKeshPtr(Table const* key) {
     IHP_TRACE_ENTRY();
     if (!mfibKeshDir()) return mfibKeshDel(key);
-    if (Nex::Ptr<Table const> const table = mfibKeshDir()->keshPtr(key)) {
+    if (Nex::Ptr<Table const> const table = mfibKeshDir()->keshPtr(key))
         mfibKeshIs(key, table);
-    } else {
+    else
         mfibKeshDel(key);
-    }
 }
 
 void IgmpHostProxyIntfSm::handleKeshPtr() {
@@ -309,11 +305,10 @@ void IgmpHostProxyIntfSm::doSyncKey(Table const* name, IpGenRouteKey const& key)
     }
     if (key.group.address() == noGroup) return;
     Nex::Ptr<Table const> const table = tableNamed(name);
-    if (table && table->route(key) != Route()) {
+    if (table && table->route(key) != Route())
         doSyncPresent(*table, key);
-    } else {
+    else
         doSyncAbsent(key);
-    }
 }
 
 void IgmpHostProxyIntfSm::doSyncPresent(Table const& table, IpGenRouteKey const& key) {
@@ -345,11 +340,10 @@ void IgmpHostProxyIntfSm::doSyncPresent(Table const& table, IpGenRouteKey const&
         entry->includeSourceListIs(source);
         return;
     }
-    if (entry) {
+    if (entry)
         entry->includeSourceListDelAll();
-    } else {
+    else
         entry = status->groupSourceListIs(group);
-    }
     if (!stillWanted()) return;
     IHP_TRACE(6, "0.0.0.0 source.Adding to exclude source list");
     entry->excludeSourceListIs(anySource);

@@ -105,11 +105,10 @@ void IgmpHostProxySm::handleIntfConfig(Lox::IntfId intfId) {
     IHP_TRACE_ENTRY(" ( % )", intfId);
     if (!igmpHostProxyConfig() || !igmpHostProxyStatus()) return;
     IntfInProgress* const progress = inProgress_.find(intfId);
-    if (progress && igmpHostProxyConfig()->intfConfigHas(intfId)) {
+    if (progress && igmpHostProxyConfig()->intfConfigHas(intfId))
         progress->again = true;
-    } else {
+    else
         doInProgress(intfId, [&] { doDecideIntf(intfId); });
-    }
 }
 
 template <class Act>
@@ -232,11 +231,10 @@ void IgmpHostProxySm::ipStatusCheckTimerExpired() {
         // the next notification rather than for the timer.
         checkInterfaceDel(intfId);
     }
-    if (!checkInterface().empty()) {
+    if (!checkInterface().empty())
         doArmIpStatusCheckTimer();
-    } else if (ipStatusCheckTimer_) {
+    else if (ipStatusCheckTimer_)
         ipStatusCheckTimer_->timeMinIs(Nex::never);
-    }
     error.rethrow();
 }
 

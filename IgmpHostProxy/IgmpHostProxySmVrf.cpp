@@ -1,7 +1,6 @@
 // The VRFs: each runs in a network namespace with kernel interfaces of its own. Device names take
 // proxy interfaces up and down, and the kernel's MAC addresses reach their status.
 #include "IgmpHostProxy/IgmpHostProxySm.h"
-
 #include "IgmpHostProxy/Trace.h"
 #include "NexKesh/Mount.h"
 
@@ -106,11 +105,10 @@ void IgmpHostProxySm::handleVrf(L3::VrfName vrfName) {
     IHP_TRACE_ENTRY();
     Ip::VrfStatusLocal const* const vrfStatus =
         allVrfStatusLocal() ? allVrfStatusLocal()->vrf(vrfName) : nullptr;
-    if (vrfStatus) {
+    if (vrfStatus)
         vrfIs(vrfStatus);
-    } else {
+    else
         vrfDel(vrfName);
-    }
 }
 
 void IgmpHostProxySm::handleVrf() {
@@ -208,11 +206,10 @@ void IgmpHostProxySm::NexVrf::handleDel() {
 /// The VRF's view lives as long as its reactor, whoever deletes that, and be it while it is made.
 /// The root's own end has ended the view already, and only gives the mount back.
 void IgmpHostProxySm::NexVrf::nexRetire() {
-    if (machine()->nexZombieReactors()) {
+    if (machine()->nexZombieReactors())
         kernelVrf_.doUnmountAtEnd();
-    } else if (notifier()) {
+    else if (notifier())
         handleDel();
-    }
     Reactor::nexRetire();
 }
 

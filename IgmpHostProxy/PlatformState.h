@@ -84,11 +84,10 @@ class HostStatusPublisher
   public:
     using Reactor::Reactor;
     void onIgmpHost(Nex::Name name) override {
-        if (notifier()->igmpHost(name)) {
+        if (notifier()->igmpHost(name))
             machine()->igmpHostStatusIs(name);
-        } else {
+        else
             machine()->igmpHostStatusDel(name);
-        }
     }
 };
 

@@ -1,7 +1,7 @@
 // What can be asked of the agent over its control socket, by name. docs/control.md tells the
 // parameters and the answers.
+#include "Lumen/Ring.h"
 #include "agent/Daemon.h"
-
 #include "agent/answers/Events.h"
 #include "agent/answers/Groups.h"
 #include "agent/answers/Interfaces.h"
@@ -13,8 +13,6 @@
 #include "agent/loop/Log.h"
 #include "agent/loop/Printable.h"
 #include "agent/records/JsonStream.h"
-
-#include "Lumen/Ring.h"
 
 #include <fmt/format.h>
 #include <unistd.h>

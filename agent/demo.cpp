@@ -1,9 +1,8 @@
 // ihproxy-demo: the main job without a kernel. A configuration file goes through the machines on
 // the in-process platform; shown side by side are what it asks, what the interface's status
 // announces, and the group records that the host entity would put on the wire.
-#include "agent/records/ConfigurationWriter.h"
-
 #include "Nex/System.h"
+#include "agent/records/ConfigurationWriter.h"
 
 #include <cstdio>
 #include <fmt/core.h>

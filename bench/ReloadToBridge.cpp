@@ -1,9 +1,8 @@
 // From SIGHUP to the last group in an upstream bridge's table, with the whole agent in a throw-away
 // network: reading the file, the library, the packets and the bridge's learning. Needs root.
 #include "agent/AgentProcess.h"
-#include "netns/Netns.h"
-
 #include "agent/loop/FileDescriptor.h"
+#include "netns/Netns.h"
 
 #include <algorithm>
 #include <array>

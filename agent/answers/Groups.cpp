@@ -1,9 +1,8 @@
 #include "agent/answers/Groups.h"
 
+#include "IgmpHostProxy/IgmpHostProxySm.h"
 #include "agent/config/AddressText.h"
 #include "agent/control/JsonRpc.h"
-
-#include "IgmpHostProxy/IgmpHostProxySm.h"
 
 #include <algorithm>
 #include <fmt/format.h>

@@ -1,10 +1,9 @@
 // The groups that are announced, or would be if their interface could be used, and who wants them.
 #pragma once
 
-#include "agent/answers/View.h"
-
 #include "Igmp/IgmpHost.h"
 #include "Lox/IpAddr.h"
+#include "agent/answers/View.h"
 
 #include <array>
 #include <utility>

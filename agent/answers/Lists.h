@@ -2,9 +2,8 @@
 // announced.
 #pragma once
 
-#include "agent/answers/View.h"
-
 #include "Lox/IpAddr.h"
+#include "agent/answers/View.h"
 
 #include <cstdint>
 #include <optional>

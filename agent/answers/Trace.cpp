@@ -1,9 +1,8 @@
 #include "agent/answers/Trace.h"
 
-#include "agent/loop/Log.h"
-
 #include "Lumen/Ring.h"
 #include "Nex/System.h"
+#include "agent/loop/Log.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>

@@ -1,10 +1,9 @@
 #include "agent/answers/Why.h"
 
+#include "IgmpHostProxy/IgmpHostProxySm.h"
 #include "agent/answers/Groups.h"
 #include "agent/answers/Lists.h"
 #include "agent/loop/Printable.h"
-
-#include "IgmpHostProxy/IgmpHostProxySm.h"
 
 #include <algorithm>
 #include <fmt/format.h>

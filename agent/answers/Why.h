@@ -2,9 +2,8 @@
 // keeps others out.
 #pragma once
 
-#include "agent/answers/View.h"
-
 #include "Lox/IpAddr.h"
+#include "agent/answers/View.h"
 
 #include <memory>
 #include <string>

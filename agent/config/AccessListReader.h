@@ -7,9 +7,8 @@
 //     destination = "239.1.1.0/30"
 #pragma once
 
-#include "agent/config/Diagnostic.h"
-
 #include "Acl/AclConfig.h"
+#include "agent/config/Diagnostic.h"
 
 #include <cstdint>
 #include <map>

@@ -46,10 +46,9 @@
 // values can be compared to find what a new file changes.
 #pragma once
 
+#include "Lox/IpAddr.h"
 #include "agent/config/AccessListReader.h"
 #include "agent/config/Diagnostic.h"
-
-#include "Lox/IpAddr.h"
 
 #include <map>
 #include <set>

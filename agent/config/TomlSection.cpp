@@ -291,12 +291,11 @@ std::vector<TomlText> TomlSection::texts(std::string_view key) const {
     std::vector<TomlText> texts;
     toml::array const* const elements = array(key, "an array of strings");
     if (!elements) return texts;
-    for (toml::node const& element : *elements) {
+    for (toml::node const& element : *elements)
         if (auto const* const value = element.as_string())
             texts.push_back({value->get(), Agent::positionOf(element.source())});
         else
             doReportType(key, element, "only strings in the array");
-    }
     return texts;
 }
 
@@ -304,12 +303,11 @@ std::vector<TomlSection> TomlSection::sections(std::string_view key, KeyTable co
     std::vector<TomlSection> sections;
     toml::array const* const elements = array(key, "an array of tables");
     if (!elements) return sections;
-    for (toml::node const& element : *elements) {
+    for (toml::node const& element : *elements)
         if (auto const* const table = element.as_table())
             sections.emplace_back(*table, *diagnostics_, known);
         else
             doReportType(key, element, "only tables in the array");
-    }
     return sections;
 }
 

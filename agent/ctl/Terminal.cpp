@@ -63,12 +63,11 @@ std::string coloured(Mood mood, std::string text) {
 
 std::size_t widthOf(std::string_view text) {
     std::size_t width = 0;
-    for (std::size_t at = 0; at < text.size(); ++at) {
+    for (std::size_t at = 0; at < text.size(); ++at)
         if (text[at] == '\033')
             at = std::min(text.find('m', at), text.size());
         else
             ++width;
-    }
     return width;
 }
 

@@ -1,8 +1,7 @@
 #include "agent/files/StateKeeper.h"
 
-#include "agent/loop/Log.h"
-
 #include "Nex/System.h"
+#include "agent/loop/Log.h"
 
 #include <algorithm>
 #include <unistd.h>

@@ -2,9 +2,8 @@
 // picture that both draw has holes, and then asks its observer to read everything again.
 #pragma once
 
-#include "agent/loop/Log.h"
-
 #include "Nex/Error.h"
+#include "agent/loop/Log.h"
 
 #include <array>
 #include <cstddef>

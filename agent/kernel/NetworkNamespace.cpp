@@ -1,8 +1,7 @@
 #include "agent/kernel/NetworkNamespace.h"
 
-#include "agent/loop/SystemError.h"
-
 #include "Nex/Error.h"
+#include "agent/loop/SystemError.h"
 
 #include <sched.h>
 

@@ -1,9 +1,8 @@
 #include "agent/kernel/PacketSocket.h"
 
+#include "Lox/IpAddr.h"
 #include "agent/kernel/NetworkNamespace.h"
 #include "agent/loop/SystemError.h"
-
-#include "Lox/IpAddr.h"
 
 #include <algorithm>
 #include <array>

@@ -6,9 +6,8 @@
 // Ethernet work too.
 #pragma once
 
-#include "agent/loop/FileDescriptor.h"
-
 #include "Nex/System.h"
+#include "agent/loop/FileDescriptor.h"
 
 #include <cstdint>
 #include <deque>

@@ -1,9 +1,8 @@
 #include "agent/loop/EventLoop.h"
 
+#include "Nex/System.h"
 #include "agent/loop/Alarm.h"
 #include "agent/loop/SystemError.h"
-
-#include "Nex/System.h"
 
 #include <algorithm>
 #include <array>

@@ -3,9 +3,8 @@
 // may go and come back.
 #pragma once
 
-#include "agent/igmp/HostEngine.h"
-
 #include "Lox/IpAddr.h"
+#include "agent/igmp/HostEngine.h"
 
 #include <map>
 #include <string>

@@ -163,11 +163,10 @@ void IgmpHostPort::doKeepUntold() {
 }
 
 void IgmpHostPort::handleGroup(Lox::IpAddr group) {
-    if (Igmp::IgmpV3GroupRecord* const record = host()->v3group(group)) {
+    if (Igmp::IgmpV3GroupRecord* const record = host()->v3group(group))
         v3groupIs(record);
-    } else {
+    else
         v3groupDel(group);
-    }
     doMarkChanged(group);
 }
 

@@ -11,6 +11,8 @@
 // tell everything once more, and one for what is written to the log of groups that came and went.
 #pragma once
 
+#include "Igmp/IgmpHost.h"
+#include "Nex/Machine.h"
 #include "agent/config/Configuration.h"
 #include "agent/igmp/HostEngine.h"
 #include "agent/kernel/PacketSocket.h"
@@ -18,9 +20,6 @@
 #include "agent/ports/GroupChanges.h"
 #include "agent/ports/PortSchedule.h"
 #include "agent/records/InterfaceWriter.h"
-
-#include "Igmp/IgmpHost.h"
-#include "Nex/Machine.h"
 
 #include <memory>
 #include <nlohmann/json_fwd.hpp>

@@ -7,12 +7,11 @@
 // it.
 #pragma once
 
+#include "Nex/Error.h"
 #include "agent/files/StateKeeper.h"
 #include "agent/kernel/LeftNamespace.h"
 #include "agent/ports/IgmpHostPort.h"
 #include "agent/records/JsonStream.h"
-
-#include "Nex/Error.h"
 
 #include <map>
 #include <optional>

@@ -68,11 +68,10 @@ AccessListWriter::Rules AccessListWriter::numbered(AccessListConfiguration::Rule
     std::multimap<Content, Rule> free; // of those before, the ones that do not stand where they did
     for (auto const& [sequence, old] : before) {
         auto const now = list.find(sequence);
-        if (now != list.end() && now->second == old.rule) {
+        if (now != list.end() && now->second == old.rule)
             rules[sequence] = old;
-        } else {
+        else
             free.emplace(contentOf(old.rule), old);
-        }
     }
     for (auto const& [sequence, rule] : list) {
         if (rules.contains(sequence)) continue;

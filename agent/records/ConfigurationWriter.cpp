@@ -154,19 +154,17 @@ std::vector<ConfigurationWriter::Released> ConfigurationWriter::released() const
 }
 
 void ConfigurationWriter::handleHost(std::string const& name, bool present) {
-    if (present) {
+    if (present)
         hosts_.insert(name);
-    } else {
+    else
         hosts_.erase(name);
-    }
     Nex::Ptr<IntfConfig> const record = state_.config->intfConfig(Lox::IntfId(name));
     auto const interface = written_.interfaces.find(name);
     if (!record) return;
-    if (present && interface != written_.interfaces.end()) {
+    if (present && interface != written_.interfaces.end())
         doAttachLists(interface->second, *record);
-    } else {
+    else
         record->aclListDelAll();
-    }
 }
 
 bool ConfigurationWriter::doRemoveGroups(InterfaceConfiguration const& before,

@@ -73,11 +73,10 @@ void InterfaceWriter::doPublishInterface(int ifindex) {
     KernelInterface const* const kernel = kernel_.interface(ifindex);
     auto const known = names_.find(ifindex);
     std::string const before = known == names_.end() ? std::string() : known->second;
-    if (kernel) {
+    if (kernel)
         names_[ifindex] = kernel->name;
-    } else if (known != names_.end()) {
+    else if (known != names_.end())
         names_.erase(known);
-    }
     // An interface that loses its name or its device goes down before its device does.
     if (!before.empty() && (!kernel || kernel->name != before)) doPublish(before);
     doPublishKernelInterface(ifindex);
@@ -99,11 +98,10 @@ void InterfaceWriter::doPublishKernelInterface(int ifindex) {
     KernelNetInfo::Status* const table = state_.kni(place_.networkNamespace);
     if (!table) return;
     auto const index = std::uint32_t(ifindex);
-    if (KernelInterface const* const kernel = kernel_.interface(ifindex)) {
+    if (KernelInterface const* const kernel = kernel_.interface(ifindex))
         table->interfaceIs(KernelNetInfo::InterfaceKey(index), {index, kernel->name, kernel->mac});
-    } else {
+    else
         table->interfaceDel(KernelNetInfo::InterfaceKey(index));
-    }
 }
 
 void InterfaceWriter::doPublish(std::string const& name) {

@@ -1,9 +1,8 @@
 // Records as JSON, from the lists that declare them.
 #pragma once
 
-#include "agent/records/JsonStream.h"
-
 #include "Nex/Record.h"
+#include "agent/records/JsonStream.h"
 
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -82,13 +81,12 @@ class RecordPart<Record>::Visitor {
     }
     template <class T>
     static nlohmann::json valueOf(T const& value) {
-        if constexpr (std::is_arithmetic_v<T>) {
+        if constexpr (std::is_arithmetic_v<T>)
             return value;
-        } else if constexpr (std::is_enum_v<T>) {
+        else if constexpr (std::is_enum_v<T>)
             return unsigned(value);
-        } else {
+        else
             return Nex::textOf(value);
-        }
     }
 
     JsonStream& stream_;
@@ -107,11 +105,10 @@ bool RecordPart<Record>::next(JsonStream& stream) {
 
 template <class Walk>
 bool RecordsPart<Walk>::next(JsonStream& stream) {
-    if (at_) {
+    if (at_)
         ++*at_;
-    } else {
+    else
         at_ = walk_.begin();
-    }
     if (*at_ == walk_.end()) return false;
     auto const& [key, record] = **at_;
     using Record = std::remove_reference_t<decltype(*record)>;

@@ -22,11 +22,10 @@ class ProductHost : public Nex::PtrInterface {
 
     /// A group came or went: its reactor follows. Inside a callback it only notes what changed.
     void handleGroup(Lox::IpAddr group) {
-        if (auto* const record = host()->v3group(group)) {
+        if (auto* const record = host()->v3group(group))
             groupIs(record);
-        } else {
+        else
             groupDel(group);
-        }
         changedIs(group);
     }
     /// At the end of the product's turn, when the records have settled.

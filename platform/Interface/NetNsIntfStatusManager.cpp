@@ -188,19 +188,17 @@ void NetNsIntfStatusManagerRoot::handleIntf(Lox::NamespaceName const& networkNam
 }
 
 void NetNsIntfStatusManagerRoot::doFollowIntfStatus(Lox::IntfId const& intfId) {
-    if (auto const* const status = allIntfStatus_->intfStatus(intfId)) {
+    if (auto const* const status = allIntfStatus_->intfStatus(intfId))
         intfStatus_.is(intfId, Nex::Ptr(status), this);
-    } else {
+    else
         intfStatus_.del(intfId);
-    }
 }
 
 void NetNsIntfStatusManagerRoot::doFollowIntfStatusLocal(Lox::IntfId const& intfId) {
-    if (auto const* const local = allIntfStatusLocal_->intfStatusLocal(intfId)) {
+    if (auto const* const local = allIntfStatusLocal_->intfStatusLocal(intfId))
         intfStatusLocal_.is(intfId, Nex::Ptr(local), this);
-    } else {
+    else
         intfStatusLocal_.del(intfId);
-    }
 }
 
 Place NetNsIntfStatusManagerRoot::doMoveIntf(Lox::IntfId const& intfId) {

@@ -84,13 +84,12 @@ inline constexpr bool isNamed = requires(T const& v) {
 /// What a value takes of an entry, at most, in octets. A C text is not null.
 template <class T>
 std::size_t octetsOf(T const& value) {
-    if constexpr (isText<T>) {
+    if constexpr (isText<T>)
         return 1 + std::string_view(value).size();
-    } else if constexpr (isNamed<T>) {
+    else if constexpr (isNamed<T>)
         return 1 + value.stringValue().size();
-    } else {
+    else
         return sizeof value;
-    }
 }
 
 /// Puts values behind each other without their types: a `Reader` that asks for the same types in

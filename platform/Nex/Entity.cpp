@@ -18,11 +18,10 @@ void NotifieeList::add(NotifieeBase* notifiee) {
 }
 
 void NotifieeList::del(NotifieeBase* notifiee) {
-    if (Many* const all = many()) {
+    if (Many* const all = many())
         all->take(notifiee);
-    } else if (one() == notifiee) {
+    else if (one() == notifiee)
         head_ = 0;
-    }
 }
 
 bool NotifieeBase::outerSilenced() const { return silenced(); }

@@ -15,11 +15,10 @@ namespace Nex {
 /// machines, is too narrow.
 template <class Key>
 std::uint64_t hashNumber(Key const& key) {
-    if constexpr (requires { key.nexHashNumber(); }) {
+    if constexpr (requires { key.nexHashNumber(); })
         return key.nexHashNumber();
-    } else {
+    else
         return std::hash<Key>()(key);
-    }
 }
 
 /// Pair-multiply-shift (M. Thorup, "High Speed Hashing for Integers and Strings", 3.5), mixed once

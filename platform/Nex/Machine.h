@@ -117,13 +117,12 @@ class Owned {
     /// that is made has done what its constructor does, no more. Throws what these throw.
     template <class Machine>
     void watch(Request watched, Machine* machine) {
-        if (reactor_) {
+        if (reactor_)
             Ptr<R>(reactor_)->notifierIs(std::move(watched));
-        } else if (auto* const making = makings_.find({})) {
+        else if (auto* const making = makings_.find({}))
             making->last = std::move(watched);
-        } else if (watched) {
+        else if (watched)
             make(std::move(watched), machine);
-        }
     }
     /// Also from within the reactor's own callback, and its constructor. A callback that is on the
     /// stack runs to its end, with `notifier()` null.
@@ -293,11 +292,10 @@ class MachineMap {
         typename decltype(makings_)::Making making(makings_, key);
         making.last = asked;
         Ptr<Machine> const fresh = factory(key, args...);
-        if (making.wanted) {
+        if (making.wanted)
             *machines_.findOrInsert(key).first = fresh;
-        } else {
+        else
             fresh->nexDoZombieReactors(true);
-        }
         return fresh;
     }
     /// Silences the machine's reactors, then lets go of it, by then out of the map. One that is

@@ -78,11 +78,10 @@ template <class Key, class Value>
 using Yielded = std::conditional_t<std::is_same_v<Value, Nothing>, Key, Item<Key, Value>>;
 template <class Key, class Value, class From>
 Yielded<Key, Value> yield(From const& entry) {
-    if constexpr (std::is_same_v<Value, Nothing>) {
+    if constexpr (std::is_same_v<Value, Nothing>)
         return entry.key;
-    } else {
+    else
         return {entry.key, entry.value};
-    }
 }
 
 /// A range over a cursor, an object with `std::optional<T> next()`. Walk it once: a second `begin`
@@ -519,11 +518,10 @@ class SmallMap {
       public:
         explicit Cursor(SmallMap const& map)
             : map_(&map), end_(map.isLarge() ? map.large()->used_ : map.used_) {
-            if (map.isLarge()) {
+            if (map.isLarge())
                 ++map.large()->walkers_;
-            } else {
+            else
                 ++map.walkers_;
-            }
         }
         Cursor(Cursor const&) = delete;
         Cursor& operator=(Cursor const&) = delete;
@@ -569,11 +567,10 @@ class SmallMap {
         return at;
     }
     void endWalk() const {
-        if (isLarge()) {
+        if (isLarge())
             large()->endWalk();
-        } else if (--walkers_ == 0) {
+        else if (--walkers_ == 0)
             const_cast<SmallMap*>(this)->closeHoles();
-        }
     }
     void closeHoles() {
         unsigned to = 0;
@@ -585,13 +582,11 @@ class SmallMap {
     void becomeLarge() {
         auto map = std::make_unique<Large>();
         map->walkers_ = walkers_;
-        for (unsigned at = 0; at < used_; ++at) {
-            if (live(at)) {
+        for (unsigned at = 0; at < used_; ++at)
+            if (live(at))
                 *map->findOrInsert(small()[at].key).first = small()[at].value;
-            } else {
+            else
                 map->addHole();
-            }
-        }
         Large* const address = map.release();
         std::memcpy(room_, &address, sizeof address);
         used_ = largeMark;
@@ -611,11 +606,10 @@ using SmallSet = SmallMap<Key, Nothing, N>;
 
 /// The key of what a walk yields.
 auto const& keyOf(auto const& yielded) {
-    if constexpr (requires { yielded.key; }) {
+    if constexpr (requires { yielded.key; })
         return yielded.key;
-    } else {
+    else
         return yielded;
-    }
 }
 
 /// The keys of a set or the keys of a map in ascending order, as they are now. For who must go by

@@ -48,18 +48,16 @@ class PtrInterface {
     // For `Ptr`, which pairs them. Objects live on the heap and are never deleted by hand. Nobody
     // watches over the 32 bits.
     [[gnu::always_inline]] void nexRefInc() const {
-        if (threadSafe_) [[unlikely]] {
+        if (threadSafe_) [[unlikely]]
             std::atomic_ref(references_).fetch_add(1, std::memory_order_relaxed);
-        } else {
+        else
             ++references_;
-        }
     }
     [[gnu::always_inline]] void nexRefDec() const {
-        if (threadSafe_) [[unlikely]] {
+        if (threadSafe_) [[unlikely]]
             nexRefDecShared();
-        } else if (--references_ == 0) {
+        else if (--references_ == 0)
             nexZeroReferences();
-        }
     }
     /// For tests, and for who wants to know whether it is the last one; shared objects change it
     /// any time where threads count.

@@ -68,11 +68,10 @@ class SortedMap {
 
       private:
         void doKeep() {
-            if (at_ == map_->order_.end()) {
+            if (at_ == map_->order_.end())
                 key_.reset();
-            } else {
+            else
                 key_ = *at_;
-            }
         }
 
         SortedMap const* map_;
@@ -88,11 +87,10 @@ class SortedMap {
       public:
         explicit Cursor(SortedMap const& map) : map_(&map) {}
         std::optional<Yielded<Key, As>> next() {
-            if (at_) {
+            if (at_)
                 at_->advance();
-            } else {
+            else
                 at_.emplace(*map_);
-            }
             if (at_->atEnd()) return std::nullopt;
             return yield<Key, As>(Item<Key, As>{at_->key(), *map_->find(at_->key())});
         }

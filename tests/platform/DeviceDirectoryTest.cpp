@@ -17,11 +17,10 @@ struct Namespace : Nex::Listener<DeviceIntfStatusDir::NotifieeConst> {
           ns(name),
           directory(const_cast<DeviceIntfStatusDir*>(notifier())) {}
     void kernel(std::uint32_t ifIndex, Nex::String const& device) {
-        if (device.empty()) {
+        if (device.empty())
             kni->interfaceDel(InterfaceKey(ifIndex));
-        } else {
+        else
             kni->interfaceIs(InterfaceKey(ifIndex), {ifIndex, device, {}});
-        }
     }
     void onIntfStatusAndDeviceName(Lox::IntfId intfId) override {
         auto const entry = notifier()->intfStatusAndDeviceName(intfId);

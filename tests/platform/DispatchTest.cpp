@@ -37,9 +37,8 @@ class DispatchTest : public testing::Test {
   protected:
     void watchersAre(std::size_t count) {
         watchers.clear();
-        for (char label = 'A'; watchers.size() < count; ++label) {
+        for (char label = 'A'; watchers.size() < count; ++label)
             watchers.push_back(newObject<Watcher>(tree, label, &told));
-        }
     }
     /// The labels that are told of a change of the number.
     String change() {

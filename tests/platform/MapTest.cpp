@@ -111,11 +111,10 @@ class Compared {
                 ASSERT_EQ(yielded.value, now->second.value);
             }
             skipGone();
-            if (next != before.end() && key == next->second) {
+            if (next != before.end() && key == next->second)
                 ++next;
-            } else {
+            else
                 ASSERT_TRUE(byKey && now->second.insertion > insertionsBefore);
-            }
             ASSERT_TRUE(!byKey || !last || *last < key);
             last = key;
             if (!disturb() || testing::Test::HasFailure()) return;
@@ -267,13 +266,11 @@ class HashSecretTest : public testing::Test {
     static std::uint64_t stepsPerKey(Numbers const& numbers) {
         std::uint64_t const start = Key::hashed;
         Collection collection;
-        for (std::uint64_t const number : numbers) {
-            if constexpr (requires { collection.insert({}); }) {
+        for (std::uint64_t const number : numbers)
+            if constexpr (requires { collection.insert({}); })
                 collection.insert({number});
-            } else {
+            else
                 collection.findOrInsert({number});
-            }
-        }
         return (Key::hashed - start) / numbers.size();
     }
     /// In whichever collection takes the most.

@@ -1,5 +1,6 @@
 // Both trace channels: the same text at the same level, the ring always, text only on demand.
 #include "Nex/Trace.h"
+
 #include "Lox/Names.h"
 #include "Nex/System.h"
 #include "TestRecords.h"

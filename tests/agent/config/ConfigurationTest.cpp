@@ -1,4 +1,5 @@
 #include "agent/config/Configuration.h"
+
 #include "support/Folder.h"
 
 #include <gtest/gtest.h>

@@ -1,11 +1,10 @@
 // The control socket without an agent behind it: what a client may send and how it may behave.
+#include "Nex/Trace.h"
 #include "agent/answers/Trace.h"
 #include "agent/control/ControlServer.h"
 #include "agent/control/UnixSocket.h"
 #include "agent/loop/LoopFixture.h"
 #include "support/Folder.h"
-
-#include "Nex/Trace.h"
 
 #include <filesystem>
 #include <fmt/format.h>

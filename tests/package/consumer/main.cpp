@@ -2,6 +2,7 @@
 // header draws in most of the others.
 #include "IgmpHostProxy/IgmpHostProxySm.h"
 #include "IgmpHostProxy/SourceGroup.h"
+
 #include <cstdlib>
 
 // Names of the program's own: no list of attributes has kept them.
