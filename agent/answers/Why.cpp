@@ -239,7 +239,7 @@ class Inquiry : public JsonPart {
         std::string const obstacle =
             configured ? view_.vrfs.obstacle(interface_).value_or("is not known yet") : "";
         if (!configured)
-            first_.push_back("the interface is not in the configuration");
+            first_.emplace_back("the interface is not in the configuration");
         else if (!obstacle.empty())
             first_.push_back(fmt::format("{} {}", printable(interface_), printable(obstacle)));
         if (configured) stream.add("vrf", configured->vrf);
