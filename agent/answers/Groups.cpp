@@ -102,13 +102,6 @@ GroupFilter GroupFilter::fromJson(json const& params) {
     return filter;
 }
 
-json toJson(HostEngine::GroupState const& state) {
-    json sources = json::array();
-    for (Lox::IpAddr const source : state.sources) sources.push_back(source.stringValue());
-    return {{"mode", state.mode == FilterMode::include ? "include" : "exclude"},
-            {"sources", std::move(sources)}};
-}
-
 std::array<bool, originNames.size()> originsOf(AgentView const& view, std::string const& interface,
                                                Lox::IpAddr group) {
     InterfaceConfiguration const* const configured = view.configured(interface);
@@ -122,16 +115,17 @@ std::array<bool, originNames.size()> originsOf(AgentView const& view, std::strin
 
 std::string originText(Configuration const& configuration, std::string const& interface,
                        Lox::IpAddr group) {
+    auto const [own, listed, route] = originNames;
     auto const found = configuration.interfaces.find(interface);
-    if (found == configuration.interfaces.end()) return "route";
-    if (found->second.groups.contains(group)) return "configuration";
+    if (found == configuration.interfaces.end()) return route;
+    if (found->second.groups.contains(group)) return own;
     for (std::string const& name : found->second.accessLists) {
         AccessListConfiguration const* const list = configuration.list(name);
         auto const* rule = list ? list->ruleAbout(group) : nullptr;
         while (rule && groupCount(rule->second) == 0) rule = list->ruleAbout(group, rule->first);
-        if (rule) return "list " + name;
+        if (rule) return fmt::format("{} {}", listed, name);
     }
-    return "route";
+    return route;
 }
 
 bool isRouteOnly(AgentView const& view, std::string const& interface, Lox::IpAddr group) {

@@ -28,9 +28,6 @@ struct GroupFilter {
     static GroupFilter fromJson(nlohmann::json const& params);
 };
 
-/// "mode" and "sources".
-nlohmann::json toJson(HostEngine::GroupState const& state);
-
 inline constexpr std::array originNames{"configuration", "list", "route"};
 
 /// Which of these want the group on that interface.

@@ -50,7 +50,7 @@ class ChangesPart : public JsonPart {
     File rows_;
 };
 
-/// As toJson() tells it. There may be very many.
+/// Written by hand, for there may be very many.
 void addState(std::string& text, HostEngine::GroupState const& state) {
     if (!state.member()) {
         text += "null";

@@ -31,8 +31,8 @@ struct ChangeCounts {
 
 ChangeCounts changeCounts(PortRegistry const& ports);
 
-/// One change as a line of JSON: "interface", "group", and of "before" and "after" what
-/// toJson() tells, null where the group is not announced.
+/// One change as a line of JSON: "interface", "group", "before" and "after": "mode" and
+/// "sources", or null where the group is not announced.
 std::string changeText(std::string const& interface, Lox::IpAddr group,
                        HostEngine::GroupState const& before, HostEngine::GroupState const& after);
 
