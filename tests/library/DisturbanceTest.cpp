@@ -16,7 +16,8 @@ namespace {
 /// rules counts once.
 struct Life : Play {
     Life() { attacher.make(hostDir, this); }
-    /// Another life on the same inputs, which does not know how they came about.
+    /// Another life on the same inputs, which does not know how they came about. VRFs come last, so
+    /// that each host is published while its own interface is set up.
     explicit Life(Life const& other) : Life() {
         config = other.config;
         mfibDir = other.mfibDir;
@@ -24,7 +25,6 @@ struct Life : Play {
         ipStatus = other.ipStatus;
         allIntfStatusDir = other.allIntfStatusDir;
         allIntfStatusLocalDir = other.allIntfStatusLocalDir;
-        allVrfStatusLocal = other.allVrfStatusLocal;
         for (auto const& item : other.addresses.walk())
             addressOf(item.key.stringValue(), item.value.stringValue());
         for (auto const& item : other.kniTables.walk())
@@ -32,6 +32,8 @@ struct Life : Play {
         attached = other.attached;
         for (auto const& item : config->intfConfig()) item.value->aclListDelAll();
         start();
+        for (auto const& item : other.allVrfStatusLocal->vrf())
+            World::vrf(item.key.stringValue(), item.value->networkNamespace().stringValue());
         pass(3);
     }
 
@@ -39,11 +41,14 @@ struct Life : Play {
         if (a[0] == "attach" || a[0] == "detach") {
             std::erase(attached, a[1]);
             if (a[0] == "attach") attached.push_back(a[1]);
-            if (host("up0")) Play::doEvent(a);
+            for (auto const& item : hostDir->igmpHost())
+                doAttach(Lox::IntfId(item.key), a[1], a[0] == "attach");
         } else if (a[0] == "attach-all") {
             if (host("up0"))
-                for (auto const& list : std::vector(attached)) configOf("")->aclListIs(list);
+                for (auto const& list : std::vector(attached)) doAttach(up0, list, true);
         } else if (a[0] == "renew-host-status") {
+            // Bound anew, a host has the address of the interface that was set up last.
+            if (root && root->srcIntfIhpIntf() && root->srcIntfIhpIntf()->intfId() != up0) return;
             hostStatusDir->igmpHostStatusDel("up0");
             if (host("up0")) hostStatusDir->igmpHostStatusIs("up0");
         } else if (a[0] == "renew-table") {
@@ -132,6 +137,13 @@ std::string const prepare =
 std::string const comeUp = "start; vrf blue ns-blue; intf up0 2 blue";
 std::string const beUp = prepare + ";" + comeUp + "; +1";
 
+/// A second interface in a VRF of its own, with tables of its own. It has the lists, too.
+std::string const prepareTwo = prepare +
+                               "; configure up1; tables green; vrf-of-tables green; table u;"
+                               "route u 1 239.2.0.2; route u 2 239.2.0.5;"
+                               "vrf-of-tables blue";
+std::string const comeUpTwo = comeUp + "; vrf green ns-green; intf up1 3 green";
+
 struct Scenario {
     char const* name;
     std::string before, act;
@@ -152,6 +164,12 @@ Scenario const scenarios[] = {
     {"an interface goes down and comes back", beUp,
      "delist-intf up0; list-intf up0 ns-blue; address up0 0.0.0.0; address up0 198.51.100.2;"
      "device up0 5 ns-blue"},
+    {"interfaces of two VRFs come up", prepareTwo, comeUpTwo},
+    {"lists and tables of two VRFs change", prepareTwo + ";" + comeUpTwo + "; +1",
+     "rule iptv 5 permit 2 239.2.0.4/31; route u * 239.2.0.2; no-route t 1 239.2.0.2; +1; no-rule "
+     "iptv 5; no-tables green; tables green; vrf-of-tables green; renew-table u;"
+     "vrf-of-tables blue; no-list news;" +
+         news},
 };
 
 struct Change {
@@ -174,9 +192,14 @@ Change const changes[] = {
     {"a configured source goes", "-i1 g1", "+i1 g1"},
     {"a route comes", "route t * 239.2.0.2", "no-route t * 239.2.0.2"},
     {"a route goes", "no-route t 1 239.2.0.1", "route t 1 239.2.0.1"},
-    {"the tables go", "no-tables blue", "tables blue; renew-table t"},
+    // Those of one VRF that go end all interfaces: they go together.
+    {"the tables go", "no-tables blue; no-tables green",
+     "tables blue; renew-table t; tables green; vrf-of-tables green; renew-table u;"
+     "vrf-of-tables blue"},
     {"the device goes", deviceGoes, deviceComes},
     {"the VRF goes", deviceGoes + "; no-vrf blue", "vrf blue ns-blue;" + deviceComes},
+    {"the other interface goes", "address up1 0.0.0.0; delist-intf up1; no-vrf green",
+     "vrf green ns-green; address up1 198.51.100.3; list-intf up1 ns-green"},
     {"the host agent starts anew", "renew-host-status", ""},
     {"the root goes", "end", ""},
     {"the interface leaves the configuration", "unconfigure up0",
