@@ -28,27 +28,6 @@ class HostEnginePacingTest : public HostEngineFixture {
     }
 };
 
-TEST_F(HostEnginePacingTest, NoHundredMillisecondsSeeMoreThanTheLimit) {
-    for (unsigned version : {3u, 2u})
-        for (unsigned packets : {1u, 7u, 100u}) {
-            speak(version);
-            limit(packets);
-            now += 0.0731; // on no border
-            excludeMany("239.3.0.0", 2000);
-            engine->flush(now);
-            std::size_t atOnce = std::min(packets, version == 3 ? 11u : 2000u);
-            EXPECT_EQ(sent.size(), atOnce);
-            serve(60);
-            hear(version == 3 ? v3Query(1) : message(IgmpType::query, {}, 1));
-            serve(60);
-            EXPECT_LE(mostPer100ms(), packets);
-            EXPECT_GE(mostPer100ms(), atOnce);
-            engine->leaveAll(now);
-            serve(1);
-            taken();
-        }
-}
-
 TEST_F(HostEnginePacingTest, LeavingEndsWithinASecondHoweverManyGroups) {
     struct {
         unsigned told, spoken, groups;
@@ -180,42 +159,6 @@ TEST_F(HostEnginePacingTest, GeneralAnswerIsSpreadAndEndsInTime) {
                 EXPECT_LT(sent[at].time - sent[at - 1].time, (end - first) / 40) << at;
         }
         for (Lox::IpAddr group : range("239.3.0.0", groups)) engine->removeGroup(group);
-    }
-}
-
-TEST_F(HostEnginePacingTest, LaterQueryDoesNotStretchTheAnswerThatIsOwed) {
-    Sources groups = range("239.3.0.0", 2000);
-    excludeMany("239.3.0.0", 2000);
-    settle();
-    for (unsigned i = 0; i < 100; ++i) {
-        double end = now + 2;
-        hear(v3Query(20));
-        serve(1 + 0.009 * i); // before its answer, or within it
-        hear(v3Query(100));
-        serve(12);
-        EXPECT_LE(timeOf(groups.back()), end) << i;
-        taken();
-    }
-    hear(v3Query(100));
-    hear(v3Query(10));
-    double end = now + 1;
-    serve(12);
-    EXPECT_LE(timeOf(groups.back()), end) << "a more urgent query hurries the answer";
-}
-
-TEST_F(HostEnginePacingTest, GeneralAnswerServesAQueryForAGroupOnlyIfItNamesItInTime) {
-    Sources groups = range("239.3.0.0", 480);
-    excludeMany("239.3.0.0", 480);
-    settle();
-    for (unsigned i = 0; i < 12; ++i) {
-        hear(v3Query(100));
-        serve(0.8 * i); // before its answer, or within it
-        taken();
-        double end = now + 2;
-        for (Lox::IpAddr group : groups) hear(v3Query(20, group));
-        serve(30);
-        for (Lox::IpAddr group : groups) ASSERT_LE(timeOf(group), end) << group << ", " << i;
-        EXPECT_EQ(engine->nextExpiry(), never);
     }
 }
 

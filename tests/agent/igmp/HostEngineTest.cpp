@@ -1,9 +1,7 @@
-// The host engine where it takes many rounds to tell: random delays, memory, and what a router
-// believes in the end.
+// The host engine where it takes many rounds to tell: random delays, and memory.
 #include "agent/igmp/HostEngineFixture.h"
 
 #include <malloc.h>
-#include <map>
 #include <set>
 
 namespace Agent {
@@ -102,64 +100,6 @@ TEST_F(HostEngineTest, SourcesAreKeptUpToALimitAndUntilTheAnswer) {
         flush();
     }
     EXPECT_LT(octetsPerGroup(), 30) << "nor are those of earlier turns";
-}
-
-/// What a router believes that listens to this host alone, and loses one of its packets.
-class LossyRouter : public HostEngine::Output {
-  public:
-    explicit LossyRouter(unsigned lost) : lost_(lost) {}
-    void warn(std::string const&) override {}
-    void send(std::span<std::uint8_t const> packet) override {
-        if (count_++ == lost_) return;
-        for (std::size_t at = 32; at < packet.size();) {
-            auto& [exclude, list] = groups[Lox::IpAddr::fromOctets(&packet[at + 4])];
-            unsigned type = packet[at];
-            if (type <= 4) list.clear();
-            if (type <= 4) exclude = type % 2 == 0;
-            bool listed = type <= 4 || exclude == (type == 6);
-            for (unsigned left = packet[at + 3]; left > 0; --left, at += 4) {
-                auto source = Lox::IpAddr::fromOctets(&packet[at + 8]);
-                if (listed)
-                    list.insert(source);
-                else
-                    list.erase(source);
-            }
-            at += 8;
-        }
-        std::erase_if(groups,
-                      [](auto& item) { return !item.second.first && item.second.second.empty(); });
-    }
-
-    std::map<Lox::IpAddr, std::pair<bool, std::set<Lox::IpAddr>>> groups; // exclude?, its list
-
-  private:
-    unsigned lost_, count_ = 0;
-};
-
-TEST(HostEngineLossTest, RouterKnowsTheStateThoughAReportIsLost) {
-    for (unsigned seed = 0; seed < 300; ++seed) {
-        std::mt19937 random(seed);
-        LossyRouter router(unsigned(random() % 40)), wanted(0);
-        HostEngine engine(router, random);
-        double now = 0;
-        engine.linkUp(now);
-        for (unsigned step = 0; step < 30; ++step) {
-            auto group = Lox::IpAddr::fromHost(0xEF000001u + unsigned(random() % 3));
-            Sources sources;
-            for (Lox::IpAddr source : range("10.0.0.1", 5))
-                if (random() % 2) sources.push_back(source);
-            bool exclude = random() % 2;
-            engine.setGroup(group, exclude ? FilterMode::exclude : FilterMode::include, sources);
-            wanted.groups[group] = {exclude, {sources.begin(), sources.end()}};
-            if (!exclude && sources.empty()) wanted.groups.erase(group);
-            if (random() % 2) engine.flush(now);
-            for (double end = now + 0.3 * double(random() % 4); engine.nextExpiry() <= end;)
-                engine.advance(now = engine.nextExpiry());
-        }
-        engine.flush(now);
-        while (engine.nextExpiry() < never) engine.advance(now = engine.nextExpiry());
-        ASSERT_EQ(router.groups, wanted.groups) << "seed " << seed;
-    }
 }
 
 } // namespace
