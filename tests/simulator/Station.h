@@ -1,15 +1,22 @@
-// A host on the link: the engine, and what stands around it in the agent, the link, the settings
-// and the file of what routers may hold.
+// A host on the link: the engine, what stands around it in the agent (the link, the settings and
+// the file of what routers may hold), and what holds of each engine by itself at every moment:
+//
+//   - A record says what the host wants at that moment, and is about a group that is its own, or
+//     was until it told that. A packet leaves only within the time of a change or of a query.
+//   - Packets keep to the pace, and answers to the response time that was asked for.
+//   - The host speaks the version of the oldest querier that is present.
+//   - At rest nothing is pending, and what is kept about groups is that of those that are wanted.
 #pragma once
 
 #include "agent/igmp/HostEngine.h"
 #include "simulator/Router.h"
 
+#include <deque>
 #include <optional>
+#include <sstream>
+#include <stdexcept>
 
 namespace Simulator {
-
-constexpr unsigned routerCount = 3, stationCount = 3;
 
 /// What is wanted of a group.
 struct Wish {
@@ -20,57 +27,299 @@ struct Wish {
     bool member() const { return exclude || !sources.empty(); }
     friend bool operator==(Wish const&, Wish const&) = default;
 };
+using Wishes = std::map<IpAddr, Wish>;
 
 /// The groups that hosts ask for: some that a configuration names, one that an access list selects,
 /// one of the forwarding table, one that is source-specific, and one that nobody announces.
 inline std::vector<IpAddr> const groups{
     IpAddr("239.1.1.1"), IpAddr("239.1.1.2"), IpAddr("239.1.1.3"), IpAddr("239.1.2.1"),
     IpAddr("239.1.3.1"), IpAddr("232.1.1.1"), IpAddr("224.0.0.1")};
-constexpr std::size_t listed = 3, routed = 4, sourceSpecific = 5, allSystems = 6;
+inline IpAddr const listed = groups[3], routed = groups[4];
 /// The last one is in no list.
 inline std::vector<IpAddr> const sources{IpAddr("10.1.0.1"), IpAddr("10.1.0.2"), IpAddr("10.1.0.3"),
                                          IpAddr("10.1.0.4"), IpAddr("10.9.9.9")};
 
+/// The traffic of one source to a group.
+struct Flow {
+    IpAddr group, source;
+    double since = never; ///< wanted
+    double held = -never; ///< when it was wanted last, if it is not
+    double told = never;  ///< when routers were told of the latter; never if they were not
+    bool ever = false;    ///< it was announced, by all that is known
+};
+
+[[noreturn]] inline void fail(double now, std::string const& what, unsigned number,
+                              IpAddr group = {}, IpAddr source = {}) {
+    std::ostringstream text;
+    text << "at " << now << ": " << number << ", " << what << " " << group << " " << source;
+    throw std::runtime_error(text.str());
+}
+
 class Station : public Agent::HostEngine::Output {
   public:
-    /// Told of each packet before anybody else.
-    using Sent = std::function<void(Station&, Bytes const& packet)>;
+    using Send = std::function<void(Bytes const& packet)>;
 
-    Station(unsigned number, std::uint32_t seed, unsigned robustness, Sent sent)
-        : number_(number), random_(seed), sent_(std::move(sent)) {
+    Station(unsigned which, std::uint32_t seed, unsigned robustness, Timing const& timing,
+            double const& now, Send send)
+        : number(which), timing_(timing), now_(now), random_(seed), send_(std::move(send)) {
         settings.robustness = robustness;
         settings.address = addressOf(0);
+        for (IpAddr const group : groups) {
+            wished[group] = given[group] = {};
+            for (IpAddr const source : sources) flows.push_back({group, source});
+        }
     }
     IpAddr addressOf(unsigned variant) const {
-        return IpAddr::fromHost(IpAddr("10.0.0.100").host() + 10 * number_ + variant);
+        return IpAddr::fromHost(IpAddr("10.0.0.100").host() + 10 * number + variant);
     }
 
-    /// What the engine has been given, but for what it is to refuse: nobody announces all systems,
-    /// and no EXCLUDE of a source-specific group (RFC 4604).
-    Wish given(std::size_t group) const {
-        Wish const& wish = given_[group];
-        return group == allSystems || (group == sourceSpecific && wish.exclude) ? Wish() : wish;
-    }
-    void give(std::size_t group, Wish const& wish) {
-        given_[group] = wish;
-        if (!engine) return;
-        if (wish == Wish()) return engine->removeGroup(groups[group]);
-        engine->setGroup(groups[group],
-                         wish.exclude ? Agent::FilterMode::exclude : Agent::FilterMode::include,
-                         std::vector(wish.sources.begin(), wish.sources.end()));
-    }
-    bool hears() const { return engine && linkUp; }
-
-    void start(double now, bool fromFile) {
+    /// Without its file it knows nothing of what it told before. The link is opened later.
+    void start(bool fromFile) {
         engine.emplace(*this, std::mt19937(random_()));
-        engine->setSettings(now, settings);
+        engine->setSettings(now_, settings);
         if (!fromFile) file_ = {};
+        for (Flow& flow : flows) flow.ever &= fromFile;
         engine->addFormer(file_);
+        sent_.clear(); // the pace is that of one run
+        doForget();
     }
-    /// Whether the file is to be written anew, which this does.
+    void kill() {
+        doKeep();
+        engine.reset();
+        hears = false;
+        if (leaveEnd == never) doForget(); // it has told a part at most
+        leaveEnd = never;
+        for (IpAddr const group : groups) give(group, {});
+    }
+    void stop() {
+        leaveEnd = now_ + 0.95;
+        for (IpAddr const group : groups) give(group, {});
+        if (hears) doExpectFormerEnd();
+        engine->leaveAll(now_);
+    }
+    void openLink() {
+        hears = owes_ = true;
+        upSince = now_;
+        doExpectChange();
+        engine->linkUp(now_);
+    }
+    void closeLink() {
+        hears = false;
+        doForget();
+        engine->linkDown(now_);
+    }
+    void applySettings() {
+        if (!engine) return;
+        doExpectChange();
+        for (auto& [group, due] : owed_) due += pace();
+        handleVersion();
+        engine->setSettings(now_, settings);
+    }
+    void announceAgain() {
+        doExpectChange();
+        engine->announceAgain(now_);
+    }
+    void give(IpAddr group, Wish const& wish) {
+        if (engine && wish == Wish())
+            engine->removeGroup(group);
+        else if (engine)
+            engine->setGroup(group,
+                             wish.exclude ? Agent::FilterMode::exclude : Agent::FilterMode::include,
+                             std::vector(wish.sources.begin(), wish.sources.end()));
+        // Nobody announces all systems, nor EXCLUDE of a source-specific group (RFC 4604).
+        bool const refused =
+            group == Agent::allSystems || (group.isSourceSpecific() && wish.exclude);
+        Wish const taken = engine && !refused ? wish : Wish();
+        if (taken == std::exchange(given[group], taken)) return;
+        if (hears) doExpectChange();
+        owed_.erase(group);
+        for (Flow& flow : flows) {
+            bool const wanted = taken.wants(flow.source);
+            if (flow.group != group || wanted == (flow.since != never)) continue;
+            if (!wanted) flow.held = now_;
+            flow.since = wanted ? now_ : never;
+            flow.told = hears ? now_ : never;
+            flow.ever = true;
+        }
+    }
+    void hear(Bytes const& packet) {
+        if (!hears) return;
+        Message const m(packet);
+        if (m.olderReport()) owed_.erase(m.group);
+        if (m.queryVersion > 0) handleQuery(m);
+        engine->received(now_, packet);
+    }
+    void send(std::span<std::uint8_t const> bytes) override {
+        Bytes const packet(bytes.begin(), bytes.end());
+        handleSent(Message(packet));
+        send_(packet);
+    }
+    void warn(std::string const&) override {}
+
+    double nextExpiry() const {
+        return std::min(
+            {leaveEnd, known > now_ ? known : never, engine ? engine->nextExpiry() : never});
+    }
+    /// The end of a turn.
+    void flush() {
+        engine->flush(now_);
+        if (owes_ && hears && leaveEnd == never && known <= now_) {
+            owes_ = false;
+            doExpectFormerEnd();
+            engine->formerEnd(now_);
+        }
+        doKeep();
+    }
+    /// What holds of the time up to now.
+    void check() {
+        if (!engine) return;
+        if (std::min(std::abs(v1Expiry_ - now_), std::abs(v2Expiry_ - now_)) >= 0.01) {
+            handleVersion();
+            require(engine->version() == version, "speaks another version");
+        }
+        for (auto const& [group, due] : owed_)
+            require(now_ <= due, "does not answer in time", group);
+        if (now_ <= silent_ || engine->hasFormer()) return;
+        std::size_t members = 0, octets = 0; // of a record in each version, where there are both
+        for (auto const& [group, wish] : given) {
+            members += wish.member();
+            if (wish.member()) octets += 16 + (wish.exclude ? 0 : 4 * wish.sources.size());
+        }
+        require(engine->memberCount() == members, "counts other groups");
+        require(held().octets() <= octets, "keeps too much");
+        require(!engine->telling(), "does not rest");
+    }
+    double repeatSeconds() const { return spoken() == 3 ? 1 : 10; }
+    /// What the pace may put off.
+    double pace() const { return 0.02 + 0.12 * 16 / settings.packetsPer100ms; }
+    /// When anything of the group was wanted.
+    double wantedLast(IpAddr group) const {
+        double last = -never;
+        for (Flow const& flow : flows)
+            if (flow.group == group) last = std::max(last, flow.since != never ? now_ : flow.held);
+        return last;
+    }
+
+    unsigned const number;
+    std::optional<Agent::HostEngine> engine; ///< none: not running
+    Agent::HostEngine::Settings settings;
+    bool linkUp = true;
+    bool hears = false;      ///< it runs, and has been told that the link is up
+    double leaveEnd = never; ///< while it leaves everything, to end
+    double known = 0;        ///< when all is known that is wanted
+    Wishes wished;           ///< by the operator
+    Wishes given;            ///< to the engine, but for what it is to refuse
+    std::vector<Flow> flows;
+    double upSince = never;
+    unsigned version = 3; ///< what it speaks, or spoke as it ended
+    double versionSince = -never;
+
+  private:
+    void require(bool holds, char const* what, IpAddr group = {}) const {
+        if (!holds) fail(now_, std::string("station ") + what, number, group);
+    }
+    /// After what it has heard.
+    unsigned spoken() const {
+        unsigned const querier = v1Expiry_ > now_ ? 1 : v2Expiry_ > now_ ? 2 : 3;
+        return std::min(settings.version, querier);
+    }
+    void handleVersion() {
+        if (spoken() == version) return;
+        version = spoken();
+        versionSince = now_;
+        owed_.clear();
+        asked_ = -never;
+        if (silent_ > now_) doExpectChange();
+    }
+    /// It is told by nobody any more, and tells nothing of what it gave up.
+    void doForget() {
+        v1Expiry_ = v2Expiry_ = -never;
+        owed_.clear();
+        for (Flow& flow : flows) flow.told = never;
+    }
+    /// A change that all is told for again, or one of the pace.
+    void doExpectChange() {
+        unsigned const times = std::max(timing_.robustness, settings.robustness);
+        silent_ = std::max(silent_, now_ + times * repeatSeconds() + pace() + slack);
+    }
+    /// It leaves what it does not want any more.
+    void doExpectFormerEnd() {
+        doExpectChange();
+        for (Flow& flow : flows)
+            if (flow.ever) flow.told = std::min(flow.told, now_);
+    }
+    void handleQuery(Message const& m) {
+        bool const older = settings.version < 3, general = m.group.isZero();
+        unsigned const read = older && m.queryVersion == 3 ? 2 : m.queryVersion;
+        unsigned const coded = (m.code % 16 + 16) << (m.code / 16 % 8 + 3);
+        double seconds = (read == 3 && m.code > 127 ? coded : m.code) / 10.0;
+        if (read == 1) seconds = 10;
+        double const present = settings.robustness * 125 + 10 * seconds;
+        if (general && m.queryVersion == 1) v1Expiry_ = now_ + (older ? 400 : present);
+        if (general && m.queryVersion == 2) v2Expiry_ = now_ + present;
+        handleVersion();
+        double const due = now_ + (version == 1 ? std::min(seconds, 10.0) : seconds) + pace();
+        silent_ = std::max(silent_, due + 0.01);
+        // Older queries that follow each other at once are copies.
+        if (version < 3 && general && now_ < std::exchange(asked_, now_) + 0.1) return;
+        for (auto const& [group, wish] : given) {
+            bool const asked =
+                m.sources.empty() || version < 3 ||
+                std::any_of(m.sources.begin(), m.sources.end(),
+                            [&, &wants = wish](IpAddr source) { return wants.wants(source); });
+            if ((general || m.group == group) && wish.member() && asked)
+                owed_[group] = std::min(due, owed_.try_emplace(group, never).first->second);
+        }
+    }
+    void handleSent(Message const& m) {
+        bool const report = m.type == 0x22;
+        IpAddr const to = m.leave() ? Agent::allRouters : m.group;
+        require(m.from == settings.address, "sends from another address");
+        require(m.to == (report ? Agent::allV3Routers : to), "sends to nobody");
+        require(hears, "speaks without a link");
+        require(now_ <= silent_, "speaks without a reason");
+        sent_.push_back(now_);
+        while (sent_.front() <= now_ - 0.1) sent_.pop_front();
+        require(sent_.size() <= settings.packetsPer100ms || leaveEnd != never, "is too fast");
+        for (Record const& record : m.records) handleRecord(record);
+        if (report) return;
+        require(given.contains(m.group), "tells of a strange group", m.group);
+        require(given[m.group].member() != m.leave(), "tells the contrary of what it wants",
+                m.group);
+        if (m.leave()) return;
+        require(spoken() == (m.type == 0x12 ? 1 : 2), "speaks another version");
+        owed_.erase(m.group);
+    }
+    void handleRecord(Record const& r) {
+        require(given.contains(r.group), "tells of a strange group", r.group);
+        Wish const& wish = given[r.group];
+        auto const told = [&](IpAddr source) {
+            return std::any_of(flows.begin(), flows.end(), [&](Flow const& flow) {
+                return flow.group == r.group && flow.source == source && flow.told != never;
+            });
+        };
+        auto const all = [&](auto const& holds) {
+            return !r.sources.empty() && std::all_of(r.sources.begin(), r.sources.end(), holds);
+        };
+        bool const exact = r.sources == wish.sources;
+        bool const wanted = all([&](IpAddr source) { return wish.wants(source); });
+        bool const ended = all([&](IpAddr source) { return !wish.wants(source) && told(source); });
+        bool const left = std::any_of(sources.begin(), sources.end(), told);
+        bool const right[] = {false,
+                              wanted,                         // IS_IN
+                              exact && wish.exclude,          // IS_EX
+                              exact && !wish.exclude && left, // TO_IN
+                              exact && wish.exclude,          // TO_EX
+                              wanted,                         // ALLOW
+                              ended};                         // BLOCK
+        require(r.type <= block && right[r.type], "tells what is not so of", r.group);
+        require(spoken() == 3 || r.type == toIn || r.type == block, "speaks another version");
+        if (r.type <= toEx) owed_.erase(r.group);
+    }
+
+    /// Writes the file where that is due.
     void doKeep() {
-        if (!engine || !engine->takeHeldChange()) return;
-        file_ = held();
+        if (engine && engine->takeHeldChange()) file_ = held();
     }
     /// What routers may hold, by the engine.
     Agent::RecordList held() const {
@@ -79,31 +328,17 @@ class Station : public Agent::HostEngine::Output {
         }
         return records;
     }
-    void kill() {
-        doKeep();
-        engine.reset();
-        given_ = {};
-    }
 
-    void send(std::span<std::uint8_t const> packet) override {
-        sent_(*this, {packet.begin(), packet.end()});
-    }
-    void warn(std::string const&) override {}
-
-    unsigned number() const { return number_; }
-
-    std::optional<Agent::HostEngine> engine; ///< none: not running
-    Agent::HostEngine::Settings settings;
-    bool linkUp = true;
-    bool leaving = false;         ///< everything, to end
-    std::array<Wish, 7> wished{}; ///< of groups, by the operator
-
-  private:
-    unsigned number_;
+    Timing const& timing_;
+    double const& now_;
     std::mt19937 random_;
-    Sent sent_;
-    std::array<Wish, 7> given_{};
+    Send send_;
     Agent::RecordList file_;
+    bool owes_ = false; // leaves, until all is known
+    double silent_ = -never, v1Expiry_ = -never, v2Expiry_ = -never;
+    double asked_ = -never;         // last older general query
+    std::map<IpAddr, double> owed_; // when an answer about the group is due
+    std::deque<double> sent_;
 };
 
 } // namespace Simulator

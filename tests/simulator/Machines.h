@@ -1,0 +1,79 @@
+// The machines of one interface, and what writes to them: what the first host wants goes through
+// them, as configuration, access list and routes.
+#pragma once
+
+#include "Nex/System.h"
+#include "agent/records/ConfigurationWriter.h"
+#include "agent/records/RouteWriter.h"
+#include "simulator/Station.h"
+#include "support/InProcessPlatform.h"
+
+namespace Simulator {
+
+class Machines {
+  public:
+    explicit Machines(double now) : time_(now) {
+        platform_.tables();
+        platform_.start();
+        routes_.emplace(platform_.mfibDir->keshColl(L3::VrfName("default")), "routes");
+        platform_.usableIntf("up0", 2);
+        platform_.delistIntf("up0");
+    }
+    /// Without the routes, as long as they are not known.
+    void configure(Wishes wishes, bool withRoutes) {
+        Agent::Configuration configuration;
+        auto& interface = configuration.interfaces["up0"];
+        interface.accessLists = {"list"};
+        Agent::AccessListConfiguration::Rules rules;
+        for (IpAddr const source : permitted(wishes.extract(listed).mapped()))
+            rules[unsigned(rules.size() + 1)] = {
+                {Acl::Action::permit, {{source, source.isZero() ? 0 : ~0u}, {listed, ~0u}}}};
+        configuration.accessLists["list"] = Agent::AccessListConfiguration(rules);
+        Sources const routes = permitted(wishes.extract(routed).mapped());
+        for (auto const& [group, wish] : wishes)
+            if (wish.exclude)
+                interface.groups[group].exclude = permitted(wish);
+            else if (wish.member())
+                interface.groups[group].include = wish.sources;
+        writer_.applyConfiguration(configuration);
+        for (IpAddr const source : {IpAddr(), sources[0], sources[1], sources[2], sources[3]})
+            routes_->write(source, routed, withRoutes && routes.contains(source));
+    }
+    void setLink(bool up) { up ? platform_.listIntf("up0") : platform_.delistIntf("up0"); }
+    /// What the host entity says.
+    Wish announced(IpAddr group) const {
+        Igmp::IgmpHost* const host = platform_.host("up0");
+        Igmp::IgmpV3GroupRecord* const record = host ? host->v3group(group) : nullptr;
+        Wish wish;
+        if (!record) return wish;
+        wish.exclude = record->filterMode() != Lox::IgmpV3GroupRecordType::modeIsInclude;
+        if (record->source())
+            for (auto const& item : record->source()->sourceIp())
+                if (item.value != 0) wish.sources.insert(item.key);
+        return wish;
+    }
+    double nextExpiry() const {
+        return std::min(platform_.clock->nextExpiry(), platform_.timerWheel->nextExpiry());
+    }
+    void advance(double now) {
+        time_.nowIs(now);
+        platform_.clock->timeIs(now);
+        platform_.timerWheel->timeIs(now);
+        bool const present = platform_.host("up0");
+        if (std::exchange(present_, present) != present) writer_.handleHost("up0", present);
+    }
+
+  private:
+    /// Without a list of refused ones, any source is 0.0.0.0.
+    static Sources permitted(Wish const& wish) {
+        return wish.exclude && wish.sources.empty() ? Sources{IpAddr()} : wish.sources;
+    }
+
+    Nex::ManualTime time_;
+    Support::InProcessPlatform platform_;
+    Agent::ConfigurationWriter writer_{platform_};
+    std::optional<Agent::RouteWriter> routes_;
+    bool present_ = false;
+};
+
+} // namespace Simulator
