@@ -1,4 +1,4 @@
-// The host engine where it takes many rounds to tell: random delays, and memory.
+// The host engine where it takes many rounds to tell: random delays, slices, and memory.
 #include "agent/igmp/HostEngineFixture.h"
 
 #include <malloc.h>
@@ -8,26 +8,6 @@ namespace Agent {
 namespace {
 
 using HostEngineTest = HostEngineFixture;
-
-TEST_F(HostEngineTest, RepeatsComeAtRandomWithinTheInterval) {
-    settings.robustness = 5;
-    settingsApply();
-    std::set<double> delays;
-    for (Lox::IpAddr group : range("239.1.1.1", 50)) {
-        exclude(group);
-        engine->flush(now);
-        for (unsigned repeat = 1; repeat < 5; ++repeat) {
-            double due = engine->nextExpiry();
-            delays.insert(due - now);
-            engine->advance(now = due);
-            ASSERT_EQ(sent.size(), repeat + 1);
-        }
-        EXPECT_EQ(engine->nextExpiry(), never);
-        taken();
-    }
-    EXPECT_TRUE(0 < *delays.begin() && *delays.begin() < 0.1) << *delays.begin();
-    EXPECT_TRUE(0.9 < *delays.rbegin() && *delays.rbegin() < 1) << *delays.rbegin();
-}
 
 TEST_F(HostEngineTest, GroupsThatStayAreToldWhateverComesAndGoesBetweenTheSlices) {
     auto const number = [](unsigned i) { return Lox::IpAddr::fromHost(0xEF020000 + i); };

@@ -168,15 +168,13 @@ class HostScenarioTest : public HostEngineFixture,
         };
         auto const found = messages.find(verb);
         if (found == messages.end()) return false;
-        Bytes payload = found->second;
-        payload.resize(std::stoul(option("octets", std::to_string(payload.size()))));
         Envelope envelope;
         envelope.source = addresses(option("from", query ? "10.0.0.1" : "0.0.0.0"))[0];
         envelope.destination =
             addresses(option("to", (query ? allSystems : group).stringValue()))[0];
         envelope.ttl = std::uint8_t(std::stoul(option("ttl", "1")));
         if (option("alert", "1") == "0") envelope.options.clear();
-        hear(payload, envelope);
+        hear(found->second, envelope);
         return true;
     }
 

@@ -1,6 +1,7 @@
 #include "agent/igmp/IgmpTestPackets.h"
 #include "agent/igmp/ReportBuilder.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <optional>
 #include <utility>
@@ -58,6 +59,8 @@ TEST(IgmpPacketTest, EveryTruncationIsRejected) {
         EXPECT_TRUE(fits || reason == DropReason::badLength) << size;
         auto older = datagram ? IgmpQuery::decode(datagram->payload, 2, reason) : std::nullopt;
         EXPECT_EQ(older && older->version == 2, size >= 8) << size << ", of use to an older host";
+        std::size_t const read = older ? older->sources.size() : 0;
+        EXPECT_LE(read, (std::max<std::size_t>(size, 12) - 12) / 4) << size;
     }
 }
 
