@@ -54,18 +54,6 @@ TEST_F(HostEnginePacingTest, LeavingEndsWithinASecondHoweverManyGroups) {
     }
 }
 
-TEST_F(HostEnginePacingTest, GroupTooBigForTheBudgetLeavesInPieces) {
-    limit(1);
-    include(g1, range("10.1.0.0", 1000));
-    engine->flush(now);
-    serve(0.25);
-    ASSERT_EQ(sent.size(), 3u);
-    EXPECT_EQ(mostPer100ms(), 1u);
-    EXPECT_EQ(sent[0].octets, 1500u);
-    EXPECT_EQ(sent[2].octets, 32u + 8 + 4 * 270);
-    EXPECT_EQ(counters().v3StateChangeReportSent, 3u);
-}
-
 TEST_F(HostEnginePacingTest, GroupThatKeepsChangingKeepsItsTurn) {
     limit(1);
     double start = now;
