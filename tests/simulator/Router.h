@@ -80,7 +80,7 @@ struct Message {
         for (unsigned left = packet[31]; left > 0; --left) {
             unsigned const count = packet[at + 2] * 256u + packet[at + 3];
             records.push_back({packet[at], address(at + 4), list(at + 8, count)});
-            at += 8 + 4 * count;
+            at += 8 + 4 * (count + packet[at + 1]); // and auxiliary data
         }
     }
     bool olderReport() const { return type == 0x12 || type == 0x16; }

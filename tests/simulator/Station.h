@@ -148,6 +148,9 @@ class Station : public Agent::HostEngine::Output {
         if (m.olderReport()) owed_.erase(m.group);
         if (m.queryVersion > 0) handleQuery(m);
         engine->received(now_, packet);
+        Bytes garbled = packet; // which its checksums show
+        garbled[random_() % packet.size()] ^= std::uint8_t(1 << random_() % 8);
+        engine->received(now_, garbled);
     }
     void send(std::span<std::uint8_t const> bytes) override {
         Bytes const packet(bytes.begin(), bytes.end());
