@@ -205,9 +205,15 @@ class HostScenarioTest : public HostEngineFixture,
 
     std::map<std::string, double> facts() const {
         std::map<std::string, double> all{
-            {"version", engine->version()},          {"warnings", double(warnings.size())},
-            {"idle", engine->nextExpiry() == never}, {"left", engine->hasLeft()},
-            {"former", engine->hasFormer()},         {"held", double(held().size())},
+            {"version", engine->version()},
+            {"warnings", double(warnings.size())},
+            {"idle", engine->nextExpiry() == never},
+            {"left", engine->hasLeft()},
+            {"former", engine->hasFormer()},
+            {"held", double(held().size())},
+            {"querier", engine->querier().version},
+            {"told", engine->times(g1).told},
+            {"older-for", engine->versionExpiry() - now},
         };
 #define AGENT_FACT(type, name, Name) all[#name] = counters().name;
         AGENT_HOST_COUNTERS(AGENT_FACT)
