@@ -64,7 +64,7 @@ void HostEngine::setGroup(Lox::IpAddr group, FilterMode mode,
     entry.wish = wishes_.size() - 1;
 }
 
-void HostEngine::groupDelAll() {
+void HostEngine::removeAllGroups() {
     for (auto& [address, entry] : groups_) removeGroup(address);
 }
 
@@ -352,7 +352,7 @@ void HostEngine::doReckonFormer(double now) {
 }
 
 void HostEngine::leaveAll(double now) {
-    groupDelAll();
+    removeAllGroups();
     doApplyWishes(now);
     if (!linkUp_) return;
     doReckonFormer(now);

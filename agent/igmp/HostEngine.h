@@ -93,7 +93,7 @@ class HostEngine {
     /// The group is not wanted any more: INCLUDE{}.
     void removeGroup(Lox::IpAddr group);
     /// No group is wanted any more, but for those that are given again before the next flush().
-    void groupDelAll();
+    void removeAllGroups();
     /// The end of a turn: what differs from the last turn is told to the routers.
     void flush(double now);
 

@@ -110,30 +110,6 @@ void HostGroup::addStateRecord(RecordList& records) const {
     addListRecord(records, RecordType::isIn, RecordType::isEx);
 }
 
-void HostGroup::noteAsked(std::span<Lox::IpAddr const> sources, bool pending) {
-    if (sources.empty()) return forgetAsked();
-    if (pending && asked_.empty()) return;
-    for (Lox::IpAddr source : sources) {
-        auto at = std::lower_bound(asked_.begin(), asked_.end(), source);
-        if (at != asked_.end() && *at == source) continue;
-        if (asked_.size() == maxAsked) return forgetAsked();
-        asked_.insert(at, source);
-    }
-}
-
-void HostGroup::addAnswerRecords(RecordList& records) const {
-    if (!hasState()) return;
-    if (asked_.empty()) return addStateRecord(records);
-    records.addRecord(RecordType::isIn, group_);
-    auto at = sources_.begin();
-    for (Lox::IpAddr address : asked_) {
-        while (at != sources_.end() && at->address < address) ++at;
-        bool listed = at != sources_.end() && at->address == address && at->listed;
-        if (isWanted(listed)) records.addSource(address);
-    }
-    records.dropEmptyRecord();
-}
-
 void HostGroup::addListRecord(RecordList& records, RecordType include, RecordType exclude) const {
     records.addRecord(mode_ == FilterMode::include ? include : exclude, group_);
     for (Source const& source : sources_)

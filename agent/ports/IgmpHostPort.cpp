@@ -96,7 +96,7 @@ void IgmpHostPort::attach(Nex::Ptr<Igmp::IgmpHost> host, std::string const& name
     v3groupDelAll();
     for (Lox::IpAddr const group : changedGroups_.walk()) changedGroups_.take(group);
     doNoteAll();
-    engine_.groupDelAll();
+    engine_.removeAllGroups();
     handleLocation();
     Nex::watch(host_, host, this);
     for (auto const& item : host->v3group()) handleGroup(item.key);
