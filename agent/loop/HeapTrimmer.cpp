@@ -1,6 +1,6 @@
 #include "agent/loop/HeapTrimmer.h"
 
-#include "Nex/Slab.h"
+#include "Nex/Ptr.h"
 
 #include <malloc.h>
 #include <utility>
@@ -13,7 +13,7 @@ namespace {
 constexpr double lookDelaySeconds = 10;
 /// How much unused memory is worth the work.
 constexpr std::size_t worthwhileOctets = 8 << 20;
-/// Free places of each slab that are looked at in one turn: about a millisecond in all.
+/// Free places of objects that are looked at in one turn: about a millisecond.
 constexpr std::size_t sliceLength = 5000;
 
 } // namespace
@@ -25,7 +25,7 @@ void HeapTrimmer::handleTurn() {
 
 void HeapTrimmer::doTrim() {
     trimmed_ = true;
-    if (Nex::Slab::trim(sliceLength)) return alarm_.arm(0);
+    if (Nex::PtrInterface::nexTrim(sliceLength)) return alarm_.arm(0);
     armed_ = false;
     struct mallinfo2 const heap = mallinfo2();
     if (heap.fordblks < worthwhileOctets || heap.fordblks < heap.uordblks / 4) return;

@@ -1,4 +1,4 @@
-// Gives memory back that a large change has left unused: the slabs' empty chunks to the heap, and
+// Gives memory back that a large change has left unused: the objects' empty chunks to the heap, and
 // the heap's pages to the kernel. The C library would keep whatever lies below memory in use.
 //
 // One alarm: it looks some time after the loop has been busy, and goes on in the next turn. An idle

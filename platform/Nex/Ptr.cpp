@@ -62,27 +62,24 @@ void PtrInterface::threadSafeIs(bool on) {
     unusualAllocation_ = on || plainAllocation;
 }
 
-/// Taken around the slabs where threads share them.
+/// Taken around the arena where threads share it.
 static constinit std::mutex mutex;
 
 void* PtrInterface::allocateUnusually(std::size_t bytes) {
-    if (plainAllocation || bytes > Slab::largest) return ::operator new(bytes);
+    if (plainAllocation || bytes > Arena::largest) return ::operator new(bytes);
     std::lock_guard const lock(mutex);
-    return Slab::of(bytes).take(bytes);
+    return arena_.take(bytes);
 }
 
 void PtrInterface::freeUnusually(void* object, std::size_t bytes) noexcept {
-    if (plainAllocation || bytes > Slab::largest) return ::operator delete(object);
+    if (plainAllocation || bytes > Arena::largest) return ::operator delete(object);
     std::lock_guard const lock(mutex);
-    Slab::of(bytes).giveBack(object);
+    arena_.giveBack(object, bytes);
 }
 
-bool Slab::trim(std::size_t most) {
+bool PtrInterface::nexTrim(std::size_t most) {
     std::lock_guard const lock(mutex);
-    bool more = false;
-    for (std::size_t at = 1; at < slabs.size(); ++at)
-        more = slabs[at].trim(at * granule, most) || more;
-    return more;
+    return arena_.trim(most);
 }
 
 } // namespace Nex

@@ -13,7 +13,7 @@
 // pointer is dropped, so also deep inside somebody's callback.
 #pragma once
 
-#include "Nex/Slab.h"
+#include "Nex/Arena.h"
 
 #include <atomic>
 #include <compare>
@@ -82,20 +82,22 @@ class PtrInterface {
     void nexDoZombieReactors(bool zombie) { zombieReactors_ = zombie; }
     bool nexZombieReactors() const { return zombieReactors_; }
 
-    /// Objects of one size come from slabs: a million small records cost no allocator headers, and
-    /// those made together lie together. A slab keeps its memory for later objects of its size
-    /// until it is trimmed. Beyond `Slab::largest` octets, and under the address sanitizer, each is
-    /// an allocation of its own. Throws std::bad_alloc.
+    /// Objects come from one arena: a million small records cost no allocator headers, and those
+    /// made together lie together. The arena keeps memory for later objects of the same size until
+    /// it is trimmed. Beyond `Arena::largest` octets, and under the address sanitizer, each is an
+    /// allocation of its own. Throws std::bad_alloc.
     [[gnu::always_inline]] static void* operator new(std::size_t bytes) {
-        if (bytes > Slab::largest || unusualAllocation_) [[unlikely]]
+        if (bytes > Arena::largest || unusualAllocation_) [[unlikely]]
             return allocateUnusually(bytes);
-        return Slab::of(bytes).take(bytes);
+        return arena_.take(bytes);
     }
     static void operator delete(void* object, std::size_t bytes) noexcept {
-        if (bytes > Slab::largest || unusualAllocation_) [[unlikely]]
+        if (bytes > Arena::largest || unusualAllocation_) [[unlikely]]
             return freeUnusually(object, bytes);
-        Slab::of(bytes).giveBack(object);
+        arena_.giveBack(object, bytes);
     }
+    /// `Arena::trim` of the objects' arena, on any thread where pointers may be shared.
+    static bool nexTrim(std::size_t most);
 
   protected:
     PtrInterface() = default;
@@ -115,7 +117,8 @@ class PtrInterface {
     static void freeUnusually(void* object, std::size_t bytes) noexcept;
 
     static inline bool threadSafe_ = false;
-    static bool unusualAllocation_; ///< threads share the slabs, or there are none
+    static inline constinit Arena arena_; ///< objects may outlive every other static object
+    static bool unusualAllocation_;       ///< threads share the arena, or there is none
     static inline DestructionObserver* destructionObserver_ = nullptr;
 
     alignas(4) mutable std::uint32_t references_ = 1;
@@ -187,7 +190,7 @@ class Ptr {
 /// constructor that may throw takes back what it has handed out of `this`.
 template <class T, class... Args>
 Ptr<T> newObject(Args&&... args) {
-    static_assert(alignof(T) <= alignof(std::uint64_t), "slabs are aligned no further");
+    static_assert(alignof(T) <= alignof(std::uint64_t), "the arena is aligned no further");
     return Ptr<T>::adopt(new T(std::forward<Args>(args)...));
 }
 

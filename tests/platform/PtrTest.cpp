@@ -82,100 +82,111 @@ TEST(PtrThreads, MayCopyDropAndCreateWhenSaidSo) {
     PtrInterface::threadSafeIs(false);
 }
 
-// Of the allocator that all objects share.
-TEST(SlabsTest, TakeBackWhatObjectsLeave) {
-    std::size_t const before = Slab::of(sizeof(Exposed)).heldBytes();
-    for (int n = 0; n < 100000; ++n) newObject<Exposed>();
-    EXPECT_LE(Slab::of(sizeof(Exposed)).heldBytes(), before + Slab::chunkBytes);
-}
-
-TEST(SlabsTest, AreTrimmedInSteps) {
-    Slab& slab = Slab::of(200);
-    std::vector<void*> objects(3000);
-    std::size_t const before = slab.heldBytes();
-    for (void*& object : objects) object = slab.take(200);
-    for (std::size_t at = 1; at < objects.size(); ++at) slab.giveBack(objects[at]);
-    int calls = 1;
-    while (Slab::trim(100)) ++calls;
-    EXPECT_GT(calls, 20);
-    EXPECT_LE(slab.heldBytes(), before + 2 * Slab::chunkBytes);
-    slab.giveBack(objects[0]);
-}
-
-/// The allocator itself, which the address sanitizer never sees at work: objects of one size, each
+/// The allocator of all objects, which the address sanitizer never sees at work: each object is
 /// filled with a number of its own.
-class SlabTest : public testing::TestWithParam<std::size_t> {
+class ArenaTest : public testing::TestWithParam<std::size_t> {
   protected:
-    ~SlabTest() override {
-        for (auto const& [object, number] : living_) slab_.giveBack(object);
+    ~ArenaTest() override {
+        giveBack([](std::size_t) { return true; });
         EXPECT_FALSE(trimmed());
-        EXPECT_EQ(slab_.heldBytes(), 0u);
+        EXPECT_EQ(arena_.heldBytes(), 0u);
     }
-    void take(std::size_t count) {
+    void take(std::size_t count, std::size_t bytes) {
         for (std::size_t n = 0; n < count; ++n) {
-            void* const object = slab_.take(bytes_);
-            EXPECT_EQ(reinterpret_cast<std::uintptr_t>(object) % Slab::granule, 0u);
-            std::memset(object, int(++taken_ % 251), bytes_);
-            ASSERT_TRUE(living_.emplace(object, taken_ % 251).second);
+            void* const object = arena_.take(bytes);
+            EXPECT_EQ(reinterpret_cast<std::uintptr_t>(object) % Arena::granule, 0u);
+            Living const fresh{bytes, int(++taken_ % 251)};
+            std::memset(object, fresh.number, bytes);
+            ASSERT_TRUE(living_.emplace(object, fresh).second);
         }
     }
     /// Those that `goes` names by the order of their addresses. What stays is as it was.
     void giveBack(std::function<bool(std::size_t)> const& goes) {
         std::size_t at = 0;
         for (auto next = living_.begin(); next != living_.end(); ++at) {
-            auto const [object, number] = *next;
+            auto const [object, living] = *next;
             auto const* const octets = static_cast<unsigned char const*>(object);
-            ASSERT_EQ(std::size_t(std::count(octets, octets + bytes_, number)), bytes_);
+            ASSERT_EQ(std::size_t(std::count(octets, octets + living.bytes, living.number)),
+                      living.bytes);
             if (!goes(at)) {
                 ++next;
                 continue;
             }
-            slab_.giveBack(object);
+            arena_.giveBack(object, living.bytes);
             next = living_.erase(next);
         }
     }
+    /// Whether a trim finds no end. In steps, as whoever has other work does it.
     bool trimmed() {
-        for (int calls = 0; slab_.trim(bytes_, 100); ++calls)
-            if (calls > 100000) return true;
+        for (steps_ = 1; arena_.trim(100); ++steps_)
+            if (steps_ > 100000) return true;
         return false;
     }
-    std::size_t chunks() const { return slab_.heldBytes() / Slab::chunkBytes; }
+    std::size_t chunks() const { return arena_.heldBytes() / Arena::chunkBytes; }
 
-    std::size_t const bytes_ = GetParam();
-    std::size_t const perChunk_ = Slab::chunkBytes / ((bytes_ + 7) / 8 * 8);
-    Slab slab_;
-    std::map<void*, std::size_t> living_;
+    struct Living {
+        std::size_t bytes;
+        int number;
+    };
+    Arena arena_;
+    std::map<void*, Living> living_;
     std::size_t taken_ = 0;
+    int steps_ = 0;
 };
-INSTANTIATE_TEST_SUITE_P(Sizes, SlabTest, testing::Values(8, 20, 56, 256));
+INSTANTIATE_TEST_SUITE_P(Sizes, ArenaTest, testing::Values(16, 20, 56, 256));
 
-TEST_P(SlabTest, NoTwoLivingObjectsShareRoomAndWhatIsFreeIsGivenBack) {
-    take(perChunk_);
+TEST_P(ArenaTest, NoTwoLivingObjectsShareRoomAndWhatIsFreeIsGivenBack) {
+    std::size_t const bytes = GetParam();
+    std::size_t const perChunk = Arena::chunkBytes / ((bytes + 7) / 8 * 8);
+    take(perChunk, bytes);
     giveBack([](std::size_t at) { return at % 2 == 0; });
-    take(perChunk_ / 2); // what went comes first
+    take(perChunk / 2, bytes); // what went comes first
     EXPECT_EQ(chunks(), 1u);
-    take(19 * perChunk_);
+    take(19 * perChunk, bytes);
     EXPECT_EQ(chunks(), 20u);
     giveBack([](std::size_t at) { return at % 3 == 0; });
     EXPECT_FALSE(trimmed());
     EXPECT_EQ(chunks(), 20u); // most of it lives
-    take(10);
-    giveBack([&](std::size_t at) { return at > 3 * perChunk_; });
+    take(10, bytes);
+    giveBack([&](std::size_t at) { return at > 3 * perChunk; });
     EXPECT_FALSE(trimmed());
+    EXPECT_GT(steps_, 20);
     std::size_t const left = chunks();
     EXPECT_LE(left, 6u); // a third of each chunk was free
     // What a trim found free comes before new chunks, and may go at the next trim.
-    take(left * perChunk_ - living_.size());
+    take(left * perChunk - living_.size(), bytes);
     EXPECT_EQ(chunks(), left);
-    take(perChunk_ + 1);
+    take(perChunk + 1, bytes);
     EXPECT_EQ(chunks(), left + 2);
     giveBack([](std::size_t at) { return at % 100 != 0; });
-    slab_.trim(bytes_, 50); // not to its end
-    take(5 * perChunk_ / 2);
+    arena_.trim(50); // not to its end
+    take(5 * perChunk / 2, bytes);
     giveBack([](std::size_t at) { return at % 7 != 0; });
     EXPECT_FALSE(trimmed());
     giveBack([](std::size_t) { return true; });
-    take(perChunk_ + 1); // from the start again
+    take(perChunk + 1, bytes); // from the start again
+}
+
+TEST_F(ArenaTest, ObjectsOfAllSizesShareChunks) {
+    constexpr std::size_t sizes[] = {88, 48, 256, 56, 72, 16}; // 536 octets
+    auto const takeAll = [&](std::size_t rounds) {
+        for (std::size_t n = 0; n < rounds; ++n)
+            for (std::size_t const bytes : sizes) take(1, bytes);
+    };
+    std::size_t const chunksNeeded = 3000 * 536 / Arena::chunkBytes + 1;
+    for (int times = 0; times < 3; ++times) {
+        takeAll(3000);
+        EXPECT_LE(chunks(), chunksNeeded); // the tails of the chunks are short
+        // Two chunks' objects stay, and in places of the others', a few in each chunk, come those
+        // of one size.
+        giveBack([](std::size_t at) { return at >= 1300; });
+        take(500, 256);
+        EXPECT_FALSE(trimmed());
+        take(500, 56);
+        EXPECT_LE(chunks(), chunksNeeded / 3);
+        giveBack([](std::size_t at) { return at % 50 != 0; });
+        arena_.trim(1000); // not to its end
+    }
 }
 
 } // namespace
