@@ -125,8 +125,8 @@ class Walk {
 };
 
 /// Neither copied nor moved. A key is hashed by `hashNumber` and compared by `==`; of an entry it
-/// never changes. An entry takes its key, its value and a mark in an array that doubles, beyond
-/// eight of them two more numbers of 32 bits for each place of the array.
+/// never changes. An entry takes its key, its value and a mark in an array that grows ahead of
+/// them, beyond eight of them two more numbers of 32 bits for each place of the array.
 ///
 /// As the map goes its values end in the order of insertion, and nobody may look at it meanwhile:
 /// an owner whose values bring something about takes them out first.
@@ -162,10 +162,8 @@ class Map {
     std::pair<Value*, bool> findOrInsert(Key const& key) {
         Probe const probe = probeFor(key);
         if (probe.at != none) return {&entries_[probe.at].value, false};
-        if (used_ == capacity_) [[unlikely]] {
-            makeRoom();
-            return {&add(key, probeFor(key)), true};
-        }
+        if (used_ == capacity_) [[unlikely]]
+            return {&makeRoomAndAdd(key), true};
         return {&add(key, probe), true};
     }
 
@@ -174,11 +172,11 @@ class Map {
     /// in the hand of the caller: that may run anything. Constant time but for the removals that
     /// leave the array three quarters empty: those move what is left.
     Value take(Key const& key) {
-        Position const at = positionOf(key);
-        if (at == none) return Value();
-        if (index_) removeFromIndex(slotOf(at));
-        Value value = std::move(entries_[at].value);
-        destroy(entries_[at]);
+        Probe const probe = probeFor(key);
+        if (probe.at == none) return Value();
+        if (index_) removeFromIndex(probe.slot);
+        Value value = std::move(entries_[probe.at].value);
+        destroy(entries_[probe.at]);
         --count_;
         if (walkers_ == 0) closeHoles();
         return value;
@@ -217,6 +215,8 @@ class Map {
     static constexpr Position none = ~Position(0);
     /// Up to here a look through the entries is as fast as an index.
     static constexpr Position unindexed = 8;
+    /// From here on the array takes many pages.
+    static constexpr Position manyPages = 4096;
     /// How far a neighbour-keeping index may push an entry from its slot before it is scattered,
     /// and how many entries one insertion may push.
     static constexpr std::uint32_t farthest = 16;
@@ -268,6 +268,9 @@ class Map {
         return (slot - homeOf(entries_[index_[slot] - 1].key)) & mask_;
     }
 
+    // Most lookups and insertions end after a few instructions, which become part of whoever makes
+    // them. The rest is kept out of line.
+
     /// Where the entry of a key is; if it is not, where its index entry belongs, and how far that
     /// is from home. Good until the next change: an insertion that needs no room takes it as it is,
     /// and looks once.
@@ -276,14 +279,25 @@ class Map {
         std::uint32_t slot;
         std::uint32_t away;
     };
-    Probe probeFor(Key const& key) const {
-        if (!index_) {
-            for (Position at = 0; at < used_; ++at)
-                if (entries_[at].live && entries_[at].key == key) return {at, 0, 0};
-            return {none, 0, 0};
-        }
-        std::uint32_t slot = homeOf(key);
-        for (std::uint32_t away = 0;; ++away, slot = (slot + 1) & mask_) {
+    [[gnu::always_inline]] Probe probeFor(Key const& key) const {
+        if (!index_) return lookThrough(key);
+        std::uint32_t const home = homeOf(key);
+        // Most keys stand at home, and where others do not, nothing does.
+        if (index_[home] == 0) return {none, home, 0};
+        Position const at = index_[home] - 1;
+        if (entries_[at].key == key) return {at, home, 0};
+        return probeBehind(home, key);
+    }
+    [[gnu::noinline]] Probe lookThrough(Key const& key) const {
+        for (Position at = 0; at < used_; ++at)
+            if (entries_[at].live && entries_[at].key == key) return {at, 0, 0};
+        return {none, 0, 0};
+    }
+    /// Another key stands at home.
+    [[gnu::noinline]] Probe probeBehind(std::uint32_t home, Key const& key) const {
+        std::uint32_t slot = home;
+        for (std::uint32_t away = 1;; ++away) {
+            slot = (slot + 1) & mask_;
             if (index_[slot] == 0) return {none, slot, away};
             Position const at = index_[slot] - 1;
             if (entries_[at].key == key) return {at, slot, away};
@@ -291,15 +305,7 @@ class Map {
             if (distance(slot) < away) return {none, slot, away};
         }
     }
-    Position positionOf(Key const& key) const {
-        if (index_) {
-            // Most keys stand at home.
-            Position const at = index_[homeOf(key)] - 1;
-            if (at == none) return none;
-            if (entries_[at].key == key) return at;
-        }
-        return probeFor(key).at;
-    }
+    Position positionOf(Key const& key) const { return probeFor(key).at; }
     /// There is room, and the key is not there. Throws what rebuilding the index throws; the entry
     /// is gone then.
     Value& add(Key const& key, Probe const& probe) {
@@ -307,27 +313,34 @@ class Map {
         ::new (&entries_[at]) Entry{key, true, Value()};
         ++used_;
         ++count_;
-        if (index_ && !addToIndex(at, probe.slot, probe.away)) {
-            try {
-                scatter();
-            } catch (...) { // the map is whole without an index, only slower
-                destroy(entries_[--used_]);
-                --count_;
-                throw;
-            }
+        if (index_) {
+            if (index_[probe.slot] == 0)
+                index_[probe.slot] = at + 1;
+            else
+                pushIntoIndex(at, probe);
         }
         return entries_[at].value;
+    }
+    [[gnu::noinline]] Value& makeRoomAndAdd(Key const& key) {
+        makeRoom();
+        return add(key, probeFor(key));
+    }
+    /// For the last entry, which goes where that fails.
+    [[gnu::noinline]] void pushIntoIndex(Position at, Probe const& probe) {
+        if (addToIndex(at, probe.slot, probe.away)) return;
+        try {
+            scatter();
+        } catch (...) { // the map is whole without an index, only slower
+            destroy(entries_[at]);
+            --used_;
+            --count_;
+            throw;
+        }
     }
     /// As if an entry had come and gone, so that positions of a walk stay what they are.
     void addHole() {
         if (used_ == capacity_) makeRoom();
         entries_[used_++].live = false;
-    }
-    /// Of a live entry.
-    std::uint32_t slotOf(Position at) const {
-        std::uint32_t slot = homeOf(entries_[at].key);
-        while (index_[slot] != at + 1) slot = (slot + 1) & mask_;
-        return slot;
     }
 
     /// Robin Hood insertion, from `slot` on, which is `away` from home: whoever is farther from
@@ -380,14 +393,17 @@ class Map {
         rebuildIndex();
     }
 
-    /// For one entry more. Where more than a quarter of the places are holes, closing them makes
-    /// it; a map whose entries come and go does not grow by that. Walks keep the holes, so then it
-    /// does.
+    /// For one entry more: twice the room, and four times a large one, so that entries are seldom
+    /// moved and indexed again. Pages of it that nothing has come to are not there yet; an index
+    /// that is hashed would be all over them. Where more than a quarter of the places are holes,
+    /// closing them makes it; a map whose entries come and go does not grow by that. Walks keep the
+    /// holes, so then it does.
     void makeRoom() {
         bool const manyHoles = count_ < used_ - used_ / 4;
         if (manyHoles && walkers_ == 0) return reseat(capacity_);
         if (capacity_ > (none >> 1)) throw std::bad_alloc();
-        reseat(capacity_ == 0 ? 4 : capacity_ * 2);
+        bool const isWide = capacity_ >= manyPages && capacity_ <= (none >> 3) && !scattered_;
+        reseat(capacity_ == 0 ? 4 : capacity_ * (isWide ? 4 : 2));
     }
     /// Nobody walks. Only those at the end go at once; the rest wait until three quarters are
     /// holes, so that a removal costs constant time in the long run.
@@ -493,13 +509,18 @@ class SmallMap {
 
     /// As of `Map`.
     std::pair<Value*, bool> findOrInsert(Key const& key) {
-        if (Value* found = find(key)) return {found, false};
-        if (used_ == N) becomeLarge();
-        if (isLarge()) return large()->findOrInsert(key);
-        unsigned const at = used_++;
-        small()[at] = Entry{key, Value()};
-        live_ = std::uint8_t(live_ | 1u << at);
-        return {&small()[at].value, true};
+        if (!isLarge()) {
+            unsigned const at = positionOf(key);
+            if (at < used_) return {&small()[at].value, false};
+            if (at < N) {
+                ++used_;
+                small()[at] = Entry{key, Value()};
+                live_ = std::uint8_t(live_ | 1u << at);
+                return {&small()[at].value, true};
+            }
+            becomeLarge();
+        }
+        return large()->findOrInsert(key);
     }
 
     /// As of `Map`.
