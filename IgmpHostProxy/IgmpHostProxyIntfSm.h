@@ -434,7 +434,8 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     /// The removal of a pair that nobody counts: it came from the forwarding table.
     void doRemoveUncounted(List list, GroupSource* entry, SourceGroup sg);
     void doRemoveAllUncounted(GroupSource& entry);
-    void doRemoveSpecific(List list, GroupSource* entry, SourceGroup sg);
+    /// `left` is the pair's count.
+    void doRemoveSpecific(List list, GroupSource* entry, SourceGroup sg, std::uint32_t left);
     void doRemoveAnyInclude(GroupSource* entry, SourceGroup sg);
     void doRemoveAnyExclude(GroupSource* entry, SourceGroup sg);
     /// The last reference of a specific source went: an empty group goes, too, unless other pairs

@@ -137,7 +137,7 @@ void IgmpHostProxyIntfSm::doRemove(List list, SourceGroup sg) {
     std::uint32_t const left = groupSourceRefCounterDec(sg, 1);
     IHP_TRACE(6, "Ref count for sg decremented, now is%", left);
     if (left > 0 && wanted(list, sg)) return;
-    if (sg.sourceAddr != anySource) return doRemoveSpecific(list, entry.get(), sg);
+    if (sg.sourceAddr != anySource) return doRemoveSpecific(list, entry.get(), sg, left);
     if (list == List::include)
         doRemoveAnyInclude(entry.get(), sg);
     else
@@ -194,9 +194,10 @@ void IgmpHostProxyIntfSm::doRemoveAllUncounted(GroupSource& entry) {
         if (uncounted(source)) entry.excludeSourceListDel(source);
 }
 
-void IgmpHostProxyIntfSm::doRemoveSpecific(List list, GroupSource* entry, SourceGroup sg) {
+void IgmpHostProxyIntfSm::doRemoveSpecific(List list, GroupSource* entry, SourceGroup sg,
+                                           std::uint32_t left) {
     bool const include = list == List::include;
-    if (groupSourceRefCounter(sg) > 0) {
+    if (left > 0) {
         // What is left are references in the other mode: the source changes lists.
         if (include) {
             IHP_TRACE(6, "Ref counter > 0, so adding source to excludeSource"
