@@ -622,7 +622,7 @@ class SmallMap {
 /// Walks of these yield bare keys. `findOrInsert(key).second` says whether the key is new.
 template <class Key>
 using Set = Map<Key, Nothing>;
-template <class Key, std::size_t N = 5>
+template <class Key, std::size_t N = 4>
 using SmallSet = SmallMap<Key, Nothing, N>;
 
 /// The key of what a walk yields.

@@ -67,8 +67,8 @@
 
 namespace Nex {
 
-/// Most sets and maps of small keys hold few of them: those stand inside the record, five keys of a
-/// set or four pairs of a map, and nothing is allocated up to there. Ten thousand groups with a
+/// Most sets and maps of small keys hold few of them: those stand inside the record, four keys of a
+/// set or pairs of a map, and nothing is allocated up to there. Ten thousand groups with a
 /// source each are ten thousand records and no table.
 template <class Key>
 inline constexpr bool isSmall = std::is_trivially_copyable_v<Key> && sizeof(Key) <= 4;
