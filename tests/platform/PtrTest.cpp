@@ -187,6 +187,9 @@ TEST_F(ArenaTest, ObjectsOfAllSizesShareChunks) {
         giveBack([](std::size_t at) { return at % 50 != 0; });
         arena_.trim(1000); // not to its end
     }
+    giveBack([](std::size_t at) { return at > 0; });
+    EXPECT_FALSE(trimmed());
+    EXPECT_LE(chunks(), 2u); // the one of that object, and the one that is being used up
 }
 
 } // namespace
