@@ -1,0 +1,400 @@
+#!/usr/bin/python3
+"""Has every system call of the agent fail, and shows that the agent comes right by itself.
+
+failures.py BUILD                     each use of each system call in a scenario, with each error
+failures.py BUILD --sample 50         some of them
+failures.py BUILD --only FAULT...     these, such as sendto:ENOBUFS:3, the third sendto
+
+The scenario: start with groups of the file, of a list and of the kernel's routes, routes that come
+and go, two reloads, the link down and up, a general query, all that can be asked, and the end. It
+runs in a private network with a bridge for a router, which must know what is wanted at each resting
+point. The fault is made by strace in the main thread, from main() on; one that begins with "worker:"
+in the thread beside it, which reads files and routes, and counts from when the agent is ready.
+
+An agent may refuse to start and say why; it is started again without the fault. Once it was ready it
+must not end. A refused reload says so, and the next one counts. Nothing leaks, nothing spins.
+Exits with 0 if all is so, and with 77 where the kernel or a missing strace forbids it.
+"""
+
+import argparse
+import collections
+import concurrent.futures
+import contextlib
+import ctypes
+import importlib.machinery
+import json
+import os
+import pathlib
+import random
+import re
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+import urllib.request
+
+sys.dont_write_bytecode = True
+SCRIPTS = pathlib.Path(__file__).resolve().parents[2] / "scripts"
+net = importlib.machinery.SourceFileLoader("net", str(SCRIPTS / "private-network")).load_module()
+
+# What the kernel may answer. "=1" is a result, though the call is not made: nothing written, a packet
+# that is lost on its way, the end of the heap where it was.
+ERRORS = {call: errors.split() for calls, errors in (
+    ("accept4", "EMFILE ECONNABORTED EINTR ENOBUFS"),
+    ("bind", "EADDRINUSE ENOMEM"),
+    ("brk", "=0"),
+    ("capset prlimit64", "EPERM"),
+    ("chmod lchown", "EIO EPERM"),
+    ("clone3", "EAGAIN"),
+    ("connect", "EAGAIN EINTR ECONNREFUSED"),
+    ("epoll_create1 eventfd2 signalfd4 timerfd_create", "EMFILE ENOMEM"),
+    ("epoll_ctl", "ENOMEM ENOSPC"),
+    ("epoll_wait rt_sigtimedwait", "EINTR"),
+    ("fcntl", "EMFILE"),
+    ("getsockname getsockopt", "ENOBUFS"),
+    ("listen", "EADDRINUSE"),
+    ("mmap mprotect", "ENOMEM"),
+    ("newfstatat unlink", "EACCES EIO"),
+    ("openat", "EMFILE ENFILE EACCES EIO ENOSPC"),
+    ("poll", "EINTR ENOMEM"),
+    ("read", "EIO EINTR"),
+    ("recvfrom", "EAGAIN EINTR ECONNRESET ENOMEM"),
+    ("recvmmsg", "EINTR ENETDOWN ENOMEM"),
+    ("recvmsg", "ENOBUFS EINTR ENOMEM"),
+    ("rename", "EIO ENOSPC EACCES"),
+    ("sendmmsg", "ENOBUFS EAGAIN ENETDOWN EPERM EINTR =1"),
+    ("sendto", "ENOBUFS EAGAIN EINTR EPERM EPIPE"),
+    ("setsockopt", "ENOBUFS EPERM"),
+    ("shutdown", "ENOTCONN"),
+    ("socket", "EMFILE ENOBUFS EPERM"),
+    ("write", "ENOSPC EIO EINTR =0"),
+) for call in calls.split()}
+# Uses that cannot fail, by what strace writes of them.
+SOUND = re.compile("|".join((
+    r"close\(",  # whatever it answers, the descriptor is gone; strace would have it stay
+    r"epoll_ctl\(.*EPOLL_CTL_(DEL|MOD)",
+    r"(read|write)\(\d+<anon_inode:",  # a counter or timer that is not waited for
+    r"(timerfd_settime|munmap|madvise|futex|rt_sig(procmask|action)|sigaltstack|sched_\w+)\(",
+    r"(prctl|capget|lseek|rseq|set_robust_list|getrandom|get\w+id|getrusage|uname|exit\w*)\(",
+)))
+# A sanitizer's runtime ends where it gets none of it.
+MEMORY = {"brk", "mmap", "mprotect"}
+MAIN_BEGINS = "rt_sigprocmask(SIG_BLOCK, [HUP INT USR1 TERM]"
+
+RECOVERY_SECONDS = 20
+QUERY_SECONDS = 2
+MEMBERSHIP_SECONDS = 30
+LEAVE_SECONDS = 5
+METRICS = "127.0.0.1:9123"
+FIRST = f"""
+metrics = {{ listen = "{METRICS}" }}
+forwarding-table = {{ require-output = false }}
+[interface.up0]
+access-lists = ["list"]
+[interface.up0.group]
+"239.1.1.1" = {{}}
+"239.1.1.2" = {{ include = ["10.0.0.1"] }}
+[[access-list.list]]
+sequence = 10
+action = "permit"
+source = "10.1.1.1"
+destination = "239.1.2.0/31"
+"""
+SECOND = FIRST.replace("239.1.1.1", "239.1.1.3").replace("239.1.2.0/31", "239.1.2.1")
+CONFIGURED, LISTED, ROUTED = (net.wish([source], [])
+                              for source in ("10.0.0.1", "10.1.1.1", "10.99.0.7"))
+FIRST_WISH = {"239.1.1.1": net.wish([], []), "239.1.1.2": CONFIGURED, "239.1.2.0": LISTED,
+              "239.1.2.1": LISTED}
+SECOND_WISH = {"239.1.1.3": net.wish([], []), "239.1.1.2": CONFIGURED, "239.1.2.1": LISTED}
+
+
+@contextlib.contextmanager
+def inside(name):
+    """This process, and what it starts, in the network namespace."""
+    setns = ctypes.CDLL(None, use_errno=True).setns
+    with open("/proc/self/ns/net") as outside, open(f"/run/netns/{name}") as there:
+        if setns(there.fileno(), 0) != 0:
+            raise net.Forbidden(f"{name}: {os.strerror(ctypes.get_errno())}")
+        try:
+            yield
+        finally:
+            setns(outside.fileno(), 0)
+
+
+class Router:
+    """Multicast routes as a routing daemon sets them, by the options of linux/mroute.h."""
+
+    def __init__(self):
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_IGMP)
+        self.socket.setsockopt(socket.IPPROTO_IP, 200, 1)  # MRT_INIT
+        self.take_interface(True)
+
+    def take_interface(self, present):
+        option, by_index = 202 if present else 203, 8  # MRT_ADD_VIF, MRT_DEL_VIF
+        self.socket.setsockopt(socket.IPPROTO_IP, option, struct.pack(
+            "HBBIi4x", 0, by_index, 1, 0, socket.if_nametoindex(net.INTERFACE)))
+
+    def take_route(self, group, present):
+        option = 204 if present else 205  # MRT_ADD_MFC, MRT_DEL_MFC
+        self.socket.setsockopt(socket.IPPROTO_IP, option, struct.pack(
+            "4s4sH32xxx12x4x", socket.inet_aton("10.99.0.7"), socket.inet_aton(group), 0))
+
+
+class Scenario:
+    """One run, with a fault or, where that is empty, without."""
+
+    def __init__(self, build, folder, far, worker, fault):
+        self.build, self.folder, self.far, self.worker = build, folder, far, worker
+        self.tracer = ["strace", "-y", "-ttt", "-o", f"{folder}/trace"]
+        if fault:
+            call, error, count = fault.split(":")
+            result = f"retval{error}" if error[0] == "=" else f"error={error}"
+            self.tracer.append(f"--inject={call}:{result}:when={count}")
+        self.process = None
+        self.refusal = ""  # what the agent wrote as it refused to start
+
+    def output(self):
+        return net.output_of(self.folder)
+
+    def begin(self, traced):
+        with open(f"{self.folder}/output", "w") as output:
+            self.process = subprocess.Popen(
+                [*([*self.tracer, "-D"] if traced else []), f"{self.build}/agent/ihproxyd",
+                 "--config", f"{self.folder}/file", "--status", f"{self.folder}/status.json",
+                 "--state", f"{self.folder}/state", "--control", f"{self.folder}/control"],
+                stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
+                # Looking for leaks takes a tracer of its own.
+                env=dict(os.environ, ASAN_OPTIONS="detect_leaks=0"))
+        self.wait("ready", lambda: "ready" in self.output().splitlines())
+
+    def start(self):
+        try:
+            self.begin(traced=not self.worker)
+        except net.Failure:
+            self.refusal = self.output()
+            if (self.process.poll() or -1) < 0 or not self.refusal:
+                raise
+            self.begin(traced=False)
+        if self.worker:
+            main, thread = sorted(os.listdir(f"/proc/{self.process.pid}/task"), key=int)
+            self.attached = subprocess.Popen([*self.tracer, "-p", thread],
+                                             stderr=subprocess.PIPE, text=True)
+            self.attached.stderr.readline()
+
+    def wait(self, what, condition):
+        if not net.wait_until(RECOVERY_SECONDS, self.process, self.folder, condition):
+            raise net.Failure(f"not in time: {what}; the agent wrote:\n{self.output()}")
+
+    def expect(self, when, wish):
+        self.wish = wish
+        self.wait(f"the bridge's groups after {when}", lambda: net.learned(self.far) == wish)
+
+    def ask(self, command):
+        return subprocess.run([f"{self.build}/agent/ihproxyctl", "--control",
+                               f"{self.folder}/control", command], capture_output=True, text=True)
+
+    def configure(self, text):
+        pathlib.Path(self.folder, "file").write_text(text)
+
+    def reload_by_signal(self, text, wish):
+        self.configure(text)
+        before = len(self.output())
+        self.process.send_signal(signal.SIGHUP)
+        self.wait("it is in force, or an error is told", lambda: net.learned(self.far) == wish or
+                  "error: " in self.output()[before:])
+        if net.learned(self.far) != wish:
+            self.process.send_signal(signal.SIGHUP)
+        self.expect("a reload by signal", wish)
+
+    def reload_by_request(self, text, wish):
+        self.configure(text)
+        told = [done.stderr for done in (self.ask("reload"), self.ask("reload")) if done.returncode]
+        if len(told) > 1 or "" in told:
+            raise net.Failure(f"reloads are refused: {told}")
+        self.expect("a reload by request", wish)
+
+    def oldest(self):
+        """Seconds since the bridge has heard of the group of which it has not heard for longest."""
+        shown = json.loads(net.run("bridge", "-n", self.far, "-d", "-s", "-j", "mdb", "show"))
+        timers = [max(float(each["timer"]) for each in (entry, *entry.get("source_list", [])))
+                  for entry in shown[0]["mdb"] if entry["grp"] in self.wish and "src" not in entry]
+        return MEMBERSHIP_SECONDS - min(timers)
+
+    def figures_come(self):
+        with contextlib.suppress(OSError):
+            with urllib.request.urlopen(f"http://{METRICS}/metrics", timeout=5) as answer:
+                return answer.read().endswith(b"# EOF\n")
+        return False
+
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+
+    def processor_seconds(self):
+        stat = pathlib.Path(f"/proc/{self.process.pid}/stat").read_text().rpartition(")")[2].split()
+        return (int(stat[11]) + int(stat[12])) / os.sysconf("SC_CLK_TCK")
+
+    def bridge(self, *settings):
+        net.run("ip", "-n", self.far, "link", "set", "br0", "type", "bridge",
+                *(str(each) for each in settings))
+
+    def play(self, usual):
+        """The run's figures, which must not be far above the usual ones."""
+        for name, seconds in (("query", QUERY_SECONDS), ("startup_query", QUERY_SECONDS),
+                              ("query_response", 1), ("last_member", 0.5),
+                              ("membership", MEMBERSHIP_SECONDS)):
+            self.bridge(f"mcast_{name}_interval", int(100 * seconds))
+        router = Router()
+        router.take_route("239.3.1.1", True)
+        self.configure(FIRST)
+        self.start()
+        self.expect("the start", FIRST_WISH | {"239.3.1.1": ROUTED})
+        self.wait("an answer to ihproxyctl", lambda: self.ask("status").returncode == 0)
+        router.take_route("239.3.1.2", True)
+        router.take_route("239.3.1.1", False)
+        routed = {"239.3.1.2": ROUTED}
+        self.expect("changes of routes", FIRST_WISH | routed)
+        for present in False, True:
+            router.take_interface(present)
+            self.expect("a reading of all routes", FIRST_WISH | (routed if present else {}))
+        self.reload_by_signal(SECOND, SECOND_WISH | routed)
+        net.run("ip", "link", "set", net.INTERFACE, "down")
+        self.wait("the bridge forgets its port", lambda: not net.learned(self.far))
+        net.run("ip", "link", "set", net.INTERFACE, "up")
+        self.expect("the link's return", SECOND_WISH | routed)
+        self.reload_by_request(FIRST, FIRST_WISH | routed)
+        self.wait("the status file", lambda: net.announced(self.process, self.folder) == self.wish)
+        self.wait("figures", self.figures_come)
+        time.sleep(1.5)  # the repeats of what was told; what comes then answers
+        self.bridge("mcast_querier", 0)
+        self.bridge("mcast_querier", 1)
+        self.wait("an answer to a query", lambda: self.oldest() < 1.4)
+        if usual:
+            self.wait("as many descriptors as usual",
+                      lambda: self.descriptors() == usual["descriptors"])
+        found = {"descriptors": self.descriptors(), "seconds": self.processor_seconds()}
+        return found | self.end(usual, found)
+
+    def end(self, usual, found):
+        end = time.time()
+        self.process.send_signal(signal.SIGTERM)
+        if (status := self.process.wait(RECOVERY_SECONDS)) != 0:
+            raise net.Failure(f"it ends with status {status}:\n{self.output()}")
+        if self.worker:
+            self.attached.wait()
+        trace = pathlib.Path(self.folder, "trace").read_text(errors="replace").splitlines()
+        struck = [float(line.split()[0]) for line in trace if "(INJECTED)" in line]
+        # A leave that was lost now is not told again for ever; the bridge goes by its own time.
+        limit = LEAVE_SECONDS + (MEMBERSHIP_SECONDS if struck and struck[-1] > end else 0)
+        while left := net.learned(self.far):
+            if time.time() > end + limit:
+                raise net.Failure(f"{left} not left in {limit} s:\n{self.output()}")
+            time.sleep(0.1)
+        found |= {"calls": len(trace), "struck": bool(struck), "refusal": self.refusal}
+        for name, slack in ("seconds", 0.5), ("calls", 500):
+            if usual and found[name] > 2 * usual[name] + slack:
+                raise net.Failure(f"{found[name]} {name}, usually {usual[name]}:\n{self.output()}")
+        if re.search("Sanitizer|runtime error", self.output() + self.refusal):
+            raise net.Failure(self.output() + self.refusal)
+        return found | ({} if usual else {"trace": trace})
+
+
+def run(build, fault, usual, kept):
+    """The figures of a run, or what went wrong, in words."""
+    with tempfile.TemporaryDirectory() as folder, net.network() as (near, far), inside(near):
+        worker = fault.startswith("worker:")
+        scenario = Scenario(build, folder, far, worker, fault.removeprefix("worker:"))
+        try:
+            return scenario.play(usual)
+        except (net.Failure, subprocess.TimeoutExpired, OSError, ValueError) as failure:
+            return str(failure) or repr(failure)
+        finally:
+            if scenario.process:
+                scenario.process.kill()
+                scenario.process.wait()
+            if kept and os.path.exists(f"{folder}/trace"):
+                shutil.copy(f"{folder}/trace", kept)
+
+
+def offered(trace, place, exempt):
+    """The faults that a run without one offers, with `place` before their names."""
+    uses, begun = collections.Counter(), place != ""
+    for line in trace:
+        text = line.split(maxsplit=1)[1]
+        name = text.partition("(")[0]
+        uses[name] += 1
+        begun = begun or text.startswith(MAIN_BEGINS)
+        if not begun or not name.isidentifier() or SOUND.match(text) or name in exempt:
+            continue
+        if name not in ERRORS:
+            raise net.Failure(f"what can {name} fail with? {text}")
+        for error in ERRORS[name]:
+            yield f"{place}{name}:{error}:{uses[name]}"
+
+
+def results(tried, usual, chosen):
+    """Each fault with what came of it, as the runs end."""
+    runs = concurrent.futures.ProcessPoolExecutor(chosen.j)
+    try:
+        begun = {runs.submit(run, chosen.build, fault, usual["worker:" * fault.startswith("worker:")],
+                             chosen.trace): fault for fault in tried}
+        for done in concurrent.futures.as_completed(begun):
+            yield begun[done], done.result()
+    finally:
+        runs.shutdown(cancel_futures=True)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("build", type=os.path.abspath, help="the folder that the agent was built in")
+    parser.add_argument("--only", metavar="FAULT", nargs="+", help="these faults")
+    parser.add_argument("--sample", type=int, metavar="N", help="so many faults, by chance")
+    parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--trace", metavar="FILE", help="where the last run's trace is copied to")
+    parser.add_argument("-j", type=int, default=2 * os.cpu_count(), help="runs at the same time")
+    chosen = parser.parse_args()
+    if not shutil.which("strace"):
+        raise net.Forbidden("there is no strace")
+    exempt = MEMORY if b"__asan_init" in pathlib.Path(chosen.build, "agent/ihproxyd").read_bytes() \
+        else set()
+    usual, known = {}, []
+    for place in "", "worker:":
+        usual[place] = run(chosen.build, place, None, None)
+        if isinstance(usual[place], str):
+            raise net.Failure(f"without a fault: {usual[place]}")
+        known += offered(usual[place].pop("trace"), place, exempt)
+    tried = chosen.only or known
+    if chosen.sample:
+        tried = random.Random(chosen.seed).sample(tried, min(chosen.sample, len(tried)))
+    count = collections.Counter()
+    begun = time.monotonic()
+    for fault, result in results(tried, usual, chosen):
+        failed = isinstance(result, str)
+        count["failed"] += failed
+        if failed:
+            print(f"--only {fault}\n    " + result.replace("\n", "\n    "), flush=True)
+            continue
+        count["struck"] += result["struck"]
+        count["refused"] += bool(result["refusal"])
+        if result["refusal"]:
+            print(f"{fault} refuses the start: {result['refusal'].splitlines()[-1]}", flush=True)
+    print(f"{len(tried)} of {len(known)} faults in {time.monotonic() - begun:.0f} s: "
+          f"{count['struck']} came about in runs that passed, {count['refused']} of them at the"
+          f" start; {count['failed']} failed")
+    return 1 if count["failed"] else 0
+
+
+# As an exception it unwinds the networks.
+signal.signal(signal.SIGTERM, lambda number, frame: sys.exit(128 + number))
+try:
+    sys.exit(main())
+except net.Forbidden as failure:
+    print(f"skipped: {failure}", file=sys.stderr)
+    sys.exit(77)
+except net.Failure as failure:
+    print(failure, file=sys.stderr)
+    sys.exit(1)
