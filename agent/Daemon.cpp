@@ -25,6 +25,10 @@ constexpr double metricsRetrySeconds = 5;
 /// How soon the attempt to recover is repeated, in seconds.
 constexpr double rebuildSeconds = 1;
 
+/// How soon, and how often, the agent tries to say that it is ready.
+constexpr double sayReadySeconds = 1;
+constexpr unsigned mostReadyTries = 10;
+
 /// As obstacles name it.
 constexpr char metricsSubject[] = "metrics";
 
@@ -296,11 +300,17 @@ void Daemon::handleTurn() {
     ready_ = true;
     // What an earlier run announced, where nobody asks for it now, waits for this.
     hosts_->handleConfiguration();
-    writeAtOnce(STDOUT_FILENO, "ready\n");
+    doSayReady();
     serviceNotify("READY=1");
     log(LogLevel::debug, "ready, {} groups announced so far", hosts_->memberCount());
     hosts_->handleTurn(EventLoop::now());
     service_.doTell();
+}
+
+/// Somebody may wait for it who is slow to read what was written before, or not there at all.
+void Daemon::doSayReady() {
+    if (writeAtOnce(STDOUT_FILENO, "ready\n") || ++readyTries_ == mostReadyTries) return;
+    sayReady_.arm(sayReadySeconds);
 }
 
 /// What beside the groups goes by the configuration. Not in a copy of the agent, whose turns are

@@ -85,6 +85,7 @@ class Daemon : private Reloader::Target {
     void doSetLogLevel(std::string const& name, double seconds);
     void doFollowTime();
     void handleTurn();
+    void doSayReady();
     void handleReload();
     void doReload(Reloader::Request request);
     void handleStatus();
@@ -135,6 +136,8 @@ class Daemon : private Reloader::Target {
     std::optional<MetricsServer> metrics_;
     std::string metricsListen_; ///< where it is, or is to be
     Alarm metricsRetry_{loop_, [this] { doServeMetrics(metricsListen_); }};
+    Alarm sayReady_{loop_, [this] { doSayReady(); }};
+    unsigned readyTries_ = 0;
     Alarm formerLevel_{loop_, [this] { setLogLevel(levelBefore_); }};
     LogLevel levelBefore_{};  ///< to be returned to
     bool damaged_ = false;    ///< what stands between the configuration and the ports
