@@ -3,6 +3,7 @@
 #include "Nex/Error.h"
 #include "agent/loop/SystemError.h"
 
+#include <cerrno>
 #include <sched.h>
 
 namespace Agent {
@@ -29,8 +30,10 @@ NamespaceScope::NamespaceScope(int namespaceFd) {
 }
 
 NamespaceScope::~NamespaceScope() {
-    if (outside_.get() >= 0 && setns(outside_.get(), CLONE_NEWNET) < 0)
-        Nex::assertionFailed("the way back from a network namespace");
+    if (outside_.get() < 0) return;
+    // The kernel makes a record of the thread's namespaces anew, for which it may lack memory.
+    while (setns(outside_.get(), CLONE_NEWNET) < 0)
+        if (errno != ENOMEM) Nex::assertionFailed("the way back from a network namespace");
 }
 
 } // namespace Agent
