@@ -19,10 +19,15 @@
 
 namespace Agent {
 
-void serviceNotify(std::string_view assignment) {
+namespace {
+
+constexpr std::string_view ready = "READY=1";
+
+/// Whether nothing is left to be told.
+bool doNotify(std::string_view assignment) {
     char const* const path = std::getenv("NOTIFY_SOCKET");
     sockaddr_un address{};
-    if (!path || std::strlen(path) < 2 || std::strlen(path) >= sizeof address.sun_path) return;
+    if (!path || std::strlen(path) < 2 || std::strlen(path) >= sizeof address.sun_path) return true;
     address.sun_family = AF_UNIX;
     std::size_t const length = std::strlen(path);
     std::copy_n(path, length, address.sun_path);
@@ -31,10 +36,20 @@ void serviceNotify(std::string_view assignment) {
     static FileDescriptor socketFd;
     if (socketFd.get() < 0)
         socketFd = FileDescriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    static_cast<void>(sendto(socketFd.get(), assignment.data(), assignment.size(),
-                             MSG_NOSIGNAL | MSG_DONTWAIT,
-                             reinterpret_cast<sockaddr const*>(&address),
-                             socklen_t(offsetof(sockaddr_un, sun_path) + length)));
+    return sendto(socketFd.get(), assignment.data(), assignment.size(), MSG_NOSIGNAL | MSG_DONTWAIT,
+                  reinterpret_cast<sockaddr const*>(&address),
+                  socklen_t(offsetof(sockaddr_un, sun_path) + length)) >= 0;
+}
+
+} // namespace
+
+bool serviceNotify(std::string_view assignment) {
+    // A start or a reload whose end is not heard of would pass for one that hangs.
+    static bool readyOwed = false;
+    if (readyOwed) readyOwed = !doNotify(ready);
+    bool const taken = doNotify(assignment);
+    if (assignment == ready) readyOwed = !taken;
+    return taken;
 }
 
 void serviceReloading() {

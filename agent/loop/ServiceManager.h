@@ -5,9 +5,10 @@
 
 namespace Agent {
 
-/// Sends an assignment such as "READY=1" or "STOPPING=1". Without a service manager, or when it
-/// does not listen or has too much to read already, nothing happens.
-void serviceNotify(std::string_view assignment);
+/// Sends an assignment such as "READY=1" or "STOPPING=1". Returns false when the service manager
+/// does not listen or has too much to read already; that the agent is ready is then told before the
+/// next assignment. Without a service manager nothing happens.
+bool serviceNotify(std::string_view assignment);
 
 /// That a reload begins, which "READY=1" ends.
 void serviceReloading();

@@ -39,7 +39,7 @@ void ServiceStatus::doTell() {
     change_.disarm();
     std::string text = text_();
     if (text == told_) return;
-    serviceNotify("STATUS=" + text);
+    if (!serviceNotify("STATUS=" + text)) return change_.arm(tellSeconds);
     told_ = std::move(text);
 }
 

@@ -1,8 +1,9 @@
 // What the service manager is told beside the phases of the agent's life, where it listens
 // (NOTIFY_SOCKET): how the agent fares, in a line, and that its loop turns.
 //
-// Two alarms: one tells the line a second after a change, with all that has changed by then; the
-// other repeats the sign of life at half of the time that the service manager waits for it.
+// Two alarms: one tells the line a second after a change, with all that has changed by then, and
+// again while it is not taken; the other repeats the sign of life at half of the time that the
+// service manager waits for it.
 #pragma once
 
 #include "agent/loop/Alarm.h"
