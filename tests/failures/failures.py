@@ -5,11 +5,12 @@ failures.py BUILD                     each use of each system call in a scenario
 failures.py BUILD --sample 50         some of them
 failures.py BUILD --only FAULT...     these, such as sendto:ENOBUFS:3, the third sendto
 
-The scenario: start with groups of the file, of a list and of the kernel's routes, routes that come
-and go, two reloads, the link down and up, a general query, all that can be asked, and the end. It
-runs in a private network with a bridge for a router, which must know what is wanted at each resting
-point. The fault is made by strace in the main thread, from main() on; one that begins with "worker:"
-in the thread beside it, which reads files and routes, and counts from when the agent is ready.
+The scenario: start with groups of the file, of a list and of the kernel's routes, and in another
+namespace, routes that come and go, two reloads, the link down and up, a general query, all that can
+be asked, and the end. It runs in a private network with a bridge for a router, which must know what
+is wanted at each resting point. The fault is made by strace in the main thread, from main() on; one
+that begins with "worker:" in a thread beside it, which reads files and routes, from the word "ready"
+on.
 
 An agent may refuse to start and say why; it is started again without the fault. Once it was ready it
 must not end. A refused reload says so, and the next one counts. Nothing leaks, nothing spins.
@@ -21,6 +22,7 @@ import collections
 import concurrent.futures
 import contextlib
 import ctypes
+import http.client
 import importlib.machinery
 import json
 import os
@@ -58,7 +60,7 @@ ERRORS = {call: errors.split() for calls, errors in (
     ("getsockname getsockopt", "ENOBUFS"),
     ("listen", "EADDRINUSE"),
     ("mmap mprotect", "ENOMEM"),
-    ("newfstatat unlink", "EACCES EIO"),
+    ("fstatfs ioctl newfstatat unlink", "EACCES EIO"),
     ("openat", "EMFILE ENFILE EACCES EIO ENOSPC"),
     ("poll", "EINTR ENOMEM"),
     ("read", "EIO EINTR"),
@@ -70,6 +72,7 @@ ERRORS = {call: errors.split() for calls, errors in (
     ("sendto", "ENOBUFS EAGAIN EINTR EPERM EPIPE"),
     ("setsockopt", "ENOBUFS EPERM"),
     ("shutdown", "ENOTCONN"),
+    ("setns", "ENOMEM"),
     ("socket", "EMFILE ENOBUFS EPERM"),
     ("write", "ENOSPC EIO EINTR =0"),
 ) for call in calls.split()}
@@ -103,6 +106,11 @@ sequence = 10
 action = "permit"
 source = "10.1.1.1"
 destination = "239.1.2.0/31"
+[interface.up1]
+vrf = "other"
+group = {{ "239.1.4.1" = {{}} }}
+[vrf.other]
+namespace = "NAMESPACE"
 """
 SECOND = FIRST.replace("239.1.1.1", "239.1.1.3").replace("239.1.2.0/31", "239.1.2.1")
 CONFIGURED, LISTED, ROUTED = (net.wish([source], [])
@@ -154,6 +162,8 @@ class Scenario:
             call, error, count = fault.split(":")
             result = f"retval{error}" if error[0] == "=" else f"error={error}"
             self.tracer.append(f"--inject={call}:{result}:when={count}")
+        self.manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.manager.bind(f"{folder}/manager")
         self.process = None
         self.refusal = ""  # what the agent wrote as it refused to start
 
@@ -168,8 +178,18 @@ class Scenario:
                  "--state", f"{self.folder}/state", "--control", f"{self.folder}/control"],
                 stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
                 # Looking for leaks takes a tracer of its own.
-                env=dict(os.environ, ASAN_OPTIONS="detect_leaks=0"))
+                env=dict(os.environ, NOTIFY_SOCKET=f"{self.folder}/manager",
+                         WATCHDOG_USEC="4000000", ASAN_OPTIONS="detect_leaks=0"))
         self.wait("ready", lambda: "ready" in self.output().splitlines())
+        self.wait("the service manager hears of it", self.manager_hears)
+
+    def manager_hears(self):
+        """Whether a start or reload is over."""
+        heard = []
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                heard.append(self.manager.recv(4096, socket.MSG_DONTWAIT))
+        return b"READY=1" in heard
 
     def start(self):
         try:
@@ -180,8 +200,8 @@ class Scenario:
                 raise
             self.begin(traced=False)
         if self.worker:
-            main, thread = sorted(os.listdir(f"/proc/{self.process.pid}/task"), key=int)
-            self.attached = subprocess.Popen([*self.tracer, "-p", thread],
+            beside = sorted(map(int, os.listdir(f"/proc/{self.process.pid}/task")))[1]
+            self.attached = subprocess.Popen([*self.tracer, "-p", str(beside)],
                                              stderr=subprocess.PIPE, text=True)
             self.attached.stderr.readline()
 
@@ -191,14 +211,18 @@ class Scenario:
 
     def expect(self, when, wish):
         self.wish = wish
-        self.wait(f"the bridge's groups after {when}", lambda: net.learned(self.far) == wish)
+        self.wait(f"the bridge's groups after {when}", self.is_right)
+
+    def is_right(self):
+        return net.learned(self.far) == self.wish and \
+            net.learned(self.far, "down1") == {"239.1.4.1": net.wish([], [])}
 
     def ask(self, command):
         return subprocess.run([f"{self.build}/agent/ihproxyctl", "--control",
                                f"{self.folder}/control", command], capture_output=True, text=True)
 
     def configure(self, text):
-        pathlib.Path(self.folder, "file").write_text(text)
+        pathlib.Path(self.folder, "file").write_text(text.replace("NAMESPACE", self.far))
 
     def reload_by_signal(self, text, wish):
         self.configure(text)
@@ -209,6 +233,7 @@ class Scenario:
         if net.learned(self.far) != wish:
             self.process.send_signal(signal.SIGHUP)
         self.expect("a reload by signal", wish)
+        self.wait("the service manager hears of it", self.manager_hears)
 
     def reload_by_request(self, text, wish):
         self.configure(text)
@@ -225,7 +250,7 @@ class Scenario:
         return MEMBERSHIP_SECONDS - min(timers)
 
     def figures_come(self):
-        with contextlib.suppress(OSError):
+        with contextlib.suppress(OSError, http.client.HTTPException):
             with urllib.request.urlopen(f"http://{METRICS}/metrics", timeout=5) as answer:
                 return answer.read().endswith(b"# EOF\n")
         return False
@@ -247,6 +272,9 @@ class Scenario:
                               ("query_response", 1), ("last_member", 0.5),
                               ("membership", MEMBERSHIP_SECONDS)):
             self.bridge(f"mcast_{name}_interval", int(100 * seconds))
+        for arguments in ("link add down1 type veth peer name up1", "link set down1 master br0 up",
+                          "addr add 10.98.0.2/24 dev up1", "link set up1 up"):
+            net.run("ip", "-n", self.far, *arguments.split())
         router = Router()
         router.take_route("239.3.1.1", True)
         self.configure(FIRST)
@@ -268,7 +296,8 @@ class Scenario:
         self.reload_by_request(FIRST, FIRST_WISH | routed)
         self.wait("the status file", lambda: net.announced(self.process, self.folder) == self.wish)
         self.wait("figures", self.figures_come)
-        time.sleep(1.5)  # the repeats of what was told; what comes then answers
+        time.sleep(1.5)
+        # What comes from here on answers, after the repeats of what was told.
         self.bridge("mcast_querier", 0)
         self.bridge("mcast_querier", 1)
         self.wait("an answer to a query", lambda: self.oldest() < 1.4)
@@ -289,7 +318,7 @@ class Scenario:
         struck = [float(line.split()[0]) for line in trace if "(INJECTED)" in line]
         # A leave that was lost now is not told again for ever; the bridge goes by its own time.
         limit = LEAVE_SECONDS + (MEMBERSHIP_SECONDS if struck and struck[-1] > end else 0)
-        while left := net.learned(self.far):
+        while left := net.learned(self.far) | net.learned(self.far, "down1"):
             if time.time() > end + limit:
                 raise net.Failure(f"{left} not left in {limit} s:\n{self.output()}")
             time.sleep(0.1)
@@ -309,8 +338,10 @@ def run(build, fault, usual, kept):
         scenario = Scenario(build, folder, far, worker, fault.removeprefix("worker:"))
         try:
             return scenario.play(usual)
-        except (net.Failure, subprocess.TimeoutExpired, OSError, ValueError) as failure:
-            return str(failure) or repr(failure)
+        except net.Failure as failure:
+            return str(failure)
+        except Exception as failure:
+            return repr(failure)
         finally:
             if scenario.process:
                 scenario.process.kill()
