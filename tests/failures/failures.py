@@ -170,6 +170,22 @@ class Scenario:
     def output(self):
         return net.output_of(self.folder)
 
+    def trace(self):
+        with contextlib.suppress(FileNotFoundError):
+            return pathlib.Path(self.folder, "trace").read_text(errors="replace").splitlines()
+        return []
+
+    def struck(self):
+        """When, and in which words, or nothing. Runs differ a little in what is the n-th use."""
+        return next((line.split(maxsplit=1) for line in self.trace() if "(INJECTED)" in line), None)
+
+    def is_struck(self):
+        return self.struck() is not None and not self.is_void()
+
+    def is_void(self):
+        """Whether it was struck by what cannot be."""
+        return self.struck() is not None and SOUND.match(self.struck()[1]) is not None
+
     def begin(self, traced):
         with open(f"{self.folder}/output", "w") as output:
             self.process = subprocess.Popen(
@@ -314,21 +330,20 @@ class Scenario:
             raise net.Failure(f"it ends with status {status}:\n{self.output()}")
         if self.worker:
             self.attached.wait()
-        trace = pathlib.Path(self.folder, "trace").read_text(errors="replace").splitlines()
-        struck = [float(line.split()[0]) for line in trace if "(INJECTED)" in line]
         # A leave that was lost now is not told again for ever; the bridge goes by its own time.
-        limit = LEAVE_SECONDS + (MEMBERSHIP_SECONDS if struck and struck[-1] > end else 0)
+        late = self.struck() is not None and float(self.struck()[0]) > end
+        limit = LEAVE_SECONDS + (MEMBERSHIP_SECONDS if late else 0)
         while left := net.learned(self.far) | net.learned(self.far, "down1"):
             if time.time() > end + limit:
                 raise net.Failure(f"{left} not left in {limit} s:\n{self.output()}")
             time.sleep(0.1)
-        found |= {"calls": len(trace), "struck": bool(struck), "refusal": self.refusal}
+        found |= {"calls": len(self.trace()), "struck": self.is_struck(), "refusal": self.refusal}
         for name, slack in ("seconds", 0.5), ("calls", 500):
             if usual and found[name] > 2 * usual[name] + slack:
                 raise net.Failure(f"{found[name]} {name}, usually {usual[name]}:\n{self.output()}")
         if re.search("Sanitizer|runtime error", self.output() + self.refusal):
             raise net.Failure(self.output() + self.refusal)
-        return found | ({} if usual else {"trace": trace})
+        return found | ({} if usual else {"trace": self.trace()})
 
 
 def run(build, fault, usual, kept):
@@ -338,10 +353,9 @@ def run(build, fault, usual, kept):
         scenario = Scenario(build, folder, far, worker, fault.removeprefix("worker:"))
         try:
             return scenario.play(usual)
-        except net.Failure as failure:
-            return str(failure)
         except Exception as failure:
-            return repr(failure)
+            text = str(failure) if isinstance(failure, net.Failure) else repr(failure)
+            return {"struck": False, "refusal": ""} if scenario.is_void() else text
         finally:
             if scenario.process:
                 scenario.process.kill()
