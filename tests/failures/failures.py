@@ -212,7 +212,8 @@ class Scenario:
             self.begin(traced=not self.worker)
         except net.Failure:
             self.refusal = self.output()
-            if (self.process.poll() or -1) < 0 or not self.refusal:
+            was_ready = "ready" in self.refusal.splitlines()
+            if (self.process.poll() or -1) < 0 or not self.refusal or was_ready:
                 raise
             self.begin(traced=False)
         if self.worker:
@@ -417,19 +418,21 @@ def main():
         tried = random.Random(chosen.seed).sample(tried, min(chosen.sample, len(tried)))
     count = collections.Counter()
     begun = time.monotonic()
-    for fault, result in results(tried, usual, chosen):
-        failed = isinstance(result, str)
-        count["failed"] += failed
-        if failed:
-            print(f"--only {fault}\n    " + result.replace("\n", "\n    "), flush=True)
-            continue
-        count["struck"] += result["struck"]
-        count["refused"] += bool(result["refusal"])
-        if result["refusal"]:
-            print(f"{fault} refuses the start: {result['refusal'].splitlines()[-1]}", flush=True)
-    print(f"{len(tried)} of {len(known)} faults in {time.monotonic() - begun:.0f} s: "
-          f"{count['struck']} came about in runs that passed, {count['refused']} of them at the"
-          f" start; {count['failed']} failed")
+    try:
+        for fault, result in results(tried, usual, chosen):
+            if isinstance(result, str):
+                count["failed"] += 1
+                print(f"--only {fault}\n    " + result.replace("\n", "\n    "), flush=True)
+                continue
+            count["passed"] += 1
+            count["struck"] += result["struck"]
+            count["refused"] += bool(result["refusal"])
+            if result["refusal"]:
+                print(f"{fault} refuses the start: {result['refusal'].splitlines()[-1]}", flush=True)
+    finally:
+        print(f"of {len(known)} faults {count['passed']} passed in {time.monotonic() - begun:.0f} s, "
+              f"{count['struck']} of them came about and {count['refused']} refused the start; "
+              f"{count['failed']} failed")
     return 1 if count["failed"] else 0
 
 
