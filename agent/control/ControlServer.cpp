@@ -106,8 +106,8 @@ void ControlServer::doAdd(FileDescriptor socket) {
     auto const session = std::make_shared<ControlSession>(
         loop_, std::move(socket), user, methods_,
         [this](ControlSession& ended) { sessions_.erase(ended.shared_from_this()); });
+    session->doBegin(); // first: one that cannot be waited for ends with this
     sessions_.insert(session);
-    session->doBegin();
 }
 
 /// Ends the session that has been idle for longest. Returns whether there was one.
