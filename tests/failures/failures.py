@@ -236,7 +236,8 @@ class Scenario:
 
     def ask(self, command):
         return subprocess.run([f"{self.build}/agent/ihproxyctl", "--control",
-                               f"{self.folder}/control", command], capture_output=True, text=True)
+                               f"{self.folder}/control", command], capture_output=True, text=True,
+                              timeout=RECOVERY_SECONDS)
 
     def configure(self, text):
         pathlib.Path(self.folder, "file").write_text(text.replace("NAMESPACE", self.far))
