@@ -4,6 +4,7 @@
 failures.py BUILD                     each use of each system call in a scenario, with each error
 failures.py BUILD --sample 50         some of them
 failures.py BUILD --only FAULT...     these, such as sendto:ENOBUFS:3, the third sendto
+failures.py BUILD --soak MINUTES      no fault: the same again and again, in one agent
 
 The scenario: start with groups of the file, of a list and of the kernel's routes, and in another
 namespace, routes that come and go, two reloads, the link down and up, a general query, all that can
@@ -284,8 +285,13 @@ class Scenario:
         net.run("ip", "-n", self.far, "link", "set", "br0", "type", "bridge",
                 *(str(each) for each in settings))
 
-    def play(self, usual):
-        """The run's figures, which must not be far above the usual ones."""
+    def resident(self):
+        """Kilobytes."""
+        status = pathlib.Path(f"/proc/{self.process.pid}/status").read_text()
+        return int(re.search(r"VmRSS:\s*(\d+)", status)[1])
+
+    def prepare(self):
+        """The bridge, the second interface, and a routing daemon with one route."""
         for name, seconds in (("query", QUERY_SECONDS), ("startup_query", QUERY_SECONDS),
                               ("query_response", 1), ("last_member", 0.5),
                               ("membership", MEMBERSHIP_SECONDS)):
@@ -296,7 +302,10 @@ class Scenario:
         router = Router()
         router.take_route("239.3.1.1", True)
         self.configure(FIRST)
-        self.start()
+        return router
+
+    def work(self, router):
+        """All that may happen between a start and an end; the one route has become another."""
         self.expect("the start", FIRST_WISH | {"239.3.1.1": ROUTED})
         self.wait("an answer to ihproxyctl", lambda: self.ask("status").returncode == 0)
         router.take_route("239.3.1.2", True)
@@ -319,11 +328,37 @@ class Scenario:
         self.bridge("mcast_querier", 0)
         self.bridge("mcast_querier", 1)
         self.wait("an answer to a query", lambda: self.oldest() < 1.4)
+
+    def play(self, usual):
+        """The run's figures, which must not be far above the usual ones."""
+        router = self.prepare()
+        self.start()
+        self.work(router)
         if usual:
             self.wait("as many descriptors as usual",
                       lambda: self.descriptors() == usual["descriptors"])
         found = {"descriptors": self.descriptors(), "seconds": self.processor_seconds()}
         return found | self.end(usual, found)
+
+    def soak(self, seconds):
+        """What the agent takes after each round, which must not grow once it has settled."""
+        router, end, rounds = self.prepare(), time.monotonic() + seconds, []
+        self.begin(traced=False)
+        while time.monotonic() < end or len(rounds) < 6:
+            self.work(router)
+            router.take_route("239.3.1.1", True)
+            router.take_route("239.3.1.2", False)
+            rounds.append((self.descriptors(), self.resident()))
+        (descriptors, resident), (_, last) = rounds[2], rounds[-1]
+        self.wait("as many descriptors as before", lambda: self.descriptors() == descriptors)
+        if last > 1.05 * resident + 256:
+            raise net.Failure(f"{resident} kB have become {last}: {rounds}")
+        used = self.processor_seconds()
+        self.process.send_signal(signal.SIGTERM)
+        if (status := self.process.wait(RECOVERY_SECONDS)) != 0:
+            raise net.Failure(f"it ends with status {status}:\n{self.output()}")
+        return (f"{len(rounds)} rounds in {seconds:.0f} s: {resident} kB after the third,"
+                f" {last} kB at the end, {descriptors} descriptors, {used:.1f} s of the processor")
 
     def end(self, usual, found):
         end = time.time()
@@ -348,22 +383,31 @@ class Scenario:
         return found | ({} if usual else {"trace": self.trace()})
 
 
-def run(build, fault, usual, kept):
-    """The figures of a run, or what went wrong, in words."""
+@contextlib.contextmanager
+def scenario_of(build, fault=""):
+    """In a network of its own, with an agent that ends with it."""
     with tempfile.TemporaryDirectory() as folder, net.network() as (near, far), inside(near):
         worker = fault.startswith("worker:")
         scenario = Scenario(build, folder, far, worker, fault.removeprefix("worker:"))
+        try:
+            yield scenario
+        finally:
+            if scenario.process:
+                scenario.process.kill()
+                scenario.process.wait()
+
+
+def run(build, fault, usual, kept):
+    """The figures of a run, or what went wrong, in words."""
+    with scenario_of(build, fault) as scenario:
         try:
             return scenario.play(usual)
         except Exception as failure:
             text = str(failure) if isinstance(failure, net.Failure) else repr(failure)
             return {"struck": False, "refusal": ""} if scenario.is_void() else text
         finally:
-            if scenario.process:
-                scenario.process.kill()
-                scenario.process.wait()
-            if kept and os.path.exists(f"{folder}/trace"):
-                shutil.copy(f"{folder}/trace", kept)
+            if kept and os.path.exists(f"{scenario.folder}/trace"):
+                shutil.copy(f"{scenario.folder}/trace", kept)
 
 
 def offered(trace, place, exempt):
@@ -402,8 +446,13 @@ def main():
     parser.add_argument("--sample", type=int, metavar="N", help="so many faults, by chance")
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--trace", metavar="FILE", help="where the last run's trace is copied to")
+    parser.add_argument("--soak", type=float, metavar="MINUTES", help="no fault, one agent")
     parser.add_argument("-j", type=int, default=2 * os.cpu_count(), help="runs at the same time")
     chosen = parser.parse_args()
+    if chosen.soak:
+        with scenario_of(chosen.build) as scenario:
+            print(scenario.soak(60 * chosen.soak))
+        return 0
     if not shutil.which("strace"):
         raise net.Forbidden("there is no strace")
     exempt = MEMORY if b"__asan_init" in pathlib.Path(chosen.build, "agent/ihproxyd").read_bytes() \
