@@ -93,20 +93,6 @@ class MachineTest : public testing::Test {
     Ptr<Owner> owner = newObject<Owner>();
 };
 
-TEST_F(MachineTest, ReactorOfAKeyIsMadeOnceThenPointedElsewhere) {
-    auto const reactor = owner->leavesIs(tree);
-    EXPECT_EQ(owner->leavesIs(tree), reactor);
-    EXPECT_EQ(owner->leaves("tree"), reactor.get());
-    EXPECT_EQ(change(tree), "tree ");
-    EXPECT_EQ(owner->leavesIs(twin), reactor);
-    EXPECT_EQ(change(tree), "");
-    EXPECT_EQ(change(twin), "tree ");
-    owner->leavesDel("tree");
-    owner->leavesDel("tree");
-    EXPECT_EQ(owner->leaves("tree"), nullptr);
-    EXPECT_EQ(change(twin), "") << "silent though somebody holds it";
-}
-
 /// What is asked for last while something is made is what stands there, and alone is heard, also if
 /// whoever asked throws, and whoever holds what was made.
 TEST_F(MachineTest, WhatIsDisturbedWhileItIsMade) {
@@ -201,44 +187,16 @@ TEST_F(MachineTest, WhatIsDisturbedWhileItIsMade) {
     EXPECT_EQ(made.get(), owner->worker.get(1));
 }
 
-TEST_F(MachineTest, OwnedReactorIsSilencedAsItGoesAndPointedElsewhereWhenThere) {
-    watch(owner->single, Ptr<Tree>(), owner.get());
-    EXPECT_FALSE(owner->single) << "a null object makes no reactor";
-    watch(owner->single, tree, owner.get());
-    Ptr<NexLeaves> const held(owner->single.get());
-    watch(owner->single, other, owner.get());
-    EXPECT_EQ(owner->single.get(), held.get());
-    EXPECT_EQ(watchedBy(owner->single), other.get());
-    EXPECT_EQ(owner->told, "onto ");
-    EXPECT_EQ(change(other), "other ");
-    owner->single.make(tree, owner.get());
-    EXPECT_EQ(change(other), "") << "the one before is retired though somebody holds it";
-    EXPECT_EQ(change(tree), "tree ");
-    EXPECT_EQ(held->notifier(), nullptr);
-}
-
 TEST_F(MachineTest, MachineOfAKeyIsMadeOnceAndFromOtherArgumentsNotAtAll) {
     auto const worker = owner->workerIs(1, tree, other);
     EXPECT_EQ(owner->workerIs(1, tree, other), worker);
     EXPECT_NE(owner->workerIs(2, tree, other), worker);
     EXPECT_EQ(change(tree), "1 2 ");
-    auto const differs = [&](Ptr<Tree> left, Ptr<Tree const> right) -> String {
-        try {
-            owner->workerIs(1, left, right);
-        } catch (NameInUseException const& error) {
-            String const text = error.what();
-            std::size_t const name = text.find('_') + 1;
-            return text.substr(name, text.find(' ', name) - name);
-        }
-        return "";
-    };
-    EXPECT_EQ(differs(twin, other), "left");
-    EXPECT_EQ(differs(tree, tree), "right");
-    EXPECT_EQ(differs(tree, nullptr), "right");
-    EXPECT_EQ(differs(twin, tree), "left") << "the first that differs";
+    EXPECT_THROW(owner->workerIs(1, twin, other), NameInUseException);
+    EXPECT_THROW(owner->workerIs(1, tree, nullptr), NameInUseException);
     EXPECT_EQ(owner->worker.get(1), worker.get());
     owner->worker.del(1);
-    EXPECT_EQ(differs(twin, tree), "");
+    EXPECT_NE(owner->workerIs(1, twin, tree), worker);
     owner->worker.delAll();
     EXPECT_EQ(owner->worker.size(), 0u);
     EXPECT_EQ(change(tree) + change(twin), "") << "silent though somebody holds one";

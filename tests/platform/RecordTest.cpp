@@ -164,14 +164,6 @@ TEST(RecordMemoryTest, EntryStandsWithItsRecordOrNotAtAll) {
     for (auto const& item : evens->even()) EXPECT_TRUE(item.value) << item.key;
 }
 
-TEST_F(RecordTest, EntryDeletedByItsOwnNotificationIsStillReturned) {
-    recorder->act = [&] { tree->leafDel("l"); };
-    auto const leaf = tree->leafIs("l");
-    EXPECT_EQ(leaf->name(), "l");
-    EXPECT_EQ(leaf->nexParent(), nullptr);
-    EXPECT_FALSE(tree->leafHas("l"));
-}
-
 TEST_F(RecordTest, RemovedEntityIsARootOfItsOwnAndStaysUsable) {
     auto const byKey = tree->leafIs("byKey"), byAll = tree->leafIs("byAll"),
                byParent = tree->leafIs("byParent");

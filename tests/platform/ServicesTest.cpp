@@ -109,16 +109,6 @@ TEST_F(MountTest, PathStaysUntilItWasUnmountedAsOftenAsMounted) {
     EXPECT_NE(mount.entity<Nex::Tree>("a"), table) << "mounted anew";
 }
 
-TEST_F(MountTest, FactoryMayRegisterOthersAndItself) {
-    manager->factoryIs("Forest", [this, mark = Nex::String(100, 'm')](Nex::String const& path) {
-        for (int n = 0; n < 20; ++n) manager->factoryIs(Nex::textOf(n), nullptr);
-        manager->factoryIs("Forest", nullptr);
-        return Nex::Tree::TreeIs(path + mark);
-    });
-    mount.mountIs("a", "Forest", 0);
-    EXPECT_EQ(mount.entity<Nex::Tree>("a")->name(), "a" + Nex::String(100, 'm'));
-}
-
 TEST_F(MountTest, WhoHearsOfTheLastUnmountMayMountAnew) {
     struct Remounter : Nex::Listener<Vardo::MountedTable::NotifieeConst> {
         Remounter(Nex::Ptr<Vardo::MountedTable const> table, NexKesh::Mount& mount)
