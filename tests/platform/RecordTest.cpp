@@ -20,14 +20,10 @@ class Recorder : public TreeWatcher {
     void onNumber() override { tell("number", notifier()->number()); }
     void onTop() override { tell("top", bool(notifier()->top())); }
     void onAddress(Lox::IpAddr a) override { tell("address", a, notifier()->addressHas(a)); }
-    void onWord(String w) override { tell("word", w, notifier()->wordHas(w)); }
     void onOctet(Lox::IpAddr a) override { tell("octet", a, int(notifier()->octet(a))); }
-    void onText(String t) override { tell("text", t, notifier()->text(t)); }
     void onLeaf(String l) override { tell("leaf", l, bool(notifier()->leaf(l))); }
     void onAddressnexImmediate() override { tell("address*"); }
-    void onWordnexImmediate() override { tell("word*"); }
     void onOctetnexImmediate() override { tell("octet*"); }
-    void onTextnexImmediate() override { tell("text*"); }
     void onLeafnexImmediate() override { tell("leaf*"); }
 
     /// What it was told since the last call.
@@ -48,9 +44,7 @@ class RecordTest : public testing::Test {
     void fill() {
         for (std::uint32_t n = 1; n <= 3; ++n) {
             tree->addressIs(ip(n));
-            tree->wordIs(textOf(n));
             tree->octetIs(ip(n), std::uint8_t(n));
-            tree->textIs(textOf(n), "t");
             tree->leafIs(textOf(n));
         }
         recorder->take();
@@ -68,14 +62,9 @@ TEST_F(RecordTest, EveryMutatorTellsOnceAndOnlyOfAChange) {
         {[&] { tree->topIs(nullptr); }, "top=0 "},
         {[&] { tree->addressIs(ip(1)); }, "address=0.0.0.1=1 "},
         {[&] { tree->addressDel(ip(1)); }, "address=0.0.0.1=0 "},
-        {[&] { tree->wordIs("w"); }, "word=w=1 "},
-        {[&] { tree->wordDel("w"); }, "word=w=0 "},
-        {[&] { tree->octetIs(ip(1), 7); }, "octet=0.0.0.1=7 "},
+        {[&] { tree->octetIs(ip(1), 0); }, "octet=0.0.0.1=0 "}, // a default value is an entry, too
         {[&] { tree->octetIs(ip(1), 8); }, "octet=0.0.0.1=8 "},
         {[&] { tree->octetDel(ip(1)); }, "octet=0.0.0.1=0 "},
-        {[&] { tree->textIs("k", ""); }, "text=k= "}, // a default value is an entry, too
-        {[&] { tree->textIs("k", "v"); }, "text=k=v "},
-        {[&] { tree->textDel("k"); }, "text=k= "},
         {[&] { tree->leafIs("l"); }, "leaf=l=1 "},
         {[&] { tree->leafDel("l"); }, "leaf=l=0 "}};
     for (auto const& [step, told] : steps) {
@@ -90,12 +79,8 @@ TEST_F(RecordTest, DelAllTellsOfEachRemovedKeyInTheOrderOfInsertion) {
     fill();
     tree->addressDelAll();
     EXPECT_EQ(recorder->take(), "address=0.0.0.1=0 address=0.0.0.2=0 address=0.0.0.3=0 ");
-    tree->wordDelAll();
-    EXPECT_EQ(recorder->take(), "word=1=0 word=2=0 word=3=0 ");
     tree->octetDelAll();
     EXPECT_EQ(recorder->take(), "octet=0.0.0.1=0 octet=0.0.0.2=0 octet=0.0.0.3=0 ");
-    tree->textDelAll();
-    EXPECT_EQ(recorder->take(), "text=1= text=2= text=3= ");
     recorder->act = [&] {
         tree->leafIs("1"); // stays
         tree->leafDel("2");
@@ -121,8 +106,7 @@ TEST_F(RecordTest, RecordThatIsDroppedInTheMiddleLivesUntilTheEnd) {
         recorder->act = nullptr;
         EXPECT_EQ(destructions.count(record), 1);
     };
-    for (auto const delAll : {&Tree::addressDelAll, &Tree::wordDelAll, &Tree::octetDelAll,
-                              &Tree::textDelAll, &Tree::leafDelAll})
+    for (auto const delAll : {&Tree::addressDelAll, &Tree::octetDelAll, &Tree::leafDelAll})
         lives([&](Tree& record, auto const&) { (record.*delAll)(); });
     auto const walked = [&](auto walk) {
         lives([&](Tree& record, auto const& drop) {
@@ -132,9 +116,7 @@ TEST_F(RecordTest, RecordThatIsDroppedInTheMiddleLivesUntilTheEnd) {
         });
     };
     walked([](Tree& t) { return t.address(); });
-    walked([](Tree& t) { return t.word(); });
     walked([](Tree& t) { return t.octet(); });
-    walked([](Tree& t) { return t.text(); });
     walked([](Tree& t) { return t.leaf(); });
     walked([](Tree const& t) { return t.leaf(); });
 }
@@ -203,11 +185,11 @@ TEST_F(RecordTest, PointingAtAnotherRecordRunsTheImmediateCallbacksAndConstructi
     EXPECT_EQ(newObject<Recorder>(tree)->told, "");
     auto const other = Tree::TreeIs("other");
     recorder->notifierIs(other);
-    EXPECT_EQ(recorder->take(), "address* word* octet* text* leaf* ");
+    EXPECT_EQ(recorder->take(), "address* octet* leaf* ");
     recorder->notifierIs(other);
     EXPECT_EQ(recorder->take(), "");
     recorder->notifierIs(nullptr);
-    EXPECT_EQ(recorder->take(), "address* word* octet* text* leaf* ");
+    EXPECT_EQ(recorder->take(), "address* octet* leaf* ");
     recorder->hasNotificationActiveIs(false);
     recorder->notifierIs(tree);
     EXPECT_EQ(recorder->take(), "");

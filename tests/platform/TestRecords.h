@@ -23,7 +23,6 @@ class Leaf : public RecordBase {
     SET(Lox::IpAddr, address, Address) /* held inside the record while it is small */              \
     SET(String, word, Word)                                                                        \
     MAP(Lox::IpAddr, std::uint8_t, octet, Octet) /* held inside the record while it is small */    \
-    MAP(String, String, text, Text)                                                                \
     RECORDS(String, Leaf, leaf, Leaf)                                                              \
     RECORDS(String, Leaf, bud, Bud)
 
