@@ -4,10 +4,8 @@
 #include "Lox/IpAddr.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <libmnl/libmnl.h>
-#include <memory>
 #include <string_view>
 
 namespace Agent {
@@ -37,16 +35,7 @@ class NetlinkMessage {
         return with(type, sizeof number, &number);
     }
 
-    std::size_t size() const { return get().nlmsg_len; }
     nlmsghdr const& get() const { return *reinterpret_cast<nlmsghdr const*>(bytes_); }
-    /// The first `size` octets in a block of just that size, so that a sanitizer sees each octet
-    /// that is read beyond.
-    std::unique_ptr<nlmsghdr, void (*)(void*)> cut(std::size_t size) const {
-        auto* const block = static_cast<nlmsghdr*>(std::malloc(size));
-        std::memcpy(block, bytes_, size);
-        block->nlmsg_len = std::uint32_t(size);
-        return {block, std::free};
-    }
 
   private:
     nlmsghdr* message() { return reinterpret_cast<nlmsghdr*>(bytes_); }
