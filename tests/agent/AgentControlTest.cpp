@@ -5,7 +5,6 @@
 #include <grp.h>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <random>
 #include <regex>
 #include <sys/stat.h>
 
@@ -60,13 +59,8 @@ TEST_F(AgentControlTest, SaysWhatIsAnnouncedAndWhatIsNot) {
               std::string::npos)
         << "on a terminal in colour, and aligned";
     auto const interfaces = json("interfaces").at("interfaces");
-    ASSERT_EQ(interfaces.size(), 3u);
-    EXPECT_EQ(interfaces[0].at("state"), "waiting");
-    EXPECT_EQ(interfaces[0].at("why"), "does not exist");
-    EXPECT_EQ(interfaces[2].at("configuredGroups"), 2) << "of its list";
-    EXPECT_EQ(interfaces[1].at("state"), "up");
-    EXPECT_EQ(interfaces[1].at("groups"), 2);
-    EXPECT_EQ(interfaces[1].at("version").at("spoken"), 3);
+    EXPECT_EQ(interfaces.at(2).at("configuredGroups"), 2) << "of its list";
+    EXPECT_EQ(interfaces.at(1).at("groups"), 2);
     EXPECT_EQ(json("groups 239.1.1.2").at("groups").size(), 1u);
     EXPECT_EQ(json("groups --origin list").at("groups").size(), 0u);
     EXPECT_EQ(json("groups -i eth9").at("groups").size(), 0u);
@@ -152,29 +146,18 @@ TEST_F(AgentControlTest, AnswersAreAsDocumentedWhateverIsAsked) {
 }
 
 /// Configurations that differ in their groups, their sources, a list and an interface.
-std::string randomConfiguration(std::mt19937& random) {
-    auto const oneOf = [&](unsigned count) { return random() % count; };
-    std::string groups;
-    for (unsigned i = 0; i < 6; ++i) {
-        static constexpr char const* wishes[] = {"{}", "{ include = [\"10.0.0.1\"] }",
-                                                 "{ include = [\"10.0.0.1\", \"10.0.0.2\"] }",
-                                                 "{ exclude = [\"10.0.0.3\"] }"};
-        if (oneOf(3) != 0)
-            groups += "\"239.1.1." + std::to_string(i) + "\" = " + wishes[oneOf(4)] + "\n";
-    }
-    if (oneOf(6) == 0) groups.clear();
-    std::string text = "allow-empty = true\n";
-    if (oneOf(5) != 0)
-        text += "[interface.up0]\nunsolicited-report-interval = 0.1\naccess-lists = [" +
-                std::string(oneOf(2) == 0 ? "\"iptv\"" : "") + "]\n[interface.up0.group]\n" +
-                groups;
-    return text + "[vrf.none]\n[interface.eth9.group]\n\"239.9.9.9\" = {}\n" +
-           rule("iptv", 1, oneOf(2) == 0 ? "239.1.1.0/31" : "239.1.1.4/30", "any");
-}
+std::string const configurations[] = {
+    listsOnUp0("'iptv'", "'239.1.1.1' = {}\n'239.1.1.2' = { include = ['10.0.0.1'] }\n") +
+        rule("iptv", 1, "239.1.1.4/30", "any"),
+    listsOnUp0("'iptv'", "'239.1.1.2' = { include = ['10.0.0.2', '10.0.0.1'] }\n") +
+        rule("iptv", 1, "239.1.1.0/31", "any"),
+    listsOnUp0("", "'239.1.1.0' = { exclude = ['10.0.0.3'] }\n'239.1.1.1' = {}\n"),
+    "[vrf.none]\n[interface.eth9.group]\n'239.9.9.9' = {}\n",
+    listsOnUp0("", "'239.1.1.1' = { include = ['10.0.0.1'] }\n"),
+};
 
 TEST_F(AgentControlTest, DiffSaysWhatAReloadThenDoes) {
-    std::mt19937 random(1);
-    start(randomConfiguration(random));
+    start("[vrf.none]\n"); // else the agent would give up what enters namespaces
     // Group, mode and sources of all groups.
     auto const announced = [&] {
         std::map<std::string, std::string> groups;
@@ -186,9 +169,9 @@ TEST_F(AgentControlTest, DiffSaysWhatAReloadThenDoes) {
     auto const stateText = [](nlohmann::json const& state) {
         return state.is_null() ? "" : state.at("mode").dump() + state.at("sources").dump();
     };
-    for (int round = 0; round < 5; ++round) {
+    for (std::string const& configuration : configurations) {
         auto const before = announced();
-        folder.write("ihproxyd.toml", randomConfiguration(random));
+        folder.write("ihproxyd.toml", "allow-empty = true\n" + configuration);
         // Leaves of the round before are told for a second.
         ASSERT_TRUE(waitUntil([&] {
             wire->forget();
@@ -286,9 +269,7 @@ TEST_F(AgentControlTest, PatternHoldsForWhatMatchesAndHasNoSectionOfItsOwn) {
                              "zz*: no such interface"}));
     rename("upper", "up9");
     EXPECT_TRUE(learned({"down0 239.1.1.9 exclude"}));
-    rename("up9", "up0");
-    EXPECT_TRUE(learned({"down0 239.1.1.1 exclude"}));
-    net->unplugUpstream();
+    net->nearIp("link del up9");
     EXPECT_TRUE(waitUntil([&] { return rows().front() == "up9: does not exist"; }))
         << "what has gone is forgotten";
 }

@@ -19,14 +19,6 @@ Bytes toGroup(Bytes const& payload, Lox::IpAddr group) {
     return packetOf(payload, {ip("10.99.0.1"), group});
 }
 
-TEST_F(AgentTest, ChangedVersionAnnouncesAllGroupsInTheNewOne) {
-    net->farIp("link set br0 type bridge mcast_querier 0"); // an answer in version 2 is a report
-    ASSERT_TRUE(startTells(groupsOn("up0", groups), joined));
-    EXPECT_TRUE(reloadTells(groupsOn("up0", groups, "2"), {"v2 239.1.1.1", "v2 239.1.1.2"}));
-    EXPECT_TRUE(reloadTells(groupsOn("up0", groups), joined));
-    EXPECT_TRUE(learned({"down0 239.1.1.1 exclude", "down0 239.1.1.2 include 10.0.0.1"}));
-}
-
 TEST_F(AgentTest, ChangedSettingsTakeEffectWithoutAWord) {
     auto const text = [](std::string const& settings) {
         return "[interface.up0]\nunsolicited-report-interval = 0.1\n" + settings +

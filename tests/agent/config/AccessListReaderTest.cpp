@@ -7,27 +7,7 @@ namespace Agent {
 namespace {
 
 using Lox::IpAddr;
-using Lox::IpAddrWithFullMask;
 using Testing::rule;
-
-TEST(AccessListReaderTest, RulesAreKeptBySequenceNumber) {
-    ConfigurationReading const reading = configurationParse(
-        rule("iptv", 4294967295, "any", "any", "deny") + rule("iptv", 10, "239.1.1.0/30") +
-            rule("iptv", 0, "239.1.1.1", "any") + "[interface.up0]\naccess-lists = ['iptv']\n",
-        "f");
-    ASSERT_TRUE(reading.valid());
-    Acl::IpRuleConfig const denyAll{Acl::Action::deny, {}};
-    Acl::IpRuleConfig const prefix{Acl::Action::permit,
-                                   {IpAddrWithFullMask(IpAddr("10.1.1.1"), 0xFFFFFFFF),
-                                    IpAddrWithFullMask(IpAddr("239.1.1.0"), 0xFFFFFFFC)}};
-    Acl::IpRuleConfig const group{Acl::Action::permit,
-                                  {{}, IpAddrWithFullMask(IpAddr("239.1.1.1"), 0xFFFFFFFF)}};
-    AccessListConfiguration const& list = reading.configuration.accessLists.at("iptv");
-    EXPECT_EQ(list.rules(), (AccessListConfiguration::Rules{
-                                {0, {group}}, {10, {prefix}}, {4294967295, {denyAll}}}));
-    EXPECT_EQ(reading.configuration.interfaces.at("up0").accessLists,
-              std::vector<std::string>{"iptv"});
-}
 
 TEST(AccessListReaderTest, RulesAboutAGroupAreFoundInTheirOrder) {
     auto const reading = configurationParse(

@@ -2,6 +2,7 @@
 
 #include "agent/kernel/NetworkNamespace.h"
 #include "netns/Netns.h"
+#include "support/Folder.h"
 
 #include <algorithm>
 #include <fstream>
@@ -11,7 +12,6 @@
 #include <set>
 #include <sys/socket.h>
 #include <tuple>
-#include <unistd.h>
 
 namespace Agent {
 namespace {
@@ -67,11 +67,9 @@ class KernelInterfacesTest : public testing::Test {
 
     /// Runs `ip` once for many command lines.
     void ipBatch(std::string const& lines) const {
-        std::string file = testing::TempDir() + "batchXXXXXX";
-        FileDescriptor const descriptor(mkstemp(file.data()));
-        ASSERT_EQ(write(descriptor.get(), lines.data(), lines.size()), ssize_t(lines.size()));
-        net->nearIp("-batch " + file);
-        unlink(file.c_str());
+        Support::Folder const folder;
+        folder.write("batch", lines);
+        net->nearIp("-batch " + folder.file("batch"));
     }
 
     std::unique_ptr<Testing::Netns> net;

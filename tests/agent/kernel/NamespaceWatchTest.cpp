@@ -3,6 +3,7 @@
 #include "agent/kernel/NetworkNamespace.h"
 #include "agent/loop/LoopFixture.h"
 #include "netns/Netns.h"
+#include "support/Folder.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -36,6 +37,7 @@ class NamespaceWatchTest : public LoopFixture {
         return serveUntil([&] { return told == calls; });
     }
 
+    Support::Folder const folder;
     std::string name;
     std::string told;
     std::optional<NamespaceWatch> watch;
@@ -63,7 +65,7 @@ TEST_F(NamespaceWatchTest, NamespaceThatIsDeletedAndMadeAgainIsAnotherOne) {
 }
 
 TEST_F(NamespaceWatchTest, FilesThatAreNoNetworkNamespaceAreNoneAndSaidToBe) {
-    std::string const path = testing::TempDir() + name;
+    std::string const path = folder.file(name);
     auto const said = [&](std::string const& watched) {
         doWatch(watched);
         EXPECT_LT(watch->namespaceFd(), 0);
@@ -77,12 +79,11 @@ TEST_F(NamespaceWatchTest, FilesThatAreNoNetworkNamespaceAreNoneAndSaidToBe) {
     std::filesystem::remove(path);
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0); // nobody writes, and nobody waits for it
     EXPECT_NE(said(path).find(name + ": not a network namespace"), std::string::npos);
-    std::filesystem::remove(path);
 }
 
 TEST_F(NamespaceWatchTest, LinkToANamespaceIsFoundWithoutAMount) {
     ip("netns add ");
-    std::string const path = testing::TempDir() + name + "-link";
+    std::string const path = folder.file("link");
     doWatch(path);
     std::filesystem::create_symlink("/run/netns/" + name, path);
     EXPECT_TRUE(becomes("+"));
