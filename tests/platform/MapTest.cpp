@@ -300,46 +300,41 @@ TEST(LinkedSetTest, KeepsTheOrderOfInsertionAndNeverDoesMuchAtOnce) {
     using Key = Chosen<false>;
     LinkedSet<Key> set;
     std::list<std::uint32_t> model;
-    std::uint64_t before = 0;
-    auto const changed = [&] {
-        EXPECT_LT(Key::hashed - before, 100u) << set.size();
-        before = Key::hashed;
-    };
-    std::uint32_t next = 0;
-    for (std::uint32_t const most : {1u, 9u, 50000u, 3u, 1000u}) {
-        before = Key::hashed;
-        while (model.size() < most) {
-            set.insert({next * 977});
-            model.push_back(next++);
-            changed();
-            set.insert({model.front() * 977}); // there already
-            changed();
-            if (next % 5 == 0) {
-                set.toBack({model.front() * 977});
-                model.splice(model.end(), model, model.begin());
-                changed();
-            }
+    std::mt19937 random;
+    std::uint32_t next = 0; // was never in
+    auto const step = [&](bool grows) {
+        std::uint32_t const what = random() % 8;
+        if (model.empty() || (grows ? what < 6 : what == 0)) {
+            set.insert({next});
+            model.push_back(next);
+            next += 977;
+        } else if (what < 6) {
+            ASSERT_EQ(set.front().number, model.front());
+            set.take(set.front());
+            model.pop_front();
+        } else if (what == 6) {
+            set.insert({model.front()}); // there already
+            set.toBack(set.front());
+            model.splice(model.end(), model, model.begin());
+        } else { // one from the midst
+            auto const second = std::next(model.begin(), model.size() > 1);
+            set.take({*second});
+            set.take({next});
+            model.erase(second);
         }
         ASSERT_EQ(set.size(), model.size());
-        for (std::uint32_t const n : model) ASSERT_TRUE(set.has({n * 977}));
-        before = Key::hashed;
-        while (model.size() > most / 100) {
-            if (next++ % 7 == 0) { // one from the midst; `next` was never in
-                auto const second = std::next(model.begin(), model.size() > 1);
-                set.take({*second * 977});
-                set.take({next * 977});
-                model.erase(second);
-            } else {
-                ASSERT_EQ(set.front().number, model.front() * 977);
-                set.take(set.front());
-                model.pop_front();
+    };
+    for (std::uint32_t const most : {1u, 9u, 50000u, 3u, 1000u})
+        for (bool const grows : {true, false}) {
+            while ((grows ? model.size() < most : model.size() > most / 100) && !HasFailure()) {
+                std::uint64_t const before = Key::hashed;
+                step(grows);
+                EXPECT_LT(Key::hashed - before, 100u) << set.size();
             }
-            changed();
+            for (std::uint32_t const n : model) ASSERT_TRUE(set.has({n}));
         }
-        EXPECT_EQ(set.empty(), model.empty());
-    }
     set.clear();
-    EXPECT_FALSE(set.has({(next - 1) * 977}));
+    EXPECT_TRUE(set.empty() && !set.has({next - 977}));
     set.insert({1});
     EXPECT_EQ(set.size(), 1u);
 }
