@@ -120,6 +120,17 @@ TEST_F(AgentTest, BadFileChangesNothingAndIsLoggedWithItsPlaces) {
     EXPECT_TRUE(learned({threeLearned[0]})) << "a good file afterwards is taken over";
 }
 
+TEST_F(AgentTest, FileOfAnotherUserIsReadAgain) {
+    constexpr uid_t other = 65534;
+    folder.write("ihproxyd.toml", "");
+    for (std::string const& path : {folder.file("ihproxyd.toml"), folder.file("")})
+        ASSERT_EQ(chown(path.c_str(), other, gid_t(-1)), 0);
+    ASSERT_EQ(chmod(folder.file("ihproxyd.toml").c_str(), 0600), 0);
+    start("");
+    reload(groupsOn("up0", threeGroups));
+    EXPECT_TRUE(learned(threeLearned));
+}
+
 TEST_F(AgentTest, NamespaceThatOnlyItsProcessNamesIsRefusedWithAdvice) {
     start("[vrf.red]\nnamespace = '/proc/" + std::to_string(getpid()) + "/ns/net'\n");
     EXPECT_TRUE(agent->says("Permission denied; expected a name, as `ip netns attach"));
