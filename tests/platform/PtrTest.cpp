@@ -19,7 +19,7 @@ struct Exposed : PtrInterface {
         if (fails) throw std::runtime_error("half-built");
     }
     ~Exposed() override { ended = true; }
-    static inline bool ended = false;
+    static inline std::atomic<bool> ended = false;
 };
 
 class PtrTest : public testing::TestWithParam<bool> {

@@ -115,16 +115,16 @@ class World {
         }
     }
 
-    /// All others get the packet, a little later and in the same order, unless it is lost, held
-    /// back or doubled.
+    /// All others get the packet, a little later, at one time and in the order of its sender's, as
+    /// on a wire: no answer overtakes its question. Unless it is lost, held back or doubled.
     void doSend(unsigned from, Bytes const& bytes) {
         auto const packet = std::make_shared<Bytes const>(bytes);
         Message const m(bytes);
         if (m.olderReport() || m.leave()) older_[m.group] = now_;
+        double& last = arrivals_[from];
+        last = std::max(last, now_ + 0.001 + 0.019 * part());
         for (unsigned to = 0; to < routerCount + stationCount; ++to) {
             if (to == from) continue;
-            double& last = arrivals_[from][to];
-            last = std::max(last, now_ + 0.001 + 0.019 * part());
             bool const faulty = isFaulty();
             if (faulty && part() < 0.5) continue;
             double const due = faulty ? now_ + part() : last;
@@ -296,8 +296,8 @@ class World {
     std::deque<Router> routers_;
     std::deque<Station> stations_;
     std::optional<Machines> machines_;
-    std::multimap<double, Delivery> under_;                                        // by arrival
-    double arrivals_[routerCount + stationCount][routerCount + stationCount] = {}; // last ones
+    std::multimap<double, Delivery> under_;            // by arrival
+    double arrivals_[routerCount + stationCount] = {}; // of the last ones, by sender
     std::deque<double> faults_;
     double stormEnd_ = -never, lateTime_ = -never; ///< the latter, of what was held back
     unsigned stormPercent_ = 0;                    ///< of packets, lost or held back
