@@ -288,11 +288,15 @@ class Station : public Agent::HostEngine::Output {
         for (Record const& record : m.records) handleRecord(record);
         if (report) return;
         require(given.contains(m.group), "tells of a strange group", m.group);
-        require(given[m.group].member() != m.leave(), "tells the contrary of what it wants",
-                m.group);
+        require(given[m.group].member() != m.leave() || isLate(m.group),
+                "tells the contrary of what it wants", m.group);
         if (m.leave()) return;
         require(spoken() == (m.type == 0x12 ? 1 : 2), "speaks another version");
         owed_.erase(m.group);
+    }
+    /// What the pace has held back says what was wanted when it was packed.
+    bool isLate(IpAddr group) {
+        return settings.packetsPer100ms < 10 && now_ < changed_[group] + pace();
     }
     void handleRecord(Record const& r) {
         require(given.contains(r.group), "tells of a strange group", r.group);
@@ -315,9 +319,8 @@ class Station : public Agent::HostEngine::Output {
                               exact && wish.exclude,  // TO_EX
                               wanted,                 // ALLOW
                               ended};                 // BLOCK
-        // What the pace has held back says what was wanted when it was packed.
-        bool const late = settings.packetsPer100ms < 10 && now_ < changed_[r.group] + pace();
-        require(r.type <= block && (late || right[r.type]), "tells what is not so of", r.group);
+        require(r.type <= block && (right[r.type] || isLate(r.group)), "tells what is not so of",
+                r.group);
         require(spoken() == 3 || r.type == toIn || r.type == block, "speaks another version");
         if (r.type <= toEx) owed_.erase(r.group);
     }

@@ -126,7 +126,9 @@ class World {
         for (unsigned to = 0; to < routerCount + stationCount; ++to) {
             if (to == from) continue;
             bool const faulty = isFaulty();
-            if (faulty && part() < 0.5) continue;
+            // One that comes late makes a router that listens forget what has been answered.
+            bool const query = to < routerCount && m.type == 0x11;
+            if (faulty && (query || part() < 0.5)) continue;
             double const due = faulty ? now_ + part() : last;
             if (faulty) lateTime_ = std::max(lateTime_, due);
             under_.emplace(due, Delivery{to, packet});
