@@ -199,9 +199,14 @@ class World {
         double told = only->flows[f].told;
         if (only->version == 2) // which knows the group as a whole
             for (Flow const& flow : only->flows)
-                if (flow.group == group && flow.held > -never) told = std::max(told, flow.told);
+                if (flow.group == group && flow.held > -never) {
+                    told = std::max(told, flow.told);
+                    held = std::max(held, flow.held);
+                }
+        // What is held back may undo the leave; and it may be told again, with no need to.
+        double const inOrder = std::min(told - 1, held);
         bool const sure =
-            router.querierSince() < told - 1 && trusted < told && lateTime_ < told - 1 &&
+            router.querierSince() < told - 1 && trusted < told && lateTime_ < inOrder &&
             (only->version == 3 ? older < told - full
                                 : only->version == 2 && !only->given.at(group).member());
         if (sure && now_ > told + bearable_ + timing_.lastMemberTime() + 2 * slack + only->pace())
