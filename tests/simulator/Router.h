@@ -148,7 +148,10 @@ class Router {
 
     double nextExpiry() const {
         double next = std::min(generalDue_, otherQuerierExpiry_);
-        for (auto const& [address, g] : groups_) next = std::min({next, g.expiry, g.askDue});
+        for (auto const& [address, g] : groups_) {
+            next = std::min(next, g.expiry);
+            for (auto const& [source, asking] : g.asking) next = std::min(next, asking.due);
+        }
         return next;
     }
     void advance() {
@@ -168,7 +171,7 @@ class Router {
                 g.expiry = never;
             }
             if (!g.exclude) std::erase_if(g.sources, [&](auto& s) { return s.second <= now_; });
-            if (g.askDue <= now_) doAsk(address, g);
+            doAsk(address, g);
         }
         std::erase_if(groups_, [](auto& item) {
             return !item.second.exclude && item.second.sources.empty();
@@ -176,14 +179,17 @@ class Router {
     }
 
   private:
+    struct Asking {
+        unsigned left; // queries
+        double due;
+    };
     /// RFC 9776, 6.2. A source whose timer has run out is kept only in EXCLUDE mode, as refused.
     struct Group {
         bool exclude = false;
         double expiry = never; // in EXCLUDE mode
         std::map<IpAddr, double> sources;
-        double olderExpiry[3] = {};          // of the hosts of version 1 and 2
-        std::map<IpAddr, unsigned> asksLeft; // queries for a source; with zero, for the group
-        double askDue = never;
+        double olderExpiry[3] = {};      // of the hosts of version 1 and 2
+        std::map<IpAddr, Asking> asking; // about a source; with zero, about the group
     };
 
     bool isQuerier() const { return otherQuerierExpiry_ == never; }
@@ -220,8 +226,7 @@ class Router {
     void doLower(Group& g, IpAddr source, double& expiry) { // 6.6.3
         if (!isQuerier() || expiry <= now_ + timing_.lastMemberTime()) return;
         expiry = now_ + timing_.lastMemberTime();
-        g.asksLeft[source] = timing_.robustness;
-        g.askDue = now_;
+        g.asking[source] = {timing_.robustness, now_};
     }
 
     void ask(double seconds, IpAddr group = {}, Sources const& sources = {},
@@ -235,8 +240,10 @@ class Router {
             return expiry > now_ + timing_.lastMemberTime();
         };
         Sources asked[2];
-        for (auto& [source, left] : g.asksLeft) {
-            --left;
+        for (auto& [source, asking] : g.asking) {
+            if (asking.due > now_) continue;
+            --asking.left;
+            asking.due = now_ + lastMemberSeconds + slack;
             auto const known = g.sources.find(source);
             if (source.isZero())
                 ask(lastMemberSeconds, group, {}, answered(g.expiry));
@@ -245,8 +252,7 @@ class Router {
         }
         for (bool const suppress : {false, true})
             if (!asked[suppress].empty()) ask(lastMemberSeconds, group, asked[suppress], suppress);
-        std::erase_if(g.asksLeft, [](auto const& item) { return item.second == 0; });
-        g.askDue = g.asksLeft.empty() ? never : now_ + lastMemberSeconds + slack;
+        std::erase_if(g.asking, [](auto const& item) { return item.second.left == 0; });
     }
     void handleQuery(Message const& m) {
         if (version_ > 1 && m.from < address_) { // 6.6.2
