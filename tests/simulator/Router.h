@@ -249,6 +249,8 @@ class Router {
                 ask(lastMemberSeconds, group, {}, answered(g.expiry));
             else if (known != g.sources.end())
                 asked[answered(known->second)].insert(source);
+            else if (g.exclude) // a listening router may have missed what took it off the list
+                asked[true].insert(source);
         }
         for (bool const suppress : {false, true})
             if (!asked[suppress].empty()) ask(lastMemberSeconds, group, asked[suppress], suppress);

@@ -112,6 +112,7 @@ class Station : public Agent::HostEngine::Output {
         if (!engine) return;
         doExpectChange();
         for (auto& [group, due] : owed_) due += pace();
+        silent_ += pace();
         handleVersion();
         engine->setSettings(now_, settings);
     }
