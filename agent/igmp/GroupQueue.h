@@ -75,7 +75,7 @@ class GroupQueue {
 
 /// A group and the engine's bookkeeping for it.
 struct GroupEntry {
-    static constexpr std::size_t noWish = ~std::size_t(0);
+    static constexpr std::uint32_t noWish = ~std::uint32_t(0);
 
     explicit GroupEntry(Lox::IpAddr address) : group(address) {}
     /// Nothing is owed about it any more: no change, or no answer.
@@ -86,7 +86,7 @@ struct GroupEntry {
     TimedLink change{this};    ///< next report of a change; before version 3, of any but `answer`
     TimedLink answer{this};    ///< the answer to a specific query
     GroupLink walk{this};      ///< the walk over all groups with state, or over those leaving
-    std::size_t wish = noWish; ///< index of what this turn wants of it
+    std::uint32_t wish = noWish; ///< index of what this turn wants of it
     // When it was named last, by the whole seconds of the engine's time; 0 for never.
     std::uint32_t told = 0;     ///< for a change
     std::uint32_t answered = 0; ///< in an answer to a query

@@ -61,7 +61,7 @@ void HostEngine::setGroup(Lox::IpAddr group, FilterMode mode,
         return;
     }
     wishes_.push_back(wish);
-    entry.wish = wishes_.size() - 1;
+    entry.wish = std::uint32_t(wishes_.size() - 1);
 }
 
 void HostEngine::removeAllGroups() {
@@ -84,8 +84,9 @@ void HostEngine::doApplyWishes(double now) {
             first->entry->wish = GroupEntry::noWish;
             doRelease(*first->entry);
         }
-        wishes_.clear();
-        wishSources_.clear();
+        // There may have been very many, and more are seldom.
+        wishes_ = std::vector<Wish>();
+        wishSources_ = std::vector<Lox::IpAddr>();
     };
     Wish const* wish = wishes_.data();
     try {
