@@ -17,7 +17,8 @@ template <class Visit>
 void forChanges(PortRegistry const& ports, Visit visit) {
     for (auto const& [interface, states] : ports.changes().before()) {
         IgmpHostPort const* const port = ports.port(interface);
-        for (auto const& [group, before] : states) {
+        for (Lox::IpAddr const group : Nex::sortedKeys(states.template walk<Nex::Nothing>())) {
+            HostEngine::GroupState const& before = *states.find(group);
             HostEngine::GroupState const after =
                 port ? port->engine().state(group) : HostEngine::GroupState();
             if (before != after) visit(interface, group, before, after);

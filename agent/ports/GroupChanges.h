@@ -4,16 +4,18 @@
 #pragma once
 
 #include "Lox/IpAddr.h"
+#include "Nex/Map.h"
 #include "agent/igmp/HostEngine.h"
 
 #include <map>
 #include <string>
+#include <utility>
 
 namespace Agent {
 
 class GroupChanges {
   public:
-    using States = std::map<Lox::IpAddr, HostEngine::GroupState>;
+    using States = Nex::Map<Lox::IpAddr, HostEngine::GroupState>;
 
     /// Begins anew. Nothing is noted before that, nor after end().
     void begin() {
@@ -29,9 +31,9 @@ class GroupChanges {
     void note(std::string const& interface, Lox::IpAddr group, HostEngine const& engine) {
         if (!begun_) return;
         States& states = before_[interface];
-        auto const at = states.lower_bound(group);
-        if (at == states.end() || at->first != group)
-            states.emplace_hint(at, group, engine.state(group));
+        if (states.has(group)) return;
+        HostEngine::GroupState state = engine.state(group);
+        *states.findOrInsert(group).first = std::move(state);
     }
     /// By interface.
     std::map<std::string, States> const& before() const { return before_; }
