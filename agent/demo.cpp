@@ -29,7 +29,7 @@ void makeUsable(IgmpHostProxy::PlatformState& state, std::string const& name,
     state.allIntfStatusDir->intfStatusIs(intfId)->operUpIs(true);
 }
 
-std::string textOf(char const* before, std::set<Lox::IpAddr> const& sources) {
+std::string textOf(char const* before, GroupConfiguration::Sources const& sources) {
     std::string text(before);
     for (Lox::IpAddr const source : sources) text.append(" ").append(source.stringValue());
     return text;
@@ -37,16 +37,18 @@ std::string textOf(char const* before, std::set<Lox::IpAddr> const& sources) {
 
 /// The same words for all three views; source 0.0.0.0 excluded means any.
 std::string wish(GroupConfiguration const& wanted) {
-    std::set<Lox::IpAddr> excluded = wanted.exclude;
-    excluded.erase(Lox::IpAddr());
+    GroupConfiguration::Sources excluded = wanted.exclude;
+    std::erase(excluded, Lox::IpAddr());
     if (!wanted.include.empty()) return textOf("only from", wanted.include);
     return excluded.empty() ? "from any source" : textOf("all but from", excluded);
 }
 
 GroupConfiguration announced(IgmpHostProxy::GroupSource const* entry) {
     GroupConfiguration wanted;
-    for (Lox::IpAddr const source : entry->includeSourceList()) wanted.include.insert(source);
-    for (Lox::IpAddr const source : entry->excludeSourceList()) wanted.exclude.insert(source);
+    for (Lox::IpAddr const source : entry->includeSourceList()) wanted.include.push_back(source);
+    for (Lox::IpAddr const source : entry->excludeSourceList()) wanted.exclude.push_back(source);
+    std::ranges::sort(wanted.include);
+    std::ranges::sort(wanted.exclude);
     return wanted;
 }
 
@@ -54,7 +56,8 @@ GroupConfiguration programmed(Igmp::IgmpV3GroupRecord const* record) {
     GroupConfiguration wanted;
     bool const include = record->filterMode() == Lox::IgmpV3GroupRecordType::modeIsInclude;
     for (auto const& item : record->source()->sourceIp())
-        (include ? wanted.include : wanted.exclude).insert(item.key);
+        (include ? wanted.include : wanted.exclude).push_back(item.key);
+    std::ranges::sort(include ? wanted.include : wanted.exclude);
     return wanted;
 }
 

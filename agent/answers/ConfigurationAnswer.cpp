@@ -46,7 +46,7 @@ InterfaceConfiguration const* sectionOf(Configuration const& configuration,
 
 json sourcesJson(GroupConfiguration const& group) {
     json sources = json::object();
-    if (group.exclude.contains(Lox::IpAddr())) return sources;
+    if (group.anySource()) return sources;
     for (Lox::IpAddr const source : group.include)
         sources["include"].push_back(source.stringValue());
     for (Lox::IpAddr const source : group.exclude)
@@ -62,9 +62,9 @@ class Groups : public JsonPart {
     bool next(JsonStream& stream) override {
         InterfaceConfiguration const* const section = sectionOf(source_(), name_);
         if (!section) return false;
-        auto const at = last_ ? section->groups.upper_bound(*last_) : section->groups.begin();
+        auto const at = section->groups.lowerBound(next_);
         if (at == section->groups.end()) return false;
-        last_ = at->first;
+        next_ = Lox::IpAddr::fromHost(at->first.host() + 1);
         unsigned const length = at->second.entry.prefixLength;
         std::uint32_t const mask = ~std::uint32_t(0) << (32 - length); // never of length 0
         Lox::IpAddr const first = Lox::IpAddr::fromHost(at->first.host() & mask);
@@ -76,7 +76,7 @@ class Groups : public JsonPart {
   private:
     Source source_;
     std::string name_;
-    std::optional<Lox::IpAddr> last_;
+    Lox::IpAddr next_;                                ///< none before it is to be told
     std::array<std::optional<Lox::IpAddr>, 33> told_; ///< the last prefix of each length
 };
 
@@ -121,7 +121,7 @@ class Interfaces : public JsonPart {
         };
         auto const groups = [=, source = source_](JsonStream& to) {
             auto const* const section = sectionOf(source(), name);
-            if (section && !section->groups.empty())
+            if (section && section->groups.size() > 0)
                 to.open("group", std::make_unique<Groups>(source, name));
         };
         stream.open(name, std::make_unique<Members>(std::vector<Members::Step>{settings, groups}));

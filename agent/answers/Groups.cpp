@@ -107,7 +107,7 @@ std::array<bool, originNames.size()> originsOf(AgentView const& view, std::strin
     InterfaceConfiguration const* const configured = view.configured(interface);
     Nex::Ptr const machine =
         view.root ? view.root->igmpHostProxyIntfSm(Lox::IntfId(interface)) : nullptr;
-    bool const own = configured && configured->groups.contains(group);
+    bool const own = configured && configured->groups.find(group);
     bool const listed = machine && machine->aclHas(group);
     // The forwarding table has what nobody else owns.
     return {own, listed, !own && !listed};
@@ -118,7 +118,7 @@ std::string originText(Configuration const& configuration, std::string const& in
     auto const [own, listed, route] = originNames;
     auto const found = configuration.interfaces.find(interface);
     if (found == configuration.interfaces.end()) return route;
-    if (found->second.groups.contains(group)) return own;
+    if (found->second.groups.find(group)) return own;
     for (std::string const& name : found->second.accessLists) {
         AccessListConfiguration const* const list = configuration.list(name);
         auto const* rule = list ? list->ruleAbout(group) : nullptr;

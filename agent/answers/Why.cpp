@@ -10,7 +10,6 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <set>
 #include <vector>
 
 namespace Agent {
@@ -29,9 +28,9 @@ json since1970(std::uint32_t time) {
 }
 
 /// The next of a set in its order; nothing at the end.
-std::optional<Lox::IpAddr> nextOf(std::set<Lox::IpAddr> const& sources,
+std::optional<Lox::IpAddr> nextOf(GroupConfiguration::Sources const& sources,
                                   std::optional<Lox::IpAddr> after) {
-    auto const at = after ? sources.upper_bound(*after) : sources.begin();
+    auto const at = after ? std::ranges::upper_bound(sources, *after) : sources.begin();
     return at == sources.end() ? std::nullopt : std::optional(*at);
 }
 
@@ -80,13 +79,13 @@ class WishWalk {
     }
 
     std::optional<Step> stepOfGroup(InterfaceConfiguration const& configured,
-                                    std::set<Lox::IpAddr> GroupConfiguration::*sources) {
-        auto const found = configured.groups.find(group_);
-        if (found == configured.groups.end()) return std::nullopt;
-        source_ = nextOf(found->second.*sources, source_);
+                                    GroupConfiguration::Sources GroupConfiguration::*sources) {
+        GroupConfiguration const* const found = configured.groups.find(group_);
+        if (!found) return std::nullopt;
+        source_ = nextOf(found->*sources, source_);
         if (!source_) return std::nullopt;
         Step step{json({{"kind", "configuration"}}), *source_};
-        addPlace(step.wish, found->second.entry.line);
+        addPlace(step.wish, found->entry.line);
         // From any source but none.
         step.included = sources == &GroupConfiguration::include || source_->isZero();
         return step;

@@ -50,10 +50,11 @@
 #include "agent/config/AccessListReader.h"
 #include "agent/config/Diagnostic.h"
 
+#include <algorithm>
 #include <map>
-#include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Agent {
@@ -69,15 +70,46 @@ struct FileEntry {
     friend bool operator==(FileEntry const&, FileEntry const&) { return true; }
 };
 
-/// From where one group is wanted.
+/// From where one group is wanted. Both lists are ascending, and name each source once.
 struct GroupConfiguration {
+    using Sources = std::vector<Lox::IpAddr>;
+
     /// Unicast sources.
-    std::set<Lox::IpAddr> include;
+    Sources include;
     /// Unicast sources; or 0.0.0.0 alone, with nothing included: wanted from any source.
-    std::set<Lox::IpAddr> exclude;
+    Sources exclude;
     FileEntry entry = {};
 
+    bool anySource() const { return !exclude.empty() && exclude.front().isZero(); }
     friend bool operator==(GroupConfiguration const&, GroupConfiguration const&) = default;
+};
+
+/// The groups of an interface, ascending. There may be a million: they stand in one array.
+class GroupConfigurations {
+  public:
+    using Item = std::pair<Lox::IpAddr, GroupConfiguration>;
+
+    /// Above those that are there.
+    void add(Lox::IpAddr group, GroupConfiguration wanted) {
+        items_.emplace_back(group, std::move(wanted));
+    }
+    void reserve(std::size_t groups) { items_.reserve(groups); }
+    std::size_t size() const { return items_.size(); }
+    auto begin() const { return items_.begin(); }
+    auto end() const { return items_.end(); }
+    /// The first one from `group` on.
+    auto lowerBound(Lox::IpAddr group) const {
+        return std::ranges::lower_bound(items_, group, {}, &Item::first);
+    }
+    /// Null for one that is not there.
+    GroupConfiguration const* find(Lox::IpAddr group) const {
+        auto const at = lowerBound(group);
+        return at == end() || at->first != group ? nullptr : &at->second;
+    }
+    friend bool operator==(GroupConfigurations const&, GroupConfigurations const&) = default;
+
+  private:
+    std::vector<Item> items_;
 };
 
 /// One upstream interface.
@@ -95,7 +127,7 @@ struct InterfaceConfiguration {
     bool requireRouterAlert = false;
     /// Whether, in version 3, queriers of older versions are ignored.
     bool ssmOnly = false;
-    std::map<Lox::IpAddr, GroupConfiguration> groups;
+    GroupConfigurations groups;
     /// Names of attached lists, which need not exist.
     std::vector<std::string> accessLists;
     /// Whether these, and the prefixes among the groups, may each select more than 65,536 groups.

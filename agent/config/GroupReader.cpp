@@ -23,8 +23,8 @@ bool isLinkLocal(Lox::IpAddrWithFullMask range) {
     return range.address().host() >> 8 == 0xE00000 && range.mask() >= 0xFFFFFF00;
 }
 
-/// An entry with its groups in host order, the last included.
-struct Prefix {
+/// What is wanted of a group, or of all of a prefix; in host order, the last one included.
+struct Entry {
     TomlText key;
     std::uint32_t first;
     std::uint32_t last;
@@ -43,43 +43,48 @@ class GroupReader {
             auto const range = parseRange(key.value);
             if (!range && section && doReportUnquoted(*section, key.value)) return;
             if (!isGood(key, range) || !section) return;
-            if (range->mask() != ~0u) {
-                std::uint32_t const first = range->address().host() & range->mask();
-                Prefix& prefix =
-                    prefixes_.emplace_back(Prefix{key, first, first | ~range->mask(), {}});
-                doReadEntry(key, *section, *range, prefix.wanted);
+            std::uint32_t const first = range->address().host() & range->mask();
+            Entry& entry = entries_.emplace_back(Entry{key, first, first | ~range->mask(), {}});
+            doReadEntry(key, *section, *range, entry.wanted);
+            if (entry.count() > 1)
                 diagnostics_.addInfo(key.position,
-                                     fmt::format("selects {}", countText(prefix.count(), "group")));
-                return;
-            }
-            auto const [group, added] = interface_.groups.try_emplace(range->address());
-            if (!added) reportTwice(key);
-            doReadEntry(key, *section, *range, group->second);
+                                     fmt::format("selects {}", countText(entry.count(), "group")));
         });
     }
 
     /// Of the groups that prefixes select.
     std::uint64_t count() const {
         std::uint64_t groups = 0;
-        for (Prefix const& prefix : prefixes_) groups += prefix.count();
+        for (Entry const& entry : entries_)
+            if (entry.count() > 1) groups += entry.count();
         return groups;
+    }
+    void doDropPrefixes() {
+        std::erase_if(entries_, [](Entry const& entry) { return entry.count() > 1; });
     }
 
     /// Gives each group that has no entry of its own that with the longest prefix.
     void doExpand() {
-        auto const rank = [](Prefix const& prefix) {
-            return std::tuple(prefix.last - prefix.first, prefix.first);
-        };
-        std::ranges::stable_sort(prefixes_, {}, rank);
-        Prefix const* before = nullptr;
-        for (Prefix const& prefix : prefixes_) {
-            if (before && rank(*before) == rank(prefix)) reportTwice(prefix.key);
-            before = &prefix;
-            auto& groups = interface_.groups;
-            auto at = groups.lower_bound(Lox::IpAddr::fromHost(prefix.first));
-            for (std::uint64_t group = prefix.first; group <= prefix.last; ++group, ++at)
-                at = groups.try_emplace(at, Lox::IpAddr::fromHost(std::uint32_t(group)),
-                                        prefix.wanted);
+        std::ranges::stable_sort(entries_, [](Entry const& a, Entry const& b) {
+            return std::tuple(a.first, b.last) < std::tuple(b.first, a.last);
+        });
+        // Those that hold the group at hand: each lies within the one before it.
+        std::vector<Entry*> around;
+        interface_.groups.reserve(entries_.size() + count());
+        auto at = entries_.begin();
+        for (std::uint64_t group = 0;; ++group) {
+            while (!around.empty() && around.back()->last < group) around.pop_back();
+            if (around.empty() && at == entries_.end()) return;
+            if (around.empty()) group = at->first;
+            for (; at != entries_.end() && at->first == group; ++at) {
+                if (!around.empty() && around.back()->first == at->first &&
+                    around.back()->last == at->last)
+                    reportTwice(at->key);
+                around.push_back(&*at);
+            }
+            GroupConfiguration& wanted = around.back()->wanted;
+            interface_.groups.add(Lox::IpAddr::fromHost(std::uint32_t(group)),
+                                  around.back()->count() == 1 ? std::move(wanted) : wanted);
         }
     }
 
@@ -127,18 +132,19 @@ class GroupReader {
                      GroupConfiguration& group) {
         group.entry = {Line(key.position), unsigned(std::popcount(range.mask()))};
         if (section.empty()) { // most are
-            group.exclude.insert(Lox::IpAddr());
+            group.exclude = {Lox::IpAddr()};
             return doCheck(key, range, group);
         }
         section.checkKeys();
         doReadSourceList(section, "include", group.include, group.exclude);
         doReadSourceList(section, "exclude", group.exclude, group.include);
-        if (!section.has("include") && !section.has("exclude")) group.exclude.insert(Lox::IpAddr());
+        if (!section.has("include") && !section.has("exclude")) group.exclude = {Lox::IpAddr()};
         doCheck(key, range, group);
     }
 
     void doReadSourceList(TomlSection const& section, char const* key,
-                          std::set<Lox::IpAddr>& sources, std::set<Lox::IpAddr> const& others) {
+                          GroupConfiguration::Sources& sources,
+                          GroupConfiguration::Sources const& others) {
         auto const texts = section.texts(key);
         if (section.has(key) && texts.empty())
             diagnostics_.addError(section.positionOf(key),
@@ -147,13 +153,16 @@ class GroupReader {
                                               key));
         for (TomlText const& text : texts) {
             auto const source = parseAddress(text.value);
+            auto const at = source ? std::ranges::lower_bound(sources, *source) : sources.end();
             if (!source || !isUnicastHost(*source))
                 reportFound(text, "the unicast address of a source", diagnostics_);
-            else if (others.count(*source))
+            else if (std::ranges::binary_search(others, *source))
                 reportFound(text, "a source that is not in the include list of the group too",
                             diagnostics_);
-            else if (!sources.insert(*source).second)
+            else if (at != sources.end() && *at == *source)
                 reportFound(text, "each source once", diagnostics_);
+            else
+                sources.insert(at, *source);
         }
     }
 
@@ -161,7 +170,7 @@ class GroupReader {
     void doCheck(TomlText const& key, Lox::IpAddrWithFullMask range,
                  GroupConfiguration const& wanted) {
         auto const first = Lox::IpAddr::fromHost(range.address().host() & range.mask());
-        bool const anySource = wanted.exclude.count(Lox::IpAddr()) != 0;
+        bool const anySource = wanted.anySource();
         auto const warn = [&](std::string const& text) { warnFound(key, text, diagnostics_); };
         if (isLinkLocal(range))
             warn("is link-local: routers never forward it, expected no need to announce it");
@@ -177,7 +186,7 @@ class GroupReader {
 
     InterfaceConfiguration& interface_;
     Diagnostics& diagnostics_;
-    std::vector<Prefix> prefixes_;
+    std::vector<Entry> entries_;
 };
 
 } // namespace
@@ -188,11 +197,15 @@ void readGroups(TomlSection const& section, InterfaceConfiguration& interface,
     if (!groups) return;
     GroupReader reader(interface, diagnostics);
     reader.doRead(*groups);
-    if (!checkGroupCount(section, "group", reader.count(), interface, diagnostics)) return;
-    if (reader.count() <= mostGroupsOfPrefixes) return reader.doExpand();
-    diagnostics.addError(section.positionOf("group"),
-                         fmt::format("group selects {} groups, expected up to {}", reader.count(),
-                                     mostGroupsOfPrefixes));
+    if (!checkGroupCount(section, "group", reader.count(), interface, diagnostics)) {
+        reader.doDropPrefixes();
+    } else if (reader.count() > mostGroupsOfPrefixes) {
+        diagnostics.addError(section.positionOf("group"),
+                             fmt::format("group selects {} groups, expected up to {}",
+                                         reader.count(), mostGroupsOfPrefixes));
+        reader.doDropPrefixes();
+    }
+    reader.doExpand();
 }
 
 bool checkGroupCount(TomlSection const& section, std::string_view key, std::uint64_t groups,

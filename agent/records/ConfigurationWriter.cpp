@@ -8,14 +8,14 @@ namespace {
 
 using IgmpHostProxy::GroupSource;
 using IgmpHostProxy::IntfConfig;
-using Sources = std::set<Lox::IpAddr>;
-using Groups = std::map<Lox::IpAddr, GroupConfiguration>;
+using Sources = GroupConfiguration::Sources;
+using Groups = GroupConfigurations;
 
 /// Calls `visit` for the members of `a` that `b` lacks.
 template <class Visit>
 void forDifference(Sources const& a, Sources const& b, Visit visit) {
     for (Lox::IpAddr const source : a)
-        if (!b.contains(source)) visit(source);
+        if (!std::ranges::binary_search(b, source)) visit(source);
 }
 
 /// Takes the sources of one group that `now` lacks out of the configured list, then has the
@@ -201,7 +201,7 @@ void ConfigurationWriter::doRenewWishes(InterfaceConfiguration const& now, IntfC
     if (!status) return;
     bool forgotten = deniesRoutes(record) != status->denyMroute();
     for (auto const& [group, announced] : status->groupSourceList())
-        forgotten |= announced->empty() && !now.groups.contains(group);
+        forgotten |= announced->empty() && !now.groups.find(group);
     for (auto const& [group, wanted] : now.groups) {
         Nex::Ptr const announced = status->groupSourceList(group);
         if (announced && !announced->empty()) continue;

@@ -30,11 +30,14 @@ class Machines {
                 {Acl::Action::permit, {{source, source.isZero() ? 0 : ~0u}, {listed, ~0u}}}};
         configuration.accessLists["list"] = Agent::AccessListConfiguration(rules);
         Sources const routes = permitted(wishes.extract(routed).mapped());
-        for (auto const& [group, wish] : wishes)
+        for (auto const& [group, wish] : wishes) {
+            Sources const from = permitted(wish);
+            std::vector const list(from.begin(), from.end());
             if (wish.exclude)
-                interface.groups[group].exclude = permitted(wish);
+                interface.groups.add(group, {{}, list});
             else if (wish.member())
-                interface.groups[group].include = wish.sources;
+                interface.groups.add(group, {list, {}});
+        }
         writer_.applyConfiguration(configuration);
         for (IpAddr const source : {IpAddr(), sources[0], sources[1], sources[2], sources[3]})
             routes_->write(source, routed, withRoutes && routes.contains(source));

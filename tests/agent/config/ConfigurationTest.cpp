@@ -59,8 +59,8 @@ TEST(ConfigurationTest, FileBecomesAPlainValue) {
     EXPECT_EQ(up0.igmpVersion, 3);
     EXPECT_EQ(up0.unsolicitedReportInterval, 0.5);
     EXPECT_EQ(up0.groups.size(), 2u);
-    EXPECT_EQ(up0.groups.at(IpAddr("239.1.1.1")), anySource);
-    EXPECT_EQ(up0.groups.at(IpAddr("239.1.1.2")),
+    EXPECT_EQ(*up0.groups.find(IpAddr("239.1.1.1")), anySource);
+    EXPECT_EQ(*up0.groups.find(IpAddr("239.1.1.2")),
               (GroupConfiguration{{IpAddr("10.0.0.1"), IpAddr("10.0.0.2")}, {IpAddr("10.0.0.3")}}));
 
     InterfaceConfiguration eth;
@@ -68,7 +68,7 @@ TEST(ConfigurationTest, FileBecomesAPlainValue) {
     eth.robustness = 7;
     eth.packetsPer100ms = 10000;
     eth.requireRouterAlert = true;
-    eth.groups[IpAddr("239.1.1.1")] = anySource;
+    eth.groups.add(IpAddr("239.1.1.1"), anySource);
     EXPECT_EQ(interfaces.at("eth0.7"), eth);
     InterfaceConfiguration ssm;
     ssm.ssmOnly = true;
@@ -157,7 +157,7 @@ TEST_F(ConfigurationFilesTest, IncludedFilesAreReadAsPartsOfOne) {
     ConfigurationReading const reading = read();
     EXPECT_EQ(said(), Lines{"d/1.toml:4:1: info: selects 2 groups"});
     Configuration const& all = reading.configuration;
-    Line const line = all.interfaces.at("up1").groups.at(IpAddr("239.1.1.1")).entry.line;
+    Line const line = all.interfaces.at("up1").groups.find(IpAddr("239.1.1.1"))->entry.line;
     EXPECT_EQ(std::to_string(line.number) + *line.file, "4" + files.file("d/1.toml"));
     EXPECT_EQ(all.interfaces.size(), 2u);
     EXPECT_TRUE(all.vrfs.contains("red"));
