@@ -83,9 +83,9 @@ struct GroupEntry {
     void dropAnswer();
 
     HostGroup group;
-    TimedLink change{this};    ///< next report of a change; before version 3, of any but `answer`
-    TimedLink answer{this};    ///< the answer to a specific query
-    GroupLink walk{this};      ///< the walk over all groups with state, or over those leaving
+    TimedLink change{this};      ///< next report of a change; before version 3, of any but `answer`
+    TimedLink answer{this};      ///< the answer to a specific query
+    GroupLink walk{this};        ///< the walk over all groups with state, or over those leaving
     std::uint32_t wish = noWish; ///< index of what this turn wants of it
     // When it was named last, by the whole seconds of the engine's time; 0 for never.
     std::uint32_t told = 0;     ///< for a change
