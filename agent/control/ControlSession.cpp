@@ -92,21 +92,41 @@ class ControlSession::AnswerPart : public JsonPart {
     std::unique_ptr<JsonPart> content_;
 };
 
+struct RpcReply::Owed {
+    explicit Owed(std::weak_ptr<ControlSession> whose) : session(std::move(whose)) {}
+    Owed(Owed const&) = delete;
+    Owed& operator=(Owed const&) = delete;
+    ~Owed() {
+        auto const waiting = session.lock();
+        if (waiting && !answered) waiting->doEnd();
+    }
+
+    std::weak_ptr<ControlSession> session;
+    bool answered = false;
+};
+
+RpcReply::RpcReply(std::weak_ptr<ControlSession> session)
+    : owed_(std::make_shared<Owed>(std::move(session))) {}
+
 void RpcReply::result(nlohmann::json const& result) const {
     this->result(std::make_unique<ValuePart>(result));
 }
 
 void RpcReply::result(std::unique_ptr<JsonPart> result) const {
-    if (auto const session = session_.lock()) session->doAnswer("result", std::move(result));
+    doAnswer("result", std::move(result));
 }
 
 void RpcReply::error(RpcError const& error) const {
-    if (auto const session = session_.lock())
-        session->doAnswer("error", std::make_unique<ValuePart>(error.toJson()));
+    doAnswer("error", std::make_unique<ValuePart>(error.toJson()));
+}
+
+void RpcReply::doAnswer(char const* name, std::unique_ptr<JsonPart> content) const {
+    if (auto const session = owed_->session.lock()) session->doAnswer(name, std::move(content));
+    owed_->answered = true;
 }
 
 void RpcReply::flush() const {
-    if (auto const session = session_.lock()) session->doFlush();
+    if (auto const session = owed_->session.lock()) session->doFlush();
 }
 
 ControlSession::ControlSession(EventLoop& loop, FileDescriptor socket, uid_t user,
@@ -139,16 +159,22 @@ void ControlSession::handleEvents(std::uint32_t events) {
     doWork();
 }
 
-/// Goes on with whatever can go on, for one slice.
+/// Goes on with whatever can go on, for one slice. Where that fails half way, it cannot go on, and
+/// the client sees the end instead of waiting for more.
 void ControlSession::doWork() {
     auto const held = shared_from_this(); // an answer may end the session
     double const end = EventLoop::now() + sliceSeconds;
-    bool more = true;
-    while (more && EventLoop::now() < end) more = doStep();
-    if (!onEnd_) return;
-    if (inputEnded_ && !more && !blocked_ && idle()) return doEnd();
-    if (more) slice_.arm(0);
-    doWait();
+    try {
+        bool more = true;
+        while (more && EventLoop::now() < end) more = doStep();
+        if (onEnd_ && inputEnded_ && !more && !blocked_ && idle()) doEnd();
+        if (onEnd_ && more) slice_.arm(0);
+        if (onEnd_) doWait();
+    } catch (...) {
+        doEnd();
+        throw;
+    }
+    if (failure_) std::rethrow_exception(std::exchange(failure_, nullptr));
 }
 
 /// Returns whether more can be done now.
@@ -230,10 +256,10 @@ bool ControlSession::doTakeLine() {
 }
 
 void ControlSession::doServe() {
-    serving_ = true;
     RpcReply const reply(weak_from_this());
     // The answer takes the request away, and may come at once.
     RpcRequest const request = requests_.front();
+    serving_ = true;
     try {
         if (request.error) throw RpcError(*request.error);
         auto const method = methods_.find(request.method);
@@ -248,7 +274,7 @@ void ControlSession::doServe() {
         reply.error(error);
     } catch (std::exception const& error) {
         reply.error(RpcError(RpcError::internalError, error.what()));
-        throw;
+        failure_ = std::current_exception();
     }
 }
 

@@ -12,6 +12,7 @@
 #include "agent/records/JsonStream.h"
 
 #include <deque>
+#include <exception>
 #include <functional>
 #include <map>
 #include <memory>
@@ -23,10 +24,12 @@ namespace Agent {
 
 class ControlSession;
 
-/// Where the answer to a request goes, if whoever asked still waits for it. Answered once.
+/// Where the answer to a request goes, if whoever asked still waits for it. Answered once. Where
+/// the last copy goes without that, because something failed on the way, the session ends: nobody
+/// waits for what never comes.
 class RpcReply {
   public:
-    explicit RpcReply(std::weak_ptr<ControlSession> session) : session_(std::move(session)) {}
+    explicit RpcReply(std::weak_ptr<ControlSession> session);
     /// `result` is an object.
     void result(nlohmann::json const& result) const;
     /// The same in pieces. What it walks must outlive it.
@@ -36,7 +39,11 @@ class RpcReply {
     void flush() const;
 
   private:
-    std::weak_ptr<ControlSession> session_;
+    struct Owed;
+
+    void doAnswer(char const* name, std::unique_ptr<JsonPart> content) const;
+
+    std::shared_ptr<Owed> owed_;
 };
 
 struct RpcParameter {
@@ -105,6 +112,7 @@ class ControlSession : public std::enable_shared_from_this<ControlSession> {
     bool batch_ = false;
     bool batchBegun_ = false;          ///< something of its answer has been written
     bool serving_ = false;             ///< the first request waits for its answer
+    std::exception_ptr failure_;       ///< of one that has been answered, for the log
     std::optional<JsonStream> answer_; ///< to the first request
     std::string output_;
     std::size_t sent_ = 0; ///< octets of that

@@ -1,5 +1,6 @@
 #include "agent/reload/Differ.h"
 
+#include "Nex/Error.h"
 #include "agent/ports/ChangesAnswer.h"
 
 #include <fmt/format.h>
@@ -41,10 +42,13 @@ void Differ::doRehearse(ConfigurationReading found) {
     bool const copy = rehearsal_.begin([this](std::string const& summary, FileDescriptor rows) {
         handleEnd(summary, std::move(rows));
     });
-    // A long one takes a while to free.
-    if (!copy)
-        return loop_.offload([held = std::make_shared<Configuration>(
-                                  std::move(found.configuration))]() mutable { held.reset(); });
+    if (!copy) { // a long one takes a while to free; without memory, here
+        Nex::FirstError().attempt([&] {
+            auto held = std::make_shared<Configuration>(std::move(found.configuration));
+            loop_.offload([held = std::move(held)]() mutable { held.reset(); });
+        });
+        return;
+    }
     loop_.atEndOfTurn([this] { target_.followPatterns(); });
     loop_.atEndOfTurn([this] { hosts_.handleTurn(EventLoop::now()); });
     loop_.atEndOfTurn([this] { handleCopyTurn(); });
@@ -79,9 +83,10 @@ void Differ::doTell() {
 
 void Differ::handleEnd(std::string const& summary, FileDescriptor rows) {
     if (summary.empty()) return doRefuse("the attempt did not come to its end");
-    answer_.update(json::parse(summary));
-    auto part = changesPart(std::exchange(answer_, {}), std::move(rows));
-    std::exchange(reply_, std::nullopt)->result(std::move(part));
+    auto const reply = std::exchange(reply_, std::nullopt);
+    json answer = std::exchange(answer_, {});
+    answer.update(json::parse(summary));
+    reply->result(changesPart(std::move(answer), std::move(rows)));
 }
 
 void Differ::doRefuse(std::string const& text, std::vector<Diagnostic> const& found) {

@@ -1,5 +1,6 @@
 #include "agent/reload/Reloader.h"
 
+#include "Nex/Error.h"
 #include "agent/loop/Log.h"
 #include "agent/loop/ServiceManager.h"
 
@@ -102,12 +103,16 @@ void Reloader::doPutInForce(Configuration configuration, unsigned number) {
 
 /// Makes JSON for those who asked for it alone: it cannot be made without memory.
 void Reloader::doRefuse(std::string const& text, std::vector<Diagnostic> const& found) {
-    log(LogLevel::error, "{}", text);
+    Nex::FirstError error;
+    error.attempt([&] { log(LogLevel::error, "{}", text); });
     ++counts_.refused;
     for (Request const& each : served_)
-        if (each.reply)
+        error.attempt([&] {
+            if (!each.reply) return;
             each.reply->error(RpcError(RpcError::refused, text, {{"diagnostics", toJson(found)}}));
+        });
     doEnd();
+    error.rethrow();
 }
 
 void Reloader::undo(Request request) {
@@ -146,10 +151,14 @@ void Reloader::handleTurn() {
 
 void Reloader::doSettle() {
     settling_ = false;
+    Nex::FirstError error;
     for (Request const& each : served_)
-        if (each.reply) each.reply->result(answerJson());
+        error.attempt([&] {
+            if (each.reply) each.reply->result(answerJson());
+        });
     target_.endChanges();
     doEnd();
+    error.rethrow();
 }
 
 json Reloader::answerJson() const {

@@ -28,6 +28,10 @@ struct Endless : JsonPart {
     std::size_t& made;
 };
 
+struct Broken : JsonPart {
+    bool next(JsonStream&) override { throw std::bad_alloc(); }
+};
+
 class ControlTest : public LoopFixture {
   protected:
     ControlTest() {
@@ -42,6 +46,10 @@ class ControlTest : public LoopFixture {
         methods["endless"].call = [this](json const&, RpcReply const& reply) {
             reply.result(std::make_unique<Endless>(made));
         };
+        methods["broken"].call = [](json const&, RpcReply const& reply) {
+            reply.result(std::make_unique<Broken>());
+        };
+        methods["forgotten"].call = [](json const&, RpcReply const&) {};
         methods["refuse"].call = [](json const&, RpcReply const&) {
             throw RpcError(RpcError::refused, "not now", {{"key", 1}});
         };
@@ -147,6 +155,19 @@ TEST_F(ControlTest, EachLineHasItsAnswerInTurn) {
     later.reset();
     send(connected(), asked("later")); // and goes
     EXPECT_TRUE(serveUntil([&] { return later.has_value(); }));
+}
+
+TEST_F(ControlTest, NobodyWaitsForAnAnswerThatDoesNotCome) {
+    ControlServer const server(loop, path, methods);
+    for (char const* const method : {"broken", "forgotten", "later"}) {
+        FileDescriptor const client = connected();
+        send(client, asked(method));
+        if (method == std::string("later")) {
+            ASSERT_TRUE(serveUntil([&] { return later.has_value(); }));
+            later.reset();
+        }
+        EXPECT_TRUE(ends(client)) << method;
+    }
 }
 
 TEST_F(ControlTest, NobodyCostsMoreThanABoundedAmount) {
