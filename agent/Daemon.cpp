@@ -295,6 +295,7 @@ void Daemon::handleTurn() {
     vrfs_->handleTurn();
     if (obstacles_.handleTurn()) service_.handleChange();
     trimmer_.handleTurn();
+    reserve_.handleTurn();
     reloader_.handleTurn();
     if (ready_ || ending_ || !vrfs_->synchronized()) return;
     ready_ = true;

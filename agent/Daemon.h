@@ -12,6 +12,7 @@
 #include "agent/files/StatusFile.h"
 #include "agent/loop/EventLoop.h"
 #include "agent/loop/HeapTrimmer.h"
+#include "agent/loop/MemoryReserve.h"
 #include "agent/loop/ServiceStatus.h"
 #include "agent/ports/Obstacles.h"
 #include "agent/ports/PatternInterfaces.h"
@@ -126,6 +127,7 @@ class Daemon : private Reloader::Target {
     std::optional<StatusFile> statusFile_;
     Alarm rebuild_{loop_, [this] { doRebuild(); }};
     HeapTrimmer trimmer_{loop_};
+    MemoryReserve reserve_;
     ServiceStatus service_{loop_, [this] { return statusText(); }};
     std::optional<AgentView> view_;
     Reloader reloader_;

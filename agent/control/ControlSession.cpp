@@ -1,6 +1,7 @@
 #include "agent/control/ControlSession.h"
 
 #include "agent/loop/Log.h"
+#include "agent/loop/MemoryReserve.h"
 #include "agent/loop/Printable.h"
 
 #include <algorithm>
@@ -235,6 +236,10 @@ bool ControlSession::doReceive() {
 bool ControlSession::doTakeLine() {
     std::size_t const end = input_.find('\n');
     if (end == std::string::npos && input_.size() <= mostLineOctets) return false;
+    if (MemoryReserve::isSpent()) {
+        doEnd();
+        return false;
+    }
     RpcMessage message;
     if (std::min(end, input_.size()) > mostLineOctets) {
         // Where the line ends is not worth finding out.

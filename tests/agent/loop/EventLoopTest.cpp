@@ -1,10 +1,13 @@
 #include "agent/loop/EventLoop.h"
 
+#include "agent/loop/MemoryReserve.h"
+
 #include <barrier>
 #include <cmath>
 #include <csignal>
 #include <gtest/gtest.h>
 #include <memory>
+#include <new>
 #include <pthread.h>
 #include <stdexcept>
 #include <string>
@@ -211,6 +214,17 @@ TEST_F(EventLoopTest, StandardDescriptorsThatAreClosedAreTaken) {
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
+}
+
+TEST(MemoryReserveTest, IsGivenUpOnceAndPutByAtTheEndOfTheTurn) {
+    MemoryReserve reserve;
+    for (int turn = 0; turn < 2; ++turn) {
+        EXPECT_FALSE(MemoryReserve::isSpent());
+        std::get_new_handler()(); // as operator new does without memory
+        EXPECT_TRUE(MemoryReserve::isSpent());
+        EXPECT_THROW(std::get_new_handler()(), std::bad_alloc);
+        reserve.handleTurn();
+    }
 }
 
 } // namespace

@@ -1,0 +1,28 @@
+// A piece of memory that nobody uses, given back when there is no other: what is under way comes to
+// its end by it. That is for what cannot be stopped half way; JSON values, for one, ask for memory
+// as they end, and whoever refuses it then ends the process.
+#pragma once
+
+#include "agent/loop/Log.h"
+
+namespace Agent {
+
+/// One in a program at a time. Holds for all threads, and for whatever comes from operator new.
+class MemoryReserve {
+  public:
+    /// Throws std::bad_alloc.
+    MemoryReserve();
+    ~MemoryReserve();
+    MemoryReserve(MemoryReserve const&) = delete;
+    MemoryReserve& operator=(MemoryReserve const&) = delete;
+
+    /// Whether it has been given up: nothing that can wait should begin.
+    static bool isSpent();
+    /// The end of a turn of the loop: puts it by again, if there is memory.
+    void handleTurn();
+
+  private:
+    LogLimit warnings_;
+};
+
+} // namespace Agent
