@@ -2,6 +2,7 @@
 """Has every system call of the agent fail, and shows that the agent comes right by itself.
 
 failures.py BUILD                     each use of each system call in a scenario, with each error
+failures.py BUILD --allocations       each allocation of memory
 failures.py BUILD --sample 50         some of them
 failures.py BUILD --only FAULT...     these, such as sendto:ENOBUFS:3, the third sendto
 failures.py BUILD --soak MINUTES      no fault: the same again and again, in one agent
@@ -11,7 +12,7 @@ namespace, routes that come and go, two reloads, the link down and up, a general
 be asked, and the end. It runs in a private network with a bridge for a router, which must know what
 is wanted at each resting point. The fault is made by strace in the main thread, from main() on; one
 that begins with "worker:" in a thread beside it, which reads files and routes, from the word "ready"
-on.
+on. An allocation is refused in any thread, by refuse.c.
 
 An agent may refuse to start and say why; it is started again without the fault. Once it was ready it
 must not end. A refused reload says so, and the next one counts. Nothing leaks, nothing spins.
@@ -158,9 +159,15 @@ class Scenario:
 
     def __init__(self, build, folder, far, worker, fault):
         self.build, self.folder, self.far, self.worker = build, folder, far, worker
-        self.tracer = ["strace", "-y", "-ttt", "-o", f"{folder}/trace"]
-        if fault:
-            call, error, count = fault.split(":")
+        self.tracer, self.preloaded = ["strace", "-y", "-ttt", "-o", f"{folder}/trace"], {}
+        call, error, count = fault.split(":") if fault else ("", "", "")
+        if call == "malloc":
+            self.tracer = []
+            self.preloaded = {"LD_PRELOAD": f"{folder}/refuse.so", "IHP_REFUSE": count,
+                              "IHP_TRACE": f"{folder}/trace"}
+            net.run("cc", "-shared", "-fPIC", "-O1", "-o", f"{folder}/refuse.so",
+                    str(pathlib.Path(__file__).with_name("refuse.c")))
+        elif fault:
             result = f"retval{error}" if error[0] == "=" else f"error={error}"
             self.tracer.append(f"--inject={call}:{result}:when={count}")
         self.manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
@@ -188,15 +195,17 @@ class Scenario:
         return self.struck() is not None and SOUND.match(self.struck()[1]) is not None
 
     def begin(self, traced):
+        tracer = [*self.tracer, "-D"] if traced and self.tracer else []
         with open(f"{self.folder}/output", "w") as output:
             self.process = subprocess.Popen(
-                [*([*self.tracer, "-D"] if traced else []), f"{self.build}/agent/ihproxyd",
+                [*tracer, f"{self.build}/agent/ihproxyd",
                  "--config", f"{self.folder}/file", "--status", f"{self.folder}/status.json",
                  "--state", f"{self.folder}/state", "--control", f"{self.folder}/control"],
                 stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
                 # Looking for leaks takes a tracer of its own.
                 env=dict(os.environ, NOTIFY_SOCKET=f"{self.folder}/manager",
-                         WATCHDOG_USEC="4000000", ASAN_OPTIONS="detect_leaks=0"))
+                         WATCHDOG_USEC="4000000", ASAN_OPTIONS="detect_leaks=0",
+                         **(self.preloaded if traced else {})))
         self.wait("ready", lambda: "ready" in self.output().splitlines())
         self.wait("the service manager hears of it", self.manager_hears)
 
@@ -430,7 +439,7 @@ def results(tried, usual, chosen):
     """Each fault with what came of it, as the runs end."""
     runs = concurrent.futures.ProcessPoolExecutor(chosen.j)
     try:
-        begun = {runs.submit(run, chosen.build, fault, usual["worker:" * fault.startswith("worker:")],
+        begun = {runs.submit(run, chosen.build, fault, usual.get(fault.partition(":")[0], usual.get("")),
                              chosen.trace): fault for fault in tried}
         for done in concurrent.futures.as_completed(begun):
             yield begun[done], done.result()
@@ -442,6 +451,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("build", type=os.path.abspath, help="the folder that the agent was built in")
+    parser.add_argument("--allocations", action="store_true", help="these are refused instead")
     parser.add_argument("--only", metavar="FAULT", nargs="+", help="these faults")
     parser.add_argument("--sample", type=int, metavar="N", help="so many faults, by chance")
     parser.add_argument("--seed", type=int, default=1)
@@ -458,11 +468,16 @@ def main():
     exempt = MEMORY if b"__asan_init" in pathlib.Path(chosen.build, "agent/ihproxyd").read_bytes() \
         else set()
     usual, known = {}, []
-    for place in "", "worker:":
-        usual[place] = run(chosen.build, place, None, None)
-        if isinstance(usual[place], str):
-            raise net.Failure(f"without a fault: {usual[place]}")
-        known += offered(usual[place].pop("trace"), place, exempt)
+    for place in ["malloc:ENOMEM:0"] if chosen.allocations else ["", "worker:"]:
+        usual[place.partition(":")[0]] = found = run(chosen.build, place, None, None)
+        if isinstance(found, str):
+            raise net.Failure(f"without a fault: {found}")
+        trace = found.pop("trace")
+        if chosen.allocations:
+            count = int(re.search(r"malloc\((\d+)\) was the last", trace[-1])[1])
+            known = [f"malloc:ENOMEM:{number}" for number in range(1, count + 1)]
+        else:
+            known += offered(trace, place, exempt)
     tried = chosen.only or known
     if chosen.sample:
         tried = random.Random(chosen.seed).sample(tried, min(chosen.sample, len(tried)))
