@@ -1,11 +1,16 @@
 // A set in the order of insertion, for work queues: no single change takes longer because the set
 // is large. Nothing is moved but the keys of one bucket at a time (linear hashing), where a `Map`
 // now and then moves all at once.
+//
+// What is inserted is put into the list at once and into its bucket later, a few keys together: a
+// search in a large set waits for memory, and so they wait at the same time. Whoever looks before
+// that has it done first, and sees nothing of it.
 #pragma once
 
 #include "Nex/Hash.h"
 #include "Nex/Ptr.h"
 
+#include <array>
 #include <bit>
 #include <memory>
 #include <vector>
@@ -14,7 +19,7 @@ namespace Nex {
 
 /// Has no walk: its user takes keys from the front. Keys are hashed as those of a `Map`, always
 /// with the secret. A key takes one small object and about one pointer in a bucket, given back as
-/// the keys go. Only `insert` needs memory.
+/// the keys go. Only `insert` needs memory. Nothing is locked, and reading counts as changing.
 template <class Key>
 class LinkedSet {
   public:
@@ -23,8 +28,11 @@ class LinkedSet {
     LinkedSet& operator=(LinkedSet const&) = delete;
     ~LinkedSet() { clear(); }
 
-    std::size_t size() const { return count_; }
-    bool empty() const { return count_ == 0; }
+    std::size_t size() const {
+        settle();
+        return count_;
+    }
+    bool empty() const { return !first_; }
     bool has(Key const& key) const { return find(key) != nullptr; }
     /// The key that is there for the longest time, or was put to the back before all others; valid
     /// until it is taken. Not to be called when there is none.
@@ -33,12 +41,12 @@ class LinkedSet {
     /// A key that is there already keeps its place. Throws std::bad_alloc, and std::runtime_error
     /// where the first key finds no secret; the set is then as it was.
     void insert(Key const& key) {
-        if (has(key)) return;
-        if (count_ == buckets_) grow();
+        if (fresh_ == freshNodes_.size()) settle();
+        // A bucket for each, should none of them be there already.
+        if (count_ + fresh_ >= buckets_) grow();
         Node* const node = new Node{key};
-        enchain(node);
         append(node);
-        ++count_;
+        freshNodes_[fresh_++] = node;
     }
     /// A key that is not there is no error. `key` may be the one that `front` shows.
     void take(Key const& key) {
@@ -49,7 +57,7 @@ class LinkedSet {
         for (Node* node = first_; node;) delete std::exchange(node, node->after);
         first_ = last_ = nullptr;
         segments_.clear();
-        buckets_ = count_ = 0;
+        buckets_ = count_ = fresh_ = 0;
     }
     /// Puts a key that is there behind all others. One that is not there is no error. `key` may be
     /// the one that `front` shows.
@@ -79,6 +87,8 @@ class LinkedSet {
     // means that the keys of a single one are dealt out anew, and one less that they go back.
     // Segments never move.
 
+    /// How many keys may wait for their buckets.
+    static constexpr std::size_t mostFresh = 16;
     /// Buckets of the first segment; every other segment has as many as all before it.
     static constexpr std::size_t fewest = 8;
 
@@ -100,11 +110,37 @@ class LinkedSet {
         std::size_t const bucket = hash & (std::bit_ceil(buckets_) - 1);
         return bucket < buckets_ ? bucket : parentOf(bucket);
     }
+    static Node* findIn(Node* bucket, Key const& key) {
+        while (bucket && !(bucket->key == key)) bucket = bucket->inBucket;
+        return bucket;
+    }
     Node* find(Key const& key) const {
-        if (buckets_ == 0) return nullptr;
-        Node* node = head(bucketOf(key));
-        while (node && !(node->key == key)) node = node->inBucket;
-        return node;
+        settle();
+        return buckets_ == 0 ? nullptr : findIn(head(bucketOf(key)), key);
+    }
+    /// Puts the fresh nodes into their buckets, those aside whose key is there already: these go
+    /// again.
+    void settle() const {
+        if (fresh_ > 0) const_cast<LinkedSet*>(this)->doSettle();
+    }
+    [[gnu::noinline]] void doSettle() {
+        std::array<Node**, mostFresh> heads;
+        std::size_t const fresh = std::exchange(fresh_, 0);
+        for (std::size_t at = 0; at < fresh; ++at) {
+            heads[at] = &head(bucketOf(freshNodes_[at]->key));
+            __builtin_prefetch(heads[at]);
+        }
+        for (std::size_t at = 0; at < fresh; ++at) __builtin_prefetch(*heads[at]);
+        for (std::size_t at = 0; at < fresh; ++at) {
+            Node* const node = freshNodes_[at];
+            if (findIn(*heads[at], node->key)) {
+                detach(node);
+                delete node;
+            } else {
+                node->inBucket = std::exchange(*heads[at], node);
+                ++count_;
+            }
+        }
     }
 
     void enchain(Node* node) {
@@ -164,9 +200,11 @@ class LinkedSet {
 
     std::vector<std::unique_ptr<Node*[]>> segments_;
     std::size_t buckets_ = 0;
-    std::size_t count_ = 0;
+    std::size_t count_ = 0; ///< keys in buckets
     Node* first_ = nullptr;
     Node* last_ = nullptr;
+    std::array<Node*, mostFresh> freshNodes_; ///< the last ones of the list, in its order
+    std::size_t fresh_ = 0;                   ///< of these
 };
 
 } // namespace Nex
