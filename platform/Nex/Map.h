@@ -280,7 +280,7 @@ class Map {
         std::uint32_t away;
     };
     [[gnu::always_inline]] Probe probeFor(Key const& key) const {
-        if (!index_) return lookThrough(key);
+        if (!index_) return used_ == 0 ? Probe{none, 0, 0} : lookThrough(key);
         std::uint32_t const home = homeOf(key);
         // Most keys stand at home, and where others do not, nothing does.
         if (index_[home] == 0) return {none, home, 0};
@@ -479,7 +479,6 @@ class SmallMap {
     static_assert(std::is_trivially_copyable_v<Key> && std::is_trivially_copyable_v<Value>);
     static_assert(N <= 8, "one bit each");
     using Large = Map<Key, Value>;
-    using Entry = Item<Key, Value>;
 
   public:
     SmallMap() = default;
@@ -503,7 +502,7 @@ class SmallMap {
     Value* find(Key const& key) {
         if (isLarge()) return large()->find(key);
         unsigned const at = positionOf(key);
-        return at == used_ ? nullptr : &small()[at].value;
+        return at == used_ ? nullptr : value(at);
     }
     Value const* find(Key const& key) const { return const_cast<SmallMap*>(this)->find(key); }
 
@@ -511,12 +510,13 @@ class SmallMap {
     std::pair<Value*, bool> findOrInsert(Key const& key) {
         if (!isLarge()) {
             unsigned const at = positionOf(key);
-            if (at < used_) return {&small()[at].value, false};
+            if (at < used_) return {value(at), false};
             if (at < N) {
                 ++used_;
-                small()[at] = Entry{key, Value()};
+                keys()[at] = key;
+                *value(at) = Value();
                 live_ = std::uint8_t(live_ | 1u << at);
-                return {&small()[at].value, true};
+                return {value(at), true};
             }
             becomeLarge();
         }
@@ -528,10 +528,10 @@ class SmallMap {
         if (isLarge()) return large()->take(key);
         unsigned const at = positionOf(key);
         if (at == used_) return Value();
-        Value const value = small()[at].value;
+        Value const taken = *value(at);
         live_ = std::uint8_t(live_ & ~(1u << at));
         if (walkers_ == 0) closeHoles();
-        return value;
+        return taken;
     }
 
     /// As of `Map`. Positions stay as they are also when the map becomes large meanwhile.
@@ -553,7 +553,8 @@ class SmallMap {
                 return map_->large()->template next<Value>(at_, end_);
             while (at_ < end_) {
                 std::uint32_t const at = at_++;
-                if (map_->live(at)) return yield<Key, Value>(map_->small()[at]);
+                if (map_->live(at))
+                    return yield<Key, Value>(Item<Key, Value>{map_->keys()[at], *map_->value(at)});
             }
             return std::nullopt;
         }
@@ -568,14 +569,22 @@ class SmallMap {
 
   private:
     static constexpr std::uint8_t largeMark = 0xFF;
-    /// The room holds the entries, or the address of the large map. Octets keep the object free of
-    /// a pointer's alignment.
-    static constexpr std::size_t roomBytes = std::max(N * sizeof(Entry), sizeof(Large*));
+    /// The room holds the keys and behind them the values, neither of which then pads the other, or
+    /// the address of the large map. Octets keep the object free of a pointer's alignment.
+    static constexpr std::size_t valueBytes = std::is_empty_v<Value> ? 0 : sizeof(Value);
+    static constexpr std::size_t valuesAt = valueBytes == 0 ? 0 : N * sizeof(Key);
+    static constexpr std::size_t roomBytes =
+        std::max(N * (sizeof(Key) + valueBytes), sizeof(Large*));
+    static_assert(alignof(Value) <= alignof(Key));
 
     bool isLarge() const { return used_ == largeMark; }
     bool live(unsigned at) const { return live_ >> at & 1; }
-    Entry* small() { return reinterpret_cast<Entry*>(room_); }
-    Entry const* small() const { return reinterpret_cast<Entry const*>(room_); }
+    Key* keys() { return reinterpret_cast<Key*>(room_); }
+    Key const* keys() const { return reinterpret_cast<Key const*>(room_); }
+    Value const* value(unsigned at) const {
+        return reinterpret_cast<Value const*>(room_ + valuesAt + at * valueBytes);
+    }
+    Value* value(unsigned at) { return const_cast<Value*>(std::as_const(*this).value(at)); }
     Large* large() const {
         Large* map;
         std::memcpy(&map, room_, sizeof map);
@@ -584,7 +593,7 @@ class SmallMap {
     /// `used_` where the key is not.
     unsigned positionOf(Key const& key) const {
         unsigned at = 0;
-        while (at < used_ && !(small()[at].key == key && live(at))) ++at;
+        while (at < used_ && !(keys()[at] == key && live(at))) ++at;
         return at;
     }
     void endWalk() const {
@@ -595,8 +604,11 @@ class SmallMap {
     }
     void closeHoles() {
         unsigned to = 0;
-        for (unsigned at = 0; at < used_; ++at)
-            if (live(at)) small()[to++] = small()[at];
+        for (unsigned at = 0; at < used_; ++at) {
+            if (!live(at)) continue;
+            keys()[to] = keys()[at];
+            *value(to++) = *value(at);
+        }
         used_ = std::uint8_t(to);
         live_ = std::uint8_t((1u << to) - 1);
     }
@@ -605,7 +617,7 @@ class SmallMap {
         map->walkers_ = walkers_;
         for (unsigned at = 0; at < used_; ++at)
             if (live(at))
-                *map->findOrInsert(small()[at].key).first = small()[at].value;
+                *map->findOrInsert(keys()[at]).first = *value(at);
             else
                 map->addHole();
         Large* const address = map.release();
@@ -616,7 +628,7 @@ class SmallMap {
     std::uint8_t used_ = 0; ///< entries and holes in the room, or `largeMark`
     std::uint8_t live_ = 0; ///< a bit for each of them: whether it is an entry
     mutable std::uint16_t walkers_ = 0;
-    alignas(Entry) std::byte room_[roomBytes];
+    alignas(Key) std::byte room_[roomBytes];
 };
 
 /// Walks of these yield bare keys. `findOrInsert(key).second` says whether the key is new.
