@@ -409,6 +409,8 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     bool syncInProgress() const { return keshBookmark_ || rkBookmarkNotNull(); }
     /// The table to begin a slice with; null when there is none, or the bookmarked one is gone.
     Kesh::Multicast::Fib::Status const* syncStart() const;
+    /// The status entry of the next route lies anywhere: it comes while the one before is synced.
+    void doFetchAhead(Kesh::Multicast::Fib::MfibKeshCollRouteIteratorConst const& at) const;
     void doEndSlice(Kesh::Multicast::Fib::MfibKeshCollRouteIteratorConst const& at);
     void doEndSyncChanged(bool again);
     void doSyncPresent(Kesh::Multicast::Fib::Status const& table,

@@ -164,6 +164,7 @@ void IgmpHostProxyIntfSm::doSyncAllRoutes() {
     while (!at.atEnd()) {
         void const* const table = at.table();
         IHP_TRACE(3, "Syncing % from kesh table %", at.routeKey(), table);
+        doFetchAhead(at);
         if (!error.attempt([&] { doSyncKey(at.table(), at.routeKey()); })) {
             // It is tried again as a changed route, and holds up nobody who comes after it.
             handleRoute({*at.table(), at.routeKey()});
@@ -179,6 +180,13 @@ void IgmpHostProxyIntfSm::doSyncAllRoutes() {
     untried_ = true;
     if (at.atEnd() && !syncRestarted_) syncAllRoutesIs(false);
     error.rethrow();
+}
+
+void IgmpHostProxyIntfSm::doFetchAhead(MfibKeshCollRouteIteratorConst const& at) const {
+    IpGenRouteKey const* const key = at.aheadKey();
+    if (!key || !intfStatus()) return;
+    if (GroupSource const* const entry = intfStatus()->groupSourceList(key->group.address()))
+        entry->fetch();
 }
 
 /// `at` stands on the first route that has not been synced.

@@ -151,6 +151,8 @@ class MfibKeshCollRouteIteratorConst {
     /// Of the route stood on; not to be called at the end.
     Status const* table() const { return table_.get(); }
     IpGenRouteKey const& routeKey() const { return at_->key(); }
+    /// The key of the next route as far as it is at hand, or null; good until routes come or go.
+    IpGenRouteKey const* aheadKey() const { return at_->ahead(); }
     /// Moves on to the next route. Not to be called at the end.
     void updateToBestRouteIterators();
 

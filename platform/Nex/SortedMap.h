@@ -59,6 +59,13 @@ class SortedMap {
         bool atEnd() const { return !key_; }
         /// A copy of its own. Not to be called at the end.
         Key const& key() const { return *key_; }
+        /// The next key, good until a key comes or goes; null at the last one, and where it is not
+        /// known without a search. Not to be called at the end.
+        Key const* ahead() const {
+            if (revision_ != map_->revision_) return nullptr;
+            auto const next = std::next(at_);
+            return next == map_->order_.end() ? nullptr : &*next;
+        }
         /// Not to be called at the end, either.
         void advance() {
             at_ = revision_ == map_->revision_ ? std::next(at_) : map_->order_.upper_bound(*key_);
