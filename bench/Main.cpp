@@ -47,7 +47,8 @@ struct Growth {
     Take library;
 };
 std::vector<Growth> const growths = [] {
-    std::vector<std::uint32_t> const items{1 << 10, 1 << 12, 1 << 14, 1 << 16, 1 << 18, 1 << 20};
+    std::vector<std::uint32_t> const items{1 << 10, 1 << 12, 1 << 14, 1 << 16,
+                                           1 << 18, 1 << 20, 1 << 22};
     std::vector<std::uint32_t> const interfaces{1, 10, 100, 1000, 10000};
     std::vector<std::uint32_t> const vrfs{1, 8, 64, 512, 1024};
     std::vector<std::uint32_t> const rules{1, 100, 1000, 10000, 20000};
@@ -109,22 +110,26 @@ void printParts(unsigned samples) {
                 alone(take<RangeSteps>));
 }
 
-void printGrowth(unsigned samples) {
+/// Up to `most` of what the figures are about.
+void printGrowth(unsigned samples, std::uint32_t most) {
     std::vector<std::uint32_t> const* head = nullptr;
     for (Growth const& growth : growths) {
+        auto const end = std::upper_bound(growth.counts.begin(), growth.counts.end(), most);
+        std::vector<std::uint32_t> const counts(growth.counts.begin(), end);
         if (!head || *head != growth.counts) {
             head = &growth.counts;
             std::printf("\n| nanoseconds of the processor for one of |");
-            for (std::uint32_t const count : *head) std::printf(" %u |", count);
+            for (std::uint32_t const count : counts) std::printf(" %u |", count);
             std::printf("\n|---|");
-            for (std::size_t at = 0; at < head->size(); ++at) std::printf("---|");
+            for (std::size_t at = 0; at < counts.size(); ++at) std::printf("---|");
             std::printf("\n");
         }
         std::printf("| %s |", growth.name);
-        for (std::uint32_t const count : growth.counts)
+        for (std::uint32_t const count : counts)
             std::printf(" %.0f |",
                         touched(nullptr, growth.library, count, samples).library.nanoseconds);
         std::printf("\n");
+        std::fflush(stdout);
     }
 }
 
@@ -133,12 +138,19 @@ void printGrowth(unsigned samples) {
 int main(int count, char** arguments) {
     unsigned const samples = count > 1 ? unsigned(std::atoi(arguments[1])) : 9;
     if (samples == 0 || count > 3) {
-        std::fprintf(stderr, "usage: ihproxy_bench [SAMPLES [ROW]]    prints all tables, or those "
-                             "rows that have a floor and ROW in their names\n");
+        std::fprintf(stderr,
+                     "usage: ihproxy_bench [SAMPLES [ROW | growth]]    prints all tables, those "
+                     "rows that have a floor and ROW in their names, or how all grows, up to 4 "
+                     "million items, which takes 9 GB\n");
         return 1;
     }
-    printRows(count > 2 ? arguments[2] : "", samples);
+    std::string_view const part = count > 2 ? arguments[2] : "";
+    if (part == "growth") {
+        printGrowth(samples, ~std::uint32_t(0));
+        return 0;
+    }
+    printRows(part, samples);
     if (count > 2) return 0;
     printParts(samples);
-    printGrowth(samples);
+    printGrowth(samples, veryMany);
 }
