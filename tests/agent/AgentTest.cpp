@@ -57,22 +57,6 @@ class ServiceSocket {
     Agent::FileDescriptor socket_;
 };
 
-TEST_F(AgentTest, ReloadTellsTheDifferenceAndNothingElse) {
-    ASSERT_TRUE(startTells(groupsOn("up0", threeGroups), threeJoined));
-    std::string const changed = "'239.1.1.3' = { exclude = ['10.0.0.9'] } # moved up\n"
-                                "'239.1.1.2' = { include = ['10.0.0.2', '10.0.0.3'] }\n"
-                                "'239.1.1.4' = {}\n";
-    EXPECT_TRUE(reloadTells(groupsOn("up0", changed),
-                            {"ALLOW 239.1.1.2 10.0.0.3", "BLOCK 239.1.1.2 10.0.0.1",
-                             "TO_IN 239.1.1.1", "TO_EX 239.1.1.4"}));
-    EXPECT_TRUE(learned(
-        {"down0 239.1.1.2 include 10.0.0.2,10.0.0.3", threeLearned[2], "down0 239.1.1.4 exclude"}));
-
-    for (int i = 0; i < 50; ++i) agent->signal(SIGHUP);
-    EXPECT_TRUE(agent->says("is in force", reloads + 1));
-    EXPECT_TRUE(wire->hearsOnly({})) << "nothing has changed";
-}
-
 TEST_F(AgentTest, SignalsDuringTheStartCountOnceTheAgentRuns) {
     auto const begin = [&](std::initializer_list<int> signals) {
         folder.write("ihproxyd.toml", // takes a while to read

@@ -118,6 +118,9 @@ TEST_F(PacketSocketTest, OnlyIgmpForThisHostOrGroupsPasses) {
     doSendFrame({2, 2, 2, 2, 2, 2}, packetTo(v3Reports, 40, 2));
     doSendFrame({0xff, 0xff, 0xff, 0xff, 0xff, 0xff}, packetTo(0xFFFFFFFF, 40, 3));
     doSendFrame({0x01, 0x00, 0x5e, 0, 0, 1}, Octets(9, 2));
+    for (char const* const end : {"tx0", "rx0"})
+        net->nearIp("link set " + std::string(end) + " mtu 12000");
+    doSend(packetTo(v3Reports, 11900, 5)); // not cut short, but lost
     doSend(packetTo(v3Reports, 40, 4));
     EXPECT_EQ(arrivals(*rx, 2),
               (std::vector<Octets>{packetTo(0xFFFFFFFF, 40, 3), packetTo(v3Reports, 40, 4)}));
