@@ -3,7 +3,6 @@
 #pragma once
 
 #include "netns/Netns.h"
-#include "support/Descriptors.h"
 #include "support/Folder.h"
 
 #include <algorithm>
@@ -16,6 +15,7 @@
 #include <sstream>
 #include <string>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
@@ -64,8 +64,15 @@ class Process {
                 return std::stoull(line.substr(name.size() + 1), {}, 16);
         return 0;
     }
-    /// Lets it open only so many descriptors from now on.
-    void leaveDescriptors(int count) const { Support::leaveDescriptors(pid_, count); }
+    /// Lets it open only so many descriptors besides those that it has, from now on.
+    void leaveDescriptors(int count) const {
+        std::string const used = "/proc/" + std::to_string(pid_) + "/fd/";
+        rlimit limit{};
+        prlimit(pid_, RLIMIT_NOFILE, nullptr, &limit);
+        for (limit.rlim_cur = 0; count > 0; ++limit.rlim_cur)
+            if (!std::filesystem::is_symlink(used + std::to_string(limit.rlim_cur))) --count;
+        prlimit(pid_, RLIMIT_NOFILE, &limit, nullptr);
+    }
     std::size_t openDescriptors() const {
         std::filesystem::directory_iterator const files("/proc/" + std::to_string(pid_) + "/fd");
         return std::size_t(std::distance(begin(files), end(files)));

@@ -3,7 +3,6 @@
 
 #include <functional>
 #include <gtest/gtest.h>
-#include <new>
 
 namespace Nex {
 namespace {
@@ -119,31 +118,6 @@ TEST_F(RecordTest, RecordThatIsDroppedInTheMiddleLivesUntilTheEnd) {
     walked([](Tree& t) { return t.octet(); });
     walked([](Tree& t) { return t.leaf(); });
     walked([](Tree const& t) { return t.leaf(); });
-}
-
-/// There is no memory for an odd one.
-#define EVEN(ATTR, SET, MAP, RECORDS) ATTR(int, half, Half)
-#define EVENS(ATTR, SET, MAP, RECORDS) RECORDS(int, Even, even, Even)
-struct EvenKey {
-    int number = 0;
-    EvenKey(int n = 0) : number(n % 2 == 0 ? n : throw std::bad_alloc()) {}
-    operator int() const { return number; }
-};
-class Even : public RecordBase {
-    NEX_RECORD(Even, EvenKey, number, EVEN)
-};
-class Evens : public RecordBase {
-    NEX_RECORD(Evens, String, name, EVENS)
-};
-
-TEST(RecordMemoryTest, EntryStandsWithItsRecordOrNotAtAll) {
-    auto const evens = Evens::EvensIs("evens");
-    for (int number = 0; number < 20; number += 2) {
-        evens->evenIs(number);
-        EXPECT_THROW(evens->evenIs(number + 1), std::bad_alloc);
-    }
-    EXPECT_EQ(evens->evenCount(), 10u);
-    for (auto const& item : evens->even()) EXPECT_TRUE(item.value) << item.key;
 }
 
 TEST_F(RecordTest, RemovedEntityIsARootOfItsOwnAndStaysUsable) {

@@ -5,7 +5,6 @@
 #include "agent/loop/LoopFixture.h"
 #include "agent/ports/VrfRegistry.h"
 #include "netns/Netns.h"
-#include "support/Descriptors.h"
 
 #include <linux/filter.h>
 #include <net/if.h>
@@ -186,22 +185,6 @@ TEST_F(KernelRoutesTest, ReadingThatTheKernelGivesUpIsBegunAgain) {
     EXPECT_TRUE(becomes({nameOf(1)}));
     EXPECT_NE(testing::internal::GetCapturedStderr().find("temporarily unavailable"),
               std::string::npos);
-}
-
-TEST_F(KernelRoutesTest, ReadingWaitsForDescriptors) {
-    router->addRoute(source, group(1), 0, {1});
-    rlimit plenty{};
-    getrlimit(RLIMIT_NOFILE, &plenty);
-    // One stays with the notifications, one is taken to enter the namespace.
-    testing::internal::CaptureStderr();
-    Support::leaveDescriptors(getpid(), 2);
-    doStartFollowing();
-    setrlimit(RLIMIT_NOFILE, &plenty);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("Too many open files"),
-              std::string::npos);
-    EXPECT_FALSE(followed->synchronized());
-    followed->setFilter({true, false, {indexOf("up0")}}); // which took a descriptor, too
-    EXPECT_TRUE(becomes({nameOf(1)}));
 }
 
 TEST_F(KernelRoutesTest, ReadingMayBeCutOff) {
