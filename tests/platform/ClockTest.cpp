@@ -183,21 +183,6 @@ TEST_F(ReviewTimerTest, DelaysGoByTheCreditsAndOneComesBackPerInterval) {
     EXPECT_EQ(delays("+1000 next -1000 next next"), "1 1 8 ") << "backwards nothing is taken away";
 }
 
-TEST_F(ReviewTimerTest, PendingReviewMovesEarlierNeverLaterAndForNothing) {
-    for (int n = 0; n < 2; ++n) timer->doUpdateNextReview();
-    timer->doUpdateNextReviewImmediately();
-    time.nowIs(1000.5);
-    timer->doUpdateNextReviewImmediately();
-    EXPECT_EQ(run(), 0.5);
-    EXPECT_EQ(delays("next"), "1 ");
-    timer->doUpdateNextReview(); // without a credit
-    time.nowIs(1005);
-    timer->doUpdateNextReview();
-    EXPECT_EQ(a->timeMin(), 1010);
-    timer->doUpdateNextReviewImmediately();
-    EXPECT_EQ(run(), minDelay);
-}
-
 TEST_F(ReviewTimerTest, PacingIsReplacedAndCreditsAboveTheNewMostAreLost) {
     timer->pacingIs(fillInterval, 1, 2, 4);
     timer->pacingIs(fillInterval, 5, 2, 4);

@@ -187,20 +187,5 @@ TEST_F(MachineTest, WhatIsDisturbedWhileItIsMade) {
     EXPECT_EQ(made.get(), owner->worker.get(1));
 }
 
-TEST_F(MachineTest, MachineOfAKeyIsMadeOnceAndFromOtherArgumentsNotAtAll) {
-    auto const worker = owner->workerIs(1, tree, other);
-    EXPECT_EQ(owner->workerIs(1, tree, other), worker);
-    EXPECT_NE(owner->workerIs(2, tree, other), worker);
-    EXPECT_EQ(change(tree), "1 2 ");
-    EXPECT_THROW(owner->workerIs(1, twin, other), NameInUseException);
-    EXPECT_THROW(owner->workerIs(1, tree, nullptr), NameInUseException);
-    EXPECT_EQ(owner->worker.get(1), worker.get());
-    owner->worker.del(1);
-    EXPECT_NE(owner->workerIs(1, twin, tree), worker);
-    owner->worker.delAll();
-    EXPECT_EQ(owner->worker.size(), 0u);
-    EXPECT_EQ(change(tree) + change(twin), "") << "silent though somebody holds one";
-}
-
 } // namespace
 } // namespace Nex

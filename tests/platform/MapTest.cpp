@@ -281,21 +281,6 @@ TEST_F(HashSecretTest, KeysThatWereChosenForOneAreHarmlessUnderAnother) {
     EXPECT_LT(mostSteps(chosen), 16u);
 }
 
-// Entries that have moved on by one slot each are no pile, but move all at once.
-TEST_F(HashSecretTest, ARunOfNeighboursIsNotPushedOnAgainAndAgain) {
-    HashSecrets::secretIs(known);
-    constexpr std::uint32_t run = 60000;
-    Set<Chosen<true>> set;
-    for (std::uint32_t n = 0; n < run; ++n) set.findOrInsert({n});
-    std::uint64_t const start = Chosen<true>::hashed;
-    for (std::uint32_t n = 1; n <= 100; ++n) {
-        set.findOrInsert({n << 20});
-        EXPECT_TRUE(set.has({n << 20}));
-        set.take({n << 20});
-    }
-    EXPECT_LT(Chosen<true>::hashed - start, 10 * run);
-}
-
 TEST(LinkedSetTest, KeepsTheOrderOfInsertionAndNeverDoesMuchAtOnce) {
     using Key = Chosen<false>;
     LinkedSet<Key> set;

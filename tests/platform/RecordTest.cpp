@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <gtest/gtest.h>
+#include <new>
 
 namespace Nex {
 namespace {
@@ -74,21 +75,6 @@ TEST_F(RecordTest, EveryMutatorTellsOnceAndOnlyOfAChange) {
     }
 }
 
-TEST_F(RecordTest, DelAllTellsOfEachRemovedKeyInTheOrderOfInsertion) {
-    fill();
-    tree->addressDelAll();
-    EXPECT_EQ(recorder->take(), "address=0.0.0.1=0 address=0.0.0.2=0 address=0.0.0.3=0 ");
-    tree->octetDelAll();
-    EXPECT_EQ(recorder->take(), "octet=0.0.0.1=0 octet=0.0.0.2=0 octet=0.0.0.3=0 ");
-    recorder->act = [&] {
-        tree->leafIs("1"); // stays
-        tree->leafDel("2");
-    };
-    tree->leafDelAll();
-    EXPECT_EQ(recorder->take(), "leaf=1=0 leaf=1=1 leaf=2=0 leaf=3=0 ");
-    EXPECT_EQ(tree->leafCount(), 1u);
-}
-
 TEST_F(RecordTest, RecordThatIsDroppedInTheMiddleLivesUntilTheEnd) {
     auto const lives = [this](auto act) {
         recorder->notifierIs(tree = Tree::TreeIs("tree"));
@@ -118,6 +104,27 @@ TEST_F(RecordTest, RecordThatIsDroppedInTheMiddleLivesUntilTheEnd) {
     walked([](Tree& t) { return t.octet(); });
     walked([](Tree& t) { return t.leaf(); });
     walked([](Tree const& t) { return t.leaf(); });
+}
+
+/// There is no memory for an odd one.
+#define EVEN(ATTR, SET, MAP, RECORDS) ATTR(int, half, Half)
+#define EVENS(ATTR, SET, MAP, RECORDS) RECORDS(int, Even, even, Even)
+struct EvenKey {
+    int number = 0;
+    EvenKey(int n = 0) : number(n % 2 == 0 ? n : throw std::bad_alloc()) {}
+    operator int() const { return number; }
+};
+class Even : public RecordBase {
+    NEX_RECORD(Even, EvenKey, number, EVEN)
+};
+class Evens : public RecordBase {
+    NEX_RECORD(Evens, String, name, EVENS)
+};
+
+TEST(RecordMemoryTest, EntryStandsWithItsRecordOrNotAtAll) {
+    auto const evens = Evens::EvensIs("evens");
+    EXPECT_THROW(evens->evenIs(1), std::bad_alloc);
+    EXPECT_EQ(evens->evenCount(), 0u);
 }
 
 TEST_F(RecordTest, RemovedEntityIsARootOfItsOwnAndStaysUsable) {

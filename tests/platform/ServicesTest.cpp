@@ -1,8 +1,6 @@
-// Value types and the small services of the platform: source interfaces, mounts, tables.
+// Value types and the service of source interfaces.
 #include "Ip/SourceIntf.h"
 #include "Lox/Names.h"
-#include "Nex/Machine.h"
-#include "NexKesh/Mount.h"
 #include "TestRecords.h"
 
 #include <gtest/gtest.h>
@@ -50,71 +48,6 @@ TEST(SourceIntfTest, ObjectIsTheSameAsLongAsAnybodyHoldsIt) {
     service->unregisterSourceIntf(service->sourceIntf(up0));
     EXPECT_EQ(destructions.count(raw), 1);
     EXPECT_EQ(service->sourceIntf(up0), nullptr);
-}
-
-class MountTest : public testing::Test {
-  protected:
-    struct Provider : Nex::Listener<Vardo::EntityManager::NotifieeConst> {
-        using Listener::Listener;
-        void onMounted(Nex::String path) override {
-            auto const* const table = notifier()->mounted(path);
-            told += (table ? "+" + path + ' ' + table->typeName() + ' ' +
-                                 Nex::textOf(table->mountInfoType())
-                           : "-" + path) +
-                    ", ";
-        }
-        Nex::String told;
-    };
-    MountTest() {
-        manager->factoryIs("Tree", [](Nex::String const& path) { return Nex::Tree::TreeIs(path); });
-    }
-    Nex::Ptr<Vardo::EntityManager> manager = Vardo::EntityManager::EntityManagerIs();
-    Nex::Ptr<Provider> provider = Nex::newObject<Provider>(manager);
-    NexKesh::Mount mount{manager};
-};
-
-TEST_F(MountTest, PathStaysUntilItWasUnmountedAsOftenAsMounted) {
-    mount.mountIs("a", "Tree", 3);
-    auto const table = mount.entity<Nex::Tree>("a");
-    ASSERT_TRUE(table);
-    mount.mountIs("a", "Tree", 3);
-    EXPECT_EQ(mount.entity<Nex::Tree>("a"), table);
-    mount.mountDel("a");
-    EXPECT_EQ(mount.entity<Nex::Tree>("a"), table);
-    mount.mountDel("a");
-    mount.mountDel("a");
-    EXPECT_EQ(mount.entity<Nex::Tree>("a"), nullptr);
-    EXPECT_EQ(provider->told, "+a Tree 3, -a, ");
-    mount.mountIs("a", "Tree", 3);
-    EXPECT_NE(mount.entity<Nex::Tree>("a"), table) << "mounted anew";
-}
-
-TEST_F(MountTest, WhoHearsOfTheLastUnmountMayMountAnew) {
-    struct Remounter : Nex::Listener<Vardo::MountedTable::NotifieeConst> {
-        Remounter(Nex::Ptr<Vardo::MountedTable const> table, NexKesh::Mount& mount)
-            : Listener(std::move(table)), mount_(mount) {}
-        void onMounts() override {
-            if (notifier()->mounts() == 0) mount_.mountIs("a", "Tree", 3);
-        }
-        NexKesh::Mount& mount_;
-    };
-    mount.mountIs("a", "Tree", 3);
-    auto const table = mount.entity<Nex::Tree>("a");
-    auto const remounter = Nex::newObject<Remounter>(
-        Nex::Ptr<Vardo::MountedTable const>(manager->mounted("a")), mount);
-    mount.mountDel("a");
-    ASSERT_TRUE(mount.entity<Nex::Tree>("a"));
-    EXPECT_NE(mount.entity<Nex::Tree>("a"), table);
-    mount.mountDel("a");
-    EXPECT_FALSE(mount.entity<Nex::Tree>("a"));
-}
-
-TEST_F(MountTest, WrongTypesAndUnknownOnes) {
-    EXPECT_THROW(mount.mountIs("a", "Forest", 0), Nex::RangeException);
-    EXPECT_EQ(manager->mounted("a"), nullptr);
-    EXPECT_EQ(provider->told, "");
-    mount.mountIs("a", "Tree", 0);
-    EXPECT_EQ(mount.entity<Nex::Leaf>("a"), nullptr);
 }
 
 } // namespace
