@@ -46,19 +46,6 @@ TEST_F(AgentTest, DamagedStateFileIsReportedAndLeavesNothing) {
     EXPECT_TRUE(wire->hearsOnly(twice({"TO_EX 239.1.1.3"})));
 }
 
-TEST_F(AgentTest, InterfaceThatLeavesAndIsConfiguredAgainJoinsWhatItWants) {
-    ASSERT_TRUE(startTells(groupsOn("up0", twoGroups), joined));
-    reload("");
-    EXPECT_TRUE(wire->hears(left));
-    reload(groupsOn("up0", "'239.1.1.1' = {}\n"));
-    Lines const merged{left[0], left[0], "TO_EX 239.1.1.1", "TO_EX 239.1.1.1", left[1]};
-    Lines heard = wire->heardAfter(merged);
-    if (std::ranges::count(heard, left[1]) == 2)
-        heard.pop_back(); // before the reload, if it was late
-    EXPECT_EQ(heard, merged) << "the other group goes on leaving";
-    EXPECT_TRUE(learned({"down0 239.1.1.1 exclude"}));
-}
-
 TEST_F(AgentTest, LeavesOutliveTheVrfOfTheirInterface) {
     std::string const inRed = inVrf("red", groupsOn("up0", twoGroups)) +
                               "[vrf.red]\nnamespace = '" + net->nearName() + "'\n";

@@ -25,63 +25,6 @@ std::string repeated(std::string const& part, int times, std::string before = ""
     return before;
 }
 
-constexpr char const* example = R"([interface.up0]
-igmp-version = 3
-unsolicited-report-interval = 0.5
-[interface.up0.group]
-"239.1.1.1" = {}
-"239.1.1.2" = { include = ["10.0.0.1", "10.0.0.2"], exclude = ["10.0.0.3"] }
-[interface."eth0.7"]
-igmp-version = 2
-robustness = 7
-packets-per-100-ms = 10000
-require-router-alert = true
-[interface."eth0.7".group."239.1.1.1"]
-[interface.ssm]
-ssm-only = true
-vrf = "red"
-[vrf.red]
-[vrf.blue]
-namespace = "/proc/1/ns/net"
-[vrf.green]
-device = "vrf-green"
-)";
-
-TEST(ConfigurationTest, FileBecomesAPlainValue) {
-    ConfigurationReading const reading =
-        configurationParse(repeated("...", 100, "# no nesting: ") + '\n' + example, "f");
-    EXPECT_TRUE(reading.valid());
-    auto const& interfaces = reading.configuration.interfaces;
-    ASSERT_EQ(interfaces.size(), 3u);
-
-    GroupConfiguration const anySource{{}, {IpAddr()}};
-    InterfaceConfiguration const& up0 = interfaces.at("up0");
-    EXPECT_EQ(up0.igmpVersion, 3);
-    EXPECT_EQ(up0.unsolicitedReportInterval, 0.5);
-    EXPECT_EQ(up0.groups.size(), 2u);
-    EXPECT_EQ(*up0.groups.find(IpAddr("239.1.1.1")), anySource);
-    EXPECT_EQ(*up0.groups.find(IpAddr("239.1.1.2")),
-              (GroupConfiguration{{IpAddr("10.0.0.1"), IpAddr("10.0.0.2")}, {IpAddr("10.0.0.3")}}));
-
-    InterfaceConfiguration eth;
-    eth.igmpVersion = 2;
-    eth.robustness = 7;
-    eth.packetsPer100ms = 10000;
-    eth.requireRouterAlert = true;
-    eth.groups.add(IpAddr("239.1.1.1"), anySource);
-    EXPECT_EQ(interfaces.at("eth0.7"), eth);
-    InterfaceConfiguration ssm;
-    ssm.ssmOnly = true;
-    ssm.vrf = "red";
-    EXPECT_EQ(interfaces.at("ssm"), ssm);
-    EXPECT_EQ(configurationParse("[interface.up0]", "f").configuration.interfaces.at("up0"),
-              InterfaceConfiguration());
-    EXPECT_EQ(reading.configuration.vrfs,
-              (std::map<std::string, VrfConfiguration>{{"red", {"red", {}}},
-                                                       {"blue", {"/proc/1/ns/net", {}}},
-                                                       {"green", {{}, "vrf-green"}}}));
-}
-
 TEST(ConfigurationTest, TheLongestPrefixDecidesOverAGroup) {
     ConfigurationReading const reading =
         configurationParse(groupText("\"239.255.255.0/24\" = {}\n"
@@ -203,8 +146,9 @@ TEST_F(ConfigurationFilesTest, FilesThatCannotBeReadAreReportedByName) {
     std::string const file = files.file("main");
     EXPECT_EQ(diagnosticLines(configurationRead(file)),
               Lines{file + ": error: cannot be read: No such file or directory"});
-    write("main", example);
-    EXPECT_EQ(read().configuration, configurationParse(example, file).configuration);
+    write("main", repeated("...", 100, "# no nesting: ") + "\n[interface.up0]\n");
+    EXPECT_TRUE(read().valid());
+    EXPECT_EQ(read().configuration.interfaces.at("up0"), InterfaceConfiguration());
     ASSERT_EQ(truncate(file.c_str(), (64 << 20) + 1), 0);
     EXPECT_EQ(said(), Lines{"main: error: cannot be read: File too large"});
     unlink(file.c_str());
