@@ -236,7 +236,7 @@ bool ControlSession::doReceive() {
 bool ControlSession::doTakeLine() {
     std::size_t const end = input_.find('\n');
     if (end == std::string::npos && input_.size() <= mostLineOctets) return false;
-    if (MemoryReserve::isSpent()) {
+    if (MemoryReserve::isSpent()) { // what an answer takes may be refused where nobody can stop
         doEnd();
         return false;
     }
