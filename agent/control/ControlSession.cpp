@@ -1,5 +1,6 @@
 #include "agent/control/ControlSession.h"
 
+#include "Nex/Error.h"
 #include "agent/loop/Log.h"
 #include "agent/loop/MemoryReserve.h"
 #include "agent/loop/Printable.h"
@@ -99,7 +100,7 @@ struct RpcReply::Owed {
     Owed& operator=(Owed const&) = delete;
     ~Owed() {
         auto const waiting = session.lock();
-        if (waiting && !answered) waiting->doEnd();
+        if (waiting && !answered) Nex::FirstError().attempt([&] { waiting->doEnd(); });
     }
 
     std::weak_ptr<ControlSession> session;
