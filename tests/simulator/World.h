@@ -174,13 +174,16 @@ class World {
         Router const& router = routers_[r];
         IpAddr const group = agent().flows[f].group, source = agent().flows[f].source;
         bool const forwards = router.forwards(group, source);
+        // Who only listens, and to version 2, may miss the one answer to a question about a group.
+        bool const sees = router.version() == 3 || router.querierSince() != never;
         double held = -never; // when it was wanted last
         for (Station const& s : stations_) {
             Flow const& flow = s.flows[f];
             held = std::max(held, flow.since != never ? now_ : flow.held);
             double const told =
                 std::max(flow.since, s.upSince) + bearable_ * s.repeatSeconds() + s.pace() + slack;
-            if (flow.since != never && s.hears && !forwards && now_ > std::max(trusted, told))
+            if (flow.since != never && s.hears && sees && !forwards &&
+                now_ > std::max(trusted, told))
                 fail(now_, "station is cut off from", s.number, group, source);
         }
         if (!forwards || held == now_) return;
