@@ -82,6 +82,7 @@ class Station : public Agent::HostEngine::Output {
         engine->addFormer(file_);
         sent_.clear(); // the pace is that of one run
         doForget();
+        handleVersion();
     }
     void kill() {
         doKeep();

@@ -211,7 +211,8 @@ class World {
         bool const sure =
             router.querierSince() < told - 1 && trusted < told && lateTime_ < inOrder &&
             (only->version == 3 ? older < told - full
-                                : only->version == 2 && !only->given.at(group).member());
+                                : only->version == 2 && only->versionSince < told - full &&
+                                      !only->given.at(group).member());
         if (sure && now_ > told + bearable_ + timing_.lastMemberTime() + 2 * slack + only->pace())
             fail(now_, "router is not soon rid of", r, group, source);
     }
