@@ -60,6 +60,7 @@ class ReloadMemoryTest : public testing::Test {
         doRoutes();
         for (int i = 0; i < 100 && announced().size() < 10; ++i) doTurns(10);
     }
+    void TearDown() override { setLogLevel(LogLevel::info); }
     /// Of a group that the configuration selects on one interface, and of one on none; as new ones,
     /// so that they are reviewed.
     void doAddRoutes() const {
