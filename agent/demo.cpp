@@ -4,6 +4,7 @@
 #include "Nex/System.h"
 #include "agent/records/ConfigurationWriter.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <fmt/core.h>
 #include <string>

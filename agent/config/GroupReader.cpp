@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <bit>
 #include <fmt/format.h>
+#include <functional>
 #include <optional>
 #include <tuple>
 
@@ -30,6 +31,7 @@ struct Entry {
     std::uint32_t last;
     GroupConfiguration wanted;
 
+    bool isPrefix() const { return first != last; }
     std::uint64_t count() const { return std::uint64_t(last) - first + 1; }
 };
 
@@ -46,7 +48,7 @@ class GroupReader {
             std::uint32_t const first = range->address().host() & range->mask();
             Entry& entry = entries_.emplace_back(Entry{key, first, first | ~range->mask(), {}});
             doReadEntry(key, *section, *range, entry.wanted);
-            if (entry.count() > 1)
+            if (entry.isPrefix())
                 diagnostics_.addInfo(key.position,
                                      fmt::format("selects {}", countText(entry.count(), "group")));
         });
@@ -56,12 +58,10 @@ class GroupReader {
     std::uint64_t count() const {
         std::uint64_t groups = 0;
         for (Entry const& entry : entries_)
-            if (entry.count() > 1) groups += entry.count();
+            if (entry.isPrefix()) groups += entry.count();
         return groups;
     }
-    void doDropPrefixes() {
-        std::erase_if(entries_, [](Entry const& entry) { return entry.count() > 1; });
-    }
+    void doDropPrefixes() { std::erase_if(entries_, std::mem_fn(&Entry::isPrefix)); }
 
     /// Gives each group that has no entry of its own that with the longest prefix.
     void doExpand() {
@@ -82,9 +82,9 @@ class GroupReader {
                     reportTwice(at->key);
                 around.push_back(&*at);
             }
-            GroupConfiguration& wanted = around.back()->wanted;
+            Entry& least = *around.back();
             interface_.groups.add(Lox::IpAddr::fromHost(std::uint32_t(group)),
-                                  around.back()->count() == 1 ? std::move(wanted) : wanted);
+                                  least.isPrefix() ? least.wanted : std::move(least.wanted));
         }
     }
 
