@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 #include <fnmatch.h>
 #include <optional>
+#include <set>
 
 namespace Agent {
 

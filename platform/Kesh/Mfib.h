@@ -78,8 +78,8 @@ struct Route {
 
 /// One table of routes, in the order of their keys. Its writer may change it at any time; proxies
 /// are told of each key and look at the route later, in a review of theirs. What came and went in
-/// between they do not see. Changes cost a step for each level of a tree; storing what is there
-/// already costs a lookup and tells nobody.
+/// between they do not see. A route that comes or goes costs a binary search; storing what is
+/// there already costs a lookup and tells nobody.
 class Status : public Nex::RecordBase {
     NEX_RECORD(Status, Nex::Name, name, MFIB_STATUS)
 

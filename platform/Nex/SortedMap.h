@@ -1,16 +1,16 @@
 // A map that is walked in the order of its keys and still finds a key by one hash lookup: the
-// entries of a `Map`, and the keys once more in a tree.
+// entries of a `Map`, and the keys once more in their order.
 #pragma once
 
 #include "Nex/Map.h"
-
-#include <set>
+#include "Nex/SortedKeys.h"
 
 namespace Nex {
 
-/// Keys have an order beside their hash, and both agree on which keys are equal. A change costs a
-/// step for each level of the tree; a lookup costs what it costs a `Map`. Each key stands in memory
-/// twice. Storing another value under a key that is there is no change of the keys.
+/// Keys have an order beside their hash, and both agree on which keys are equal. A key that
+/// comes or goes costs a binary search and moves some neighbours; a lookup costs what it costs a
+/// `Map`. Each key stands in memory twice. Storing another value under a key that is there is no
+/// change of the keys.
 template <class Key, class Value>
 class SortedMap {
   public:
@@ -20,8 +20,7 @@ class SortedMap {
     /// As of `Map`.
     Value* find(Key const& key) { return entries_.find(key); }
     Value const* find(Key const& key) const { return entries_.find(key); }
-    /// As of `Map`; where memory is refused, neither part has the key. Allocates a node of the tree
-    /// for every key, beside what the map needs now and then.
+    /// As of `Map`; where memory is refused, neither part has the key.
     std::pair<Value*, bool> findOrInsert(Key const& key) {
         auto const found = entries_.findOrInsert(key);
         if (found.second) {
@@ -37,7 +36,7 @@ class SortedMap {
     }
     /// As of `Map`.
     Value take(Key const& key) {
-        if (order_.erase(key) != 0) ++revision_;
+        if (order_.erase(key)) ++revision_;
         return entries_.take(key);
     }
 
@@ -53,7 +52,7 @@ class SortedMap {
             doKeep();
         }
         Position(SortedMap const& map, Key const& from)
-            : map_(&map), at_(map.order_.lower_bound(from)), revision_(map.revision_) {
+            : map_(&map), at_(map.order_.lowerBound(from)), revision_(map.revision_) {
             doKeep();
         }
         bool atEnd() const { return !key_; }
@@ -63,26 +62,27 @@ class SortedMap {
         /// known without a search. Not to be called at the end.
         Key const* ahead() const {
             if (revision_ != map_->revision_) return nullptr;
-            auto const next = std::next(at_);
-            return next == map_->order_.end() ? nullptr : &*next;
+            auto const next = map_->order_.next(at_);
+            return map_->order_.isEnd(next) ? nullptr : &map_->order_.key(next);
         }
         /// Not to be called at the end, either.
         void advance() {
-            at_ = revision_ == map_->revision_ ? std::next(at_) : map_->order_.upper_bound(*key_);
+            at_ = revision_ == map_->revision_ ? map_->order_.next(at_)
+                                               : map_->order_.upperBound(*key_);
             revision_ = map_->revision_;
             doKeep();
         }
 
       private:
         void doKeep() {
-            if (at_ == map_->order_.end())
+            if (map_->order_.isEnd(at_))
                 key_.reset();
             else
-                key_ = *at_;
+                key_ = map_->order_.key(at_);
         }
 
         SortedMap const* map_;
-        typename std::set<Key>::const_iterator at_;
+        typename SortedKeys<Key>::Place at_;
         std::uint64_t revision_; ///< of the map when `at_` was good
         std::optional<Key> key_;
     };
@@ -115,7 +115,7 @@ class SortedMap {
 
   private:
     Map<Key, Value> entries_;
-    std::set<Key> order_;
+    SortedKeys<Key> order_;
     std::uint64_t revision_ = 0; ///< of the keys
 };
 

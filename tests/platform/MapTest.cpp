@@ -195,7 +195,7 @@ void fillChurnAndDrain(std::uint32_t count) {
     std::uint32_t front = 0;
     compared.walk([&] { // the front drains, the back grows past the room there is
         if (front % 8 != 0) compared.take(front);
-        if (front % 2 == 0) compared.insert(count + front, 8);
+        if (front % 2 == 0 && front < count) compared.insert(count + front, 8);
         ++front;
         return true;
     });
@@ -216,6 +216,8 @@ TEST(MapScale, OneToManyEntriesOfEveryPattern) {
     }
     fillChurnAndDrain<Kind<Map<String, Ptr<Counted>>, text, object>>(2000);
     fillChurnAndDrain<Kind<SmallMap<IpAddr, std::uint8_t, 4>, stride<14>, octet>>(2000);
+    fillChurnAndDrain<Kind<SortedMap<IpAddr, std::uint8_t>, neighbour, octet>>(2000);
+    fillChurnAndDrain<Kind<SortedMap<IpAddr, std::uint8_t>, scattered, octet>>(2000);
 }
 
 /// Counts how often keys are hashed: the steps that a collection takes.
