@@ -43,6 +43,7 @@ class Process {
     Process(Process const&) = delete;
     Process& operator=(Process const&) = delete;
 
+    pid_t pid() const { return pid_; }
     void signal(int number) const { kill(pid_, number); }
     /// What it has written so far, to standard output and standard error.
     std::string output() const { return folder_.read("output"); }
