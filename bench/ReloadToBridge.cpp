@@ -1,8 +1,10 @@
 // From SIGHUP to the last group in an upstream bridge's table, with the whole agent in a throw-away
 // network: reading the file, the library, the packets and the bridge's learning. Beside it what a
 // program needs that sends the same packets and does nothing else, and what the kernel does that is
-// asked to join the same groups. Needs root.
+// asked to join the same groups. And the kernel's multicast routes: from the agent's start until
+// all are told, beside a program that only reads them. Needs root.
 #include "agent/AgentProcess.h"
+#include "agent/kernel/MulticastRouter.h"
 #include "agent/loop/FileDescriptor.h"
 #include "netns/Netns.h"
 
@@ -218,7 +220,7 @@ Took ofSender(std::size_t groups, Frames const& frames) {
 
 /// Each socket has a list of its groups, which the kernel searches: as many as a careful program
 /// would give it.
-Took ofKernel(std::size_t groups) {
+Took ofKernel(std::size_t groups, Frames&) {
     constexpr std::size_t groupsOfSocket = 128;
     World const world;
     std::vector<Agent::FileDescriptor> sockets;
@@ -240,6 +242,64 @@ Took ofKernel(std::size_t groups) {
     });
 }
 
+/// A network whose kernel has that many routes, and a bridge that does not learn.
+class RoutedWorld : public Testing::Netns {
+  public:
+    explicit RoutedWorld(std::size_t routes) {
+        farIp("link set br0 type bridge mcast_snooping 0");
+        Inside const inside(nearName());
+        router_.emplace();
+        router_->addInterface(0, int(if_nametoindex("up0")));
+        for (std::size_t i = 0; i < routes; ++i)
+            router_->addRoute(Lox::IpAddr("10.1.1.1"),
+                              Lox::IpAddr::fromHost(firstGroup + std::uint32_t(i)), 0, {});
+    }
+
+  private:
+    std::optional<Agent::MulticastRouter> router_;
+};
+
+Took ofRoutes(std::size_t routes, Frames&) {
+    RoutedWorld const world(routes);
+    auto const wire = packetSocket(world.farName(), "down0");
+    Testing::Folder const folder;
+    folder.write("ihproxyd.toml", head("[forwarding-table]\nrequire-output = false\n"));
+    auto const start = Clock::now();
+    Testing::AgentProcess const agent(folder, world.nearName(),
+                                      {"--config", folder.file("ihproxyd.toml")});
+    std::chrono::duration<double> wall{};
+    for (std::size_t told = 0; told < routes; wall = Clock::now() - start) {
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
+        // Behind the headers of Ethernet and IP, 38 octets, a report has its records' number at 6.
+        for (auto const& frame : received(wire))
+            if (frame[38] == 0x22) told += frame[44] * 256u + frame[45];
+        if (wall.count() > 20) fail("the agent does not tell all routes");
+    }
+    return {wall.count(), processorSeconds(agent.pid())};
+}
+
+Took ofDump(std::size_t routes, Frames&) {
+    RoutedWorld const world(routes);
+    Testing::Netns::Inside const inside(world.nearName());
+    Agent::FileDescriptor const kernel(socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE));
+    std::vector<char> buffer(65536);
+    nlmsghdr* const request = mnl_nlmsg_put_header(buffer.data());
+    request->nlmsg_type = RTM_GETROUTE;
+    request->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    auto* const route = static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(request, sizeof(rtmsg)));
+    route->rtm_family = RTNL_FAMILY_IPMR;
+    auto const start = Clock::now();
+    double const before = processorSeconds();
+    send(kernel.get(), request, request->nlmsg_len, 0);
+    for (bool more = true; more;) {
+        ssize_t const length = recv(kernel.get(), buffer.data(), buffer.size(), 0);
+        auto const* const first = reinterpret_cast<nlmsghdr const*>(buffer.data());
+        more = length > 0 && first->nlmsg_type == RTM_NEWROUTE;
+    }
+    std::chrono::duration<double> const wall = Clock::now() - start;
+    return {wall.count(), processorSeconds() - before};
+}
+
 /// The medians of five.
 Took ofFive(std::function<Took()> const& measure) {
     std::array<double, 5> wall, processor;
@@ -258,10 +318,12 @@ Took ofFive(std::function<Took()> const& measure) {
 int main() {
     std::string const unavailable = Testing::Netns::unavailableReason();
     if (!unavailable.empty()) fail(unavailable);
-    std::printf(
-        "| milliseconds until the last group is known | 10,000 groups: processor | wall clock "
-        "| 65,536 groups: processor | wall clock |\n|---|---|---|---|---|\n");
     Frames frames[2];
+    auto const titles = [](char const* what) {
+        std::printf("| milliseconds %s | 10,000: processor | wall clock | 65,536: processor | wall "
+                    "clock |\n|---|---|---|---|---|\n",
+                    what);
+    };
     auto const row = [&](char const* name, auto measure) {
         std::printf("| %s |", name);
         for (std::size_t const groups : {std::size_t(10000), std::size_t(65536)}) {
@@ -271,13 +333,16 @@ int main() {
         }
         std::printf("\n");
     };
+    titles("until the bridge knows all groups");
     row("agent, one rule",
         [](std::size_t groups, Frames& sent) { return ofAgent(groups, ruleOver(groups), sent); });
     row("agent, single groups", [](std::size_t groups, Frames& sent) {
         return ofAgent(groups, singleGroups(groups), sent);
     });
-    row("bare sender of the same packets",
-        [](std::size_t groups, Frames const& sent) { return ofSender(groups, sent); });
-    row("the kernel's own joins",
-        [](std::size_t groups, Frames const&) { return ofKernel(groups); });
+    row("bare sender of the same packets", ofSender);
+    row("the kernel's own joins", ofKernel);
+    std::printf("\n");
+    titles("until all routes of the kernel are told");
+    row("agent, from its start", ofRoutes);
+    row("bare dump", ofDump);
 }
