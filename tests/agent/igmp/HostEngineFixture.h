@@ -47,11 +47,11 @@ class HostEngineFixture : public testing::Test, public HostEngine::Output {
     void exclude(Lox::IpAddr group, Sources const& sources = {}) {
         engine->setGroup(group, FilterMode::exclude, sources);
     }
-    /// What routers may hold, told in slices.
-    RecordList held(
-        std::size_t slice = 1, std::function<void()> const& between = [] {}) const {
+    /// What routers may hold, told one by one.
+    RecordList held() const {
         RecordList records;
-        for (HostEngine::HeldPlace place; engine->addHeldRecords(records, place, slice);) between();
+        for (HostEngine::HeldPlace place; engine->addHeldRecords(records, place, 1);) {
+        }
         return records;
     }
     void excludeMany(char const* first, unsigned count) {

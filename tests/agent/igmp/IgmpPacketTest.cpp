@@ -15,10 +15,6 @@ std::optional<IgmpDatagram> datagramOf(std::span<std::uint8_t const> packet) {
     return IgmpDatagram::decode(packet, reason = DropReason::count);
 }
 
-std::optional<IgmpQuery> queryOf(Bytes const& payload) {
-    return IgmpQuery::decode(payload, 3, reason = DropReason::count);
-}
-
 RecordList recordsOf(RecordType type, Sources const& sources) {
     RecordList records;
     records.addRecord(type, ip("232.1.1.1"));
@@ -113,21 +109,6 @@ TEST(IgmpPacketTest, RouterAlertIsFoundAmongOtherOptions) {
     for (auto const& [options, there] : cases) {
         auto packet = packetOf(message(IgmpType::query, {}), {.options = options});
         EXPECT_EQ(datagramOf(packet)->routerAlert, there) << testing::PrintToString(options);
-    }
-}
-
-TEST(IgmpPacketTest, QueriesYieldTheirFields) {
-    EXPECT_EQ(queryOf(message(IgmpType::query, {}, 0))->version, 1u);
-    EXPECT_EQ(queryOf(message(IgmpType::query, {}, 1))->version, 2u);
-    EXPECT_EQ(queryOf(v3Query(0))->version, 3u);
-    auto query = queryOf(v3Query(129, ip("239.1.2.3"), {ip("10.0.0.9"), ip("10.0.0.8")}, 0xFD));
-    EXPECT_EQ(query->maxRespCode, 129);
-    EXPECT_EQ(query->robustness, 5) << "without the S flag and the reserved bits";
-    EXPECT_EQ(query->sources, (Sources{ip("10.0.0.9"), ip("10.0.0.8")}));
-    for (Bytes const& payload : {v3Query(10, ip("10.1.1.1")), v3Query(10, {}, range("10.0.0.1", 1)),
-                                 message(IgmpType::query, ip("240.0.0.1"), 10)}) {
-        EXPECT_FALSE(queryOf(payload));
-        EXPECT_EQ(reason, DropReason::badGroup);
     }
 }
 
