@@ -1,10 +1,7 @@
-// The key of the reference counter: order, hash and text form; and the addresses that an access
-// list's destination stands for.
-#include "IgmpHostProxy/AddressRangeIterator.h"
+// The key of the reference counter: order, hash and text form.
 #include "IgmpHostProxy/SourceGroup.h"
 #include "Nex/Error.h"
 
-#include <bit>
 #include <gtest/gtest.h>
 #include <sstream>
 
@@ -61,26 +58,6 @@ TEST(SourceGroup, ParsesItsOwnTextAndNoOther) {
         EXPECT_EQ(errorOf("10.0.0.1", wrong), "sourceAddr");
     for (auto const* const wrong : {"239.1.1", "x"})
         EXPECT_EQ(errorOf("239.1.1.1", wrong), "groupAddr:");
-}
-
-TEST(AddressRange, IsExactlyTheMatchingAddressesInAscendingOrder) {
-    constexpr std::uint32_t address = 0xEF5A3C81;
-    for (std::uint32_t const mask : {~0u, ~1u, ~0u << 12, 0x7FFFFFFFu, 0xF7FEFDF0u, 0xFF0FF0FFu}) {
-        SCOPED_TRACE(mask);
-        AddressRangeIterator at(address, mask);
-        std::uint32_t last = 0;
-        int count = 0;
-        for (; !at.done(); ++at, ++count) {
-            ASSERT_EQ((*at).host() & mask, address & mask);
-            ASSERT_GT((*at).host(), last);
-            last = (*at).host();
-        }
-        EXPECT_EQ(count, 1 << std::popcount(~mask));
-        EXPECT_TRUE((++at).done()) << "the end stays the end";
-    }
-    AddressRangeIterator all(address, 0);
-    for (std::uint32_t n = 0; n < 1000; ++n, ++all) ASSERT_EQ((*all).host(), n);
-    EXPECT_FALSE(all.done());
 }
 
 } // namespace

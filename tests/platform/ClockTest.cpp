@@ -1,6 +1,5 @@
 // Timers of a clock and the credit bucket of the review timer, with the time moved by hand.
 #include "Olm/ReviewTimer.h"
-#include "Olm/TimerWheel.h"
 #include "TestRecords.h"
 
 #include <cmath>
@@ -113,22 +112,6 @@ TEST_F(ClockTest, TimerThatThrowsAndIsDroppedLivesUntilThenAndTheOthersKeepTheir
     EXPECT_EQ(destructions.count(raw), 1);
     b->act = [&] { clock->timeIs(1); }; // told from inside
     EXPECT_EQ(at(1), "bc");
-}
-
-TEST_F(ClockTest, WakeTimeEndsWhereTheTimerLeavesItsClock) {
-    auto const wheel = Olm::TimerWheel::TimerWheelIs();
-    a->timeMinIs(1);
-    a->notifierIs(wheel);
-    EXPECT_EQ(a->timeMin(), never);
-    EXPECT_EQ(clock->nextExpiry(), never);
-    EXPECT_EQ(at(2), "");
-    a->timeMinIs(3);
-    EXPECT_EQ(wheel->nextExpiry(), 3);
-    EXPECT_EQ(clock->nextExpiry(), never);
-    a->notifierIs(nullptr);
-    a->timeMinIs(4);
-    EXPECT_EQ(a->timeMin(), never) << "nothing will wake it";
-    EXPECT_EQ(wheel->nextExpiry(), never);
 }
 
 /// Delays of 1 and 8 seconds, one credit in 16 seconds, two at most.

@@ -167,30 +167,5 @@ TEST_P(ArenaTest, NoTwoLivingObjectsShareRoomAndWhatIsFreeIsGivenBack) {
     take(perChunk + 1, bytes); // from the start again
 }
 
-TEST_F(ArenaTest, ObjectsOfAllSizesShareChunks) {
-    constexpr std::size_t sizes[] = {88, 48, 256, 56, 72, 16}; // 536 octets
-    auto const takeAll = [&](std::size_t rounds) {
-        for (std::size_t n = 0; n < rounds; ++n)
-            for (std::size_t const bytes : sizes) take(1, bytes);
-    };
-    std::size_t const chunksNeeded = 3000 * 536 / Arena::chunkBytes + 1;
-    for (int times = 0; times < 3; ++times) {
-        takeAll(3000);
-        EXPECT_LE(chunks(), chunksNeeded); // the tails of the chunks are short
-        // Two chunks' objects stay, and in places of the others', a few in each chunk, come those
-        // of one size.
-        giveBack([](std::size_t at) { return at >= 1300; });
-        take(500, 256);
-        EXPECT_FALSE(trimmed());
-        take(500, 56);
-        EXPECT_LE(chunks(), chunksNeeded / 3);
-        giveBack([](std::size_t at) { return at % 50 != 0; });
-        arena_.trim(1000); // not to its end
-    }
-    giveBack([](std::size_t at) { return at > 0; });
-    EXPECT_FALSE(trimmed());
-    EXPECT_LE(chunks(), 2u); // the one of that object, and the one that is being used up
-}
-
 } // namespace
 } // namespace Nex
