@@ -213,6 +213,7 @@ class HostScenarioTest : public HostEngineFixture,
             {"held", double(held().size())},
             {"querier", engine->querier().version},
             {"told", engine->times(g1).told},
+            {"answered", engine->times(g1).answered},
             {"older-for", engine->versionExpiry() - now},
         };
 #define AGENT_FACT(type, name, Name) all[#name] = counters().name;
