@@ -81,7 +81,7 @@ class SortedKeys {
 
   private:
     using Run = std::vector<Key>;
-    static constexpr std::ptrdiff_t most = 128; ///< keys of a run: two kilobytes of routes
+    static constexpr std::ptrdiff_t most = 256; ///< keys of a run: four kilobytes of routes
 
     /// The run that the key belongs to; the end where there is none at all.
     std::size_t runOf(Key const& key) const {
