@@ -3,7 +3,7 @@
 // program needs that sends the same packets and does nothing else, and what the kernel does that is
 // asked to join the same groups. And the kernel's multicast routes: from the agent's start until
 // all are told, beside a program that only reads them. Needs root.
-#include "agent/AgentProcess.h"
+#include "agent/Process.h"
 #include "agent/kernel/MulticastRouter.h"
 #include "agent/loop/FileDescriptor.h"
 #include "netns/Netns.h"
@@ -184,8 +184,9 @@ Took ofAgent(std::size_t groups, std::string const& configuration, Frames& sent)
     World const world;
     Testing::Folder const folder;
     folder.write("ihproxyd.toml", head(""));
-    Testing::AgentProcess const agent(folder, world.nearName(),
-                                      {"--config", folder.file("ihproxyd.toml")});
+    Testing::Process const agent(
+        folder, world.nearName(),
+        {IHPROXYD, "--config", folder.file("ihproxyd.toml"), "--control", folder.file("control")});
     if (!agent.says("ready\n")) fail("the agent does not start");
     folder.write("ihproxyd.toml", configuration);
     auto const wire = packetSocket(world.farName(), "down0");
@@ -247,16 +248,13 @@ class RoutedWorld : public Testing::Netns {
   public:
     explicit RoutedWorld(std::size_t routes) {
         farIp("link set br0 type bridge mcast_snooping 0");
-        Inside const inside(nearName());
-        router_.emplace();
-        router_->addInterface(0, int(if_nametoindex("up0")));
         for (std::size_t i = 0; i < routes; ++i)
-            router_->addRoute(Lox::IpAddr("10.1.1.1"),
-                              Lox::IpAddr::fromHost(firstGroup + std::uint32_t(i)), 0, {});
+            router_.addRoute(Lox::IpAddr("10.1.1.1"),
+                             Lox::IpAddr::fromHost(firstGroup + std::uint32_t(i)), 0, {});
     }
 
   private:
-    std::optional<Agent::MulticastRouter> router_;
+    Agent::MulticastRouter router_{*this, {"up0"}};
 };
 
 Took ofRoutes(std::size_t routes, Frames&) {
@@ -265,8 +263,9 @@ Took ofRoutes(std::size_t routes, Frames&) {
     Testing::Folder const folder;
     folder.write("ihproxyd.toml", head("[forwarding-table]\nrequire-output = false\n"));
     auto const start = Clock::now();
-    Testing::AgentProcess const agent(folder, world.nearName(),
-                                      {"--config", folder.file("ihproxyd.toml")});
+    Testing::Process const agent(
+        folder, world.nearName(),
+        {IHPROXYD, "--config", folder.file("ihproxyd.toml"), "--control", folder.file("control")});
     std::chrono::duration<double> wall{};
     for (std::size_t told = 0; told < routes; wall = Clock::now() - start) {
         std::this_thread::sleep_for(std::chrono::microseconds(500));

@@ -4,7 +4,6 @@
 #include <climits>
 #include <grp.h>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <regex>
 #include <sys/stat.h>
 
@@ -13,24 +12,19 @@ namespace {
 
 class AgentControlTest : public AgentTest {
   protected:
-    /// The same with what differs from run to run taken out.
-    Answer askFor(std::string const& arguments) const {
-        Answer answer = ask(arguments);
-        std::string const file = folder.file("ihproxyd.toml");
-        for (std::size_t at; (at = answer.text.find(file)) != std::string::npos;)
-            answer.text.replace(at, file.size(), "FILE");
-        answer.text =
-            std::regex_replace(answer.text, std::regex("[0-9]+:[0-9]{2}:[0-9]{2}"), "TIME");
-        answer.text = std::regex_replace(answer.text, std::regex("up [0-9]+ s"), "up N s");
-        answer.text =
-            std::regex_replace(answer.text, std::regex("within [0-9: s]+,"), "within TIME,");
+    /// What ihproxyctl says, with what differs from run to run taken out.
+    Ended askFor(std::string const& arguments) const {
+        Ended answer = ask(arguments);
+        for (auto const& [pattern, word] :
+             {std::pair(folder.file("ihproxyd.toml"), "FILE"),
+              std::pair(std::string("[0-9]+:[0-9]{2}:[0-9]{2}"), "TIME"),
+              std::pair(std::string("up [0-9]+ s"), "up N s"),
+              std::pair(std::string("within [0-9: s]+,"), "within TIME,")})
+            answer.text = std::regex_replace(answer.text, std::regex(pattern), word);
         return answer;
     }
-    nlohmann::json json(std::string const& arguments) const {
-        return nlohmann::json::parse(ask(arguments + " --json").text);
-    }
     /// The configuration file is this; what a command then does.
-    Answer with(std::string const& configuration, std::string const& arguments) const {
+    Ended with(std::string const& configuration, std::string const& arguments) const {
         folder.write("ihproxyd.toml", configuration);
         return askFor(arguments);
     }
@@ -42,7 +36,7 @@ TEST_F(AgentControlTest, SaysWhatIsAnnouncedAndWhatIsNot) {
           "[interface.up0x]\naccess-lists = [\"iptv\"]\n" +
           rule("iptv", 1, "239.3.0.0/31", "10.0.0.9"));
     ASSERT_TRUE(wire->hears(joined));
-    Answer const status = askFor("status");
+    Ended const status = askFor("status");
     EXPECT_EQ(status.status, 0);
     EXPECT_TRUE(std::regex_match(
         status.text,
@@ -53,9 +47,9 @@ TEST_F(AgentControlTest, SaysWhatIsAnnouncedAndWhatIsNot) {
               "INTERFACE  VRF      GROUP      ORIGIN         SOURCES\n"
               "up0        default  239.1.1.1  configuration  any source\n"
               "up0        default  239.1.1.2  configuration  only from 10.0.0.1\n");
-    EXPECT_NE(output("TERM=xterm script -qec '" IHPROXYCTL " --control " + agent->control() +
-                     " interfaces' /dev/null")
-                  .find("default  \033[32mup\033[0m       10.99.0.2"),
+    EXPECT_NE(shell("TERM=xterm script -qec '" IHPROXYCTL " --control " + control() +
+                    " interfaces' /dev/null")
+                  .text.find("default  \033[32mup\033[0m       10.99.0.2"),
               std::string::npos)
         << "on a terminal in colour, and aligned";
     auto const interfaces = json("interfaces").at("interfaces");
@@ -86,12 +80,24 @@ TEST_F(AgentControlTest, SaysWhatIsAnnouncedAndWhatIsNot) {
          {std::pair("groups --origin nowhere", "expected configuration, list or route"),
           std::pair("counters reset -i nope", "there is no interface nope in the configuration"),
           std::pair("lists nope", "there is no list nope"), std::pair("status >/dev/full", "")}) {
-        Answer const wrong = ask(question);
+        Ended const wrong = ask(question);
         EXPECT_EQ(wrong.status, 1) << question;
         EXPECT_NE(wrong.text.find(why), std::string::npos) << wrong.text;
     }
-    EXPECT_GT(json("counters -i up0").at("counters").at(0).at("v3StateChangeReportSent"), 0);
     EXPECT_EQ(json("events --last 1").at("events").size(), 1u);
+    auto const complete = [&](std::string const& words) {
+        return shell("bash -c '. " IHP_SOURCES "/agent/completion.bash; COMP_WORDS=(" IHPROXYCTL
+                     " --control " +
+                     control() + " " + words +
+                     "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _ihproxy $COMP_WORDS "
+                     "\"${COMP_WORDS[-1]}\" \"${COMP_WORDS[-2]}\"; echo ${COMPREPLY[@]}'")
+            .text;
+    };
+    EXPECT_EQ(complete("st"), "status stop\n");
+    EXPECT_EQ(complete("reload --un"), "--undo-after\n");
+    EXPECT_EQ(complete("why \"\""), "eth9 up0 up0x\n");
+    EXPECT_EQ(complete("groups -i u"), "up0 up0x\n");
+    EXPECT_EQ(complete("why up0 \"\""), "239.1.1.1 239.1.1.2\n");
     agent->signal(SIGTERM);
     ASSERT_EQ(agent->exitStatus(), 0);
     EXPECT_EQ(ask("status").status, 2);
@@ -106,11 +112,11 @@ TEST_F(AgentControlTest, ReloadSaysWhatItDidAndCanBeTakenBack) {
         auto const all = json("groups").at("groups");
         return all.size() == groups && all.at(0).at("sources").dump() == sources;
     };
-    Answer const broken = with("[interface.up0]\nigmp-version = 9\n", "reload");
+    Ended const broken = with("[interface.up0]\nigmp-version = 9\n", "reload");
     EXPECT_EQ(broken.status, 1);
     EXPECT_EQ(broken.text, "FILE:2:16: error: igmp-version is 9, expected an integer from 1 to 3\n"
                            "ihproxyctl: FILE was not taken over; nothing is changed\n");
-    Answer const empty = with("[interface.up0]\n", "reload");
+    Ended const empty = with("[interface.up0]\n", "reload");
     EXPECT_EQ(empty.status, 1) << empty.text;
     EXPECT_EQ(with(groupsOn("up00", "\"239.1.1.1\" = {}\n"), "reload").status, 1)
         << "a misspelt name";
@@ -139,8 +145,9 @@ TEST_F(AgentControlTest, AnswersAreAsDocumentedWhateverIsAsked) {
           rule("a", 1, "239.1.1.0/30", "10.0.0.9", "deny"));
     ASSERT_TRUE(wire->hears(joined));
     wire->send(Agent::v3Query(1));
-    EXPECT_EQ(output("/usr/bin/python3 " IHP_SOURCES "/tests/agent/control/answers.py " +
-                     agent->control() + " " IHP_SOURCES "/docs/control.schema.json 2>&1"),
+    EXPECT_EQ(shell("/usr/bin/python3 " IHP_SOURCES "/tests/agent/control/answers.py " + control() +
+                    " " IHP_SOURCES "/docs/control.schema.json 2>&1")
+                  .text,
               "as documented\n");
     EXPECT_EQ(json("groups").at("groups").size(), 2u);
 }
@@ -214,19 +221,17 @@ TEST_F(AgentControlTest, FiguresAreUnderstoodByMonitoring) {
     std::string const read = "/usr/bin/python3 " IHP_SOURCES "/tests/agent/control/metrics.py";
     std::string served;
     EXPECT_TRUE(waitUntil([&] {
-        served = output("ip netns exec " + net->nearName() + " " + read +
-                        " http://127.0.0.1:9643/metrics");
-        return output(IHPROXYCTL " --control " + agent->control() + " metrics | " + read + " -") ==
-               served;
+        served = shell("ip netns exec " + net->nearName() + " " + read +
+                       " http://127.0.0.1:9643/metrics")
+                     .text;
+        return ask("metrics | " + read + " -").text == served;
     })) << served;
     for (char const* const line :
          {"ihproxy_groups up0 default 2\n", "ihproxy_interface_up up0 default 1\n",
           "ihproxy_groups_by_origin up0 configuration default 2\n",
-          "ihproxy_configuration_number 1\n", "ihproxy_obstacles 1\n"})
+          "ihproxy_configuration_number 1\n", "ihproxy_obstacles 1\n",
+          "ihproxy_packets_total sent up0 state_change_report 3 default "})
         EXPECT_NE(served.find(line), std::string::npos) << line << served;
-    EXPECT_NE(served.find("ihproxy_packets_total sent up0 state_change_report 3 default"),
-              std::string::npos)
-        << served;
 
     auto const sent = [&] {
         return json("counters -i up0").at("counters").at(0).at("v3StateChangeReportSent");
@@ -320,9 +325,8 @@ vrf = "red"
           "[[access-list.iptv]]\nsequence = 20\naction = 'deny'\nsource = 'any'\n"
           "destination = '239.0.0.1/255.0.0.255'\n");
     EXPECT_EQ(ask("config").text, shown);
-    EXPECT_EQ(ask("why eth0.7 239.2.0.9").text.find("part.toml:7") != std::string::npos, true)
-        << ask("why eth0.7 239.2.0.9").text;
-    Answer const broken = with("[interface.up0]\nigmp-version = 9\n", "config");
+    EXPECT_NE(ask("why eth0.7 239.2.0.9").text.find("part.toml:7"), std::string::npos);
+    Ended const broken = with("[interface.up0]\nigmp-version = 9\n", "config");
     EXPECT_EQ(broken.status, 1);
     EXPECT_EQ(broken.text, "FILE:2:16: error: igmp-version is 9, expected an integer from 1 to 3\n"
                            "ihproxyctl: FILE would not be taken over\n");
@@ -365,7 +369,7 @@ TEST_F(AgentControlTest, SocketIsForAGroupThatTheAgentIsAMemberOf) {
     if (setgroups(1, &member) != 0) GTEST_SKIP() << "may not choose its groups";
     auto const group = [&] {
         struct stat status {};
-        EXPECT_EQ(stat(agent->control().c_str(), &status), 0);
+        EXPECT_EQ(stat(control().c_str(), &status), 0);
         return status.st_gid;
     };
     start("[control]\ngroup = 'daemon'\n");
@@ -382,23 +386,6 @@ TEST_F(AgentControlTest, SocketIsForAGroupThatTheAgentIsAMemberOf) {
     EXPECT_EQ(group(), member);
 }
 
-TEST_F(AgentControlTest, CompletionKnowsCommandsOptionsAndWhatIsAnnounced) {
-    start(groupsOn("up0", "'239.1.1.1' = {}\n"));
-    ASSERT_TRUE(wire->hears({"TO_EX 239.1.1.1"}));
-    auto const complete = [&](std::string const& words) {
-        return output("bash -c '. " IHP_SOURCES "/agent/completion.bash; COMP_WORDS=(" IHPROXYCTL
-                      " --control " +
-                      agent->control() + " " + words +
-                      "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _ihproxy $COMP_WORDS "
-                      "\"${COMP_WORDS[-1]}\" \"${COMP_WORDS[-2]}\"; echo ${COMPREPLY[@]}'");
-    };
-    EXPECT_EQ(complete("st"), "status stop\n");
-    EXPECT_EQ(complete("reload --un"), "--undo-after\n");
-    EXPECT_EQ(complete("why \"\""), "up0\n");
-    EXPECT_EQ(complete("groups -i u"), "up0\n");
-    EXPECT_EQ(complete("why up0 \"\""), "239.1.1.1\n");
-}
-
 TEST_F(AgentControlTest, GroupsThatCannotBeKeptAreLeft) {
     ASSERT_TRUE(startTells("keep-groups = true\n" + groupsOn("up0", "'239.1.1.1' = {}\n"),
                            {"TO_EX 239.1.1.1"}));
@@ -408,9 +395,7 @@ TEST_F(AgentControlTest, GroupsThatCannotBeKeptAreLeft) {
     EXPECT_EQ(json("stop"), nlohmann::json({{"groupsKept", false}}));
     EXPECT_TRUE(wire->hearsOnly(twice({"TO_IN 239.1.1.1"})));
 
-    folder.write("ihproxyd.toml", "keep-groups = true\n");
-    agent = std::make_unique<AgentProcess>(folder, net->nearName(),
-                                           Lines{"--config", folder.file("ihproxyd.toml")});
+    begin("keep-groups = true\n");
     EXPECT_TRUE(agent->says("keep-groups: has no effect, for --state names no file"));
     EXPECT_EQ(ask("stop --keep-groups").status, 1);
     EXPECT_EQ(ask("stop").text, "ended; the groups are left\n");

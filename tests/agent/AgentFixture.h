@@ -1,15 +1,15 @@
 // The whole agent in a throw-away network, beside a bridge that learns and a wire that hears all.
 #pragma once
 
-#include "agent/AgentProcess.h"
 #include "agent/ConfigurationText.h"
+#include "agent/Process.h"
 #include "agent/Wire.h"
 #include "agent/files/StateFile.h"
 #include "netns/Netns.h"
 
-#include <cstdio>
 #include <gtest/gtest.h>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <set>
 
 namespace Testing {
@@ -35,40 +35,29 @@ class AgentTest : public testing::Test {
         wire = std::make_unique<Wire>(net->farName(), "down0");
     }
 
-    /// What a shell command prints; its exit status goes to `status` if that is not null.
-    static std::string output(std::string const& command, int* status = nullptr) {
-        FILE* const pipe = popen(command.c_str(), "r");
-        std::string text;
-        char octets[4096];
-        while (std::size_t const count = std::fread(octets, 1, sizeof octets, pipe))
-            text.append(octets, count);
-        int const end = WEXITSTATUS(pclose(pipe));
-        if (status) *status = end;
-        return text;
+    std::string control() const { return controlFolder.file("socket"); }
+    /// What ihproxyctl says, errors included.
+    Ended ask(std::string const& arguments) const {
+        return shell(IHPROXYCTL " --control " + control() + " " + arguments + " 2>&1");
     }
-    /// What ihproxyctl says.
-    struct Answer {
-        int status;
-        std::string text; ///< what it prints, errors included
-    };
-    Answer ask(std::string const& arguments) const {
-        Answer answer{0, {}};
-        answer.text =
-            output(IHPROXYCTL " --control " + agent->control() + " " + arguments + " 2>&1",
-                   &answer.status);
-        return answer;
+    nlohmann::json json(std::string const& arguments) const {
+        return nlohmann::json::parse(ask(arguments + " --json").text);
     }
-    /// Starts the agent with this configuration, and waits until it says that it is ready.
-    void start(std::string const& configuration, std::optional<int> missingCapability = {}) {
+    /// Starts the agent with this configuration.
+    void begin(std::string const& configuration, Lines const& options = {},
+               std::optional<int> missingCapability = {}) {
         agent.reset();
         reloads = 0;
         folder.write("output", "");
         folder.write("ihproxyd.toml", configuration);
-        agent = std::make_unique<AgentProcess>(folder, net->nearName(),
-                                               Lines{"--config", folder.file("ihproxyd.toml"),
-                                                     "--status", folder.file("status"), "--state",
-                                                     folder.file("state")},
-                                               missingCapability);
+        Lines command{IHPROXYD, "--config", folder.file("ihproxyd.toml"), "--control", control()};
+        command.insert(command.end(), options.begin(), options.end());
+        agent.emplace(folder, net->nearName(), command, missingCapability);
+    }
+    /// The same, with all of its files, and waits until it says that it is ready.
+    void start(std::string const& configuration, std::optional<int> missingCapability = {}) {
+        begin(configuration, {"--status", folder.file("status"), "--state", folder.file("state")},
+              missingCapability);
         ASSERT_TRUE(agent->says("ready\n")) << agent->output();
     }
     /// Whether the state file comes to hold these groups and no others. It is written a little
@@ -128,9 +117,10 @@ class AgentTest : public testing::Test {
     }
 
     Folder folder;
+    Folder controlFolder; // the other one may belong to another user
     std::unique_ptr<Netns> net;
     std::unique_ptr<Wire> wire;
-    std::unique_ptr<AgentProcess> agent;
+    std::optional<Process> agent;
     int reloads = 0;
 };
 

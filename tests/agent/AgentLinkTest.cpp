@@ -1,7 +1,6 @@
 // Interfaces that fail, come late, go away and change while the agent runs. It heals by itself.
 #include "agent/AgentFixture.h"
 
-#include <nlohmann/json.hpp>
 #include <random>
 
 namespace Testing {

@@ -1,10 +1,8 @@
 // What an operator does to the running agent: files, signals, and what it says in return.
 #include "agent/AgentFixture.h"
+#include "agent/control/UnixSocket.h"
 
 #include <linux/capability.h>
-#include <nlohmann/json.hpp>
-#include <sys/stat.h>
-#include <sys/un.h>
 
 namespace Testing {
 namespace {
@@ -20,12 +18,9 @@ Lines const threeJoined{"TO_EX 239.1.1.1", "ALLOW 239.1.1.2 10.0.0.1 10.0.0.2",
 /// The service manager's end of the notifications.
 class ServiceSocket {
   public:
-    explicit ServiceSocket(std::string const& path)
-        : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        if (bind(socket_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+    explicit ServiceSocket(std::string const& path) {
+        sockaddr_un const address = Agent::unixAddress(path);
+        if (bind(socket_.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0)
             throw std::system_error(errno, std::generic_category(), path);
         setenv("NOTIFY_SOCKET", path.c_str(), 1);
     }
@@ -54,29 +49,26 @@ class ServiceSocket {
     }
 
     std::string status_;
-    Agent::FileDescriptor socket_;
+    Agent::FileDescriptor socket_{socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0)};
 };
 
 TEST_F(AgentTest, SignalsDuringTheStartCountOnceTheAgentRuns) {
-    auto const begin = [&](std::initializer_list<int> signals) {
-        folder.write("ihproxyd.toml", // takes a while to read
-                     groupsOn("up0", threeGroups) + std::string(4 << 20, '\n'));
-        agent = std::make_unique<AgentProcess>(
-            folder, net->nearName(),
-            Lines{"--config", folder.file("ihproxyd.toml"), "--status", folder.file("status")});
+    auto const signalled = [&](std::initializer_list<int> signals) {
+        // Takes a while to read.
+        begin(groupsOn("up0", threeGroups) + std::string(4 << 20, '\n'),
+              {"--status", folder.file("status")});
         ASSERT_TRUE(
             waitUntil([&] { return (agent->statusField("SigIgn") >> (SIGUSR2 - 1) & 1) != 0; }));
         for (int const each : signals) agent->signal(each);
     };
-    begin({SIGHUP, SIGUSR1, SIGUSR2, SIGPIPE});
+    signalled({SIGHUP, SIGUSR1, SIGUSR2, SIGPIPE});
     EXPECT_TRUE(agent->says("is in force")) << agent->output();
     EXPECT_TRUE(waitUntil([&] { return std::filesystem::exists(folder.file("status")); }));
     EXPECT_TRUE(wire->hearsOnly(twice(threeJoined)));
     // On a busy machine the signal may come later than that.
     EXPECT_TRUE(waitUntil([&] {
-        folder.write("output", "");
         wire->forget();
-        begin({SIGTERM});
+        signalled({SIGTERM});
         EXPECT_EQ(agent->exitStatus(), 0) << agent->output();
         return agent->output().find("ready") == std::string::npos;
     }));
@@ -104,22 +96,6 @@ TEST_F(AgentTest, BadFileChangesNothingAndIsLoggedWithItsPlaces) {
     EXPECT_TRUE(learned({threeLearned[0]})) << "a good file afterwards is taken over";
 }
 
-TEST_F(AgentTest, FileOfAnotherUserIsReadAgain) {
-    constexpr uid_t other = 65534;
-    folder.write("ihproxyd.toml", "");
-    for (std::string const& path : {folder.file("ihproxyd.toml"), folder.file("")})
-        ASSERT_EQ(chown(path.c_str(), other, gid_t(-1)), 0);
-    ASSERT_EQ(chmod(folder.file("ihproxyd.toml").c_str(), 0600), 0);
-    start("");
-    reload(groupsOn("up0", threeGroups));
-    EXPECT_TRUE(learned(threeLearned));
-}
-
-TEST_F(AgentTest, NamespaceThatOnlyItsProcessNamesIsRefusedWithAdvice) {
-    start("[vrf.red]\nnamespace = '/proc/" + std::to_string(getpid()) + "/ns/net'\n");
-    EXPECT_TRUE(agent->says("Permission denied; expected a name, as `ip netns attach"));
-}
-
 TEST_F(AgentTest, CheckTellsTotalsFaultsAndWhatTheMachineLacks) {
     std::string const good = "[interface.up0.group]\n'239.1.0.0/24' = {}\n[interface.eth9]\n"
                              "[interface.'up*']\n[interface.'zz?']\n[interface.x]\nvrf = 'red'\n"
@@ -131,8 +107,9 @@ TEST_F(AgentTest, CheckTellsTotalsFaultsAndWhatTheMachineLacks) {
     auto const run = [&](std::string const& text, Lines options, std::optional<int> missing = {}) {
         Folder const own;
         own.write("file", text);
+        options.insert(options.begin(), IHPROXYD);
         options.push_back(own.file("file"));
-        AgentProcess process(own, net->nearName(), options, missing);
+        Process process(own, net->nearName(), options, missing);
         int const status = process.exitStatus().value_or(-1);
         return std::to_string(status) + "\n" + process.output();
     };
@@ -232,16 +209,29 @@ TEST_F(AgentTest, VrfWaitsForDescriptorsAndStartsWhenThereAreSome) {
 }
 
 TEST_F(AgentTest, WhatTheAgentMayNotDoIsAnErrorFromTheStart) {
-    std::string const vrf = "[vrf.red]\nnamespace = '" + net->farName() + "'\n";
+    auto const inRed = [](std::string const& name) {
+        return "[vrf.red]\nnamespace = '" + name + "'\n";
+    };
+    std::string const vrf = inRed(net->farName());
+    std::string const unnamed = "/proc/" + std::to_string(getpid()) + "/ns/net";
+    // A file of another user, which it may read all the same.
+    folder.write("ihproxyd.toml", "");
+    for (std::string const& path : {folder.file("ihproxyd.toml"), folder.file("")})
+        ASSERT_EQ(chown(path.c_str(), 65534, gid_t(-1)), 0);
+    ASSERT_EQ(chmod(folder.file("ihproxyd.toml").c_str(), 0600), 0);
     struct {
         std::string configuration;
-        int missing;
+        std::optional<int> missing;
         std::string expected;
     } const cases[] = {
         {"", CAP_NET_RAW, "the agent: has no CAP_NET_RAW"},
         {vrf, CAP_SYS_ADMIN,
          "VRF red: namespace " + net->farName() +
              ": entering a network namespace: Operation not permitted"},
+        {inRed(unnamed),
+         {},
+         "VRF red: namespace " + unnamed + ": " + unnamed +
+             ": Permission denied; expected a name, as `ip netns attach"},
     };
     for (auto const& [configuration, missing, expected] : cases) {
         Folder const own;

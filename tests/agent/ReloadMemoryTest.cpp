@@ -57,7 +57,8 @@ class ReloadMemoryTest : public testing::Test {
             if (--turnsLeft_ <= 0) daemon->loop().stop(0);
         });
         tick_.emplace(daemon->loop(), [this] { tick_->arm(0); });
-        doRoutes();
+        doAddRoutes();
+        daemon->state().mfibDir->keshColl(L3::VrfName("default"))->keshPtrIs(table.get(), table);
         for (int i = 0; i < 100 && announced().size() < 10; ++i) doTurns(10);
     }
     void TearDown() override { setLogLevel(LogLevel::info); }
@@ -70,10 +71,6 @@ class ReloadMemoryTest : public testing::Test {
             table->routeDel(key);
             table->routeIs(key, Kesh::Multicast::Fib::Route{true});
         }
-    }
-    void doRoutes() {
-        doAddRoutes();
-        daemon->state().mfibDir->keshColl(L3::VrfName("default"))->keshPtrIs(table.get(), table);
     }
     void doTurns(int turns) {
         turnsLeft_ = turns;
@@ -91,8 +88,7 @@ class ReloadMemoryTest : public testing::Test {
         memory.counting = false;
     }
     /// Until timers have done what is left.
-    void doSettle() { doTurnsFor(0.15); }
-    void doTurnsFor(double seconds) {
+    void doSettle(double seconds = 0.15) {
         double const end = EventLoop::now() + seconds;
         while (EventLoop::now() < end) doTurns(1);
         doTurns(2); // what is due by then, however late that was
@@ -163,12 +159,12 @@ TEST_F(ReloadMemoryTest, BuildingAnewTellsTheNetworkNothing) {
     Testing::Wire wire(net->farName(), "down0");
     doReload(after);
     Lines const all = announced();
-    doTurnsFor(1.2); // until all repeats are out
+    doSettle(1.2); // until all repeats are out
     ASSERT_FALSE(wire.heard().empty());
     wire.forget();
     Nex::Ptr const host = daemon->state().hostDir->igmpHost("up0");
     daemon->loop().doReportExhaustion();
-    doTurnsFor(1.5);
+    doSettle(1.5);
     EXPECT_NE(daemon->state().hostDir->igmpHost("up0"), host) << "it was not built anew";
     EXPECT_EQ(announced(), all);
     EXPECT_EQ(wire.heard(), Lines());

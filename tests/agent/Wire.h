@@ -94,12 +94,13 @@ class Wire {
                << testing::PrintToString(all) << " is heard, not " << testing::PrintToString(lines);
     }
 
-    /// Any octets, as one IPv4 packet to all hosts of the link.
-    void send(Agent::Bytes const& packet) const {
+    /// Any octets, as one IPv4 packet, to all hosts of the link unless to one address.
+    void send(Agent::Bytes const& packet,
+              std::array<std::uint8_t, 6> const& mac = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff}) const {
         sockaddr_ll to = address_;
         to.sll_protocol = htons(ETH_P_IP);
         to.sll_halen = 6;
-        std::fill(to.sll_addr, to.sll_addr + 6, std::uint8_t(0xff));
+        std::copy(mac.begin(), mac.end(), to.sll_addr);
         if (sendto(socket_.get(), packet.data(), packet.size(), 0, reinterpret_cast<sockaddr*>(&to),
                    sizeof to) < 0)
             throw std::system_error(errno, std::generic_category(), "sending a packet");

@@ -1,33 +1,41 @@
 #include "netns/Netns.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <fcntl.h>
 #include <filesystem>
-#include <sched.h>
-#include <sstream>
+#include <fmt/ranges.h>
+#include <net/if.h>
+#include <nlohmann/json.hpp>
+#include <set>
 #include <stdexcept>
+#include <sys/wait.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
 
 namespace Testing {
+
+Ended shell(std::string const& command) {
+    std::FILE* const pipe = popen(command.c_str(), "re");
+    if (!pipe) throw std::system_error(errno, std::generic_category(), command);
+    Ended ended;
+    char octets[4096];
+    while (auto const length = std::fread(octets, 1, sizeof octets, pipe))
+        ended.text.append(octets, length);
+    int const end = pclose(pipe);
+    ended.status = WIFEXITED(end) ? WEXITSTATUS(end) : -WTERMSIG(end);
+    return ended;
+}
+
 namespace {
 
-/// Runs a shell command and returns what it wrote. Throws if it fails.
+/// The same; throws if it fails.
 std::string run(std::string const& command) {
-    std::FILE* const pipe = popen((command + " 2>&1").c_str(), "re");
-    if (!pipe) throw std::system_error(errno, std::generic_category(), command);
-    std::string output;
-    std::array<char, 4096> buffer;
-    while (auto const length = std::fread(buffer.data(), 1, buffer.size(), pipe))
-        output.append(buffer.data(), length);
-    if (pclose(pipe) != 0) throw std::runtime_error(command + ": " + output);
-    return output;
+    Ended const ended = shell(command + " 2>&1");
+    if (ended.status != 0) throw std::runtime_error(command + ": " + ended.text);
+    return ended.text;
 }
 
 /// A process that was killed may have left one behind, and its number may be ours now.
@@ -39,41 +47,17 @@ std::string uniqueName(std::string const& end) {
     return name;
 }
 
-std::vector<std::string> split(std::string const& text, char separator) {
-    std::vector<std::string> parts;
-    std::istringstream stream(text);
-    for (std::string part; std::getline(stream, part, separator);) parts.push_back(part);
-    return parts;
-}
-
-/// From "192.0.2.2/259.70,192.0.2.9/0.00": a source whose timer has run out is a blocked one.
-std::string sourcesOf(std::string const& sourceList, bool blocked) {
-    std::vector<std::string> sources;
-    for (auto const& entry : split(sourceList, ',')) {
-        auto const slash = entry.find('/');
-        if ((entry.substr(slash + 1) == "0.00") == blocked)
-            sources.push_back(entry.substr(0, slash));
-    }
-    std::sort(sources.begin(), sources.end());
-    std::string text;
-    for (auto const& source : sources) text += (text.empty() ? " " : ",") + source;
-    return text;
-}
-
-/// One line of `bridge -d mdb show` in the form that bridgeTable returns; empty for IPv6, and for
-/// the forwarding entries of single sources, which the line of their group lists again.
-std::string tableLine(std::string const& line) {
-    std::istringstream words(line);
-    std::string port, group, mode, sourceList;
-    for (std::string word; words >> word;) {
-        if (word == "src") return {};
-        if (word == "port") words >> port;
-        if (word == "grp") words >> group;
-        if (word == "filter_mode") words >> mode;
-        if (word == "source_list") words >> sourceList;
-    }
-    if (mode.empty() || group.find(':') != std::string::npos) return {};
-    return port + " " + group + " " + mode + sourcesOf(sourceList, mode == "exclude");
+/// In the form that bridgeTable returns, from an entry of `bridge -d -j mdb show`: a source whose
+/// timer has run out is a blocked one.
+std::string tableLine(nlohmann::json const& entry) {
+    std::string const mode = entry.at("filter_mode");
+    std::set<std::string> sources;
+    for (auto const& source : entry.value("source_list", nlohmann::json::array()))
+        if ((source.at("timer") == "0.00") == (mode == "exclude"))
+            sources.insert(source.at("address"));
+    return fmt::format("{} {} {}{}{}", entry.at("port").get<std::string>(),
+                       entry.at("grp").get<std::string>(), mode, sources.empty() ? "" : " ",
+                       fmt::join(sources, ","));
 }
 
 std::string probe() {
@@ -83,12 +67,6 @@ std::string probe() {
     } catch (std::exception const& error) {
         return std::string("no network to test in: ") + error.what();
     }
-}
-
-int openFile(std::string const& path) {
-    int const descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (descriptor < 0) throw std::system_error(errno, std::generic_category(), path);
-    return descriptor;
 }
 
 } // namespace
@@ -163,25 +141,21 @@ void Netns::addNear() const {
 }
 
 std::vector<std::string> Netns::bridgeTable() const {
+    auto const shown = nlohmann::json::parse(run("bridge -n " + far_.name + " -d -j mdb show"));
     std::vector<std::string> table;
-    for (auto const& line : split(run("bridge -n " + far_.name + " -d mdb show"), '\n'))
-        if (auto entry = tableLine(line); !entry.empty()) table.push_back(std::move(entry));
+    for (auto const& entry : shown.at(0).at("mdb")) {
+        bool const ipv4 = entry.at("grp").get<std::string>().find(':') == std::string::npos;
+        // The line of a group lists its sources, too.
+        if (ipv4 && entry.contains("filter_mode") && !entry.contains("src"))
+            table.push_back(tableLine(entry));
+    }
     std::sort(table.begin(), table.end());
     return table;
 }
 
-Netns::Inside::Inside(std::string const& namespaceName)
-    : outside_(openFile("/proc/thread-self/ns/net")) {
-    int const inside = openFile("/run/netns/" + namespaceName);
-    int const result = setns(inside, CLONE_NEWNET);
-    close(inside);
-    if (result != 0) throw std::system_error(errno, std::generic_category(), namespaceName);
-}
-
-Netns::Inside::~Inside() {
-    // A thread that cannot return would run every later test in the wrong network.
-    if (setns(outside_, CLONE_NEWNET) != 0) std::abort();
-    close(outside_);
+int Netns::nearIndex(char const* interface) const {
+    Inside const inside(near_.name);
+    return int(if_nametoindex(interface));
 }
 
 bool waitUntil(std::function<bool()> const& condition) {

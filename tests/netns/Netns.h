@@ -4,11 +4,20 @@
 // object, and everything goes away with the object, also when a test throws.
 #pragma once
 
+#include "agent/kernel/NetworkNamespace.h"
+
 #include <functional>
 #include <string>
 #include <vector>
 
 namespace Testing {
+
+/// What a shell command writes to its standard output, and its exit status.
+struct Ended {
+    int status;
+    std::string text;
+};
+Ended shell(std::string const& command);
 
 class Netns {
   public:
@@ -32,6 +41,9 @@ class Netns {
     static void addPair(std::string const& namespaceName, std::string const& first,
                         std::string const& second, std::string const& address = "");
 
+    /// The number of an interface of the near namespace.
+    int nearIndex(char const* interface) const;
+
     /// Lets up0 lose or regain its carrier, as if the cable were pulled: the far end goes down.
     void setCarrier(bool present) const;
     /// Removes up0 and its far end.
@@ -53,17 +65,11 @@ class Netns {
     /// ones: "down0 239.1.1.1 exclude" is a group wanted from any source.
     std::vector<std::string> bridgeTable() const;
 
-    /// While it lives, sockets that the calling thread opens belong to the named namespace.
-    class Inside {
-      public:
-        /// Throws std::system_error where there is no such namespace.
-        explicit Inside(std::string const& namespaceName);
-        ~Inside();
-        Inside(Inside const&) = delete;
-        Inside& operator=(Inside const&) = delete;
-
-      private:
-        int outside_;
+    /// While it lives, the calling thread is in the named namespace. Throws std::system_error where
+    /// there is no such namespace.
+    struct Inside : Agent::NamespaceScope {
+        explicit Inside(std::string const& name)
+            : NamespaceScope(Agent::namespaceOpen(name).get()) {}
     };
 
   private:

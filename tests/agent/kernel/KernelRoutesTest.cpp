@@ -1,13 +1,10 @@
 #include "agent/kernel/KernelRoutes.h"
 
 #include "agent/kernel/MulticastRouter.h"
-#include "agent/kernel/NetworkNamespace.h"
 #include "agent/loop/LoopFixture.h"
 #include "agent/ports/VrfRegistry.h"
-#include "netns/Netns.h"
 
 #include <linux/filter.h>
-#include <net/if.h>
 #include <optional>
 #include <set>
 #include <sys/socket.h>
@@ -34,18 +31,11 @@ class KernelRoutesTest : public LoopFixture {
         net.emplace();
         space = namespaceOpen(net->nearName());
         doMakeOutput();
-        NamespaceScope const inside(space.get());
-        router.emplace();
-        router->addInterface(0, indexOf("up0"));
-        router->addInterface(1, indexOf("aux0"));
+        router = MulticastRouter(*net, {"up0", "aux0"});
     }
 
     void doMakeOutput() const {
         Testing::Netns::addPair(net->nearName(), "aux0", "aux1", "10.98.0.1/24");
-    }
-    int indexOf(char const* name) const {
-        NamespaceScope const inside(space.get());
-        return int(if_nametoindex(name));
     }
     void doStartFollowing(std::uint32_t table = RouteTable::defaultNumber) {
         followed.emplace(
@@ -57,7 +47,7 @@ class KernelRoutesTest : public LoopFixture {
                     << name << " is told twice";
             },
             space.get(), table);
-        followed->setFilter({true, false, {indexOf("up0")}});
+        followed->setFilter({true, false, {net->nearIndex("up0")}});
     }
     void doFollow() {
         doStartFollowing();
@@ -76,53 +66,47 @@ class KernelRoutesTest : public LoopFixture {
 
 TEST_F(KernelRoutesTest, InterfacesThatComeAndGoChangeRoutesWithoutAWord) {
     doFollow();
-    router->addRoute(source, group(1), 0, {1});
+    router->addRoute(source, group(1));
     EXPECT_TRUE(becomes({"10.0.0.1 239.1.1.1"}));
     net->nearIp("link del aux0");
     EXPECT_TRUE(becomes({})) << "no output is left";
     doMakeOutput();
-    router->addInterface(1, indexOf("aux0"));
+    router->addInterface(1, "aux0");
     EXPECT_TRUE(becomes({"10.0.0.1 239.1.1.1"}));
     router->removeInterface(0);
     EXPECT_TRUE(becomes({}));
-    router->addInterface(0, indexOf("up0"));
+    router->addInterface(0, "up0");
     EXPECT_TRUE(becomes({"10.0.0.1 239.1.1.1"}));
     // Another interface with the number of the old one.
     router->removeInterface(0);
-    router->addInterface(0, indexOf("aux1"));
+    router->addInterface(0, "aux1");
     EXPECT_TRUE(becomes({}));
 }
 
 TEST_F(KernelRoutesTest, LongTableOfItsNumberIsReadWhileItChanges) {
-    std::optional<MulticastRouter> other;
-    {
-        NamespaceScope const inside(space.get());
-        other.emplace(1000);
-    }
-    other->addInterface(0, indexOf("up0"));
-    other->addInterface(1, indexOf("aux0"));
-    router->addRoute(source, group(9999), 0, {1});
-    for (unsigned i = 0; i < 3000; ++i) other->addRoute(source, group(i), 0, {1});
+    MulticastRouter other(*net, {"up0", "aux0"}, 1000);
+    router->addRoute(source, group(9999));
+    for (unsigned i = 0; i < 3000; ++i) other.addRoute(source, group(i));
     doStartFollowing(1000);
     EXPECT_TRUE(serveUntil([&] { return !announced.empty(); }));
     EXPECT_FALSE(followed->synchronized()) << "some pieces in each turn";
     // Routes that the dump now skips are asked for by their names.
-    for (unsigned i = 0; i < 3000; i += 3) other->removeRoute(source, group(i));
-    for (unsigned i = 1; i < 3000; i += 3) other->addRoute(source, group(i), 0, {});
-    for (unsigned i = 3000; i < 3300; ++i) other->addRoute(source, group(i), 0, {1});
+    for (unsigned i = 0; i < 3000; i += 3) other.removeRoute(source, group(i));
+    for (unsigned i = 1; i < 3000; i += 3) other.addRoute(source, group(i), 0, {});
+    for (unsigned i = 3000; i < 3300; ++i) other.addRoute(source, group(i));
     Names expected;
     for (unsigned i = 2; i < 3000; i += 3) expected.insert(nameOf(i));
     for (unsigned i = 3000; i < 3300; ++i) expected.insert(nameOf(i));
     EXPECT_TRUE(serveUntil([&] { return followed->synchronized(); }));
     EXPECT_TRUE(becomes(expected));
     EXPECT_EQ(followed->routeCount(), 2300u);
-    other->removeInterface(1);
+    other.removeInterface(1);
     EXPECT_TRUE(becomes({}));
 }
 
 TEST_F(KernelRoutesTest, AfterAnOverrunOnlyDifferencesAreTold) {
     Names expected;
-    for (unsigned i = 0; i < 1000; ++i) router->addRoute(source, group(i), 0, {1});
+    for (unsigned i = 0; i < 1000; ++i) router->addRoute(source, group(i));
     doFollow();
     ASSERT_TRUE(serveUntil([&] { return announced.size() == 1000; }));
     told = 0;
@@ -130,12 +114,12 @@ TEST_F(KernelRoutesTest, AfterAnOverrunOnlyDifferencesAreTold) {
     for (unsigned i = 0; i < 1000; ++i) {
         router->addRoute(source, group(i), 0, {});
         if (i % 10 != 0)
-            router->addRoute(source, group(i), 0, {1});
+            router->addRoute(source, group(i));
         else if (i % 20 == 0)
             router->removeRoute(source, group(i));
         if (i % 10 != 0) expected.insert(nameOf(i));
     }
-    router->addRoute(source, group(1000), 0, {1});
+    router->addRoute(source, group(1000));
     expected.insert(nameOf(1000));
     testing::internal::CaptureStderr();
     EXPECT_TRUE(becomes(expected));
@@ -171,7 +155,7 @@ std::vector<int> netlinkSockets(bool following) {
 }
 
 TEST_F(KernelRoutesTest, ReadingThatTheKernelGivesUpIsBegunAgain) {
-    router->addRoute(source, group(1), 0, {1});
+    router->addRoute(source, group(1));
     doFollow();
     EXPECT_TRUE(becomes({nameOf(1)}));
     std::vector<int> const sockets = netlinkSockets(false);
@@ -181,14 +165,14 @@ TEST_F(KernelRoutesTest, ReadingThatTheKernelGivesUpIsBegunAgain) {
     // Both ask for a reading.
     router->removeInterface(0);
     EXPECT_TRUE(becomes({}));
-    router->addInterface(0, indexOf("up0"));
+    router->addInterface(0, "up0");
     EXPECT_TRUE(becomes({nameOf(1)}));
     EXPECT_NE(testing::internal::GetCapturedStderr().find("temporarily unavailable"),
               std::string::npos);
 }
 
 TEST_F(KernelRoutesTest, ReadingMayBeCutOff) {
-    for (unsigned i = 0; i < 3000; ++i) router->addRoute(source, group(i), 0, {1});
+    for (unsigned i = 0; i < 3000; ++i) router->addRoute(source, group(i));
     for (int i = 0; i < 20; ++i) {
         doStartFollowing();
         EXPECT_TRUE(serveUntil([&] { return !announced.empty(); }));
@@ -200,7 +184,7 @@ TEST_F(KernelRoutesTest, ReadingMayBeCutOff) {
 }
 
 TEST_F(KernelRoutesTest, InterfacesThatTheKernelGivesUpAreReadAgain) {
-    NamespaceScope const inside(space.get());
+    Testing::Netns::Inside const inside(net->nearName());
     IgmpHostProxy::PlatformState state;
     Obstacles obstacles;
     VrfRegistry vrfs(state, loop, obstacles, [](std::string const&) {});
@@ -211,7 +195,7 @@ TEST_F(KernelRoutesTest, InterfacesThatTheKernelGivesUpAreReadAgain) {
 }
 
 TEST_F(KernelRoutesTest, ObserverThatThrowsMissesNothing) {
-    for (unsigned i = 0; i < 3; ++i) router->addRoute(source, group(i), 0, {1});
+    for (unsigned i = 0; i < 3; ++i) router->addRoute(source, group(i));
     int calls = 0;
     followed.emplace(
         loop,
@@ -221,7 +205,7 @@ TEST_F(KernelRoutesTest, ObserverThatThrowsMissesNothing) {
         },
         space.get());
     testing::internal::CaptureStderr();
-    followed->setFilter({true, false, {indexOf("up0")}});
+    followed->setFilter({true, false, {net->nearIndex("up0")}});
     EXPECT_TRUE(serveUntil([&] { return calls == 3; }));
     EXPECT_NE(testing::internal::GetCapturedStderr().find("(10.0.0.1, 239.1.1.2): observer"),
               std::string::npos);

@@ -3,11 +3,10 @@
 #pragma once
 
 #include "Lox/IpAddr.h"
-#include "agent/loop/FileDescriptor.h"
+#include "netns/Netns.h"
 
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <initializer_list>
 #include <netinet/in.h>
 #include <string>
@@ -19,22 +18,28 @@
 
 namespace Agent {
 
-/// Takes the routing of the calling thread's namespace; letting go of it flushes everything. What
-/// the kernel refuses throws std::system_error.
+/// Takes the routing of a near namespace; letting go of it flushes everything. What the kernel
+/// refuses throws std::system_error.
 class MulticastRouter {
   public:
-    /// Of the table of that number.
-    explicit MulticastRouter(std::uint32_t table = RT_TABLE_DEFAULT) {
+    /// Of the table of that number, with these interfaces, numbered from zero.
+    MulticastRouter(Testing::Netns const& net, std::initializer_list<char const*> interfaces,
+                    std::uint32_t table = RT_TABLE_DEFAULT)
+        : net_(&net) {
+        Testing::Netns::Inside const inside(net.nearName());
+        socket_ = FileDescriptor(socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_IGMP));
         option(MRT_TABLE, table);
         option(MRT_INIT, 1);
+        vifi_t number = 0;
+        for (char const* const each : interfaces) addInterface(number++, each);
     }
 
-    void addInterface(vifi_t number, int ifindex) {
+    void addInterface(vifi_t number, char const* name) {
         vifctl interface {};
         interface.vifc_vifi = number;
         interface.vifc_flags = VIFF_USE_IFINDEX;
         interface.vifc_threshold = 1;
-        interface.vifc_lcl_ifindex = ifindex;
+        interface.vifc_lcl_ifindex = net_->nearIndex(name);
         option(MRT_ADD_VIF, interface);
     }
     void removeInterface(vifi_t number) {
@@ -42,8 +47,8 @@ class MulticastRouter {
         interface.vifc_vifi = number;
         option(MRT_DEL_VIF, interface);
     }
-    void addRoute(Lox::IpAddr source, Lox::IpAddr group, vifi_t incoming,
-                  std::initializer_list<vifi_t> outputs) {
+    void addRoute(Lox::IpAddr source, Lox::IpAddr group, vifi_t incoming = 0,
+                  std::initializer_list<vifi_t> outputs = {1}) {
         mfcctl route = named(source, group);
         route.mfcc_parent = incoming;
         for (vifi_t const output : outputs) route.mfcc_ttls[output] = 1;
@@ -67,21 +72,8 @@ class MulticastRouter {
                                     "multicast routing option " + std::to_string(name));
     }
 
-    FileDescriptor socket_{socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_IGMP)};
+    Testing::Netns const* net_;
+    FileDescriptor socket_;
 };
-
-/// Traffic of a group for which the calling thread's namespace may have no route: a packet from,
-/// and out by, the interface of that address.
-inline void trafficSend(Lox::IpAddr source, Lox::IpAddr group) {
-    FileDescriptor const sender(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    in_addr interface { htonl(source.host()) };
-    setsockopt(sender.get(), IPPROTO_IP, IP_MULTICAST_IF, &interface, sizeof interface);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = htonl(group.host());
-    to.sin_port = htons(9);
-    if (sendto(sender.get(), "x", 1, 0, reinterpret_cast<sockaddr const*>(&to), sizeof to) != 1)
-        throw std::system_error(errno, std::generic_category(), "sending to a group");
-}
 
 } // namespace Agent

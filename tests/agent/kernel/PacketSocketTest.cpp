@@ -1,41 +1,25 @@
 #include "agent/kernel/PacketSocket.h"
 
+#include "agent/Wire.h"
 #include "agent/kernel/NetworkNamespace.h"
-#include "netns/Netns.h"
-
-#include <arpa/inet.h>
-#include <cstdlib>
-#include <cstring>
-#include <gtest/gtest.h>
-#include <linux/if_ether.h>
-#include <linux/if_packet.h>
-#include <net/if.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <system_error>
 
 namespace Agent {
 namespace {
 
-using Octets = std::vector<std::uint8_t>;
+using Packets = std::vector<Bytes>;
 
-/// An IPv4 packet of `size` octets, with the number `mark` at its end. The checksums are not set:
-/// packet sockets pay no heed to them.
-Octets packetTo(std::uint32_t group, std::size_t size, std::uint8_t mark = 0,
-                std::uint8_t protocol = IPPROTO_IGMP) {
-    Octets packet(size);
-    packet[0] = 0x45;
-    packet[2] = std::uint8_t(size >> 8);
-    packet[3] = std::uint8_t(size);
-    packet[8] = 1;
+/// An IPv4 packet of `size` octets, with the number `mark` at its end. Its checksum need not be
+/// right: packet sockets pay no heed to it.
+Bytes packetTo(Lox::IpAddr group, std::size_t size, std::uint8_t mark = 0,
+               std::uint8_t protocol = IPPROTO_IGMP) {
+    Bytes packet = packetOf(Bytes(size - 20), {.destination = group, .options = {}});
     packet[9] = protocol;
-    std::uint32_t const destination = htonl(group);
-    std::memcpy(&packet[16], &destination, 4);
     packet.back() = mark;
     return packet;
 }
 
-constexpr std::uint32_t v3Reports = 0xE0000016; // 224.0.0.22
+Lox::IpAddr const v3Reports("224.0.0.22");
+Lox::IpAddr const broadcast("255.255.255.255");
 
 /// The two ends of a veth pair in one namespace, without addresses: the kernel keeps silent there.
 class PacketSocketTest : public testing::Test {
@@ -47,17 +31,13 @@ class PacketSocketTest : public testing::Test {
         net->nearAwaitUp("tx0"); // until then, it drops all packets
         net->nearAwaitUp("rx0");
         space = namespaceOpen(net->nearName());
-        tx = std::make_unique<PacketSocket>(indexOf("tx0"), space.get());
-        rx = std::make_unique<PacketSocket>(indexOf("rx0"), space.get());
+        tx = std::make_unique<PacketSocket>(net->nearIndex("tx0"), space.get());
+        rx = std::make_unique<PacketSocket>(net->nearIndex("rx0"), space.get());
     }
 
-    int indexOf(char const* name) const {
-        NamespaceScope const scope(space.get());
-        return int(if_nametoindex(name));
-    }
     /// What arrives until there are `count` packets.
-    std::vector<Octets> arrivals(PacketSocket& socket, std::size_t count) const {
-        std::vector<Octets> packets;
+    static Packets arrivals(PacketSocket& socket, std::size_t count) {
+        Packets packets;
         Testing::waitUntil([&] {
             socket.receive(
                 [&](auto octets) { packets.emplace_back(octets.begin(), octets.end()); });
@@ -65,7 +45,7 @@ class PacketSocketTest : public testing::Test {
         });
         return packets;
     }
-    void doSend(Octets const& packet) {
+    void doSend(Bytes const& packet) {
         tx->enqueue(packet);
         ASSERT_EQ(tx->flush(now), 0);
     }
@@ -74,21 +54,6 @@ class PacketSocketTest : public testing::Test {
         Testing::Netns::Inside const inside(net->nearName());
         return std::system(("tc qdisc " + arguments).c_str()) == 0;
     }
-    /// Writes a frame to tx0, for what a PacketSocket would not send.
-    void doSendFrame(std::array<std::uint8_t, 6> const& mac, Octets const& packet) const {
-        NamespaceScope const scope(space.get());
-        FileDescriptor const raw(socket(AF_PACKET, SOCK_DGRAM, 0));
-        sockaddr_ll address{};
-        address.sll_family = AF_PACKET;
-        address.sll_protocol = htons(ETH_P_IP);
-        address.sll_ifindex = indexOf("tx0");
-        address.sll_halen = 6;
-        std::copy(mac.begin(), mac.end(), address.sll_addr);
-        ASSERT_EQ(sendto(raw.get(), packet.data(), packet.size(), 0,
-                         reinterpret_cast<sockaddr*>(&address), sizeof address),
-                  ssize_t(packet.size()));
-    }
-
     std::unique_ptr<Testing::Netns> net;
     FileDescriptor space;
     double now = 1000;
@@ -97,33 +62,30 @@ class PacketSocketTest : public testing::Test {
 };
 
 TEST_F(PacketSocketTest, PacketsArriveWholeUnderTheirGroupsLinkAddress) {
-    FileDescriptor wire;
-    {
-        NamespaceScope const scope(space.get());
-        wire = FileDescriptor(socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, htons(ETH_P_IP)));
-    }
-    Octets const packet = packetTo(0xEF8A0102, 1500);
+    Testing::Netns::Inside const inside(net->nearName());
+    FileDescriptor const wire(socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, htons(ETH_P_IP)));
+    Bytes const packet = packetTo(Lox::IpAddr("239.138.1.2"), 1500);
     doSend(packet);
-    EXPECT_EQ(arrivals(*rx, 1), std::vector<Octets>{packet});
-    Octets frame(2000);
+    EXPECT_EQ(arrivals(*rx, 1), Packets{packet});
+    Bytes frame(2000);
     ASSERT_GT(recv(wire.get(), frame.data(), frame.size(), 0), 14);
     frame.resize(6);
-    EXPECT_EQ(frame, (Octets{0x01, 0x00, 0x5e, 0x0a, 0x01, 0x02}));
+    EXPECT_EQ(frame, (Bytes{0x01, 0x00, 0x5e, 0x0a, 0x01, 0x02}));
     EXPECT_EQ(arrivals(*tx, 0).size(), 0u) << "own packets do not come back";
     EXPECT_NE(net->nearIp("-d link show rx0").find("allmulti 1"), std::string::npos);
 }
 
 TEST_F(PacketSocketTest, OnlyIgmpForThisHostOrGroupsPasses) {
     doSend(packetTo(v3Reports, 40, 1, IPPROTO_UDP));
-    doSendFrame({2, 2, 2, 2, 2, 2}, packetTo(v3Reports, 40, 2));
-    doSendFrame({0xff, 0xff, 0xff, 0xff, 0xff, 0xff}, packetTo(0xFFFFFFFF, 40, 3));
-    doSendFrame({0x01, 0x00, 0x5e, 0, 0, 1}, Octets(9, 2));
+    Testing::Wire const raw(net->nearName(), "tx0"); // for what a PacketSocket would not send
+    raw.send(packetTo(v3Reports, 40, 2), {2, 2, 2, 2, 2, 2});
+    raw.send(packetTo(broadcast, 40, 3));
+    raw.send(Bytes(9, 2), {0x01, 0x00, 0x5e, 0, 0, 1});
     for (char const* const end : {"tx0", "rx0"})
         net->nearIp("link set " + std::string(end) + " mtu 12000");
     doSend(packetTo(v3Reports, 11900, 5)); // not cut short, but lost
     doSend(packetTo(v3Reports, 40, 4));
-    EXPECT_EQ(arrivals(*rx, 2),
-              (std::vector<Octets>{packetTo(0xFFFFFFFF, 40, 3), packetTo(v3Reports, 40, 4)}));
+    EXPECT_EQ(arrivals(*rx, 2), (Packets{packetTo(broadcast, 40, 3), packetTo(v3Reports, 40, 4)}));
 }
 
 TEST_F(PacketSocketTest, OnePacketBeyondTheMtuDoesNotHoldUpTheOthers) {
@@ -131,8 +93,7 @@ TEST_F(PacketSocketTest, OnePacketBeyondTheMtuDoesNotHoldUpTheOthers) {
     tx->enqueue(packetTo(v3Reports, 1501, 2));
     tx->enqueue(packetTo(v3Reports, 40, 3));
     EXPECT_EQ(tx->flush(now), 0);
-    EXPECT_EQ(arrivals(*rx, 2),
-              (std::vector<Octets>{packetTo(v3Reports, 40, 1), packetTo(v3Reports, 40, 3)}));
+    EXPECT_EQ(arrivals(*rx, 2), (Packets{packetTo(v3Reports, 40, 1), packetTo(v3Reports, 40, 3)}));
     EXPECT_EQ(tx->dropped(), 1u);
     EXPECT_EQ(tx->dropError(), EMSGSIZE);
 }

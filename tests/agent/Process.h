@@ -1,5 +1,4 @@
-// The program ihproxyd as an operator runs it: its configuration file, its signals, its output. It
-// works in a directory of its own, and goes away with the object.
+// A program as an operator runs it: its signals, its output, what it has open.
 #pragma once
 
 #include "netns/Netns.h"
@@ -29,10 +28,25 @@ using Support::Folder;
 /// object or with the test's own process, whichever ends first.
 class Process {
   public:
+    /// Without `missing` it has all capabilities that the test has.
     Process(Folder const& folder, std::string const& namespaceName,
-            std::vector<std::string> command)
+            std::vector<std::string> command, std::optional<int> missing = {})
         : folder_(folder) {
-        doStart(namespaceName, std::move(command));
+        std::vector<char*> argv;
+        for (std::string& word : command) argv.push_back(word.data());
+        argv.push_back(nullptr);
+        std::string const output = folder.file("output");
+        Netns::Inside const inside(namespaceName);
+        pid_ = fork();
+        if (pid_ < 0) throw std::system_error(errno, std::generic_category(), "fork");
+        if (pid_ > 0) return;
+        if (missing) prctl(PR_CAPBSET_DROP, *missing);
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        int const file = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        dup2(file, STDOUT_FILENO);
+        dup2(file, STDERR_FILENO);
+        execvp(argv[0], argv.data());
+        _exit(127);
     }
     ~Process() {
         if (pid_ > 0) {
@@ -87,51 +101,9 @@ class Process {
         return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     }
 
-  protected:
-    explicit Process(Folder const& folder) : folder_(folder) {}
-    /// Without `missing` it has all capabilities that the test has.
-    void doStart(std::string const& namespaceName, std::vector<std::string> command,
-                 std::optional<int> missing = {}) {
-        std::vector<char*> argv;
-        argv.reserve(command.size() + 1);
-        for (std::string& word : command) argv.push_back(word.data());
-        argv.push_back(nullptr);
-        Netns::Inside const inside(namespaceName);
-        pid_ = fork();
-        if (pid_ == 0 && missing) prctl(PR_CAPBSET_DROP, *missing);
-        if (pid_ == 0) doExec(argv, folder_.file("output"));
-        if (pid_ < 0) throw std::system_error(errno, std::generic_category(), "fork");
-    }
-
   private:
-    [[noreturn]] static void doExec(std::vector<char*> const& argv, std::string const& output) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        int const file = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        dup2(file, STDOUT_FILENO);
-        dup2(file, STDERR_FILENO);
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
-
     Folder const& folder_;
     pid_t pid_ = -1;
-};
-
-class AgentProcess : public Process {
-  public:
-    AgentProcess(Folder const& folder, std::string const& namespaceName,
-                 std::vector<std::string> arguments, std::optional<int> missing = {})
-        : Process(folder) {
-        arguments.insert(arguments.begin(), IHPROXYD);
-        if (std::find(arguments.begin(), arguments.end(), "--config") != arguments.end())
-            arguments.insert(arguments.end(), {"--control", control()});
-        doStart(namespaceName, std::move(arguments), missing);
-    }
-    /// Where its control socket is.
-    std::string control() const { return controlFolder_.file("socket"); }
-
-  private:
-    Folder controlFolder_; // the other one may belong to another user
 };
 
 } // namespace Testing
