@@ -1,15 +1,19 @@
+// What the files of a configuration come to, and what the operator is told of faulty ones.
 #include "agent/config/Configuration.h"
 
+#include "agent/ConfigurationText.h"
 #include "support/Folder.h"
 
+#include <algorithm>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace Agent {
 namespace {
 
 using Lox::IpAddr;
+using Testing::rule;
 using Lines = std::vector<std::string>;
 
 Lines diagnosticLines(ConfigurationReading const& reading) {
@@ -18,8 +22,6 @@ Lines diagnosticLines(ConfigurationReading const& reading) {
     return lines;
 }
 
-std::string groupText(std::string const& body) { return "[interface.up0.group]\n" + body; }
-
 std::string repeated(std::string const& part, int times, std::string before = "") {
     for (int i = 0; i < times; ++i) before += part;
     return before;
@@ -27,9 +29,9 @@ std::string repeated(std::string const& part, int times, std::string before = ""
 
 TEST(ConfigurationTest, TheLongestPrefixDecidesOverAGroup) {
     ConfigurationReading const reading =
-        configurationParse(groupText("\"239.255.255.0/24\" = {}\n"
-                                     "\"239.255.255.128/25\" = { include = [\"10.0.0.1\"] }\n"
-                                     "\"239.255.255.255\" = { include = [\"10.0.0.2\"] }\n"),
+        configurationParse("[interface.up0.group]\n\"239.255.255.0/24\" = {}\n"
+                           "\"239.255.255.128/25\" = { include = [\"10.0.0.1\"] }\n"
+                           "\"239.255.255.255\" = { include = [\"10.0.0.2\"] }\n",
                            "f");
     EXPECT_TRUE(reading.valid());
     auto const& groups = reading.configuration.interfaces.at("up0").groups;
@@ -44,6 +46,69 @@ TEST(ConfigurationTest, TheLongestPrefixDecidesOverAGroup) {
         EXPECT_EQ(wanted.entry.line.number, 2 + entry);
         ++number;
     }
+}
+
+TEST(ConfigurationTest, RulesAboutAGroupAreFoundInTheirOrder) {
+    auto const reading = configurationParse(
+        rule("a", 4294967295, "any", "any", "deny") + rule("a", 10, "239.1.1.0/30") +
+            rule("a", 0, "239.1.1.1") + rule("a", 20, "239.0.0.1/255.0.0.255") +
+            rule("a", 15, "239.1.1.1", "any", "deny") + rule("a", 16, "239.1.1.2"),
+        "f");
+    AccessListConfiguration const& list = reading.configuration.accessLists.at("a");
+    auto const about = [&](char const* group) {
+        std::vector<std::uint32_t> rules;
+        for (auto const* at = list.ruleAbout(IpAddr(group)); at;
+             at = list.ruleAbout(IpAddr(group), at->first))
+            rules.push_back(at->first);
+        return rules;
+    };
+    EXPECT_EQ(about("239.1.1.1"), (std::vector<std::uint32_t>{0, 10, 15, 20, 4294967295}));
+    EXPECT_EQ(about("239.1.1.2"), (std::vector<std::uint32_t>{10, 16, 4294967295}));
+    EXPECT_EQ(about("239.1.1.4"), std::vector<std::uint32_t>{4294967295});
+    EXPECT_EQ(list.groups(), 4u + 2u + 65536u) << "a range twice counts once";
+}
+
+/// Behind each faulty line of the files in IHP_FAULTS stands all that is said of it, as comments
+/// "#! COLUMN LEVEL: TEXT". Infos are said behind all else.
+TEST(ConfigurationTest, EachFaultyLineIsReportedAtItsPlace) {
+    for (auto const& entry : std::filesystem::directory_iterator(IHP_FAULTS)) {
+        std::ifstream file(entry.path());
+        std::string text;
+        Lines expected;
+        int number = 0;
+        for (std::string line; std::getline(file, line); text += line + "\n") {
+            ++number;
+            for (auto at = line.find("#! "); at != line.npos;) {
+                auto const end = line.find(" #! ", at), space = line.find(' ', at + 3);
+                expected.push_back("f:" + std::to_string(number) + ":" +
+                                   line.substr(at + 3, space - at - 3) + ": " +
+                                   line.substr(space + 1, end - space - 1));
+                at = end == line.npos ? end : end + 1;
+            }
+        }
+        auto const is = [](char const* level) {
+            return [level](std::string const& line) { return line.find(level) != line.npos; };
+        };
+        std::ranges::stable_partition(expected, std::not_fn(is(": info: ")));
+        ConfigurationReading const reading = configurationParse(text, "f");
+        EXPECT_EQ(diagnosticLines(reading), expected) << entry.path();
+        EXPECT_EQ(reading.valid(), std::ranges::none_of(expected, is(": error: ")));
+    }
+}
+
+TEST(ConfigurationTest, OfOneKindTheFirstAreShownAndTheRestCounted) {
+    std::string text = "[interface.up0.group]\n";
+    for (int i = 0; i < 30; ++i)
+        text += "'239.1.1." + std::to_string(i) + "' = { exclude = ['10.0.0." +
+                std::to_string(i + 1) + "'] }\n";
+    Lines const lines =
+        diagnosticLines(configurationParse(text + "'232.1.1.1' = {}\nlater = {}\n", "f"));
+    ASSERT_EQ(lines.size(), 22u);
+    std::string const words = " excludes sources: some routers ignore exclude lists (RFC 5790)";
+    EXPECT_EQ(lines[18], "f:20:1: warning: \"239.1.1.18\"" + words);
+    EXPECT_EQ(lines[19], "f:21:1: warning: \"239.1.1.19\"" + words + " (and 10 more like this)");
+    EXPECT_NE(lines[20].find("RFC 4604"), std::string::npos) << "the only one of its kind";
+    EXPECT_NE(lines[21].find("error: \"later\""), std::string::npos);
 }
 
 TEST(ConfigurationTest, HostileTextIsASyntaxErrorWithAPlace) {
