@@ -93,6 +93,9 @@ class ControlTest : public LoopFixture {
 std::string asked(std::string const& method, std::string const& params = "{}") {
     return R"({"jsonrpc":"2.0","id":1,"method":")" + method + R"(","params":)" + params + "}\n";
 }
+std::string answered(std::string const& result) {
+    return R"({"jsonrpc": "2.0","id": 1,"result": )" + result + "}\n";
+}
 std::string failed(std::string const& id, int code, std::string const& text) {
     return R"({"jsonrpc": "2.0","id": )" + id + R"(,"error": {"code": )" + std::to_string(code) +
            R"(,"message": ")" + text + "\"}}\n";
@@ -102,8 +105,7 @@ TEST_F(ControlTest, EachLineHasItsAnswerInTurn) {
     ControlServer const server(loop, path, methods);
     std::string const deep = std::string(20, '[') + std::string(20, ']') + '\n';
     std::vector<std::pair<std::string, std::string>> const lines{
-        {asked("echo", R"({"a":1,"b":"x"})"),
-         "{\"jsonrpc\": \"2.0\",\"id\": 1,\"result\": {\"a\": 1,\"b\": \"x\"}}\n"},
+        {asked("echo", R"({"a":1,"b":"x"})"), answered(R"({"a": 1,"b": "x"})")},
         {asked("echo", R"({"a":-1})"), failed("1", -32602, "a is to be a whole number")},
         {asked("echo", R"({"c":1})"), failed("1", -32602, "unknown parameter c, expected a, b")},
         {asked("needy"), failed("1", -32602, "the parameter a is missing")},
@@ -149,7 +151,7 @@ TEST_F(ControlTest, EachLineHasItsAnswerInTurn) {
     shutdown(one.get(), SHUT_WR);
     ASSERT_TRUE(serveUntil([&] { return later.has_value(); }));
     later->result({{"late", true}});
-    EXPECT_TRUE(brings(one, "{\"jsonrpc\": \"2.0\",\"id\": 1,\"result\": {\"late\": true}}\n"));
+    EXPECT_TRUE(brings(one, answered(R"({"late": true})")));
     EXPECT_TRUE(ends(one));
     later->result({{"late", true}}); // nobody is there
     later.reset();
@@ -184,7 +186,7 @@ TEST_F(ControlTest, NobodyCostsMoreThanABoundedAmount) {
     EXPECT_TRUE(brings(endless, failed("null", -32600, "the line is too long")));
     EXPECT_TRUE(ends(endless));
     // Silent ones make room, the first to fall silent first.
-    std::string const echoed = "{\"jsonrpc\": \"2.0\",\"id\": 1,\"result\": {}}\n";
+    std::string const echoed = answered("{}");
     std::vector<FileDescriptor> silent;
     for (std::size_t i = 0; i < ControlServer::mostSessions + 10; ++i) {
         silent.push_back(connected());
@@ -200,7 +202,7 @@ TEST_F(ControlTest, AnotherUserIsKnownByTheConnectionAndMayChangeNothing) {
     ControlServer const server(loop, path, methods);
     FileDescriptor const user = connected();
     send(user, asked("change"));
-    EXPECT_TRUE(brings(user, "{\"jsonrpc\": \"2.0\",\"id\": 1,\"result\": {\"changed\": true}}\n"));
+    EXPECT_TRUE(brings(user, answered(R"({"changed": true})")));
     std::filesystem::permissions(std::filesystem::path(path).parent_path(),
                                  std::filesystem::perms(0755));
     std::filesystem::permissions(path, std::filesystem::perms(0666));
@@ -210,7 +212,7 @@ TEST_F(ControlTest, AnotherUserIsKnownByTheConnectionAndMayChangeNothing) {
     ASSERT_EQ(seteuid(own), 0);
     send(nobody, asked("echo") + asked("change"));
     EXPECT_TRUE(brings(
-        nobody, "{\"jsonrpc\": \"2.0\",\"id\": 1,\"result\": {}}\n" +
+        nobody, answered("{}") +
                     failed("1", -32001, "only root and the user of the agent may ask for that")));
 }
 

@@ -1,22 +1,13 @@
-#include "agent/loop/EventLoop.h"
-
+#include "agent/loop/LoopFixture.h"
 #include "agent/loop/MemoryReserve.h"
 
 #include <barrier>
 #include <cmath>
 #include <csignal>
-#include <gtest/gtest.h>
-#include <memory>
-#include <new>
 #include <pthread.h>
-#include <stdexcept>
-#include <string>
 #include <sys/epoll.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
-#include <vector>
 
 namespace Agent {
 namespace {
@@ -26,7 +17,7 @@ class ReadyPipe {
   public:
     ReadyPipe() {
         int ends[2];
-        if (pipe(ends) != 0) throw std::runtime_error("pipe");
+        EXPECT_EQ(pipe(ends), 0);
         in_ = FileDescriptor(ends[0]);
         out_ = FileDescriptor(ends[1]);
         EXPECT_EQ(write(out_.get(), "x", 1), 1);
@@ -38,24 +29,13 @@ class ReadyPipe {
     FileDescriptor out_;
 };
 
-class EventLoopTest : public testing::Test {
+class EventLoopTest : public LoopFixture {
   protected:
-    /// Runs `turns` turns; needs something that keeps each from waiting.
     void doTurns(int turns) {
-        turnsLeft_ = turns;
-        loop.run();
-    }
-    void SetUp() override {
-        loop.atEndOfTurn([this] {
-            if (--turnsLeft_ == 0) loop.stop(0);
-        });
+        serveUntil([turns]() mutable { return --turns <= 0; });
     }
 
-    EventLoop loop;
     std::string calls;
-
-  private:
-    int turnsLeft_ = 0;
 };
 
 TEST_F(EventLoopTest, HandlerMayRemoveOrReplaceItself) {
@@ -214,6 +194,25 @@ TEST_F(EventLoopTest, StandardDescriptorsThatAreClosedAreTaken) {
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
+}
+
+using AlarmTest = LoopFixture;
+
+TEST_F(AlarmTest, AlarmPutOffByItsNeighbourInTheSameTurnRingsLater) {
+    std::vector<double> rings;
+    auto const ring = [&](Alarm& other) {
+        rings.push_back(EventLoop::now());
+        if (rings.size() == 1) other.arm(0.02);
+    };
+    Alarm* a = nullptr;
+    Alarm b(loop, [&] { ring(*a); });
+    Alarm first(loop, [&] { ring(b); });
+    a = &first;
+    first.arm(0);
+    b.arm(0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(2)); // both are due
+    EXPECT_TRUE(serveUntil([&] { return rings.size() == 2; }));
+    EXPECT_GE(rings.back() - rings.front(), 0.02);
 }
 
 TEST(MemoryReserveTest, IsGivenUpOnceAndPutByAtTheEndOfTheTurn) {
