@@ -5,10 +5,7 @@
 #include "agent/Process.h"
 #include "agent/Wire.h"
 #include "agent/files/StateFile.h"
-#include "netns/Netns.h"
 
-#include <gtest/gtest.h>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
 
@@ -31,8 +28,9 @@ class AgentTest : public testing::Test {
   protected:
     void SetUp() override {
         IHP_SKIP_WITHOUT_NETNS();
-        net = network();
-        wire = std::make_unique<Wire>(net->farName(), "down0");
+        net.emplace();
+        hasten(*net);
+        wire.emplace(net->farName(), "down0");
     }
 
     std::string control() const { return controlFolder.file("socket"); }
@@ -76,7 +74,6 @@ class AgentTest : public testing::Test {
         ASSERT_TRUE(keeps(groups));
         agent->signal(SIGKILL);
         ASSERT_EQ(agent->exitStatus(), -SIGKILL);
-        folder.write("output", "");
     }
     /// Has the agent read this configuration, which may be empty, and waits until it has.
     void reload(std::string const& configuration) {
@@ -108,18 +105,16 @@ class AgentTest : public testing::Test {
                << ", the agent says:\n"
                << agent->output();
     }
-    /// One whose bridge believes a leave soon, and does not wait long for answers (hundredths).
-    static std::unique_ptr<Netns> network() {
-        auto made = std::make_unique<Netns>();
-        made->farIp("link set br0 type bridge mcast_last_member_interval 10 "
-                    "mcast_query_response_interval 20");
-        return made;
+    /// Lets a bridge believe a leave soon, and not wait long for answers (hundredths).
+    static void hasten(Netns const& network) {
+        network.farIp("link set br0 type bridge mcast_last_member_interval 10 "
+                      "mcast_query_response_interval 20");
     }
 
     Folder folder;
     Folder controlFolder; // the other one may belong to another user
-    std::unique_ptr<Netns> net;
-    std::unique_ptr<Wire> wire;
+    std::optional<Netns> net;
+    std::optional<Wire> wire;
     std::optional<Process> agent;
     int reloads = 0;
 };

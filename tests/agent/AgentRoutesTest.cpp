@@ -135,19 +135,20 @@ Lines const hereLearned{"down0 239.1.1.1 include 10.0.0.1", "down0 239.1.1.2 inc
 Lines const thereLearned{"down0 239.1.1.1 include 10.0.0.2", "down0 239.1.1.2 include 10.0.0.4"};
 
 TEST_F(AgentRoutesTest, VrfsOfTheSameAddressesAndGroupsComeAndGoAndHealAndDoNotMix) {
-    auto const red = network(); // its up1 has the address of the other one's up0
+    Netns const red; // its up1 has the address of the other one's up0
+    hasten(red);
     std::optional<Agent::MulticastRouter> redNear;
     auto const setUpRed = [&] {
-        red->nearIp("link set up0 down name up1");
-        red->nearIp("link set up1 up");
-        redNear = route(*red, "up1");
+        red.nearIp("link set up0 down name up1");
+        red.nearIp("link set up1 up");
+        redNear = route(red, "up1");
         redNear->addRoute(ip("10.0.0.4"), ip("239.1.1.2"));
     };
     auto const inRed = [&](std::string const& groups) {
-        return inVrf("red", groupsOn("up1", groups)) + "[vrf.red]\nnamespace = '" +
-               red->nearName() + "'\n";
+        return inVrf("red", groupsOn("up1", groups)) + "[vrf.red]\nnamespace = '" + red.nearName() +
+               "'\n";
     };
-    auto const redLearned = [&](Lines const& table) { return learned(table, *red); };
+    auto const redLearned = [&](Lines const& table) { return learned(table, red); };
     setUpRed();
     near->addRoute(ip("10.0.0.3"), ip("239.1.1.2"));
     // Else the agent would give up what enters namespaces.
@@ -161,13 +162,13 @@ TEST_F(AgentRoutesTest, VrfsOfTheSameAddressesAndGroupsComeAndGoAndHealAndDoNotM
     EXPECT_TRUE(redLearned(thereLearned));
     for (int i = 0; i < 2; ++i) {
         redNear.reset();
-        red->removeNear();
+        red.removeNear();
         // Its end of the link is gone when the agent holds nothing of it any more.
         EXPECT_TRUE(waitUntil([&] {
-            return red->farIp("-brief link show").find("down0") == std::string::npos;
+            return red.farIp("-brief link show").find("down0") == std::string::npos;
         })) << agent->output();
         EXPECT_TRUE(redLearned({}));
-        red->addNear();
+        red.addNear();
         setUpRed();
         EXPECT_TRUE(redLearned(thereLearned));
     }

@@ -4,21 +4,13 @@
 #include "netns/Netns.h"
 #include "support/Folder.h"
 
-#include <algorithm>
-#include <cerrno>
 #include <csignal>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
 #include <optional>
-#include <sstream>
-#include <string>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
-#include <system_error>
 #include <unistd.h>
-#include <vector>
 
 namespace Testing {
 

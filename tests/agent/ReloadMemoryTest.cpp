@@ -3,13 +3,10 @@
 #include "agent/Daemon.h"
 #include "agent/Wire.h"
 #include "agent/records/Announced.h"
-#include "netns/Netns.h"
 #include "support/Folder.h"
 #include "support/RefusedMemory.h"
 
-#include <algorithm>
 #include <csignal>
-#include <gtest/gtest.h>
 
 namespace Agent {
 namespace {

@@ -51,14 +51,16 @@ class Wire {
     /// Those answers since the last forget(), sorted, each once, a moment later.
     Lines answers() {
         doSettle();
-        return answersSoFar();
+        doReceive();
+        return {answers_.begin(), answers_.end()};
     }
     /// The same, when they are no fewer than expected, to a query that is sent over and over: it
     /// may get lost where the near end has no time to listen.
     Lines answersTo(Agent::Bytes const& query, std::size_t count) {
         waitUntil([&] {
             send(query);
-            return answersSoFar().size() >= count;
+            doReceive();
+            return answers_.size() >= count;
         });
         return answers();
     }
@@ -108,10 +110,6 @@ class Wire {
 
   private:
     static void doSettle() { std::this_thread::sleep_for(std::chrono::milliseconds(300)); }
-    Lines answersSoFar() {
-        doReceive();
-        return {answers_.begin(), answers_.end()};
-    }
     void doReceive() {
         Agent::Bytes packet(65536);
         for (;;) {

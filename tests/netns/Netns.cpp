@@ -113,12 +113,6 @@ void Netns::addPair(std::string const& namespaceName, std::string const& first,
     for (auto const& each : {first, second}) run(ip + " link set " + each + " up");
 }
 
-void Netns::setCarrier(bool present) const {
-    farIp(present ? "link set down0 up" : "link set down0 down");
-}
-
-void Netns::unplugUpstream() const { nearIp("link del up0"); }
-
 void Netns::plugInUpstream() const {
     farIp("link add down0 type veth peer name up0 netns " + near_.name);
     farIp("link set down0 master br0 up");
@@ -151,6 +145,10 @@ std::vector<std::string> Netns::bridgeTable() const {
     }
     std::sort(table.begin(), table.end());
     return table;
+}
+
+bool Netns::nearQdisc(std::string const& arguments) const {
+    return shell("tc -n " + near_.name + " qdisc " + arguments).status == 0;
 }
 
 int Netns::nearIndex(char const* interface) const {

@@ -41,15 +41,14 @@ class Netns {
     static void addPair(std::string const& namespaceName, std::string const& first,
                         std::string const& second, std::string const& address = "");
 
+    /// Shapes what leaves an interface of the near namespace: whether the kernel does as
+    /// `tc qdisc ARGUMENTS` says.
+    bool nearQdisc(std::string const& arguments) const;
     /// The number of an interface of the near namespace.
     int nearIndex(char const* interface) const;
 
-    /// Lets up0 lose or regain its carrier, as if the cable were pulled: the far end goes down.
-    void setCarrier(bool present) const;
-    /// Removes up0 and its far end.
-    void unplugUpstream() const;
-    /// Makes both again after unplugUpstream, with the same address and a new interface index. They
-    /// carry packets when it returns.
+    /// Makes up0 and its far end again where they have gone, with the same address and a new
+    /// interface index. They carry packets when it returns.
     void plugInUpstream() const;
     /// Waits until an interface of the near namespace has been found to have a carrier: the kernel
     /// notices some time after the command that brings it up.

@@ -5,7 +5,6 @@
 #include "support/Folder.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -140,7 +139,6 @@ TEST(ConfigurationTest, HostileTextIsASyntaxErrorWithAPlace) {
 /// A folder of configuration files, of which "main" is read.
 class ConfigurationFilesTest : public testing::Test {
   protected:
-    void write(std::string const& name, std::string const& text) { files.write(name, text); }
     ConfigurationReading read() const { return configurationRead(files.file("main")); }
     /// What is said of it, without the folder's name.
     Lines said() const {
@@ -156,12 +154,13 @@ class ConfigurationFilesTest : public testing::Test {
 };
 
 TEST_F(ConfigurationFilesTest, IncludedFilesAreReadAsPartsOfOne) {
-    write("main", "include = ['d*/*.toml', 'b*.toml', 'none*']\n[interface.up0]\nvrf = 'red'\n"
-                  "[interface.'up[01]'.group]\n");
-    write("b", "not TOML, and not read");
-    write("b[x].toml", "[interface.'?p0']\n");
-    write("d/2.toml", "[interface.'*']\n[vrf.red]\n");
-    write("d/1.toml", "[interface.up1]\n\n[interface.up1.group]\n'239.1.1.0/31' = {}\n");
+    files.write("main",
+                "include = ['d*/*.toml', 'b*.toml', 'none*']\n[interface.up0]\nvrf = 'red'\n"
+                "[interface.'up[01]'.group]\n");
+    files.write("b", "not TOML, and not read");
+    files.write("b[x].toml", "[interface.'?p0']\n");
+    files.write("d/2.toml", "[interface.'*']\n[vrf.red]\n");
+    files.write("d/1.toml", "[interface.up1]\n\n[interface.up1.group]\n'239.1.1.0/31' = {}\n");
     ConfigurationReading const reading = read();
     EXPECT_EQ(said(), Lines{"d/1.toml:4:1: info: selects 2 groups"});
     Configuration const& all = reading.configuration;
@@ -178,9 +177,10 @@ TEST_F(ConfigurationFilesTest, IncludedFilesAreReadAsPartsOfOne) {
 }
 
 TEST_F(ConfigurationFilesTest, WhatIsWrongWithAnIncludedFileIsSaidAtItsPlace) {
-    write("main", "include = ['a', 'b']\n[forwarding-table]\n[interface.up0]\n");
-    write("a", "[forwarding-table]\n[interface.up0]\nigmp-version = 9\n[interface.z]\nx = 1\n");
-    write("b", "include = ['a']\n[interface.z]\n");
+    files.write("main", "include = ['a', 'b']\n[forwarding-table]\n[interface.up0]\n");
+    files.write("a",
+                "[forwarding-table]\n[interface.up0]\nigmp-version = 9\n[interface.z]\nx = 1\n");
+    files.write("b", "include = ['a']\n[interface.z]\n");
     EXPECT_EQ(
         said(),
         (Lines{"a:1:2: error: \"forwarding-table\" found, expected it in one file only: it is "
@@ -194,10 +194,10 @@ TEST_F(ConfigurationFilesTest, WhatIsWrongWithAnIncludedFileIsSaidAtItsPlace) {
                "only",
                "b:2:12: error: \"z\" found, expected it in one file only: it is in "
                "\"a:4:12\", too"}));
-    write("main", "include = ['a', 'missing', '*', '/proc/self/status']\n");
+    files.write("main", "include = ['a', 'missing', '*', '/proc/self/status']\n");
     EXPECT_EQ(said(), Lines{"main: error: cannot be read: it keeps changing"});
-    write("main", "include = ['a', 'missing', '*', '.']\n");
-    write("b", "x =\n");
+    files.write("main", "include = ['a', 'missing', '*', '.']\n");
+    files.write("b", "x =\n");
     EXPECT_EQ(
         said(),
         (Lines{"main:1:17: error: \"missing\" cannot be read: No such file or directory",
@@ -211,7 +211,7 @@ TEST_F(ConfigurationFilesTest, FilesThatCannotBeReadAreReportedByName) {
     std::string const file = files.file("main");
     EXPECT_EQ(diagnosticLines(configurationRead(file)),
               Lines{file + ": error: cannot be read: No such file or directory"});
-    write("main", repeated("...", 100, "# no nesting: ") + "\n[interface.up0]\n");
+    files.write("main", repeated("...", 100, "# no nesting: ") + "\n[interface.up0]\n");
     EXPECT_TRUE(read().valid());
     EXPECT_EQ(read().configuration.interfaces.at("up0"), InterfaceConfiguration());
     ASSERT_EQ(truncate(file.c_str(), (64 << 20) + 1), 0);

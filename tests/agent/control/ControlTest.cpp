@@ -6,12 +6,8 @@
 #include "agent/loop/LoopFixture.h"
 #include "support/Folder.h"
 
-#include <filesystem>
 #include <fmt/format.h>
-#include <fstream>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace Agent {
 namespace {
@@ -66,17 +62,22 @@ class ControlTest : public LoopFixture {
     static void send(FileDescriptor const& socket, std::string const& text) {
         EXPECT_EQ(write(socket.get(), text.data(), text.size()), ssize_t(text.size()));
     }
-    /// Whether `socket` comes to have brought this and nothing else, behind what `read` holds.
-    bool brings(FileDescriptor const& socket, std::string const& text) {
+    static void sendLine(FileDescriptor const& socket, std::string const& line) {
+        send(socket, line + '\n');
+    }
+    /// What comes by `socket`, once that is no less than `octets`.
+    std::string brought(FileDescriptor const& socket, std::size_t octets) {
         std::string read;
         serveUntil([&] {
-            char octets[4096];
-            ssize_t const count = ::read(socket.get(), octets, sizeof octets);
-            if (count > 0) read.append(octets, std::size_t(count));
-            return read.size() >= text.size();
+            char piece[4096];
+            ssize_t const count = ::read(socket.get(), piece, sizeof piece);
+            if (count > 0) read.append(piece, std::size_t(count));
+            return read.size() >= octets;
         });
-        EXPECT_EQ(read, text);
-        return read == text;
+        return read;
+    }
+    void expect(FileDescriptor const& socket, std::string const& answer) {
+        EXPECT_EQ(brought(socket, answer.size()), answer);
     }
     bool ends(FileDescriptor const& socket) {
         char octet = 0;
@@ -91,7 +92,7 @@ class ControlTest : public LoopFixture {
 };
 
 std::string asked(std::string const& method, std::string const& params = "{}") {
-    return R"({"jsonrpc":"2.0","id":1,"method":")" + method + R"(","params":)" + params + "}\n";
+    return R"({"jsonrpc":"2.0","id":1,"method":")" + method + R"(","params":)" + params + "}";
 }
 std::string answered(std::string const& result) {
     return R"({"jsonrpc": "2.0","id": 1,"result": )" + result + "}\n";
@@ -103,7 +104,7 @@ std::string failed(std::string const& id, int code, std::string const& text) {
 
 TEST_F(ControlTest, EachLineHasItsAnswerInTurn) {
     ControlServer const server(loop, path, methods);
-    std::string const deep = std::string(20, '[') + std::string(20, ']') + '\n';
+    std::string const deep = std::string(20, '[') + std::string(20, ']');
     std::vector<std::pair<std::string, std::string>> const lines{
         {asked("echo", R"({"a":1,"b":"x"})"), answered(R"({"a": 1,"b": "x"})")},
         {asked("echo", R"({"a":-1})"), failed("1", -32602, "a is to be a whole number")},
@@ -114,16 +115,13 @@ TEST_F(ControlTest, EachLineHasItsAnswerInTurn) {
         {asked("nonsense"), failed("1", -32601, "no method nonsense")},
         {asked("echo", "[1]"), failed("1", -32602, "params are to be an object, by name")},
         {deep, failed("null", -32600, "deeper than 8 levels")},
-        {"[]\n", failed("null", -32600, "a batch holds 1 to 100 requests")},
-        {"7\n", failed("null", -32600, "not a request: an object is expected")},
-        {R"({"jsonrpc":"1.0","id":"x","method":"echo"})"
-         "\n",
+        {"[]", failed("null", -32600, "a batch holds 1 to 100 requests")},
+        {"7", failed("null", -32600, "not a request: an object is expected")},
+        {R"({"jsonrpc":"1.0","id":"x","method":"echo"})",
          failed("\"x\"", -32600, "jsonrpc is to be \\\"2.0\\\"")},
-        {R"({"jsonrpc":"2.0","method":"echo"})"
-         "\n\n",
-         ""}, // nobody waits for that
-        {R"([{"jsonrpc":"2.0","id":1,"method":"echo"},{"jsonrpc":"2.0","method":"echo"},5])"
-         "\n",
+        {R"({"jsonrpc":"2.0","method":"echo"})", ""}, // nobody waits for an answer
+        {"", ""},
+        {R"([{"jsonrpc":"2.0","id":1,"method":"echo"},{"jsonrpc":"2.0","method":"echo"},5])",
          "[{\"jsonrpc\": \"2.0\",\"id\": 1,\"result\": {}},{\"jsonrpc\": \"2.0\",\"id\": "
          "null,\"error\": {\"code\": -32600,\"message\": \"not a request: an object is "
          "expected\"}}]\n"},
@@ -132,30 +130,26 @@ TEST_F(ControlTest, EachLineHasItsAnswerInTurn) {
     FileDescriptor const all = connected();
     std::string answers;
     for (auto const& [line, answer] : lines) {
-        send(all, line);
+        SCOPED_TRACE(line);
+        sendLine(all, line);
         answers += answer;
-        send(one, line);
-        EXPECT_TRUE(brings(one, answer)) << line;
+        sendLine(one, line);
+        expect(one, answer);
     }
-    EXPECT_TRUE(brings(all, answers));
-    send(one, "{\n");
+    expect(all, answers);
+    sendLine(one, "{");
     std::string const unreadable = R"({"jsonrpc": "2.0","id": null,"error": {"code": -32700)";
-    char octets[4096];
-    ssize_t count = 0;
-    serveUntil([&] { return (count = read(one.get(), octets, sizeof octets)) > 0; });
-    EXPECT_EQ(std::string(octets, unreadable.size()), unreadable);
+    EXPECT_TRUE(brought(one, unreadable.size()).starts_with(unreadable));
     // A last line without its end counts, and an answer that comes late.
-    std::string last = asked("later");
-    last.pop_back();
-    send(one, last);
+    send(one, asked("later"));
     shutdown(one.get(), SHUT_WR);
     ASSERT_TRUE(serveUntil([&] { return later.has_value(); }));
     later->result({{"late", true}});
-    EXPECT_TRUE(brings(one, answered(R"({"late": true})")));
+    expect(one, answered(R"({"late": true})"));
     EXPECT_TRUE(ends(one));
     later->result({{"late", true}}); // nobody is there
     later.reset();
-    send(connected(), asked("later")); // and goes
+    sendLine(connected(), asked("later")); // and goes
     EXPECT_TRUE(serveUntil([&] { return later.has_value(); }));
 }
 
@@ -163,7 +157,7 @@ TEST_F(ControlTest, NobodyWaitsForAnAnswerThatDoesNotCome) {
     ControlServer const server(loop, path, methods);
     for (char const* const method : {"broken", "forgotten", "later"}) {
         FileDescriptor const client = connected();
-        send(client, asked(method));
+        sendLine(client, asked(method));
         if (method == std::string("later")) {
             ASSERT_TRUE(serveUntil([&] { return later.has_value(); }));
             later.reset();
@@ -175,7 +169,7 @@ TEST_F(ControlTest, NobodyWaitsForAnAnswerThatDoesNotCome) {
 TEST_F(ControlTest, NobodyCostsMoreThanABoundedAmount) {
     ControlServer const server(loop, path, methods);
     FileDescriptor const slow = connected();
-    send(slow, asked("endless"));
+    sendLine(slow, asked("endless"));
     std::size_t before = 1;
     serveUntil([&] { return made > 0 && std::exchange(before, made) == made; });
     EXPECT_LT(made, 10000u); // what sockets hold, and a piece
@@ -183,26 +177,26 @@ TEST_F(ControlTest, NobodyCostsMoreThanABoundedAmount) {
     FileDescriptor const endless = connected();
     std::string const much(ControlSession::mostLineOctets + 1, ' ');
     send(endless, much);
-    EXPECT_TRUE(brings(endless, failed("null", -32600, "the line is too long")));
+    expect(endless, failed("null", -32600, "the line is too long"));
     EXPECT_TRUE(ends(endless));
     // Silent ones make room, the first to fall silent first.
     std::string const echoed = answered("{}");
     std::vector<FileDescriptor> silent;
     for (std::size_t i = 0; i < ControlServer::mostSessions + 10; ++i) {
         silent.push_back(connected());
-        send(silent.back(), asked("echo"));
-        ASSERT_TRUE(brings(silent.back(), echoed)) << i;
+        sendLine(silent.back(), asked("echo"));
+        ASSERT_EQ(brought(silent.back(), echoed.size()), echoed) << i;
     }
     EXPECT_TRUE(ends(silent.front()));
-    send(silent.back(), asked("echo"));
-    EXPECT_TRUE(brings(silent.back(), echoed));
+    sendLine(silent.back(), asked("echo"));
+    expect(silent.back(), echoed);
 }
 
 TEST_F(ControlTest, AnotherUserIsKnownByTheConnectionAndMayChangeNothing) {
     ControlServer const server(loop, path, methods);
     FileDescriptor const user = connected();
-    send(user, asked("change"));
-    EXPECT_TRUE(brings(user, answered(R"({"changed": true})")));
+    sendLine(user, asked("change"));
+    expect(user, answered(R"({"changed": true})"));
     std::filesystem::permissions(std::filesystem::path(path).parent_path(),
                                  std::filesystem::perms(0755));
     std::filesystem::permissions(path, std::filesystem::perms(0666));
@@ -210,10 +204,10 @@ TEST_F(ControlTest, AnotherUserIsKnownByTheConnectionAndMayChangeNothing) {
     if (seteuid(65534) != 0 || own == 65534) GTEST_SKIP() << "may not be another user";
     FileDescriptor const nobody = connected();
     ASSERT_EQ(seteuid(own), 0);
-    send(nobody, asked("echo") + asked("change"));
-    EXPECT_TRUE(brings(
-        nobody, answered("{}") +
-                    failed("1", -32001, "only root and the user of the agent may ask for that")));
+    sendLine(nobody, asked("echo"));
+    sendLine(nobody, asked("change"));
+    expect(nobody, answered("{}") +
+                       failed("1", -32001, "only root and the user of the agent may ask for that"));
 }
 
 TEST_F(ControlTest, ADeadSocketIsReplacedAndALiveOneIsNot) {

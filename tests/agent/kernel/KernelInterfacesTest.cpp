@@ -5,7 +5,6 @@
 #include "support/Folder.h"
 
 #include <algorithm>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <linux/rtnetlink.h>
 #include <map>
@@ -79,10 +78,8 @@ class KernelInterfacesTest : public testing::Test {
 };
 
 TEST_F(KernelInterfacesTest, AnyOrderOfChangesLeadsToWhatTheKernelShows) {
-    {
-        Testing::Netns::Inside const inside(net->nearName());
-        std::ofstream("/proc/sys/net/ipv4/conf/all/promote_secondaries") << 1;
-    }
+    Testing::Netns::Inside const inside(net->nearName());
+    std::ofstream("/proc/sys/net/ipv4/conf/all/promote_secondaries") << 1;
     net->nearIp("link add name aux0 type veth peer name aux1");
     unsigned random = 20240601;
     auto const pick = [&](unsigned count) {

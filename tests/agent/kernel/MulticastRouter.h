@@ -6,10 +6,8 @@
 #include "netns/Netns.h"
 
 #include <cerrno>
-#include <cstdint>
 #include <initializer_list>
 #include <netinet/in.h>
-#include <string>
 #include <sys/socket.h>
 #include <system_error>
 // Last: it brings the kernel's own definitions of what netinet/in.h defines, unless that is known.

@@ -5,9 +5,6 @@
 #include "netns/Netns.h"
 #include "support/Folder.h"
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <net/if.h>
 #include <optional>
 #include <sys/stat.h>
@@ -48,10 +45,7 @@ TEST_F(NamespaceWatchTest, NamespaceThatIsDeletedAndMadeAgainIsAnotherOne) {
     EXPECT_LT(watch->namespaceFd(), 0);
     ip("netns add ");
     EXPECT_TRUE(becomes("+"));
-    {
-        NamespaceScope const inside(watch->namespaceFd());
-        ASSERT_EQ(std::system("ip link add mark0 type veth peer name mark1"), 0);
-    }
+    Testing::Netns::addPair(name, "mark0", "mark1");
     ip("netns del ");
     EXPECT_TRUE(becomes("+-"));
     // Both before the agent looks.

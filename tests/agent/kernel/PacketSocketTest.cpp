@@ -30,7 +30,7 @@ class PacketSocketTest : public testing::Test {
         Testing::Netns::addPair(net->nearName(), "tx0", "rx0");
         net->nearAwaitUp("tx0"); // until then, it drops all packets
         net->nearAwaitUp("rx0");
-        space = namespaceOpen(net->nearName());
+        FileDescriptor const space = namespaceOpen(net->nearName());
         tx = std::make_unique<PacketSocket>(net->nearIndex("tx0"), space.get());
         rx = std::make_unique<PacketSocket>(net->nearIndex("rx0"), space.get());
     }
@@ -49,13 +49,7 @@ class PacketSocketTest : public testing::Test {
         tx->enqueue(packet);
         ASSERT_EQ(tx->flush(now), 0);
     }
-    /// Shapes what leaves tx0; whether the kernel can.
-    bool shape(std::string const& arguments) const {
-        Testing::Netns::Inside const inside(net->nearName());
-        return std::system(("tc qdisc " + arguments).c_str()) == 0;
-    }
     std::unique_ptr<Testing::Netns> net;
-    FileDescriptor space;
     double now = 1000;
     std::unique_ptr<PacketSocket> tx;
     std::unique_ptr<PacketSocket> rx;
@@ -99,7 +93,7 @@ TEST_F(PacketSocketTest, OnePacketBeyondTheMtuDoesNotHoldUpTheOthers) {
 }
 
 TEST_F(PacketSocketTest, FullQueuesKeepThePacketsForLater) {
-    if (!shape("add dev tx0 root tbf rate 8kbit burst 2000 limit 5000"))
+    if (!net->nearQdisc("add dev tx0 root tbf rate 8kbit burst 2000 limit 5000"))
         GTEST_SKIP() << "no traffic shaper (tbf) in this kernel";
     for (int i = 0; i < 40; ++i) tx->enqueue(packetTo(v3Reports, 1500));
     EXPECT_EQ(tx->flush(now), ENOBUFS) << "the interface's queue is full";
@@ -107,17 +101,18 @@ TEST_F(PacketSocketTest, FullQueuesKeepThePacketsForLater) {
 
     int const least = 1;
     ASSERT_EQ(setsockopt(tx->fd(), SOL_SOCKET, SO_SNDBUF, &least, sizeof least), 0);
-    ASSERT_TRUE(shape("replace dev tx0 root tbf rate 8kbit burst 2000 limit 500000"));
+    ASSERT_TRUE(net->nearQdisc("replace dev tx0 root tbf rate 8kbit burst 2000 limit 500000"));
     EXPECT_EQ(tx->flush(now), EAGAIN) << "the socket's buffer is full";
 
-    EXPECT_TRUE(shape("del dev tx0 root"));
+    EXPECT_TRUE(net->nearQdisc("del dev tx0 root"));
     EXPECT_TRUE(Testing::waitUntil([&] { return tx->flush(now) == 0; }));
     EXPECT_EQ(tx->sent(), 40u);
     EXPECT_EQ(tx->dropped(), 0u);
 }
 
 TEST_F(PacketSocketTest, PacketsThatTheInterfaceKeepsRefusingAreGivenUp) {
-    if (!shape("add dev tx0 root bfifo limit 200")) GTEST_SKIP() << "no bfifo in this kernel";
+    if (!net->nearQdisc("add dev tx0 root bfifo limit 200"))
+        GTEST_SKIP() << "no bfifo in this kernel";
     for (std::size_t second : {301u, 40u}) {
         tx->enqueue(packetTo(v3Reports, 300));
         tx->enqueue(packetTo(v3Reports, second));

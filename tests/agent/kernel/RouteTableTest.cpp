@@ -6,9 +6,6 @@
 #include <gtest/gtest.h>
 #include <linux/rtnetlink.h>
 #include <random>
-#include <set>
-#include <string>
-#include <vector>
 
 namespace Agent {
 namespace {
@@ -41,6 +38,10 @@ Message routeMessage(std::uint16_t type, KernelRoute const& route, unsigned flag
     return message.with(RTA_MULTIPATH, hops.size() * sizeof(rtnexthop), hops.data());
 }
 
+std::string nameOf(IpAddr source, IpAddr group) {
+    return "(" + source.stringValue() + ", " + group.stringValue() + ")";
+}
+
 KernelRoute const plain{IpAddr("10.0.0.1"), IpAddr("239.1.1.1"), 7, {8}};
 
 struct Routes {
@@ -65,7 +66,7 @@ struct Routes {
 
     std::set<std::string> announced;
     RouteTable table{[this](IpAddr source, IpAddr group, bool is) {
-        std::string const name = "(" + source.stringValue() + ", " + group.stringValue() + ")";
+        std::string const name = nameOf(source, group);
         told_ += (is ? "+" : "-") + name;
         EXPECT_TRUE(is ? announced.insert(name).second : announced.erase(name) != 0)
             << name << " is told twice";
@@ -153,8 +154,7 @@ class RouteModel : public Routes {
             bool const incoming =
                 filter_.anyIncoming || filter_.proxyInterfaces.count(each.incoming) != 0;
             if (each.incoming != 0 && incoming && (!filter_.requireOutput || !each.outputs.empty()))
-                naive.insert("(" + each.source.stringValue() + ", " + each.group.stringValue() +
-                             ")");
+                naive.insert(nameOf(each.source, each.group));
         }
         EXPECT_EQ(announced, naive);
         EXPECT_EQ(table.routeCount(), kernel_.size());

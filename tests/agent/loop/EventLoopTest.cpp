@@ -6,28 +6,15 @@
 #include <csignal>
 #include <pthread.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/wait.h>
 #include <thread>
 
 namespace Agent {
 namespace {
 
-/// A pipe whose reading end is ready for reading.
-class ReadyPipe {
-  public:
-    ReadyPipe() {
-        int ends[2];
-        EXPECT_EQ(pipe(ends), 0);
-        in_ = FileDescriptor(ends[0]);
-        out_ = FileDescriptor(ends[1]);
-        EXPECT_EQ(write(out_.get(), "x", 1), 1);
-    }
-    int fd() const { return in_.get(); }
-
-  private:
-    FileDescriptor in_;
-    FileDescriptor out_;
-};
+/// A descriptor that is ready for reading.
+FileDescriptor ready() { return FileDescriptor(eventfd(1, 0)); }
 
 class EventLoopTest : public LoopFixture {
   protected:
@@ -39,15 +26,15 @@ class EventLoopTest : public LoopFixture {
 };
 
 TEST_F(EventLoopTest, HandlerMayRemoveOrReplaceItself) {
-    ReadyPipe a, b;
-    loop.watch(a.fd(), EPOLLIN, [&](std::uint32_t) {
+    FileDescriptor const a = ready(), b = ready();
+    loop.watch(a.get(), EPOLLIN, [&](std::uint32_t) {
         std::string const kept = "a"; // the closure must outlive its own removal
-        loop.unwatch(a.fd());
+        loop.unwatch(a.get());
         calls += kept;
     });
-    loop.watch(b.fd(), EPOLLIN, [&](std::uint32_t events) {
+    loop.watch(b.get(), EPOLLIN, [&](std::uint32_t events) {
         EXPECT_EQ(events, std::uint32_t(EPOLLIN));
-        loop.watch(b.fd(), EPOLLIN, [&](std::uint32_t) { calls += 'c'; });
+        loop.watch(b.get(), EPOLLIN, [&](std::uint32_t) { calls += 'c'; });
         calls += 'b';
     });
     doTurns(3);
@@ -55,26 +42,24 @@ TEST_F(EventLoopTest, HandlerMayRemoveOrReplaceItself) {
 }
 
 TEST_F(EventLoopTest, EventOfAClosedDescriptorIsNotTakenForItsSuccessors) {
-    ReadyPipe a, b, quiet;
-    char byte;
-    ASSERT_EQ(read(quiet.fd(), &byte, 1), 1);
+    FileDescriptor const a = ready(), b = ready(), quiet(eventfd(0, 0));
     auto const replace = [&](int other) {
-        loop.unwatch(a.fd());
-        loop.unwatch(b.fd());
-        ASSERT_EQ(dup2(quiet.fd(), other), other); // closes the descriptor and takes its number
+        loop.unwatch(a.get());
+        loop.unwatch(b.get());
+        ASSERT_EQ(dup2(quiet.get(), other), other); // closes the descriptor and takes its number
         loop.watch(other, EPOLLIN, [&](std::uint32_t) { calls += "stale"; });
         calls += 'x';
     };
-    loop.watch(a.fd(), EPOLLIN, [&](std::uint32_t) { replace(b.fd()); });
-    loop.watch(b.fd(), EPOLLIN, [&](std::uint32_t) { replace(a.fd()); });
+    loop.watch(a.get(), EPOLLIN, [&](std::uint32_t) { replace(b.get()); });
+    loop.watch(b.get(), EPOLLIN, [&](std::uint32_t) { replace(a.get()); });
     doTurns(1);
     EXPECT_EQ(calls, "x");
 }
 
 TEST_F(EventLoopTest, ExceptionsAreLoggedAndTheLoopGoesOn) {
-    ReadyPipe a;
+    FileDescriptor const a = ready();
     int turn = 0;
-    loop.watch(a.fd(), EPOLLIN, [&](std::uint32_t) {
+    loop.watch(a.get(), EPOLLIN, [&](std::uint32_t) {
         if (turn++ == 0) throw std::runtime_error("first\nfailure");
         throw 7;
     });
@@ -89,13 +74,13 @@ TEST_F(EventLoopTest, ExceptionsAreLoggedAndTheLoopGoesOn) {
 }
 
 TEST_F(EventLoopTest, ExpiryThatComesNearerIsKept) {
-    ReadyPipe a;
+    FileDescriptor const a = ready();
     double const start = EventLoop::now();
     double expiry = INFINITY;
     loop.onTime([&] { return std::optional(expiry); }, [&](double) { loop.stop(0); });
-    loop.watch(a.fd(), EPOLLIN, [&](std::uint32_t) {
+    loop.watch(a.get(), EPOLLIN, [&](std::uint32_t) {
         expiry = expiry == INFINITY ? start + 1000 : start + 0.02;
-        if (expiry < start + 1) loop.unwatch(a.fd());
+        if (expiry < start + 1) loop.unwatch(a.get());
     });
     loop.run();
     EXPECT_GE(EventLoop::now(), start + 0.02);
@@ -118,13 +103,13 @@ TEST_F(EventLoopTest, SignalSentWithoutEndStarvesNoOther) {
 /// Neither a time that stays due nor a descriptor that stays ready keeps the processor busy.
 TEST_F(EventLoopTest, HandlerThatFailsForeverDoesNotSpin) {
     testing::internal::CaptureStderr();
-    ReadyPipe const pipe;
+    FileDescriptor const steady = ready();
     int calls = 0, exhaustions = 0;
     auto const fail = [&] {
         ++calls;
         throw std::bad_alloc();
     };
-    loop.watch(pipe.fd(), EPOLLIN, [&](std::uint32_t) { fail(); });
+    loop.watch(steady.get(), EPOLLIN, [&](std::uint32_t) { fail(); });
     loop.onTime([] { return 0.0; }, [&](double) { fail(); });
     loop.onExhaustion([&] { ++exhaustions; });
     double const start = EventLoop::now();
@@ -152,9 +137,9 @@ TEST_F(EventLoopTest, WorkThatWaitsHoldsNeitherTheLoopNorOtherWork) {
     for (int i = 0; i < works; ++i)
         loop.offload([all] { all->arrive_and_wait(); }, i == works / 2 ? goes : stays);
     goes = nullptr;
-    ReadyPipe const pipe;
-    loop.watch(pipe.fd(), EPOLLIN, [&](std::uint32_t) {
-        loop.unwatch(pipe.fd());
+    FileDescriptor const steady = ready();
+    loop.watch(steady.get(), EPOLLIN, [&](std::uint32_t) {
+        loop.unwatch(steady.get());
         all->arrive_and_wait();
     });
     loop.run();
@@ -162,9 +147,9 @@ TEST_F(EventLoopTest, WorkThatWaitsHoldsNeitherTheLoopNorOtherWork) {
 }
 
 TEST_F(EventLoopTest, WorkIsDoneWithoutAThreadAndAtTheEnd) {
-    ReadyPipe const pipe;
+    FileDescriptor const steady = ready();
     std::vector<int> fds(100);
-    for (int& fd : fds) fd = dup(pipe.fd());
+    for (int& fd : fds) fd = dup(steady.get());
     {
         EventLoop ending;
         for (int const fd : fds) ending.descriptorClose(FileDescriptor(fd));

@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <csignal>
-#include <cstdlib>
 #include <gtest/gtest.h>
-#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
