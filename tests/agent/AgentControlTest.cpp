@@ -30,7 +30,7 @@ class AgentControlTest : public AgentTest {
 };
 
 TEST_F(AgentControlTest, SaysWhatIsAnnouncedAndWhatIsNot) {
-    start(groupsOn("up0", "\"239.1.1.1\" = {}\n\"239.1.1.2\" = { include = [\"10.0.0.1\"] }\n") +
+    start(twoOnUp0 +
           "[interface.eth9.group]\n\"239.1.1.9\" = {}\n"
           "[interface.up0x]\naccess-lists = [\"iptv\"]\n" +
           rule("iptv", 1, "239.3.0.0/31", "10.0.0.9"));
@@ -139,8 +139,7 @@ TEST_F(AgentControlTest, ReloadSaysWhatItDidAndCanBeTakenBack) {
 }
 
 TEST_F(AgentControlTest, AnswersAreAsDocumentedWhateverIsAsked) {
-    start(groupsOn("up0", "\"239.1.1.1\" = {}\n\"239.1.1.2\" = { include = [\"10.0.0.1\"] }\n") +
-          "[interface.'z*']\n[interface.eth9]\naccess-lists = [\"a\"]\n" +
+    start(twoOnUp0 + "[interface.'z*']\n[interface.eth9]\naccess-lists = [\"a\"]\n" +
           rule("a", 1, "239.1.1.0/30", "10.0.0.9", "deny"));
     ASSERT_TRUE(wire->hears(joined));
     wire->send(Agent::v3Query(1));
@@ -153,8 +152,7 @@ TEST_F(AgentControlTest, AnswersAreAsDocumentedWhateverIsAsked) {
 
 /// Configurations that differ in their groups, their sources, a list and an interface.
 std::string const configurations[] = {
-    listsOnUp0("'iptv'", "'239.1.1.1' = {}\n'239.1.1.2' = { include = ['10.0.0.1'] }\n") +
-        rule("iptv", 1, "239.1.1.4/30", "any"),
+    listsOnUp0("'iptv'", twoGroups) + rule("iptv", 1, "239.1.1.4/30", "any"),
     listsOnUp0("'iptv'", "'239.1.1.2' = { include = ['10.0.0.2', '10.0.0.1'] }\n") +
         rule("iptv", 1, "239.1.1.0/31", "any"),
     listsOnUp0("", "'239.1.1.0' = { exclude = ['10.0.0.3'] }\n'239.1.1.1' = {}\n"),
@@ -196,8 +194,8 @@ TEST_F(AgentControlTest, DiffSaysWhatAReloadThenDoes) {
     }
     EXPECT_NE(ask("diff").text.find("no change, "), std::string::npos);
     Netns::addPair(net->farName(), "up1", "aux0", "10.97.0.1/24");
-    folder.write("ihproxyd.toml", inVrf("red", groupsOn("'u*1'", "'239.5.5.5' = {}\n")) +
-                                      "[vrf.red]\nnamespace = '" + net->farName() + "'\n");
+    folder.write("ihproxyd.toml",
+                 inVrf("red", groupsOn("'u*1'", "'239.5.5.5' = {}\n")) + vrfIn(net->farName()));
     EXPECT_EQ(json("diff").at("joined"), 1) << "by a pattern, where nothing was followed before";
     EXPECT_EQ(json("reload").at("changes").at("joined"), 1);
     folder.write("other", groupsOn("up0", "\"239.8.8.8\" = {}\n") + "[interface.up0]\n");
@@ -205,9 +203,7 @@ TEST_F(AgentControlTest, DiffSaysWhatAReloadThenDoes) {
 }
 
 TEST_F(AgentControlTest, FiguresAreUnderstoodByMonitoring) {
-    start("[metrics]\nlisten = \"127.0.0.1:9643\"\n" +
-          groupsOn("up0", "\"239.1.1.1\" = {}\n\"239.1.1.2\" = { include = [\"10.0.0.1\"] }\n") +
-          "[interface.\"a\\\"b\"]\n");
+    start("[metrics]\nlisten = \"127.0.0.1:9643\"\n" + twoOnUp0 + "[interface.\"a\\\"b\"]\n");
     ASSERT_TRUE(wire->hears(twice(joined)));
     // What a monitoring system makes of them is the same from either place, once no packet comes
     // between the two.
@@ -299,10 +295,9 @@ TEST_F(AgentControlTest, GroupsKeptAtTheEndAreTakenOverByTheNextRun) {
     Wire other(net->farName(), "aux0");
     auto const both = [&](std::string const& here, std::string const& there) {
         return groupsOn("up0", here) + inVrf("red", groupsOn("up1", there, "2")) +
-               "[vrf.red]\nnamespace = '" + net->farName() + "'\n";
+               vrfIn(net->farName());
     };
-    std::string const all = both("'239.1.1.1' = {}\n'239.1.1.2' = { include = ['10.0.0.1'] }\n",
-                                 "'239.2.2.1' = {}\n'239.2.2.2' = {}\n");
+    std::string const all = both(twoGroups, "'239.2.2.1' = {}\n'239.2.2.2' = {}\n");
     std::string const less =
         both("'239.1.1.2' = { include = ['10.0.0.1'] }\n", "'239.2.2.1' = {}\n");
     for (bool const asked : {true, false}) {

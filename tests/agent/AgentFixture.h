@@ -21,7 +21,9 @@ inline Lines twice(Lines const& once) {
     return lines;
 }
 
-/// Reports of a group from any source, and of one from a source.
+/// A group from any source and one from a source, and the reports of them.
+inline std::string const twoGroups = "'239.1.1.1' = {}\n'239.1.1.2' = { include = ['10.0.0.1'] }\n";
+inline std::string const twoOnUp0 = groupsOn("up0", twoGroups);
 inline Lines const joined{"ALLOW 239.1.1.2 10.0.0.1", "TO_EX 239.1.1.1"};
 
 class AgentTest : public testing::Test {

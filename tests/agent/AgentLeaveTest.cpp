@@ -5,11 +5,10 @@
 namespace Testing {
 namespace {
 
-char constexpr twoGroups[] = "'239.1.1.1' = {}\n'239.1.1.2' = { include = ['10.0.0.1'] }\n";
 Lines const left{"BLOCK 239.1.1.2 10.0.0.1", "TO_IN 239.1.1.1"};
 
 TEST_F(AgentTest, GroupsThatLeftTheFileWhileTheAgentWasDeadAreLeftIfTheirFileIsSound) {
-    ASSERT_TRUE(startTells(groupsOn("up0", twoGroups), joined));
+    ASSERT_TRUE(startTells(twoOnUp0, joined));
     for (int i = 0; i < 2; ++i) { // the second time, only the file remembers them
         crash({"239.1.1.1", "239.1.1.2"});
         net->nearIp(i == 0 ? "link set up0 down" : "link set up0 up");
@@ -26,7 +25,7 @@ TEST_F(AgentTest, GroupsThatLeftTheFileWhileTheAgentWasDeadAreLeftIfTheirFileIsS
     EXPECT_TRUE(wire->hearsOnly(all)) << "on an interface that is not configured at all";
     EXPECT_TRUE(learned({}));
 
-    reload(groupsOn("up0", twoGroups));
+    reload(twoOnUp0);
     ASSERT_TRUE(wire->hears(twice(joined)));
     crash({"239.1.1.1", "239.1.1.2"});
     std::string damaged = folder.read("state");
@@ -43,8 +42,7 @@ TEST_F(AgentTest, GroupsThatLeftTheFileWhileTheAgentWasDeadAreLeftIfTheirFileIsS
 }
 
 TEST_F(AgentTest, LeavesOutliveTheVrfOfTheirInterface) {
-    std::string const inRed = inVrf("red", groupsOn("up0", twoGroups)) +
-                              "[vrf.red]\nnamespace = '" + net->nearName() + "'\n";
+    std::string const inRed = inVrf("red", twoOnUp0) + vrfIn(net->nearName());
     std::pair<char const*, std::function<void()>> const ends[] = {
         {"with the link up", [&] { reload(""); }},
         {"while the link is away",
@@ -77,8 +75,8 @@ TEST_F(AgentTest, LeavesOutliveTheVrfOfTheirInterface) {
 TEST_F(AgentTest, LeavesAreOwedToTheNetworkThatHeardTheJoins) {
     Netns::addPair(net->farName(), "up0", "aux0", "10.97.0.1/24"); // of the same name, elsewhere
     Wire other(net->farName(), "aux0");
-    std::string const vrf = "[vrf.red]\nnamespace = '" + net->farName() + "'\n";
-    ASSERT_TRUE(startTells(vrf + groupsOn("up0", twoGroups), joined));
+    std::string const vrf = vrfIn(net->farName());
+    ASSERT_TRUE(startTells(vrf + twoOnUp0, joined));
     net->nearIp("link set up0 down");
     reload(vrf + inVrf("red", groupsOn("up0", "'239.1.1.3' = {}\n")));
     EXPECT_TRUE(other.hearsOnly(twice({"TO_EX 239.1.1.3"})));

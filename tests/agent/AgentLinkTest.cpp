@@ -6,12 +6,10 @@
 namespace Testing {
 namespace {
 
-std::string const oneGroup = groupsOn("up0", "'239.1.1.1' = {}\n'239.1.1.2' = { include = "
-                                             "['10.0.0.1'] }\n");
 Lines const learnedOnce{"down0 239.1.1.1 exclude", "down0 239.1.1.2 include 10.0.0.1"};
 
 TEST_F(AgentTest, NoWordWithoutAnAddressAndAllOfThemWithANewOne) {
-    ASSERT_TRUE(startTells(oneGroup, joined));
+    ASSERT_TRUE(startTells(twoOnUp0, joined));
     net->nearIp("addr del 10.99.0.2/24 dev up0");
     EXPECT_TRUE(reloadTells(groupsOn("up0", "'239.1.1.3' = {}\n"), {}));
     EXPECT_TRUE(agent->says("warning: up0: has no IPv4 address\n")) << agent->output();
@@ -43,9 +41,9 @@ TEST_F(AgentTest, ReportsFitTheMtuAlsoAfterItHasChanged) {
 
 TEST_F(AgentTest, ChangedSettingsTakeEffectWithoutAWord) {
     net->farIp("link set br0 type bridge mcast_querier 0"); // only we ask
-    ASSERT_TRUE(startTells(oneGroup, joined));
-    std::string changed = oneGroup;
-    changed.insert(oneGroup.find('\n') + 1,
+    ASSERT_TRUE(startTells(twoOnUp0, joined));
+    std::string changed = twoOnUp0;
+    changed.insert(twoOnUp0.find('\n') + 1,
                    "robustness = 3\nrequire-router-alert = true\nssm-only = true\n"
                    "packets-per-100-ms = 7\n");
     EXPECT_TRUE(reloadTells(changed, {}));
@@ -66,17 +64,17 @@ TEST_F(AgentTest, ChangedSettingsTakeEffectWithoutAWord) {
 }
 
 TEST_F(AgentTest, ManyInterfacesThatCannotBeUsedTakeFewLines) {
-    std::string many = oneGroup;
+    std::string many = twoOnUp0;
     for (int i = 0; i < 30; ++i) many += "[interface.no" + std::to_string(i) + "]\n";
     start(many);
     EXPECT_TRUE(agent->says("and 10 more that cannot be used")) << agent->output();
     EXPECT_FALSE(agent->output().find("no9: ") < agent->output().size());
-    reload(oneGroup);
+    reload(twoOnUp0);
     EXPECT_EQ(agent->output().find("can be used now"), std::string::npos) << "they are gone";
 }
 
 TEST_F(AgentTest, InterfaceThatRefusesPacketsHoldsUpNeitherReloadNorEnd) {
-    ASSERT_TRUE(startTells(oneGroup, joined));
+    ASSERT_TRUE(startTells(twoOnUp0, joined));
     if (!net->nearQdisc("add dev up0 root bfifo limit 1"))
         GTEST_SKIP() << "no bfifo in this kernel";
     wire->forget();
@@ -93,7 +91,7 @@ TEST_F(AgentTest, InterfaceThatRefusesPacketsHoldsUpNeitherReloadNorEnd) {
     EXPECT_TRUE(wire->hearsOnly({"TO_IN 239.1.1.3", "TO_IN 239.1.1.3"}))
         << "what it has not taken it is offered again";
     EXPECT_TRUE(net->nearQdisc("add dev up0 root bfifo limit 1"));
-    reload(oneGroup);
+    reload(twoOnUp0);
     agent->signal(SIGTERM);
     EXPECT_EQ(agent->exitStatus(), 0);
     EXPECT_TRUE(wire->hearsOnly({}));
@@ -101,7 +99,7 @@ TEST_F(AgentTest, InterfaceThatRefusesPacketsHoldsUpNeitherReloadNorEnd) {
 }
 
 TEST_F(AgentTest, AfterADisorderOfEventsAllIsAsTheFileSays) {
-    start(oneGroup);
+    start(twoOnUp0);
     ASSERT_TRUE(learned(learnedOnce));
     std::size_t const descriptors = agent->openDescriptors();
     auto const heal = [&] {
@@ -127,7 +125,7 @@ TEST_F(AgentTest, AfterADisorderOfEventsAllIsAsTheFileSays) {
         event < std::size(events) ? events[event]() : heal();
     }
     heal();
-    rewrite(oneGroup);
+    rewrite(twoOnUp0);
     EXPECT_TRUE(learned(learnedOnce));
     EXPECT_TRUE(opens(descriptors));
     net->nearIp("link del up0");

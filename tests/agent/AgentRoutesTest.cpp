@@ -145,8 +145,7 @@ TEST_F(AgentRoutesTest, VrfsOfTheSameAddressesAndGroupsComeAndGoAndHealAndDoNotM
         redNear->addRoute(ip("10.0.0.4"), ip("239.1.1.2"));
     };
     auto const inRed = [&](std::string const& groups) {
-        return inVrf("red", groupsOn("up1", groups)) + "[vrf.red]\nnamespace = '" + red.nearName() +
-               "'\n";
+        return inVrf("red", groupsOn("up1", groups)) + vrfIn(red.nearName());
     };
     auto const redLearned = [&](Lines const& table) { return learned(table, red); };
     setUpRed();

@@ -181,14 +181,10 @@ TEST_F(AgentTest, ServiceManagerHearsThatTheLoopTurns) {
 
 TEST_F(AgentTest, VrfWaitsForDescriptorsAndStartsWhenThereAreSome) {
     // Else it would give up what enters namespaces.
-    std::string const file =
-        groupsOn("up0", threeGroups) + "[vrf.near]\nnamespace = '" + net->nearName() + "'\n";
+    std::string const file = groupsOn("up0", threeGroups) + vrfIn(net->nearName(), "near");
     ASSERT_TRUE(startTells(file, threeJoined));
     ASSERT_TRUE(keeps({"239.1.1.1", "239.1.1.2", "239.1.1.3"})); // no file is open any more
     std::size_t const open = agent->openDescriptors();
-    auto const red = [&](std::string const& name) {
-        return "[vrf." + name + "]\nnamespace = '" + net->farName() + "'\n";
-    };
     // Enough for one that stays open besides the file that is read, for all sockets but the last,
     // for the namespace.
     int refused = 0;
@@ -196,7 +192,7 @@ TEST_F(AgentTest, VrfWaitsForDescriptorsAndStartsWhenThereAreSome) {
         reload(file);
         EXPECT_TRUE(opens(open));
         agent->leaveDescriptors(left);
-        reload(file + red("red" + std::to_string(left)));
+        reload(file + vrfIn(net->farName(), "red" + std::to_string(left)));
         EXPECT_TRUE(agent->says("Too many open files", ++refused)) << agent->output();
     }
     agent->leaveDescriptors(100);
@@ -207,10 +203,7 @@ TEST_F(AgentTest, VrfWaitsForDescriptorsAndStartsWhenThereAreSome) {
 }
 
 TEST_F(AgentTest, WhatTheAgentMayNotDoIsAnErrorFromTheStart) {
-    auto const inRed = [](std::string const& name) {
-        return "[vrf.red]\nnamespace = '" + name + "'\n";
-    };
-    std::string const vrf = inRed(net->farName());
+    std::string const vrf = vrfIn(net->farName());
     std::string const unnamed = "/proc/" + std::to_string(getpid()) + "/ns/net";
     // A file of another user, which it may read all the same.
     folder.write("ihproxyd.toml", "");
@@ -226,7 +219,7 @@ TEST_F(AgentTest, WhatTheAgentMayNotDoIsAnErrorFromTheStart) {
         {vrf, CAP_SYS_ADMIN,
          "VRF red: namespace " + net->farName() +
              ": entering a network namespace: Operation not permitted"},
-        {inRed(unnamed),
+        {vrfIn(unnamed),
          {},
          "VRF red: namespace " + unnamed + ": " + unnamed +
              ": Permission denied; expected a name, as `ip netns attach"},

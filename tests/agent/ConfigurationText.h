@@ -19,6 +19,11 @@ inline std::string listsOnUp0(std::string const& lists, std::string const& group
            "]\nunsolicited-report-interval = 0.1\n[interface.up0.group]\n" + groups;
 }
 
+/// A VRF in a network namespace.
+inline std::string vrfIn(std::string const& space, std::string const& name = "red") {
+    return "[vrf." + name + "]\nnamespace = '" + space + "'\n";
+}
+
 /// The configuration of one interface, moved to a VRF.
 inline std::string inVrf(std::string const& name, std::string interface) {
     return interface.insert(interface.find('\n') + 1, "vrf = '" + name + "'\n");

@@ -151,6 +151,10 @@ TEST_F(ControlTest, EachLineHasItsAnswerInTurn) {
     later.reset();
     sendLine(connected(), asked("later")); // and goes
     EXPECT_TRUE(serveUntil([&] { return later.has_value(); }));
+    sendLine(connected(), asked("echo")); // and does not wait for its answer
+    FileDescriptor const next = connected();
+    sendLine(next, asked("echo"));
+    expect(next, answered("{}"));
 }
 
 TEST_F(ControlTest, NobodyWaitsForAnAnswerThatDoesNotCome) {
