@@ -102,40 +102,25 @@ std::string failed(std::string const& id, int code, std::string const& text) {
            R"(,"message": ")" + text + "\"}}\n";
 }
 
+/// The file has lines of a client behind ">", each with its answer below it, if there is one.
 TEST_F(ControlTest, EachLineHasItsAnswerInTurn) {
     ControlServer const server(loop, path, methods);
-    std::string const deep = std::string(20, '[') + std::string(20, ']');
-    std::vector<std::pair<std::string, std::string>> const lines{
-        {asked("echo", R"({"a":1,"b":"x"})"), answered(R"({"a": 1,"b": "x"})")},
-        {asked("echo", R"({"a":-1})"), failed("1", -32602, "a is to be a whole number")},
-        {asked("echo", R"({"c":1})"), failed("1", -32602, "unknown parameter c, expected a, b")},
-        {asked("needy"), failed("1", -32602, "the parameter a is missing")},
-        {asked("refuse"), "{\"jsonrpc\": \"2.0\",\"id\": 1,\"error\": {\"code\": -32000,\"data\": "
-                          "{\"key\": 1},\"message\": \"not now\"}}\n"},
-        {asked("nonsense"), failed("1", -32601, "no method nonsense")},
-        {asked("echo", "[1]"), failed("1", -32602, "params are to be an object, by name")},
-        {deep, failed("null", -32600, "deeper than 8 levels")},
-        {"[]", failed("null", -32600, "a batch holds 1 to 100 requests")},
-        {"7", failed("null", -32600, "not a request: an object is expected")},
-        {R"({"jsonrpc":"1.0","id":"x","method":"echo"})",
-         failed("\"x\"", -32600, "jsonrpc is to be \\\"2.0\\\"")},
-        {R"({"jsonrpc":"2.0","method":"echo"})", ""}, // nobody waits for an answer
-        {"", ""},
-        {R"([{"jsonrpc":"2.0","id":1,"method":"echo"},{"jsonrpc":"2.0","method":"echo"},5])",
-         "[{\"jsonrpc\": \"2.0\",\"id\": 1,\"result\": {}},{\"jsonrpc\": \"2.0\",\"id\": "
-         "null,\"error\": {\"code\": -32600,\"message\": \"not a request: an object is "
-         "expected\"}}]\n"},
-    };
     FileDescriptor const one = connected();
     FileDescriptor const all = connected();
+    std::ifstream exchanges(IHP_EXCHANGES);
     std::string answers;
-    for (auto const& [line, answer] : lines) {
+    for (std::string line; std::getline(exchanges, line);) {
         SCOPED_TRACE(line);
-        sendLine(all, line);
-        answers += answer;
-        sendLine(one, line);
-        expect(one, answer);
+        std::string const text = line.substr(1) + '\n';
+        if (line[0] == '>') {
+            send(one, text);
+            send(all, text);
+        } else {
+            expect(one, text);
+            answers += text;
+        }
     }
+    EXPECT_FALSE(answers.empty());
     expect(all, answers);
     sendLine(one, "{");
     std::string const unreadable = R"({"jsonrpc": "2.0","id": null,"error": {"code": -32700)";
