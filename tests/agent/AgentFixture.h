@@ -17,7 +17,6 @@ using Lines = std::vector<std::string>;
 inline Lines twice(Lines const& once) {
     Lines lines = once;
     lines.insert(lines.end(), once.begin(), once.end());
-    std::sort(lines.begin(), lines.end());
     return lines;
 }
 

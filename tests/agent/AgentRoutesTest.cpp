@@ -161,13 +161,14 @@ TEST_F(AgentRoutesTest, VrfsOfTheSameAddressesAndGroupsComeAndGoAndHealAndDoNotM
     EXPECT_TRUE(redLearned(thereLearned));
     for (int i = 0; i < 2; ++i) {
         redNear.reset();
-        red.removeNear();
+        shell("ip netns del " + red.nearName());
         // Its end of the link is gone when the agent holds nothing of it any more.
         EXPECT_TRUE(waitUntil([&] {
             return red.farIp("-brief link show").find("down0") == std::string::npos;
         })) << agent->output();
         EXPECT_TRUE(redLearned({}));
-        red.addNear();
+        shell("ip netns add " + red.nearName());
+        red.plugInUpstream();
         setUpRed();
         EXPECT_TRUE(redLearned(thereLearned));
     }

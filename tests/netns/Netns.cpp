@@ -38,15 +38,6 @@ std::string run(std::string const& command) {
     return ended.text;
 }
 
-/// A process that was killed may have left one behind, and its number may be ours now.
-std::string uniqueName(std::string const& end) {
-    static int count = 0;
-    std::string name;
-    do name = "ihp-" + std::to_string(getpid()) + "-" + std::to_string(++count) + "-" + end;
-    while (std::filesystem::exists("/run/netns/" + name));
-    return name;
-}
-
 /// In the form that bridgeTable returns, from an entry of `bridge -d -j mdb show`: a source whose
 /// timer has run out is a blocked one.
 std::string tableLine(nlohmann::json const& entry) {
@@ -71,7 +62,11 @@ std::string probe() {
 
 } // namespace
 
-Netns::Namespace::Namespace(std::string const& end) : name(uniqueName(end)) {
+Netns::Namespace::Namespace(std::string const& end) {
+    // A process that was killed may have left one behind, and its number may be ours now.
+    static int count = 0;
+    do name = "ihp-" + std::to_string(getpid()) + "-" + std::to_string(++count) + "-" + end;
+    while (std::filesystem::exists("/run/netns/" + name));
     run("ip netns add " + name);
 }
 
@@ -124,14 +119,6 @@ void Netns::plugInUpstream() const {
 void Netns::nearAwaitUp(std::string const& interface) const {
     waitUntil(
         [&] { return nearIp("link show " + interface).find("state UP") != std::string::npos; });
-}
-
-void Netns::removeNear() const { run("ip netns del " + near_.name); }
-
-void Netns::addNear() const {
-    run("ip netns add " + near_.name);
-    nearIp("link set lo up");
-    plugInUpstream();
 }
 
 std::vector<std::string> Netns::bridgeTable() const {

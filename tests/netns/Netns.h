@@ -54,11 +54,6 @@ class Netns {
     /// notices some time after the command that brings it up.
     void nearAwaitUp(std::string const& interface) const;
 
-    /// Removes the near namespace with all that is in it.
-    void removeNear() const;
-    /// Makes it again under the same name, after removeNear and once its end of the link has gone.
-    void addNear() const;
-
     /// What the bridge has learned of IPv4 groups, sorted, one line for a group on a port:
     /// "PORT GROUP include|exclude [SOURCE,...]". The sources of an exclude line are the blocked
     /// ones: "down0 239.1.1.1 exclude" is a group wanted from any source.

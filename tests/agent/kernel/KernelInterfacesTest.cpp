@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <linux/rtnetlink.h>
 #include <map>
+#include <random>
 #include <set>
 #include <sys/socket.h>
 #include <tuple>
@@ -81,11 +82,8 @@ TEST_F(KernelInterfacesTest, AnyOrderOfChangesLeadsToWhatTheKernelShows) {
     Testing::Netns::Inside const inside(net->nearName());
     std::ofstream("/proc/sys/net/ipv4/conf/all/promote_secondaries") << 1;
     net->nearIp("link add name aux0 type veth peer name aux1");
-    unsigned random = 20240601;
-    auto const pick = [&](unsigned count) {
-        random = random * 1664525 + 1013904223;
-        return (random >> 16) % count;
-    };
+    std::mt19937 random(20240601);
+    auto const pick = [&](unsigned count) { return unsigned(random()) % count; };
     for (int round = 0; round < 10; ++round) {
         std::string lines;
         for (int i = 0; i < 60; ++i) {

@@ -141,14 +141,10 @@ void deafen(int fd) {
 std::vector<int> netlinkSockets(bool following) {
     std::vector<int> sockets;
     for (int fd = 3; fd < 256; ++fd) {
-        int domain = 0;
-        socklen_t size = sizeof domain;
-        if (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0 || domain != AF_NETLINK)
-            continue;
-        std::uint32_t groups[8] = {};
-        size = sizeof groups;
-        getsockopt(fd, SOL_NETLINK, NETLINK_LIST_MEMBERSHIPS, groups, &size);
-        if (std::any_of(groups, groups + 8, [](auto each) { return each != 0; }) == following)
+        sockaddr_nl name{};
+        socklen_t size = sizeof name;
+        bool const named = getsockname(fd, reinterpret_cast<sockaddr*>(&name), &size) == 0;
+        if (named && name.nl_family == AF_NETLINK && (name.nl_groups != 0) == following)
             sockets.push_back(fd);
     }
     return sockets;

@@ -7,7 +7,6 @@
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/wait.h>
 #include <thread>
 
 namespace Agent {
@@ -169,16 +168,14 @@ TEST_F(EventLoopTest, WorkIsDoneWithoutAThreadAndAtTheEnd) {
 }
 
 TEST_F(EventLoopTest, StandardDescriptorsThatAreClosedAreTaken) {
-    pid_t const child = fork();
-    if (child == 0) {
-        close(STDIN_FILENO);
-        close(STDERR_FILENO);
-        standardDescriptorsReserve();
-        _exit(dup(STDOUT_FILENO) > STDERR_FILENO && fcntl(STDERR_FILENO, F_GETFD) == 0 ? 0 : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_EXIT(
+        {
+            close(STDIN_FILENO);
+            close(STDERR_FILENO);
+            standardDescriptorsReserve();
+            _exit(dup(STDOUT_FILENO) > STDERR_FILENO && fcntl(STDERR_FILENO, F_GETFD) == 0 ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 using AlarmTest = LoopFixture;
