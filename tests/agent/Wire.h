@@ -1,9 +1,7 @@
 // The far end of a link: everything that its near end says in IGMP, and packets of any kind to it.
 #pragma once
 
-#include "agent/igmp/IgmpPacket.h"
 #include "agent/igmp/IgmpTestPackets.h"
-#include "agent/loop/FileDescriptor.h"
 #include "netns/Netns.h"
 
 #include <algorithm>

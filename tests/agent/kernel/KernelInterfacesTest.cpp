@@ -1,6 +1,5 @@
 #include "agent/kernel/KernelInterfaces.h"
 
-#include "agent/kernel/NetworkNamespace.h"
 #include "netns/Netns.h"
 #include "support/Folder.h"
 

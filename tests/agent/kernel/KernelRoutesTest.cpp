@@ -5,8 +5,6 @@
 #include "agent/ports/VrfRegistry.h"
 
 #include <linux/filter.h>
-#include <optional>
-#include <set>
 #include <sys/socket.h>
 
 namespace Agent {

@@ -1,6 +1,5 @@
 #include "agent/kernel/NamespaceWatch.h"
 
-#include "agent/kernel/NetworkNamespace.h"
 #include "agent/loop/LoopFixture.h"
 #include "netns/Netns.h"
 #include "support/Folder.h"

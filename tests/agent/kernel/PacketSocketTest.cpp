@@ -1,7 +1,6 @@
 #include "agent/kernel/PacketSocket.h"
 
 #include "agent/Wire.h"
-#include "agent/kernel/NetworkNamespace.h"
 
 namespace Agent {
 namespace {
