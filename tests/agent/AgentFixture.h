@@ -11,8 +11,6 @@
 
 namespace Testing {
 
-using Lines = std::vector<std::string>;
-
 /// Each line twice: a change is told as often as the robustness is.
 inline Lines twice(Lines const& once) {
     Lines lines = once;

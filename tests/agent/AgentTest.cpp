@@ -210,11 +210,7 @@ TEST_F(AgentTest, WhatTheAgentMayNotDoIsAnErrorFromTheStart) {
     for (std::string const& path : {folder.file("ihproxyd.toml"), folder.file("")})
         ASSERT_EQ(chown(path.c_str(), 65534, gid_t(-1)), 0);
     ASSERT_EQ(chmod(folder.file("ihproxyd.toml").c_str(), 0600), 0);
-    struct {
-        std::string configuration;
-        std::optional<int> missing;
-        std::string expected;
-    } const cases[] = {
+    std::tuple<std::string, std::optional<int>, std::string> const cases[] = {
         {"", CAP_NET_RAW, "the agent: has no CAP_NET_RAW"},
         {vrf, CAP_SYS_ADMIN,
          "VRF red: namespace " + net->farName() +

@@ -18,10 +18,10 @@
 
 namespace Testing {
 
+using Lines = std::vector<std::string>;
+
 class Wire {
   public:
-    using Lines = std::vector<std::string>;
-
     /// Throws std::system_error where the kernel refuses.
     Wire(std::string const& namespaceName, std::string const& interface) {
         Netns::Inside const inside(namespaceName);

@@ -51,15 +51,6 @@ std::string tableLine(nlohmann::json const& entry) {
                        fmt::join(sources, ","));
 }
 
-std::string probe() {
-    try {
-        Netns const network;
-        return {};
-    } catch (std::exception const& error) {
-        return std::string("no network to test in: ") + error.what();
-    }
-}
-
 } // namespace
 
 Netns::Namespace::Namespace(std::string const& end) {
@@ -79,7 +70,14 @@ Netns::Namespace::~Namespace() {
 }
 
 std::string const& Netns::unavailableReason() {
-    static std::string const reason = probe();
+    static std::string const reason = []() -> std::string {
+        try {
+            Netns const network;
+            return {};
+        } catch (std::exception const& error) {
+            return std::string("no network to test in: ") + error.what();
+        }
+    }();
     return reason;
 }
 

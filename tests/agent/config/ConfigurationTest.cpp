@@ -168,9 +168,8 @@ TEST_F(ConfigurationFilesTest, IncludedFilesAreReadAsPartsOfOne) {
     EXPECT_EQ(std::to_string(line.number) + *line.file, "4" + files.file("d/1.toml"));
     EXPECT_EQ(all.interfaces.size(), 2u);
     EXPECT_TRUE(all.vrfs.contains("red"));
-    struct {
-        char const *interface, *pattern;
-    } const cases[] = {{"up0", ""}, {"up1", ""}, {"tp0", "?p0"}, {"eth0", "*"}, {"up2", "*"}};
+    std::pair<char const*, char const*> const cases[] = {
+        {"up0", ""}, {"up1", ""}, {"tp0", "?p0"}, {"eth0", "*"}, {"up2", "*"}};
     for (auto const& [interface, pattern] : cases)
         EXPECT_EQ(all.entryFor(interface)->pattern, pattern) << interface;
     EXPECT_EQ(all.patterns.front().pattern, "up[01]") << "the file before what it includes";

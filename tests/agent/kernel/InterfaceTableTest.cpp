@@ -48,11 +48,7 @@ class InterfaceTableTest : public testing::Test {
 };
 
 TEST_F(InterfaceTableTest, LinkIsUsableByItsStateOrFailingThatByItsCarrier) {
-    struct {
-        unsigned flags;
-        std::uint8_t state;
-        bool up;
-    } const cases[] = {
+    std::tuple<unsigned, std::uint8_t, bool> const cases[] = {
         {IFF_UP, IF_OPER_UP, true},
         {0, IF_OPER_UP, false},
         {IFF_UP | IFF_LOWER_UP, IF_OPER_UNKNOWN, true},
