@@ -17,7 +17,6 @@ namespace Agent {
 struct SentPacket {
     double time;
     std::string text;
-    std::size_t octets;
 };
 
 class HostEngineFixture : public testing::Test, public HostEngine::Output {
@@ -41,11 +40,11 @@ class HostEngineFixture : public testing::Test, public HostEngine::Output {
         serve(30);
     }
 
-    void include(Lox::IpAddr group, Sources const& sources) {
-        engine->setGroup(group, FilterMode::include, sources);
+    void include(Sources const& groups, Sources const& sources) {
+        for (Lox::IpAddr group : groups) engine->setGroup(group, FilterMode::include, sources);
     }
-    void exclude(Lox::IpAddr group, Sources const& sources = {}) {
-        engine->setGroup(group, FilterMode::exclude, sources);
+    void exclude(Sources const& groups, Sources const& sources = {}) {
+        for (Lox::IpAddr group : groups) engine->setGroup(group, FilterMode::exclude, sources);
     }
     /// What routers may hold, told one by one.
     RecordList held() const {
@@ -53,9 +52,6 @@ class HostEngineFixture : public testing::Test, public HostEngine::Output {
         for (HostEngine::HeldPlace place; engine->addHeldRecords(records, place, 1);) {
         }
         return records;
-    }
-    void excludeMany(char const* first, unsigned count) {
-        for (Lox::IpAddr group : range(first, count)) exclude(group);
     }
     void hear(Bytes const& payload, Envelope const& envelope = {}) {
         engine->received(now, packetOf(payload, envelope));
@@ -92,21 +88,16 @@ class HostEngineFixture : public testing::Test, public HostEngine::Output {
         pass(30);
     }
 
-    HostCounters const& counters() const { return engine->counters(); }
-    unsigned dropped(DropReason reason) const { return counters().dropped[std::size_t(reason)]; }
-
     void send(std::span<std::uint8_t const> packet) override {
         EXPECT_LE(packet.size(), settings.mtu);
         EXPECT_EQ(packet[2] * 256u + packet[3], packet.size());
         EXPECT_EQ(Lox::IpAddr::fromOctets(&packet[12]), settings.address);
         EXPECT_EQ(checksum(packet.first(24)), 0);
         EXPECT_EQ(checksum(packet.subspan(24)), 0);
-        sent.push_back({now, packetText(packet), packet.size()});
+        sent.push_back({now, packetText(packet)});
     }
     void warn(std::string const& text) override { warnings.push_back(text); }
 
-    Lox::IpAddr g1 = ip("239.1.1.1"), g2 = ip("239.1.1.2");
-    Lox::IpAddr a = ip("10.0.0.11"), b = ip("10.0.0.12"), c = ip("10.0.0.13");
     double now = 1000;
     HostEngine::Settings settings;
     std::vector<SentPacket> sent;

@@ -67,7 +67,8 @@ class HostScenarioTest : public HostEngineFixture,
             serve(std::stod(events, &digits));
             events.erase(0, digits);
         }
-        for (std::string const& event : parts(events, ';')) doEvent(words(event));
+        for (std::string const& event : parts(events, ';'))
+            if (Words const all = words(event); !all.empty()) doEvent(Event(all));
         engine->flush(now);
         std::string& expected = columns[1];
         if (expected.starts_with("twice ")) {
@@ -95,42 +96,64 @@ class HostScenarioTest : public HostEngineFixture,
     }
 
   private:
-    void doEvent(Words const& event) {
-        if (event.empty()) return;
-        std::map<std::string, std::string> options;
-        unsigned code = 0;
-        std::vector<Sources> named;
-        for (std::size_t i = 1; i < event.size(); ++i) {
-            std::size_t const equals = event[i].find('=');
-            if (equals != std::string::npos)
-                options[event[i].substr(0, equals)] = event[i].substr(equals + 1);
-            else if (event[i].find_first_not_of("0123456789") == std::string::npos)
-                code = unsigned(std::stoul(event[i]));
-            else
-                named.push_back(addresses(event[i]));
+    /// An event in words: "v3-query 10 g1 a b from=us".
+    struct Event {
+        explicit Event(Words const& all) : verb(all[0]) {
+            for (std::size_t i = 1; i < all.size(); ++i) {
+                std::size_t const equals = all[i].find('=');
+                if (equals != std::string::npos)
+                    options[all[i].substr(0, equals)] = all[i].substr(equals + 1);
+                else if (all[i].find_first_not_of("0123456789") == std::string::npos)
+                    code = std::uint8_t(std::stoul(all[i]));
+                else if (groups.empty())
+                    groups = addresses(all[i]);
+                else
+                    for (Lox::IpAddr const source : addresses(all[i])) sources.push_back(source);
+            }
+            if (groups.empty()) groups = {{}};
         }
-        Sources const groups = named.empty() ? Sources{{}} : named[0];
-        Sources sources;
-        for (std::size_t i = 1; i < named.size(); ++i)
-            sources.insert(sources.end(), named[i].begin(), named[i].end());
-        if (!doHear(event[0], std::uint8_t(code), groups[0], sources, options))
-            doChange(event[0], groups, sources, options);
+        std::string option(char const* name, std::string const& otherwise) const {
+            auto const found = options.find(name);
+            return found == options.end() ? otherwise : found->second;
+        }
+        std::string verb;
+        std::uint8_t code = 0;
+        Sources groups, sources; ///< the first group is zero where none is named
+        std::map<std::string, std::string> options;
+    };
+
+    void doEvent(Event const& event) {
+        Lox::IpAddr const group = event.groups[0];
+        unsigned long const robustness = std::stoul(event.option("qrv", "2"));
+        std::map<std::string, Bytes> const messages{
+            {"v1-query", message(IgmpType::query, group)},
+            {"v2-query", message(IgmpType::query, group, event.code)},
+            {"v3-query", v3Query(event.code, group, event.sources, std::uint8_t(robustness))},
+            {"v1-report", message(IgmpType::v1Report, group)},
+            {"v2-report", message(IgmpType::v2Report, group)},
+            {"v2-leave", message(IgmpType::v2Leave, group)},
+            {"v3-report", message(IgmpType::v3Report, group)},
+            {"unknown", message(IgmpType(0x13), group)},
+        };
+        auto const heard = messages.find(event.verb);
+        if (heard == messages.end()) return doChange(event);
+        bool const query = event.verb.ends_with("-query");
+        std::string const to = (query ? allSystems : group).stringValue();
+        Envelope envelope;
+        envelope.source = addresses(event.option("from", query ? "10.0.0.1" : "0.0.0.0"))[0];
+        envelope.destination = addresses(event.option("to", to))[0];
+        envelope.ttl = std::uint8_t(std::stoul(event.option("ttl", "1")));
+        if (event.option("alert", "1") == "0") envelope.options.clear();
+        hear(heard->second, envelope);
     }
 
-    void doChange(std::string const& verb, Sources const& groups, Sources const& sources,
-                  std::map<std::string, std::string> const& options) {
+    void doChange(Event const& event) {
         std::map<std::string, std::function<void()>> const verbs{
-            {"include",
-             [&] {
-                 for (auto group : groups) include(group, sources);
-             }},
-            {"exclude",
-             [&] {
-                 for (auto group : groups) exclude(group, sources);
-             }},
+            {"include", [&] { include(event.groups, event.sources); }},
+            {"exclude", [&] { exclude(event.groups, event.sources); }},
             {"delete",
              [&] {
-                 for (auto group : groups) engine->removeGroup(group);
+                 for (auto group : event.groups) engine->removeGroup(group);
              }},
             {"link-down", [&] { engine->linkDown(now); }},
             {"link-up", [&] { engine->linkUp(now); }},
@@ -139,43 +162,12 @@ class HostScenarioTest : public HostEngineFixture,
             {"former-end", [&] { engine->formerEnd(now); }},
             {"set",
              [&] {
-                 for (auto const& [name, value] : options) doSet(name, value);
+                 for (auto const& [name, value] : event.options) doSet(name, value);
                  settingsApply();
              }},
             {"restart", [&] { doRestart(); }},
         };
-        verbs.at(verb)();
-    }
-
-    /// A query or a report; whether it was one.
-    bool doHear(std::string const& verb, std::uint8_t code, Lox::IpAddr group,
-                Sources const& sources, std::map<std::string, std::string> const& options) {
-        auto const option = [&](char const* name, std::string const& otherwise) {
-            auto const found = options.find(name);
-            return found == options.end() ? otherwise : found->second;
-        };
-        bool const query = verb.ends_with("-query");
-        std::map<std::string, Bytes> const messages{
-            {"v1-query", message(IgmpType::query, group)},
-            {"v2-query", message(IgmpType::query, group, code)},
-            {"v3-query",
-             v3Query(code, group, sources, std::uint8_t(std::stoul(option("qrv", "2"))))},
-            {"v1-report", message(IgmpType::v1Report, group)},
-            {"v2-report", message(IgmpType::v2Report, group)},
-            {"v2-leave", message(IgmpType::v2Leave, group)},
-            {"v3-report", message(IgmpType::v3Report, group)},
-            {"unknown", message(IgmpType(0x13), group)},
-        };
-        auto const found = messages.find(verb);
-        if (found == messages.end()) return false;
-        Envelope envelope;
-        envelope.source = addresses(option("from", query ? "10.0.0.1" : "0.0.0.0"))[0];
-        envelope.destination =
-            addresses(option("to", (query ? allSystems : group).stringValue()))[0];
-        envelope.ttl = std::uint8_t(std::stoul(option("ttl", "1")));
-        if (option("alert", "1") == "0") envelope.options.clear();
-        hear(found->second, envelope);
-        return true;
+        verbs.at(event.verb)();
     }
 
     void doSet(std::string const& name, std::string const& value) {
@@ -212,14 +204,14 @@ class HostScenarioTest : public HostEngineFixture,
             {"former", engine->hasFormer()},
             {"held", double(held().size())},
             {"querier", engine->querier().version},
-            {"told", engine->times(g1).told},
-            {"answered", engine->times(g1).answered},
+            {"told", engine->times(ip("239.1.1.1")).told},
+            {"answered", engine->times(ip("239.1.1.1")).answered},
             {"older-for", engine->versionExpiry() - now},
         };
-#define AGENT_FACT(type, name, Name) all[#name] = counters().name;
+#define AGENT_FACT(type, name, Name) all[#name] = engine->counters().name;
         AGENT_HOST_COUNTERS(AGENT_FACT)
 #undef AGENT_FACT
-#define AGENT_FACT(name) all[#name] = dropped(DropReason::name);
+#define AGENT_FACT(name) all[#name] = engine->counters().dropped[std::size_t(DropReason::name)];
         AGENT_DROP_REASONS(AGENT_FACT)
 #undef AGENT_FACT
         return all;

@@ -72,9 +72,7 @@ inline Bytes message(IgmpType type, Lox::IpAddr group, std::uint8_t code = 0) {
 inline Bytes v3Query(std::uint8_t code, Lox::IpAddr group = {}, Sources const& sources = {},
                      std::uint8_t robustness = 2) {
     Bytes payload = message(IgmpType::query, group, code);
-    for (std::size_t octet :
-         {std::size_t(robustness), std::size_t(125), std::size_t(0), sources.size()})
-        payload.push_back(std::uint8_t(octet));
+    payload.insert(payload.end(), {robustness, 125, 0, std::uint8_t(sources.size())});
     for (Lox::IpAddr source : sources) append(payload, source);
     return payload;
 }
