@@ -11,32 +11,22 @@
 namespace Nex {
 namespace {
 
-class Timer : public Reactor<Clock::Notifiee, PtrInterface> {
-  public:
-    Timer(Ptr<Clock> clock, char label, String* fired)
-        : Reactor(std::move(clock), static_cast<PtrInterface*>(nullptr)),
-          label_(label),
-          fired_(fired) {}
-    std::function<void()> act;
-
+struct Timer : Listener<Clock::Notifiee> {
+    Timer(Ptr<Clock> clock, char name, String& told)
+        : Listener(std::move(clock)), label(name), fired(told) {}
     void onTime() override {
         EXPECT_EQ(timeMin(), never) << "disarmed before its callback";
-        *fired_ += label_;
+        fired += label;
         if (act) act();
     }
-
-  private:
-    char label_;
-    String* fired_;
+    char const label;
+    String& fired;
+    std::function<void()> act;
 };
 
 class ClockTest : public testing::Test {
   protected:
-    Ptr<Timer> newTimer(char label) {
-        auto const timer = newObject<Timer>(clock, label, &fired);
-        timer->hasNotificationActiveIs(true);
-        return timer;
-    }
+    Ptr<Timer> newTimer(char label) { return newObject<Timer>(clock, label, fired); }
     String at(double now) {
         fired.clear();
         clock->timeIs(now);
@@ -119,18 +109,8 @@ class ReviewTimerTest : public ClockTest {
   protected:
     static constexpr float minDelay = 1, maxDelay = 8, fillInterval = 16;
 
-    void SetUp() override { timer = newReviewTimer(); }
     Ptr<Olm::ReviewTimer> newReviewTimer() {
         return newObject<Olm::ReviewTimer>(a.get(), fillInterval, 2u, minDelay, maxDelay);
-    }
-    /// Runs the pending review, and says how long after its scheduling it came.
-    double run() {
-        double const wake = a->timeMin();
-        double const delay = wake - time.now();
-        time.nowIs(wake);
-        EXPECT_EQ(at(wake), "a");
-        EXPECT_FALSE(timer->reviewPending());
-        return delay;
     }
     /// The delays of reviews that are asked for as "next" or as "now", or after so many seconds.
     String delays(String const& script) {
@@ -146,13 +126,17 @@ class ReviewTimerTest : public ClockTest {
                 continue;
             }
             EXPECT_TRUE(timer->reviewPending());
-            text += textOf(run()) + ' ';
+            double const wake = a->timeMin();
+            text += textOf(wake - time.now()) + ' ';
+            time.nowIs(wake);
+            EXPECT_EQ(at(wake), "a");
+            EXPECT_FALSE(timer->reviewPending());
         }
         return text;
     }
 
     ManualTime time{1000};
-    Ptr<Olm::ReviewTimer> timer;
+    Ptr<Olm::ReviewTimer> timer = newReviewTimer();
 };
 
 // Two credits at first: two short delays, then a long one.

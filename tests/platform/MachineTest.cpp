@@ -134,8 +134,8 @@ TEST_F(MachineTest, WhatIsDisturbedWhileItIsMade) {
     };
     for (Kind const& kind : kinds)
         for (bool const throws : {false, true}) {
-            auto const expect = [&](char const* what, std::function<void()> disturb,
-                                    Tree const* stands) {
+            auto const expect = [&](char const* what, Tree const* stands,
+                                    std::function<void()> disturb) {
                 SCOPED_TRACE(String(kind.name) + what + (throws ? ", thrown" : ""));
                 owner->startUp = [&] {
                     EXPECT_EQ(kind.made(), nullptr) << "not there before it is made";
@@ -154,25 +154,12 @@ TEST_F(MachineTest, WhatIsDisturbedWhileItIsMade) {
                 EXPECT_EQ(change(twin).empty(), stands != twin.get());
                 kind.del();
             };
-            expect(
-                " made", [] {}, throws ? nullptr : tree.get());
-            expect(" deleted", kind.del, nullptr);
-            expect(
-                " asked for again and deleted",
-                [&] {
-                    kind.make(twin);
-                    kind.del();
-                },
-                nullptr);
-            expect(
-                " replaced",
-                [&] {
-                    kind.del();
-                    kind.make(twin);
-                },
-                twin.get());
-            expect(
-                " asked for again", [&] { kind.make(twin); }, throws ? nullptr : kind.again);
+            Tree* const none = nullptr;
+            expect(" made", throws ? none : tree.get(), [] {});
+            expect(" deleted", none, kind.del);
+            expect(" asked for again and deleted", none, [&] { kind.make(twin), kind.del(); });
+            expect(" replaced", twin.get(), [&] { kind.del(), kind.make(twin); });
+            expect(" asked for again", throws ? none : kind.again, [&] { kind.make(twin); });
         }
     owner->startUp = [&] { EXPECT_EQ(owner->leavesIs(twin), nullptr); };
     owner->told.clear();

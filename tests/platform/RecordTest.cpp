@@ -1,7 +1,6 @@
 // Where a record stands in the tree of records, and what lives on as it is dropped.
 #include "TestRecords.h"
 
-#include <functional>
 #include <gtest/gtest.h>
 #include <new>
 
@@ -9,23 +8,6 @@ namespace Nex {
 namespace {
 
 Lox::IpAddr ip(std::uint32_t n) { return Lox::IpAddr::fromHost(n); }
-
-/// Does what the test wants, once, as it is told of anything.
-class Recorder : public TreeWatcher {
-  public:
-    using TreeWatcher::TreeWatcher;
-    std::function<void()> act;
-
-    void onTop() override { handle(); }
-    void onAddress(Lox::IpAddr) override { handle(); }
-    void onOctet(Lox::IpAddr) override { handle(); }
-    void onLeaf(String) override { handle(); }
-
-  private:
-    void handle() {
-        if (auto const now = std::exchange(act, nullptr)) now();
-    }
-};
 
 class RecordTest : public testing::Test {
   protected:
@@ -38,7 +20,7 @@ class RecordTest : public testing::Test {
     }
 
     Ptr<Tree> tree = Tree::TreeIs("tree");
-    Ptr<Recorder> recorder = newObject<Recorder>(tree);
+    Ptr<Watcher> recorder = newObject<Watcher>(tree);
 };
 
 TEST_F(RecordTest, RecordThatIsDroppedInTheMiddleLivesUntilTheEnd) {
@@ -122,6 +104,7 @@ TEST_F(RecordTest, AttributeThatIsReplacedIsARootOfItsOwn) {
         EXPECT_EQ(top->nexFullName(), "tree/top");
         recorder->act = [&] { EXPECT_EQ(top->nexReferences(), 1u) << "let go before it is told"; };
         tree->topIs(successor);
+        recorder->act = nullptr;
         EXPECT_EQ(top->nexParent(), nullptr);
         EXPECT_EQ(top->nexFullName(), "name");
     }

@@ -7,6 +7,7 @@
 #include "Nex/Record.h"
 
 #include <algorithm>
+#include <functional>
 #include <vector>
 
 namespace Nex {
@@ -41,6 +42,16 @@ struct Listener : Reactor<Interface, PtrInterface> {
     }
 };
 using TreeWatcher = Listener<Tree::Notifiee>;
+
+/// Does what the test wants as it is told of anything.
+struct ActingWatcher : TreeWatcher {
+    using TreeWatcher::TreeWatcher;
+    std::function<void()> act;
+    void hear(auto const&) {
+        if (act) act();
+    }
+};
+using Watcher = Tree::NotifieeOfAll<ActingWatcher>;
 
 /// Which objects have been destroyed since it was made, as long as it lives.
 class Destructions : public DestructionObserver {
