@@ -62,7 +62,7 @@ struct Life : Play {
             Lox::IpAddr const source = address(a[0].substr(2)), group = address(a[1]);
             Nex::Ptr<GroupSource> const entry = configOf("")->groupSourceList(group);
             if (!entry) return;
-            include ? entry->includeSourceListDel(source) : entry->excludeSourceListDel(source);
+            doWrite(*entry, false, include, source);
             if (entry->empty()) configOf("")->groupSourceListDel(group);
             takeBack(*configOf(""), source, group, include);
         } else {

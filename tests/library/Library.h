@@ -139,15 +139,22 @@ struct World : Support::InProcessPlatform {
     Nex::Map<Nex::String, Nex::Ptr<KernelNetInfo::Status>> kniTables;
 };
 
+/// Writes a source into one of an entry's lists, or takes it out.
+inline void doWrite(GroupSource& entry, bool add, bool include, Lox::IpAddr source) {
+    auto const write = add && include ? &GroupSource::includeSourceListIs
+                       : add          ? &GroupSource::excludeSourceListIs
+                       : include      ? &GroupSource::includeSourceListDel
+                                      : &GroupSource::excludeSourceListDel;
+    (entry.*write)(source);
+}
+
 /// Takes a source back as the writer of the configuration does: out of the configured list, into
 /// the deleted one, and out of that again.
 inline void takeBack(IntfConfig& config, Lox::IpAddr source, Lox::IpAddr group,
                      bool include = true) {
     if (GroupSource* const configured = config.groupSourceList(group))
-        include ? configured->includeSourceListDel(source)
-                : configured->excludeSourceListDel(source);
-    auto const deleted = config.deletedGroupSourceListIs(group);
-    include ? deleted->includeSourceListIs(source) : deleted->excludeSourceListIs(source);
+        doWrite(*configured, false, include, source);
+    doWrite(*config.deletedGroupSourceListIs(group), true, include, source);
     config.deletedGroupSourceListDel(group);
 }
 

@@ -199,12 +199,7 @@ class Play : public World {
                 } else if (where == ' ' && !add) {
                     takeBack(*written, source, group, include);
                 } else {
-                    auto const entry = entryIs(where, group);
-                    auto const write = add && include ? &GroupSource::includeSourceListIs
-                                       : add          ? &GroupSource::excludeSourceListIs
-                                       : include      ? &GroupSource::includeSourceListDel
-                                                      : &GroupSource::excludeSourceListDel;
-                    (*entry.*write)(source);
+                    doWrite(*entryIs(where, group), add, include, source);
                 }
             }
             if (sources.empty() && add) entryIs(where, group);
@@ -246,7 +241,6 @@ class Play : public World {
                 {"decide-tables", [&](W) { root->handleMfibKesh(); }},
                 {"take-down", [&](W a) { root->deleteIntfSm(intfOf(a)); }},
                 {"no-machine", [&](W) { root->igmpHostProxyIntfSmDel(up0); }},
-                {"hold-machine", [&](W) { heldMachine_ = &machine(); }},
                 {"version", [&](W a) { configOf("")->igmpVersionIs(IgmpVersion(number(a[1]))); }},
                 {"interval", [&](W a) { configOf("")->unsolicitedReportIntvlIs(interval(a[1])); }},
                 // VRFs
@@ -333,10 +327,8 @@ class Play : public World {
                  [&](W a) { collection()->keshPtrIs(tableOf(a[1]).get(), nullptr); }},
                 {"no-table", [&](W a) { collection()->keshPtrDel(tableOf(a[1]).get()); }},
                 {"no-watched-tables", [&](W) { machine().mfibKeshDirDel(); }},
-                {"no-followed-tables", [&](W) { machine().mfibKeshDelAll(); }},
                 {"follow-nothing",
                  [&](W a) { machine().mfibKeshIs(tableOf(a[1]).get(), nullptr); }},
-                {"watch-tables", [&](W) { machine().mfibKeshDirIs(constant(collection())); }},
                 {"route", [&](W a) { doRoutes(a); }},
                 {"no-route", [&](W a) { doRoutes(a); }},
                 {"sync",
@@ -461,9 +453,11 @@ class Play : public World {
         return "i" + namesOf(entry->includeSourceList(), "") + " e" +
                namesOf(entry->excludeSourceList(), "");
     }
+    static GroupSource const* entryOf(auto const* groups, Lox::IpAddr group) {
+        return groups ? groups->groupSourceList(group) : nullptr;
+    }
     std::string group(Lox::IpAddr group) const {
-        std::string text =
-            textOf(intfStatus("up0") ? intfStatus("up0")->groupSourceList(group) : nullptr);
+        std::string text = textOf(entryOf(intfStatus("up0"), group));
         if (!root || !root->igmpHostProxyIntfSm(up0)) return text;
         std::vector<Lox::IpAddr> sources;
         auto const& counter = machine().groupSourceRefCounter();
@@ -560,14 +554,11 @@ class Play : public World {
         a.resize(3);
         if (a[0][0] == 'g' && std::isdigit(a[0][1])) return group(address(a[0]));
         auto const text = [](auto number) { return std::to_string(number); };
+        auto const yes = [](void const* object) { return object ? "yes" : "no"; };
         std::map<std::string, std::function<std::string()>> const facts{
             {"thrown", [&] { return thrown_; }},
             {"record", [&] { return record(address(a[1])); }},
-            {"helper",
-             [&] {
-                 return helper(a[1]) ? textOf(helper(a[1])->groupSourceList(address(a[2])))
-                                     : "none";
-             }},
+            {"helper", [&] { return textOf(entryOf(helper(a[1]), address(a[2]))); }},
             {"rules", [&] { return rules(a[1]); }},
             {"raised", [&] { return text(stamps()[a[1]] - stamps_[a[1]]); }},
             {"status", [&] { return attribute(intfStatus(orDefault(a[2], "up0")), a[1]); }},
@@ -582,15 +573,13 @@ class Play : public World {
             {"walked", [&] { return walked(); }},
             {"reviewed",
              [&] { return seconds(time.now() - machine().reviewTimer()->lastReviewTime()); }},
-            {"table-reactor",
-             [&] { return machine().mfibKesh(tableOf(a[1]).get()) ? "yes" : "no"; }},
-            {"list-reactor", [&] { return machine().acl(a[1]) ? "yes" : "no"; }},
+            {"table-reactor", [&] { return yes(machine().mfibKesh(tableOf(a[1]).get())); }},
+            {"list-reactor", [&] { return yes(machine().acl(a[1])); }},
             {"mounted", [&] { return mounted(a[1]); }},
             {"managed",
              [&] {
-                 return root->intfStatusManagerRoot()->intfStatusManager(Lox::NamespaceName(a[1]))
-                            ? "yes"
-                            : "no";
+                 Lox::NamespaceName const ns(a[1]);
+                 return yes(root->intfStatusManagerRoot()->intfStatusManager(ns));
              }},
             {"directory-name", [&] { return view(a[1])->deviceIntfStatusDir()->name(); }},
             {"directory", [&] { return directoryOf(view(orDefault(a[1]))); }},
@@ -639,7 +628,6 @@ class Play : public World {
     std::string refused_; ///< the namespace whose table can't be mounted
     Nex::Ptr<GroupSource> held_;
     Nex::Ptr<Igmp::IgmpHostStatus> counts_; ///< null for the world's
-    Nex::Ptr<IgmpHostProxyIntfSm> heldMachine_;
     std::vector<Nex::Ptr<Disturber>> watches_;
     std::vector<std::shared_ptr<Nested>> nested_;
     std::optional<TraceLog> trace_;
