@@ -212,149 +212,134 @@ class Play : public World {
                               : configOf(config_)->groupSourceListIs(group);
     }
 
+    std::map<std::string, std::function<void(W)>> const events_{
+        // Interfaces
+        {"start", [&](W) { start(); }},
+        {"end", [&](W) { root = nullptr; }},
+        {"configure", [&](W a) { config->intfConfigIs(intfOf(a)); }},
+        {"unconfigure", [&](W a) { config->intfConfigDel(intfOf(a)); }},
+        {"intf", [&](W a) { usableIntf(a[1], number(a[2]), orDefault(a[3])); }},
+        {"in-vrf", [&](W a) { vrfOfIntf(intfOf(a).stringValue(), a[2]); }},
+        {"in-no-vrf", [&](W a) { ipStatus->ipIntfStatusIs(intfOf(a)); }},
+        {"list-intf", [&](W a) { listIntf(a[1], orDefault(a[2])); }},
+        {"delist-intf", [&](W a) { delistIntf(a[1]); }},
+        {"device", [&](W a) { kernelDevice(a[1], number(a[2]), orDefault(a[3])); }},
+        {"address", [&](W a) { addressOf(a[1], a[2]); }},
+        {"tables", [&](W a) { tables(orDefault(a[1])); }},
+        {"no-tables", [&](W a) { mfibDir->keshCollDel(vrfOf(a)); }},
+        {"decide",
+         [&](W a) {
+             if (root) root->handleIntfConfig(intfOf(a));
+         }},
+        {"decide-all", [&](W) { root->handleIntfConfig(); }},
+        {"decide-tables", [&](W) { root->handleMfibKesh(); }},
+        {"take-down", [&](W a) { root->deleteIntfSm(intfOf(a)); }},
+        {"no-machine", [&](W) { root->igmpHostProxyIntfSmDel(up0); }},
+        {"version", [&](W a) { configOf("")->igmpVersionIs(IgmpVersion(number(a[1]))); }},
+        {"interval", [&](W a) { configOf("")->unsolicitedReportIntvlIs(interval(a[1])); }},
+        // VRFs
+        {"vrf", [&](W a) { World::vrf(vrfOf(a).stringValue(), a[2]); }},
+        {"no-vrf", [&](W a) { allVrfStatusLocal->vrfDel(vrfOf(a)); }},
+        {"mount", [&](W a) { entityManager->doMount(pathOf(a[1]), "KernelNetInfo::Status", 3); }},
+        {"refuse-mount", [&](W a) { refused_ = a[1]; }},
+        {"kernel", [&](W a) { doKernel(a); }},
+        {"copy-mac", [&](W a) { root->getIntfEthAddr(vrfOf(a), number(a[2])); }},
+        {"hold-directory", [&](W a) { directories_[a[2]] = view(a[1])->deviceIntfStatusDir(); }},
+        {"directory", [&](W a) { view(a[1])->deviceIntfStatusDirIs(directoryOf(a[2])); }},
+        {"entry", [&](W a) { doEntry(a); }},
+        {"no-entry",
+         [&](W a) { directoryOf(a[1])->intfStatusAndDeviceNameDel(Lox::IntfId(a[2])); }},
+        // The host and its agent
+        {"host-status", [&](W a) { hostStatusDir->igmpHostStatusIs(a[1]); }},
+        {"no-host-status", [&](W a) { hostStatusDir->igmpHostStatusDel(a[1]); }},
+        {"fill-host", [&](W a) { root->initializeIgmpHost(a[1]); }},
+        {"mark-host", [&](W) { host("up0")->useMuxIs(true), host("up0")->taggedIs(true); }},
+        {"bind", [&](W a) { root->createOrDeleteIgmpHostIntfSm(a[1]); }},
+        {"bind-all", [&](W) { root->createOrDeleteIgmpHostIntfSm(); }},
+        {"unbind", [&](W a) { root->igmpHostIntfSmDel(intfOf(a)); }},
+        {"counter", [&](W a) { doCounter(a[1], number(a[2])); }},
+        {"new-counters", [&](W) { counts_ = Igmp::IgmpHostStatus::IgmpHostStatusIs("up0"); }},
+        {"watch-counters", [&](W) { binding().igmpHostStatusIs(counts_); }},
+        {"reset-counters", [&](W) { binding().resetPacketCounters(); }},
+        {"show-reports", [&](W) { binding().handleIgmpHostV3ReportsSent(); }},
+        {"new-binding", [&](W) { binding().initializedIs(false); }},
+        {"start-binding", [&](W) { binding().handleNew(); }},
+        {"new-source", [&](W) { binding().srcIntfIhpIntfIs(SourceIntf::SourceIntfIs(up0)); }},
+        {"take-address", [&](W) { binding().handleIpAddrChange(); }},
+        {"copy-address", [&](W) { binding().handleIntfEthAddr(); }},
+        {"list-groups", [&](W a) { binding().handleGroupList(address(a[1])); }},
+        {"source-address", [&](W a) { binding().srcIntfIhpIntf()->ipAddrIs(ip(a[1])); }},
+        {"bind-status", [&](W a) { binding().intfStatusIs(statusOf(a[1])); }},
+        {"status-version", [&](W a) { written().igmpVersionIs(IgmpVersion(number(a[1]))); }},
+        {"status-interval", [&](W a) { written().unsolicitedReportIntvlIs(interval(a[1])); }},
+        {"status-mac", [&](W a) { written().macAddrIs(macOf(number(a[1]))); }},
+        {"status-device", [&](W a) { written().deviceNameIs(a[1]); }},
+        {"record-source", [&](W a) { doRecordSource(a); }},
+        {"no-record-sources", [&](W) { host("up0")->v3group(groupG)->sourceListIs(nullptr); }},
+        // Access lists
+        {"attach", [&](W a) { configOf("")->aclListIs(a[1]); }},
+        {"detach", [&](W a) { configOf("")->aclListDel(a[1]); }},
+        {"list", [&](W a) { rulesOf(a[1]); }},
+        {"no-list", [&](W a) { aclConfig->aclDel(a[1]); }},
+        {"rule", [&](W a) { doRule(a), doSequence(a[1], a[2], a[2]); }},
+        {"no-rule", [&](W a) { rulesOf(a[1])->ruleBySequenceDel(number(a[2])); }},
+        {"text", [&](W a) { doRule(a); }},
+        {"sequence", [&](W a) { doSequence(a[1], a[2], a[3]); }},
+        {"hold-rules", [&](W a) { versions_[a[2]] = rulesOf(a[1]); }},
+        {"new-rules", [&](W a) { versions_[a[1]] = Acl::AclSubConfig::AclSubConfigIs(a[1]); }},
+        {"force", [&](W a) { doForce(a); }},
+        {"apply", [&](W a) { helper(a[1])->handleRule(Acl::UniqueId(number(a[2]))); }},
+        {"purge", [&](W a) { helper(a[1])->purgeCachedRules(); }},
+        {"purge-nothing", [&](W a) { helper(a[1])->purgeCachedRule(Acl::IpRuleConfig()); }},
+        {"new-lists", [&](W) { aclConfig = Acl::AclTypeConfig::AclTypeConfigIs(); }},
+        {"watch-lists", [&](W) { machine().ipAclConfigIs(constant(aclConfig)); }},
+        // Counts and records
+        {"count", [&](W a) { machine().groupSourceRefCounterIs(pair(a), number(a[3])); }},
+        {"no-count", [&](W a) { machine().groupSourceRefCounterDel(pair(a)); }},
+        {"no-counts", [&](W) { machine().groupSourceRefCounterDelAll(); }},
+        {"config", [&](W a) { config_ = a[1]; }},
+        {"status", [&](W a) { status_ = a[1]; }},
+        {"watch-config", [&](W a) { machine().intfConfigIs(constant(configOf(a[1]))); }},
+        {"watch-status", [&](W a) { machine().intfStatusIs(statusOf(a[1])); }},
+        {"look-at-groups", [&](W) { machine().handleGroupList(); }},
+        {"hold", [&](W a) { held_ = entryIs(a[1][0], groupG); }},
+        {"deny", [&](W a) { written().denyMrouteIs(a[1] == "on"); }},
+        {"throw", [&](W) { throw Nex::Exception("from a callback"); }},
+        {"ignore", [&](W) { watches_.clear(); }},
+        // Routes
+        {"vrf-of-tables", [&](W a) { vrfOfTables_ = a[1]; }},
+        {"table", [&](W a) { doTable(a[1], a[2].empty() ? a[1] : a[2]); }},
+        {"table-to-come", [&](W a) { collection()->keshPtrIs(tableOf(a[1]).get(), nullptr); }},
+        {"no-table", [&](W a) { collection()->keshPtrDel(tableOf(a[1]).get()); }},
+        {"no-watched-tables", [&](W) { machine().mfibKeshDirDel(); }},
+        {"follow-nothing", [&](W a) { machine().mfibKeshIs(tableOf(a[1]).get(), nullptr); }},
+        {"route", [&](W a) { doRoutes(a); }},
+        {"no-route", [&](W a) { doRoutes(a); }},
+        {"sync",
+         [&](W a) { machine().doSyncKey(tableOf(a[1]).get(), routeKey(a[2], address(a[3]))); }},
+        {"bookmark-table", [&](W a) { machine().keshBookmarkIs(tableOf(a[1]).get()); }},
+        {"bookmark-route", [&](W a) { machine().rkBookmarkIs(routeKey(a[1], address(a[2]))); }},
+        {"no-changed", [&](W) { machine().changedRouteDelAll(); }},
+        {"review", [&](W) { machine().doReview(); }},
+        {"full-sync", [&](W) { machine().handleDenyMroute(); }},
+        {"release", [&](W a) { machine().doReleaseGroups(range(a[1])); }},
+        {"watch-clock", [&](W a) { machine().clockIs(a[1] == "nothing" ? nullptr : clock); }},
+        {"pace",
+         [&](W a) {
+             float const delay = std::stof(a[1]);
+             machine().reviewTimerIs(machine().reviewTimer()->reactor(), 0, 1, delay, delay);
+         }},
+        {"quantum", [&](W a) { machine().reviewQuantumIs(std::stod(a[1])); }},
+        {"step", [&](W a) { time.stepSecondsIs(std::stod(a[1])); }},
+        {"to-next", [&](W) { pass(clock->nextExpiry() - time.now()); }},
+        {"trace", [&](W a) { traceHandle.levelIs(number(a[1])); }},
+    };
+
     virtual void doEvent(Words const& a) {
         if (a[0][0] == '+' && std::isdigit(a[0][1])) return pass(std::stod(a[0]));
         std::size_t const at = a[0].find_first_of("+-");
         if (at < 2 && (a[0].size() == at + 1 || a[0][at + 1] == 'i' || a[0][at + 1] == 'e'))
             return doSources(at == 0 ? ' ' : a[0][0], a[0][at] == '+', a[0].substr(at + 1), a[1]);
-        if (events_.empty())
-            events_ = {
-                // Interfaces
-                {"start", [&](W) { start(); }},
-                {"end", [&](W) { root = nullptr; }},
-                {"configure", [&](W a) { config->intfConfigIs(intfOf(a)); }},
-                {"unconfigure", [&](W a) { config->intfConfigDel(intfOf(a)); }},
-                {"intf", [&](W a) { usableIntf(a[1], number(a[2]), orDefault(a[3])); }},
-                {"in-vrf", [&](W a) { vrfOfIntf(intfOf(a).stringValue(), a[2]); }},
-                {"in-no-vrf", [&](W a) { ipStatus->ipIntfStatusIs(intfOf(a)); }},
-                {"list-intf", [&](W a) { listIntf(a[1], orDefault(a[2])); }},
-                {"delist-intf", [&](W a) { delistIntf(a[1]); }},
-                {"device", [&](W a) { kernelDevice(a[1], number(a[2]), orDefault(a[3])); }},
-                {"address", [&](W a) { addressOf(a[1], a[2]); }},
-                {"tables", [&](W a) { tables(orDefault(a[1])); }},
-                {"no-tables", [&](W a) { mfibDir->keshCollDel(vrfOf(a)); }},
-                {"decide",
-                 [&](W a) {
-                     if (root) root->handleIntfConfig(intfOf(a));
-                 }},
-                {"decide-all", [&](W) { root->handleIntfConfig(); }},
-                {"decide-tables", [&](W) { root->handleMfibKesh(); }},
-                {"take-down", [&](W a) { root->deleteIntfSm(intfOf(a)); }},
-                {"no-machine", [&](W) { root->igmpHostProxyIntfSmDel(up0); }},
-                {"version", [&](W a) { configOf("")->igmpVersionIs(IgmpVersion(number(a[1]))); }},
-                {"interval", [&](W a) { configOf("")->unsolicitedReportIntvlIs(interval(a[1])); }},
-                // VRFs
-                {"vrf", [&](W a) { World::vrf(vrfOf(a).stringValue(), a[2]); }},
-                {"no-vrf", [&](W a) { allVrfStatusLocal->vrfDel(vrfOf(a)); }},
-                {"mount",
-                 [&](W a) { entityManager->doMount(pathOf(a[1]), "KernelNetInfo::Status", 3); }},
-                {"refuse-mount", [&](W a) { refused_ = a[1]; }},
-                {"kernel", [&](W a) { doKernel(a); }},
-                {"copy-mac", [&](W a) { root->getIntfEthAddr(vrfOf(a), number(a[2])); }},
-                {"hold-directory",
-                 [&](W a) { directories_[a[2]] = view(a[1])->deviceIntfStatusDir(); }},
-                {"directory", [&](W a) { view(a[1])->deviceIntfStatusDirIs(directoryOf(a[2])); }},
-                {"entry", [&](W a) { doEntry(a); }},
-                {"no-entry",
-                 [&](W a) { directoryOf(a[1])->intfStatusAndDeviceNameDel(Lox::IntfId(a[2])); }},
-                // The host and its agent
-                {"host-status", [&](W a) { hostStatusDir->igmpHostStatusIs(a[1]); }},
-                {"no-host-status", [&](W a) { hostStatusDir->igmpHostStatusDel(a[1]); }},
-                {"fill-host", [&](W a) { root->initializeIgmpHost(a[1]); }},
-                {"mark-host", [&](W) { host("up0")->useMuxIs(true), host("up0")->taggedIs(true); }},
-                {"bind", [&](W a) { root->createOrDeleteIgmpHostIntfSm(a[1]); }},
-                {"bind-all", [&](W) { root->createOrDeleteIgmpHostIntfSm(); }},
-                {"unbind", [&](W a) { root->igmpHostIntfSmDel(intfOf(a)); }},
-                {"counter", [&](W a) { doCounter(a[1], number(a[2])); }},
-                {"new-counters",
-                 [&](W) { counts_ = Igmp::IgmpHostStatus::IgmpHostStatusIs("up0"); }},
-                {"watch-counters", [&](W) { binding().igmpHostStatusIs(counts_); }},
-                {"reset-counters", [&](W) { binding().resetPacketCounters(); }},
-                {"show-reports", [&](W) { binding().handleIgmpHostV3ReportsSent(); }},
-                {"new-binding", [&](W) { binding().initializedIs(false); }},
-                {"start-binding", [&](W) { binding().handleNew(); }},
-                {"new-source",
-                 [&](W) { binding().srcIntfIhpIntfIs(SourceIntf::SourceIntfIs(up0)); }},
-                {"take-address", [&](W) { binding().handleIpAddrChange(); }},
-                {"copy-address", [&](W) { binding().handleIntfEthAddr(); }},
-                {"list-groups", [&](W a) { binding().handleGroupList(address(a[1])); }},
-                {"source-address", [&](W a) { binding().srcIntfIhpIntf()->ipAddrIs(ip(a[1])); }},
-                {"bind-status", [&](W a) { binding().intfStatusIs(statusOf(a[1])); }},
-                {"status-version",
-                 [&](W a) { written().igmpVersionIs(IgmpVersion(number(a[1]))); }},
-                {"status-interval",
-                 [&](W a) { written().unsolicitedReportIntvlIs(interval(a[1])); }},
-                {"status-mac", [&](W a) { written().macAddrIs(macOf(number(a[1]))); }},
-                {"status-device", [&](W a) { written().deviceNameIs(a[1]); }},
-                {"record-source", [&](W a) { doRecordSource(a); }},
-                {"no-record-sources",
-                 [&](W) { host("up0")->v3group(groupG)->sourceListIs(nullptr); }},
-                // Access lists
-                {"attach", [&](W a) { configOf("")->aclListIs(a[1]); }},
-                {"detach", [&](W a) { configOf("")->aclListDel(a[1]); }},
-                {"list", [&](W a) { rulesOf(a[1]); }},
-                {"no-list", [&](W a) { aclConfig->aclDel(a[1]); }},
-                {"rule", [&](W a) { doRule(a), doSequence(a[1], a[2], a[2]); }},
-                {"no-rule", [&](W a) { rulesOf(a[1])->ruleBySequenceDel(number(a[2])); }},
-                {"text", [&](W a) { doRule(a); }},
-                {"sequence", [&](W a) { doSequence(a[1], a[2], a[3]); }},
-                {"hold-rules", [&](W a) { versions_[a[2]] = rulesOf(a[1]); }},
-                {"new-rules",
-                 [&](W a) { versions_[a[1]] = Acl::AclSubConfig::AclSubConfigIs(a[1]); }},
-                {"force", [&](W a) { doForce(a); }},
-                {"apply", [&](W a) { helper(a[1])->handleRule(Acl::UniqueId(number(a[2]))); }},
-                {"purge", [&](W a) { helper(a[1])->purgeCachedRules(); }},
-                {"purge-nothing", [&](W a) { helper(a[1])->purgeCachedRule(Acl::IpRuleConfig()); }},
-                {"new-lists", [&](W) { aclConfig = Acl::AclTypeConfig::AclTypeConfigIs(); }},
-                {"watch-lists", [&](W) { machine().ipAclConfigIs(constant(aclConfig)); }},
-                // Counts and records
-                {"count", [&](W a) { machine().groupSourceRefCounterIs(pair(a), number(a[3])); }},
-                {"no-count", [&](W a) { machine().groupSourceRefCounterDel(pair(a)); }},
-                {"no-counts", [&](W) { machine().groupSourceRefCounterDelAll(); }},
-                {"config", [&](W a) { config_ = a[1]; }},
-                {"status", [&](W a) { status_ = a[1]; }},
-                {"watch-config", [&](W a) { machine().intfConfigIs(constant(configOf(a[1]))); }},
-                {"watch-status", [&](W a) { machine().intfStatusIs(statusOf(a[1])); }},
-                {"look-at-groups", [&](W) { machine().handleGroupList(); }},
-                {"hold", [&](W a) { held_ = entryIs(a[1][0], groupG); }},
-                {"deny", [&](W a) { written().denyMrouteIs(a[1] == "on"); }},
-                {"throw", [&](W) { throw Nex::Exception("from a callback"); }},
-                {"ignore", [&](W) { watches_.clear(); }},
-                // Routes
-                {"vrf-of-tables", [&](W a) { vrfOfTables_ = a[1]; }},
-                {"table", [&](W a) { doTable(a[1], a[2].empty() ? a[1] : a[2]); }},
-                {"table-to-come",
-                 [&](W a) { collection()->keshPtrIs(tableOf(a[1]).get(), nullptr); }},
-                {"no-table", [&](W a) { collection()->keshPtrDel(tableOf(a[1]).get()); }},
-                {"no-watched-tables", [&](W) { machine().mfibKeshDirDel(); }},
-                {"follow-nothing",
-                 [&](W a) { machine().mfibKeshIs(tableOf(a[1]).get(), nullptr); }},
-                {"route", [&](W a) { doRoutes(a); }},
-                {"no-route", [&](W a) { doRoutes(a); }},
-                {"sync",
-                 [&](W a) {
-                     machine().doSyncKey(tableOf(a[1]).get(), routeKey(a[2], address(a[3])));
-                 }},
-                {"bookmark-table", [&](W a) { machine().keshBookmarkIs(tableOf(a[1]).get()); }},
-                {"bookmark-route",
-                 [&](W a) { machine().rkBookmarkIs(routeKey(a[1], address(a[2]))); }},
-                {"no-changed", [&](W) { machine().changedRouteDelAll(); }},
-                {"review", [&](W) { machine().doReview(); }},
-                {"full-sync", [&](W) { machine().handleDenyMroute(); }},
-                {"release", [&](W a) { machine().doReleaseGroups(range(a[1])); }},
-                {"watch-clock",
-                 [&](W a) { machine().clockIs(a[1] == "nothing" ? nullptr : clock); }},
-                {"pace",
-                 [&](W a) {
-                     float const delay = std::stof(a[1]);
-                     machine().reviewTimerIs(machine().reviewTimer()->reactor(), 0, 1, delay,
-                                             delay);
-                 }},
-                {"quantum", [&](W a) { machine().reviewQuantumIs(std::stod(a[1])); }},
-                {"step", [&](W a) { time.stepSecondsIs(std::stod(a[1])); }},
-                {"to-next", [&](W) { pass(clock->nextExpiry() - time.now()); }},
-                {"trace", [&](W a) { traceHandle.levelIs(number(a[1])); }},
-            };
         auto const found = events_.find(a[0]);
         if (found == events_.end()) throw std::logic_error("no such event: " + a[0]);
         found->second(a);
@@ -550,49 +535,51 @@ class Play : public World {
     }
 
   protected:
+    static std::string text(auto number) { return std::to_string(number); }
+    static char const* yes(void const* object) { return object ? "yes" : "no"; }
+
+    std::map<std::string, std::function<std::string(W)>> const facts_{
+        {"thrown", [&](W) { return thrown_; }},
+        {"record", [&](W a) { return record(address(a[1])); }},
+        {"helper", [&](W a) { return textOf(entryOf(helper(a[1]), address(a[2]))); }},
+        {"rules", [&](W a) { return rules(a[1]); }},
+        {"raised", [&](W a) { return text(stamps()[a[1]] - stamps_[a[1]]); }},
+        {"status", [&](W a) { return attribute(intfStatus(orDefault(a[2], "up0")), a[1]); }},
+        {"host", [&](W a) { return attribute(host(orDefault(a[2], "up0")), a[1]); }},
+        {"intf", [&](W a) { return intf(a[1]); }},
+        {"slot", [&](W) { return root->srcIntfIhpIntf()->intfId().stringValue(); }},
+        {"groups", [&](W) { return text(intfStatus("up0")->groupSourceListCount()); }},
+        {"next", [&](W) { return seconds(clock->nextExpiry() - time.now()); }},
+        {"next-check", [&](W) { return seconds(timerWheel->nextExpiry() - time.now()); }},
+        {"sync", [&](W) { return machine().syncAllRoutes() ? "wanted" : "over"; }},
+        {"changed", [&](W) { return text(machine().changedRoute().size()); }},
+        {"walked", [&](W) { return walked(); }},
+        {"reviewed",
+         [&](W) { return seconds(time.now() - machine().reviewTimer()->lastReviewTime()); }},
+        {"table-reactor", [&](W a) { return yes(machine().mfibKesh(tableOf(a[1]).get())); }},
+        {"list-reactor", [&](W a) { return yes(machine().acl(a[1])); }},
+        {"mounted", [&](W a) { return mounted(a[1]); }},
+        {"managed",
+         [&](W a) {
+             Lox::NamespaceName const ns(a[1]);
+             return yes(root->intfStatusManagerRoot()->intfStatusManager(ns));
+         }},
+        {"directory-name", [&](W a) { return view(a[1])->deviceIntfStatusDir()->name(); }},
+        {"directory", [&](W a) { return directoryOf(view(orDefault(a[1]))); }},
+        {"corruptions", [&](W a) { return text(kniTable(pathOf(a[1]))->corruptions()); }},
+        {"lines",
+         [&](W a) {
+             return text(std::count_if(traced_.begin(), traced_.end(), [&](auto const& line) {
+                 return line.find(a[1]) != line.npos;
+             }));
+         }},
+    };
+
     std::string fact(Words a) {
         a.resize(3);
         if (a[0][0] == 'g' && std::isdigit(a[0][1])) return group(address(a[0]));
-        auto const text = [](auto number) { return std::to_string(number); };
-        auto const yes = [](void const* object) { return object ? "yes" : "no"; };
-        std::map<std::string, std::function<std::string()>> const facts{
-            {"thrown", [&] { return thrown_; }},
-            {"record", [&] { return record(address(a[1])); }},
-            {"helper", [&] { return textOf(entryOf(helper(a[1]), address(a[2]))); }},
-            {"rules", [&] { return rules(a[1]); }},
-            {"raised", [&] { return text(stamps()[a[1]] - stamps_[a[1]]); }},
-            {"status", [&] { return attribute(intfStatus(orDefault(a[2], "up0")), a[1]); }},
-            {"host", [&] { return attribute(host(orDefault(a[2], "up0")), a[1]); }},
-            {"intf", [&] { return intf(a[1]); }},
-            {"slot", [&] { return root->srcIntfIhpIntf()->intfId().stringValue(); }},
-            {"groups", [&] { return text(intfStatus("up0")->groupSourceListCount()); }},
-            {"next", [&] { return seconds(clock->nextExpiry() - time.now()); }},
-            {"next-check", [&] { return seconds(timerWheel->nextExpiry() - time.now()); }},
-            {"sync", [&] { return machine().syncAllRoutes() ? "wanted" : "over"; }},
-            {"changed", [&] { return text(machine().changedRoute().size()); }},
-            {"walked", [&] { return walked(); }},
-            {"reviewed",
-             [&] { return seconds(time.now() - machine().reviewTimer()->lastReviewTime()); }},
-            {"table-reactor", [&] { return yes(machine().mfibKesh(tableOf(a[1]).get())); }},
-            {"list-reactor", [&] { return yes(machine().acl(a[1])); }},
-            {"mounted", [&] { return mounted(a[1]); }},
-            {"managed",
-             [&] {
-                 Lox::NamespaceName const ns(a[1]);
-                 return yes(root->intfStatusManagerRoot()->intfStatusManager(ns));
-             }},
-            {"directory-name", [&] { return view(a[1])->deviceIntfStatusDir()->name(); }},
-            {"directory", [&] { return directoryOf(view(orDefault(a[1]))); }},
-            {"corruptions", [&] { return text(kniTable(pathOf(a[1]))->corruptions()); }},
-            {"lines",
-             [&] {
-                 return text(std::count_if(traced_.begin(), traced_.end(), [&](auto const& line) {
-                     return line.find(a[1]) != line.npos;
-                 }));
-             }},
-        };
-        auto const found = facts.find(a[0]);
-        return found == facts.end() ? "no such fact" : joined(words(found->second()), " ");
+        auto const found = facts_.find(a[0]);
+        return found == facts_.end() ? "no such fact" : joined(words(found->second(a)), " ");
     }
 
     Nex::Ptr<Kesh::Multicast::Fib::MfibKeshColl> collection() const {
@@ -617,7 +604,6 @@ class Play : public World {
         return record;
     }
 
-    std::map<std::string, std::function<void(W)>> events_; ///< by their first word
     std::map<std::string, Nex::Ptr<IntfConfig>> configs_;
     std::map<std::string, Nex::Ptr<IntfStatus>> statuses_;
     std::map<std::string, Nex::Ptr<Acl::AclSubConfig>> versions_;
