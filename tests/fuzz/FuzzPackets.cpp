@@ -2,6 +2,7 @@
 // The first octet chooses what the engine speaks; then each step is an octet that says what it is,
 // one for the time that passes before it, and for a packet its length and its octets.
 #include "agent/igmp/HostEngine.h"
+#include "agent/igmp/IgmpTestPackets.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -24,16 +25,10 @@ struct Checked : HostEngine::Output {
 void mendChecksums(std::span<std::uint8_t> packet) {
     std::size_t const header = packet.empty() ? 0 : (packet[0] & 0x0f) * std::size_t(4);
     if (header < 20 || packet.size() < header + 8) return;
-    auto const mend = [](std::span<std::uint8_t> part, std::size_t at) {
-        part[at] = part[at + 1] = 0;
-        std::uint16_t const sum = checksum(part);
-        part[at] = std::uint8_t(sum >> 8);
-        part[at + 1] = std::uint8_t(sum);
-    };
-    mend(packet.first(header), 10);
+    setChecksum(packet.first(header), 10);
     std::size_t const total = std::size_t(packet[2]) << 8 | packet[3];
     if (total >= header + 8 && total <= packet.size())
-        mend(packet.subspan(header, total - header), 2);
+        setChecksum(packet.subspan(header, total - header), 2);
 }
 
 } // namespace

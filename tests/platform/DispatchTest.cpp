@@ -21,9 +21,7 @@ class Crowd {
     explicit Crowd(unsigned seed) : random_(seed) {}
 
     void change() {
-        auto const pass = passes_.insert(passes_.end(), std::vector<Turn>());
-        for (auto const& [registration, label] : registered_)
-            pass->push_back({registration, label});
+        auto const pass = passes_.insert(passes_.end(), registered_);
         bool thrown = false;
         number_ = tree_->number() + 1;
         try {
@@ -78,6 +76,7 @@ class Crowd {
     struct Turn {
         unsigned registration;
         std::size_t label;
+        friend bool operator==(Turn const&, Turn const&) = default;
     };
     struct Member {
         Ptr<Watcher> watcher;
@@ -99,17 +98,16 @@ class Crowd {
         } else {
             member.watcher->notifierIs(tree_);
         }
-        registered_.emplace_back(++registrations_, label);
+        registered_.push_back({++registrations_, label});
     }
     void unregister(std::size_t label) {
-        std::erase_if(registered_, [&](auto const& each) { return each.second == label; });
+        std::erase_if(registered_, [&](auto const& each) { return each.label == label; });
     }
     void doSkipAbsent(std::vector<Turn>& pass) {
         auto const told = [&](Turn const& turn) {
             Member const& member = members_[turn.label];
             return member.active && !member.zombie &&
-                   std::count(registered_.begin(), registered_.end(),
-                              std::pair(turn.registration, turn.label)) > 0;
+                   std::count(registered_.begin(), registered_.end(), turn) > 0;
         };
         pass.erase(pass.begin(), std::find_if(pass.begin(), pass.end(), told));
     }
@@ -127,7 +125,7 @@ class Crowd {
     std::mt19937 random_;
     Ptr<Tree> tree_ = Tree::TreeIs("tree"), elsewhere_ = Tree::TreeIs("elsewhere");
     std::array<Member, 6> members_;
-    std::vector<std::pair<unsigned, std::size_t>> registered_; ///< in that order
+    std::vector<Turn> registered_; ///< in that order
     unsigned registrations_ = 0;
     int number_ = 0;
     bool raised_ = false;                 ///< an exception is on its way to the last change

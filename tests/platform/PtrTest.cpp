@@ -91,28 +91,27 @@ class ArenaTest : public testing::TestWithParam<std::size_t> {
         EXPECT_FALSE(trimmed());
         EXPECT_EQ(arena_.heldBytes(), 0u);
     }
-    void take(std::size_t count, std::size_t bytes) {
+    void take(std::size_t count) {
         for (std::size_t n = 0; n < count; ++n) {
-            void* const object = arena_.take(bytes);
+            void* const object = arena_.take(bytes_);
             EXPECT_EQ(reinterpret_cast<std::uintptr_t>(object) % Arena::granule, 0u);
-            Living const fresh{bytes, int(++taken_ % 251)};
-            std::memset(object, fresh.number, bytes);
-            ASSERT_TRUE(living_.emplace(object, fresh).second);
+            int const number = int(++taken_ % 251);
+            std::memset(object, number, bytes_);
+            ASSERT_TRUE(living_.emplace(object, number).second);
         }
     }
     /// Those that `goes` names by the order of their addresses. What stays is as it was.
     void giveBack(std::function<bool(std::size_t)> const& goes) {
         std::size_t at = 0;
         for (auto next = living_.begin(); next != living_.end(); ++at) {
-            auto const [object, living] = *next;
+            auto const [object, number] = *next;
             auto const* const octets = static_cast<unsigned char const*>(object);
-            ASSERT_EQ(std::size_t(std::count(octets, octets + living.bytes, living.number)),
-                      living.bytes);
+            ASSERT_EQ(std::size_t(std::count(octets, octets + bytes_, number)), bytes_);
             if (!goes(at)) {
                 ++next;
                 continue;
             }
-            arena_.giveBack(object, living.bytes);
+            arena_.giveBack(object, bytes_);
             next = living_.erase(next);
         }
     }
@@ -124,47 +123,43 @@ class ArenaTest : public testing::TestWithParam<std::size_t> {
     }
     std::size_t chunks() const { return arena_.heldBytes() / Arena::chunkBytes; }
 
-    struct Living {
-        std::size_t bytes;
-        int number;
-    };
+    std::size_t const bytes_ = GetParam();
     Arena arena_;
-    std::map<void*, Living> living_;
+    std::map<void*, int> living_; ///< with the number in each octet
     std::size_t taken_ = 0;
     int steps_ = 0;
 };
 INSTANTIATE_TEST_SUITE_P(Sizes, ArenaTest, testing::Values(16, 20, 56, 256));
 
 TEST_P(ArenaTest, NoTwoLivingObjectsShareRoomAndWhatIsFreeIsGivenBack) {
-    std::size_t const bytes = GetParam();
-    std::size_t const perChunk = Arena::chunkBytes / ((bytes + 7) / 8 * 8);
-    take(perChunk, bytes);
+    std::size_t const perChunk = Arena::chunkBytes / ((bytes_ + 7) / 8 * 8);
+    take(perChunk);
     giveBack([](std::size_t at) { return at % 2 == 0; });
-    take(perChunk / 2, bytes); // what went comes first
+    take(perChunk / 2); // what went comes first
     EXPECT_EQ(chunks(), 1u);
-    take(19 * perChunk, bytes);
+    take(19 * perChunk);
     EXPECT_EQ(chunks(), 20u);
     giveBack([](std::size_t at) { return at % 3 == 0; });
     EXPECT_FALSE(trimmed());
     EXPECT_EQ(chunks(), 20u); // most of it lives
-    take(10, bytes);
+    take(10);
     giveBack([&](std::size_t at) { return at > 3 * perChunk; });
     EXPECT_FALSE(trimmed());
     EXPECT_GT(steps_, 20);
     std::size_t const left = chunks();
     EXPECT_LE(left, 6u); // a third of each chunk was free
     // What a trim found free comes before new chunks, and may go at the next trim.
-    take(left * perChunk - living_.size(), bytes);
+    take(left * perChunk - living_.size());
     EXPECT_EQ(chunks(), left);
-    take(perChunk + 1, bytes);
+    take(perChunk + 1);
     EXPECT_EQ(chunks(), left + 2);
     giveBack([](std::size_t at) { return at % 100 != 0; });
     arena_.trim(50); // not to its end
-    take(5 * perChunk / 2, bytes);
+    take(5 * perChunk / 2);
     giveBack([](std::size_t at) { return at % 7 != 0; });
     EXPECT_FALSE(trimmed());
     giveBack([](std::size_t) { return true; });
-    take(perChunk + 1, bytes); // from the start again
+    take(perChunk + 1); // from the start again
 }
 
 } // namespace
