@@ -145,9 +145,8 @@ std::string const prepareTwo = prepare +
 std::string const comeUpTwo = comeUp + "; vrf green ns-green; intf up1 3 green";
 
 struct Scenario {
-    char const* name;
-    std::string before, act;
-    friend void PrintTo(Scenario const& scenario, std::ostream* out) { *out << scenario.name; }
+    std::string title, before, act;
+    friend void PrintTo(Scenario const& scenario, std::ostream* out) { *out << scenario.title; }
 };
 Scenario const scenarios[] = {
     {"an interface comes up", prepare, comeUp},
@@ -265,8 +264,8 @@ TEST_P(Disturbance, EndsAsAFreshStartOnTheSameInputs) {
             if (undone != never && change.undo.empty()) continue;
             unsigned at = unsigned(&change - changes) % stride;
             for (bool disturbed = true; disturbed; at += stride) {
-                SCOPED_TRACE(std::string(GetParam().name) + ", " + change.name + " at " +
-                             std::to_string(at) + " undone " + std::to_string(undone));
+                SCOPED_TRACE(GetParam().title + ", " + change.name + " at " + std::to_string(at) +
+                             " undone " + std::to_string(undone));
                 disturbed = play(GetParam(), change, undone, at);
             }
             EXPECT_GT(at, 5u);
@@ -274,11 +273,7 @@ TEST_P(Disturbance, EndsAsAFreshStartOnTheSameInputs) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Library, Disturbance, ::testing::ValuesIn(scenarios),
-                         [](auto const& info) {
-                             std::string name = info.param.name;
-                             std::replace(name.begin(), name.end(), ' ', '_');
-                             return name;
-                         });
+                         Support::NameOfScenario());
 
 // The root's one slot is for whichever interface came last: each has its own source all the same.
 TEST(DisturbanceByAnotherInterface, LeavesEachItsOwn) {

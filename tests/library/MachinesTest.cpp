@@ -50,9 +50,6 @@ struct Destructions : Nex::DestructionObserver {
         note<Interface::NetNsIntfStatusManagerRoot>(object, "manager root");
         note<IgmpHostProxyIntfSm>(object, "proxy machine");
         note<IgmpHostIntfSm>(object, "binding");
-        note<IntfStatus>(object, "status record");
-        note<Igmp::IgmpHost>(object, "host entity");
-        note<GroupSource>(object, "group record");
     }
     template <class T>
     void note(Nex::PtrInterface const& object, char const* what) {
