@@ -11,36 +11,28 @@ namespace {
 class Owner;
 
 /// Watches one tree; starts up by what the test wants.
-class NexLeaves : public Reactor<Tree::Notifiee, Owner> {
-  public:
+struct NexLeaves : Reactor<Tree::Notifiee, Owner> {
     NexLeaves(Ptr<Tree> watched, Owner* owner);
     void onNumber() override;
     void onNotifier() override;
 };
 
 /// A machine that is made from two trees.
-class Worker : public PtrInterface {
-  public:
+struct Worker : PtrInterface {
     Worker(int key, Ptr<Tree> left, Ptr<Tree const> right, Owner* owner);
     ~Worker() override { nexDoZombieReactors(true); }
-    auto nexArguments() const { return std::make_tuple(left_, right_); }
+    auto nexArguments() const { return std::make_tuple(left, right); }
     static constexpr char const* nexArgumentNames[] = {"left", "right"};
-    Tree const* left() const { return left_.get(); }
-    int const key;
 
-  private:
     struct NexLeft : Reactor<Tree::Notifiee, Worker> {
         using Reactor::Reactor;
         void onNumber() override;
     };
-    Ptr<Tree> left_;
-    Ptr<Tree const> right_;
-
-  public:
+    int const key;
+    Ptr<Tree> const left;
+    Ptr<Tree const> const right;
     Owner* const owner;
-
-  private:
-    Owned<NexLeft> nexLeft_;
+    Owned<NexLeft> nexLeft;
 };
 
 class Owner : public PtrInterface {
@@ -54,17 +46,17 @@ class Owner : public PtrInterface {
             },
             key, left, right);
     }
-    MachineMap<int, Worker> worker;
-    String told;
-    /// Taken by the next reactor or machine that is made, and run in its constructor.
-    std::function<void()> startUp;
-    void doStartUp() {
-        if (auto const once = std::exchange(startUp, nullptr)) once();
-    }
-    Owned<NexLeaves> single;
     void leavesDelUnless() {
         leaves_.delUnless([](String const&) { return false; });
     }
+    void doStartUp() {
+        if (auto const once = std::exchange(startUp, nullptr)) once();
+    }
+    MachineMap<int, Worker> worker;
+    Owned<NexLeaves> single;
+    String told;
+    /// Taken by the next reactor or machine that is made, and run in its constructor.
+    std::function<void()> startUp;
 
     NEX_REACTORS(String, NexLeaves, leaves, Tree, name)
 };
@@ -74,9 +66,9 @@ NexLeaves::NexLeaves(Ptr<Tree> watched, Owner* owner) : Reactor(std::move(watche
 }
 void NexLeaves::onNumber() { machine()->told += notifier()->name() + ' '; }
 void NexLeaves::onNotifier() { machine()->told += "onto "; }
-Worker::Worker(int k, Ptr<Tree> left, Ptr<Tree const> right, Owner* o)
-    : key(k), left_(left), right_(std::move(right)), owner(o) {
-    nexLeft_.make(std::move(left), this);
+Worker::Worker(int k, Ptr<Tree> l, Ptr<Tree const> r, Owner* o)
+    : key(k), left(l), right(std::move(r)), owner(o) {
+    nexLeft.make(std::move(l), this);
     owner->doStartUp();
 }
 void Worker::NexLeft::onNumber() { machine()->owner->told += textOf(machine()->key) + ' '; }
@@ -121,7 +113,7 @@ TEST_F(MachineTest, WhatIsDisturbedWhileItIsMade) {
     };
     auto const workerMade = [&]() -> Tree const* {
         EXPECT_EQ(owner->worker.size(), owner->worker.get(1) ? 1u : 0u);
-        return owner->worker.get(1) ? owner->worker.get(1)->left() : nullptr;
+        return owner->worker.get(1) ? owner->worker.get(1)->left.get() : nullptr;
     };
     Kind const kinds[] = {
         {"single", single, [&] { owner->single.del(); }, [&] { return watchedBy(owner->single); },
