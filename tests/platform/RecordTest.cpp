@@ -11,14 +11,6 @@ Lox::IpAddr ip(std::uint32_t n) { return Lox::IpAddr::fromHost(n); }
 
 class RecordTest : public testing::Test {
   protected:
-    void fill() {
-        for (std::uint32_t n = 1; n <= 3; ++n) {
-            tree->addressIs(ip(n));
-            tree->octetIs(ip(n), std::uint8_t(n));
-            tree->leafIs(textOf(n));
-        }
-    }
-
     Ptr<Tree> tree = Tree::TreeIs("tree");
     Ptr<Watcher> recorder = newObject<Watcher>(tree);
 };
@@ -26,7 +18,11 @@ class RecordTest : public testing::Test {
 TEST_F(RecordTest, RecordThatIsDroppedInTheMiddleLivesUntilTheEnd) {
     auto const lives = [this](auto act) {
         recorder->notifierIs(tree = Tree::TreeIs("tree"));
-        fill();
+        for (std::uint32_t n = 1; n <= 3; ++n) {
+            tree->addressIs(ip(n));
+            tree->octetIs(ip(n), std::uint8_t(n));
+            tree->leafIs(textOf(n));
+        }
         Destructions destructions;
         Tree* const record = tree.get();
         auto const drop = [&, record] {

@@ -72,11 +72,6 @@ class HostEngineFixture : public testing::Test, public HostEngine::Output {
             all += (all.empty() ? "" : "; ") + packet.text;
         return all;
     }
-    /// Ends the turn: what leaves at once.
-    std::string flush() {
-        engine->flush(now);
-        return taken();
-    }
     /// What leaves in that time.
     std::string pass(double seconds) {
         serve(seconds);
