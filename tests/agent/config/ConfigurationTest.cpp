@@ -5,6 +5,7 @@
 #include "support/Folder.h"
 
 #include <algorithm>
+#include <functional>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -88,7 +89,7 @@ TEST(ConfigurationTest, EachFaultyLineIsReportedAtItsPlace) {
         auto const is = [](char const* level) {
             return [level](std::string const& line) { return line.find(level) != line.npos; };
         };
-        std::ranges::stable_partition(expected, std::not_fn(is(": info: ")));
+        std::stable_partition(expected.begin(), expected.end(), std::not_fn(is(": info: ")));
         ConfigurationReading const reading = configurationParse(text, "f");
         EXPECT_EQ(diagnosticLines(reading), expected) << entry.path();
         EXPECT_EQ(reading.valid(), std::ranges::none_of(expected, is(": error: ")));
