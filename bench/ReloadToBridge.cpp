@@ -2,7 +2,8 @@
 // network: reading the file, the library, the packets and the bridge's learning. Beside it what a
 // program needs that sends the same packets and does nothing else, and what the kernel does that is
 // asked to join the same groups. And the kernel's multicast routes: from the agent's start until
-// all are told, beside a program that only reads them. Needs root.
+// all are told, beside a program that only reads them. Last, how often it wakes up at rest. Needs
+// root.
 #include "agent/Process.h"
 #include "agent/kernel/MulticastRouter.h"
 #include "agent/loop/FileDescriptor.h"
@@ -179,14 +180,18 @@ class World : public Testing::Netns {
     BridgeQuery bridge_{farName()};
 };
 
+/// The command that runs the agent with the files of a folder.
+std::vector<std::string> agentIn(Testing::Folder const& folder) {
+    return {IHPROXYD, "--config", folder.file("ihproxyd.toml"), "--control",
+            folder.file("control")};
+}
+
 /// What the agent sends goes to `sent`.
 Took ofAgent(std::size_t groups, std::string const& configuration, Frames& sent) {
     World const world;
     Testing::Folder const folder;
     folder.write("ihproxyd.toml", head(""));
-    Testing::Process const agent(
-        folder, world.nearName(),
-        {IHPROXYD, "--config", folder.file("ihproxyd.toml"), "--control", folder.file("control")});
+    Testing::Process const agent(folder, world.nearName(), agentIn(folder));
     if (!agent.says("ready\n")) fail("the agent does not start");
     folder.write("ihproxyd.toml", configuration);
     auto const wire = packetSocket(world.farName(), "down0");
@@ -263,9 +268,7 @@ Took ofRoutes(std::size_t routes, Frames&) {
     Testing::Folder const folder;
     folder.write("ihproxyd.toml", head("[forwarding-table]\nrequire-output = false\n"));
     auto const start = Clock::now();
-    Testing::Process const agent(
-        folder, world.nearName(),
-        {IHPROXYD, "--config", folder.file("ihproxyd.toml"), "--control", folder.file("control")});
+    Testing::Process const agent(folder, world.nearName(), agentIn(folder));
     std::chrono::duration<double> wall{};
     for (std::size_t told = 0; told < routes; wall = Clock::now() - start) {
         std::this_thread::sleep_for(std::chrono::microseconds(500));
@@ -297,6 +300,27 @@ Took ofDump(std::size_t routes, Frames&) {
     }
     std::chrono::duration<double> const wall = Clock::now() - start;
     return {wall.count(), processorSeconds() - before};
+}
+
+/// How often an agent with that many groups wakes up in a second, once all is told and nobody asks.
+double wakeUpsAtRest(std::size_t groups) {
+    constexpr int seconds = 30;
+    World const world;
+    world.farIp("link set br0 type bridge mcast_querier 0");
+    Testing::Folder const folder;
+    folder.write("ihproxyd.toml", ruleOver(groups));
+    std::optional<Testing::Process> agent;
+    world.secondsToLast(groups, [&] { agent.emplace(folder, world.nearName(), agentIn(folder)); });
+    auto const wakeUps = [&] {
+        std::ifstream status("/proc/" + std::to_string(agent->pid()) + "/status");
+        for (std::string word; status >> word;)
+            if (long count = 0; word == "voluntary_ctxt_switches:" && status >> count) return count;
+        fail("the agent has ended");
+    };
+    std::this_thread::sleep_for(std::chrono::seconds(5));
+    long const before = wakeUps();
+    std::this_thread::sleep_for(std::chrono::seconds(seconds));
+    return double(wakeUps() - before) / seconds;
 }
 
 /// The medians of five.
@@ -344,4 +368,5 @@ int main() {
     titles("until all routes of the kernel are told");
     row("agent, from its start", ofRoutes);
     row("bare dump", ofDump);
+    std::printf("\nat rest with 65,536 groups: %.2f wake-ups a second\n", wakeUpsAtRest(65536));
 }
