@@ -25,6 +25,7 @@ class Process {
             std::vector<std::string> command, std::optional<int> missing = {})
         : folder_(folder) {
         std::vector<char*> argv;
+        argv.reserve(command.size() + 1);
         for (std::string& word : command) argv.push_back(word.data());
         argv.push_back(nullptr);
         std::string const output = folder.file("output");
