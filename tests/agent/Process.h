@@ -64,12 +64,13 @@ class Process {
             return found >= times;
         });
     }
-    /// A field of /proc/PID/status, which shows sets of signals or capabilities in hexadecimal.
-    unsigned long long statusField(std::string const& name) const {
+    /// A field of /proc/PID/status: sets of signals or capabilities in hexadecimal, unless in that
+    /// base.
+    unsigned long long statusField(std::string const& name, int base = 16) const {
         std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
         for (std::string line; std::getline(status, line);)
             if (line.starts_with(name + ":"))
-                return std::stoull(line.substr(name.size() + 1), {}, 16);
+                return std::stoull(line.substr(name.size() + 1), {}, base);
         return 0;
     }
     /// Lets it open only so many descriptors besides those that it has, from now on.

@@ -1,9 +1,9 @@
-// From SIGHUP to the last group in an upstream bridge's table, with the whole agent in a throw-away
-// network: reading the file, the library, the packets and the bridge's learning. Beside it what a
-// program needs that sends the same packets and does nothing else, and what the kernel does that is
-// asked to join the same groups. And the kernel's multicast routes: from the agent's start until
-// all are told, beside a program that only reads them. Last, how often it wakes up at rest. Needs
-// root.
+// The whole agent in a throw-away network. From SIGHUP to the last group in
+// an upstream bridge's table: reading the file, the library, the packets and the bridge's learning.
+// Beside it what a program needs that sends the same packets and does nothing else, and what the
+// kernel does that is asked to join the same groups. The kernel's multicast routes: from the
+// agent's start until all are told, beside a program that only reads them. And how often the agent
+// wakes up at rest. Needs root.
 #include "agent/Process.h"
 #include "agent/kernel/MulticastRouter.h"
 #include "agent/loop/FileDescriptor.h"
@@ -21,6 +21,7 @@
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <linux/rtnetlink.h>
+#include <map>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <string>
@@ -102,7 +103,7 @@ std::string ruleOver(std::size_t groups) {
 }
 
 [[noreturn]] void fail(std::string const& why) {
-    std::fprintf(stderr, "ihproxy_reload_bench: %s\n", why.c_str());
+    std::fprintf(stderr, "ihproxy_agent_bench: %s\n", why.c_str());
     std::exit(1);
 }
 
@@ -226,7 +227,7 @@ Took ofSender(std::size_t groups, Frames const& frames) {
 
 /// Each socket has a list of its groups, which the kernel searches: as many as a careful program
 /// would give it.
-Took ofKernel(std::size_t groups, Frames&) {
+Took ofKernel(std::size_t groups) {
     constexpr std::size_t groupsOfSocket = 128;
     World const world;
     std::vector<Agent::FileDescriptor> sockets;
@@ -262,7 +263,7 @@ class RoutedWorld : public Testing::Netns {
     Agent::MulticastRouter router_{*this, {"up0"}};
 };
 
-Took ofRoutes(std::size_t routes, Frames&) {
+Took ofRoutes(std::size_t routes) {
     RoutedWorld const world(routes);
     auto const wire = packetSocket(world.farName(), "down0");
     Testing::Folder const folder;
@@ -280,7 +281,7 @@ Took ofRoutes(std::size_t routes, Frames&) {
     return {wall.count(), processorSeconds(agent.pid())};
 }
 
-Took ofDump(std::size_t routes, Frames&) {
+Took ofDump(std::size_t routes) {
     RoutedWorld const world(routes);
     Testing::Netns::Inside const inside(world.nearName());
     Agent::FileDescriptor const kernel(socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE));
@@ -311,14 +312,9 @@ double wakeUpsAtRest(std::size_t groups) {
     folder.write("ihproxyd.toml", ruleOver(groups));
     std::optional<Testing::Process> agent;
     world.secondsToLast(groups, [&] { agent.emplace(folder, world.nearName(), agentIn(folder)); });
-    auto const wakeUps = [&] {
-        std::ifstream status("/proc/" + std::to_string(agent->pid()) + "/status");
-        for (std::string word; status >> word;)
-            if (long count = 0; word == "voluntary_ctxt_switches:" && status >> count) return count;
-        fail("the agent has ended");
-    };
+    auto const wakeUps = [&] { return agent->statusField("voluntary_ctxt_switches", 10); };
     std::this_thread::sleep_for(std::chrono::seconds(5));
-    long const before = wakeUps();
+    auto const before = wakeUps();
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
     return double(wakeUps() - before) / seconds;
 }
@@ -341,7 +337,7 @@ Took ofFive(std::function<Took()> const& measure) {
 int main() {
     std::string const unavailable = Testing::Netns::unavailableReason();
     if (!unavailable.empty()) fail(unavailable);
-    Frames frames[2];
+    std::map<std::size_t, Frames> sent; // by the agent, of so many groups
     auto const titles = [](char const* what) {
         std::printf("| milliseconds %s | 10,000: processor | wall clock | 65,536: processor | wall "
                     "clock |\n|---|---|---|---|---|\n",
@@ -350,7 +346,7 @@ int main() {
     auto const row = [&](char const* name, auto measure) {
         std::printf("| %s |", name);
         for (std::size_t const groups : {std::size_t(10000), std::size_t(65536)}) {
-            Took const took = ofFive([&] { return measure(groups, frames[groups > 10000]); });
+            Took const took = ofFive([&] { return measure(groups); });
             std::printf(" %.0f | %.0f |", 1e3 * took.processor, 1e3 * took.wall);
             std::fflush(stdout);
         }
@@ -358,11 +354,11 @@ int main() {
     };
     titles("until the bridge knows all groups");
     row("agent, one rule",
-        [](std::size_t groups, Frames& sent) { return ofAgent(groups, ruleOver(groups), sent); });
-    row("agent, single groups", [](std::size_t groups, Frames& sent) {
-        return ofAgent(groups, singleGroups(groups), sent);
-    });
-    row("bare sender of the same packets", ofSender);
+        [&](std::size_t groups) { return ofAgent(groups, ruleOver(groups), sent[groups]); });
+    row("agent, single groups",
+        [&](std::size_t groups) { return ofAgent(groups, singleGroups(groups), sent[groups]); });
+    row("bare sender of the same packets",
+        [&](std::size_t groups) { return ofSender(groups, sent[groups]); });
     row("the kernel's own joins", ofKernel);
     std::printf("\n");
     titles("until all routes of the kernel are told");
