@@ -3,7 +3,7 @@
 // Beside it what a program needs that sends the same packets and does nothing else, and what the
 // kernel does that is asked to join the same groups. The kernel's multicast routes: from the
 // agent's start until all are told, beside a program that only reads them. And how often the agent
-// wakes up at rest. Needs root.
+// wakes up at rest. Another build of the agent may be named. Needs root.
 #include "agent/Process.h"
 #include "agent/kernel/MulticastRouter.h"
 #include "agent/loop/FileDescriptor.h"
@@ -184,9 +184,11 @@ class World : public Testing::Netns {
     BridgeQuery bridge_{farName()};
 };
 
+std::string agentProgram = IHPROXYD;
+
 /// The command that runs the agent with the files of a folder.
 std::vector<std::string> agentIn(Testing::Folder const& folder) {
-    return {IHPROXYD, "--config", folder.file("ihproxyd.toml"), "--control",
+    return {agentProgram, "--config", folder.file("ihproxyd.toml"), "--control",
             folder.file("control")};
 }
 
@@ -337,7 +339,9 @@ Took ofFive(std::function<Took()> const& measure) {
 
 } // namespace
 
-int main() {
+int main(int count, char** arguments) {
+    if (count > 2) fail("usage: ihproxy_agent_bench [AGENT]");
+    if (count > 1) agentProgram = arguments[1];
     std::string const unavailable = Testing::Netns::unavailableReason();
     if (!unavailable.empty()) fail(unavailable);
     std::map<std::size_t, Frames> sent; // by the agent, of so many groups

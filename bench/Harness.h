@@ -106,12 +106,17 @@ inline void expectSameLines(Pair const& pair) {
     fail("the floor does not write the lines that the library writes");
 }
 
+/// What this process has of the heap from now on is given back to nobody.
+inline void keepHeap() {
+    mallopt(M_MMAP_MAX, 0);
+    mallopt(M_TRIM_THRESHOLD, -1);
+}
+
 /// In one process whose heap was touched beforehand, and is given back to nobody. `floor` may be
 /// null.
 inline Pair touched(Take floor, Take library, std::uint32_t items, unsigned samples) {
     return inChild([&] {
-        mallopt(M_MMAP_MAX, 0);
-        mallopt(M_TRIM_THRESHOLD, -1);
+        keepHeap();
         std::size_t const room = std::size_t(items) * 2048 + (std::size_t(64) << 20);
         void* const heap = std::malloc(room);
         if (!heap) fail("no memory");
