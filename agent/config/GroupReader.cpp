@@ -65,22 +65,25 @@ class GroupReader {
 
     /// Gives each group that has no entry of its own that with the longest prefix.
     void doExpand() {
-        std::ranges::stable_sort(entries_, [](Entry const& a, Entry const& b) {
-            return std::tuple(a.first, b.last) < std::tuple(b.first, a.last);
+        std::vector<Entry*> sorted; // an entry is long, and would be moved often
+        sorted.reserve(entries_.size());
+        for (Entry& entry : entries_) sorted.push_back(&entry);
+        std::ranges::stable_sort(sorted, [](Entry const* a, Entry const* b) {
+            return std::tuple(a->first, b->last) < std::tuple(b->first, a->last);
         });
         // Those that hold the group at hand: each lies within the one before it.
         std::vector<Entry*> around;
         interface_.groups.reserve(entries_.size() + count());
-        auto at = entries_.begin();
+        auto at = sorted.begin();
         for (std::uint64_t group = 0;; ++group) {
             while (!around.empty() && around.back()->last < group) around.pop_back();
-            if (around.empty() && at == entries_.end()) return;
-            if (around.empty()) group = at->first;
-            for (; at != entries_.end() && at->first == group; ++at) {
-                if (!around.empty() && around.back()->first == at->first &&
-                    around.back()->last == at->last)
-                    reportTwice(at->key);
-                around.push_back(&*at);
+            if (around.empty() && at == sorted.end()) return;
+            if (around.empty()) group = (*at)->first;
+            for (; at != sorted.end() && (*at)->first == group; ++at) {
+                if (!around.empty() && around.back()->first == (*at)->first &&
+                    around.back()->last == (*at)->last)
+                    reportTwice((*at)->key);
+                around.push_back(*at);
             }
             Entry& least = *around.back();
             interface_.groups.add(Lox::IpAddr::fromHost(std::uint32_t(group)),
