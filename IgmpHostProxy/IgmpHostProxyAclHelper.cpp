@@ -144,13 +144,11 @@ void IgmpHostProxyAclHelper::doApplyTo(Lox::IpAddr group, Acl::UniqueId id,
     IHP_TRACE(7, "%::handleRule( % ): Rule type: %", self, id, rule.action);
     if (effect.include) {
         contribution->includeSourceListIs(effect.source);
-        machine_->entryIs(entry.get());
-        machine_->countedIs(&counted);
+        machine_->prepareAdd(entry.get(), &counted);
         machine_->addIncludeSourceGroup(effect.source, group);
     } else {
         contribution->excludeSourceListIs(effect.source);
-        machine_->entryIs(entry.get());
-        machine_->countedIs(&counted);
+        machine_->prepareAdd(entry.get(), &counted);
         machine_->addExcludeSourceGroup(effect.source, group);
     }
 }

@@ -175,7 +175,7 @@ void IgmpHostProxyIntfSm::NexGroupSourceListConfig::handleIncludeSourceList(Lox:
     doEnsureEntry();
     // Whoever hears of the entry may take the source back.
     if (!includeHas(source)) return;
-    machine()->entryIs(entry_.get());
+    machine()->prepareAdd(entry_.get());
     machine()->addIncludeSourceGroup(source, group());
 }
 
@@ -184,7 +184,7 @@ void IgmpHostProxyIntfSm::NexGroupSourceListConfig::handleExcludeSourceList(Lox:
     if (!machine()->intfStatus() || !excludeHas(source)) return;
     doEnsureEntry();
     if (!excludeHas(source)) return;
-    machine()->entryIs(entry_.get());
+    machine()->prepareAdd(entry_.get());
     machine()->addExcludeSourceGroup(source, group());
 }
 

@@ -113,13 +113,15 @@ class IgmpHostProxyIntfSm : public Nex::PtrInterface {
     void removeIncludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group);
     void removeExcludeSourceGroup(Lox::IpAddr source, Lox::IpAddr group);
 
-    /// Has the add that is called next set `*counted` once its reference is counted: what it throws
-    /// may come before that or after, and the count, which others change meanwhile, can't tell.
-    /// Good for one add, and not owned: it outlives that.
-    void countedIs(bool* counted) { counted_ = counted; }
-    /// Tells the add that is called next the status entry of its group, which it need not look for
-    /// then. Good for one add, not held, and nobody is told of anything in between.
-    void entryIs(GroupSource* entry) { entry_ = entry; }
+    /// For the add that is called next, and for no other: the status entry of its group, which it
+    /// need not look for then, and where to tell that its reference is counted; what it throws may
+    /// come before that or after, and the count, which others change meanwhile, can't tell. Neither
+    /// is held, and nobody is told of anything in between. They are no arguments of the adds, whose
+    /// traces show what their signature is.
+    void prepareAdd(GroupSource* entry, bool* counted = nullptr) {
+        entry_ = entry;
+        counted_ = counted;
+    }
 
     // The counts as they are. Changing them by hand changes no group, and makes a pair without a
     // count pass for a route's.
