@@ -72,12 +72,12 @@ Daemon::Daemon(Options options, Configuration configuration,
                std::vector<InterfaceState> const& former)
     : options_(std::move(options)),
       writer_(state_),
-      keeper_(loop_, options_.stateFile, [this] { return hosts_->heldWalk(); }),
+      keeper_(loop_, options_.stateFile, [this] { return ports_->heldWalk(); }),
       reloader_(loop_, *this, options_.configurationFile) {
     doFollowSignals();
     sourceIntfSm_.make(state_.sourceIntfSm, this);
     root_ = state_.makeRoot();
-    hosts_ = Nex::newObject<PortRegistry>(
+    ports_ = Nex::newObject<PortRegistry>(
         state_, loop_,
         [this](std::string const& name, std::string const& space) { return locate(name, space); },
         [this](std::string const& name, Lox::IpAddr group, bool joined) {
@@ -89,19 +89,19 @@ Daemon::Daemon(Options options, Configuration configuration,
     vrfs_ =
         std::make_unique<VrfRegistry>(state_, loop_, obstacles_, [this](std::string const& name) {
             patterns_.handleInterface(name);
-            hosts_->handleDevice(name);
+            ports_->handleDevice(name);
         });
     if (!options_.statusFile.empty())
         statusFile_.emplace(loop_, options_.statusFile, [this] {
-            return std::make_unique<StatusPart>(state_.status, hosts_->statusPart(), obstacles_);
+            return std::make_unique<StatusPart>(state_.status, ports_->statusPart(), obstacles_);
         });
     loop_.onExhaustion([this] { handleExhaustion(); });
     doFollowTime();
-    hosts_->addFormer(former);
+    ports_->addFormer(former);
     doConfigure(std::move(configuration));
-    view_.emplace(AgentView{state_, writer_, *vrfs_, *hosts_, root_, obstacles_, loop_, reloader_,
+    view_.emplace(AgentView{state_, writer_, *vrfs_, *ports_, root_, obstacles_, loop_, reloader_,
                             EventLoop::now()});
-    differ_.emplace(loop_, reloader_, static_cast<Reloader::Target&>(*this), *hosts_);
+    differ_.emplace(loop_, reloader_, static_cast<Reloader::Target&>(*this), *ports_);
     doOpenControl();
 }
 
@@ -139,8 +139,8 @@ void Daemon::doServeMetrics(std::string const& listen) {
     }
 }
 
-/// The hosts go first: they would look for their interfaces while the VRFs are being taken apart.
-Daemon::~Daemon() { hosts_ = nullptr; }
+/// The ports go first: they would look for their interfaces while the VRFs are being taken apart.
+Daemon::~Daemon() { ports_ = nullptr; }
 
 void Daemon::doFollowSignals() {
     // First those that end the agent: reloads without end must not keep them waiting.
@@ -154,17 +154,17 @@ void Daemon::doFollowTime() {
     loop_.onTime(
         [this]() -> std::optional<double> {
             double const next = std::min({state_.clock->nextExpiry(),
-                                          state_.timerWheel->nextExpiry(), hosts_->nextExpiry()});
+                                          state_.timerWheel->nextExpiry(), ports_->nextExpiry()});
             return next == Nex::never ? std::nullopt : std::optional(next);
         },
         [this](double now) {
             state_.clock->timeIs(now);
             state_.timerWheel->timeIs(now);
-            hosts_->advance(now);
+            ports_->advance(now);
         });
     loop_.atEndOfTurn([this] { followPatterns(); });
     // Two hooks: a port that fails keeps the agent neither from ending nor from saying what fails.
-    loop_.atEndOfTurn([this] { hosts_->handleTurn(EventLoop::now()); });
+    loop_.atEndOfTurn([this] { ports_->handleTurn(EventLoop::now()); });
     loop_.atEndOfTurn([this] { handleTurn(); });
 }
 
@@ -191,7 +191,7 @@ IgmpHostPort::Location Daemon::locate(std::string const& name,
 /// Groups go while a configuration is put in force because of what the one before asked for.
 std::string Daemon::causeOf(std::string const& name, Lox::IpAddr group, bool joined) const {
     if (joined) return originText(writer_.configuration(), name, group);
-    return hosts_->changes().begun() ? originText(writer_.before(), name, group)
+    return ports_->changes().begun() ? originText(writer_.before(), name, group)
                                      : originNames.back();
 }
 
@@ -215,7 +215,7 @@ void Daemon::doConfigure(Configuration configuration) {
         writer_.applyConfiguration(std::move(configuration));
         if (damaged_) return doRebuild();
         vrfs_->applyConfiguration(writer_.configuration());
-        hosts_->handleConfiguration();
+        ports_->handleConfiguration();
         for (auto const& released : writer_.released()) {
             Nex::Ptr const machine = root_->igmpHostProxyIntfSm(Lox::IntfId(released.interface));
             if (machine) machine->doReleaseGroups(released.groups);
@@ -229,7 +229,7 @@ void Daemon::doConfigure(Configuration configuration) {
 
 /// The machines go, and all that they have written.
 void Daemon::doDismantle() {
-    hosts_->doDetach();
+    ports_->doDetach();
     root_ = nullptr;
     state_.hostDir->igmpHostDelAll();
     state_.hostStatusDir->igmpHostStatusDelAll();
@@ -245,12 +245,12 @@ void Daemon::doRebuild() {
     doDismantle();
     writer_.doRewrite([this] {
         root_ = state_.makeRoot();
-        hosts_->doAttach();
+        ports_->doAttach();
     });
     vrfs_->applyConfiguration(writer_.configuration());
     vrfs_->doRenew();
-    hosts_->doEndRebuild();
-    hosts_->handleConfiguration();
+    ports_->doEndRebuild();
+    ports_->handleConfiguration();
     damaged_ = false;
     rebuild_.disarm();
     log(LogLevel::warning, "everything was built anew after a failure");
@@ -273,7 +273,7 @@ void Daemon::followPatterns() {
 }
 
 void Daemon::handleTurn() {
-    if (hosts_->takeHeldChange()) {
+    if (ports_->takeHeldChange()) {
         keeper_.handleChange();
         service_.handleChange();
     }
@@ -281,11 +281,11 @@ void Daemon::handleTurn() {
         if (keeper_.doWriteAtOnce()) return doEnd();
         keeping_ = false;
         log(LogLevel::warning, "the groups are left, for nothing would tell the next run of them");
-        hosts_->doEnd(EventLoop::now());
+        ports_->doEnd(EventLoop::now());
     }
-    if (hosts_->ended()) {
+    if (ports_->ended()) {
         // Before it was ready, what an earlier run announced was not left.
-        if (ready_ && hosts_->takeOwing())
+        if (ready_ && ports_->takeOwing())
             keeper_.doWriteAtOnce();
         else if (ready_)
             keeper_.doRemove();
@@ -300,11 +300,11 @@ void Daemon::handleTurn() {
     if (ready_ || ending_ || !vrfs_->synchronized()) return;
     ready_ = true;
     // What an earlier run announced, where nobody asks for it now, waits for this.
-    hosts_->handleConfiguration();
+    ports_->handleConfiguration();
     doSayReady();
     serviceNotify("READY=1");
-    log(LogLevel::debug, "ready, {} groups announced so far", hosts_->memberCount());
-    hosts_->handleTurn(EventLoop::now());
+    log(LogLevel::debug, "ready, {} groups announced so far", ports_->memberCount());
+    ports_->handleTurn(EventLoop::now());
     service_.doTell();
 }
 
@@ -337,7 +337,7 @@ std::size_t Daemon::usableCount() const {
 
 /// For the service manager.
 std::string Daemon::statusText() const {
-    std::size_t const groups = hosts_->memberCount();
+    std::size_t const groups = ports_->memberCount();
     std::string const obstacle = obstacles_.text();
     return fmt::format("{} of {} interfaces up, {} group{}{}{}", usableCount(),
                        writer_.configuration().interfaces.size(), groups, groups == 1 ? "" : "s",
@@ -389,7 +389,7 @@ bool Daemon::leavesAll(Configuration const& configuration) const {
     bool any = false;
     bool kept = false; // for the forwarding table
     for (auto const& item : writer_.configuration().interfaces) {
-        IgmpHostPort const* const port = hosts_->port(item.first);
+        IgmpHostPort const* const port = ports_->port(item.first);
         if (!port) continue;
         any |= port->engine().memberCount() > 0;
         if (configuration.entryFor(item.first))
@@ -400,7 +400,7 @@ bool Daemon::leavesAll(Configuration const& configuration) const {
 }
 
 nlohmann::json Daemon::changesJson() const {
-    ChangeCounts const counts = changeCounts(*hosts_);
+    ChangeCounts const counts = changeCounts(*ports_);
     return {{"joined", counts.joined}, {"left", counts.left}, {"changed", counts.changed}};
 }
 
@@ -416,7 +416,7 @@ void Daemon::doStop(bool keepGroups) {
     if (std::exchange(ending_, true)) return;
     serviceNotify("STOPPING=1");
     keeping_ = keepGroups && !options_.stateFile.empty();
-    if (!keeping_) hosts_->doEnd(EventLoop::now());
+    if (!keeping_) ports_->doEnd(EventLoop::now());
 }
 
 void Daemon::doEnd() {

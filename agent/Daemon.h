@@ -100,9 +100,9 @@ class Daemon : private Reloader::Target {
     bool settled() const override;
     bool leavesAll(Configuration const& configuration) const override;
     bool selectsHere(Configuration const& configuration) const;
-    void beginChanges() override { hosts_->beginChanges(); }
+    void beginChanges() override { ports_->beginChanges(); }
     nlohmann::json changesJson() const override;
-    void endChanges() override { hosts_->endChanges(); }
+    void endChanges() override { ports_->endChanges(); }
 
     void doConfigure(Configuration configuration);
     void doFollowConfiguration();
@@ -121,7 +121,7 @@ class Daemon : private Reloader::Target {
     Obstacles obstacles_;
     Nex::Owned<NexSourceIntfSm> sourceIntfSm_;
     Nex::Ptr<IgmpHostProxy::IgmpHostProxySm> root_;
-    Nex::Ptr<PortRegistry> hosts_;
+    Nex::Ptr<PortRegistry> ports_;
     std::unique_ptr<VrfRegistry> vrfs_;
     StateKeeper keeper_;
     std::optional<StatusFile> statusFile_;

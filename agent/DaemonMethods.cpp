@@ -71,7 +71,7 @@ json Daemon::statusJson() const {
             {"configuration", reloader_.statusJson()},
             {"interfaces",
              {{"total", writer_.configuration().interfaces.size()}, {"up", usableCount()}}},
-            {"groups", hosts_->memberCount()},
+            {"groups", ports_->memberCount()},
             {"logLevel", nameOf(logLevel())},
             {"obstacles", std::move(obstacles)}};
 }
@@ -108,7 +108,7 @@ RpcMethods Daemon::methods() {
     };
     all["countersReset"] = {true,
                             [=, this](json const& params, RpcReply const& reply) {
-                                hosts_->doResetCounters(interfaceOf(params));
+                                ports_->doResetCounters(interfaceOf(params));
                                 reply.result(json::object());
                             },
                             {{"interface", text}}};

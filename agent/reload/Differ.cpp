@@ -50,9 +50,9 @@ void Differ::doRehearse(ConfigurationReading found) {
         return;
     }
     loop_.atEndOfTurn([this] { target_.followPatterns(); });
-    loop_.atEndOfTurn([this] { hosts_.handleTurn(EventLoop::now()); });
+    loop_.atEndOfTurn([this] { ports_.handleTurn(EventLoop::now()); });
     loop_.atEndOfTurn([this] { handleCopyTurn(); });
-    hosts_.beginChanges();
+    ports_.beginChanges();
     target_.putInForce(std::move(found.configuration));
 }
 
@@ -62,21 +62,21 @@ void Differ::handleCopyTurn() {
 
 void Differ::doTell() {
     double now = EventLoop::now();
-    for (unsigned step = 0; step < mostSteps && hosts_.telling(); ++step) {
-        hosts_.advance(now += stepSeconds);
-        hosts_.handleTurn(now);
+    for (unsigned step = 0; step < mostSteps && ports_.telling(); ++step) {
+        ports_.advance(now += stepSeconds);
+        ports_.handleTurn(now);
     }
-    forChanges(hosts_, [this](auto const& interface, Lox::IpAddr group, auto const& before,
+    forChanges(ports_, [this](auto const& interface, Lox::IpAddr group, auto const& before,
                               auto const& after) {
         rehearsal_.add(changeText(interface, group, before, after));
     });
-    ChangeCounts const counts = changeCounts(hosts_);
+    ChangeCounts const counts = changeCounts(ports_);
     // Others are answers that are due anyway.
     bool const changed = counts.joined + counts.left + counts.changed > 0;
     rehearsal_.end(json{{"joined", counts.joined},
                         {"left", counts.left},
                         {"changed", counts.changed},
-                        {"kept", hosts_.memberCount() - counts.joined - counts.changed},
+                        {"kept", ports_.memberCount() - counts.joined - counts.changed},
                         {"packets", changed ? PacketSocket::mutedCount() : 0}}
                        .dump());
 }

@@ -17,11 +17,11 @@ namespace Agent {
 class Differ {
   public:
     /// All of them outlive this.
-    Differ(EventLoop& loop, Reloader const& reloader, Reloader::Target& target, PortRegistry& hosts)
+    Differ(EventLoop& loop, Reloader const& reloader, Reloader::Target& target, PortRegistry& ports)
         : loop_(loop),
           reloader_(reloader),
           target_(target),
-          hosts_(hosts),
+          ports_(ports),
           loader_(loop),
           rehearsal_(loop) {}
 
@@ -39,7 +39,7 @@ class Differ {
     EventLoop& loop_;
     Reloader const& reloader_;
     Reloader::Target& target_;
-    PortRegistry& hosts_;
+    PortRegistry& ports_;
     ConfigurationLoader loader_;
     Rehearsal rehearsal_;
     std::string file_;
