@@ -1,5 +1,6 @@
 #include "agent/config/Configuration.h"
 
+#include "agent/config/AccessListReader.h"
 #include "agent/config/AddressText.h"
 #include "agent/config/FilesReader.h"
 #include "agent/config/GroupReader.h"

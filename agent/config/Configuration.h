@@ -47,7 +47,7 @@
 #pragma once
 
 #include "Lox/IpAddr.h"
-#include "agent/config/AccessListReader.h"
+#include "agent/config/AccessList.h"
 #include "agent/config/Diagnostic.h"
 
 #include <algorithm>

@@ -4,7 +4,7 @@
 #pragma once
 
 #include "IgmpHostProxy/PlatformState.h"
-#include "agent/config/AccessListReader.h"
+#include "agent/config/AccessList.h"
 
 #include <functional>
 #include <map>

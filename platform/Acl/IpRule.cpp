@@ -1,4 +1,4 @@
-#include "Acl/AclConfig.h"
+#include "Acl/IpRule.h"
 
 #include <ostream>
 
