@@ -2,6 +2,7 @@
 
 #include "agent/answers/Groups.h"
 #include "agent/answers/Metrics.h"
+#include "agent/control/JsonRpc.h"
 #include "agent/control/UnixSocket.h"
 #include "agent/loop/Log.h"
 #include "agent/loop/ServiceManager.h"

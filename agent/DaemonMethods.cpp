@@ -10,11 +10,13 @@
 #include "agent/answers/Trace.h"
 #include "agent/answers/Why.h"
 #include "agent/config/AddressText.h"
+#include "agent/control/JsonRpc.h"
 #include "agent/loop/Log.h"
 #include "agent/loop/Printable.h"
 #include "agent/records/JsonStream.h"
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 namespace Agent {

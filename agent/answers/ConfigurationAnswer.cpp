@@ -1,6 +1,7 @@
 #include "agent/answers/ConfigurationAnswer.h"
 
 #include "agent/answers/Lists.h"
+#include "agent/control/JsonRpc.h"
 #include "agent/loop/Printable.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 // and patterns of interfaces as they were written, included files as if they were part of it.
 #pragma once
 
-#include "agent/control/ControlSession.h"
+#include "agent/control/RpcMethod.h"
 #include "agent/records/JsonStream.h"
 #include "agent/reload/ConfigurationLoader.h"
 

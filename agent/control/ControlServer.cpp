@@ -1,5 +1,6 @@
 #include "agent/control/ControlServer.h"
 
+#include "agent/control/ControlSession.h"
 #include "agent/control/UnixSocket.h"
 #include "agent/loop/Log.h"
 

@@ -2,14 +2,19 @@
 // JSON-RPC 2.0.
 #pragma once
 
-#include "agent/control/ControlSession.h"
+#include "agent/control/RpcMethod.h"
+#include "agent/loop/EventLoop.h"
+#include "agent/loop/FileDescriptor.h"
 
-#include <optional>
+#include <memory>
 #include <set>
 #include <string>
 #include <sys/types.h>
+#include <utility>
 
 namespace Agent {
+
+class ControlSession;
 
 class ControlServer {
   public:

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "agent/control/JsonRpc.h"
+#include "agent/control/RpcMethod.h"
 #include "agent/loop/Alarm.h"
 #include "agent/loop/FileDescriptor.h"
 #include "agent/records/JsonStream.h"
@@ -14,54 +15,12 @@
 #include <deque>
 #include <exception>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <sys/types.h>
 
 namespace Agent {
-
-class ControlSession;
-
-/// Where the answer to a request goes, if whoever asked still waits for it. Answered once. Where
-/// the last copy goes without that, because something failed on the way, the session ends: nobody
-/// waits for what never comes.
-class RpcReply {
-  public:
-    explicit RpcReply(std::weak_ptr<ControlSession> session);
-    /// `result` is an object.
-    void result(nlohmann::json const& result) const;
-    /// The same in pieces. What it walks must outlive it.
-    void result(std::unique_ptr<JsonPart> result) const;
-    void error(RpcError const& error) const;
-    /// Sends it as far as the client takes it now, for there will be no other turn.
-    void flush() const;
-
-  private:
-    struct Owed;
-
-    void doAnswer(char const* name, std::unique_ptr<JsonPart> content) const;
-
-    std::shared_ptr<Owed> owed_;
-};
-
-struct RpcParameter {
-    enum class Kind { text, number, count, truth };
-    char const* name;
-    Kind kind;
-    bool required = false;
-};
-
-/// What can be asked for.
-struct RpcMethod {
-    /// Not for everybody who can connect.
-    bool changes = false;
-    /// Answers now or later, once, or throws an RpcError. Parameters are of their kinds.
-    std::function<void(nlohmann::json const& params, RpcReply reply)> call;
-    std::vector<RpcParameter> parameters{};
-};
-using RpcMethods = std::map<std::string, RpcMethod>;
 
 class ControlSession : public std::enable_shared_from_this<ControlSession> {
   public:

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 #include <tuple>
 #include <vector>
 

@@ -3,7 +3,7 @@
 // file holds can so be compared line by line.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 
 namespace Ctl {

@@ -7,6 +7,7 @@
 #include <arpa/inet.h>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+#include <nlohmann/json.hpp>
 
 namespace Ctl {
 

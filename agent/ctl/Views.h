@@ -1,7 +1,7 @@
 // The agent's answers as text for people, one function for each question.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 
 namespace Ctl {

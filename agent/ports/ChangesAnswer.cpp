@@ -4,6 +4,7 @@
 #include "agent/records/JsonStream.h"
 
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
 namespace Agent {
 

@@ -6,7 +6,7 @@
 
 #include <cstddef>
 #include <memory>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 
 namespace Agent {

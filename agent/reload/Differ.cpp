@@ -1,6 +1,7 @@
 #include "agent/reload/Differ.h"
 
 #include "Nex/Error.h"
+#include "agent/control/JsonRpc.h"
 #include "agent/ports/ChangesAnswer.h"
 
 #include <fmt/format.h>
@@ -36,11 +37,12 @@ void Differ::ask(std::string file, RpcReply reply) {
 void Differ::doRehearse(ConfigurationReading found) {
     if (!found.valid())
         return doRefuse(fmt::format("{} cannot be put in force", file_), found.diagnostics);
-    answer_ = {{"file", file_}, {"diagnostics", toJson(found.diagnostics)}};
     std::string const objection = reloader_.objection(found, false);
-    answer_["refused"] = objection.empty() ? json() : json(objection);
-    bool const copy = rehearsal_.begin([this](std::string const& summary, FileDescriptor rows) {
-        handleEnd(summary, std::move(rows));
+    json const answer{{"file", file_},
+                      {"diagnostics", toJson(found.diagnostics)},
+                      {"refused", objection.empty() ? json() : json(objection)}};
+    bool const copy = rehearsal_.begin([=, this](std::string const& summary, FileDescriptor rows) {
+        handleEnd(answer, summary, std::move(rows));
     });
     if (!copy) { // a long one takes a while to free; without memory, here
         Nex::FirstError().attempt([&] {
@@ -81,10 +83,9 @@ void Differ::doTell() {
                        .dump());
 }
 
-void Differ::handleEnd(std::string const& summary, FileDescriptor rows) {
+void Differ::handleEnd(json answer, std::string const& summary, FileDescriptor rows) {
     if (summary.empty()) return doRefuse("the attempt did not come to its end");
     auto const reply = std::exchange(reply_, std::nullopt);
-    json answer = std::exchange(answer_, {});
     answer.update(json::parse(summary));
     reply->result(changesPart(std::move(answer), std::move(rows)));
 }

@@ -8,7 +8,7 @@
 #include "agent/reload/Rehearsal.h"
 #include "agent/reload/Reloader.h"
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 
@@ -33,7 +33,8 @@ class Differ {
     void doRehearse(ConfigurationReading found);
     void handleCopyTurn();
     [[noreturn]] void doTell();
-    void handleEnd(std::string const& summary, FileDescriptor rows);
+    /// `answer` as far as it is known without the copy.
+    void handleEnd(nlohmann::json answer, std::string const& summary, FileDescriptor rows);
     void doRefuse(std::string const& text, std::vector<Diagnostic> const& found = {});
 
     EventLoop& loop_;
@@ -44,7 +45,6 @@ class Differ {
     Rehearsal rehearsal_;
     std::string file_;
     std::optional<RpcReply> reply_; ///< to be answered
-    nlohmann::json answer_;         ///< as far as it is known
 };
 
 } // namespace Agent

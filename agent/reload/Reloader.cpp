@@ -1,6 +1,7 @@
 #include "agent/reload/Reloader.h"
 
 #include "Nex/Error.h"
+#include "agent/control/JsonRpc.h"
 #include "agent/loop/Log.h"
 #include "agent/loop/ServiceManager.h"
 

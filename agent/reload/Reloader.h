@@ -6,7 +6,7 @@
 // One alarm: it returns to the configuration before.
 #pragma once
 
-#include "agent/control/ControlSession.h"
+#include "agent/control/RpcMethod.h"
 #include "agent/loop/Alarm.h"
 #include "agent/reload/ConfigurationLoader.h"
 

@@ -2,6 +2,7 @@
 #include "Nex/Trace.h"
 #include "agent/answers/Trace.h"
 #include "agent/control/ControlServer.h"
+#include "agent/control/ControlSession.h"
 #include "agent/control/UnixSocket.h"
 #include "agent/loop/LoopFixture.h"
 #include "support/Folder.h"
