@@ -244,12 +244,17 @@ TEST_F(AgentControlTest, ConfigurationInForceAndInTheFileAreShownAlike) {
     folder.write("part.toml", "[interface.'p*']\nvrf = 'red'\n[interface.'[ab]']\n"
                               "[interface.'eth0.7'.group]\n'239.10.0.0' = {}\n'239.2.0.7' = "
                               "{ exclude = ['10.0.0.9'], include = ['10.0.0.8'] }\n"
-                              "'239.2.0.0/24' = { include = ['10.0.0.8'] }\n");
+                              "'239.2.0.0/24' = { include = ['10.0.0.8'] }\n"
+                              "[interface.'eth0.7']\nssm-only = true\nlarge-ranges = true\n"
+                              "robustness = 3\npackets-per-100-ms = 50\nvrf = 'blue'\n"
+                              "unsolicited-report-interval = 0.5\nigmp-version = 2\n"
+                              "require-router-alert = true\naccess-lists = ['iptv']\n");
     std::string const shown = shell("cat " IHP_SOURCES "/tests/agent/config/shown.toml").text;
-    start("include = ['*part.toml']\nallow-empty = true\n[vrf.red]\nnamespace = 'red'\n"
-          "[vrf.blue]\nnamespace = '/x/y'\n[interface.up0]\nssm-only = true\n"
-          "access-lists = ['iptv']\nunsolicited-report-interval = 0.5\nigmp-version = 2\n"
-          "robustness = 2\n[forwarding-table]\nrequire-output = true\nincoming = 'any'\n"
+    start("include = ['*part.toml']\nkeep-groups = true\nallow-empty = true\n"
+          "[vrf.red]\nnamespace = 'red'\n[vrf.green]\ndevice = 'vrf-green'\n"
+          "[vrf.blue]\nnamespace = '/x/y'\n[interface.up0]\nrobustness = 2\nvrf = 'default'\n"
+          "[forwarding-table]\nrequire-output = false\nincoming = 'any'\n"
+          "[metrics]\nlisten = '127.0.0.1:9643'\n[control]\ngroup = 'daemon'\n"
           "[[access-list.iptv]]\nsequence = 20\naction = 'deny'\nsource = 'any'\n"
           "destination = '239.0.0.1/255.0.0.255'\n");
     EXPECT_EQ(ask("config").text, shown);

@@ -2,11 +2,15 @@
 #include "agent/config/Configuration.h"
 
 #include "agent/ConfigurationText.h"
+#include "agent/answers/ConfigurationAnswer.h"
+#include "agent/config/Keys.h"
 #include "support/Folder.h"
 
 #include <algorithm>
 #include <functional>
 #include <gtest/gtest.h>
+#include <iterator>
+#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 
 namespace Agent {
@@ -68,10 +72,10 @@ TEST(ConfigurationTest, RulesAboutAGroupAreFoundInTheirOrder) {
     EXPECT_EQ(list.groups(), 4u + 2u + 65536u) << "a range twice counts once";
 }
 
-/// Behind each faulty line of the files in IHP_FAULTS stands all that is said of it, as comments
+/// Behind each faulty line of the files below faults/ stands all that is said of it, as comments
 /// "#! COLUMN LEVEL: TEXT". Infos are said behind all else.
 TEST(ConfigurationTest, EachFaultyLineIsReportedAtItsPlace) {
-    for (auto const& entry : std::filesystem::directory_iterator(IHP_FAULTS)) {
+    for (auto const& entry : std::filesystem::directory_iterator(IHP_TEXTS "/faults")) {
         std::ifstream file(entry.path());
         std::string text;
         Lines expected;
@@ -94,6 +98,36 @@ TEST(ConfigurationTest, EachFaultyLineIsReportedAtItsPlace) {
         EXPECT_EQ(diagnosticLines(reading), expected) << entry.path();
         EXPECT_EQ(reading.valid(), std::ranges::none_of(expected, is(": error: ")));
     }
+}
+
+/// What holds anyway is not shown, so the file gives each key another value.
+TEST(ConfigurationTest, EachKeyIsShown) {
+    using nlohmann::json;
+    std::ifstream file(IHP_TEXTS "/shown.toml");
+    ConfigurationReading const reading =
+        configurationParse(std::string(std::istreambuf_iterator<char>(file), {}), "f");
+    ASSERT_TRUE(reading.valid());
+    JsonStream stream(
+        configurationAnswer("f", [&]() -> Configuration const& { return reading.configuration; }));
+    while (stream.next()) {
+    }
+    json shown = json::parse(stream.take()).at("configuration");
+    shown["include"] = "as if it were part of the file";
+    shown.at("vrf").at("blue").update(shown.at("vrf").at("green")); // one key keeps out the other
+    std::pair<KeyTable const&, char const*> const sections[] = {
+        {fileKeys, ""},
+        {interfaceKeys, "/interface/eth0.7"},
+        {groupKeys, "/interface/eth0.7/group/239.2.0.7"},
+        {ruleKeys, "/access-list/iptv/0"},
+        {controlKeys, "/control"},
+        {forwardingTableKeys, "/forwarding-table"},
+        {metricsKeys, "/metrics"},
+        {vrfKeys, "/vrf/blue"},
+    };
+    for (auto const& [table, place] : sections)
+        for (Key const& key : table.keys)
+            EXPECT_TRUE(shown.at(json::json_pointer(place)).contains(std::string(key.name)))
+                << table.header << ' ' << key.name;
 }
 
 TEST(ConfigurationTest, OfOneKindTheFirstAreShownAndTheRestCounted) {
