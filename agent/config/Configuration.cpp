@@ -44,7 +44,7 @@ bool isInterfacePattern(std::string_view name) {
 }
 
 /// A name as `ip netns` takes it, or a path.
-bool isNamespace(std::string_view name) {
+bool isNamespaceName(std::string_view name) {
     if (name.find('/') == std::string_view::npos) return isFileName(name);
     return name.size() < PATH_MAX && name.find('\0') == std::string_view::npos;
 }
@@ -104,7 +104,7 @@ class ConfigurationReader {
         auto const device = section.text("device");
         if (!device) {
             auto const space = section.text("namespace").value_or(name);
-            if (!isNamespace(space.value))
+            if (!isNamespaceName(space.value))
                 reportFound(space, "the name of a namespace as in ip netns, or a path",
                             diagnostics_);
             return {space.value, {}};

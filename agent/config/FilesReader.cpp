@@ -36,7 +36,7 @@ bool unchanged(struct stat const& a, struct stat const& b) {
 }
 
 /// Reads up to `most` bytes. Throws std::runtime_error with the reason.
-std::string contentOf(std::string const& path, std::size_t most, struct stat& status) {
+std::string readContent(std::string const& path, std::size_t most, struct stat& status) {
     // To open a pipe would wait for a writer, and to read it again find it empty.
     FileDescriptor const file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (file.get() < 0 || fstat(file.get(), &status) < 0) fail(errno);
@@ -150,7 +150,7 @@ class FilesReader {
     std::optional<toml::table> readFile(std::string const& path, Position const& included) {
         try {
             struct stat status {};
-            std::string const content = contentOf(path, mostBytes - bytes_, status);
+            std::string const content = readContent(path, mostBytes - bytes_, status);
             if (std::ranges::any_of(
                     files_, [&](auto const& file) { return sameFile(file.status, status); })) {
                 reportFound({path, included}, "each file once", diagnostics_);

@@ -46,7 +46,7 @@ std::vector<int> openDescriptors() {
 }
 
 /// Of the kernel's: to look into it disturbs nobody.
-bool isNamespace(int fd) {
+bool leadsToNamespace(int fd) {
     struct statfs status {};
     return fstatfs(fd, &status) == 0 && status.f_type == NSFS_MAGIC;
 }
@@ -104,7 +104,7 @@ void Rehearsal::doCutOff() {
     for (int const fd : openDescriptors())
         if (fd <= STDERR_FILENO)
             checked(dup2(null.get(), fd), "dup2");
-        else if (!kept.contains(fd) && !isNamespace(fd))
+        else if (!kept.contains(fd) && !leadsToNamespace(fd))
             checked(dup3(nowhere.get(), fd, O_CLOEXEC), "dup3");
     loop_.doBecomeCopy();
 }

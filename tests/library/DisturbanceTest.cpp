@@ -230,7 +230,7 @@ Nex::Ptr<Disturber> disturb(World const& world, unsigned at, std::function<void(
 }
 
 /// Plays the scenario, disturbed at one notification. Whether that came.
-bool play(Scenario const& scenario, Change const& change, Undone undone, unsigned at) {
+bool playDisturbed(Scenario const& scenario, Change const& change, Undone undone, unsigned at) {
     Life life;
     life.doEvents(scenario.before);
     auto const disturber = disturb(life, at, [&] {
@@ -266,7 +266,7 @@ TEST_P(Disturbance, EndsAsAFreshStartOnTheSameInputs) {
             for (bool disturbed = true; disturbed; at += stride) {
                 SCOPED_TRACE(GetParam().title + ", " + change.name + " at " + std::to_string(at) +
                              " undone " + std::to_string(undone));
-                disturbed = play(GetParam(), change, undone, at);
+                disturbed = playDisturbed(GetParam(), change, undone, at);
             }
             EXPECT_GT(at, 5u);
         }
