@@ -46,10 +46,12 @@ struct std::hash<IgmpHostProxy::RuleKey> {
 namespace IgmpHostProxy {
 
 /// Knows effects and ranges, not rules: two rules that say the same count twice. Bits of a range's
-/// address outside its mask make no difference. It tells nobody and calls nobody.
+/// address outside its mask make no difference. It tells nobody and calls nobody, and holds plain
+/// values alone. Rules of one range and effect share an entry; neither copied nor moved.
 class RuleIndex {
   public:
-    /// Where memory is refused, nothing is counted.
+    /// Constant time but for what a `Map` takes to grow. Throws what inserting into one throws, and
+    /// nothing is counted then; an entry of no rules may stay, which counts as none.
     void add(RuleEffect effect, Lox::IpAddrWithFullMask range) {
         std::uint32_t* const rules =
             rules_.findOrInsert(keyOf(effect, range.mask(), range.address())).first;
@@ -58,14 +60,16 @@ class RuleIndex {
         ++*rules;
         ++*masks;
     }
-    /// Of a rule that was added, which nobody checks. Needs no memory.
+    /// Takes back a rule that was added, once for each time; nobody checks that it was. Needs no
+    /// memory.
     void del(RuleEffect effect, Lox::IpAddrWithFullMask range) {
         doDrop(rules_, keyOf(effect, range.mask(), range.address()));
         Masks& masks = *masks_.find(effect);
         doDrop(masks, range.mask());
         if (masks.empty()) masks_.take(effect);
     }
-    /// How many rules contribute the pair of the effect's source and the group.
+    /// How many rules contribute the pair of the effect's source and the group; 0 for none. One
+    /// lookup for each mask that rules of this effect have.
     std::uint32_t count(RuleEffect effect, Lox::IpAddr group) const {
         std::uint32_t rules = 0;
         if (Masks const* const masks = masks_.find(effect))

@@ -57,6 +57,7 @@ class LongTexts {
     static constexpr std::size_t capacity = 64 * 1024; // octets
 
     /// Where the text stands, counted in octets that were ever written. Cut at the capacity.
+    /// Allocates nothing, and takes time for each octet.
     std::uint64_t add(std::string_view text);
     /// Writes the text that was added there; "..." for what newer ones have taken the place of, be
     /// it in part.
@@ -173,7 +174,8 @@ inline char const* printUpToValue(char const* format, std::ostream& out) {
     return *at == '%' ? at + 1 : at;
 }
 
-/// What a trace point stores, by types: how its text is put together again.
+/// What a trace point stores, by types: how its text is put together again. A value that was left
+/// out leaves its place in the text empty.
 template <class... Values>
 struct Types {
     static void print(Point const& point, Payload const& payload, std::ostream& out) {
@@ -186,6 +188,9 @@ struct Types {
 };
 template <class... Values>
 Types<std::decay_t<Values>...> typesOf(Values const&...);
+
+// A trace point compares these two as it is compiled: a '%' too many would show nothing, and a
+// value too many would have no place.
 
 template <class... Values>
 constexpr unsigned countOf(Types<Values...>) {

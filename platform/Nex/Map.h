@@ -482,6 +482,8 @@ class SmallMap {
 
   public:
     SmallMap() = default;
+    /// Nobody walks `other`, which is empty afterwards. What was found in it stands elsewhere now,
+    /// unless it was large.
     SmallMap(SmallMap&& other) noexcept
         : used_(std::exchange(other.used_, std::uint8_t(0))),
           live_(std::exchange(other.live_, std::uint8_t(0))) {
@@ -637,7 +639,7 @@ using Set = Map<Key, Nothing>;
 template <class Key, std::size_t N = 4>
 using SmallSet = SmallMap<Key, Nothing, N>;
 
-/// The key of what a walk yields.
+/// The key of what a walk yields, valid as long as that.
 auto const& keyOf(auto const& yielded) {
     if constexpr (requires { yielded.key; })
         return yielded.key;
@@ -647,6 +649,7 @@ auto const& keyOf(auto const& yielded) {
 
 /// The keys of a set or the keys of a map in ascending order, as they are now. For who must go by
 /// that order, or wants a list that later changes leave alone; it costs a copy of all and the sort.
+/// Throws std::bad_alloc.
 template <class Cursor>
 auto sortedKeys(Walk<Cursor>&& walk) {
     std::vector<std::remove_cvref_t<decltype(keyOf(*walk.begin()))>> keys;

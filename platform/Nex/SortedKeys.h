@@ -8,23 +8,28 @@
 
 namespace Nex {
 
-/// Keys are copied as their bytes are. Nothing here is stable: a place is good until a key comes or
-/// goes.
+/// Keys are plain values in the order of `<`, of few octets each: they are moved about. To find one
+/// takes two binary searches. Runs that have become small are joined, so room is given back as keys
+/// go. Nothing is locked; reading changes nothing.
+///
+/// Nothing here is stable: a place and a key's reference are good until a key comes or goes.
 template <class Key>
 class SortedKeys {
   public:
     struct Place {
         std::size_t run = 0, at = 0;
     };
+    /// The place of the least key; the end where there is none.
     Place begin() const { return {}; }
     bool isEnd(Place place) const { return place.run == runs_.size(); }
     /// Of a place that is not the end, nor is that of next().
     Key const& key(Place place) const { return runs_[place.run][place.at]; }
+    /// The end behind the last key. Constant time.
     Place next(Place place) const {
         return place.at + 1 < runs_[place.run].size() ? Place{place.run, place.at + 1}
                                                       : Place{place.run + 1, 0};
     }
-    /// The place of the least key that is not below this one.
+    /// The place of the least key that is not below this one; the end where all are.
     Place lowerBound(Key const& key) const {
         std::size_t const run = runOf(key);
         if (run == runs_.size()) return {};
@@ -32,13 +37,15 @@ class SortedKeys {
         auto const at = std::size_t(std::lower_bound(keys.begin(), keys.end(), key) - keys.begin());
         return at < keys.size() ? Place{run, at} : Place{run + 1, 0};
     }
-    /// The place of the least key that is above this one.
+    /// The place of the least key that is above this one; the end where none is.
     Place upperBound(Key const& key) const {
         Place const place = lowerBound(key);
         return isEnd(place) || key < this->key(place) ? place : next(place);
     }
 
-    /// A key that is not there yet. Where memory is refused, nothing has changed.
+    /// A key that is not there yet, which nobody checks: it would stand there twice. Moves no more
+    /// than the keys of a run, and when one is full the list of runs. Throws std::bad_alloc, and
+    /// nothing has changed then.
     void insert(Key const& key) {
         if (runs_.empty()) {
             doAddRun(0, Run{key});
@@ -63,7 +70,8 @@ class SortedKeys {
         keys.insert(std::lower_bound(keys.begin(), keys.end(), key), key);
         firsts_[run] = keys.front();
     }
-    /// Whether the key was there. Allocates nothing.
+    /// Takes a key out, and returns whether it was there; one that was not is no error. Moves as
+    /// much as an insertion. Allocates nothing.
     bool erase(Key const& key) {
         Place const place = lowerBound(key);
         if (isEnd(place) || key < this->key(place)) return false;

@@ -11,6 +11,9 @@ namespace Nex {
 /// comes or goes costs a binary search and moves some neighbours; a lookup costs what it costs a
 /// `Map`. Each key stands in memory twice. Storing another value under a key that is there is no
 /// change of the keys.
+///
+/// What is found is lent until the next change, as of `Map`; what a walk yields is a copy. Neither
+/// copied nor moved.
 template <class Key, class Value>
 class SortedMap {
   public:
@@ -41,12 +44,13 @@ class SortedMap {
     }
 
     /// A place in the order of the keys, for walks that end and go on later. It finds its way on
-    /// whatever is inserted and removed: the
-    /// next key is the least one above the last. The key that it stands on may have gone meanwhile;
-    /// the map may not. A step costs next to nothing as long as no key comes or goes.
+    /// whatever is inserted and removed: the next key is the least one above the last. The key that
+    /// it stands on may have gone meanwhile; the map may not. A step costs next to nothing as long
+    /// as no key comes or goes, and a search once any has. Copies are positions of their own.
     class Position {
       public:
-        /// Stands on the least key, or on the least that is not below `from`.
+        /// Stands on the least key, or on the least that is not below `from`; at the end where
+        /// there is none.
         explicit Position(SortedMap const& map)
             : map_(&map), at_(map.order_.begin()), revision_(map.revision_) {
             doKeep();
@@ -55,6 +59,7 @@ class SortedMap {
             : map_(&map), at_(map.order_.lowerBound(from)), revision_(map.revision_) {
             doKeep();
         }
+        /// A position that has come to the end stays there, whatever is inserted.
         bool atEnd() const { return !key_; }
         /// A copy of its own. Not to be called at the end.
         Key const& key() const { return *key_; }
