@@ -65,10 +65,21 @@ Lox::IpAddr KernelInterface::primaryAddress() const {
     return (primary == addresses.end() ? addresses.front() : *primary).local;
 }
 
-std::map<int, KernelInterface>::const_iterator InterfaceTable::find(std::string_view name) const {
+std::string obstacleOf(KernelInterface const* kernel) {
+    if (!kernel) return "does not exist";
+    if (!kernel->up) return "is down";
+    return kernel->primaryAddress().isZero() ? "has no IPv4 address" : "";
+}
+
+KernelInterface const* InterfaceTable::interface(int ifindex) const {
+    auto const found = interfaces_.find(ifindex);
+    return found == interfaces_.end() ? nullptr : &found->second;
+}
+
+Device InterfaceTable::device(std::string_view name) const {
     auto const at = names_.lower_bound({std::string(name), INT_MIN});
-    return at == names_.end() || at->first != name ? interfaces_.end()
-                                                   : interfaces_.find(at->second);
+    if (at == names_.end() || at->first != name) return {};
+    return {at->second, interface(at->second)};
 }
 
 std::optional<int> InterfaceTable::readMessage(nlmsghdr const& message) {

@@ -50,13 +50,33 @@ struct KernelInterface {
     friend bool operator==(KernelInterface const&, KernelInterface const&) = default;
 };
 
+/// A kernel interface found by its name.
+struct Device {
+    int ifindex = 0; ///< 0 for none
+    KernelInterface const* kernel = nullptr;
+};
+
+/// What keeps an interface from being used, in words: null does not exist. Empty for nothing.
+std::string obstacleOf(KernelInterface const* kernel);
+/// The same of one that is there, but not in the VRF of that VRF device.
+inline std::string noPortOf(std::string const& vrfDevice) { return "is no port of " + vrfDevice; }
+
+/// Where an interface is now, and the namespace to open sockets in.
+struct Whereabouts {
+    bool followed = false; ///< whether anybody knows
+    Device device;
+    int namespaceFd = -1;
+};
+
 class InterfaceTable {
   public:
     /// By kernel index.
     std::map<int, KernelInterface> const& interfaces() const { return interfaces_; }
-    /// The interface of that name, or `interfaces().end()`. Where a dump has caught two in the
-    /// middle of a change of names, the one with the lower index.
-    std::map<int, KernelInterface>::const_iterator find(std::string_view name) const;
+    /// Null if there is none. Valid until the table changes.
+    KernelInterface const* interface(int ifindex) const;
+    /// The interface of that name, valid as long. Where a dump has caught two in the middle of a
+    /// change of names, the one with the lower index.
+    Device device(std::string_view name) const;
 
     /// Takes in an rtnetlink message. Returns the index of the interface that it changed, if any.
     /// Messages of other kinds change nothing; for a malformed one throws Nex::ParseException and

@@ -25,12 +25,6 @@ std::set<int> differences(std::map<int, KernelInterface> const& before,
 
 } // namespace
 
-std::string obstacleOf(KernelInterface const* kernel) {
-    if (!kernel) return "does not exist";
-    if (!kernel->up) return "is down";
-    return kernel->primaryAddress().isZero() ? "has no IPv4 address" : "";
-}
-
 KernelInterfaces::KernelInterfaces(InterfaceObserver onInterface, int namespaceFd)
     : onInterface_(std::move(onInterface)), netlink_(NETLINK_ROUTE, *this, namespaceFd) {
     // Subscribed first, so that no change falls between the dump and the notifications.
@@ -41,16 +35,6 @@ KernelInterfaces::KernelInterfaces(InterfaceObserver onInterface, int namespaceF
 
 void KernelInterfaces::doReopen() {
     if (netlink_.doReopen()) onReadAgain();
-}
-
-KernelInterface const* KernelInterfaces::interface(int ifindex) const {
-    auto const found = interfaces().find(ifindex);
-    return found == interfaces().end() ? nullptr : &found->second;
-}
-
-Device KernelInterfaces::device(std::string_view name) const {
-    auto const found = table_.find(name);
-    return found == interfaces().end() ? Device() : Device{found->first, &found->second};
 }
 
 void KernelInterfaces::onMessage(nlmsghdr const& message, bool ofDump) {

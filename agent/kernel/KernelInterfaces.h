@@ -9,24 +9,6 @@
 
 namespace Agent {
 
-/// A kernel interface found by its name.
-struct Device {
-    int ifindex = 0; ///< 0 for none
-    KernelInterface const* kernel = nullptr;
-};
-
-/// What keeps an interface from being used, in words: null does not exist. Empty for nothing.
-std::string obstacleOf(KernelInterface const* kernel);
-/// The same of one that is there, but not in the VRF of that VRF device.
-inline std::string noPortOf(std::string const& vrfDevice) { return "is no port of " + vrfDevice; }
-
-/// Where an interface is now, and the namespace to open sockets in.
-struct Whereabouts {
-    bool followed = false; ///< whether anybody knows
-    Device device;
-    int namespaceFd = -1;
-};
-
 class KernelInterfaces final : private Netlink::Observer {
   public:
     /// Told the index of an interface that is new, changed or gone; looks its state up again. What
@@ -48,10 +30,11 @@ class KernelInterfaces final : private Netlink::Observer {
 
     /// Whether everything has been read once. Before, the table is empty.
     bool synchronized() const { return synchronized_; }
+    /// What it shows is valid until the next receive().
+    InterfaceTable const& table() const { return table_; }
     std::map<int, KernelInterface> const& interfaces() const { return table_.interfaces(); }
-    /// Null if there is none. Valid until the next receive().
-    KernelInterface const* interface(int ifindex) const;
-    Device device(std::string_view name) const;
+    KernelInterface const* interface(int ifindex) const { return table_.interface(ifindex); }
+    Device device(std::string_view name) const { return table_.device(name); }
 
   private:
     void onMessage(nlmsghdr const& message, bool ofDump) override;

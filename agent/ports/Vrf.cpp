@@ -71,7 +71,7 @@ void Vrf::doStart(int namespaceFd) {
         place.networkNamespace = Lox::NamespaceName("ns-" + name_.stringValue());
     if (where_ != VrfConfiguration())
         state_.allVrfStatusLocal->vrfIs(name_)->networkNamespaceIs(place.networkNamespace);
-    interfaces_ = std::make_unique<InterfaceWriter>(
+    interfaces_ = std::make_unique<FollowedInterfaces>(
         state_, loop_, place, owns_, [this](std::string const& name) { handleInterface(name); });
     writer_ = std::make_unique<RouteWriter>(state_.mfibDir->keshColl(name_),
                                             "mroute-" + name_.stringValue());

@@ -7,7 +7,7 @@
 #include "agent/kernel/KernelRoutes.h"
 #include "agent/kernel/NamespaceWatch.h"
 #include "agent/ports/Obstacles.h"
-#include "agent/records/InterfaceWriter.h"
+#include "agent/records/FollowedInterfaces.h"
 #include "agent/records/RouteWriter.h"
 
 #include <map>
@@ -83,7 +83,7 @@ class Vrf {
     ForwardingTableConfiguration policy_;
     std::map<std::string, int> proxies_; ///< with the kernel index by which routes are filtered
     std::string obstacle_;               ///< why there are no interfaces
-    std::unique_ptr<InterfaceWriter> interfaces_;
+    std::unique_ptr<FollowedInterfaces> interfaces_;
     std::unique_ptr<RouteWriter> writer_;
     std::unique_ptr<KernelRoutes> routes_;
     std::uint32_t table_ = 0; ///< the number of theirs; 0 for none

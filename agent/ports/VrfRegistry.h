@@ -33,7 +33,7 @@ class VrfRegistry {
     void forInterfaces(Visit visit) const {
         for (auto const& [name, vrf] : vrfs_)
             if (vrf->interfaces())
-                for (auto const& item : vrf->interfaces()->kernelInterfaces())
+                for (auto const& item : vrf->interfaces()->links().interfaces())
                     if (vrf->interfaces()->has(item.second)) visit(name, item.second.name);
     }
     /// Whether a VRF has such an interface; nothing while that is not known.

@@ -1,36 +1,15 @@
 #include "agent/records/InterfaceWriter.h"
 
-#include <new>
-#include <sys/epoll.h>
+#include <utility>
 
 namespace Agent {
 
-InterfaceWriter::InterfaceWriter(IgmpHostProxy::PlatformState& state, EventLoop& loop, Place place,
-                                 Owns owns, Observer observer)
+InterfaceWriter::InterfaceWriter(IgmpHostProxy::PlatformState& state, Place place, Owns owns,
+                                 Observer observer)
     : state_(state),
-      loop_(loop),
       place_(std::move(place)),
       owns_(std::move(owns)),
-      observer_(std::move(observer)),
-      kernel_([this](int ifindex) { handleInterface(ifindex); }, place_.namespaceFd) {
-    doFollow();
-}
-
-InterfaceWriter::~InterfaceWriter() { loop_.unwatch(kernel_.fd()); }
-
-void InterfaceWriter::doFollow() {
-    loop_.watch(kernel_.fd(), EPOLLIN, [this](std::uint32_t) { kernel_.receive(); });
-}
-
-void InterfaceWriter::doRetry() {
-    if (kernel_.stalled()) doReopen();
-}
-
-void InterfaceWriter::doReopen() {
-    loop_.unwatch(kernel_.fd());
-    kernel_.doReopen();
-    doFollow();
-}
+      observer_(std::move(observer)) {}
 
 Lox::IpAddr InterfaceWriter::address(std::string const& name) const {
     KernelInterface const* const kernel = device(name).kernel;
@@ -40,37 +19,27 @@ Lox::IpAddr InterfaceWriter::address(std::string const& name) const {
 std::optional<std::string> InterfaceWriter::obstacle(std::string const& name) const {
     if (!synchronized()) return std::nullopt;
     KernelInterface const* const kernel = device(name).kernel;
-    if (!kernel && kernel_.device(name).kernel) return noPortOf(place_.vrfDevice);
+    if (!kernel && links().device(name).kernel) return noPortOf(place_.vrfDevice);
     return obstacleOf(kernel);
 }
 
 Device InterfaceWriter::device(std::string const& name) const {
-    Device const found = kernel_.device(name);
+    Device const found = links().device(name);
     return found.kernel && has(*found.kernel) ? found : Device();
 }
 
 bool InterfaceWriter::has(KernelInterface const& interface) const {
     return place_.vrfDevice.empty() ||
-           (interface.master != 0 && interface.master == kernel_.device(place_.vrfDevice).ifindex);
+           (interface.master != 0 && interface.master == links().device(place_.vrfDevice).ifindex);
 }
 
 std::uint32_t InterfaceWriter::vrfTable() const {
-    KernelInterface const* const kernel = kernel_.device(place_.vrfDevice).kernel;
+    KernelInterface const* const kernel = links().device(place_.vrfDevice).kernel;
     return kernel ? kernel->vrfTable : 0;
 }
 
-/// Whoever calls this logs what is thrown, and goes on.
-void InterfaceWriter::handleInterface(int ifindex) {
-    try {
-        doPublishInterface(ifindex);
-    } catch (std::bad_alloc const&) {
-        loop_.doReportExhaustion();
-        throw;
-    }
-}
-
 void InterfaceWriter::doPublishInterface(int ifindex) {
-    KernelInterface const* const kernel = kernel_.interface(ifindex);
+    KernelInterface const* const kernel = links().interface(ifindex);
     auto const known = names_.find(ifindex);
     std::string const before = known == names_.end() ? std::string() : known->second;
     if (kernel)
@@ -98,7 +67,7 @@ void InterfaceWriter::doPublishKernelInterface(int ifindex) {
     KernelNetInfo::Status* const table = state_.kni(place_.networkNamespace);
     if (!table) return;
     auto const index = std::uint32_t(ifindex);
-    if (KernelInterface const* const kernel = kernel_.interface(ifindex))
+    if (KernelInterface const* const kernel = links().interface(ifindex))
         table->interfaceIs(KernelNetInfo::InterfaceKey(index), {index, kernel->name, kernel->mac});
     else
         table->interfaceDel(KernelNetInfo::InterfaceKey(index));
@@ -116,12 +85,11 @@ void InterfaceWriter::doPublish(std::string const& name) {
     observer_(name);
 }
 
-void InterfaceWriter::doRenew() {
+void InterfaceWriter::doPublishAll() {
     std::map<int, std::string> const known = names_;
     for (auto const& [ifindex, name] : known) doPublishInterface(ifindex);
-    for (auto const& [ifindex, interface] : kernel_.interfaces())
+    for (auto const& [ifindex, interface] : links().interfaces())
         if (!known.contains(ifindex)) doPublishInterface(ifindex);
-    doReopen();
 }
 
 void InterfaceWriter::doPublishUsable(Lox::IntfId const& intfId, Lox::IpAddr usableAddress) {

@@ -1,11 +1,11 @@
-// The interfaces of one VRF: what the kernel says of its network namespace, written into the
+// The interfaces of one VRF: what is known of the links in its network namespace, written into the
 // platform's state. An interface that the configuration names is usable, and so listed, while its
-// link is up and it has an IPv4 address; every interface comes and goes on its own.
+// link is up and it has an IPv4 address; every interface comes and goes on its own. Whoever learns
+// of links (FollowedInterfaces.h) derives from this.
 #pragma once
 
 #include "IgmpHostProxy/PlatformState.h"
-#include "agent/kernel/KernelInterfaces.h"
-#include "agent/loop/EventLoop.h"
+#include "agent/kernel/InterfaceTable.h"
 
 #include <functional>
 #include <map>
@@ -28,17 +28,16 @@ class InterfaceWriter {
     /// Told the name of an interface that changed, after the state has been written.
     using Observer = std::function<void(std::string const& name)>;
 
-    /// Throws std::system_error where the kernel refuses. `state` and `loop` outlive this.
-    InterfaceWriter(IgmpHostProxy::PlatformState& state, EventLoop& loop, Place place, Owns owns,
-                    Observer observer);
-    ~InterfaceWriter();
+    /// `state` outlives this.
+    InterfaceWriter(IgmpHostProxy::PlatformState& state, Place place, Owns owns, Observer observer);
+    virtual ~InterfaceWriter() = default;
     InterfaceWriter(InterfaceWriter const&) = delete;
     InterfaceWriter& operator=(InterfaceWriter const&) = delete;
 
-    bool synchronized() const { return kernel_.synchronized(); }
-    /// Begins a reading again that the kernel has given up; to be called every few seconds.
-    void doRetry();
-    std::map<int, KernelInterface> const& kernelInterfaces() const { return kernel_.interfaces(); }
+    /// Of the whole namespace.
+    virtual InterfaceTable const& links() const = 0;
+    /// Whether everything has been read once. Before, the table is empty.
+    virtual bool synchronized() const = 0;
     /// Null for another VRF's.
     Device device(std::string const& name) const;
     /// Whether an interface of the namespace is this VRF's.
@@ -47,7 +46,7 @@ class InterfaceWriter {
     std::uint32_t vrfTable() const;
     /// Empty for no interface.
     std::string name(int ifindex) const {
-        KernelInterface const* const found = kernel_.interface(ifindex);
+        KernelInterface const* const found = links().interface(ifindex);
         return found ? found->name : "";
     }
     Whereabouts whereabouts(std::string const& name) const {
@@ -59,29 +58,27 @@ class InterfaceWriter {
     std::optional<std::string> obstacle(std::string const& name) const;
     /// Writes what is known of an interface of this VRF.
     void doPublish(std::string const& name);
-    /// Writes everything once more, and reads it again from the kernel: memory ran out.
-    void doRenew();
     /// Takes an interface, or all of this VRF, out of those that can be used; the root machine
     /// takes them down.
     void doWithdraw(std::string const& name);
     void doWithdrawAll();
 
-  private:
-    void doFollow();
-    void doReopen();
+  protected:
+    /// A link is new, changed or gone.
     void doPublishInterface(int ifindex);
+    /// Writes everything once more.
+    void doPublishAll();
+
+  private:
     void doPublishPorts();
-    void handleInterface(int ifindex);
     void doPublishKernelInterface(int ifindex);
     void doPublishUsable(Lox::IntfId const& intfId, Lox::IpAddr usableAddress);
 
     IgmpHostProxy::PlatformState& state_;
-    EventLoop& loop_;
     Place place_;
     Owns owns_;
     Observer observer_;
     std::map<int, std::string> names_; ///< as last written, by kernel index
-    KernelInterfaces kernel_;
 };
 
 } // namespace Agent

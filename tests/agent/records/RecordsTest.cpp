@@ -1,11 +1,17 @@
-// From the operator's configuration to the host entities and their ports, without a kernel.
+// From the operator's configuration and the kernel's messages to the host entities and their ports,
+// without a kernel.
 #include "agent/ConfigurationText.h"
+#include "agent/kernel/NetlinkMessage.h"
 #include "agent/ports/PortRegistry.h"
 #include "agent/records/Announced.h"
 #include "agent/records/ConfigurationWriter.h"
+#include "agent/records/InterfaceWriter.h"
 #include "support/InProcessPlatform.h"
 
 #include <gtest/gtest.h>
+#include <linux/if.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
 
 namespace Agent {
 namespace {
@@ -200,8 +206,98 @@ TEST_F(RecordsTest, WhatAnEarlierRunOwesIsKeptUntilNobodyCanHearIt) {
     EXPECT_EQ(held(), Lines{"up2 2 239.1.1.1"}) << "for the next run";
 }
 
+/// Links that a test tells of. The configuration wants those here whose names begin so.
+class ToldInterfaces : public InterfaceWriter {
+  public:
+    ToldInterfaces(Support::InProcessPlatform& platform, Place const& place, char const* wanted,
+                   Observer observer)
+        : InterfaceWriter(
+              platform, place, [=](std::string const& name) { return name.starts_with(wanted); },
+              std::move(observer)),
+          platform_(platform) {}
+    InterfaceTable const& links() const override { return links_; }
+    bool synchronized() const override { return true; }
+    void tell(NetlinkMessage const& message) {
+        auto const ifindex = links_.readMessage(message.get());
+        // Asked for as an interface is registered.
+        for (auto const& [index, link] : links_.interfaces())
+            *platform_.addresses.findOrInsert(Lox::IntfId(link.name)).first = address(link.name);
+        if (ifindex) doPublishInterface(*ifindex);
+    }
+
+  private:
+    Support::InProcessPlatform& platform_;
+    InterfaceTable links_;
+};
+
+NetlinkMessage linkTells(std::uint16_t type, int ifindex, char const* name, bool up = true,
+                         unsigned master = 0) {
+    ifinfomsg header{};
+    header.ifi_index = ifindex;
+    header.ifi_flags = up ? unsigned(IFF_UP | IFF_LOWER_UP) : 0;
+    return NetlinkMessage(type, header).with(IFLA_IFNAME, name).with(IFLA_MASTER, master);
+}
+
+NetlinkMessage addressTells(std::uint16_t type, unsigned ifindex, char const* address) {
+    ifaddrmsg header{};
+    header.ifa_family = AF_INET;
+    header.ifa_index = ifindex;
+    return NetlinkMessage(type, header).with(IFA_LOCAL, IpAddr(address));
+}
+
+TEST_F(RecordsTest, LinkIsUsableWhileItIsUpHasAnAddressAndIsWhereItIsWanted) {
+    Lox::NamespaceName const here = Lox::NamespaceName::defaultNamespace();
+    platform.tables("red");
+    platform.allVrfStatusLocal->vrfIs(L3::VrfName("red"))->networkNamespaceIs(here);
+    configure("[vrf.red]\ndevice = 'vrf'\n[interface.up1]\n[interface.up2]\n"
+              "[interface.red1]\nvrf = 'red'\n");
+    // Of which interfaces each tells, with their hosts as they are then.
+    std::string told[2];
+    auto const noteIn = [&](std::string& notes) {
+        return [&](std::string const& name) {
+            auto const* const host = platform.host(name);
+            notes += name + "=" + (host ? host->ipAddr().stringValue() : "") + " ";
+        };
+    };
+    ToldInterfaces own(platform, {L3::VrfName("default"), here}, "up", noteIn(told[0]));
+    ToldInterfaces red(platform, {L3::VrfName("red"), here, -1, "vrf"}, "red", noteIn(told[1]));
+    struct {
+        NetlinkMessage message;
+        int teller;
+        char const* told;
+        char const* device; // whose kernel index is 7
+    } const steps[] = {
+        {linkTells(RTM_NEWLINK, 7, "up1"), 0, "up1= ", "up1"},
+        {addressTells(RTM_NEWADDR, 7, "10.0.0.1"), 0, "up1=10.0.0.1 ", "up1"},
+        {addressTells(RTM_NEWADDR, 7, "10.0.0.2"), 0, "up1=10.0.0.1 ", "up1"},
+        {addressTells(RTM_DELADDR, 7, "10.0.0.1"), 0, "up1=10.0.0.2 ", "up1"},
+        {linkTells(RTM_NEWLINK, 7, "up1", false), 0, "up1= ", "up1"},
+        {linkTells(RTM_NEWLINK, 7, "up1"), 0, "up1=10.0.0.2 ", "up1"},
+        {linkTells(RTM_NEWLINK, 7, "up2"), 0, "up1= up2=10.0.0.2 ", "up2"},
+        {linkTells(RTM_NEWLINK, 7, "eth0"), 0, "up2= eth0= ", "eth0"},
+        {linkTells(RTM_NEWLINK, 7, "up1"), 0, "eth0= up1=10.0.0.2 ", "up1"},
+        {linkTells(RTM_DELLINK, 7, "up1"), 0, "up1= ", ""},
+        // The VRF device is not there yet: nobody is its port.
+        {linkTells(RTM_NEWLINK, 7, "red1"), 1, "red1= ", "red1"},
+        {addressTells(RTM_NEWADDR, 7, "10.0.0.1"), 1, "red1= ", "red1"},
+        {linkTells(RTM_NEWLINK, 7, "red1", true, 9), 1, "red1= ", "red1"},
+        {linkTells(RTM_NEWLINK, 9, "vrf"), 1, "vrf= red1=10.0.0.1 ", "red1"},
+        {linkTells(RTM_NEWLINK, 9, "other"), 1, "vrf= other= red1= other= ", "red1"},
+        {linkTells(RTM_NEWLINK, 9, "vrf"), 1, "other= vrf= red1=10.0.0.1 ", "red1"},
+        {linkTells(RTM_NEWLINK, 7, "red1"), 1, "red1= ", "red1"},
+    };
+    for (auto const& step : steps) {
+        told[0] = told[1] = "";
+        own.tell(step.message);
+        red.tell(step.message);
+        EXPECT_EQ(told[step.teller], step.told) << &step - steps;
+        EXPECT_EQ(platform.kni()->interface(KernelNetInfo::InterfaceKey(7)).deviceName, step.device)
+            << &step - steps;
+    }
+}
+
 TEST_F(RecordsTest, SocketThatCannotBeOpenedIsTriedAgain) {
-    configure("[interface.up0]\n");
+    configure("[interface.up0]\nigmp-version = 2\n");
     KernelInterface kernel;
     kernel.name = "up0";
     kernel.mtu = 1500;
@@ -213,6 +309,7 @@ TEST_F(RecordsTest, SocketThatCannotBeOpenedIsTriedAgain) {
     double const retry = ports->nextExpiry();
     EXPECT_GT(retry, before);
     EXPECT_LT(retry, EventLoop::now() + 2);
+    EXPECT_EQ(unsigned(platform.hostStatusDir->igmpHostStatus("up0")->igmpVersion()), 2u);
     ports->advance(retry);
     EXPECT_GT(ports->nextExpiry(), retry);
     EXPECT_NE(testing::internal::GetCapturedStderr().find("up0"), std::string::npos);
