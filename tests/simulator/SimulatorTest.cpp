@@ -4,21 +4,48 @@
 // Each run is a list of steps drawn from a seed. One that fails is made as short as it fails still,
 // and printed in the form of the files in found/, which are played again here. From the
 // environment: IHP_SEED, the first seed; IHP_SEEDS, how many; IHP_KEEP_ON=1 goes on after a
-// failure, and IHP_SHORTEN=0 prints it as it is.
+// failure, and IHP_SHORTEN=0 prints it as it is. A run that kills the process, or has no end, shows
+// its seed.
 #include "simulator/World.h"
 #include "support/Scenario.h"
 
+#include <algorithm>
+#include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <iostream>
+#include <tuple>
+#include <unistd.h>
+
+/// Of the sanitizers, where they are: they end the process in their own way.
+extern "C" void __sanitizer_set_death_callback(void (*callback)()) __attribute__((weak));
 
 namespace Simulator {
 namespace {
 
-double hours = 0; // simulated
+constexpr unsigned mostSeconds = 120; // that a run may take, anywhere
+double hours = 0;                     // simulated
+std::string atHand;                   // what is played, for whoever finds the process dead
+
+void doShowSeed() { std::ignore = ::write(STDERR_FILENO, atHand.data(), atHand.size()); }
+
+void handleSignal(int signal) {
+    doShowSeed();
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+}
+
+void doExpectDeath() {
+    if (__sanitizer_set_death_callback) __sanitizer_set_death_callback(doShowSeed);
+    for (int const signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT})
+        if (!__sanitizer_set_death_callback) std::signal(signal, handleSignal);
+    for (int const signal : {SIGALRM, SIGTERM}) std::signal(signal, handleSignal);
+}
 
 /// What goes wrong, if anything does.
 std::string failureOf(Steps const& run) {
+    ::alarm(mostSeconds);
     World world(run.at(0));
     std::string failure;
     try {
@@ -99,16 +126,22 @@ class Drawing {
     bool calm_ = true;
 };
 
-/// Leaves out halves, then quarters, down to single steps, as long as the rest fails.
-Steps shortened(Steps run) {
+/// Without its numbers, which a shorter run changes.
+std::string kindOf(std::string failure) {
+    std::erase_if(failure, [](char c) { return std::strchr("0123456789.-+e", c); });
+    return failure;
+}
+
+/// Leaves out halves, then quarters, down to single steps, as long as the rest fails like that.
+Steps shortened(Steps run, std::string const& kind) {
     for (std::size_t size = run.size() / 2; size > 0; size /= 2)
         for (std::size_t first = 1; first < run.size();) {
             Steps rest(run.begin(), run.begin() + std::ptrdiff_t(first));
             for (std::size_t i = first + size; i < run.size(); ++i) rest.push_back(run[i]);
-            if (failureOf(rest).empty())
-                first += size;
-            else
+            if (kindOf(failureOf(rest)) == kind)
                 run = rest;
+            else
+                first += size;
         }
     return run;
 }
@@ -120,11 +153,13 @@ unsigned number(char const* variable, unsigned otherwise) {
 
 TEST(SimulatorTest, WhatIsDrawnKeepsAllProperties) {
     unsigned const first = number("IHP_SEED", 1), count = number("IHP_SEEDS", IHP_SEEDS);
+    doExpectDeath();
     for (unsigned seed = first; seed < first + count; ++seed) {
         Steps run = Drawing(seed).run;
+        atHand = "seed " + std::to_string(seed) + "\n";
         std::string const failure = failureOf(run);
         if (failure.empty()) continue;
-        if (number("IHP_SHORTEN", 1)) run = shortened(run);
+        if (number("IHP_SHORTEN", 1)) run = shortened(run, kindOf(failure));
         std::string text;
         for (std::string const& step : run) text += step + "\n";
         ADD_FAILURE() << "seed " << seed << ": " << failure << "\n== " << failureOf(run) << "\n"

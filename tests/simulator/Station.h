@@ -101,6 +101,7 @@ class Station : public Agent::HostEngine::Output {
     void openLink() {
         hears = owes_ = true;
         upSince = now_;
+        for (Flow& flow : flows) flow.ever |= flow.since != never;
         doExpectChange();
         engine->linkUp(now_);
     }
@@ -142,7 +143,7 @@ class Station : public Agent::HostEngine::Output {
             if (!wanted) flow.held = now_;
             flow.since = wanted ? now_ : never;
             flow.told = hears ? now_ : never;
-            flow.ever = true;
+            flow.ever |= hears;
         }
     }
     void hear(Bytes const& packet) {
@@ -292,9 +293,17 @@ class Station : public Agent::HostEngine::Output {
         require(given.contains(m.group), "tells of a strange group", m.group);
         require(given[m.group].member() != m.leave() || isLate(m.group),
                 "tells the contrary of what it wants", m.group);
+        require(!m.leave() || gaveUp(m.group), "leaves what was not its own", m.group);
         if (m.leave()) return;
         require(spoken() == (m.type == 0x12 ? 1 : 2), "speaks another version");
         owed_.erase(m.group);
+    }
+    /// It is to tell that it does not want it any more, whatever the source if none is given.
+    bool gaveUp(IpAddr group, IpAddr source = {}) const {
+        return std::any_of(flows.begin(), flows.end(), [&](Flow const& flow) {
+            return flow.group == group && (source.isZero() || flow.source == source) &&
+                   flow.told != never;
+        });
     }
     /// What the pace has held back says what was wanted when it was packed.
     bool isLate(IpAddr group) {
@@ -303,24 +312,20 @@ class Station : public Agent::HostEngine::Output {
     void handleRecord(Record const& r) {
         require(given.contains(r.group), "tells of a strange group", r.group);
         Wish const& wish = given[r.group];
-        auto const told = [&](IpAddr source) {
-            return std::any_of(flows.begin(), flows.end(), [&](Flow const& flow) {
-                return flow.group == r.group && flow.source == source && flow.told != never;
-            });
-        };
         auto const all = [&](auto const& holds) {
             return !r.sources.empty() && std::all_of(r.sources.begin(), r.sources.end(), holds);
         };
         bool const exact = r.sources == wish.sources;
         bool const wanted = all([&](IpAddr source) { return wish.wants(source); });
-        bool const ended = all([&](IpAddr source) { return !wish.wants(source) && told(source); });
+        bool const ended =
+            all([&](IpAddr source) { return !wish.wants(source) && gaveUp(r.group, source); });
         bool const right[] = {false,
-                              wanted,                 // IS_IN
-                              exact && wish.exclude,  // IS_EX
-                              exact && !wish.exclude, // TO_IN
-                              exact && wish.exclude,  // TO_EX
-                              wanted,                 // ALLOW
-                              ended};                 // BLOCK
+                              wanted,                                                       // IS_IN
+                              exact && wish.exclude,                                        // IS_EX
+                              exact && !wish.exclude && (wish.member() || gaveUp(r.group)), // TO_IN
+                              exact && wish.exclude,                                        // TO_EX
+                              wanted,                                                       // ALLOW
+                              ended};                                                       // BLOCK
         require(r.type <= block && (right[r.type] || isLate(r.group)), "tells what is not so of",
                 r.group);
         require(spoken() == 3 || r.type == toIn || r.type == block, "speaks another version");
