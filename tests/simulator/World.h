@@ -3,10 +3,12 @@
 //
 //   - No traffic that a host wants is cut off: a router forwards it from the time on when the host
 //     has told of it as often as packets may be lost, until the host stops. So many, one less than
-//     the robustness, may be lost or held back by the wire in any membership interval. A router is
-//     judged once it has had the time to learn, that is: to become querier and to have two rounds
-//     of answers, since it was started or understands what is spoken; since a router came or went,
-//     a host changed its version, or a storm lost more than that.
+//     the robustness, may be lost, held back or doubled late by the wire in any membership interval
+//     of what passes between a host and a router about a group: the hosts' queries count for all
+//     groups and routers, older reports for all hosts, which heed each other's. A router is judged
+//     once it has had the time to learn, that is: to become querier and to have two rounds of
+//     answers, since it was started or understands what is spoken; since a router came or went, a
+//     host changed its version, or a storm lost more than that.
 //   - What nobody wants ends within two membership intervals, whatever is lost; and where one host
 //     alone has wanted it, and not by version 1, within the time for the last member queries of its
 //     leave.
@@ -55,7 +57,7 @@ class World {
   private:
     explicit World(std::array<unsigned, 5> const& with)
         : timing_{with[1], double(with[2]), with[3] / 10.0},
-          bearable_(std::min(with[1], with[4]) - 1),
+          bearable_(int(std::min(with[1], with[4])) - 1),
           random_(with[0]) {
         for (unsigned r = 0; r < routerCount; ++r)
             routers_.emplace_back(IpAddr::fromHost(IpAddr("10.0.0.1").host() + r), timing_, now_,
@@ -67,6 +69,11 @@ class World {
     }
 
     static constexpr double startSeconds = 1000;
+    struct Fault { // of a packet about a group; zero for all
+        double time;
+        unsigned from, to;
+        IpAddr group;
+    };
     struct Delivery {
         unsigned to; ///< routers first
         std::shared_ptr<Bytes const> packet;
@@ -125,24 +132,46 @@ class World {
         last = std::max(last, now_ + 0.001 + 0.019 * part());
         for (unsigned to = 0; to < routerCount + stationCount; ++to) {
             if (to == from) continue;
-            bool const faulty = isFaulty();
+            bool const faulty = isFaulty(from, to, m);
             // One that comes late makes a router that listens forget what has been answered.
             bool const query = to < routerCount && m.type == 0x11;
             if (faulty && (query || part() < 0.5)) continue;
-            double const due = faulty ? now_ + part() : last;
-            if (faulty) lateTime_ = std::max(lateTime_, due);
-            under_.emplace(due, Delivery{to, packet});
-            if (part() < 0.02) under_.emplace(last, Delivery{to, packet});
+            double const late = now_ + part();
+            if (faulty)
+                for (IpAddr const group : groupsOf(m)) lateTimes_[group] = now_ + 1;
+            if (!faulty || part() < 0.5) under_.emplace(last, Delivery{to, packet});
+            if (faulty || part() < 0.02) under_.emplace(faulty ? late : last, Delivery{to, packet});
         }
     }
     double part() { return std::uniform_real_distribution<double>()(random_); }
-    bool isFaulty() {
+    static Sources groupsOf(Message const& m) {
+        Sources all;
+        for (Record const& record : m.records) all.insert(record.group);
+        return m.type == 0x22 ? all : Sources{m.group};
+    }
+    bool isFaulty(unsigned from, unsigned to, Message const& m) {
         if (now_ < stormEnd_) return part() * 100 < stormPercent_;
-        double const span = timing_.membershipInterval() + timing_.responseInterval;
-        while (!faults_.empty() && faults_.front() <= now_ - span) faults_.pop_front();
-        if (faults_.size() >= bearable_ || part() >= 0.05) return false;
-        faults_.push_back(now_);
+        if (part() >= 0.05 || (to >= routerCount && m.type == 0x22)) return false;
+        Sources const about = groupsOf(m);
+        for (IpAddr const group : groups) {
+            if (!about.contains(group) && !about.contains({})) continue;
+            for (unsigned router = 0; router < routerCount; ++router)
+                if ((to >= routerCount || to == router) &&
+                    faultsOf(to < routerCount ? from : to, router, group) >= bearable_)
+                    return false;
+        }
+        for (IpAddr const group : about) faults_.push_back({now_, from, to, group});
         return true;
+    }
+    /// That keep the router from hearing of the host's membership.
+    std::ptrdiff_t faultsOf(unsigned host, unsigned router, IpAddr group) const {
+        auto const older = older_.find(group);
+        bool const any = older != older_.end();
+        return std::count_if(faults_.begin(), faults_.end(), [&](Fault const& f) {
+            if (f.group != group && !f.group.isZero()) return false;
+            return f.to == host || (any && f.to >= routerCount) ||
+                   (f.to == router && (f.from == host || (any && f.from >= routerCount)));
+        });
     }
     void doDeliver(Delivery const& d) {
         if (d.to < routerCount)
@@ -157,6 +186,8 @@ class World {
             std::max(disturbed_, now + timing_.otherQuerierPresent() + timing_.responseInterval);
     }
     void doCheck() {
+        double const span = timing_.membershipInterval() + timing_.responseInterval;
+        while (!faults_.empty() && faults_.front().time <= now_ - span) faults_.pop_front();
         for (Station& s : stations_) {
             s.check();
             disturbed_ = std::max(disturbed_, s.versionSince);
@@ -174,8 +205,13 @@ class World {
         Router const& router = routers_[r];
         IpAddr const group = agent().flows[f].group, source = agent().flows[f].source;
         bool const forwards = router.forwards(group, source);
-        // Who only listens, and to version 2, may miss the one answer to a question about a group.
-        bool const sees = router.version() == 3 || router.querierSince() != never;
+        // Who only listens is asked to forget what the querier has not heard, in version 2 even
+        // what it has: it needs each answer.
+        auto const missed = std::count_if(faults_.begin(), faults_.end(), [&](Fault const& fault) {
+            return fault.group == group || fault.group.isZero();
+        });
+        bool const sees =
+            router.querierSince() != never || missed <= (router.version() == 3 ? bearable_ : 0);
         double held = -never; // when it was wanted last
         for (Station const& s : stations_) {
             Flow const& flow = s.flows[f];
@@ -208,8 +244,10 @@ class World {
                 }
         // What is held back may undo the leave; and it may be told again, with no need to.
         double const inOrder = std::min(told - 1, held);
+        auto const foundLate = lateTimes_.find(group);
+        double const late = foundLate == lateTimes_.end() ? -never : foundLate->second;
         bool const sure =
-            router.querierSince() < told - 1 && trusted < told && lateTime_ < inOrder &&
+            router.querierSince() < told - 1 && trusted < told && late < inOrder &&
             (only->version == 3 ? older < told - full
                                 : only->version == 2 && only->versionSince < told - full &&
                                       !only->given.at(group).member());
@@ -302,17 +340,18 @@ class World {
 
     double now_ = startSeconds;
     Timing timing_;
-    unsigned bearable_;
+    int bearable_;
     std::mt19937 random_;
     std::deque<Router> routers_;
     std::deque<Station> stations_;
     std::optional<Machines> machines_;
     std::multimap<double, Delivery> under_;            // by arrival
     double arrivals_[routerCount + stationCount] = {}; // of the last ones, by sender
-    std::deque<double> faults_;
-    double stormEnd_ = -never, lateTime_ = -never; ///< the latter, of what was held back
-    unsigned stormPercent_ = 0;                    ///< of packets, lost or held back
-    double changed_ = startSeconds;                ///< what the agent wants, or its link
+    std::deque<Fault> faults_;
+    std::map<IpAddr, double> lateTimes_; ///< of what was held back
+    double stormEnd_ = -never;
+    unsigned stormPercent_ = 0;     ///< of packets, lost or held back
+    double changed_ = startSeconds; ///< what the agent wants, or its link
     double disturbed_ = -never;
     std::array<double, routerCount> unable_{}; ///< when each was last one that does not understand
     std::map<IpAddr, double> older_;           ///< when a group was told of in an older version
