@@ -25,10 +25,16 @@ constexpr double never = std::numeric_limits<double>::infinity();
 constexpr double slack = 0.3;
 constexpr double lastMemberSeconds = 1;
 
-/// What the operator has set in all routers alike.
+/// What the operator has set in a router.
 struct Timing {
     unsigned robustness;
     double queryInterval, responseInterval;
+
+    Timing longest(Timing const& other) const {
+        return {std::max(robustness, other.robustness),
+                std::max(queryInterval, other.queryInterval),
+                std::max(responseInterval, other.responseInterval)};
+    }
 
     /// Hosts of version 1 take ten seconds for an answer, whatever a router would like.
     double membershipInterval() const {
@@ -55,6 +61,7 @@ struct Message {
     IpAddr group;
     unsigned queryVersion = 0; ///< 0: no query
     bool suppress = false;     ///< the S flag
+    unsigned robustness = 0, queryInterval = 0;
     Sources sources;
     std::vector<Record> records;
 
@@ -73,6 +80,8 @@ struct Message {
         if (type == 0x11) queryVersion = packet.size() >= 36 ? 3 : code > 0 ? 2 : 1;
         if (queryVersion == 3) {
             suppress = packet[32] & 8;
+            robustness = packet[32] & 7;
+            queryInterval = packet[33];
             sources = list(36, packet[35]);
         }
         if (type != 0x22) return;
@@ -87,14 +96,16 @@ struct Message {
     bool leave() const { return type == 0x17; }
 };
 
-/// A query to all systems, or to the group that it asks about. `flags` are S and the robustness.
-inline Bytes query(unsigned version, unsigned code, IpAddr from, IpAddr group = {},
-                   Sources const& sources = {}, unsigned flags = 2) {
+/// A query to all systems, or to the group that it asks about. In version 3 it says of the timing
+/// what is not in the code.
+inline Bytes query(unsigned version, unsigned code, IpAddr from, IpAddr group,
+                   Sources const& sources, Timing const& timing, bool suppress = false) {
+    unsigned const flags = (suppress ? 8 : 0) + timing.robustness;
     auto const octet = std::uint8_t(version == 1 ? 0 : code);
     Bytes const payload =
-        version < 3
-            ? Agent::message(Agent::IgmpType::query, group, octet)
-            : Agent::v3Query(octet, group, {sources.begin(), sources.end()}, std::uint8_t(flags));
+        version < 3 ? Agent::message(Agent::IgmpType::query, group, octet)
+                    : Agent::v3Query(octet, group, {sources.begin(), sources.end()},
+                                     std::uint8_t(flags), std::uint8_t(timing.queryInterval));
     IpAddr const to = group.isZero() ? Agent::allSystems : group;
     return Agent::packetOf(payload, {.source = from, .destination = to});
 }
@@ -103,12 +114,13 @@ class Router {
   public:
     using Send = std::function<void(Bytes const& packet)>;
 
-    Router(IpAddr address, Timing const& timing, double const& now, Send send)
-        : address_(address), timing_(timing), now_(now), send_(std::move(send)) {}
+    Router(IpAddr address, double const& now, Send send)
+        : address_(address), now_(now), send_(std::move(send)) {}
 
     /// Begins anew, in that version; 0 for not at all.
-    void start(unsigned version) {
+    void start(unsigned version, Timing const& timing) {
         version_ = version;
+        own_ = timing_ = timing;
         groups_.clear();
         startups_ = timing_.robustness;
         generalDue_ = never;
@@ -156,6 +168,7 @@ class Router {
     }
     void advance() {
         if (otherQuerierExpiry_ <= now_) { // 6.6.2
+            timing_ = own_;
             querierSince_ = generalDue_ = now_;
             otherQuerierExpiry_ = never;
         }
@@ -232,8 +245,8 @@ class Router {
     void ask(double seconds, IpAddr group = {}, Sources const& sources = {},
              bool suppress = false) {
         auto const tenths = unsigned(std::lround(seconds * 10)); // below 128, where codes begin
-        unsigned const flags = (suppress ? 8 : 0) + timing_.robustness;
-        if (isQuerier()) send_(query(version_, tenths, address_, group, sources, flags));
+        if (isQuerier())
+            send_(query(version_, tenths, address_, group, sources, timing_, suppress));
     }
     void doAsk(IpAddr group, Group& g) {
         auto const answered = [&](double expiry) {
@@ -258,6 +271,10 @@ class Router {
     }
     void handleQuery(Message const& m) {
         if (version_ > 1 && m.from < address_) { // 6.6.2
+            if (m.queryVersion == 3) {           // 4.1.6 and 4.1.7
+                timing_.robustness = m.robustness;
+                timing_.queryInterval = m.queryInterval;
+            }
             generalDue_ = never;
             otherQuerierExpiry_ = now_ + timing_.otherQuerierPresent();
         }
@@ -271,7 +288,7 @@ class Router {
     }
 
     IpAddr address_;
-    Timing const& timing_;
+    Timing own_, timing_; // as set, and as the querier has it
     double const& now_;
     Send send_;
     unsigned version_ = 0, startups_ = 0;

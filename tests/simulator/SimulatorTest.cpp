@@ -65,11 +65,15 @@ class Drawing {
         add("world",
             {unsigned(random_()), robustness, interval,
              std::min(oneOf({10, 40, 100}), interval * 5), oneOf({robustness, robustness, 2})});
-        add("router", {0, version()});
-        if (below(2)) add("router", {1, version()});
+        // Older routers do not say what is set in them, so it has to be the same in all.
+        calm_ = below(2);
+        bool const differ = calm_ && versions_ == 3 && below(2);
+        for (unsigned const router : {0u, 1u, 2u, 3u, 4u})
+            if (router < 1 + below(2) || below(3) == 0)
+                add("router", {router, version(), differ ? oneOf({2, 3, 4}) : 0,
+                               oneOf({20, 60, 125}), oneOf({10, 40, 100})});
         for (unsigned s : {0u, 1u, 2u})
             if (s == 0 || below(2)) add("start", {s});
-        calm_ = below(2);
         for (unsigned steps = 5 + below(60); steps > 0; --steps) {
             unsigned const s = oneOf({0, 0, 1, 2}), link = below(2);
             if (below(10)) {
@@ -112,9 +116,9 @@ class Drawing {
             {"pace", {s, oneOf({1, 3, 100, 100}), oneOf({68, 576, 1500})}},
             {"ask",
              {calm_ ? 3 : oneOf({3, version()}), below(10), below(32) * below(2),
-              oneOf({1, 10, 50, 127, 200})}},
+              oneOf({1, 10, 50, 127, 200}), oneOf({0, 4, 7})}},
             {"speak", {s, oneOf({1, 2, 3, 3, 3})}},
-            {"router", {below(3), below(2) * version()}},
+            {"router", {below(5), below(2) * version()}},
             {"storm", {below(100), below(101)}}};
         if (below(2)) return addWant(s);
         auto const& [verb, with] = steps[below(calm_ ? 8 : 11)];

@@ -59,9 +59,8 @@ class Station : public Agent::HostEngine::Output {
   public:
     using Send = std::function<void(Bytes const& packet)>;
 
-    Station(unsigned which, std::uint32_t seed, unsigned robustness, Timing const& timing,
-            double const& now, Send send)
-        : number(which), timing_(timing), now_(now), random_(seed), send_(std::move(send)) {
+    Station(unsigned which, std::uint32_t seed, unsigned robustness, double const& now, Send send)
+        : number(which), now_(now), random_(seed), send_(std::move(send)) {
         settings.robustness = robustness;
         settings.address = addressOf(0);
         for (IpAddr const group : groups) {
@@ -115,6 +114,7 @@ class Station : public Agent::HostEngine::Output {
         doExpectChange();
         for (auto& [group, due] : owed_) due += pace();
         silent_ += pace();
+        if (settings.version < 3) heardRobustness_ = 0;
         handleVersion();
         engine->setSettings(now_, settings);
     }
@@ -225,6 +225,10 @@ class Station : public Agent::HostEngine::Output {
     void require(bool holds, char const* what, IpAddr group = {}) const {
         if (!holds) fail(now_, std::string("station ") + what, number, group);
     }
+    /// As it has heard, or as is set where it has not.
+    unsigned robustness() const {
+        return heardRobustness_ > 0 ? std::max(heardRobustness_, 2u) : settings.robustness;
+    }
     /// After what it has heard.
     unsigned spoken() const {
         unsigned const querier = v1Expiry_ > now_ ? 1 : v2Expiry_ > now_ ? 2 : 3;
@@ -241,13 +245,13 @@ class Station : public Agent::HostEngine::Output {
     /// It is told by nobody any more, and tells nothing of what it gave up.
     void doForget() {
         v1Expiry_ = v2Expiry_ = -never;
+        heardRobustness_ = 0;
         owed_.clear();
         for (Flow& flow : flows) flow.told = never;
     }
     /// A change that all is told for again, or one of the pace.
     void doExpectChange() {
-        unsigned const times = std::max(timing_.robustness, settings.robustness);
-        silent_ = std::max(silent_, now_ + times * repeatSeconds() + pace() + slack);
+        silent_ = std::max(silent_, now_ + robustness() * repeatSeconds() + pace() + slack);
     }
     /// It leaves what it does not want any more.
     void doExpectFormerEnd() {
@@ -265,6 +269,7 @@ class Station : public Agent::HostEngine::Output {
         if (general && m.queryVersion == 1) v1Expiry_ = now_ + (older ? 400 : present);
         if (general && m.queryVersion == 2) v2Expiry_ = now_ + present;
         handleVersion();
+        if (read == 3) heardRobustness_ = m.robustness;
         double const due = now_ + (version == 1 ? std::min(seconds, 10.0) : seconds) + pace();
         silent_ = std::max(silent_, due + 0.01);
         // Older queries that follow each other at once are copies.
@@ -344,13 +349,13 @@ class Station : public Agent::HostEngine::Output {
         return records;
     }
 
-    Timing const& timing_;
     double const& now_;
     std::mt19937 random_;
     Send send_;
     Agent::RecordList file_;
     bool owes_ = false; // leaves, until all is known
     double silent_ = -never, v1Expiry_ = -never, v2Expiry_ = -never;
+    unsigned heardRobustness_ = 0;     // 0: none
     double asked_ = -never;            // last older general query
     std::map<IpAddr, double> changed_; // when what is given of the group was another last
     std::map<IpAddr, double> owed_;    // when an answer about the group is due

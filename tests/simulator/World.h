@@ -34,7 +34,7 @@ struct Step {
 };
 using Steps = std::vector<std::string>; // their texts
 
-constexpr unsigned routerCount = 3, stationCount = 3;
+constexpr unsigned routerCount = 5, stationCount = 3;
 
 class World {
   public:
@@ -60,12 +60,12 @@ class World {
           bearable_(int(std::min(with[1], with[4])) - 1),
           random_(with[0]) {
         for (unsigned r = 0; r < routerCount; ++r)
-            routers_.emplace_back(IpAddr::fromHost(IpAddr("10.0.0.1").host() + r), timing_, now_,
+            routers_.emplace_back(IpAddr::fromHost(IpAddr("10.0.0.1").host() + r), now_,
                                   [this, r](Bytes const& packet) { doSend(r, packet); });
         for (unsigned s = 0; s < stationCount; ++s)
-            stations_.emplace_back(
-                s, with[0] + s, with[4], timing_, now_,
-                [this, s](Bytes const& packet) { doSend(routerCount + s, packet); });
+            stations_.emplace_back(s, with[0] + s, with[4], now_, [this, s](Bytes const& packet) {
+                doSend(routerCount + s, packet);
+            });
     }
 
     static constexpr double startSeconds = 1000;
@@ -259,8 +259,12 @@ class World {
         auto const& [a, b, c, d, e] = step.with;
         Station& s = stations_[a % stationCount];
         if (step.verb == "router") {
+            Timing own = timing_;
+            if (c > 0) own = {c, double(d), e / 10.0};
+            timing_ = timing_.longest(own);
+            bearable_ = std::min(bearable_, int(own.robustness) - 1);
             doDisturb(now_);
-            routers_[a].start(b);
+            routers_[a].start(b, own);
         } else if (step.verb == "want") {
             doWant(s, groups[b], c > 0, d);
         } else if (step.verb == "link" && s.linkUp != (b > 0)) {
@@ -291,7 +295,7 @@ class World {
         } else if (step.verb == "ask") { // a switch asks the hosts, and no router hears of it
             IpAddr const group = a > 1 && b < groups.size() ? groups[b] : IpAddr();
             Sources const asked = group.isZero() ? Sources() : chosen(c);
-            Bytes const packet = query(a, d, {}, group, asked, timing_.robustness);
+            Bytes const packet = query(a, d, {}, group, asked, {e, 125, 0});
             for (Station& each : stations_) each.hear(packet);
         }
     }
@@ -339,7 +343,7 @@ class World {
     }
 
     double now_ = startSeconds;
-    Timing timing_;
+    Timing timing_; ///< the longest of all routers'
     int bearable_;
     std::mt19937 random_;
     std::deque<Router> routers_;

@@ -70,9 +70,9 @@ inline Bytes message(IgmpType type, Lox::IpAddr group, std::uint8_t code = 0) {
 }
 
 inline Bytes v3Query(std::uint8_t code, Lox::IpAddr group = {}, Sources const& sources = {},
-                     std::uint8_t robustness = 2) {
+                     std::uint8_t robustness = 2, std::uint8_t interval = 125) {
     Bytes payload = message(IgmpType::query, group, code);
-    payload.insert(payload.end(), {robustness, 125, 0, std::uint8_t(sources.size())});
+    payload.insert(payload.end(), {robustness, interval, 0, std::uint8_t(sources.size())});
     for (Lox::IpAddr source : sources) append(payload, source);
     return payload;
 }
