@@ -367,8 +367,12 @@ void HostEngine::leaveAll(double now) {
         }
     doCancel();
     if (leaving_.isEmpty()) return;
+    // What was given up before may be owed more often than a querier that was heard since demands.
+    unsigned rounds = 1;
+    for (GroupEntry* entry = leaving_.first(); entry; entry = entry->walk.next->entry)
+        rounds = std::max(rounds, entry->group.timesOwed());
     leaveDue_ = now;
-    leaveRoundSeconds_ = leaveSeconds / robustness();
+    leaveRoundSeconds_ = leaveSeconds / rounds;
     leaveRoundEnd_ = now + leaveRoundSeconds_;
     doSend(now);
 }

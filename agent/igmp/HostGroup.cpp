@@ -36,11 +36,12 @@ bool HostGroup::setState(FilterMode mode, std::span<Lox::IpAddr const> sources,
 }
 
 void HostGroup::announce(unsigned robustness) {
+    auto const times = std::uint8_t(robustness);
     if (mode_ == FilterMode::exclude)
-        repeats_ = std::uint8_t(robustness);
+        repeats_ = std::max(repeats_, times);
     else
         for (Source& source : sources_)
-            if (source.listed) source.repeats = std::uint8_t(robustness);
+            if (source.listed) source.repeats = std::max(source.repeats, times);
     doRecount();
 }
 
@@ -48,7 +49,7 @@ bool HostGroup::setFormer(FilterMode mode, std::span<Lox::IpAddr const> sources,
                           unsigned robustness) {
     if (mode_ == FilterMode::exclude) return false; // its own TO_EX replaces all there was
     if (mode == FilterMode::exclude) {
-        repeats_ = std::uint8_t(robustness);
+        repeats_ = std::max(repeats_, std::uint8_t(robustness));
         return true;
     }
     auto less = [](Source const& a, Source const& b) { return a.address < b.address; };
@@ -77,6 +78,12 @@ void HostGroup::addHeldRecord(RecordList& records) const {
     records.addRecord(RecordType::isIn, group_);
     for (Source const& source : sources_) records.addSource(source.address);
     records.dropEmptyRecord();
+}
+
+unsigned HostGroup::timesOwed() const {
+    unsigned times = repeats_;
+    for (Source const& source : sources_) times = std::max<unsigned>(times, source.repeats);
+    return times;
 }
 
 void HostGroup::dropChange() { setRepeats(0); }

@@ -39,6 +39,8 @@ class HostGroup {
 
     /// Whether a change is still owed.
     bool hasChange() const { return repeats_ > 0 || counted_ > 0; }
+    /// How often the change that is owed most is still to be told.
+    unsigned timesOwed() const;
     /// Forgets every owed change.
     void dropChange();
     /// How often the group as a whole is still to be told: the filter mode, or in the older
@@ -86,7 +88,7 @@ class HostGroup {
     std::uint32_t listed_ = 0;  // how many of the sources are listed
     std::uint32_t counted_ = 0; // and how many are owed
     FilterMode mode_ = FilterMode::include;
-    std::uint8_t repeats_ = 0;
+    std::uint8_t repeats_ = 0; // for EXCLUDE, not less than its sources': its records tell of them
 };
 
 } // namespace Agent
