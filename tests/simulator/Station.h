@@ -2,10 +2,13 @@
 // the file of what routers may hold), and what holds of each engine by itself at every moment:
 //
 //   - A record says what the host wants at that moment, and is about a group that is its own, or
-//     was until it told that. A packet leaves only within the time of a change or of a query.
-//   - Packets keep to the pace, and answers to the response time that was asked for.
+//     was until it told that. A change of a group is told as often as the robustness demands, and
+//     no more, within its time; a query has one answer at most about each group.
+//   - Packets keep to the pace, but for those of leaving everything, and answers to the response
+//     time that was asked for: the whole state, or what is wanted of the sources asked about.
 //   - The host speaks the version of the oldest querier that is present.
-//   - At rest nothing is pending, and what is kept about groups is that of those that are wanted.
+//   - At rest nothing is pending but the timers of older queriers, and what is kept about groups is
+//     that of those that are wanted.
 #pragma once
 
 #include "agent/igmp/HostEngine.h"
@@ -55,6 +58,18 @@ struct Flow {
     throw std::runtime_error(text.str());
 }
 
+/// What may be sent of a group, until when, and how much of it has to be.
+struct Licence {
+    double until = -never;
+    unsigned left[2] = {}; ///< records of version 3; other messages
+    unsigned owed = 0;     ///< of the former
+
+    void extend(double now, double time, unsigned more, unsigned least) {
+        for (unsigned& each : left) each = std::max(until < now ? 0 : each + more, least);
+        until = std::max(until, time);
+    }
+};
+
 class Station : public Agent::HostEngine::Output {
   public:
     using Send = std::function<void(Bytes const& packet)>;
@@ -76,6 +91,7 @@ class Station : public Agent::HostEngine::Output {
     void start(bool fromFile) {
         engine.emplace(*this, std::mt19937(random_()));
         engine->setSettings(now_, settings);
+        address_ = settings.address;
         if (!fromFile) file_ = {};
         for (Flow& flow : flows) flow.ever &= fromFile;
         engine->addFormer(file_);
@@ -84,6 +100,8 @@ class Station : public Agent::HostEngine::Output {
         handleVersion();
     }
     void kill() {
+        for (auto const& [group, tells] : tells_)
+            require(leaveEnd > now_ || tells.owed == 0, "does not leave often enough", group);
         doKeep();
         engine.reset();
         hears = false;
@@ -95,13 +113,15 @@ class Station : public Agent::HostEngine::Output {
         leaveEnd = now_ + 0.95;
         for (IpAddr const group : groups) give(group, {});
         if (hears) doExpectFormerEnd();
+        for (auto& [group, tells] : tells_) tells.until = leaveEnd;
         engine->leaveAll(now_);
     }
     void openLink() {
         hears = owes_ = true;
         upSince = now_;
         for (Flow& flow : flows) flow.ever |= flow.since != never;
-        doExpectChange();
+        handleVersion();
+        doExpectAll(true);
         engine->linkUp(now_);
     }
     void closeLink() {
@@ -111,15 +131,17 @@ class Station : public Agent::HostEngine::Output {
     }
     void applySettings() {
         if (!engine) return;
-        doExpectChange();
-        for (auto& [group, due] : owed_) due += pace();
-        silent_ += pace();
+        doExpectAll(settings.address != std::exchange(address_, settings.address));
+        for (auto& [group, answers] : answers_) {
+            for (auto& [source, due] : owed_[group]) due += pace();
+            answers.until += pace();
+        }
         if (settings.version < 3) heardRobustness_ = 0;
         handleVersion();
         engine->setSettings(now_, settings);
     }
     void announceAgain() {
-        doExpectChange();
+        doExpectAll(true);
         engine->announceAgain(now_);
     }
     void give(IpAddr group, Wish const& wish) {
@@ -135,8 +157,10 @@ class Station : public Agent::HostEngine::Output {
         Wish const taken = engine && !refused ? wish : Wish();
         if (taken == std::exchange(given[group], taken)) return;
         changed_[group] = now_;
-        if (hears) doExpectChange();
-        owed_.erase(group);
+        if (hears) doExpectTold(group, true);
+        std::erase_if(owed_[group], [&](auto const& item) {
+            return !(item.first.isZero() ? taken.member() : taken.wants(item.first));
+        });
         for (Flow& flow : flows) {
             bool const wanted = taken.wants(flow.source);
             if (flow.group != group || wanted == (flow.since != never)) continue;
@@ -149,7 +173,7 @@ class Station : public Agent::HostEngine::Output {
     void hear(Bytes const& packet) {
         if (!hears) return;
         Message const m(packet);
-        if (m.olderReport()) owed_.erase(m.group);
+        if (m.olderReport()) owed_[m.group].clear();
         if (m.queryVersion > 0) handleQuery(m);
         engine->received(now_, packet);
         Bytes garbled = packet; // which its checksums show
@@ -184,17 +208,26 @@ class Station : public Agent::HostEngine::Output {
         if (std::min(std::abs(v1Expiry_ - now_), std::abs(v2Expiry_ - now_)) < 0.01) return;
         handleVersion();
         require(engine->version() == version, "speaks another version");
-        for (auto const& [group, due] : owed_)
-            require(now_ <= due, "does not answer in time", group);
-        if (now_ <= silent_ || engine->hasFormer()) return;
+        bool rests = true;
+        for (IpAddr const group : groups) {
+            for (auto const& [source, due] : owed_[group])
+                require(now_ <= due, "does not answer in time", group);
+            bool const told = tells_[group].until < now_;
+            require(!told || tells_[group].owed == 0, "does not tell often enough", group);
+            rests &= told && answers_[group].until < now_;
+        }
+        require(!engine->hasFormer() || owes_ || !hears, "does not forget");
+        if (!rests) return;
         std::size_t members = 0, octets = 0; // of a record in each version, where there are both
         for (auto const& [group, wish] : given) {
             members += wish.member();
+            if (engine->hasFormer()) octets += 2 * (16 + 4 * sources.size());
             if (wish.member()) octets += 16 + (wish.exclude ? 0 : 4 * wish.sources.size());
         }
         require(engine->memberCount() == members, "counts other groups");
         require(held().octets() <= octets, "keeps too much");
-        require(!engine->telling(), "does not rest");
+        double const next = engine->nextExpiry();
+        require(next == never || next == v1Expiry_ || next == v2Expiry_, "does not rest");
     }
     double repeatSeconds() const { return spoken() == 3 ? 1 : 10; }
     /// What the pace may put off.
@@ -240,22 +273,37 @@ class Station : public Agent::HostEngine::Output {
         versionSince = now_;
         owed_.clear();
         asked_ = -never;
-        if (silent_ > now_) doExpectChange();
+        for (auto& [group, tells] : tells_) {
+            tells.owed = 0;
+            if (tells.until > now_) doExpectTold(group, false);
+        }
     }
     /// It is told by nobody any more, and tells nothing of what it gave up.
     void doForget() {
         v1Expiry_ = v2Expiry_ = -never;
         heardRobustness_ = 0;
         owed_.clear();
+        answers_.clear();
+        tells_.clear();
         for (Flow& flow : flows) flow.told = never;
     }
-    /// A change that all is told for again, or one of the pace.
-    void doExpectChange() {
-        silent_ = std::max(silent_, now_ + robustness() * repeatSeconds() + pace() + slack);
+    /// A change of the group; `owed`: one that all of its records are to tell.
+    void doExpectTold(IpAddr group, bool owed) {
+        Licence& tells = tells_[group];
+        double const seconds = robustness() * (repeatSeconds() + pace());
+        // One that the pace has held back comes besides.
+        unsigned const times = robustness() + (settings.packetsPer100ms < 10);
+        tells.extend(now_, now_ + seconds + slack, 0, times);
+        if (owed) tells.owed = version == 3 ? robustness() : 0;
+    }
+    /// All is told again; `owed`: what is wanted certainly is.
+    void doExpectAll(bool owed) {
+        for (IpAddr const group : groups)
+            if (hears) doExpectTold(group, owed && given[group].member());
     }
     /// It leaves what it does not want any more.
     void doExpectFormerEnd() {
-        doExpectChange();
+        doExpectAll(false);
         for (Flow& flow : flows)
             if (flow.ever) flow.told = std::min(flow.told, now_);
     }
@@ -271,16 +319,18 @@ class Station : public Agent::HostEngine::Output {
         handleVersion();
         if (read == 3) heardRobustness_ = m.robustness;
         double const due = now_ + (version == 1 ? std::min(seconds, 10.0) : seconds) + pace();
-        silent_ = std::max(silent_, due + 0.01);
         // Older queries that follow each other at once are copies.
-        if (version < 3 && general && now_ < std::exchange(asked_, now_) + 0.1) return;
+        bool const copy = version < 3 && general && now_ < std::exchange(asked_, now_) + 0.1;
         for (auto const& [group, wish] : given) {
-            bool const asked =
-                m.sources.empty() || version < 3 ||
-                std::any_of(m.sources.begin(), m.sources.end(),
-                            [&, &wants = wish](IpAddr source) { return wants.wants(source); });
-            if ((general || m.group == group) && wish.member() && asked)
-                owed_[group] = std::min(due, owed_.try_emplace(group, never).first->second);
+            if (!general && m.group != group) continue;
+            answers_[group].extend(now_, due + 0.01, 1, 1);
+            if (copy || !wish.member()) continue;
+            bool const whole = m.sources.empty() || version < 3;
+            for (IpAddr const source : whole ? Sources{IpAddr()} : m.sources)
+                if (whole || wish.wants(source)) {
+                    double& owed = owed_[group].try_emplace(source, never).first->second;
+                    owed = std::min(due, owed);
+                }
         }
     }
     void handleSent(Message const& m) {
@@ -289,19 +339,33 @@ class Station : public Agent::HostEngine::Output {
         require(m.from == settings.address, "sends from another address");
         require(m.to == (report ? Agent::allV3Routers : to), "sends to nobody");
         require(hears, "speaks without a link");
-        require(now_ <= silent_, "speaks without a reason");
         sent_.push_back(now_);
         while (sent_.front() <= now_ - 0.1) sent_.pop_front();
         require(sent_.size() <= settings.packetsPer100ms || leaveEnd != never, "is too fast");
-        for (Record const& record : m.records) handleRecord(record);
+        std::set<IpAddr> told; // a change may take two records
+        for (Record const& record : m.records) {
+            handleRecord(record);
+            if (record.type <= isEx)
+                doTake(answers_[record.group], 0, record.group);
+            else if (told.insert(record.group).second)
+                doTake(tells_[record.group], 0, record.group);
+        }
         if (report) return;
         require(given.contains(m.group), "tells of a strange group", m.group);
         require(given[m.group].member() != m.leave() || isLate(m.group),
                 "tells the contrary of what it wants", m.group);
         require(!m.leave() || gaveUp(m.group), "leaves what was not its own", m.group);
+        Licence& answers = answers_[m.group];
+        bool const answer = !m.leave() && now_ <= answers.until && answers.left[1] > 0;
+        doTake(answer ? answers : tells_[m.group], 1, m.group);
         if (m.leave()) return;
         require(spoken() == (m.type == 0x12 ? 1 : 2), "speaks another version");
-        owed_.erase(m.group);
+        owed_[m.group].clear();
+    }
+    void doTake(Licence& licence, unsigned kind, IpAddr group) {
+        require(now_ <= licence.until && licence.left[kind] > 0, "speaks without a reason", group);
+        --licence.left[kind];
+        if (kind == 0 && licence.owed > 0) --licence.owed;
     }
     /// It is to tell that it does not want it any more, whatever the source if none is given.
     bool gaveUp(IpAddr group, IpAddr source = {}) const {
@@ -334,7 +398,9 @@ class Station : public Agent::HostEngine::Output {
         require(r.type <= block && (right[r.type] || isLate(r.group)), "tells what is not so of",
                 r.group);
         require(spoken() == 3 || r.type == toIn || r.type == block, "speaks another version");
-        if (r.type <= toEx) owed_.erase(r.group);
+        if (r.type > isEx) return;
+        for (IpAddr const source : r.sources) owed_[r.group].erase(source);
+        if (exact) owed_[r.group].clear();
     }
 
     /// Writes the file where that is due.
@@ -354,11 +420,14 @@ class Station : public Agent::HostEngine::Output {
     Send send_;
     Agent::RecordList file_;
     bool owes_ = false; // leaves, until all is known
-    double silent_ = -never, v1Expiry_ = -never, v2Expiry_ = -never;
+    double v1Expiry_ = -never, v2Expiry_ = -never;
+    IpAddr address_;                   // in force
     unsigned heardRobustness_ = 0;     // 0: none
     double asked_ = -never;            // last older general query
     std::map<IpAddr, double> changed_; // when what is given of the group was another last
-    std::map<IpAddr, double> owed_;    // when an answer about the group is due
+    std::map<IpAddr, Licence> tells_;
+    std::map<IpAddr, Licence> answers_;
+    std::map<IpAddr, std::map<IpAddr, double>> owed_; // when answers are due, by group and source
     std::deque<double> sent_;
 };
 
