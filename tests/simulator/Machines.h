@@ -23,12 +23,22 @@ class Machines {
     void configure(Wishes wishes, bool withRoutes) {
         Agent::Configuration configuration;
         auto& interface = configuration.interfaces["up0"];
-        interface.accessLists = {"list"};
-        Agent::AccessListConfiguration::Rules rules;
-        for (IpAddr const source : permitted(wishes.extract(listed).mapped()))
-            rules[unsigned(rules.size() + 1)] = {
-                {Acl::Action::permit, {{source, source.isZero() ? 0 : ~0u}, {listed, ~0u}}}};
-        configuration.accessLists["list"] = Agent::AccessListConfiguration(rules);
+        // Two lists, attached while they ask for something, with rules that ask for a neighbour,
+        // too.
+        Wish const wish = wishes.extract(listed).mapped();
+        bool const refused = wish.exclude && !wish.sources.empty();
+        Agent::AccessListConfiguration::Rules rules[2];
+        for (IpAddr const source : refused ? wish.sources : permitted(wish)) {
+            unsigned const octet = source.host() & 0xff;
+            rules[octet % 2][octet + 1] = {
+                {refused ? Acl::Action::deny : Acl::Action::permit,
+                 {{source, source.isZero() ? 0 : ~0u}, {listed, octet % 3 == 0 ? ~1u : ~0u}}}};
+        }
+        for (unsigned const list : {0u, 1u}) {
+            std::string const name(1, char('a' + list));
+            configuration.accessLists[name] = Agent::AccessListConfiguration(rules[list]);
+            if (!rules[list].empty()) interface.accessLists.push_back(name);
+        }
         Sources const routes = permitted(wishes.extract(routed).mapped());
         for (auto const& [group, wish] : wishes) {
             Sources const from = permitted(wish);
@@ -41,6 +51,12 @@ class Machines {
         writer_.applyConfiguration(configuration);
         for (IpAddr const source : {IpAddr(), sources[0], sources[1], sources[2], sources[3]})
             routes_->write(source, routed, withRoutes && routes.contains(source));
+    }
+    void setAddress(IpAddr address) { platform_.addressOf("up0", address.stringValue()); }
+    /// What the host entity is to speak from, if there is one.
+    std::optional<IpAddr> address() const {
+        Igmp::IgmpHost* const host = platform_.host("up0");
+        return host ? std::optional(host->ipAddr()) : std::nullopt;
     }
     void setLink(bool up) { up ? platform_.listIntf("up0") : platform_.delistIntf("up0"); }
     /// What the host entity says.

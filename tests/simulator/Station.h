@@ -49,6 +49,7 @@ struct Flow {
     double held = -never; ///< when it was wanted last, if it is not
     double told = never;  ///< when routers were told of the latter; never if they were not
     bool ever = false;    ///< it was announced, by all that is known
+    bool kept = false;    ///< the same, by the file
 };
 
 [[noreturn]] inline void fail(double now, std::string const& what, unsigned number,
@@ -93,7 +94,7 @@ class Station : public Agent::HostEngine::Output {
         engine->setSettings(now_, settings);
         address_ = settings.address;
         if (!fromFile) file_ = {};
-        for (Flow& flow : flows) flow.ever &= fromFile;
+        for (Flow& flow : flows) flow.ever = flow.kept = flow.kept && fromFile;
         engine->addFormer(file_);
         sent_.clear(); // the pace is that of one run
         doForget();
@@ -102,7 +103,8 @@ class Station : public Agent::HostEngine::Output {
     void kill() {
         for (auto const& [group, tells] : tells_)
             require(leaveEnd > now_ || tells.owed == 0, "does not leave often enough", group);
-        doKeep();
+        if (leaveEnd != never) doKeep(true);
+        keepDue_ = never;
         engine.reset();
         hears = false;
         if (leaveEnd == never) doForget(); // it has told a part at most
@@ -188,8 +190,8 @@ class Station : public Agent::HostEngine::Output {
     void warn(std::string const&) override {}
 
     double nextExpiry() const {
-        return std::min(
-            {leaveEnd, known > now_ ? known : never, engine ? engine->nextExpiry() : never});
+        return std::min({leaveEnd, keepDue_, known > now_ ? known : never,
+                         engine ? engine->nextExpiry() : never});
     }
     /// The end of a turn.
     void flush() {
@@ -199,7 +201,7 @@ class Station : public Agent::HostEngine::Output {
             doExpectFormerEnd();
             engine->formerEnd(now_);
         }
-        doKeep();
+        doKeep(false);
     }
     /// What holds of the time up to now.
     void check() {
@@ -243,6 +245,7 @@ class Station : public Agent::HostEngine::Output {
     unsigned const number;
     std::optional<Agent::HostEngine> engine; ///< none: not running
     Agent::HostEngine::Settings settings;
+    IpAddr wishedAddress = addressOf(0);
     bool linkUp = true;
     bool hears = false;      ///< it runs, and has been told that the link is up
     double leaveEnd = never; ///< while it leaves everything, to end
@@ -403,9 +406,13 @@ class Station : public Agent::HostEngine::Output {
         if (exact) owed_[r.group].clear();
     }
 
-    /// Writes the file where that is due.
-    void doKeep() {
-        if (engine && engine->takeHeldChange()) file_ = held();
+    /// Writes the file a while after a change, or at once as the host ends in order.
+    void doKeep(bool ends) {
+        if (engine->takeHeldChange()) keepDue_ = std::min(keepDue_, now_ + 0.05);
+        if (keepDue_ > (ends ? now_ + 0.05 : now_)) return;
+        file_ = held();
+        for (Flow& flow : flows) flow.kept = flow.ever;
+        keepDue_ = never;
     }
     /// What routers may hold, by the engine.
     Agent::RecordList held() const {
@@ -419,7 +426,8 @@ class Station : public Agent::HostEngine::Output {
     std::mt19937 random_;
     Send send_;
     Agent::RecordList file_;
-    bool owes_ = false; // leaves, until all is known
+    double keepDue_ = never; // when that is written, if it is to be
+    bool owes_ = false;      // leaves, until all is known
     double v1Expiry_ = -never, v2Expiry_ = -never;
     IpAddr address_;                   // in force
     unsigned heardRobustness_ = 0;     // 0: none

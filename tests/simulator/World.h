@@ -113,6 +113,11 @@ class World {
             if (s.leaveEnd <= now_) doKill(s);
             if (!s.engine) continue;
             bool const through = &s == &agent();
+            IpAddr const address =
+                through ? machines_->address().value_or(s.settings.address) : s.settings.address;
+            if (settled && through && address != s.wishedAddress)
+                fail(now_, "is not given its address", 0, address);
+            if (std::exchange(s.settings.address, address) != address) s.applySettings();
             for (auto const& [group, wish] : s.wished) {
                 Wish const given = through ? machines_->announced(group) : wish;
                 if (settled && given != wish) fail(now_, "is not given what is wanted", 0, group);
@@ -270,7 +275,11 @@ class World {
         } else if (step.verb == "link" && s.linkUp != (b > 0)) {
             doLink(s, b > 0);
         } else if (step.verb == "address") {
-            s.settings.address = b < 3 ? s.addressOf(b) : IpAddr();
+            bool const through = &s == &agent() && machines_;
+            s.wishedAddress = b < 3 || through ? s.addressOf(b) : IpAddr();
+            changed_ = now_;
+            if (through) return machines_->setAddress(s.wishedAddress);
+            s.settings.address = s.wishedAddress;
             s.applySettings();
         } else if (step.verb == "again" && s.hears) {
             s.announceAgain();
@@ -307,7 +316,7 @@ class World {
     }
     void doWant(Station& s, IpAddr group, bool exclude, unsigned mask) {
         Wish wish{exclude, chosen(mask)};
-        if (exclude && (group == listed || group == routed)) wish.sources.clear(); // or any
+        if (exclude && group == routed) wish.sources.clear(); // or any
         if (&s == &agent()) {
             changed_ = now_;
             if (group == Agent::allSystems) return;
@@ -331,6 +340,7 @@ class World {
             s.known = now_ + delay;
             routed_ = delay == 0;
             machines_.emplace(now_);
+            machines_->setAddress(s.wishedAddress);
             machines_->configure(s.wished, routed_);
             machines_->setLink(s.linkUp);
         }
