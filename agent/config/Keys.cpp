@@ -77,8 +77,10 @@ constexpr Key ofInterface[] = {
      .low = 1,
      .high = 10000,
      .standard = 100,
-     .effect = "The most packets that leave within any 100 ms. In version 3 a packet holds some "
-               "180 groups, in older ones a single one."},
+     .effect =
+         "The most packets that leave within any 100 ms. In version 3 a packet holds some "
+         "180 groups, in older ones a single one. Leaving everything as the agent ends has 0.7 s, "
+         "however many packets that takes."},
     {.name = "require-router-alert",
      .type = Type::boolean,
      .effect = "Whether version 2 and 3 queries without the Router Alert option are ignored."},

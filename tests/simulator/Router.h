@@ -30,12 +30,6 @@ struct Timing {
     unsigned robustness;
     double queryInterval, responseInterval;
 
-    Timing longest(Timing const& other) const {
-        return {std::max(robustness, other.robustness),
-                std::max(queryInterval, other.queryInterval),
-                std::max(responseInterval, other.responseInterval)};
-    }
-
     /// Hosts of version 1 take ten seconds for an answer, whatever a router would like.
     double membershipInterval() const {
         return robustness * queryInterval + std::max(responseInterval, 10.0) + slack;

@@ -59,6 +59,7 @@ class World {
         : timing_{with[1], double(with[2]), with[3] / 10.0},
           bearable_(int(std::min(with[1], with[4])) - 1),
           random_(with[0]) {
+        for (IpAddr const group : groups) older_[group] = lateTimes_[group] = -never;
         for (unsigned r = 0; r < routerCount; ++r)
             routers_.emplace_back(IpAddr::fromHost(IpAddr("10.0.0.1").host() + r), now_,
                                   [this, r](Bytes const& packet) { doSend(r, packet); });
@@ -114,7 +115,7 @@ class World {
             if (!s.engine) continue;
             bool const through = &s == &agent();
             IpAddr const address =
-                through ? machines_->address().value_or(s.settings.address) : s.settings.address;
+                through ? machines_->address().value_or(s.settings.address) : s.wishedAddress;
             if (settled && through && address != s.wishedAddress)
                 fail(now_, "is not given its address", 0, address);
             if (std::exchange(s.settings.address, address) != address) s.applySettings();
@@ -158,20 +159,18 @@ class World {
         if (now_ < stormEnd_) return part() * 100 < stormPercent_;
         if (part() >= 0.05 || (to >= routerCount && m.type == 0x22)) return false;
         Sources const about = groupsOf(m);
-        for (IpAddr const group : groups) {
-            if (!about.contains(group) && !about.contains({})) continue;
-            for (unsigned router = 0; router < routerCount; ++router)
-                if ((to >= routerCount || to == router) &&
-                    faultsOf(to < routerCount ? from : to, router, group) >= bearable_)
+        bool const bySender = to < routerCount;
+        for (IpAddr const group : groups)
+            for (unsigned r = bySender ? to : 0; r < (bySender ? to + 1 : routerCount); ++r)
+                if ((about.contains(group) || about.contains({})) &&
+                    faultsOf(bySender ? from : to, r, group) >= bearable_)
                     return false;
-        }
         for (IpAddr const group : about) faults_.push_back({now_, from, to, group});
         return true;
     }
     /// That keep the router from hearing of the host's membership.
     std::ptrdiff_t faultsOf(unsigned host, unsigned router, IpAddr group) const {
-        auto const older = older_.find(group);
-        bool const any = older != older_.end();
+        bool const any = older_.at(group) > -never;
         return std::count_if(faults_.begin(), faults_.end(), [&](Fault const& f) {
             if (f.group != group && !f.group.isZero()) return false;
             return f.to == host || (any && f.to >= routerCount) ||
@@ -229,8 +228,7 @@ class World {
         }
         if (!forwards || held == now_) return;
         double const full = timing_.membershipInterval();
-        auto const found = older_.find(group);
-        double const older = found == older_.end() ? -never : found->second;
+        double const older = older_.at(group);
         if (now_ > std::max(held + 2 * full + 2, older + 3 * full + timing_.queryInterval))
             fail(now_, "router is not rid of", r, group, source);
         Station const* only = nullptr;
@@ -249,10 +247,8 @@ class World {
                 }
         // What is held back may undo the leave; and it may be told again, with no need to.
         double const inOrder = std::min(told - 1, held);
-        auto const foundLate = lateTimes_.find(group);
-        double const late = foundLate == lateTimes_.end() ? -never : foundLate->second;
         bool const sure =
-            router.querierSince() < told - 1 && trusted < told && late < inOrder &&
+            router.querierSince() < told - 1 && trusted < told && lateTimes_.at(group) < inOrder &&
             (only->version == 3 ? older < told - full
                                 : only->version == 2 && only->versionSince < told - full &&
                                       !only->given.at(group).member());
@@ -264,9 +260,7 @@ class World {
         auto const& [a, b, c, d, e] = step.with;
         Station& s = stations_[a % stationCount];
         if (step.verb == "router") {
-            Timing own = timing_;
-            if (c > 0) own = {c, double(d), e / 10.0};
-            timing_ = timing_.longest(own);
+            Timing const own = c > 0 ? Timing{c, double(d), e / 10.0} : timing_;
             bearable_ = std::min(bearable_, int(own.robustness) - 1);
             doDisturb(now_);
             routers_[a].start(b, own);
@@ -275,12 +269,9 @@ class World {
         } else if (step.verb == "link" && s.linkUp != (b > 0)) {
             doLink(s, b > 0);
         } else if (step.verb == "address") {
-            bool const through = &s == &agent() && machines_;
-            s.wishedAddress = b < 3 || through ? s.addressOf(b) : IpAddr();
+            s.wishedAddress = b < 3 || &s == &agent() ? s.addressOf(b) : IpAddr();
             changed_ = now_;
-            if (through) return machines_->setAddress(s.wishedAddress);
-            s.settings.address = s.wishedAddress;
-            s.applySettings();
+            if (&s == &agent() && machines_) machines_->setAddress(s.wishedAddress);
         } else if (step.verb == "again" && s.hears) {
             s.announceAgain();
         } else if (step.verb == "speak") {
@@ -353,7 +344,7 @@ class World {
     }
 
     double now_ = startSeconds;
-    Timing timing_; ///< the longest of all routers'
+    Timing timing_; ///< no router's is longer
     int bearable_;
     std::mt19937 random_;
     std::deque<Router> routers_;
