@@ -118,7 +118,7 @@ class World {
                 through ? machines_->address().value_or(s.settings.address) : s.wishedAddress;
             if (settled && through && address != s.wishedAddress)
                 fail(now_, "is not given its address", 0, address);
-            if (std::exchange(s.settings.address, address) != address) s.applySettings();
+            if (std::exchange(s.settings.address, address) != address) s.applySettings(true);
             for (auto const& [group, wish] : s.wished) {
                 Wish const given = through ? machines_->announced(group) : wish;
                 if (settled && given != wish) fail(now_, "is not given what is wanted", 0, group);
