@@ -209,7 +209,7 @@ bool Netlink::doReceiveDatagram() {
 void Netlink::handleDatagram(std::size_t length) {
     auto const* message = reinterpret_cast<nlmsghdr const*>(buffer_->data());
     int left = int(length);
-    for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left))
+    for (; netlinkMessageOk(message, left); message = mnl_nlmsg_next(message, &left))
         handleMessage(*message);
     if (left > 0) log(LogLevel::warning, "netlink message of a wrong length dropped");
 }

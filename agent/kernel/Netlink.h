@@ -55,6 +55,12 @@ using NetlinkSocket = std::unique_ptr<mnl_socket, NetlinkCloser>;
 /// fewer of them in content, for it counts its own expense. Throws std::system_error.
 NetlinkSocket netlinkOpen(int service, int namespaceFd, int receiveBufferOctets);
 
+/// Whether a whole message lies in the `left` octets that begin with this one. What libmnl asks,
+/// and that the length is no number that it takes for a negative one.
+inline bool netlinkMessageOk(nlmsghdr const* message, int left) {
+    return mnl_nlmsg_ok(message, left) && message->nlmsg_len <= std::uint32_t(left);
+}
+
 /// Takes a datagram of the kernel's: its octets; 0 for one of another process, which has nothing to
 /// tell us; or a negative error number, ENOBUFS where one was lost, EAGAIN where there is none.
 ssize_t netlinkReceive(mnl_socket const& socket, std::span<std::uint8_t> buffer);

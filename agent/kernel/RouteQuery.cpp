@@ -78,7 +78,7 @@ RouteQuery::doRead(std::function<void(nlmsghdr const& message)> const& onRoute) 
     // dump there as one is taken, and all answers to questions at once.
     auto const* message = reinterpret_cast<nlmsghdr const*>(answers_.data());
     int left = int(taken_);
-    for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left))
+    for (; netlinkMessageOk(message, left); message = mnl_nlmsg_next(message, &left))
         handleMessage(*message, onRoute);
     if (missing_ == 0) return Outcome::ended;
     return error_ == 0 ? Outcome::more : Outcome::failed;

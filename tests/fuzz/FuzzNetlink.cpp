@@ -1,44 +1,94 @@
-// Messages of the kernel, cut and damaged in any way, to the tables of interfaces and routes. Each
-// begins with an octet for its type and one for its length.
+// Messages of the kernel, cut and damaged in any way, by the socket that tells dumps from
+// notifications to the tables of interfaces and routes, and to questions about routes. Each begins
+// with an octet for what it is and one for its length.
 #include "Nex/Error.h"
 #include "agent/kernel/InterfaceTable.h"
+#include "agent/kernel/RouteQuery.h"
 #include "agent/kernel/RouteTable.h"
 
 #include <algorithm>
 #include <array>
-#include <cstring>
+#include <cerrno>
 #include <linux/rtnetlink.h>
-#include <memory>
+#include <sys/socket.h>
 
-extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-    using namespace Agent;
-    InterfaceTable interfaces;
-    RouteTable routes([](Lox::IpAddr, Lox::IpAddr, bool) {});
-    routes.setFilter({true, false, {1, 2}});
-    std::span<std::uint8_t const> rest(data, size);
-    while (rest.size() >= 2) {
-        constexpr std::array types{RTM_NEWLINK, RTM_DELLINK,  RTM_NEWADDR,
-                                   RTM_DELADDR, RTM_NEWROUTE, RTM_DELROUTE};
-        std::uint8_t const choice = rest[0];
-        std::size_t const length = std::min<std::size_t>(rest[1], rest.size() - 2);
+namespace {
+
+using namespace Agent;
+
+struct Tables : Netlink::Observer {
+    Tables() { routes.setFilter({true, false, {1, 2}}); }
+    void onMessage(nlmsghdr const& message, bool ofDump) override {
         // In a block of just that size, so that whatever is read beyond it shows.
-        auto const block = std::make_unique<std::uint8_t[]>(NLMSG_HDRLEN + length);
-        auto* const message = reinterpret_cast<nlmsghdr*>(block.get());
-        message->nlmsg_len = std::uint32_t(NLMSG_HDRLEN + length);
-        message->nlmsg_type = std::uint16_t(types[choice % types.size()]);
-        std::memcpy(block.get() + NLMSG_HDRLEN, rest.data() + 2, length);
-        rest = rest.subspan(2 + length);
+        auto const block = std::make_unique<std::uint8_t[]>(message.nlmsg_len);
+        std::copy_n(reinterpret_cast<std::uint8_t const*>(&message), message.nlmsg_len, &block[0]);
+        auto const& copy = *reinterpret_cast<nlmsghdr const*>(block.get());
         try {
-            interfaces.readMessage(*message);
-            routes.readMessage(*message, choice >= 128);
+            interfaces.readMessage(copy);
+            routes.readMessage(copy, ofDump);
         } catch (Nex::ParseException const&) {
         }
-        if (choice == 127) {
-            if (routes.reading()) routes.endReading(true);
-            routes.beginReading();
-            routes.questionTake(RouteTable::defaultNumber);
-        }
         routes.doReview(2);
+    }
+    void onDumpsDone() override {
+        if (routes.reading()) routes.endReading(true);
+        routes.beginReading();
+        routes.questionTake(RouteTable::defaultNumber);
+    }
+    void onReadAgain() override { netlink.requestDump(RTM_GETLINK, ifinfomsg{}); }
+    InterfaceTable interfaces;
+    RouteTable routes{[](Lox::IpAddr, Lox::IpAddr, bool) {}};
+    Netlink netlink{NETLINK_ROUTE, *this};
+};
+
+std::span<std::uint8_t const> rest;
+std::uint32_t sequence = 0; ///< of the last question
+
+} // namespace
+
+// In place of the kernel's:
+
+extern "C" ssize_t sendto(int, void const* question, std::size_t size, int, sockaddr const*,
+                          socklen_t) {
+    sequence = static_cast<nlmsghdr const*>(question)->nlmsg_seq;
+    return ssize_t(size);
+}
+
+extern "C" ssize_t recvmsg(int fd, msghdr* header, int) {
+    if (rest.size() < 2) return errno = EAGAIN, -1;
+    constexpr std::array types{RTM_NEWLINK, RTM_DELLINK,  RTM_NEWADDR,
+                               RTM_DELADDR, RTM_NEWROUTE, RTM_DELROUTE};
+    std::uint8_t const choice = rest[0];
+    std::size_t const length = std::min<std::size_t>(rest[1], rest.size() - 2);
+    auto* const message = static_cast<nlmsghdr*>(header->msg_iov->iov_base);
+    sockaddr_nl own{};
+    socklen_t ownLength = sizeof own;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&own), &ownLength);
+    *message = {std::uint32_t(NLMSG_HDRLEN + length), std::uint16_t(types[choice % types.size()]),
+                std::uint16_t(choice & 0x20 ? NLM_F_DUMP_INTR : 0), sequence,
+                choice & 0x80 ? own.nl_pid : 0};
+    if (choice & 0x40) message->nlmsg_type = choice & 1 ? NLMSG_DONE : NLMSG_ERROR;
+    if (choice & 0x10) message->nlmsg_len ^= rest[1];
+    header->msg_flags = choice % 16 == 15 ? MSG_TRUNC : 0;
+    std::copy_n(rest.data() + 2, length, reinterpret_cast<std::uint8_t*>(message + 1));
+    rest = rest.subspan(2 + length);
+    return ssize_t(NLMSG_HDRLEN + length);
+}
+
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+    Tables tables;
+    tables.onReadAgain();
+    rest = {data, size};
+    while (!tables.netlink.receive()) {
+    }
+    rest = {data, size};
+    RouteQuery query(-1, RT_TABLE_DEFAULT);
+    std::array const names{RouteName{}, RouteName{}};
+    size % 2 ? query.requestAll() : query.requestNames(names);
+    auto outcome = RouteQuery::Outcome::more;
+    while (outcome == RouteQuery::Outcome::more) {
+        query.doExchange();
+        outcome = query.doRead([&](nlmsghdr const& message) { tables.onMessage(message, true); });
     }
     return 0;
 }
