@@ -1,4 +1,5 @@
 // The text forms of values: what is taken comes out as it went in, and everything else is refused.
+#include "IgmpHostProxy/SourceGroup.h"
 #include "Lox/IpAddr.h"
 #include "Nex/Error.h"
 #include "agent/config/AddressText.h"
@@ -12,6 +13,11 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     try {
         Lox::IpAddr const value(text);
         if (Lox::IpAddr(value.stringValue()) != value) std::abort();
+    } catch (Nex::ParseException const&) {
+    }
+    try {
+        IgmpHostProxy::SourceGroup const value(text);
+        if (IgmpHostProxy::SourceGroup(valueToStrep(value)) != value) std::abort();
     } catch (Nex::ParseException const&) {
     }
     auto const address = Agent::parseAddress(text);
