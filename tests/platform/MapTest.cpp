@@ -283,6 +283,24 @@ TEST_F(HashSecretTest, KeysThatWereChosenForOneAreHarmlessUnderAnother) {
     EXPECT_LT(mostSteps(chosen), 16u);
 }
 
+TEST(MapTest, KeysThatArePushedFarFromHomeAreFound) {
+    Set<IpAddr> set;
+    for (unsigned const shift : {0u, 16u})
+        for (std::uint32_t n = 1; n <= 40; ++n) set.findOrInsert(IpAddr::fromHost(n << shift));
+    for (unsigned const shift : {0u, 16u})
+        for (std::uint32_t n = 1; n <= 40; ++n)
+            EXPECT_TRUE(set.has(IpAddr::fromHost(n << shift))) << n << " << " << shift;
+    EXPECT_EQ(set.size(), 80u);
+}
+
+TEST(MapTest, ASmallOneKeepsItsEntriesAsItIsMoved) {
+    SmallSet<IpAddr> from;
+    from.findOrInsert(neighbour(1));
+    SmallSet<IpAddr> const to(std::move(from));
+    EXPECT_TRUE(to.has(neighbour(1)));
+    EXPECT_EQ(to.size(), 1u);
+}
+
 TEST(LinkedSetTest, KeepsTheOrderOfInsertionAndNeverDoesMuchAtOnce) {
     using Key = Chosen<false>;
     LinkedSet<Key> set;
@@ -308,6 +326,7 @@ TEST(LinkedSetTest, KeepsTheOrderOfInsertionAndNeverDoesMuchAtOnce) {
             auto const second = std::next(model.begin(), model.size() > 1);
             set.take({*second});
             set.take({next});
+            set.toBack({next});
             model.erase(second);
         }
         ASSERT_EQ(set.empty(), model.empty());
@@ -327,8 +346,8 @@ TEST(LinkedSetTest, KeepsTheOrderOfInsertionAndNeverDoesMuchAtOnce) {
     set.insert({next});
     set.clear();
     EXPECT_TRUE(set.empty() && !set.has({next}));
-    set.insert({1});
-    EXPECT_EQ(set.size(), 1u);
+    for (std::uint32_t n = 0; n < 100; ++n) set.insert({n});
+    EXPECT_EQ(set.size(), 100u);
 }
 
 } // namespace

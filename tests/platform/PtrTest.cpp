@@ -153,6 +153,9 @@ TEST_P(ArenaTest, NoTwoLivingObjectsShareRoomAndWhatIsFreeIsGivenBack) {
     EXPECT_FALSE(trimmed());
     giveBack([](std::size_t) { return true; });
     take(perChunk + 1); // from the start again
+    giveBack([](std::size_t) { return true; });
+    EXPECT_FALSE(trimmed());
+    take(1); // where nothing is left at all
 }
 
 } // namespace

@@ -141,6 +141,8 @@ TEST_F(TraceTest, ValuesThatDoNotFitIntoAnEntryAreLeftOut) {
     // A number that does not fit ends the entry; what would fit after it is not taken for it.
     NEX_TRACE(traced, 6, "%%%%%|%|%|%", 1ull, 2ull, 3ull, 4ull, 5ull, Costly{3}, 1.5, 'c');
     EXPECT_EQ(both(), "TraceTest 6 12345|<3>||");
+    NEX_TRACE(traced, 6, "%%%%%|%", 1ull, 2ull, 3ull, 4ull, 5ull, "a text of some length");
+    EXPECT_EQ(both(), "TraceTest 6 12345|a text ");
     NEX_TRACE(traced, 6, "%%%%%%%", 1ull, 2ull, 3ull, 4ull, 5ull, 6ull, "seven");
     EXPECT_EQ(both(), "TraceTest 6 123456");
 }
