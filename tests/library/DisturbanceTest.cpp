@@ -4,7 +4,9 @@
 // started afresh on the inputs as they are then.
 #include "Play.h"
 
+#include <cstdlib>
 #include <functional>
+#include <iostream>
 
 namespace IgmpHostProxy {
 namespace {
@@ -253,12 +255,17 @@ bool playDisturbed(Scenario const& scenario, Change const& change, Undone undone
     return disturber->disturbed();
 }
 
-// Where programs are slow, each change starts elsewhere and skips some notifications.
-constexpr unsigned stride = IHP_DISTURBANCE_STRIDE;
+// Where programs are slow, or many are run, each change starts elsewhere and skips some
+// notifications.
+unsigned const stride = [] {
+    char const* const text = std::getenv("IHP_STRIDE");
+    return text ? unsigned(std::stoul(text)) : IHP_DISTURBANCE_STRIDE;
+}();
 
 class Disturbance : public ::testing::TestWithParam<Scenario> {};
 
 TEST_P(Disturbance, EndsAsAFreshStartOnTheSameInputs) {
+    unsigned disturbances = 0;
     for (Change const& change : changes)
         for (Undone const undone : {never, atOnce, afterwards}) {
             if (undone != never && change.undo.empty()) continue;
@@ -267,9 +274,11 @@ TEST_P(Disturbance, EndsAsAFreshStartOnTheSameInputs) {
                 SCOPED_TRACE(GetParam().title + ", " + change.name + " at " + std::to_string(at) +
                              " undone " + std::to_string(undone));
                 disturbed = playDisturbed(GetParam(), change, undone, at);
+                disturbances += disturbed;
             }
             EXPECT_GT(at, 5u);
         }
+    std::cout << disturbances << " disturbances\n";
 }
 
 INSTANTIATE_TEST_SUITE_P(Library, Disturbance, ::testing::ValuesIn(scenarios),
