@@ -57,9 +57,10 @@ json sourcesJson(GroupConfiguration const& group) {
 
 /// The groups of a section, in their order. Those of a prefix are found one by one, and it is told
 /// with the first.
-class Groups : public JsonPart {
+class GroupTables : public JsonPart {
   public:
-    Groups(Source source, std::string name) : source_(std::move(source)), name_(std::move(name)) {}
+    GroupTables(Source source, std::string name)
+        : source_(std::move(source)), name_(std::move(name)) {}
     bool next(JsonStream& stream) override {
         InterfaceConfiguration const* const section = sectionOf(source_(), name_);
         if (!section) return false;
@@ -123,7 +124,7 @@ class Interfaces : public JsonPart {
         auto const groups = [=, source = source_](JsonStream& to) {
             auto const* const section = sectionOf(source(), name);
             if (section && section->groups.size() > 0)
-                to.open("group", std::make_unique<Groups>(source, name));
+                to.open("group", std::make_unique<GroupTables>(source, name));
         };
         stream.open(name, std::make_unique<Members>(std::vector<Members::Step>{settings, groups}));
     }
