@@ -3,6 +3,7 @@
 #include "agent/config/Configuration.h"
 #include "agent/kernel/KernelInterfaces.h"
 #include "agent/kernel/NamespaceWatch.h"
+#include "agent/loop/Json.h"
 #include "agent/loop/Printable.h"
 #include "agent/loop/ServiceManager.h"
 #include "agent/loop/SystemError.h"
@@ -11,7 +12,6 @@
 #include <cerrno>
 #include <fmt/format.h>
 #include <linux/capability.h>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <poll.h>
 #include <set>

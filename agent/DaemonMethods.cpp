@@ -11,12 +11,12 @@
 #include "agent/answers/Why.h"
 #include "agent/config/AddressText.h"
 #include "agent/control/JsonRpc.h"
+#include "agent/loop/Json.h"
 #include "agent/loop/Log.h"
 #include "agent/loop/Printable.h"
 #include "agent/records/JsonStream.h"
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 namespace Agent {

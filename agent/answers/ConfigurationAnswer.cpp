@@ -2,13 +2,13 @@
 
 #include "agent/answers/Lists.h"
 #include "agent/control/JsonRpc.h"
+#include "agent/loop/Json.h"
 #include "agent/loop/Printable.h"
 
 #include <algorithm>
 #include <array>
 #include <exception>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <vector>
 

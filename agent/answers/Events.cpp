@@ -1,9 +1,9 @@
 #include "agent/answers/Events.h"
 
+#include "agent/loop/Json.h"
 #include "agent/loop/Log.h"
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 
 namespace Agent {
 

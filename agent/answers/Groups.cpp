@@ -3,10 +3,10 @@
 #include "IgmpHostProxy/IgmpHostProxySm.h"
 #include "agent/config/AddressText.h"
 #include "agent/control/JsonRpc.h"
+#include "agent/loop/Json.h"
 
 #include <algorithm>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 #include <optional>
 
 namespace Agent {

@@ -1,10 +1,10 @@
 #include "agent/answers/Interfaces.h"
 
+#include "agent/loop/Json.h"
 #include "agent/loop/Printable.h"
 
 #include <algorithm>
 #include <functional>
-#include <nlohmann/json.hpp>
 #include <optional>
 
 namespace Agent {

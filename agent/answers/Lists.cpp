@@ -1,11 +1,11 @@
 #include "agent/answers/Lists.h"
 
+#include "agent/loop/Json.h"
 #include "agent/loop/Printable.h"
 
 #include <algorithm>
 #include <bit>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 #include <vector>
 
 namespace Agent {

@@ -1,12 +1,12 @@
 #include "agent/answers/Metrics.h"
 
 #include "agent/kernel/Netlink.h"
+#include "agent/loop/Json.h"
 #include "agent/reload/Reloader.h"
 
 #include <cctype>
 #include <fmt/format.h>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string_view>
 #include <sys/resource.h>
 #include <unistd.h>

@@ -2,10 +2,10 @@
 
 #include "Lumen/Ring.h"
 #include "Nex/System.h"
+#include "agent/loop/Json.h"
 #include "agent/loop/Log.h"
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 
 namespace Agent {
 

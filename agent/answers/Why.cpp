@@ -3,12 +3,12 @@
 #include "IgmpHostProxy/IgmpHostProxySm.h"
 #include "agent/answers/Groups.h"
 #include "agent/answers/Lists.h"
+#include "agent/loop/Json.h"
 #include "agent/loop/Printable.h"
 
 #include <algorithm>
 #include <fmt/format.h>
 #include <functional>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <vector>
 

@@ -1,10 +1,10 @@
 #include "agent/config/Diagnostic.h"
 
+#include "agent/loop/Json.h"
 #include "agent/loop/Printable.h"
 
 #include <algorithm>
 #include <fmt/core.h>
-#include <nlohmann/json.hpp>
 #include <string_view>
 #include <tuple>
 #include <unordered_map>

@@ -2,8 +2,9 @@
 // understood. No socket, and no knowledge of what can be asked.
 #pragma once
 
+#include "agent/loop/Json.h"
+
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <string_view>

@@ -1,10 +1,10 @@
 #include "agent/ports/ChangesAnswer.h"
 
+#include "agent/loop/Json.h"
 #include "agent/loop/SystemError.h"
 #include "agent/records/JsonStream.h"
 
 #include <cstdio>
-#include <nlohmann/json.hpp>
 
 namespace Agent {
 

@@ -1,12 +1,12 @@
 #include "agent/ports/IgmpHostPort.h"
 
+#include "agent/loop/Json.h"
 #include "agent/loop/Log.h"
 #include "agent/records/StatusJson.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <nlohmann/json.hpp>
 #include <sys/epoll.h>
 #include <sys/stat.h>
 #include <system_error>

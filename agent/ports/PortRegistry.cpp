@@ -1,7 +1,8 @@
 #include "agent/ports/PortRegistry.h"
 
+#include "agent/loop/Json.h"
+
 #include <algorithm>
-#include <nlohmann/json.hpp>
 
 namespace Agent {
 

@@ -2,10 +2,10 @@
 #pragma once
 
 #include "Nex/Record.h"
+#include "agent/loop/Json.h"
 #include "agent/records/JsonStream.h"
 
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <type_traits>
 #include <utility>

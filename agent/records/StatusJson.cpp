@@ -1,6 +1,6 @@
 #include "agent/records/StatusJson.h"
 
-#include <nlohmann/json.hpp>
+#include "agent/loop/Json.h"
 
 namespace Agent {
 

@@ -5,8 +5,8 @@
 #include "agent/Process.h"
 #include "agent/Wire.h"
 #include "agent/files/StateFile.h"
+#include "agent/loop/Json.h"
 
-#include <nlohmann/json.hpp>
 #include <set>
 
 namespace Testing {

@@ -2,6 +2,7 @@
 #include "agent/ConfigurationText.h"
 #include "agent/Daemon.h"
 #include "agent/Wire.h"
+#include "agent/loop/Json.h"
 #include "agent/records/Announced.h"
 #include "support/Folder.h"
 #include "support/RefusedMemory.h"
@@ -165,6 +166,13 @@ TEST_F(ReloadMemoryTest, BuildingAnewTellsTheNetworkNothing) {
     EXPECT_NE(daemon->state().hostDir->igmpHost("up0"), host) << "it was not built anew";
     EXPECT_EQ(announced(), all);
     EXPECT_EQ(wire.heard(), Lines());
+}
+
+TEST(JsonMemoryTest, ValuesEndWithoutAny) {
+    auto value = nlohmann::json::parse(R"([[1, {"a": [2, 3]}], {"b": {"c": [4]}}])");
+    memory.refuse(1, 1000);
+    value = nullptr;
+    EXPECT_GT(memory.stop(), 0);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // Lines to the control socket, down to the parameters of a method that picks groups.
 #include "agent/answers/Groups.h"
 #include "agent/control/ControlSession.h"
+#include "agent/loop/Json.h"
 
 #include <cstdlib>
 #include <sys/socket.h>

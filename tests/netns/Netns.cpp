@@ -1,5 +1,7 @@
 #include "netns/Netns.h"
 
+#include "agent/loop/Json.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -7,7 +9,6 @@
 #include <filesystem>
 #include <fmt/ranges.h>
 #include <net/if.h>
-#include <nlohmann/json.hpp>
 #include <set>
 #include <stdexcept>
 #include <sys/wait.h>

@@ -4,13 +4,13 @@
 #include "agent/ConfigurationText.h"
 #include "agent/answers/ConfigurationAnswer.h"
 #include "agent/config/Keys.h"
+#include "agent/loop/Json.h"
 #include "support/Folder.h"
 
 #include <algorithm>
 #include <functional>
 #include <gtest/gtest.h>
 #include <iterator>
-#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 
 namespace Agent {
