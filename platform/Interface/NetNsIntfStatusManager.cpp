@@ -112,7 +112,7 @@ NetNsIntfStatusManagerRoot::NetNsIntfStatusManagerRoot(
 
 NetNsIntfStatusManagerRoot::~NetNsIntfStatusManagerRoot() {
     nexDoZombieReactors(true);
-    for (auto const& item : managers_.walk()) intfStatusManagerDel(item.key);
+    for (auto const& key : managers_.walk<Nex::Nothing>()) intfStatusManagerDel(key);
 }
 
 void NetNsIntfStatusManagerRoot::intfStatusManagerIs(

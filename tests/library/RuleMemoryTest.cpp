@@ -9,7 +9,7 @@ char const* const steps[] = {"attach iptv", "rule iptv 3 permit 3 g8/29", "force
                              "detach iptv"};
 
 /// An interface, a list of two rules, and another version of the list.
-struct Lists : Play {
+struct Lists final : Play {
     Lists() {
         doEvents("start; tables; intf up0 2; configure up0; table t; new-rules other; rule iptv 1 "
                  "permit 1 g0/29; rule iptv 2 permit 2 g8/29; rule other 4 permit 4 g16/29");
@@ -50,6 +50,13 @@ TEST(RuleMemory, CountsAreRightTheNextTime) {
                 ASSERT_EQ(group.find(':'), group.npos) << group;
             if (over) break;
         }
+}
+
+TEST(RuleMemory, TheEndOfTheMachinesNeedsNone) {
+    auto lists = std::make_unique<Lists>();
+    memory.refuse(1, 1000000);
+    lists.reset();
+    memory.stop();
 }
 
 } // namespace
