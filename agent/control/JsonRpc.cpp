@@ -20,7 +20,10 @@ RpcRequest requestOf(json const& value) {
     if (answered && !id->is_string() && !id->is_number() && !id->is_null())
         return faulty(RpcError::invalidRequest, "id is to be a string, a number or null");
     json const key = answered ? *id : json();
-    if (value.value("jsonrpc", json()) != "2.0")
+    // Not compared as a JSON value, which would be made where no exception may come from.
+    auto const version = value.find("jsonrpc");
+    if (version == value.end() || !version->is_string() ||
+        version->get_ref<std::string const&>() != "2.0")
         return faulty(RpcError::invalidRequest, "jsonrpc is to be \"2.0\"", key);
     auto const method = value.find("method");
     if (method == value.end() || !method->is_string())
