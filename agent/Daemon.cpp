@@ -241,7 +241,11 @@ void Daemon::doDismantle() {
 /// machines have heard. They are made anew, over records that are written anew; the ports stay, so
 /// that the network hears of nothing but differences. If this fails, too, it is tried again.
 void Daemon::doRebuild() {
-    if (ending_) return;
+    if (ending_) { // what has failed may have been the end
+        rebuild_.arm(rebuildSeconds);
+        if (!keeping_) ports_->doEnd(EventLoop::now());
+        return;
+    }
     handleExhaustion();
     doDismantle();
     writer_.doRewrite([this] {

@@ -110,11 +110,12 @@ void IgmpHostPort::addFormer(RecordList const& groups) {
 void IgmpHostPort::detach(double now) {
     place_.stir();
     doNoteAll();
+    // First what may fail: as long as there is a host, it is tried again.
+    Location const here = location();
     host_.del();
     v3groupDelAll();
     status_ = nullptr;
     // An interface that lost its address has none to speak from.
-    Location const here = location();
     if (here.followed && (here.device.ifindex != openIfindex_ || !hasAddress(here))) doClose(now);
     doLeave(now);
 }
