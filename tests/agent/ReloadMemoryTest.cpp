@@ -170,8 +170,11 @@ TEST_F(ReloadMemoryTest, BuildingAnewTellsTheNetworkNothing) {
 
 TEST(JsonMemoryTest, ValuesEndWithoutAny) {
     auto value = nlohmann::json::parse(R"([[1, {"a": [2, 3]}], {"b": {"c": [4]}}])");
+    nlohmann::json object, array;
     memory.refuse(1, 1000);
-    value = nullptr;
+    EXPECT_THROW(object["a long name, for which there is no room"] = 1, std::bad_alloc);
+    EXPECT_THROW(array.push_back("a long text, for which there is no room"), std::bad_alloc);
+    value = object = array = nullptr;
     EXPECT_GT(memory.stop(), 0);
 }
 
