@@ -283,16 +283,6 @@ TEST_F(HashSecretTest, KeysThatWereChosenForOneAreHarmlessUnderAnother) {
     EXPECT_LT(mostSteps(chosen), 16u);
 }
 
-TEST(MapTest, KeysThatArePushedFarFromHomeAreFound) {
-    Set<IpAddr> set;
-    for (unsigned const shift : {0u, 16u})
-        for (std::uint32_t n = 1; n <= 40; ++n) set.findOrInsert(IpAddr::fromHost(n << shift));
-    for (unsigned const shift : {0u, 16u})
-        for (std::uint32_t n = 1; n <= 40; ++n)
-            EXPECT_TRUE(set.has(IpAddr::fromHost(n << shift))) << n << " << " << shift;
-    EXPECT_EQ(set.size(), 80u);
-}
-
 TEST(MapTest, ASmallOneKeepsItsEntriesAsItIsMoved) {
     SmallSet<IpAddr> from;
     from.findOrInsert(neighbour(1));
