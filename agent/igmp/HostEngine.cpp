@@ -42,6 +42,8 @@ void HostEngine::setSettings(double now, Settings const& settings) {
     settings_.packetsPer100ms = std::max(settings.packetsPer100ms, 1u);
     budget_.setLimit(settings_.packetsPer100ms);
     handleVersion(now);
+    // They count as told, and what they take back is not announced again.
+    for (LatePacket& packet : late_) setSource(packet.bytes, settings_.address);
     if (moved || version_ != before) doAnnounceAll(now);
     doSend(now);
 }
@@ -202,7 +204,6 @@ void HostEngine::doDrop(GroupQueue& queue) {
 
 void HostEngine::doAnnounceAll(double now) {
     if (!linkUp_) return;
-    late_.clear();
     for (auto& [address, entry] : groups_) {
         if (!entry.group.hasState()) continue;
         if (version_ < 3)

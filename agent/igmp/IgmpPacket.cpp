@@ -91,6 +91,12 @@ Lox::IpAddr destinationOf(IgmpType type, Lox::IpAddr group) {
 
 } // namespace
 
+void setSource(std::span<std::uint8_t> packet, Lox::IpAddr source) {
+    source.toOctets(&packet[IpHeader::source]);
+    put16(packet, IpHeader::headerChecksum, 0);
+    put16(packet, IpHeader::headerChecksum, checksum(packet.first(ipHeaderOctets)));
+}
+
 std::uint16_t checksum(std::span<std::uint8_t const> bytes) {
     std::uint32_t sum = 0;
     std::size_t at = 0;

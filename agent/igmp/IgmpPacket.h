@@ -87,6 +87,8 @@ inline constexpr std::size_t ipHeaderOctets = 24;
 /// A version 1 or 2 message, and what precedes the records of a version 3 report.
 inline constexpr std::size_t messageOctets = 8;
 
+/// Gives a packet of ours another source.
+void setSource(std::span<std::uint8_t> packet, Lox::IpAddr source);
 /// The Internet checksum (RFC 1071) of any number of octets: zero over bytes that hold a right one.
 std::uint16_t checksum(std::span<std::uint8_t const> bytes);
 

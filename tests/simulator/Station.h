@@ -102,7 +102,7 @@ class Station : public Agent::HostEngine::Output {
     void kill() {
         for (auto const& [group, tells] : tells_)
             require(leaveEnd > now_ || tells.owed == 0, "does not leave often enough", group);
-        if (leaveEnd != never) doKeep(true);
+        doKeep(true);
         keepDue_ = never;
         engine.reset();
         hears = false;
@@ -405,7 +405,7 @@ class Station : public Agent::HostEngine::Output {
         if (exact) owed_[r.group].clear();
     }
 
-    /// Writes the file a while after a change, or at once as the host ends in order.
+    /// Writes the file a while after a change, or at once as the host ends.
     void doKeep(bool ends) {
         if (engine->takeHeldChange()) keepDue_ = std::min(keepDue_, now_ + 0.05);
         if (keepDue_ > (ends ? now_ + 0.05 : now_)) return;
