@@ -209,16 +209,17 @@ class World {
         Router const& router = routers_[r];
         IpAddr const group = agent().flows[f].group, source = agent().flows[f].source;
         bool const forwards = router.forwards(group, source);
-        // Who only listens is asked to forget what the querier has not heard, in version 2 even
-        // what it has: it needs each answer.
+        // Who only listens is asked to forget what the querier has not heard, by one of version 2
+        // even what it has: it needs each answer.
         auto const missed = std::count_if(faults_.begin(), faults_.end(), [&](Fault const& fault) {
             return fault.group == group || fault.group.isZero();
         });
-        bool const sees =
-            router.querierSince() != never || missed <= (router.version() == 3 ? bearable_ : 0);
         double held = -never; // when it was wanted last
         for (Station const& s : stations_) {
             Flow const& flow = s.flows[f];
+            bool const sees =
+                router.querierSince() != never ||
+                missed <= (std::min(router.version(), s.version) == 3 ? bearable_ : 0);
             held = std::max(held, flow.since != never ? now_ : flow.held);
             double const told =
                 std::max(flow.since, s.upSince) + bearable_ * s.repeatSeconds() + s.pace() + slack;
