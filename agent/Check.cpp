@@ -42,11 +42,11 @@ void addLacks(std::vector<Lack>& lacks, Configuration const& configuration, std:
               int namespaceFd, std::string const& vrfDevice = {}) {
     KernelInterfaces kernel([](int) {}, namespaceFd);
     doRead(kernel);
-    int const master = kernel.device(vrfDevice).ifindex;
+    int const master = kernel.table().device(vrfDevice).ifindex;
     if (!vrfDevice.empty() && master == 0)
         lacks.push_back({"VRF " + vrf, vrfDevice + " " + noSuchInterface});
     auto const look = [&](std::string const& name) {
-        KernelInterface const* const found = kernel.device(name).kernel;
+        KernelInterface const* const found = kernel.table().device(name).kernel;
         std::string reason = obstacleOf(found);
         if (reason.empty() && !vrfDevice.empty() && found->master != master)
             reason = noPortOf(vrfDevice);
@@ -55,7 +55,7 @@ void addLacks(std::vector<Lack>& lacks, Configuration const& configuration, std:
     for (auto const& [name, interface] : configuration.interfaces)
         if (interface.vrf == vrf) look(name);
     std::set<std::string> matched;
-    for (auto const& [ifindex, interface] : kernel.interfaces()) {
+    for (auto const& [ifindex, interface] : kernel.table().interfaces()) {
         InterfaceConfiguration const* const entry = configuration.entryFor(interface.name);
         if (!entry || entry->pattern.empty() || entry->vrf != vrf) continue;
         matched.insert(entry->pattern);

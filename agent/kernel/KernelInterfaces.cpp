@@ -48,7 +48,7 @@ void KernelInterfaces::onMessage(nlmsghdr const& message, bool ofDump) {
 
 void KernelInterfaces::onDumpsDone() {
     synchronized_ = true;
-    auto const changed = differences(interfaces(), reading_.interfaces());
+    auto const changed = differences(table_.interfaces(), reading_.interfaces());
     table_ = std::move(reading_);
     for (int const ifindex : changed) doNotify(ifindex);
     if (overtaken_) onReadAgain();

@@ -32,9 +32,6 @@ class KernelInterfaces final : private Netlink::Observer {
     bool synchronized() const { return synchronized_; }
     /// What it shows is valid until the next receive().
     InterfaceTable const& table() const { return table_; }
-    std::map<int, KernelInterface> const& interfaces() const { return table_.interfaces(); }
-    KernelInterface const* interface(int ifindex) const { return table_.interface(ifindex); }
-    Device device(std::string_view name) const { return table_.device(name); }
 
   private:
     void onMessage(nlmsghdr const& message, bool ofDump) override;

@@ -24,7 +24,8 @@ LeftNamespace::~LeftNamespace() { doStop(); }
 
 Whereabouts LeftNamespace::whereabouts(std::string const& interface) const {
     if (!interfaces_) return {watch_ && watch_->absent(), {}, -1};
-    return {interfaces_->synchronized(), interfaces_->device(interface), watch_->namespaceFd()};
+    return {interfaces_->synchronized(), interfaces_->table().device(interface),
+            watch_->namespaceFd()};
 }
 
 void LeftNamespace::handleNamespace() {

@@ -25,7 +25,6 @@ void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* old, size_t size);
 void* __libc_memalign(size_t alignment, size_t size);
-pid_t __libc_fork(void);
 
 enum {
     refused,

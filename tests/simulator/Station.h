@@ -49,7 +49,6 @@ struct Flow {
     double held = -never; ///< when it was wanted last, if it is not
     double told = never;  ///< when routers were told of the latter; never if they were not
     bool ever = false;    ///< it was announced, by all that is known
-    bool kept = false;    ///< the same, by the file
 };
 
 [[noreturn]] inline void fail(double now, std::string const& what, unsigned number,
@@ -93,7 +92,7 @@ class Station : public Agent::HostEngine::Output {
         engine.emplace(*this, std::mt19937(random_()));
         engine->setSettings(now_, settings);
         if (!fromFile) file_ = {};
-        for (Flow& flow : flows) flow.ever = flow.kept = flow.kept && fromFile;
+        for (Flow& flow : flows) flow.ever &= fromFile;
         engine->addFormer(file_);
         sent_.clear(); // the pace is that of one run
         doForget();
@@ -102,8 +101,7 @@ class Station : public Agent::HostEngine::Output {
     void kill() {
         for (auto const& [group, tells] : tells_)
             require(leaveEnd > now_ || tells.owed == 0, "does not leave often enough", group);
-        doKeep(true);
-        keepDue_ = never;
+        doKeep();
         engine.reset();
         hears = false;
         if (leaveEnd == never) doForget(); // it has told a part at most
@@ -189,8 +187,8 @@ class Station : public Agent::HostEngine::Output {
     void warn(std::string const&) override {}
 
     double nextExpiry() const {
-        return std::min({leaveEnd, keepDue_, known > now_ ? known : never,
-                         engine ? engine->nextExpiry() : never});
+        return std::min(
+            {leaveEnd, known > now_ ? known : never, engine ? engine->nextExpiry() : never});
     }
     /// The end of a turn.
     void flush() {
@@ -200,7 +198,7 @@ class Station : public Agent::HostEngine::Output {
             doExpectFormerEnd();
             engine->formerEnd(now_);
         }
-        doKeep(false);
+        doKeep();
     }
     /// What holds of the time up to now.
     void check() {
@@ -405,13 +403,8 @@ class Station : public Agent::HostEngine::Output {
         if (exact) owed_[r.group].clear();
     }
 
-    /// Writes the file a while after a change, or at once as the host ends.
-    void doKeep(bool ends) {
-        if (engine->takeHeldChange()) keepDue_ = std::min(keepDue_, now_ + 0.05);
-        if (keepDue_ > (ends ? now_ + 0.05 : now_)) return;
-        file_ = held();
-        for (Flow& flow : flows) flow.kept = flow.ever;
-        keepDue_ = never;
+    void doKeep() {
+        if (engine->takeHeldChange()) file_ = held();
     }
     /// What routers may hold, by the engine.
     Agent::RecordList held() const {
@@ -425,8 +418,7 @@ class Station : public Agent::HostEngine::Output {
     std::mt19937 random_;
     Send send_;
     Agent::RecordList file_;
-    double keepDue_ = never; // when that is written, if it is to be
-    bool owes_ = false;      // leaves, until all is known
+    bool owes_ = false; // leaves, until all is known
     double v1Expiry_ = -never, v2Expiry_ = -never;
     unsigned heardRobustness_ = 0;     // 0: none
     double asked_ = -never;            // last older general query

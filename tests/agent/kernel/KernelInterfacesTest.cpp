@@ -19,7 +19,7 @@ namespace {
 /// without a word.
 auto sortedOf(KernelInterfaces const& kernel) {
     std::map<int, std::pair<Lox::IpAddr, KernelInterface>> all;
-    for (auto const& [ifindex, interface] : kernel.interfaces()) {
+    for (auto const& [ifindex, interface] : kernel.table().interfaces()) {
         auto& [primary, sorted] = all[ifindex];
         primary = interface.primaryAddress();
         sorted = interface;
@@ -49,8 +49,8 @@ class KernelInterfacesTest : public testing::Test {
             return condition();
         });
     }
-    int index() const { return followed->device("up0").ifindex; }
-    KernelInterface const* up0() const { return followed->interface(index()); }
+    int index() const { return followed->table().device("up0").ifindex; }
+    KernelInterface const* up0() const { return followed->table().interface(index()); }
 
     /// Waits until the table shows what a newcomer reads of the kernel.
     void expectFresh() {
@@ -118,8 +118,8 @@ TEST_F(KernelInterfacesTest, AfterAnOverrunOnlyDifferencesAreTold) {
     testing::internal::CaptureStderr();
     expectFresh();
     EXPECT_NE(testing::internal::GetCapturedStderr().find("lost"), std::string::npos);
-    EXPECT_GE(reported.count(followed->device("aux0").ifindex), 1u);
-    EXPECT_LT(reported.count(followed->device("lo").ifindex), 200u);
+    EXPECT_GE(reported.count(followed->table().device("aux0").ifindex), 1u);
+    EXPECT_LT(reported.count(followed->table().device("lo").ifindex), 200u);
     EXPECT_EQ(reported.count(index()), 0u);
 }
 
