@@ -227,11 +227,8 @@ void EventLoop::doGuarded(Action const& action) noexcept {
 
 void EventLoop::doLogFailure(char const* text) noexcept {
     failed_ = true;
-    try {
-        if (auto const heldBack = exceptionLimit_.admitted(now()))
-            log(LogLevel::error, "a handler failed: {} ({} more not shown)", text, *heldBack);
-    } catch (...) { // no memory for the line, either
-    }
+    if (auto const heldBack = exceptionLimit_.admitted(now()))
+        log(LogLevel::error, "a handler failed: {} ({} more not shown)", text, *heldBack);
 }
 
 } // namespace Agent

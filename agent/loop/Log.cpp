@@ -3,6 +3,7 @@
 #include "agent/loop/Printable.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <climits>
 #include <cstdlib>
@@ -25,30 +26,67 @@ LogLevel written = LogLevel::info;
 unsigned lost = 0; ///< lines since the last one that was taken
 std::deque<Event> told;
 
+constexpr std::pair<LogLevel, char const*> levelNames[] = {{LogLevel::error, "error"},
+                                                           {LogLevel::warning, "warning"},
+                                                           {LogLevel::info, "info"},
+                                                           {LogLevel::debug, "debug"}};
+
+/// What is formatted without memory: that there is none may be what it says. Cut to mostOctets.
+class Text {
+  public:
+    Text(fmt::string_view format, fmt::format_args arguments)
+        : size_(std::min(mostOctets,
+                         fmt::vformat_to_n(octets_.data(), mostOctets, format, arguments).size)) {}
+    operator std::string_view() const { return {octets_.data(), size_}; }
+
+  private:
+    std::array<char, mostOctets> octets_;
+    std::size_t size_;
+};
+
+template <typename... Args>
+Text textOf(fmt::format_string<Args...> format, Args const&... args) {
+    return {format, fmt::make_format_args(args...)};
+}
+
 /// JOURNAL_STREAM names the journal's socket by device and inode. A program may inherit it
 /// with standard error redirected to elsewhere, and then must not write prefixes (systemd.exec(5)).
 bool journalReads() {
     char const* const stream = std::getenv("JOURNAL_STREAM");
     struct stat status {};
     return stream && fstat(STDERR_FILENO, &status) == 0 &&
-           stream == fmt::format("{}:{}", status.st_dev, status.st_ino);
+           stream == std::string_view(textOf("{}:{}", status.st_dev, status.st_ino));
 }
 
-constexpr std::pair<LogLevel, char const*> levelNames[] = {{LogLevel::error, "error"},
-                                                           {LogLevel::warning, "warning"},
-                                                           {LogLevel::info, "info"},
-                                                           {LogLevel::debug, "debug"}};
+/// Of the log, as standard error takes them: at once, two at most.
+class Lines {
+  public:
+    void add(LogLevel level, std::string_view subject, std::string_view text) {
+        end_ = size_ + mostOctets - 1;
+        if (journalReads())
+            doAdd(textOf("<{}>", int(level)));
+        else if (level != LogLevel::info)
+            doAdd(textOf("{}: ", nameOf(level)));
+        doAdd(subject);
+        if (!subject.empty()) doAdd(": ");
+        doAdd(text);
+        octets_[size_++] = '\n';
+    }
+    operator std::string_view() const { return {octets_.data(), size_}; }
 
-std::string prefix(LogLevel level) {
-    return level == LogLevel::info ? "" : fmt::format("{}: ", nameOf(level));
-}
+  private:
+    void doAdd(std::string_view text) {
+        for (char const byte : text) {
+            PrintableByte const shown(byte);
+            if (size_ + shown.text().size() > end_) return;
+            size_ += shown.text().copy(octets_.data() + size_, shown.text().size());
+        }
+    }
 
-std::string lineOf(LogLevel level, std::string_view text) {
-    std::string line =
-        (journalReads() ? fmt::format("<{}>", int(level)) : prefix(level)) + printable(text);
-    if (line.size() >= mostOctets) line.resize(mostOctets - 1);
-    return line + '\n';
-}
+    std::array<char, 2 * mostOctets> octets_;
+    std::size_t size_ = 0;
+    std::size_t end_ = 0; ///< of the line, without what ends it
+};
 
 /// Without memory it is forgotten; what was to be told is more important.
 void doKeep(LogLevel level, std::string_view subject, std::string_view text) noexcept {
@@ -87,14 +125,15 @@ double secondsSince1970() {
 
 std::deque<Event> const& events() { return told; }
 
-void logLine(LogLevel level, std::string_view subject, std::string_view text) {
+void logLine(LogLevel level, std::string_view subject, fmt::string_view format,
+             fmt::format_args arguments) noexcept {
+    Text const text(format, arguments);
     doKeep(level, subject, text);
     if (level > written) return;
-    std::string line =
-        lineOf(level, subject.empty() ? std::string(text) : fmt::format("{}: {}", subject, text));
-    if (lost != 0)
-        line = lineOf(LogLevel::warning, fmt::format("{} lines of the log were lost", lost)) + line;
-    lost = writeAtOnce(STDERR_FILENO, line) ? 0 : lost + 1;
+    Lines lines;
+    if (lost != 0) lines.add(LogLevel::warning, {}, textOf("{} lines of the log were lost", lost));
+    lines.add(level, subject, text);
+    lost = writeAtOnce(STDERR_FILENO, lines) ? 0 : lost + 1;
 }
 
 bool writeAtOnce(int fd, std::string_view text) {

@@ -41,8 +41,9 @@ inline constexpr std::size_t mostEvents = 1000;
 /// Writes one line of any level, with unprintable bytes escaped, and cut to what a pipe takes as a
 /// whole, behind the subject, such as an interface, if there is one. A line that standard error
 /// does not take at once is lost, and counted in a line of its own before the next one that is
-/// taken: logging neither fails nor waits.
-void logLine(LogLevel level, std::string_view subject, std::string_view text);
+/// taken: logging neither fails nor waits, nor takes it memory to be written.
+void logLine(LogLevel level, std::string_view subject, fmt::string_view format,
+             fmt::format_args arguments) noexcept;
 
 /// Writes up to PIPE_BUF octets in one call, or nothing where that would have to wait. Returns
 /// whether they were taken.
@@ -51,14 +52,14 @@ bool writeAtOnce(int fd, std::string_view text);
 /// Formats and writes.
 template <typename... Args>
 void log(LogLevel level, fmt::format_string<Args...> format, Args&&... args) {
-    logLine(level, {}, fmt::format(format, std::forward<Args>(args)...));
+    logLine(level, {}, format, fmt::make_format_args(args...));
 }
 
 /// The same about an interface, or whatever else there are several of.
 template <typename... Args>
 void logAbout(std::string_view subject, LogLevel level, fmt::format_string<Args...> format,
               Args&&... args) {
-    logLine(level, subject, fmt::format(format, std::forward<Args>(args)...));
+    logLine(level, subject, format, fmt::make_format_args(args...));
 }
 
 /// Thins out a warning that every packet could repeat. Told the time; one for each kind of warning.
