@@ -350,12 +350,12 @@ std::string Daemon::statusText() const {
 }
 
 void Daemon::handleReload() {
-    if (!ending_) doReload({});
+    if (!ending_) reloader_.handleSignal(ready_); // before, the start is not over by that
 }
 
 void Daemon::doReload(Reloader::Request request) {
     if (ending_) throw RpcError(RpcError::refused, "the agent is ending");
-    reloader_.reload(std::move(request), ready_); // before, the start is not over by that
+    reloader_.reload(std::move(request), ready_);
 }
 
 /// Whether the machines have nothing left to do for the groups. Those of a damaged state are built

@@ -83,16 +83,17 @@ void Differ::doTell() {
                        .dump());
 }
 
-void Differ::handleEnd(json answer, std::string const& summary, FileDescriptor rows) {
+void Differ::handleEnd(json const& answer, std::string const& summary, FileDescriptor rows) {
     if (summary.empty()) return doRefuse("the attempt did not come to its end");
     auto const reply = std::exchange(reply_, std::nullopt);
-    answer.update(json::parse(summary));
-    reply->result(changesPart(std::move(answer), std::move(rows)));
+    json whole = answer;
+    whole.update(json::parse(summary));
+    reply->result(changesPart(std::move(whole), std::move(rows)));
 }
 
-void Differ::doRefuse(std::string const& text, std::vector<Diagnostic> const& found) {
-    std::exchange(reply_, std::nullopt)
-        ->error(RpcError(RpcError::refused, text, {{"diagnostics", toJson(found)}}));
+void Differ::doRefuse(std::string_view text, std::vector<Diagnostic> const& found) {
+    auto const reply = std::exchange(reply_, std::nullopt);
+    reply->error(RpcError(RpcError::refused, std::string(text), {{"diagnostics", toJson(found)}}));
 }
 
 } // namespace Agent

@@ -34,8 +34,8 @@ class Differ {
     void handleCopyTurn();
     [[noreturn]] void doTell();
     /// `answer` as far as it is known without the copy.
-    void handleEnd(nlohmann::json answer, std::string const& summary, FileDescriptor rows);
-    void doRefuse(std::string const& text, std::vector<Diagnostic> const& found = {});
+    void handleEnd(nlohmann::json const& answer, std::string const& summary, FileDescriptor rows);
+    void doRefuse(std::string_view text, std::vector<Diagnostic> const& found = {});
 
     EventLoop& loop_;
     Reloader const& reloader_;
@@ -44,7 +44,7 @@ class Differ {
     ConfigurationLoader loader_;
     Rehearsal rehearsal_;
     std::string file_;
-    std::optional<RpcReply> reply_; ///< to be answered
+    std::optional<RpcReply> reply_; ///< taken before anything that may fail: it ends the wait
 };
 
 } // namespace Agent

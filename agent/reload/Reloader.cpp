@@ -40,12 +40,21 @@ Reloader::Reloader(EventLoop& loop, Target& target, std::string file)
 
 void Reloader::reload(Request request, bool told) {
     waiting_.push_back(std::move(request));
-    if (told && !std::exchange(told_, true)) serviceReloading();
+    if (told) doTell();
     if (reading()) return;
     if (settling_)
         doSettle(); // whoever asked before hears what has come of it so far
     else
         doBegin();
+}
+
+void Reloader::handleSignal(bool told) {
+    signalled_ = true;
+    if (told) doTell();
+}
+
+void Reloader::doTell() {
+    if (!std::exchange(told_, true)) serviceReloading();
 }
 
 void Reloader::doBegin() {
@@ -54,8 +63,9 @@ void Reloader::doBegin() {
         loader_.begin(file_, [this](ConfigurationReading found, std::exception_ptr const& failure) {
             doFinish(std::move(found), failure);
         });
+        signalled_ = false;
     } catch (std::exception const& error) {
-        doRefuse(error.what());
+        if (!served_.empty()) doRefuse(error.what());
         throw;
     }
 }
@@ -103,14 +113,14 @@ void Reloader::doPutInForce(Configuration configuration, unsigned number) {
 }
 
 /// Makes JSON for those who asked for it alone: it cannot be made without memory.
-void Reloader::doRefuse(std::string const& text, std::vector<Diagnostic> const& found) {
-    Nex::FirstError error;
-    error.attempt([&] { log(LogLevel::error, "{}", text); });
+void Reloader::doRefuse(std::string_view text, std::vector<Diagnostic> const& found) {
+    log(LogLevel::error, "{}", text);
     ++counts_.refused;
+    Nex::FirstError error;
     for (Request const& each : served_)
         error.attempt([&] {
-            if (!each.reply) return;
-            each.reply->error(RpcError(RpcError::refused, text, {{"diagnostics", toJson(found)}}));
+            each.reply.error(
+                RpcError(RpcError::refused, std::string(text), {{"diagnostics", toJson(found)}}));
         });
     doEnd();
     error.rethrow();
@@ -147,16 +157,14 @@ void Reloader::doUndo(char const* why) {
 }
 
 void Reloader::handleTurn() {
-    if (settling_ && (target_.settled() || EventLoop::now() >= settleBy_)) doSettle();
+    if (settling_ && (signalled_ || target_.settled() || EventLoop::now() >= settleBy_)) doSettle();
+    if (signalled_ && !reading()) doBegin();
 }
 
 void Reloader::doSettle() {
     settling_ = false;
     Nex::FirstError error;
-    for (Request const& each : served_)
-        error.attempt([&] {
-            if (each.reply) each.reply->result(answerJson());
-        });
+    for (Request const& each : served_) error.attempt([&] { each.reply.result(answerJson()); });
     target_.endChanges();
     doEnd();
     error.rethrow();
@@ -176,7 +184,7 @@ json Reloader::answerJson() const {
 void Reloader::doEnd() {
     served_.clear();
     if (!waiting_.empty()) return doBegin();
-    if (std::exchange(told_, false)) serviceNotify("READY=1");
+    if (!signalled_ && std::exchange(told_, false)) serviceNotify("READY=1");
 }
 
 json Reloader::statusJson() const {

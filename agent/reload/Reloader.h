@@ -12,8 +12,8 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Agent {
@@ -44,8 +44,7 @@ class Reloader {
     };
 
     struct Request {
-        /// Nothing for a signal.
-        std::optional<RpcReply> reply;
+        RpcReply reply;
         /// Return to what is in force if nobody confirms within these seconds; 0 for never.
         double undoAfter = 0;
         /// Whether a configuration may have every group left.
@@ -57,6 +56,9 @@ class Reloader {
 
     /// Has the file read once more, as it is now or later. `told`: the service manager hears of it.
     void reload(Request request, bool told);
+    /// The same at the end of the turn. Nobody would hear that it could not be, so that is tried
+    /// until the reading has begun.
+    void handleSignal(bool told);
     /// Returns to the configuration before, and the next time back again. Throws an RpcError.
     void undo(Request request);
     /// Keeps a configuration that was to be undone. Throws an RpcError.
@@ -76,10 +78,11 @@ class Reloader {
     Counts const& counts() const { return counts_; }
 
   private:
+    void doTell();
     void doBegin();
     void doFinish(ConfigurationReading found, std::exception_ptr const& failure);
     void doPutInForce(Configuration configuration, unsigned number);
-    void doRefuse(std::string const& text, std::vector<Diagnostic> const& found = {});
+    void doRefuse(std::string_view text, std::vector<Diagnostic> const& found = {});
     nlohmann::json answerJson() const;
     void doSettle();
     void doEnd();
@@ -93,6 +96,7 @@ class Reloader {
     unsigned last_ = 1;   ///< the highest so far
     Counts counts_;
     double since_;                 ///< when it was put in force, in seconds since 1970
+    bool signalled_ = false;       ///< and no reading has begun since
     std::vector<Request> waiting_; ///< for a reading that has not begun
     std::vector<Request> served_;  ///< by what is being read or worked off
     bool told_ = false;            ///< the service manager, that a reload has begun

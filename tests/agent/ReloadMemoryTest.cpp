@@ -131,7 +131,7 @@ TEST_F(ReloadMemoryTest, EndsWithTheOldOrTheNewConfigurationAndTheNextOneMendsTh
                 doAddRoutes();
                 doSettle();
             }
-            if (length == 1 && announced() != old) {
+            if (length == 1 && (at <= 3 || announced() != old)) { // until it is read, it is owed
                 ASSERT_EQ(announced(), wanted) << "refused: allocation " << at;
             }
             doReload(after);
@@ -168,14 +168,18 @@ TEST_F(ReloadMemoryTest, BuildingAnewTellsTheNetworkNothing) {
     EXPECT_EQ(wire.heard(), Lines());
 }
 
-TEST(JsonMemoryTest, ValuesEndWithoutAny) {
+TEST(RefusedMemoryTest, JsonValuesEndAndLinesAreWrittenWithoutAny) {
     auto value = nlohmann::json::parse(R"([[1, {"a": [2, 3]}], {"b": {"c": [4]}}])");
     nlohmann::json object, array;
+    testing::internal::CaptureStderr();
     memory.refuse(1, 1000);
+    log(LogLevel::error, "a long text, for which there is no room: {}", -1);
     EXPECT_THROW(object["a long name, for which there is no room"] = 1, std::bad_alloc);
     EXPECT_THROW(array.push_back("a long text, for which there is no room"), std::bad_alloc);
     value = object = array = nullptr;
     EXPECT_GT(memory.stop(), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "error: a long text, for which there is no room: -1\n");
 }
 
 } // namespace
