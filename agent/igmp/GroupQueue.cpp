@@ -1,6 +1,7 @@
 #include "agent/igmp/GroupQueue.h"
 
 #include <cmath>
+#include <utility>
 
 namespace Agent {
 
@@ -29,22 +30,33 @@ void GroupList::addAll(GroupList& other) {
     head_.previous = last;
 }
 
+void GroupQueue::prepare() {
+    if (!spare_.empty()) return;
+    Lists one;
+    spare_ = one.extract(one.try_emplace(0).first);
+}
+
 void GroupQueue::add(TimedLink& link, double now, double due) {
     constexpr double steps = 128; // a power of two: the borders are exact
     double early = std::floor(due * steps) / steps;
+    prepare();
     del(link);
     link.due = early > now ? early : due;
     link.queue = this;
-    lists_[link.due].add(link);
+    auto list = lists_.find(link.due);
+    if (list == lists_.end()) {
+        spare_.key() = link.due;
+        list = lists_.insert(std::move(spare_)).position;
+    }
+    list->second.add(link);
 }
 
-void GroupQueue::del(TimedLink& link) {
+void GroupQueue::del(TimedLink& link) noexcept {
     if (link.queue == nullptr) return;
     link.unlink();
-    auto& lists = link.queue->lists_;
-    auto list = lists.find(link.due);
-    if (list->second.isEmpty()) lists.erase(list);
-    link.queue = nullptr;
+    GroupQueue& queue = *std::exchange(link.queue, nullptr);
+    auto list = queue.lists_.find(link.due);
+    if (list->second.isEmpty()) queue.spare_ = queue.lists_.extract(list);
 }
 
 void GroupEntry::dropChange() {

@@ -59,18 +59,25 @@ struct TimedLink : GroupLink {
 /// keeps few times.
 class GroupQueue {
   public:
+    /// Has memory for one more time, so that entering the queue with it cannot fail. Throws
+    /// std::bad_alloc.
+    void prepare();
     /// Enters the queue, leaving the one it was in. `due` and `now` are absolute seconds; a later
-    /// time than now is brought forward by less than 1/128 s, but not to now or before.
+    /// time than now is brought forward by less than 1/128 s, but not to now or before. Throws
+    /// std::bad_alloc, with nothing done, unless prepared.
     void add(TimedLink& link, double now, double due);
     /// Leaves the queue it is in, if any.
-    static void del(TimedLink& link);
+    static void del(TimedLink& link) noexcept;
     /// The first group if it is due by `now`, else null.
     GroupEntry* first(double now = never) const;
     /// `never` if empty.
     double nextExpiry() const { return lists_.empty() ? never : lists_.begin()->first; }
 
   private:
-    std::map<double, GroupList> lists_; // none is empty
+    using Lists = std::map<double, GroupList>;
+
+    Lists lists_; // none is empty
+    Lists::node_type spare_;
 };
 
 /// A group and the engine's bookkeeping for it.

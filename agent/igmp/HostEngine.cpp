@@ -101,6 +101,7 @@ void HostEngine::doApplyWishes(double now) {
 }
 
 void HostEngine::doApply(double now, Wish const& wish) {
+    fresh_.prepare(); // what has changed is told, or has not changed
     GroupEntry& entry = *wish.entry;
     entry.wish = GroupEntry::noWish;
     HostGroup& group = entry.group;
@@ -204,6 +205,7 @@ void HostEngine::doDrop(GroupQueue& queue) {
 
 void HostEngine::doAnnounceAll(double now) {
     if (!linkUp_) return;
+    fresh_.prepare();
     for (auto& [address, entry] : groups_) {
         if (!entry.group.hasState()) continue;
         if (version_ < 3)
@@ -331,6 +333,7 @@ void HostEngine::formerEnd(double now) {
 /// the routers may have changed meanwhile, and to those that know the group by the other version,
 /// it does no harm.
 void HostEngine::doReckonFormer(double now) {
+    fresh_.prepare();
     for (std::size_t i = 0; i < former_.size(); ++i) {
         GroupRecord record = former_.record(i);
         GroupEntry& entry = groups_.try_emplace(record.group, record.group).first->second;

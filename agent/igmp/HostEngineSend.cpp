@@ -5,6 +5,7 @@
 #include "agent/igmp/HostEngine.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 namespace Agent {
@@ -62,21 +63,25 @@ void HostEngine::doJob(double now, Job job) {
 }
 
 /// Packs one report, or more if a single group exceeds it, from the groups that `first` yields
-/// until they end or do not fit. `taken` takes a group off, which may delete it. The number of
-/// groups.
+/// until they end or do not fit. `taken` takes a group off, which may delete it, or throws before.
+/// The number of groups.
 template <class First, class Records, class Taken>
 std::size_t HostEngine::doFillReport(Counter counter, First first, Records addRecords,
                                      Taken taken) {
     ReportBuilder report(settings_.address, settings_.mtu,
                          [&](auto packet) { doTransmit(counter, packet); });
     std::size_t groups = 0;
-    while (GroupEntry* entry = first()) {
-        records_.clear();
-        addRecords(entry->group);
-        if (!report.fits(records_.octets())) break;
-        report.addRecords(records_);
-        taken(*entry);
-        ++groups;
+    try {
+        while (GroupEntry* entry = first()) {
+            records_.clear();
+            addRecords(entry->group);
+            if (!report.fits(records_.octets())) break;
+            report.addRecords(records_);
+            taken(*entry);
+            ++groups;
+        }
+    } catch (std::bad_alloc const&) { // what has been taken off before leaves all the same
+        if (groups == 0) throw;
     }
     report.finish();
     return groups;
@@ -85,14 +90,15 @@ std::size_t HostEngine::doFillReport(Counter counter, First first, Records addRe
 void HostEngine::doSendChanges(double now, GroupQueue& queue) {
     // The groups of one packet share the random delay of the repeat, so that they stay together.
     double again = now + randomDelay(reportIntervalSeconds());
+    repeats_.prepare();
     doFillReport(
         &HostCounters::v3StateChangeReportSent,
         [&] { return late_.empty() ? queue.first(now) : nullptr; },
         [&](HostGroup const& group) { group.addChangeRecords(records_); },
         [&](GroupEntry& entry) {
+            doEndChange(entry);
             GroupQueue::del(entry.change);
             entry.told = std::uint32_t(now);
-            doEndChange(entry);
             if (entry.group.hasChange()) repeats_.add(entry.change, now, again);
             doRelease(entry);
         });
@@ -101,8 +107,8 @@ void HostEngine::doSendChanges(double now, GroupQueue& queue) {
 /// The group's change is in a report of version 3. A leave is told in version 2 as well to routers
 /// that may know the group by that alone.
 void HostEngine::doEndChange(GroupEntry& entry) {
-    heldChanged_ |= entry.group.changeSent();
     if (v2Held_ && entry.lastReporter && !entry.group.hasState()) doTransmitLeave(entry);
+    heldChanged_ |= entry.group.changeSent();
 }
 
 void HostEngine::doSendAnswers(double now) {
@@ -140,15 +146,19 @@ void HostEngine::doSendWalk(double now) {
 void HostEngine::doSendOlderReport(double now, GroupQueue& queue) {
     GroupEntry& entry = *queue.first(now);
     HostGroup& group = entry.group;
-    entry.dropAnswer();
-    GroupQueue::del(entry.change);
+    repeats_.prepare();
+    auto const takeOff = [&] {
+        entry.dropAnswer();
+        GroupQueue::del(entry.change);
+    };
     if (group.hasState()) {
-        settled_.add(entry.walk);
-        (group.hasChange() ? entry.told : entry.answered) = std::uint32_t(now);
         bool v2 = version_ == 2;
         doTransmit(v2 ? &HostCounters::v2ReportsSent : &HostCounters::v1ReportsSent,
                    encodeMessage(v2 ? IgmpType::v2Report : IgmpType::v1Report, settings_.address,
                                  group.group()));
+        takeOff();
+        settled_.add(entry.walk);
+        (group.hasChange() ? entry.told : entry.answered) = std::uint32_t(now);
         entry.lastReporter = true;
         v2Held_ |= v2;
         heldChanged_ |= group.changeSent();
@@ -156,7 +166,9 @@ void HostEngine::doSendOlderReport(double now, GroupQueue& queue) {
             repeats_.add(entry.change, now, now + randomDelay(reportIntervalSeconds()));
         return;
     }
-    if (doSendOlderLeave(entry)) {
+    bool const again = doSendOlderLeave(entry);
+    takeOff();
+    if (again) {
         double bound = std::min(reportIntervalSeconds(), leaveRepeatSeconds);
         repeats_.add(entry.change, now, now + randomDelay(bound));
     }

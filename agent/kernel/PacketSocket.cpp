@@ -11,6 +11,7 @@
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <netinet/in.h>
+#include <new>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
@@ -152,7 +153,11 @@ std::uint64_t PacketSocket::missed() {
 void PacketSocket::enqueue(Bytes packet) {
     if (!destination(packet).isMulticast()) return doDrop(EDESTADDRREQ);
     if (queue_.size() == longestQueue) return doDrop(ENOBUFS);
-    queue_.emplace_back(packet.begin(), packet.end());
+    try {
+        queue_.emplace_back(packet.begin(), packet.end());
+    } catch (std::bad_alloc const&) {
+        doDrop(ENOMEM);
+    }
 }
 
 int PacketSocket::flush(double now) {
