@@ -39,16 +39,17 @@ void GroupQueue::prepare() {
 void GroupQueue::add(TimedLink& link, double now, double due) {
     constexpr double steps = 128; // a power of two: the borders are exact
     double early = std::floor(due * steps) / steps;
-    prepare();
-    del(link);
-    link.due = early > now ? early : due;
-    link.queue = this;
-    auto list = lists_.find(link.due);
+    if (early > now) due = early;
+    if (!lists_.contains(due)) prepare();
+    del(link); // and so maybe the last of this time
+    auto list = lists_.find(due);
     if (list == lists_.end()) {
-        spare_.key() = link.due;
+        spare_.key() = due;
         list = lists_.insert(std::move(spare_)).position;
     }
     list->second.add(link);
+    link.due = due;
+    link.queue = this;
 }
 
 void GroupQueue::del(TimedLink& link) noexcept {
