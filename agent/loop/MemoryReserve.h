@@ -1,6 +1,6 @@
 // A piece of memory that nobody uses, given back when there is no other: what is under way comes to
-// its end by it. That is for what cannot be stopped half way; JSON values, for one, ask for memory
-// as they end, and whoever refuses it then ends the process.
+// its end by it, and what can wait does not begin before there is memory again. JSON values, which
+// must not be refused any as they end, have a room besides (Json.h).
 #pragma once
 
 #include "agent/loop/Log.h"
