@@ -61,11 +61,16 @@ void RouteTable::readMessage(nlmsghdr const& message, bool ofDump) {
     if (!name.group.isMulticast()) return;
     bool const unresolved = (header.rtm_flags & RTNH_F_UNRESOLVED) != 0;
     if (ofDump && notified_.count(name) != 0) return handleOvertaken(name, unresolved);
-    if (reading_ && !ofDump) notified_.insert(name);
-    // Unresolved routes stand at the end of the kernel's list: one that goes moves no other.
-    if (gone && !unresolved && dumping_)
-        if (RouteNode const* const known = find(name); known && known->second.toldBy == dumpNumber_)
-            ++skipped_;
+    if (reading_ && !ofDump) {
+        bool& goneUntold = notified_[name];
+        // Unresolved routes stand at the end of the kernel's list: one that goes moves no other.
+        if (gone && !unresolved && dumping_) {
+            RouteNode const* const known = find(name);
+            bool const told = known && known->second.toldBy == dumpNumber_;
+            skipped_ += told;
+            goneUntold |= !told;
+        }
+    }
     if (gone || unresolved)
         handleGone(name);
     else
@@ -75,10 +80,10 @@ void RouteTable::readMessage(nlmsghdr const& message, bool ofDump) {
 /// The dump tells what a notification has told already.
 void RouteTable::handleOvertaken(RouteName const& name, bool unresolved) {
     if (!dumping_) return;
-    if (RouteNode* const known = find(name))
-        known->second.toldBy = dumpNumber_;
-    else if (!unresolved)
-        ++skipped_;
+    RouteNode* const known = find(name);
+    if (known) known->second.toldBy = dumpNumber_;
+    bool const goneUntold = std::exchange(notified_[name], false);
+    if (goneUntold || (!known && !unresolved)) ++skipped_;
 }
 
 RouteOutputs RouteTable::handleOutputs(std::span<std::uint8_t const> nextHops) {

@@ -28,7 +28,6 @@
 #include <set>
 #include <span>
 #include <unordered_map>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -148,8 +147,9 @@ class RouteTable {
     unsigned dumps_ = 0;
     bool dumping_ = false;
     std::size_t skipped_ = 0; ///< by this dump, and not found yet
-    /// What a dump says of these is ignored.
-    std::unordered_set<RouteName, RouteName::Hash> notified_;
+    /// What a dump says of these is ignored. Whether the route has gone, and this dump had not told
+    /// it: where it tells it yet, that may be from before, so that it has skipped another.
+    std::unordered_map<RouteName, bool, RouteName::Hash> notified_;
 };
 
 } // namespace Agent

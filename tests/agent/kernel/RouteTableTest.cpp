@@ -231,7 +231,7 @@ class RouteModel : public Routes {
 };
 
 TEST(RouteModelTest, AnyOrderOfEventsEndsWithWhatTheKernelHolds) {
-    for (unsigned seed = 0; seed < 300 && !testing::Test::HasFailure(); ++seed) {
+    for (unsigned seed = 0; seed < 3000 && !testing::Test::HasFailure(); ++seed) {
         SCOPED_TRACE(seed);
         RouteModel model(seed);
         for (int round = 0; round < 5; ++round) {
