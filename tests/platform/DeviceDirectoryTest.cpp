@@ -1,7 +1,8 @@
-// The directory of device names, over every order in which its three inputs may arrive.
+// The directories of device names, over every order in which their inputs may arrive.
 #include "Interface/NetNsIntfStatusManager.h"
 #include "TestRecords.h"
 
+#include <array>
 #include <gtest/gtest.h>
 #include <random>
 
@@ -10,57 +11,126 @@ namespace {
 
 using KernelNetInfo::InterfaceKey;
 
-/// A namespace with its directory, watched as a machine does: what it is told it looks up at once.
-struct Namespace : Nex::Listener<DeviceIntfStatusDir::NotifieeConst> {
-    explicit Namespace(Nex::String const& name)
-        : Listener(DeviceIntfStatusDir::DeviceIntfStatusDirIs(name)),
-          ns(name),
-          directory(const_cast<DeviceIntfStatusDir*>(notifier())) {}
-    void kernel(std::uint32_t ifIndex, Nex::String const& device) {
-        if (device.empty())
-            kni->interfaceDel(InterfaceKey(ifIndex));
-        else
-            kni->interfaceIs(InterfaceKey(ifIndex), {ifIndex, device, {}});
-    }
-    void onIntfStatusAndDeviceName(Lox::IntfId intfId) override {
-        auto const entry = notifier()->intfStatusAndDeviceName(intfId);
-        told += intfId.stringValue() + '=' + Nex::textOf(entry.ifIndex) + ' ';
-        if (other && entry.ifIndex != 0) {
-            EXPECT_EQ(notifier()->intfToDeviceName(entry.ifIndex),
-                      (IntfToDeviceName{intfId, entry.deviceName}));
-            EXPECT_FALSE(other->directory->intfStatusAndDeviceNameHas(intfId));
-        }
-        if (act) act();
-    }
-    void onIntfToDeviceName(std::uint32_t) override {
-        if (act) act();
-    }
-    Nex::String take() { return std::exchange(told, ""); }
+/// A directory of the namespace that its kernel table is called by, and who watches it.
+struct Directory : Nex::Listener<DeviceIntfStatusDir::Notifiee> {
+    Directory(Nex::Ptr<KernelNetInfo::Status> table, std::function<void(Directory&)> told)
+        : Listener(DeviceIntfStatusDir::DeviceIntfStatusDirIs("directory")),
+          kni(std::move(table)),
+          act(std::move(told)) {}
+    void onIntfStatusAndDeviceName(Lox::IntfId) override { act(*this); }
+    void onIntfToDeviceName(std::uint32_t) override { act(*this); }
+    Lox::NamespaceName ns() const { return Lox::NamespaceName(kni->name()); }
 
-    Lox::NamespaceName ns;
-    Nex::Ptr<DeviceIntfStatusDir> directory;
-    Nex::Ptr<KernelNetInfo::Status> kni = KernelNetInfo::Status::StatusIs("kni");
-    Namespace* other = nullptr; ///< unless a change is nested: then halves of entries may be seen
-    Nex::String told;
-    std::function<void()> act;
+    Nex::Ptr<KernelNetInfo::Status> const kni;
+    std::function<void(Directory&)> const act;
+    bool followed = false; ///< its manager fills it
+    bool silent = false;   ///< and has ended before the change under way
 };
 
-struct Inputs {
-    void local(Nex::String const& intf, Nex::String const& device, Nex::String const& ns = "ns1") {
-        auto const status = allLocal->intfStatusLocalIs(Lox::IntfId(intf));
-        status->networkNamespaceIs(Lox::NamespaceName(ns));
-        status->deviceNameIs(device);
+/// Changes the inputs at random, now and then also from inside a notification, and managers with
+/// them. Whoever watches may throw.
+class Inputs {
+  public:
+    explicit Inputs(unsigned seed) : random_(seed), throws_(draw(2) == 0) {
+        using KernelNetInfo::Status;
+        auto const one = Status::StatusIs("ns1");
+        // Two VRFs may have one namespace; but of what one of them throws at, the other never
+        // hears.
+        directories_ = {make(one), make(Status::StatusIs("ns2")),
+                        make(throws_ ? Status::StatusIs("ns3") : one)};
     }
-    void operUp(Nex::String const& intf, bool up) {
-        all->intfStatusIs(Lox::IntfId(intf))->operUpIs(up);
+    /// In place of managers that are there; what was there before them is followed, too.
+    void rootIs(bool active) {
+        active_ = active;
+        root_ = Nex::newObject<NetNsIntfStatusManagerRoot>(all_, allLocal_, active);
+        for (auto& directory : directories_) directory = make(directory->kni);
     }
-    void start(Namespace const& in) { root->intfStatusManagerIs(in.directory, in.kni, in.ns); }
+    void change() {
+        bool caught = false;
+        nested_ = thrown_ = false;
+        at_ = draw(4);
+        try {
+            step();
+        } catch (Nex::RangeException const&) {
+            caught = true;
+        }
+        EXPECT_EQ(caught, thrown_) << "whoever made the change hears of it";
+        for (auto const& directory : directories_) {
+            if (directory->followed) {
+                EXPECT_EQ(listed(*directory), demanded(*directory));
+            }
+            directory->silent = !directory->followed;
+        }
+    }
+
+  private:
+    unsigned draw(unsigned count) { return unsigned(random_()) % count; }
+    Nex::Ptr<Directory> make(Nex::Ptr<KernelNetInfo::Status> const& table) {
+        return Nex::newObject<Directory>(table, [this](Directory& told) { hear(told); });
+    }
+    void step() {
+        Nex::String const name(1, char('a' + draw(3)));
+        Lox::IntfId const intfId(name);
+        // Two device names of each interface's own, so that no two want one device.
+        Nex::String const device = name + char('0' + draw(2));
+        Nex::Ptr<Directory>& directory = directories_[draw(3)];
+        switch (draw(9)) {
+        case 0:
+            return all_->intfStatusIs(intfId)->operUpIs(draw(2) == 0);
+        case 1:
+            return all_->intfStatusDel(intfId);
+        case 2:
+            return allLocal_->intfStatusLocalDel(intfId);
+        case 3: {
+            auto const local = allLocal_->intfStatusLocalIs(intfId);
+            local->networkNamespaceIs(Lox::NamespaceName("ns" + Nex::textOf(1 + draw(3))));
+            return local->deviceNameIs(device);
+        }
+        case 4: // what an ended manager has listed stays there
+            if (!directory->followed) directory = make(directory->kni);
+            directory->followed = active_;
+            return root_->intfStatusManagerIs(directory->notifier(), directory->kni,
+                                              directory->ns());
+        case 5:
+            if (draw(4) == 0) end(*directory, draw(2) == 0);
+            return;
+        default:
+            InterfaceKey const key(1 + draw(5));
+            if (draw(3) == 0) return directory->kni->interfaceDel(key);
+            return directory->kni->interfaceIs(key, {key.ifIndex(), device, {}});
+        }
+    }
+    void end(Directory const& directory, bool everyOne) {
+        held_.push_back(root_->intfStatusManager(directory.ns()));
+        root_->intfStatusManagerDel(directory.ns(), everyOne ? nullptr : directory.notifier());
+        for (auto const& each : directories_)
+            if (each.get() == &directory || (everyOne && each->kni == directory.kni))
+                each->followed = false;
+    }
+    /// An interface is in the directories of one namespace at a time, whichever way it moves.
+    void hear(Directory const& told) {
+        EXPECT_FALSE(told.silent);
+        if (throws_ && draw(4) == 0) {
+            thrown_ = true;
+            throw Nex::RangeException("as told");
+        }
+        for (auto const& item : told.notifier()->intfStatusAndDeviceName()) {
+            if (nested_) break; // halves of entries may be seen
+            EXPECT_EQ(told.notifier()->intfToDeviceName(item.value.ifIndex).intfId, item.key);
+            for (auto const& other : directories_)
+                EXPECT_FALSE(other->followed && other->kni != told.kni &&
+                             other->notifier()->intfStatusAndDeviceNameHas(item.key));
+        }
+        if (at_-- != 0) return;
+        nested_ = true;
+        step();
+    }
     /// The entries as the inputs demand them, "intf=device ..."; an index must name the device.
-    Nex::String demanded(Namespace const& in) const {
+    Nex::String demanded(Directory const& in) const {
         Nex::String text;
-        for (auto const& key : Nex::sortedKeys(all->intfStatus())) {
-            auto const* const local = allLocal->intfStatusLocal(key);
-            if (!all->intfStatus(key)->operUp() || !local || local->networkNamespace() != in.ns)
+        for (auto const& key : Nex::sortedKeys(all_->intfStatus())) {
+            auto const* const local = allLocal_->intfStatusLocal(key);
+            if (!all_->intfStatus(key)->operUp() || !local || local->networkNamespace() != in.ns())
                 continue;
             bool found = false;
             for (auto const& item : in.kni->interface())
@@ -69,127 +139,41 @@ struct Inputs {
         }
         return text;
     }
-    Nex::String listed(Namespace const& in) const {
+    Nex::String listed(Directory const& in) const {
         Nex::String text;
         std::size_t consistent = 0;
-        for (auto const& key : Nex::sortedKeys(in.directory->intfStatusAndDeviceName())) {
-            auto const entry = in.directory->intfStatusAndDeviceName(key);
+        for (auto const& key : Nex::sortedKeys(in.notifier()->intfStatusAndDeviceName())) {
+            auto const entry = in.notifier()->intfStatusAndDeviceName(key);
             text += key.stringValue() + '=' + entry.deviceName + ' ';
             consistent +=
-                entry.intfStatus.get() == all->intfStatus(key) &&
+                entry.intfStatus.get() == all_->intfStatus(key) &&
                 in.kni->interface(InterfaceKey(entry.ifIndex)).deviceName == entry.deviceName &&
-                in.directory->intfToDeviceName(entry.ifIndex).intfId == key;
+                in.notifier()->intfToDeviceName(entry.ifIndex).intfId == key;
         }
-        EXPECT_EQ(consistent, in.directory->intfStatusAndDeviceNameCount());
-        EXPECT_EQ(consistent, in.directory->intfToDeviceNameCount());
+        EXPECT_EQ(consistent, in.notifier()->intfStatusAndDeviceNameCount());
+        EXPECT_EQ(consistent, in.notifier()->intfToDeviceNameCount());
         return text;
     }
 
-    Nex::Ptr<AllIntfStatusDir> all = AllIntfStatusDir::AllIntfStatusDirIs("all");
-    Nex::Ptr<AllIntfStatusLocalDir> allLocal =
+    std::mt19937 random_;
+    bool const throws_;
+    bool active_ = false, nested_ = false, thrown_ = false;
+    unsigned at_ = 0; ///< the notification in which another step is taken
+    Nex::Ptr<AllIntfStatusDir> all_ = AllIntfStatusDir::AllIntfStatusDirIs("all");
+    Nex::Ptr<AllIntfStatusLocalDir> allLocal_ =
         AllIntfStatusLocalDir::AllIntfStatusLocalDirIs("local");
-    Nex::Ptr<NetNsIntfStatusManagerRoot> root =
-        Nex::newObject<NetNsIntfStatusManagerRoot>(all, allLocal, true);
-    Nex::Ptr<Namespace> one = Nex::newObject<Namespace>("ns1");
+    std::array<Nex::Ptr<Directory>, 3> directories_;
+    Nex::Ptr<NetNsIntfStatusManagerRoot> root_;
+    std::vector<Nex::Ptr<NetNsIntfStatusManager>> held_; ///< of those that have ended
 };
 
-/// Interface a, up on a device that the kernel has not shown yet.
-struct DeviceDirectory : testing::Test, Inputs {
-    DeviceDirectory() {
-        start(*one);
-        operUp("a", true);
-        local("a", "eth0");
-    }
-};
-
-TEST_F(DeviceDirectory, WhatWasThereBeforeTheManagersIsFollowedToo) {
-    root = Nex::newObject<NetNsIntfStatusManagerRoot>(all, allLocal, true);
-    one->kernel(7, "eth0");
-    start(*one);
-    operUp("a", false);
-    operUp("a", true);
-    local("a", "eth1");
-    EXPECT_EQ(one->take(), "a=7 a=0 a=7 a=0 ");
-}
-
-// Two VRFs may have one namespace, and be it until one of them has gone.
-TEST_F(DeviceDirectory, ManagerThatGoesOrMakesWayFillsNoMore) {
-    Nex::Ptr<NetNsIntfStatusManager> const held(root->intfStatusManager(one->ns));
-    auto const second = Nex::newObject<Namespace>("ns1");
-    root->intfStatusManagerIs(second->directory, one->kni, one->ns);
-    one->kernel(7, "eth0");
-    EXPECT_EQ(one->take() + second->take(), "a=7 a=7 ");
-    root->intfStatusManagerDel(one->ns, one->directory);
-    one->kernel(7, "");
-    EXPECT_EQ(one->take() + second->take(), "a=0 ");
-    root->intfStatusManagerIs(second->directory, second->kni, one->ns);
-    one->kernel(7, "eth0");
-    second->kernel(8, "eth0");
-    EXPECT_EQ(second->take(), "a=8 ");
-    root->intfStatusManagerDel(one->ns);
-    EXPECT_EQ(root->intfStatusManager(one->ns), nullptr);
-    second->kernel(8, "");
-    root = Nex::newObject<NetNsIntfStatusManagerRoot>(all, allLocal, false);
-    start(*second);
-    second->kernel(9, "eth0");
-    EXPECT_EQ(second->take(), "");
-}
-
-// An interface is in one directory at a time, whichever way it moves, and an error of whoever is
-// told of one interface keeps no other from being listed.
 TEST(DeviceDirectoryModel, FollowsItsInputsThroughEveryHistory) {
-    for (unsigned seed = 0; seed < 100 && !testing::Test::HasFailure(); ++seed) {
+    for (unsigned seed = 0; seed < 200 && !testing::Test::HasFailure(); ++seed) {
         SCOPED_TRACE(seed);
-        std::mt19937 random(seed);
-        auto const draw = [&](unsigned count) { return unsigned(random()) % count; };
-        Inputs in;
-        Nex::Ptr<Namespace> const two = Nex::newObject<Namespace>("ns2");
-        Nex::Set<Namespace*> started;
-        bool const throws = draw(2) == 0;
-        bool thrown = false, caught = false;
-        unsigned at = 0; // the notification in which another step is taken
-        std::function<void()> const step = [&] {
-            Nex::String const name(1, char('a' + draw(3)));
-            // Two device names of each interface's own, so that no two want one device.
-            Nex::String const device = name + char('0' + draw(2));
-            Namespace* const place = draw(2) == 0 ? in.one.get() : two.get();
-            switch (draw(8)) {
-            case 0:
-                return in.operUp(name, draw(2) == 0);
-            case 1:
-                return in.all->intfStatusDel(Lox::IntfId(name));
-            case 2:
-                return in.allLocal->intfStatusLocalDel(Lox::IntfId(name));
-            case 3:
-                return in.local(name, device, "ns" + Nex::textOf(1 + draw(3)));
-            case 4:
-                if (started.findOrInsert(place).second) in.start(*place);
-                return;
-            default:
-                place->kernel(1 + draw(5), draw(3) > 0 ? device : "");
-            }
-        };
-        in.one->act = two->act = [&] {
-            bool const now = throws && draw(4) == 0;
-            thrown |= now;
-            if (now) throw Nex::RangeException("as told");
-            if (at-- != 0) return;
-            in.one->other = two->other = nullptr;
-            step();
-        };
-        for (unsigned steps = 100; steps > 0 && !testing::Test::HasFailure(); --steps) {
-            at = draw(4);
-            in.one->other = two.get();
-            two->other = in.one.get();
-            thrown = caught = false;
-            try {
-                step();
-            } catch (Nex::RangeException const&) {
-                caught = true;
-            }
-            EXPECT_EQ(caught, thrown) << "whoever made the change hears of it";
-            for (Namespace* const each : started.walk())
-                EXPECT_EQ(in.listed(*each), in.demanded(*each));
+        Inputs inputs(seed);
+        for (unsigned steps = 0; steps < 100 && !testing::Test::HasFailure(); ++steps) {
+            if (steps % 50 == 0) inputs.rootIs(seed % 8 != 7);
+            inputs.change();
         }
     }
 }
