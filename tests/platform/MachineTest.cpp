@@ -60,20 +60,16 @@ struct Owner : Maker {
     NEX_REACTORS(String, NexLeaves, leaves, Tree, name)
 };
 
-class MachineTest : public testing::Test {
-  protected:
-    bool isHeard(Ptr<Tree> const& which) {
+/// What is asked for last while something is made is what stands there, and alone is heard, also if
+/// whoever asked throws, and whoever holds what was made.
+TEST(MachineTest, WhatIsDisturbedWhileItIsMade) {
+    auto const tree = Tree::TreeIs("tree"), twin = Tree::TreeIs("tree");
+    auto const owner = newObject<Owner>();
+    auto const isHeard = [&](Ptr<Tree> const& which) {
         int const before = owner->changes;
         which->numberIs(which->number() + 1);
         return owner->changes > before;
-    }
-    Ptr<Tree> tree = Tree::TreeIs("tree"), twin = Tree::TreeIs("tree");
-    Ptr<Owner> owner = newObject<Owner>();
-};
-
-/// What is asked for last while something is made is what stands there, and alone is heard, also if
-/// whoever asked throws, and whoever holds what was made.
-TEST_F(MachineTest, WhatIsDisturbedWhileItIsMade) {
+    };
     struct Kind {
         char const* name;
         std::function<Ptr<PtrInterface>(Ptr<Tree>)> make;

@@ -2,10 +2,8 @@
 #include "TestRecords.h"
 
 #include <atomic>
-#include <cstring>
-#include <functional>
 #include <gtest/gtest.h>
-#include <map>
+#include <random>
 #include <stdexcept>
 #include <thread>
 
@@ -77,85 +75,39 @@ TEST(PtrThreads, MayCopyDropAndCreateWhenSaidSo) {
 
 /// The allocator of all objects, which the address sanitizer never sees at work: each object is
 /// filled with a number of its own.
-class ArenaTest : public testing::TestWithParam<std::size_t> {
-  protected:
-    ~ArenaTest() override {
-        giveBack([](std::size_t) { return true; });
-        EXPECT_FALSE(trimmed());
-        EXPECT_EQ(arena_.heldBytes(), 0u);
-    }
-    void take(std::size_t count) {
-        for (std::size_t n = 0; n < count; ++n) {
-            void* const object = arena_.take(bytes_);
-            EXPECT_EQ(reinterpret_cast<std::uintptr_t>(object) % Arena::granule, 0u);
-            int const number = int(++taken_ % 251);
-            std::memset(object, number, bytes_);
-            ASSERT_TRUE(living_.emplace(object, number).second);
-        }
-    }
-    /// Those that `goes` names by the order of their addresses. What stays is as it was.
-    void giveBack(std::function<bool(std::size_t)> const& goes) {
-        std::size_t at = 0;
-        for (auto next = living_.begin(); next != living_.end(); ++at) {
-            auto const [object, number] = *next;
-            auto const* const octets = static_cast<unsigned char const*>(object);
-            ASSERT_EQ(std::size_t(std::count(octets, octets + bytes_, number)), bytes_);
-            if (!goes(at)) {
-                ++next;
-                continue;
+TEST(ArenaTest, NoTwoLivingObjectsShareRoomAndWhatIsFreeIsGivenBack) {
+    std::mt19937 random;
+    for (std::size_t const bytes : {16u, 20u, 56u, 256u}) {
+        std::size_t const perChunk = Arena::chunkBytes / ((bytes + 7) / 8 * 8);
+        std::size_t most = 10 * perChunk, stay = 4 * perChunk;
+        Arena arena;
+        auto const chunks = [&] { return arena.heldBytes() / Arena::chunkBytes; };
+        std::vector<std::pair<unsigned char*, unsigned char>> living;
+        for (int round = 0; round < 50; ++round) {
+            while (living.size() < most) {
+                living.emplace_back(static_cast<unsigned char*>(arena.take(bytes)),
+                                    std::uint8_t(random()));
+                std::fill_n(living.back().first, bytes, living.back().second);
             }
-            arena_.giveBack(object, bytes_);
-            next = living_.erase(next);
+            ASSERT_LE(chunks(), 10u) << "what is free comes before new chunks";
+            while (living.size() > stay) {
+                if (round % 2 != 0) std::swap(living[random() % living.size()], living.back());
+                auto const [object, number] = living.back();
+                ASSERT_EQ(std::size_t(std::count(object, object + bytes, number)), bytes);
+                arena.giveBack(object, bytes);
+                living.pop_back();
+            }
+            int steps = round % 4 < 2 ? 10000 : int(random() % 20); // to its end, or not
+            while (steps > 0 && arena.trim(100)) --steps;
+            if (round % 4 < 2) {
+                ASSERT_GT(steps, 0);
+                ASSERT_LE(chunks(), round == 0 ? 8 : stay + 1) << "at worst, each keeps its own";
+            }
+            most = random() % (10 * perChunk);
+            stay = round < 48 ? random() % 5 : 0;
         }
+        EXPECT_EQ(arena.heldBytes(), 0u);
     }
-    /// Whether a trim finds no end. In steps, as whoever has other work does it.
-    bool trimmed() {
-        for (steps_ = 1; arena_.trim(100); ++steps_)
-            if (steps_ > 100000) return true;
-        return false;
-    }
-    std::size_t chunks() const { return arena_.heldBytes() / Arena::chunkBytes; }
-
-    std::size_t const bytes_ = GetParam();
-    Arena arena_;
-    std::map<void*, int> living_; ///< with the number in each octet
-    std::size_t taken_ = 0;
-    int steps_ = 0;
-};
-INSTANTIATE_TEST_SUITE_P(Sizes, ArenaTest, testing::Values(16, 20, 56, 256));
-
-TEST_P(ArenaTest, NoTwoLivingObjectsShareRoomAndWhatIsFreeIsGivenBack) {
-    std::size_t const perChunk = Arena::chunkBytes / ((bytes_ + 7) / 8 * 8);
-    take(perChunk);
-    giveBack([](std::size_t at) { return at % 2 == 0; });
-    take(perChunk / 2); // what went comes first
-    EXPECT_EQ(chunks(), 1u);
-    take(19 * perChunk);
-    EXPECT_EQ(chunks(), 20u);
-    giveBack([](std::size_t at) { return at % 3 == 0; });
-    EXPECT_FALSE(trimmed());
-    EXPECT_EQ(chunks(), 20u); // most of it lives
-    take(10);
-    giveBack([&](std::size_t at) { return at > 3 * perChunk; });
-    EXPECT_FALSE(trimmed());
-    EXPECT_GT(steps_, 20);
-    std::size_t const left = chunks();
-    EXPECT_LE(left, 6u); // a third of each chunk was free
-    // What a trim found free comes before new chunks, and may go at the next trim.
-    take(left * perChunk - living_.size());
-    EXPECT_EQ(chunks(), left);
-    take(perChunk + 1);
-    EXPECT_EQ(chunks(), left + 2);
-    giveBack([](std::size_t at) { return at % 100 != 0; });
-    arena_.trim(50); // not to its end
-    take(5 * perChunk / 2);
-    giveBack([](std::size_t at) { return at % 7 != 0; });
-    EXPECT_FALSE(trimmed());
-    giveBack([](std::size_t) { return true; });
-    take(perChunk + 1); // from the start again
-    giveBack([](std::size_t) { return true; });
-    EXPECT_FALSE(trimmed());
-    take(1); // where nothing is left at all
 }
 
 } // namespace
