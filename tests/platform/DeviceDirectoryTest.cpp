@@ -86,9 +86,7 @@ class Inputs {
         }
         case 4: // what an ended manager has listed stays there
             if (!directory->followed) directory = make(directory->kni);
-            directory->followed = active_;
-            return root_->intfStatusManagerIs(directory->notifier(), directory->kni,
-                                              directory->ns());
+            return start(directory);
         case 5:
             if (draw(4) == 0) end(*directory, draw(2) == 0);
             return;
@@ -98,9 +96,18 @@ class Inputs {
             return directory->kni->interfaceIs(key, {key.ifIndex(), device, {}});
         }
     }
+    void start(Nex::Ptr<Directory> directory) {
+        directory->followed = active_;
+        Nex::Ptr<NetNsIntfStatusManager> const first = root_->intfStatusManager(directory->ns());
+        root_->intfStatusManagerIs(directory->notifier(), directory->kni, directory->ns());
+        EXPECT_FALSE(first && first->deviceIntfStatusDir() == directory->notifier() &&
+                     first == root_->intfStatusManager(directory->ns()))
+            << "does not make way";
+    }
     void end(Directory const& directory, bool everyOne) {
         held_.push_back(root_->intfStatusManager(directory.ns()));
         root_->intfStatusManagerDel(directory.ns(), everyOne ? nullptr : directory.notifier());
+        EXPECT_TRUE(!everyOne || !root_->intfStatusManager(directory.ns()));
         for (auto const& each : directories_)
             if (each.get() == &directory || (everyOne && each->kni == directory.kni))
                 each->followed = false;

@@ -36,6 +36,9 @@ TEST(SourceIntfTest, ObjectIsTheSameAsLongAsAnybodyHoldsIt) {
     Lox::IntfId const up0{"up0"};
     auto const service = Ip::SourceIntf::SourceIntfSm::SourceIntfSmIs();
     auto held = service->registerSourceIntf(up0);
+    held = nullptr;
+    ASSERT_NE(service->sourceIntf(up0), nullptr) << "it holds what is registered";
+    held = service->sourceIntf(up0);
     service->unregisterSourceIntf(held);
     EXPECT_EQ(service->registerSourceIntf(up0), held);
     service->unregisterSourceIntf(held);
