@@ -1,7 +1,9 @@
 # Installs the build to a scratch prefix, then configures, builds and runs the consumer against it.
-# The consumer is copied first, so that no header reaches it by lying next to it in the tree.
+# The consumer, a program of the documents, is copied first, so that no header reaches it by lying
+# next to it in the tree.
 file(REMOVE_RECURSE ${SCRATCH})
-file(COPY ${CONSUMER}/ DESTINATION ${SCRATCH}/source)
+file(COPY ${CONSUMER}/CMakeLists.txt ${CONSUMER}/../../../examples/embedded/main.cpp
+  DESTINATION ${SCRATCH}/source)
 
 function(run)
   execute_process(COMMAND ${ARGN} COMMAND_ECHO STDOUT COMMAND_ERROR_IS_FATAL ANY)
