@@ -67,6 +67,8 @@ TEST_F(DispatchTest, ThoseAreToldWhoWereThereAndStillAreInTheOrderInWhichTheyCam
         EXPECT_EQ(change(), way.told);
         EXPECT_EQ(change(), way.toldNext);
     }
+    b->nexRetire();
+    EXPECT_EQ(b->notifier(), nullptr) << "holds what it does not hear of";
 }
 
 /// A reactor that is the machine of another one.
@@ -87,12 +89,16 @@ TEST_F(DispatchTest, WhatACallbackDropsLivesUntilItReturns) {
     auto machine = newObject<Machine>();
     auto outer = newObject<Outer>(machine.get(), tree);
     Destructions destructions;
-    outer->inner->act = [&] {
-        machine = nullptr, outer = nullptr;
+    act = [&] {
+        a = nullptr;
         EXPECT_EQ(destructions.size(), 0u);
     };
+    outer->inner->act = [&] {
+        machine = nullptr, outer = nullptr;
+        EXPECT_EQ(destructions.size(), 1u) << "as yet only whoever was told before";
+    };
     tree->numberIs(1);
-    EXPECT_EQ(destructions.size(), 3u) << "the inner one with the outer one";
+    EXPECT_EQ(destructions.size(), 4u) << "the inner one with the outer one";
 }
 
 } // namespace

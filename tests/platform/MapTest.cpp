@@ -94,6 +94,8 @@ class Compared {
         for (auto const& [key, entry] : model_) before.emplace_back(entry.insertion, key);
         if (!byKey) std::sort(before.begin(), before.end());
         unsigned const insertionsBefore = insertions_;
+        auto const keys = sortedKeys(collection_.walk());
+        ASSERT_TRUE(std::is_sorted(keys.begin(), keys.end()));
         auto walk = collection_.walk();
         disturb();
         auto next = before.begin();
