@@ -18,6 +18,7 @@ TEST(RecordTest, RecordThatIsDroppedInTheMiddleLivesUntilTheEnd) {
     };
     std::function<void(Tree&, Drop const&)> const ways[] = {
         [](Tree& t, Drop const&) { t.numberIs(1); },
+        [](Tree& t, Drop const&) { t.wordIs("word"); },
         [](Tree& t, Drop const&) { t.addressDelAll(); },
         [](Tree& t, Drop const&) { t.octetDelAll(); },
         [](Tree& t, Drop const&) { t.leafDelAll(); },
@@ -32,6 +33,7 @@ TEST(RecordTest, RecordThatIsDroppedInTheMiddleLivesUntilTheEnd) {
             for (std::uint32_t n = 1; n <= 3; ++n) {
                 tree->addressIs(ip(n));
                 tree->octetIs(ip(n), std::uint8_t(n));
+                EXPECT_EQ(tree->octet(ip(n)), n);
                 tree->leafIs(textOf(n));
             }
             std::vector<Ptr<Watcher>> watchers;
