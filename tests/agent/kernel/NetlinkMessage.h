@@ -6,7 +6,11 @@
 #include <cstdint>
 #include <cstring>
 #include <libmnl/libmnl.h>
+#include <linux/if.h>
+#include <linux/if_addr.h>
+#include <linux/rtnetlink.h>
 #include <string_view>
+#include <sys/socket.h>
 
 namespace Agent {
 
@@ -42,5 +46,25 @@ class NetlinkMessage {
 
     alignas(nlmsghdr) char bytes_[512] = {};
 };
+
+inline NetlinkMessage linkMessage(std::uint16_t type, int ifindex, char const* name,
+                                  unsigned flags = IFF_UP | IFF_LOWER_UP, unsigned master = 0) {
+    ifinfomsg header{};
+    header.ifi_index = ifindex;
+    header.ifi_flags = flags;
+    return NetlinkMessage(type, header).with(IFLA_IFNAME, name).with(IFLA_MASTER, master);
+}
+
+/// Of the interface with the index 7.
+inline NetlinkMessage addressMessage(std::uint16_t type, char const* address,
+                                     std::uint32_t flags = 0,
+                                     std::uint8_t scope = RT_SCOPE_UNIVERSE) {
+    ifaddrmsg header{};
+    header.ifa_family = AF_INET;
+    header.ifa_scope = scope;
+    header.ifa_index = 7;
+    NetlinkMessage message(type, header);
+    return message.with(IFA_ADDRESS, Lox::IpAddr(address)).with(IFA_FLAGS, flags);
+}
 
 } // namespace Agent

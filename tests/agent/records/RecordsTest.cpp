@@ -9,9 +9,6 @@
 #include "support/InProcessPlatform.h"
 
 #include <gtest/gtest.h>
-#include <linux/if.h>
-#include <linux/rtnetlink.h>
-#include <sys/socket.h>
 
 namespace Agent {
 namespace {
@@ -193,17 +190,6 @@ TEST_F(RecordsTest, WhatAnEarlierRunOwesIsKeptUntilNobodyCanHearIt) {
     ports->addFormer({former});
     doTurn();
     EXPECT_EQ(held(), Lines{}) << "nor is its namespace";
-
-    former.namespaceName = "";
-    location.configuration = &wanted;
-    former.name = "up2";
-    ports->addFormer({former});
-    doTurn();
-    ports->doEnd(EventLoop::now());
-    doTurn();
-    EXPECT_TRUE(ports->ended());
-    EXPECT_TRUE(ports->takeOwing());
-    EXPECT_EQ(held(), Lines{"up2 2 239.1.1.1"}) << "for the next run";
 }
 
 /// Links that a test tells of. The configuration wants those here whose names begin so.
@@ -230,21 +216,6 @@ class ToldInterfaces : public InterfaceWriter {
     InterfaceTable links_;
 };
 
-NetlinkMessage linkTells(std::uint16_t type, int ifindex, char const* name, bool up = true,
-                         unsigned master = 0) {
-    ifinfomsg header{};
-    header.ifi_index = ifindex;
-    header.ifi_flags = up ? unsigned(IFF_UP | IFF_LOWER_UP) : 0;
-    return NetlinkMessage(type, header).with(IFLA_IFNAME, name).with(IFLA_MASTER, master);
-}
-
-NetlinkMessage addressTells(std::uint16_t type, unsigned ifindex, char const* address) {
-    ifaddrmsg header{};
-    header.ifa_family = AF_INET;
-    header.ifa_index = ifindex;
-    return NetlinkMessage(type, header).with(IFA_LOCAL, IpAddr(address));
-}
-
 TEST_F(RecordsTest, LinkIsUsableWhileItIsUpHasAnAddressAndIsWhereItIsWanted) {
     Lox::NamespaceName const here = Lox::NamespaceName::defaultNamespace();
     platform.tables("red");
@@ -267,24 +238,24 @@ TEST_F(RecordsTest, LinkIsUsableWhileItIsUpHasAnAddressAndIsWhereItIsWanted) {
         char const* told;
         char const* device; // whose kernel index is 7
     } const steps[] = {
-        {linkTells(RTM_NEWLINK, 7, "up1"), 0, "up1= ", "up1"},
-        {addressTells(RTM_NEWADDR, 7, "10.0.0.1"), 0, "up1=10.0.0.1 ", "up1"},
-        {addressTells(RTM_NEWADDR, 7, "10.0.0.2"), 0, "up1=10.0.0.1 ", "up1"},
-        {addressTells(RTM_DELADDR, 7, "10.0.0.1"), 0, "up1=10.0.0.2 ", "up1"},
-        {linkTells(RTM_NEWLINK, 7, "up1", false), 0, "up1= ", "up1"},
-        {linkTells(RTM_NEWLINK, 7, "up1"), 0, "up1=10.0.0.2 ", "up1"},
-        {linkTells(RTM_NEWLINK, 7, "up2"), 0, "up1= up2=10.0.0.2 ", "up2"},
-        {linkTells(RTM_NEWLINK, 7, "eth0"), 0, "up2= eth0= ", "eth0"},
-        {linkTells(RTM_NEWLINK, 7, "up1"), 0, "eth0= up1=10.0.0.2 ", "up1"},
-        {linkTells(RTM_DELLINK, 7, "up1"), 0, "up1= ", ""},
+        {linkMessage(RTM_NEWLINK, 7, "up1"), 0, "up1= ", "up1"},
+        {addressMessage(RTM_NEWADDR, "10.0.0.1"), 0, "up1=10.0.0.1 ", "up1"},
+        {addressMessage(RTM_NEWADDR, "10.0.0.2"), 0, "up1=10.0.0.1 ", "up1"},
+        {addressMessage(RTM_DELADDR, "10.0.0.1"), 0, "up1=10.0.0.2 ", "up1"},
+        {linkMessage(RTM_NEWLINK, 7, "up1", 0), 0, "up1= ", "up1"},
+        {linkMessage(RTM_NEWLINK, 7, "up1"), 0, "up1=10.0.0.2 ", "up1"},
+        {linkMessage(RTM_NEWLINK, 7, "up2"), 0, "up1= up2=10.0.0.2 ", "up2"},
+        {linkMessage(RTM_NEWLINK, 7, "eth0"), 0, "up2= eth0= ", "eth0"},
+        {linkMessage(RTM_NEWLINK, 7, "up1"), 0, "eth0= up1=10.0.0.2 ", "up1"},
+        {linkMessage(RTM_DELLINK, 7, "up1"), 0, "up1= ", ""},
         // The VRF device is not there yet: nobody is its port.
-        {linkTells(RTM_NEWLINK, 7, "red1"), 1, "red1= ", "red1"},
-        {addressTells(RTM_NEWADDR, 7, "10.0.0.1"), 1, "red1= ", "red1"},
-        {linkTells(RTM_NEWLINK, 7, "red1", true, 9), 1, "red1= ", "red1"},
-        {linkTells(RTM_NEWLINK, 9, "vrf"), 1, "vrf= red1=10.0.0.1 ", "red1"},
-        {linkTells(RTM_NEWLINK, 9, "other"), 1, "vrf= other= red1= other= ", "red1"},
-        {linkTells(RTM_NEWLINK, 9, "vrf"), 1, "other= vrf= red1=10.0.0.1 ", "red1"},
-        {linkTells(RTM_NEWLINK, 7, "red1"), 1, "red1= ", "red1"},
+        {linkMessage(RTM_NEWLINK, 7, "red1"), 1, "red1= ", "red1"},
+        {addressMessage(RTM_NEWADDR, "10.0.0.1"), 1, "red1= ", "red1"},
+        {linkMessage(RTM_NEWLINK, 7, "red1", IFF_UP | IFF_LOWER_UP, 9), 1, "red1= ", "red1"},
+        {linkMessage(RTM_NEWLINK, 9, "vrf"), 1, "vrf= red1=10.0.0.1 ", "red1"},
+        {linkMessage(RTM_NEWLINK, 9, "other"), 1, "vrf= other= red1= other= ", "red1"},
+        {linkMessage(RTM_NEWLINK, 9, "vrf"), 1, "other= vrf= red1=10.0.0.1 ", "red1"},
+        {linkMessage(RTM_NEWLINK, 7, "red1"), 1, "red1= ", "red1"},
     };
     for (auto const& step : steps) {
         told[0] = told[1] = "";
@@ -294,25 +265,6 @@ TEST_F(RecordsTest, LinkIsUsableWhileItIsUpHasAnAddressAndIsWhereItIsWanted) {
         EXPECT_EQ(platform.kni()->interface(KernelNetInfo::InterfaceKey(7)).deviceName, step.device)
             << &step - steps;
     }
-}
-
-TEST_F(RecordsTest, SocketThatCannotBeOpenedIsTriedAgain) {
-    configure("[interface.up0]\nigmp-version = 2\n");
-    KernelInterface kernel;
-    kernel.name = "up0";
-    kernel.mtu = 1500;
-    kernel.up = true;
-    location.device = {0x7ffffff0, &kernel}; // no interface has that index
-    testing::internal::CaptureStderr();
-    double const before = EventLoop::now();
-    doTurn();
-    double const retry = ports->nextExpiry();
-    EXPECT_GT(retry, before);
-    EXPECT_LT(retry, EventLoop::now() + 2);
-    EXPECT_EQ(unsigned(platform.hostStatusDir->igmpHostStatus("up0")->igmpVersion()), 2u);
-    ports->advance(retry);
-    EXPECT_GT(ports->nextExpiry(), retry);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("up0"), std::string::npos);
 }
 
 } // namespace
