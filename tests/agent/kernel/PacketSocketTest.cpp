@@ -9,16 +9,13 @@ using Packets = std::vector<Bytes>;
 
 /// An IPv4 packet of `size` octets, with the number `mark` at its end. Its checksum need not be
 /// right: packet sockets pay no heed to it.
-Bytes packetTo(Lox::IpAddr group, std::size_t size, std::uint8_t mark = 0,
-               std::uint8_t protocol = IPPROTO_IGMP) {
-    Bytes packet = packetOf(Bytes(size - 20), {.destination = group, .options = {}});
-    packet[9] = protocol;
-    packet.back() = mark;
-    return packet;
+Bytes packet(std::size_t size, std::uint8_t mark = 0, char const* group = "224.0.0.22",
+             std::uint8_t protocol = IPPROTO_IGMP) {
+    Bytes octets = packetOf(Bytes(size - 20), {.destination = ip(group), .options = {}});
+    octets[9] = protocol;
+    octets.back() = mark;
+    return octets;
 }
-
-Lox::IpAddr const v3Reports("224.0.0.22");
-Lox::IpAddr const broadcast("255.255.255.255");
 
 /// The two ends of a veth pair in one namespace, without addresses: the kernel keeps silent there.
 class PacketSocketTest : public testing::Test {
@@ -57,9 +54,9 @@ class PacketSocketTest : public testing::Test {
 TEST_F(PacketSocketTest, PacketsArriveWholeUnderTheirGroupsLinkAddress) {
     Testing::Netns::Inside const inside(net->nearName());
     FileDescriptor const wire(socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, htons(ETH_P_IP)));
-    Bytes const packet = packetTo(Lox::IpAddr("239.138.1.2"), 1500);
-    doSend(packet);
-    EXPECT_EQ(arrivals(*rx, 1), Packets{packet});
+    Bytes const report = packet(1500, 0, "239.138.1.2");
+    doSend(report);
+    EXPECT_EQ(arrivals(*rx, 1), Packets{report});
     Bytes frame(2000);
     ASSERT_GT(recv(wire.get(), frame.data(), frame.size(), 0), 14);
     frame.resize(6);
@@ -69,24 +66,24 @@ TEST_F(PacketSocketTest, PacketsArriveWholeUnderTheirGroupsLinkAddress) {
 }
 
 TEST_F(PacketSocketTest, OnlyIgmpForThisHostOrGroupsPasses) {
-    doSend(packetTo(v3Reports, 40, 1, IPPROTO_UDP));
+    doSend(packet(40, 1, "224.0.0.22", IPPROTO_UDP));
     Testing::Wire const raw(net->nearName(), "tx0"); // for what a PacketSocket would not send
-    raw.send(packetTo(v3Reports, 40, 2), {2, 2, 2, 2, 2, 2});
-    raw.send(packetTo(broadcast, 40, 3));
+    raw.send(packet(40, 2), {2, 2, 2, 2, 2, 2});
+    raw.send(packet(40, 3, "255.255.255.255"));
     raw.send(Bytes(9, 2), {0x01, 0x00, 0x5e, 0, 0, 1});
     for (char const* const end : {"tx0", "rx0"})
         net->nearIp("link set " + std::string(end) + " mtu 12000");
-    doSend(packetTo(v3Reports, 11900, 5)); // not cut short, but lost
-    doSend(packetTo(v3Reports, 40, 4));
-    EXPECT_EQ(arrivals(*rx, 2), (Packets{packetTo(broadcast, 40, 3), packetTo(v3Reports, 40, 4)}));
+    doSend(packet(11900, 5)); // not cut short, but lost
+    doSend(packet(40, 4));
+    EXPECT_EQ(arrivals(*rx, 2), (Packets{packet(40, 3, "255.255.255.255"), packet(40, 4)}));
 }
 
 TEST_F(PacketSocketTest, OnePacketBeyondTheMtuDoesNotHoldUpTheOthers) {
-    tx->enqueue(packetTo(v3Reports, 40, 1));
-    tx->enqueue(packetTo(v3Reports, 1501, 2));
-    tx->enqueue(packetTo(v3Reports, 40, 3));
+    tx->enqueue(packet(40, 1));
+    tx->enqueue(packet(1501, 2));
+    tx->enqueue(packet(40, 3));
     EXPECT_EQ(tx->flush(now), 0);
-    EXPECT_EQ(arrivals(*rx, 2), (Packets{packetTo(v3Reports, 40, 1), packetTo(v3Reports, 40, 3)}));
+    EXPECT_EQ(arrivals(*rx, 2), (Packets{packet(40, 1), packet(40, 3)}));
     EXPECT_EQ(tx->dropped(), 1u);
     EXPECT_EQ(tx->dropError(), EMSGSIZE);
 }
@@ -94,7 +91,7 @@ TEST_F(PacketSocketTest, OnePacketBeyondTheMtuDoesNotHoldUpTheOthers) {
 TEST_F(PacketSocketTest, FullQueuesKeepThePacketsForLater) {
     if (!net->nearQdisc("add dev tx0 root tbf rate 8kbit burst 2000 limit 5000"))
         GTEST_SKIP() << "no traffic shaper (tbf) in this kernel";
-    for (int i = 0; i < 40; ++i) tx->enqueue(packetTo(v3Reports, 1500));
+    for (int i = 0; i < 40; ++i) tx->enqueue(packet(1500));
     EXPECT_EQ(tx->flush(now), ENOBUFS) << "the interface's queue is full";
     EXPECT_GT(tx->queued(), 30u);
 
@@ -113,8 +110,8 @@ TEST_F(PacketSocketTest, PacketsThatTheInterfaceKeepsRefusingAreGivenUp) {
     if (!net->nearQdisc("add dev tx0 root bfifo limit 200"))
         GTEST_SKIP() << "no bfifo in this kernel";
     for (std::size_t second : {301u, 40u}) {
-        tx->enqueue(packetTo(v3Reports, 300));
-        tx->enqueue(packetTo(v3Reports, second));
+        tx->enqueue(packet(300));
+        tx->enqueue(packet(second));
         EXPECT_EQ(tx->flush(now), ENOBUFS);
         EXPECT_EQ(tx->flush(now + 0.9), ENOBUFS) << "it may be a burst";
         EXPECT_EQ(tx->queued(), 2u);
