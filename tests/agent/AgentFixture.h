@@ -40,21 +40,21 @@ class AgentTest : public testing::Test {
     nlohmann::json json(std::string const& arguments) const {
         return nlohmann::json::parse(ask(arguments + " --json").text);
     }
-    /// Starts the agent with this configuration.
-    void begin(std::string const& configuration, Lines const& options = {},
-               std::optional<int> missingCapability = {}) {
+    /// Starts the agent with this configuration, perhaps by another command.
+    void begin(std::string const& configuration, Lines const& options = {}, Lines command = {}) {
         agent.reset();
         reloads = 0;
         folder.write("output", "");
         folder.write("ihproxyd.toml", configuration);
-        Lines command{IHPROXYD, "--config", folder.file("ihproxyd.toml"), "--control", control()};
+        command.insert(command.end(), {IHPROXYD, "--config", folder.file("ihproxyd.toml"),
+                                       "--control", control()});
         command.insert(command.end(), options.begin(), options.end());
-        agent.emplace(folder, net->nearName(), command, missingCapability);
+        agent.emplace(folder, net->nearName(), command);
     }
     /// The same, with all of its files, and waits until it says that it is ready.
-    void start(std::string const& configuration, std::optional<int> missingCapability = {}) {
+    void start(std::string const& configuration, Lines const& command = {}) {
         begin(configuration, {"--status", folder.file("status"), "--state", folder.file("state")},
-              missingCapability);
+              command);
         ASSERT_TRUE(agent->says("ready\n")) << agent->output();
     }
     /// Whether the state file comes to hold these groups and no others. It is written a little

@@ -26,29 +26,20 @@ class ServiceSocket {
     }
     ~ServiceSocket() { unsetenv("NOTIFY_SOCKET"); }
 
-    /// The next message but a status, or nothing if none comes.
-    std::string next() {
-        std::string const message = any();
-        return message.starts_with("STATUS=") ? next() : message;
-    }
-    /// Whether the status comes to hold this.
+    /// Whether this comes to be told, behind what that was asked of before.
     bool tells(std::string const& text) {
-        while (status_.find(text) == status_.npos)
-            if (any().empty()) return false;
-        return true;
+        return waitUntil([&] {
+            char octets[400];
+            ssize_t const length = recv(socket_.get(), octets, sizeof octets, 0);
+            if (length > 0) told_.append(octets, std::size_t(length));
+            auto const at = told_.find(text);
+            told_.erase(0, at == told_.npos ? 0 : at + text.size());
+            return at != told_.npos;
+        });
     }
 
   private:
-    std::string any() {
-        char text[400];
-        ssize_t length = -1;
-        waitUntil([&] { return (length = recv(socket_.get(), text, sizeof text, 0)) >= 0; });
-        std::string const message(text, std::size_t(std::max<ssize_t>(length, 0)));
-        if (message.starts_with("STATUS=")) status_ = message;
-        return message;
-    }
-
-    std::string status_;
+    std::string told_;
     Agent::FileDescriptor socket_{socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0)};
 };
 
@@ -97,59 +88,59 @@ TEST_F(AgentTest, BadFileChangesNothingAndIsLoggedWithItsPlaces) {
 TEST_F(AgentTest, CheckTellsTotalsFaultsAndWhatTheMachineLacks) {
     std::string const good = "[interface.up0.group]\n'239.1.0.0/24' = {}\n[interface.eth9]\n"
                              "[interface.'up*']\n[interface.'zz?']\n[interface.x]\nvrf = 'red'\n"
-                             "[vrf.red]\n",
-                      lacks = "eth9: does not exist\nup*: no such interface\n"
-                              "zz?: no such interface\nVRF red: namespace red does not exist\n";
+                             "[vrf.red]\n";
     std::string bad = "[interface.up0.group]\n'239.1.1.1' = { exclude = ['10.0.0.1'] }\n";
     for (int i = 0; i < 30; ++i) bad += "g" + std::to_string(i) + " = {}\n";
-    auto const run = [&](std::string const& text, Lines options, std::optional<int> missing = {}) {
-        Folder const own;
-        own.write("file", text);
-        options.insert(options.begin(), IHPROXYD);
-        options.push_back(own.file("file"));
-        Process process(own, net->nearName(), options, missing);
-        int const status = process.exitStatus().value_or(-1);
-        return std::to_string(status) + "\n" + process.output();
+    auto const run = [&](std::string const& text, std::string const& options) {
+        folder.write("file", text);
+        return shell("ip netns exec " + net->nearName() + " timeout 20 " + options + " " +
+                     folder.file("file") + " 2>&1");
     };
-    auto const ends = [](std::string const& text, std::string const& end) {
-        return text.ends_with(end) ? testing::AssertionSuccess()
-                                   : testing::AssertionFailure() << text;
+    struct {
+        std::string file;
+        char const* options;
+        int status;
+        char const* end;
+    } const runs[] = {
+        {good, IHPROXYD " --check", 0, "groups\n3 interfaces, 2 patterns, 256 groups: good\n"},
+        {good, IHPROXYD " --live --check", 1,
+         "groups\neth9: does not exist\nup*: no such interface\nzz?: no such interface\n"
+         "VRF red: namespace red does not exist\n"
+         "3 interfaces, 2 patterns, 256 groups, 4 obstacles: not good\n"},
+        {"[interface.'up*']\n", "setpriv --bounding-set -net_raw " IHPROXYD " --live --check", 1,
+         "this process: has no CAP_NET_RAW: it can neither send nor hear IGMP\n"
+         "0 interfaces, 1 pattern, 0 groups, 1 obstacle: not good\n"},
+        {bad, IHPROXYD " --live --check", 1, "30 errors, 1 warning: not good\n"},
+        {bad, IHPROXYD " --config", 1,
+         ":22:1: \"g19\" found, expected a multicast address or prefix in quotes, such as "
+         "\"239.1.1.1\" or \"239.1.1.0/24\" (and 10 more like this)\n"},
     };
-    EXPECT_TRUE(
-        ends(run(good, {"--check"}), "groups\n3 interfaces, 2 patterns, 256 groups: good\n"));
-    EXPECT_TRUE(ends(run(good, {"--live", "--check"}),
-                     "groups\n" + lacks +
-                         "3 interfaces, 2 patterns, 256 groups, 4 obstacles: "
-                         "not good\n"));
-    EXPECT_TRUE(ends(run("[interface.'up*']\n", {"--live", "--check"}, CAP_NET_RAW),
-                     "1\nthis process: has no CAP_NET_RAW: it can neither send nor hear IGMP\n"
-                     "0 interfaces, 1 pattern, 0 groups, 1 obstacle: not good\n"));
-    EXPECT_TRUE(ends(run(bad, {"--live", "--check"}), "30 errors, 1 warning: not good\n"));
+    for (auto const& [file, options, status, end] : runs) {
+        Ended const ended = run(file, options);
+        EXPECT_EQ(ended.status, status);
+        EXPECT_TRUE(ended.text.ends_with(end)) << ended.text;
+    }
     EXPECT_TRUE(wire->hearsOnly({})) << "a check speaks to no router";
-    std::string const started = run(bad, {"--config"});
-    EXPECT_TRUE(started.starts_with("1\n")) << started;
-    EXPECT_NE(started.find("file:3:1: \"g0\" found"), started.npos) << started;
-    EXPECT_EQ(started.find("ready"), started.npos) << started;
 
-    auto const json = [&](std::string const& text, Lines const& options) {
-        std::string const said = run(text, options);
-        return nlohmann::json::parse(said.substr(said.find('\n')));
-    };
-    auto const ofBad = json(bad, {"--json", "--check"});
+    auto const ofBad = nlohmann::json::parse(run(bad, IHPROXYD " --json --check").text);
     EXPECT_EQ(ofBad.at("errors"), 30);
     EXPECT_EQ(ofBad.at("good"), false);
     EXPECT_EQ(ofBad.at("diagnostics").at(1).at("line"), 3);
-    auto const ofGood = json(good, {"--json", "--live", "--check"});
+    auto const ofGood = nlohmann::json::parse(run(good, IHPROXYD " --json --live --check").text);
     EXPECT_EQ(ofGood.at("groups"), 256);
     EXPECT_EQ(ofGood.at("obstacles").at(0).dump(),
               R"({"reason":"does not exist","subject":"eth9"})");
 }
 
-TEST_F(AgentTest, ServiceManagerIsToldOfEachPhase) {
+TEST_F(AgentTest, ServiceManagerIsToldOfEachPhaseAndThatTheLoopTurns) {
     ServiceSocket service(folder.file("notify"));
+    setenv("WATCHDOG_USEC", "200000", 1);
     start(groupsOn("up0", threeGroups) + "[interface.up1]\n");
-    EXPECT_EQ(service.next(), "READY=1");
-    EXPECT_TRUE(service.tells("=1 of 2 interfaces up, 3 groups; up1: does not exist"));
+    unsetenv("WATCHDOG_USEC");
+    for (char const* const each :
+         {"READY=1", "=1 of 2 interfaces up, 3 groups; up1: does not exist", "WATCHDOG=1",
+          "WATCHDOG=1", "WATCHDOG=1"})
+        EXPECT_TRUE(service.tells(each)) << each;
     agent->signal(SIGUSR1);
     ASSERT_TRUE(waitUntil([&] { return std::filesystem::exists(folder.file("status")); }));
     auto const status = nlohmann::json::parse(folder.read("status"));
@@ -158,49 +149,15 @@ TEST_F(AgentTest, ServiceManagerIsToldOfEachPhase) {
     EXPECT_EQ(status["obstacles"], nlohmann::json({{"up1", "does not exist"}}));
     folder.write("ihproxyd.toml", groupsOn("up0", "'239.1.1.1' = {}\n"));
     agent->signal(SIGHUP);
-    EXPECT_EQ(service.next().substr(0, 11), "RELOADING=1");
-    EXPECT_EQ(service.next(), "READY=1");
-    EXPECT_TRUE(service.tells("=1 of 1 interfaces up, 1 group"));
+    for (char const* const each : {"RELOADING=1", "READY=1", "=1 of 1 interfaces up, 1 group"})
+        EXPECT_TRUE(service.tells(each)) << each;
+    EXPECT_EQ(agent->output().find("can be used now"), std::string::npos) << "up1 is gone";
     EXPECT_TRUE(learned({threeLearned[0]}));
     agent->signal(SIGTERM);
-    EXPECT_EQ(service.next(), "STOPPING=1");
+    EXPECT_TRUE(service.tells("STOPPING=1"));
     for (int const late : {SIGTERM, SIGINT, SIGHUP}) agent->signal(late);
     EXPECT_EQ(agent->exitStatus(), 0);
     EXPECT_TRUE(learned({}));
-}
-
-TEST_F(AgentTest, ServiceManagerHearsThatTheLoopTurns) {
-    ServiceSocket service(folder.file("notify"));
-    setenv("WATCHDOG_USEC", "200000", 1);
-    start("");
-    unsetenv("WATCHDOG_USEC");
-    while (service.next() == "WATCHDOG=1") {
-    } // READY=1
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(service.next(), "WATCHDOG=1");
-}
-
-TEST_F(AgentTest, VrfWaitsForDescriptorsAndStartsWhenThereAreSome) {
-    // Else it would give up what enters namespaces.
-    std::string const file = groupsOn("up0", threeGroups) + vrfIn(net->nearName(), "near");
-    ASSERT_TRUE(startTells(file, threeJoined));
-    ASSERT_TRUE(keeps({"239.1.1.1", "239.1.1.2", "239.1.1.3"})); // no file is open any more
-    std::size_t const open = agent->openDescriptors();
-    // Enough for one that stays open besides the file that is read, for all sockets but the last,
-    // for the namespace.
-    int refused = 0;
-    for (int const left : {2, 5, 3}) {
-        agent->leaveDescriptors(100); // or what waits for some takes those of the file
-        reload(file);
-        EXPECT_TRUE(opens(open));
-        agent->leaveDescriptors(left);
-        reload(file + vrfIn(net->farName(), "red" + std::to_string(left)));
-        EXPECT_TRUE(agent->says("Too many open files", ++refused)) << agent->output();
-    }
-    agent->leaveDescriptors(100);
-    EXPECT_TRUE(agent->says("VRF red3: can be used now (before: "));
-    reload(file);
-    EXPECT_TRUE(opens(open));
-    EXPECT_TRUE(wire->hearsOnly({})) << "up0 is not disturbed";
 }
 
 TEST_F(AgentTest, WhatTheAgentMayNotDoIsAnErrorFromTheStart) {
@@ -211,20 +168,19 @@ TEST_F(AgentTest, WhatTheAgentMayNotDoIsAnErrorFromTheStart) {
     for (std::string const& path : {folder.file("ihproxyd.toml"), folder.file("")})
         ASSERT_EQ(chown(path.c_str(), 65534, gid_t(-1)), 0);
     ASSERT_EQ(chmod(folder.file("ihproxyd.toml").c_str(), 0600), 0);
-    std::tuple<std::string, std::optional<int>, std::string> const cases[] = {
-        {"", CAP_NET_RAW, "the agent: has no CAP_NET_RAW"},
-        {vrf, CAP_SYS_ADMIN,
+    std::tuple<std::string, Lines, std::string> const cases[] = {
+        {"", Lines{"setpriv", "--bounding-set", "-net_raw"}, "the agent: has no CAP_NET_RAW"},
+        {vrf, Lines{"setpriv", "--bounding-set", "-sys_admin"},
          "VRF red: namespace " + net->farName() +
              ": entering a network namespace: Operation not permitted"},
-        {vrfIn(unnamed),
-         {},
+        {vrfIn(unnamed), Lines{},
          "VRF red: namespace " + unnamed + ": " + unnamed +
              ": Permission denied; expected a name, as `ip netns attach"},
     };
-    for (auto const& [configuration, missing, expected] : cases) {
+    for (auto const& [configuration, command, expected] : cases) {
         Folder const own;
         ServiceSocket service(own.file("notify"));
-        start(configuration, missing);
+        start(configuration, command);
         EXPECT_TRUE(agent->says("error: " + expected)) << agent->output();
         EXPECT_TRUE(service.tells(expected));
     }

@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <optional>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,9 +19,8 @@ using Support::Folder;
 /// object or with the test's own process, whichever ends first.
 class Process {
   public:
-    /// Without `missing` it has all capabilities that the test has.
     Process(Folder const& folder, std::string const& namespaceName,
-            std::vector<std::string> command, std::optional<int> missing = {})
+            std::vector<std::string> command)
         : folder_(folder) {
         std::vector<char*> argv;
         argv.reserve(command.size() + 1);
@@ -33,7 +31,6 @@ class Process {
         pid_ = fork();
         if (pid_ < 0) throw std::system_error(errno, std::generic_category(), "fork");
         if (pid_ > 0) return;
-        if (missing) prctl(PR_CAPBSET_DROP, *missing);
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         int const file = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
         dup2(file, STDOUT_FILENO);
@@ -72,15 +69,6 @@ class Process {
             if (line.starts_with(name + ":"))
                 return std::stoull(line.substr(name.size() + 1), {}, base);
         return 0;
-    }
-    /// Lets it open only so many descriptors besides those that it has, from now on.
-    void leaveDescriptors(int count) const {
-        std::string const used = "/proc/" + std::to_string(pid_) + "/fd/";
-        rlimit limit{};
-        prlimit(pid_, RLIMIT_NOFILE, nullptr, &limit);
-        for (limit.rlim_cur = 0; count > 0; ++limit.rlim_cur)
-            if (!std::filesystem::is_symlink(used + std::to_string(limit.rlim_cur))) --count;
-        prlimit(pid_, RLIMIT_NOFILE, &limit, nullptr);
     }
     std::size_t openDescriptors() const {
         std::filesystem::directory_iterator const files("/proc/" + std::to_string(pid_) + "/fd");

@@ -46,21 +46,18 @@ class Wire {
         std::sort(lines.begin(), lines.end());
         return lines;
     }
-    /// Those answers since the last forget(), sorted, each once, a moment later.
-    Lines answers() {
-        doSettle();
-        doReceive();
-        return {answers_.begin(), answers_.end()};
-    }
-    /// The same, when they are no fewer than expected, to a query that is sent over and over: it
-    /// may get lost where the near end has no time to listen.
+    /// Those answers since the last forget(), sorted, each once, a moment after they are no fewer
+    /// than expected, to a query that is sent over and over: it may get lost where the near end has
+    /// no time to listen.
     Lines answersTo(Agent::Bytes const& query, std::size_t count) {
         waitUntil([&] {
             send(query);
             doReceive();
             return answers_.size() >= count;
         });
-        return answers();
+        doSettle();
+        doReceive();
+        return {answers_.begin(), answers_.end()};
     }
     /// The source addresses of the packets that heard() has lines of.
     std::vector<Lox::IpAddr> const& sources() const { return sources_; }
@@ -78,16 +75,12 @@ class Wire {
             return std::includes(all.begin(), all.end(), lines.begin(), lines.end());
         });
     }
-    /// What is heard once these lines have been, and a moment later.
-    Lines heardAfter(Lines const& lines) {
-        hears(lines);
-        doSettle();
-        return heard();
-    }
-    /// Whether that is these lines and no others; forgets them.
+    /// Whether, once these have been and a moment later, they are all that is; forgets it.
     testing::AssertionResult hearsOnly(Lines lines) {
         std::sort(lines.begin(), lines.end());
-        Lines const all = heardAfter(lines);
+        hears(lines);
+        doSettle();
+        Lines const all = heard();
         forget();
         if (all == lines) return testing::AssertionSuccess();
         return testing::AssertionFailure()
