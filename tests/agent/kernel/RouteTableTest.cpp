@@ -82,7 +82,7 @@ class RouteModel : public Routes {
     void doRandomStep() {
         switch (pick(12)) {
         case 0:
-            pick(2) == 0 ? doSetFilter() : doSetProxyInterface(1 + int(pick(3)));
+            doSetFilter();
             break;
         case 1:
             table.doReview(pick(4));
@@ -121,15 +121,15 @@ class RouteModel : public Routes {
   private:
     unsigned pick(unsigned count) { return unsigned(random_()) % count; }
     void doSetFilter() {
-        filter_ = {pick(2) == 0, pick(4) == 0, {}};
+        RouteFilter const before =
+            std::exchange(filter_, RouteFilter{pick(2) == 0, pick(4) == 0, {}});
         for (int const ifindex : {1, 2, 3})
             if (pick(2) == 0) filter_.proxyInterfaces.insert(ifindex);
-        table.setFilter(filter_);
-    }
-    void doSetProxyInterface(int ifindex) {
-        bool const proxy = filter_.proxyInterfaces.erase(ifindex) == 0;
-        if (proxy) filter_.proxyInterfaces.insert(ifindex);
-        table.setProxyInterface(ifindex, proxy);
+        bool const alike = before.requireOutput == filter_.requireOutput &&
+                           before.anyIncoming == filter_.anyIncoming;
+        if (!alike || filter_.proxyInterfaces.size() > 1) return table.setFilter(filter_);
+        for (int const ifindex : {1, 2, 3}) // it may be told by one interface after the other
+            table.setProxyInterface(ifindex, filter_.proxyInterfaces.count(ifindex) != 0);
     }
     void doChangeRoute(bool lost) {
         KernelRoute route{
