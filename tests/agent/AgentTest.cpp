@@ -7,14 +7,6 @@
 namespace Testing {
 namespace {
 
-constexpr char const* threeGroups = "'239.1.1.1' = {}\n"
-                                    "'239.1.1.2' = { include = ['10.0.0.2', '10.0.0.1'] }\n"
-                                    "'239.1.1.3' = { exclude = ['10.0.0.9'] }\n";
-Lines const threeLearned{"down0 239.1.1.1 exclude", "down0 239.1.1.2 include 10.0.0.1,10.0.0.2",
-                         "down0 239.1.1.3 exclude 10.0.0.9"};
-Lines const threeJoined{"TO_EX 239.1.1.1", "ALLOW 239.1.1.2 10.0.0.1 10.0.0.2",
-                        "TO_EX 239.1.1.3 10.0.0.9"};
-
 /// The service manager's end of the notifications.
 class ServiceSocket {
   public:
@@ -31,7 +23,7 @@ class ServiceSocket {
         return waitUntil([&] {
             char octets[400];
             ssize_t const length = recv(socket_.get(), octets, sizeof octets, 0);
-            if (length > 0) told_.append(octets, std::size_t(length));
+            if (length > 0) told_.append(octets, std::size_t(length)).append("\n");
             auto const at = told_.find(text);
             told_.erase(0, at == told_.npos ? 0 : at + text.size());
             return at != told_.npos;
@@ -46,8 +38,7 @@ class ServiceSocket {
 TEST_F(AgentTest, SignalsDuringTheStartCountOnceTheAgentRuns) {
     auto const signalled = [&](std::initializer_list<int> signals) {
         // Takes a while to read.
-        begin(groupsOn("up0", threeGroups) + std::string(4 << 20, '\n'),
-              {"--status", folder.file("status")});
+        begin(twoOnUp0 + std::string(4 << 20, '\n'), {"--status", folder.file("status")});
         ASSERT_TRUE(
             waitUntil([&] { return (agent->statusField("SigIgn") >> (SIGUSR2 - 1) & 1) != 0; }));
         for (int const each : signals) agent->signal(each);
@@ -55,7 +46,7 @@ TEST_F(AgentTest, SignalsDuringTheStartCountOnceTheAgentRuns) {
     signalled({SIGHUP, SIGUSR1, SIGUSR2, SIGPIPE});
     EXPECT_TRUE(agent->says("is in force")) << agent->output();
     EXPECT_TRUE(waitUntil([&] { return std::filesystem::exists(folder.file("status")); }));
-    EXPECT_TRUE(wire->hearsOnly(twice(threeJoined)));
+    EXPECT_TRUE(wire->hearsOnly(twice(joined)));
     // On a busy machine the signal may come later than that.
     EXPECT_TRUE(waitUntil([&] {
         wire->forget();
@@ -64,25 +55,6 @@ TEST_F(AgentTest, SignalsDuringTheStartCountOnceTheAgentRuns) {
         return agent->output().find("ready") == std::string::npos;
     }));
     EXPECT_TRUE(wire->hearsOnly({})) << "it begins with nothing";
-}
-
-TEST_F(AgentTest, BadFileChangesNothingAndIsLoggedWithItsPlaces) {
-    ASSERT_TRUE(startTells(groupsOn("up0", threeGroups), threeJoined));
-    std::string const file = folder.file("ihproxyd.toml");
-    int refused = 0;
-    auto const refuses = [&](std::string const& place) {
-        agent->signal(SIGHUP);
-        return agent->says("nothing is changed", ++refused) && agent->says(place);
-    };
-    folder.write("ihproxyd.toml", std::string("\0\x1b[2J\xff", 6));
-    EXPECT_TRUE(refuses("error: " + file + ":1:"));
-    std::filesystem::remove(file);
-    EXPECT_TRUE(refuses("error: " + file + ": cannot be read: "));
-    EXPECT_EQ(agent->output().find(": error: "), std::string::npos) << "each level is said once";
-    EXPECT_TRUE(wire->hearsOnly({}));
-
-    reload(groupsOn("up0", "'239.1.1.1' = {}\n"));
-    EXPECT_TRUE(learned({threeLearned[0]})) << "a good file afterwards is taken over";
 }
 
 TEST_F(AgentTest, CheckTellsTotalsFaultsAndWhatTheMachineLacks) {
@@ -131,27 +103,40 @@ TEST_F(AgentTest, CheckTellsTotalsFaultsAndWhatTheMachineLacks) {
               R"({"reason":"does not exist","subject":"eth9"})");
 }
 
-TEST_F(AgentTest, ServiceManagerIsToldOfEachPhaseAndThatTheLoopTurns) {
+TEST_F(AgentTest, PhasesAndFaultyFilesAreTold) {
     ServiceSocket service(folder.file("notify"));
     setenv("WATCHDOG_USEC", "200000", 1);
-    start(groupsOn("up0", threeGroups) + "[interface.up1]\n");
+    ASSERT_TRUE(startTells(twoOnUp0 + "[interface.up1]\n", joined));
     unsetenv("WATCHDOG_USEC");
     for (char const* const each :
-         {"READY=1", "=1 of 2 interfaces up, 3 groups; up1: does not exist", "WATCHDOG=1",
+         {"READY=1", "=1 of 2 interfaces up, 2 groups; up1: does not exist", "WATCHDOG=1",
           "WATCHDOG=1", "WATCHDOG=1"})
         EXPECT_TRUE(service.tells(each)) << each;
     agent->signal(SIGUSR1);
     ASSERT_TRUE(waitUntil([&] { return std::filesystem::exists(folder.file("status")); }));
     auto const status = nlohmann::json::parse(folder.read("status"));
     EXPECT_EQ(status["intfStatus"]["up0"]["groupSourceList"]["239.1.1.2"]["includeSourceList"],
-              nlohmann::json({"10.0.0.1", "10.0.0.2"}));
+              nlohmann::json({"10.0.0.1"}));
     EXPECT_EQ(status["obstacles"], nlohmann::json({{"up1", "does not exist"}}));
+    // Faulty files change nothing.
+    std::string const file = folder.file("ihproxyd.toml");
+    folder.write("ihproxyd.toml", std::string("\0\x1b[2J\xff", 6));
+    for (char const* const place : {":1:", ": cannot be read: "}) {
+        agent->signal(SIGHUP);
+        EXPECT_TRUE(service.tells("RELOADING=1"));
+        EXPECT_TRUE(service.tells("READY=1"));
+        EXPECT_TRUE(agent->says("error: " + file + place)) << agent->output();
+        std::filesystem::remove(file);
+    }
+    EXPECT_TRUE(agent->says("nothing is changed", 2));
+    EXPECT_EQ(agent->output().find(": error: "), std::string::npos) << "each level is said once";
+    EXPECT_TRUE(wire->hearsOnly({}));
     folder.write("ihproxyd.toml", groupsOn("up0", "'239.1.1.1' = {}\n"));
     agent->signal(SIGHUP);
-    for (char const* const each : {"RELOADING=1", "READY=1", "=1 of 1 interfaces up, 1 group"})
+    for (char const* const each : {"RELOADING=1", "READY=1", "=1 of 1 interfaces up, 1 group\n"})
         EXPECT_TRUE(service.tells(each)) << each;
     EXPECT_EQ(agent->output().find("can be used now"), std::string::npos) << "up1 is gone";
-    EXPECT_TRUE(learned({threeLearned[0]}));
+    EXPECT_TRUE(learned({"down0 239.1.1.1 exclude"}));
     agent->signal(SIGTERM);
     EXPECT_TRUE(service.tells("STOPPING=1"));
     for (int const late : {SIGTERM, SIGINT, SIGHUP}) agent->signal(late);
