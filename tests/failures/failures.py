@@ -27,6 +27,7 @@ import collections
 import concurrent.futures
 import contextlib
 import ctypes
+import functools
 import http.client
 import importlib.machinery
 import json
@@ -108,9 +109,7 @@ metrics = {{ listen = "{METRICS}" }}
 forwarding-table = {{ require-output = false }}
 [interface.up0]
 access-lists = ["list"]
-[interface.up0.group]
-"239.1.1.1" = {{}}
-"239.1.1.2" = {{ include = ["10.0.0.1"] }}
+group = {{ "239.1.1.1" = {{}}, "239.1.1.2" = {{ include = ["10.0.0.1"] }} }}
 [[access-list.list]]
 sequence = 10
 action = "permit"
@@ -208,9 +207,6 @@ class Scenario:
         """When, and in which words, or nothing. Runs differ a little in what is the n-th use."""
         return next((LINE.match(line).groups()[1:] for line in self.trace() if "(INJECTED)" in line),
                     None)
-
-    def is_struck(self):
-        return self.struck() is not None and not self.is_void()
 
     def is_void(self):
         """Whether it was struck by what cannot be."""
@@ -317,21 +313,21 @@ class Scenario:
                 return answer.read().endswith(b"# EOF\n")
         return False
 
-    def descriptors(self):
-        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+    def figures(self):
+        """Open files, seconds of the processor, kilobytes of memory."""
+        folder = pathlib.Path(f"/proc/{self.process.pid}")
+        times = (folder / "stat").read_text().rpartition(")")[2].split()[11:13]
+        return {"descriptors": len(os.listdir(folder / "fd")),
+                "seconds": sum(map(int, times)) / os.sysconf("SC_CLK_TCK"),
+                "resident": int(re.search(r"VmRSS:\s*(\d+)", (folder / "status").read_text())[1])}
 
-    def processor_seconds(self):
-        stat = pathlib.Path(f"/proc/{self.process.pid}/stat").read_text().rpartition(")")[2].split()
-        return (int(stat[11]) + int(stat[12])) / os.sysconf("SC_CLK_TCK")
+    def wait_descriptors(self, usual):
+        self.wait("as many descriptors as usual",
+                  lambda: self.figures()["descriptors"] == usual["descriptors"])
 
     def bridge(self, *settings):
         net.run("ip", "-n", self.far, "link", "set", "br0", "type", "bridge",
                 *(str(each) for each in settings))
-
-    def resident(self):
-        """Kilobytes."""
-        status = pathlib.Path(f"/proc/{self.process.pid}/status").read_text()
-        return int(re.search(r"VmRSS:\s*(\d+)", status)[1])
 
     def prepare(self):
         """The bridge, the second interface, and a routing daemon with one route."""
@@ -381,11 +377,16 @@ class Scenario:
         self.start()
         self.work(router)
         if usual:
-            self.wait("as many descriptors as usual",
-                      lambda: self.descriptors() == usual["descriptors"])
-        found = {"descriptors": self.descriptors(), "seconds": self.processor_seconds(),
-                 "resident": self.resident()}
-        return found | self.end(usual, found)
+            self.wait_descriptors(usual)
+        found = self.figures()
+        self.end()
+        found |= {"calls": len(self.trace()), "refusal": self.refusal,
+                  "trace": [] if usual else self.trace(),
+                  "struck": self.struck() is not None and not self.is_void()}
+        for name, factor, slack in ("seconds", 2, 0.5), ("calls", 2, 500), ("resident", 1, 1024):
+            if usual and found[name] > factor * usual[name] + slack:
+                raise net.Failure(f"{found[name]} {name}, usually {usual[name]}:\n{self.output()}")
+        return found
 
     def soak(self, seconds):
         """What the agent takes after each round, which must not grow once it has settled."""
@@ -395,19 +396,17 @@ class Scenario:
             self.work(router)
             router.take_route("239.3.1.1", True)
             router.take_route("239.3.1.2", False)
-            rounds.append((self.descriptors(), self.resident()))
-        (descriptors, resident), (_, last) = rounds[2], rounds[-1]
-        self.wait("as many descriptors as before", lambda: self.descriptors() == descriptors)
+            rounds.append(self.figures())
+        self.wait_descriptors(rounds[2])
+        resident, last = rounds[2]["resident"], rounds[-1]["resident"]
         if last > 1.05 * resident + 256:
             raise net.Failure(f"{resident} kB have become {last}: {rounds}")
-        used = self.processor_seconds()
-        self.process.send_signal(signal.SIGTERM)
-        if (status := self.process.wait(RECOVERY_SECONDS)) != 0:
-            raise net.Failure(f"it ends with status {status}:\n{self.output()}")
+        self.end()
         return (f"{len(rounds)} rounds in {seconds:.0f} s: {resident} kB after the third,"
-                f" {last} kB at the end, {descriptors} descriptors, {used:.1f} s of the processor")
+                f" {last} kB at the end, {rounds[2]['descriptors']} descriptors,"
+                f" {rounds[-1]['seconds']:.1f} s of the processor")
 
-    def end(self, usual, found):
+    def end(self):
         end = time.time()
         self.ask("stop")
         if self.process.poll() is None:
@@ -423,13 +422,8 @@ class Scenario:
             if time.time() > end + limit:
                 raise net.Failure(f"{left} not left in {limit} s:\n{self.output()}")
             time.sleep(0.1)
-        found |= {"calls": len(self.trace()), "struck": self.is_struck(), "refusal": self.refusal}
-        for name, factor, slack in ("seconds", 2, 0.5), ("calls", 2, 500), ("resident", 1, 1024):
-            if usual and found[name] > factor * usual[name] + slack:
-                raise net.Failure(f"{found[name]} {name}, usually {usual[name]}:\n{self.output()}")
         if re.search("Sanitizer|runtime error", self.output() + self.refusal):
             raise net.Failure(self.output() + self.refusal)
-        return found | ({} if usual else {"trace": self.trace()})
 
 
 @contextlib.contextmanager
@@ -446,11 +440,11 @@ def scenario_of(build, fault=""):
                 scenario.process.wait()
 
 
-def run(build, fault, usual, kept):
+def run(build, usual, kept, fault):
     """The figures of a run, or what went wrong, in words."""
     with scenario_of(build, fault) as scenario:
         try:
-            return scenario.play(usual)
+            return scenario.play(usual.get(fault.partition(":")[0], usual.get("")))
         except Exception as failure:
             text = str(failure) if isinstance(failure, net.Failure) else repr(failure)
             return {"struck": False, "refusal": ""} if scenario.is_void() else text
@@ -474,18 +468,6 @@ def offered(trace, place, exempt):
         for error in ERRORS[name]:
             found[f"{place}{name}:{error}:{uses[thread, name]}"] = None
     return list(found)
-
-
-def results(tried, usual, chosen):
-    """Each fault with what came of it, as the runs end."""
-    runs = concurrent.futures.ProcessPoolExecutor(chosen.j)
-    try:
-        begun = {runs.submit(run, chosen.build, fault, usual.get(fault.partition(":")[0], usual.get("")),
-                             chosen.trace): fault for fault in tried}
-        for done in concurrent.futures.as_completed(begun):
-            yield begun[done], done.result()
-    finally:
-        runs.shutdown(cancel_futures=True)
 
 
 def main():
@@ -512,10 +494,11 @@ def main():
         else set()
     usual, known = {}, []
     for place in [f"{chosen.kind}:none:0"] if chosen.kind else ["", "worker:", "copy:"]:
-        usual[place.partition(":")[0]] = found = run(chosen.build, place, None, None)
+        found = run(chosen.build, {}, None, place)
         if isinstance(found, str):
             raise net.Failure(f"without a fault: {found}")
         trace = found.pop("trace")
+        usual[place.partition(":")[0]] = found
         for kind, count in re.findall(r" (\S+:\S+)\((\d+)\) was the last", "\n".join(trace)):
             if kind.startswith(f"{chosen.kind}:"):
                 known += [f"{kind}:{number}" for number in range(1, int(count) + 1)]
@@ -526,19 +509,18 @@ def main():
     tried = chosen.only or known
     if chosen.sample:
         tried = random.Random(chosen.seed).sample(tried, min(chosen.sample, len(tried)))
-    count = collections.Counter()
-    begun = time.monotonic()
+    count, begun = collections.Counter(), time.monotonic()
+    play = functools.partial(run, chosen.build, usual, chosen.trace)
     try:
-        for fault, result in results(tried, usual, chosen):
-            if isinstance(result, str):
-                count["failed"] += 1
-                print(f"--only {fault}\n    " + result.replace("\n", "\n    "), flush=True)
-                continue
-            count["passed"] += 1
-            count["struck"] += result["struck"]
-            count["refused"] += bool(result["refusal"])
-            if result["refusal"]:
-                print(f"{fault} refuses the start: {result['refusal'].splitlines()[-1]}", flush=True)
+        with concurrent.futures.ProcessPoolExecutor(chosen.j) as runs:
+            for fault, result in zip(tried, runs.map(play, tried)):
+                if isinstance(result, str):
+                    count["failed"] += 1
+                    print(f"--only {fault}\n    " + result.replace("\n", "\n    "), flush=True)
+                    continue
+                count.update(passed=1, struck=result["struck"], refused=bool(result["refusal"]))
+                if refusal := result["refusal"]:
+                    print(f"{fault} refuses the start: {refusal.splitlines()[-1]}", flush=True)
     finally:
         print(f"of {len(known)} faults {count['passed']} passed in {time.monotonic() - begun:.0f} s, "
               f"{count['struck']} of them came about and {count['refused']} refused the start; "
@@ -550,9 +532,7 @@ def main():
 signal.signal(signal.SIGTERM, lambda number, frame: sys.exit(128 + number))
 try:
     sys.exit(main())
-except net.Forbidden as failure:
-    print(f"skipped: {failure}", file=sys.stderr)
-    sys.exit(77)
 except net.Failure as failure:
-    print(failure, file=sys.stderr)
-    sys.exit(1)
+    forbidden = isinstance(failure, net.Forbidden)
+    print(f"{'skipped: ' if forbidden else ''}{failure}", file=sys.stderr)
+    sys.exit(77 if forbidden else 1)

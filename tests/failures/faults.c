@@ -26,37 +26,22 @@ void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* old, size_t size);
 void* __libc_memalign(size_t alignment, size_t size);
 
-enum {
-    refused,
-    refusedLong, // so many behind it, too
-    // Of netlink's datagrams: lost, so that the kernel tells of an overrun; longer than its room.
-    lost,
-    cut,
-    // Of dumps: what is told has changed meanwhile; refused; given up, with a word or without.
-    changed,
-    denied,
-    spoilt,
-    endless,
-    // One octet is read or written where there are more.
-    shortRead,
-    shortWrite,
-    kindCount
-};
+// Memory is refused, so often in a row. Netlink's datagrams are lost, so that the kernel tells of
+// an overrun, or longer than their room; of dumps what is told has changed meanwhile, or they are
+// refused, or given up, with a word or without. One octet is read or written where there are more.
 static struct {
     char const* name;
-    long length; // in opportunities
-    atomic_long count;
-} kinds[kindCount] = {
-    [refused] = {"malloc:1", 1, 0},        [refusedLong] = {"malloc:40", 40, 0},
-    [lost] = {"netlink:lost", 1, 0},       [cut] = {"netlink:cut", 1, 0},
-    [changed] = {"netlink:changed", 1, 0}, [denied] = {"netlink:denied", 1, 0},
-    [spoilt] = {"netlink:spoilt", 1, 0},   [endless] = {"netlink:endless", 1, 0},
-    [shortRead] = {"short:read", 1, 0},    [shortWrite] = {"short:write", 1, 0},
+    atomic_long count; // of opportunities
+} kinds[] = {
+    {"malloc:1", 0},        {"malloc:40", 0},      {"netlink:lost", 0},   {"netlink:cut", 0},
+    {"netlink:changed", 0}, {"netlink:denied", 0}, {"netlink:spoilt", 0}, {"netlink:endless", 0},
+    {"short:read", 0},      {"short:write", 0},
 };
+static int const kindCount = sizeof kinds / sizeof *kinds;
 
 static atomic_bool begun;
-static int chosen = kindCount;
-static long chosenNumber;
+static char* chosen;
+static long chosenNumber; // 0 for no fault
 
 static void tell(char const* name, long number, char const* what) {
     struct timespec now;
@@ -69,24 +54,25 @@ static void tell(char const* name, long number, char const* what) {
     close(file);
 }
 
-static int strikes(int kind) {
+static int strikes(char const* name) {
     if (!begun) return 0;
-    long const number = ++kinds[kind].count;
-    if (kind != chosen || chosenNumber == 0 || number < chosenNumber ||
-        number >= chosenNumber + kinds[kind].length)
+    int kind = 0;
+    while (strcmp(kinds[kind].name, name) != 0) ++kind;
+    long const number = ++kinds[kind].count, inARow = atol(strchr(name, ':') + 1);
+    if (chosenNumber == 0 || strcmp(chosen, name) != 0 || number < chosenNumber ||
+        (number > chosenNumber && number >= chosenNumber + inARow))
         return 0;
-    tell(kinds[kind].name, number, "(INJECTED)");
+    tell(name, number, "(INJECTED)");
     return 1;
 }
 
 int sigprocmask(int how, sigset_t const* set, sigset_t* old) {
     if (!begun) {
-        char const* const fault = getenv("IHP_FAULT");
-        for (int kind = 0; kind < kindCount; ++kind) {
-            size_t const length = strlen(kinds[kind].name);
-            if (strncmp(kinds[kind].name, fault, length) != 0 || fault[length] != ':') continue;
-            chosen = kind;
-            chosenNumber = atol(fault + length + 1);
+        chosen = strdup(getenv("IHP_FAULT"));
+        char* const colon = strrchr(chosen, ':');
+        if (colon) {
+            *colon = '\0';
+            chosenNumber = atol(colon + 1);
         }
         begun = 1;
     }
@@ -98,8 +84,8 @@ __attribute__((destructor)) static void end(void) {
 }
 
 static int refuses(void) {
-    int const one = strikes(refused);
-    if (!strikes(refusedLong) && !one) return 0;
+    int const one = strikes("malloc:1");
+    if (!strikes("malloc:40") && !one) return 0;
     errno = ENOMEM;
     return 1;
 }
@@ -142,19 +128,19 @@ static ssize_t disturbed(int fd, struct msghdr* header, ssize_t length) {
         if (done) denial.socket = 0;
         return 0;
     }
-    if (strikes(lost)) {
+    if (strikes("netlink:lost")) {
         errno = ENOBUFS;
         return -1;
     }
-    if (strikes(cut)) {
+    if (strikes("netlink:cut")) {
         header->msg_flags |= MSG_TRUNC;
         return length / 2;
     }
-    if (dump && strikes(changed))
+    if (dump && strikes("netlink:changed"))
         for (struct nlmsghdr* each = (left = (int)length, first); NLMSG_OK(each, left);
              each = NLMSG_NEXT(each, left))
             each->nlmsg_flags |= NLM_F_DUMP_INTR;
-    if (answer && strikes(denied)) {
+    if (answer && strikes("netlink:denied")) {
         if (dump && !done) {
             denial.socket = status.st_ino;
             denial.sequence = first->nlmsg_seq;
@@ -166,8 +152,8 @@ static ssize_t disturbed(int fd, struct msghdr* header, ssize_t length) {
         memcpy(NLMSG_DATA(first), &error, sizeof error);
         return first->nlmsg_len;
     }
-    if (done && strikes(spoilt)) *(int*)NLMSG_DATA(done) = -ENOMEM;
-    if (done && strikes(endless)) return (char*)done - (char*)first;
+    if (done && strikes("netlink:spoilt")) *(int*)NLMSG_DATA(done) = -ENOMEM;
+    if (done && strikes("netlink:endless")) return (char*)done - (char*)first;
     return length;
 }
 
@@ -181,7 +167,7 @@ ssize_t recvmsg(int fd, struct msghdr* header, int flags) {
 }
 
 // A log takes its lines as a whole or not at all, as a pipe does.
-static size_t shortened(int kind, int fd, size_t length) {
+static size_t shortened(char const* kind, int fd, size_t length) {
     struct stat status;
     if (!begun || fd <= STDERR_FILENO || length < 2 || fstat(fd, &status) != 0) return length;
     int const stream = S_ISREG(status.st_mode) ||
@@ -189,16 +175,16 @@ static size_t shortened(int kind, int fd, size_t length) {
     return stream && strikes(kind) ? 1 : length;
 }
 ssize_t read(int fd, void* octets, size_t length) {
-    return syscall(SYS_read, fd, octets, shortened(shortRead, fd, length));
+    return syscall(SYS_read, fd, octets, shortened("short:read", fd, length));
 }
 ssize_t recv(int fd, void* octets, size_t length, int flags) {
-    return syscall(SYS_recvfrom, fd, octets, shortened(shortRead, fd, length), flags, 0, 0);
+    return syscall(SYS_recvfrom, fd, octets, shortened("short:read", fd, length), flags, 0, 0);
 }
 ssize_t write(int fd, void const* octets, size_t length) {
-    return syscall(SYS_write, fd, octets, shortened(shortWrite, fd, length));
+    return syscall(SYS_write, fd, octets, shortened("short:write", fd, length));
 }
 ssize_t send(int fd, void const* octets, size_t length, int flags) {
-    return syscall(SYS_sendto, fd, octets, shortened(shortWrite, fd, length), flags, 0, 0);
+    return syscall(SYS_sendto, fd, octets, shortened("short:write", fd, length), flags, 0, 0);
 }
 
 pid_t fork(void) {
