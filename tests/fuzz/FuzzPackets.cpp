@@ -1,6 +1,7 @@
 // Packets of any kind to a host engine, in any order and at any times, while groups come and go.
-// The first octet chooses what the engine speaks; then each step is an octet that says what it is,
-// one for the time that passes before it, and for a packet its length and its octets.
+// Each step is an octet that says what it is, one for the time that passes before it, and one for
+// the settings that it brings, or for a packet its length and its octets. The first settings stand
+// in front.
 #include "agent/igmp/HostEngine.h"
 #include "agent/igmp/IgmpTestPackets.h"
 
@@ -43,17 +44,19 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     };
     Checked output;
     HostEngine engine(output, std::mt19937(1));
-    std::uint8_t const choice = octet();
-    HostEngine::Settings settings;
-    settings.version = choice % 3 + 1;
-    settings.ssmOnly = choice & 4;
-    settings.requireRouterAlert = choice & 8;
-    settings.packetsPer100ms = choice & 16 ? 1 : 100;
-    settings.mtu = choice & 32 ? 68 : 1500;
-    settings.prefixLength = choice & 64 ? 24 : 0;
-    settings.address = Lox::IpAddr::fromHost(0x0A000002);
     double now = 1;
-    engine.setSettings(now, settings);
+    auto const applySettings = [&](std::uint8_t choice) {
+        HostEngine::Settings settings;
+        settings.version = choice % 3 + 1;
+        settings.ssmOnly = choice & 4;
+        settings.requireRouterAlert = choice & 8;
+        settings.packetsPer100ms = choice & 16 ? 1 : 100;
+        settings.mtu = choice & 32 ? 68 : 1500;
+        settings.prefixLength = choice & 64 ? 24 : 0;
+        settings.address = Lox::IpAddr::fromHost(0x0A000002);
+        engine.setSettings(now, settings);
+    };
+    applySettings(octet());
     engine.linkUp(now);
     while (!rest.empty()) {
         std::uint8_t const step = octet();
@@ -73,7 +76,10 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
             engine.removeGroup(group);
             break;
         case 3:
-            step & 1 ? engine.linkDown(now) : engine.linkUp(now);
+            if (step & 2)
+                applySettings(octet());
+            else
+                step & 1 ? engine.linkDown(now) : engine.linkUp(now);
             break;
         default: {
             std::size_t const length = std::min<std::size_t>(octet(), rest.size());
