@@ -39,7 +39,7 @@ void handleSignal(int signal) {
 /// What goes wrong, if anything does.
 std::string failureOf(Steps const& run) {
     ::alarm(mostSeconds);
-    World world(run.at(0));
+    World world(Step(run.at(0)).with);
     std::string failure;
     try {
         world.play({run.begin() + 1, run.end()});

@@ -38,23 +38,7 @@ constexpr unsigned routerCount = 5, stationCount = 3;
 
 class World {
   public:
-    /// Begins with a step `world SEED ROBUSTNESS QUERY-SECONDS RESPONSE-TENTHS
-    /// STATIONS-ROBUSTNESS`.
-    explicit World(std::string const& step) : World(Step(step).with) {}
-
-    /// Throws what goes wrong. In the end it is quiet for as long as all takes to settle.
-    void play(Steps const& run) {
-        for (std::string const& text : run) {
-            Step const step(text);
-            doPass(step.after);
-            doStep(step);
-            doTurn();
-        }
-        doPass(3 * timing_.membershipInterval() + 400);
-    }
-    double seconds() const { return now_ - startSeconds; }
-
-  private:
+    /// Of a step `world SEED ROBUSTNESS QUERY-SECONDS RESPONSE-TENTHS STATIONS-ROBUSTNESS`.
     explicit World(std::array<unsigned, 5> const& with)
         : timing_{with[1], double(with[2]), with[3] / 10.0},
           bearable_(int(std::min(with[1], with[4])) - 1),
@@ -69,6 +53,19 @@ class World {
             });
     }
 
+    /// Throws what goes wrong. In the end it is quiet for as long as all takes to settle.
+    void play(Steps const& run) {
+        for (std::string const& text : run) {
+            Step const step(text);
+            doPass(step.after);
+            doStep(step);
+            doTurn();
+        }
+        doPass(3 * timing_.membershipInterval() + 400);
+    }
+    double seconds() const { return now_ - startSeconds; }
+
+  private:
     static constexpr double startSeconds = 1000;
     struct Fault { // of a packet about a group; zero for all
         double time;
@@ -81,7 +78,6 @@ class World {
     };
 
     Station& agent() { return stations_[0]; }
-    Station const& agent() const { return stations_[0]; }
 
     void doPass(double seconds) {
         for (double const end = now_ + seconds; now_ < end;) {
@@ -205,7 +201,7 @@ class World {
         }
     }
     /// By a router that knows all from `trusted` on.
-    void doCheckFlow(unsigned r, std::size_t f, double trusted) const {
+    void doCheckFlow(unsigned r, std::size_t f, double trusted) {
         Router const& router = routers_[r];
         IpAddr const group = agent().flows[f].group, source = agent().flows[f].source;
         bool const forwards = router.forwards(group, source);

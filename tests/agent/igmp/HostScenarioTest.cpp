@@ -35,9 +35,9 @@ Sources addresses(std::string const& word) {
     return range(first.c_str(), star == word.npos ? 1 : unsigned(std::stoul(&word[star + 1])));
 }
 
-/// Packets, their records in the order of the alphabet, and so the packets; addresses in full.
-Words packets(std::string const& text) {
-    Words all;
+/// The records of each packet, in any order, with addresses in full.
+std::multiset<std::set<std::string>> packets(std::string const& text) {
+    std::multiset<std::set<std::string>> all;
     for (std::string const& packet : parts(text, ';')) {
         std::set<std::string> records;
         for (std::string const& each : parts(packet, ',')) {
@@ -48,10 +48,8 @@ Words packets(std::string const& text) {
                     record += " " + address.stringValue();
             records.insert(record);
         }
-        all.emplace_back();
-        for (std::string const& record : records) all.back() += record + ", ";
+        all.insert(records);
     }
-    std::sort(all.begin(), all.end());
     return all;
 }
 
@@ -121,6 +119,22 @@ class HostScenarioTest : public HostEngineFixture,
     };
 
     void doEvent(Event const& event) {
+        std::map<std::string, std::function<void()>> const changes{
+            {"include", [&] { include(event.groups, event.sources); }},
+            {"exclude", [&] { exclude(event.groups, event.sources); }},
+            {"delete", [&] { engine->removeGroup(event.groups[0]); }},
+            {"link-down", [&] { engine->linkDown(now); }},
+            {"link-up", [&] { engine->linkUp(now); }},
+            {"leave-all", [&] { engine->leaveAll(now); }},
+            {"former-end", [&] { engine->formerEnd(now); }},
+            {"set", [&] { doSet(event.options); }},
+            {"restart", [&] { doRestart(); }},
+        };
+        auto const change = changes.find(event.verb);
+        change != changes.end() ? change->second() : doHear(event);
+    }
+
+    void doHear(Event const& event) {
         Lox::IpAddr const group = event.groups[0];
         unsigned long const robustness = std::stoul(event.option("qrv", "2"));
         std::map<std::string, Bytes> const messages{
@@ -133,8 +147,6 @@ class HostScenarioTest : public HostEngineFixture,
             {"v3-report", message(IgmpType::v3Report, group)},
             {"unknown", message(IgmpType(0x13), group)},
         };
-        auto const heard = messages.find(event.verb);
-        if (heard == messages.end()) return doChange(event);
         bool const query = event.verb.ends_with("-query");
         std::string const to = (query ? allSystems : group).stringValue();
         Envelope envelope;
@@ -142,46 +154,30 @@ class HostScenarioTest : public HostEngineFixture,
         envelope.destination = addresses(event.option("to", to))[0];
         envelope.ttl = std::uint8_t(std::stoul(event.option("ttl", "1")));
         if (event.option("alert", "1") == "0") envelope.options.clear();
-        hear(heard->second, envelope);
+        hear(messages.at(event.verb), envelope);
     }
 
-    void doChange(Event const& event) {
-        std::map<std::string, std::function<void()>> const verbs{
-            {"include", [&] { include(event.groups, event.sources); }},
-            {"exclude", [&] { exclude(event.groups, event.sources); }},
-            {"delete",
-             [&] {
-                 for (auto group : event.groups) engine->removeGroup(group);
-             }},
-            {"link-down", [&] { engine->linkDown(now); }},
-            {"link-up", [&] { engine->linkUp(now); }},
-            {"leave-all", [&] { engine->leaveAll(now); }},
-            {"former-end", [&] { engine->formerEnd(now); }},
-            {"set",
-             [&] {
-                 for (auto const& [name, value] : event.options) doSet(name, value);
-                 settingsApply();
-             }},
-            {"restart", [&] { doRestart(); }},
-        };
-        verbs.at(event.verb)();
-    }
-
-    void doSet(std::string const& name, std::string const& value) {
-        if (name == "address") return void(settings.address = ip(value.c_str()));
-        if (name == "also") return settings.localAddresses.push_back(ip(value.c_str()));
-        double const number = std::stod(value);
-        std::map<std::string, std::function<void()>> const names{
-            {"version", [&] { settings.version = unsigned(number); }},
-            {"interval", [&] { settings.unsolicitedReportInterval = number; }},
-            {"prefix", [&] { settings.prefixLength = unsigned(number); }},
-            {"mtu", [&] { settings.mtu = unsigned(number); }},
-            {"robustness", [&] { settings.robustness = unsigned(number); }},
-            {"alert", [&] { settings.requireRouterAlert = number != 0; }},
-            {"ssm-only", [&] { settings.ssmOnly = number != 0; }},
-            {"pace", [&] { settings.packetsPer100ms = unsigned(number); }},
-        };
-        names.at(name)();
+    void doSet(std::map<std::string, std::string> const& options) {
+        std::map<std::string, unsigned*> const numbers{{"version", &settings.version},
+                                                       {"prefix", &settings.prefixLength},
+                                                       {"mtu", &settings.mtu},
+                                                       {"robustness", &settings.robustness},
+                                                       {"pace", &settings.packetsPer100ms}};
+        for (auto const& [name, value] : options) {
+            if (name == "address")
+                settings.address = ip(value.c_str());
+            else if (name == "also")
+                settings.localAddresses.push_back(ip(value.c_str()));
+            else if (name == "interval")
+                settings.unsolicitedReportInterval = std::stod(value);
+            else if (name == "alert")
+                settings.requireRouterAlert = true;
+            else if (name == "ssm-only")
+                settings.ssmOnly = true;
+            else
+                *numbers.at(name) = unsigned(std::stoul(value));
+        }
+        settingsApply();
     }
 
     /// Another engine, told what this one holds.
