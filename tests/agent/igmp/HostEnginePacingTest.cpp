@@ -9,21 +9,6 @@ namespace {
 
 using HostEnginePacingTest = HostEngineFixture;
 
-TEST_F(HostEnginePacingTest, GeneralQueryIsAnsweredAtRandomWithinTheResponseTime) {
-    include({ip("239.1.1.1")}, range("10.0.0.11", 2));
-    settle();
-    unsigned quarters[4] = {};
-    for (unsigned i = 0; i < 100; ++i) {
-        hear(v3Query(255));
-        engine->flush(now);
-        double const seconds = 3174.4, part = (engine->nextExpiry() - now) / seconds;
-        ASSERT_LT(part, 1);
-        ++quarters[unsigned(4 * part)];
-        EXPECT_EQ(pass(seconds), "IS_IN 239.1.1.1 10.0.0.11 10.0.0.12");
-    }
-    for (unsigned quarter : quarters) EXPECT_GT(quarter, 10u);
-}
-
 TEST_F(HostEnginePacingTest, LeavingEndsWithinASecondHoweverManyGroups) {
     struct {
         unsigned told, spoken, groups;
@@ -94,13 +79,14 @@ TEST_F(HostEnginePacingTest, GeneralAnswerIsSpreadAndEndsInTime) {
         include(range("239.3.0.0", groups), range("10.1.0.0", sources));
         settle();
         limit(pace);
-        double latest = 0;
+        double earliest = 2, latest = 0;
         for (unsigned i = 0; i < 20; ++i) {
             taken();
             double end = now + 2;
             hear(v3Query(20));
             serve(10);
             double first = sent.front().time, last = sent.back().time;
+            earliest = std::min(earliest, first - (end - 2));
             latest = std::max(latest, first - (end - 2));
             EXPECT_GE(sent.size(), 100u);
             EXPECT_LE(last, end);
@@ -109,7 +95,7 @@ TEST_F(HostEnginePacingTest, GeneralAnswerIsSpreadAndEndsInTime) {
             for (std::size_t at = 1; at < sent.size(); ++at)
                 EXPECT_LT(sent[at].time - sent[at - 1].time, (end - first) / 40) << at;
         }
-        EXPECT_GT(latest, 0.1) << "at random";
+        EXPECT_GT(latest, earliest + 0.1) << "at random";
         for (Lox::IpAddr group : range("239.3.0.0", groups)) engine->removeGroup(group);
     }
 }

@@ -106,34 +106,5 @@ TEST(IgmpPacketTest, RouterAlertIsFoundAmongOtherOptions) {
     }
 }
 
-TEST(ReportBuilderTest, ReportsAreFilledAndRecordsSplitButForExcludeLists) {
-    std::string shape; // the number of sources of each record, "|" behind each packet
-    ReportBuilder report(ip("10.0.0.2"), 1500, [&](std::span<std::uint8_t const> packet) {
-        for (std::size_t at = 32; at < packet.size();) {
-            unsigned sources = packet[at + 2] * 256u + packet[at + 3];
-            shape += std::to_string(sources) + " ";
-            at += 8 + 4 * sources;
-        }
-        shape += "|";
-    });
-    struct Case {
-        RecordType type;
-        unsigned first, second; // sources of two records
-        char const* shape;
-    } const cases[] = {{RecordType::allow, 361, 2, "361 2 |"},
-                       {RecordType::allow, 361, 3, "361 |3 |"},
-                       {RecordType::block, 366, 0, "365 |1 0 |"},
-                       {RecordType::isIn, 731, 0, "365 |365 |1 0 |"},
-                       {RecordType::toIn, 365, 366, "365 |365 |1 |"},
-                       {RecordType::isEx, 366, 0, "365 |0 |"},
-                       {RecordType::toEx, 0, 1000, "0 |365 |"}};
-    for (Case const& c : cases) {
-        report.addRecords(recordsOf(c.type, range("10.0.0.1", c.first)));
-        report.addRecords(recordsOf(c.type, range("10.0.0.1", c.second)));
-        report.finish();
-        EXPECT_EQ(std::exchange(shape, ""), c.shape) << &c - cases;
-    }
-}
-
 } // namespace
 } // namespace Agent
