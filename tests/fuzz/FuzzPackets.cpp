@@ -1,7 +1,7 @@
 // Packets of any kind to a host engine, in any order and at any times, while groups come and go.
 // Each step is an octet that says what it is, one for the time that passes before it, and one for
-// the settings that it brings, or for a packet its length and its octets. The first settings stand
-// in front.
+// the settings that it brings, or for a packet the length of its payload and this, and up to three
+// octets of the packet that are others. The first settings stand in front.
 #include "agent/igmp/HostEngine.h"
 #include "agent/igmp/IgmpTestPackets.h"
 
@@ -83,9 +83,15 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
             break;
         default: {
             std::size_t const length = std::min<std::size_t>(octet(), rest.size());
-            std::vector<std::uint8_t> packet(rest.begin(), rest.begin() + std::ptrdiff_t(length));
+            Lox::IpAddr const to = step & 16 ? group : allSystems;
+            Bytes packet = packetOf({rest.begin(), rest.begin() + std::ptrdiff_t(length)},
+                                    {.source = sources[0], .destination = to});
             rest = rest.subspan(length);
-            if (step & 1) mendChecksums(packet);
+            for (unsigned others = step >> 5 & 3; others > 0; --others) {
+                std::size_t const at = octet() % packet.size();
+                packet[at] = octet();
+            }
+            if (step & 8) mendChecksums(packet);
             engine.received(now, packet);
         }
         }
