@@ -518,8 +518,9 @@ def main():
                     count["failed"] += 1
                     print(f"--only {fault}\n    " + result.replace("\n", "\n    "), flush=True)
                     continue
-                count.update(passed=1, struck=result["struck"], refused=bool(result["refusal"]))
-                if refusal := result["refusal"]:
+                refusal = result["refusal"]
+                count += collections.Counter(passed=1, struck=result["struck"], refused=refusal != "")
+                if refusal:
                     print(f"{fault} refuses the start: {refusal.splitlines()[-1]}", flush=True)
     finally:
         print(f"of {len(known)} faults {count['passed']} passed in {time.monotonic() - begun:.0f} s, "
