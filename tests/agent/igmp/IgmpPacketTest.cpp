@@ -30,7 +30,7 @@ TEST(IgmpPacketTest, PacketsSentHaveTheseBytes) {
     Bytes sent;
     ReportBuilder report(ip("10.0.0.2"), 1500,
                          [&](auto packet) { sent.assign(packet.begin(), packet.end()); });
-    report.addRecords(recordsOf(RecordType::block, range("192.0.2.9", 9)));
+    report.addRecords(recordsOf(RecordType::block, range("192.168.2.9", 9)));
     report.finish(); // of whose octets nothing may be left
     report.addRecords(recordsOf(RecordType::allow, range("192.0.2.1", 2)));
     report.addRecords(recordsOf(RecordType::toEx, {}));
