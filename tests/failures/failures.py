@@ -408,9 +408,9 @@ class Scenario:
 
     def end(self):
         end = time.time()
-        self.ask("stop")
-        if self.process.poll() is None:
-            self.ask("stop")
+        for _ in range(1 + self.refusals):  # it may be cut off, too
+            if self.ask("stop").returncode == 0 or self.process.poll() is not None:
+                break
         if (status := self.process.wait(RECOVERY_SECONDS)) != 0:
             raise net.Failure(f"it ends with status {status}:\n{self.output()}")
         if self.place == "worker":
