@@ -29,13 +29,13 @@ struct Life : Play {
         allIntfStatusLocalDir = other.allIntfStatusLocalDir;
         for (auto const& item : other.addresses.walk())
             addressOf(item.key.stringValue(), item.value.stringValue());
-        for (auto const& item : other.kniTables.walk())
-            *kniTables.findOrInsert(item.key).first = item.value;
+        kniTables_ = other.kniTables_;
         attached = other.attached;
         for (auto const& item : config->intfConfig()) item.value->aclListDelAll();
         start();
         for (auto const& item : other.allVrfStatusLocal->vrf())
-            World::vrf(item.key.stringValue(), item.value->networkNamespace().stringValue());
+            doEvents("vrf " + item.key.stringValue() + " " +
+                     item.value->networkNamespace().stringValue());
         pass(3);
     }
 
@@ -222,7 +222,7 @@ std::string differences(Lines const& actual, Lines const& expected) {
 }
 
 /// Disturbs at one notification of the records that the library writes.
-Nex::Ptr<Disturber> disturb(World const& world, unsigned at, std::function<void()> happen) {
+Nex::Ptr<Disturber> disturb(Play const& world, unsigned at, std::function<void()> happen) {
     auto const disturber = Nex::newObject<Disturber>(at, std::move(happen));
     disturber->follow(world.status.get());
     disturber->follow(world.hostDir.get());

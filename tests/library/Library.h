@@ -21,26 +21,6 @@ inline Lox::IntfId const up1("up1");
 inline Lox::IpAddr const groupG = ip("239.1.1.1");
 inline Lox::IpAddr const sourceS = ip("10.0.0.1");
 
-/// The library's text trace while it lives: "LEVEL TEXT" for each line up to a level.
-class TraceLog final : public Nex::TraceSink {
-  public:
-    explicit TraceLog(unsigned level) {
-        traceHandle.levelIs(level);
-        Nex::TraceHandle::sinkIs(this);
-    }
-    ~TraceLog() {
-        traceHandle.levelIs(0);
-        Nex::TraceHandle::sinkIs(nullptr);
-    }
-    void onTrace(Nex::TraceHandle const&, unsigned level, std::string const& text) override {
-        lines_.push_back(std::to_string(level) + " " + text);
-    }
-    Lines take() { return std::exchange(lines_, {}); }
-
-  private:
-    Lines lines_;
-};
-
 /// A record with all below it, one line for each value, in an order that does not depend on how
 /// the record came about. Change stamps do, and are left out.
 class Dump {
@@ -84,59 +64,6 @@ class Dump {
 
     std::string prefix_;
     Lines& lines_;
-};
-
-/// A platform whose kernel tables can be filled before anybody mounts them.
-struct World : Support::InProcessPlatform {
-    World() {
-        entityManager->factoryIs("KernelNetInfo::Status",
-                                 [this](Nex::String const& path) { return kniTable(path); });
-    }
-    Nex::Ptr<KernelNetInfo::Status> kniTable(Nex::String const& path) {
-        auto& table = *kniTables.findOrInsert(path).first;
-        if (!table) table = KernelNetInfo::Status::StatusIs(path);
-        return table;
-    }
-    void kernelDevice(std::string const& device, std::uint32_t ifIndex,
-                      std::string const& ns = "default") {
-        kniTable("kni/ns/" + ns + "/status")
-            ->interfaceIs(KernelNetInfo::InterfaceKey(ifIndex), {ifIndex, device, macOf(ifIndex)});
-    }
-    void vrf(std::string const& name, std::string const& ns) {
-        allVrfStatusLocal->vrfIs(L3::VrfName(name))->networkNamespaceIs(Lox::NamespaceName(ns));
-    }
-    /// Everything that a usable interface has. The VRF "default" lies in the namespace of that
-    /// name, any other in "ns-" and its name.
-    void usableIntf(std::string const& intf, std::uint32_t ifIndex,
-                    std::string const& vrfName = "default") {
-        std::string const ns = vrfName == "default" ? vrfName : "ns-" + vrfName;
-        vrfOfIntf(intf, vrfName);
-        addressOf(intf, "192.0.2." + std::to_string(ifIndex));
-        kernelDevice(intf, ifIndex, ns);
-        listIntf(intf, ns);
-    }
-    /// Moves the time on, firing all timers on the way at their times.
-    void pass(double seconds) {
-        double const end = time.now() + seconds;
-        for (;;) {
-            double const next = std::min(clock->nextExpiry(), timerWheel->nextExpiry());
-            if (next > end) break;
-            time.nowIs(std::max(next, time.now()));
-            clock->timeIs(time.now());
-            timerWheel->timeIs(time.now());
-        }
-        time.nowIs(end);
-    }
-    /// The whole state that the library writes.
-    Lines dump() const {
-        Lines lines = Dump::of(*status);
-        Lines const hosts = Dump::of(*hostDir);
-        lines.insert(lines.end(), hosts.begin(), hosts.end());
-        return lines;
-    }
-
-    Nex::ManualTime time{100};
-    Nex::Map<Nex::String, Nex::Ptr<KernelNetInfo::Status>> kniTables;
 };
 
 /// Writes a source into one of an entry's lists, or takes it out.

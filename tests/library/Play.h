@@ -9,10 +9,9 @@
 #include "Library.h"
 #include "support/Scenario.h"
 
+#include <list>
 #include <map>
-#include <memory>
 #include <numeric>
-#include <optional>
 
 namespace IgmpHostProxy {
 
@@ -32,14 +31,20 @@ inline std::string joined(Words const& all, char const* between) {
     return text;
 }
 
-/// The world of one scenario. What an event does not name is about interface up0.
-class Play : public World {
+/// A platform whose time is moved by hand and whose kernel tables can be filled before anybody
+/// mounts them. What an event does not name is about interface up0.
+class Play : public Support::InProcessPlatform, Nex::TraceSink {
   public:
     Play() {
+        Nex::TraceHandle::sinkIs(this);
         entityManager->factoryIs("KernelNetInfo::Status", [this](Nex::String const& path) {
             if (path == pathOf(refused_)) throw Nex::RangeException(path);
             return kniTable(path);
         });
+    }
+    ~Play() {
+        traceHandle.levelIs(0);
+        Nex::TraceHandle::sinkIs(nullptr);
     }
     void doEvents(std::string const& text) {
         for (auto const& event : parts(text, ';'))
@@ -48,35 +53,45 @@ class Play : public World {
                 doEvent(a);
             }
     }
-    /// A turn of a scenario, traced. What it throws is a fact.
+    /// A turn of a scenario. What it throws is a fact.
     void doTurn(std::string const& events) {
-        if (!trace_) trace_.emplace(3);
-        trace_->take();
+        traced_.clear();
         stamps_ = stamps();
         thrown_ = "nothing";
+        std::size_t const colon = events.find(": ");
         try {
             if (events.starts_with("when"))
-                doWhen(words(events.substr(0, events.find(": "))),
-                       events.substr(events.find(": ") + 1));
+                doWhen(parts(events.substr(0, colon), '='), events.substr(colon + 1));
             else
                 doEvents(events);
         } catch (std::exception const& error) {
             thrown_ = error.what();
         }
-        traced_ = trace_->take();
-        for (std::string& line : traced_) {
-            line.erase(line.find_last_not_of(' ') + 1);
-            for (auto const& [name, table] : tables_) doName(line, table.get(), name);
-            if (!root || !root->igmpHostProxyIntfSm(up0)) continue;
-            for (auto const& item : machine().igmpHostProxyAclHelper())
-                doName(line, item.value.get(), item.key);
-        }
     }
+    /// Moves the time on, firing all timers on the way at their times.
+    void pass(double seconds) {
+        double const end = time.now() + seconds;
+        for (;;) {
+            double const next = std::min(clock->nextExpiry(), timerWheel->nextExpiry());
+            if (next > end) break;
+            time.nowIs(std::max(next, time.now()));
+            clock->timeIs(time.now());
+            timerWheel->timeIs(time.now());
+        }
+        time.nowIs(end);
+    }
+    /// The whole state that the library writes.
+    Lines dump() const {
+        Lines lines = Dump::of(*status);
+        Lines const hosts = Dump::of(*hostDir);
+        lines.insert(lines.end(), hosts.begin(), hosts.end());
+        return lines;
+    }
+    /// In the last turn, "LEVEL TEXT" for each line.
     Lines const& traced() const { return traced_; }
     /// Whether something is to happen still inside a notification.
     bool waits() const {
-        return std::any_of(nested_.begin(), nested_.end(),
-                           [](auto const& nested) { return !nested->happened; });
+        return !std::all_of(nested_.begin(), nested_.end(), std::mem_fn(&Nested::happened));
     }
 
   protected:
@@ -115,7 +130,8 @@ class Play : public World {
                 dotted ? ip(split[1]).host() : std::uint32_t(~0ull << (32 - number(split[1])))};
     }
     /// "-" is the empty name.
-    static std::string orDefault(std::string const& name, char const* otherwise = "default") {
+    static std::string orDefault(std::string const& name,
+                                 std::string const& otherwise = "default") {
         return name.empty() ? otherwise : name == "-" ? "" : name;
     }
     static std::string seconds(double time) {
@@ -124,10 +140,11 @@ class Play : public World {
         return text.str();
     }
 
-    /// What is to happen inside a notification, once or each time.
+    /// What is to happen inside a notification.
     struct Nested {
         std::string last; ///< what the fact was that is waited for
-        bool again, happened = false;
+        bool happened = false;
+        Nex::Ptr<Disturber> watch = nullptr;
     };
 
     /// The record of that name, made when there is none.
@@ -138,7 +155,27 @@ class Play : public World {
         return record ? record : record = make();
     }
 
+    void onTrace(Nex::TraceHandle const&, unsigned level, std::string const& text) override {
+        std::string& line = traced_.emplace_back(std::to_string(level) + " " + text);
+        line.erase(line.find_last_not_of(' ') + 1);
+        for (auto const& [name, table] : tables_) doName(line, table.get(), name);
+        if (!root || !root->igmpHostProxyIntfSm(up0)) return;
+        for (auto const& item : machine().igmpHostProxyAclHelper())
+            doName(line, item.value.get(), item.key);
+    }
     static std::string pathOf(std::string const& ns) { return "kni/ns/" + ns + "/status"; }
+    Nex::Ptr<KernelNetInfo::Status> kniTable(Nex::String const& path) {
+        return named(kniTables_, path, [&] { return KernelNetInfo::Status::StatusIs(path); });
+    }
+    /// Everything that a usable interface has. The VRF "default" lies in the namespace of that
+    /// name, any other in "ns-" and its name.
+    void doIntf(std::string const& intf, std::string const& index, std::string const& vrf) {
+        std::string const ns = vrf == "default" ? vrf : "ns-" + vrf;
+        vrfOfIntf(intf, vrf);
+        addressOf(intf, "192.0.2." + index);
+        doDevice({"", intf, index, ns, "", ""});
+        listIntf(intf, ns);
+    }
     static void doName(std::string& line, void const* object, std::string const& name) {
         std::string const address = Nex::textOf(object);
         if (auto const at = line.find(address); at != line.npos)
@@ -218,19 +255,16 @@ class Play : public World {
         {"end", [&](W) { root = nullptr; }},
         {"configure", [&](W a) { config->intfConfigIs(intfOf(a)); }},
         {"unconfigure", [&](W a) { config->intfConfigDel(intfOf(a)); }},
-        {"intf", [&](W a) { usableIntf(a[1], number(a[2]), orDefault(a[3])); }},
+        {"intf", [&](W a) { doIntf(a[1], a[2], orDefault(a[3])); }},
         {"in-vrf", [&](W a) { vrfOfIntf(intfOf(a).stringValue(), a[2]); }},
         {"in-no-vrf", [&](W a) { ipStatus->ipIntfStatusIs(intfOf(a)); }},
         {"list-intf", [&](W a) { listIntf(a[1], orDefault(a[2])); }},
         {"delist-intf", [&](W a) { delistIntf(a[1]); }},
-        {"device", [&](W a) { kernelDevice(a[1], number(a[2]), orDefault(a[3])); }},
+        {"device", [&](W a) { doDevice(a); }},
         {"address", [&](W a) { addressOf(a[1], a[2]); }},
         {"tables", [&](W a) { tables(orDefault(a[1])); }},
         {"no-tables", [&](W a) { mfibDir->keshCollDel(vrfOf(a)); }},
-        {"decide",
-         [&](W a) {
-             if (root) root->handleIntfConfig(intfOf(a));
-         }},
+        {"decide", [&](W a) { root ? root->handleIntfConfig(intfOf(a)) : void(); }},
         {"decide-all", [&](W) { root->handleIntfConfig(); }},
         {"decide-tables", [&](W) { root->handleMfibKesh(); }},
         {"take-down", [&](W a) { root->deleteIntfSm(intfOf(a)); }},
@@ -238,11 +272,14 @@ class Play : public World {
         {"version", [&](W a) { configOf("")->igmpVersionIs(IgmpVersion(number(a[1]))); }},
         {"interval", [&](W a) { configOf("")->unsolicitedReportIntvlIs(interval(a[1])); }},
         // VRFs
-        {"vrf", [&](W a) { World::vrf(vrfOf(a).stringValue(), a[2]); }},
+        {"vrf",
+         [&](W a) {
+             Lox::NamespaceName const ns(a[2]);
+             allVrfStatusLocal->vrfIs(vrfOf(a))->networkNamespaceIs(ns);
+         }},
         {"no-vrf", [&](W a) { allVrfStatusLocal->vrfDel(vrfOf(a)); }},
         {"mount", [&](W a) { entityManager->doMount(pathOf(a[1]), "KernelNetInfo::Status", 3); }},
         {"refuse-mount", [&](W a) { refused_ = a[1]; }},
-        {"kernel", [&](W a) { doKernel(a); }},
         {"copy-mac", [&](W a) { root->getIntfEthAddr(vrfOf(a), number(a[2])); }},
         {"hold-directory", [&](W a) { directories_[a[2]] = view(a[1])->deviceIntfStatusDir(); }},
         {"directory", [&](W a) { view(a[1])->deviceIntfStatusDirIs(directoryOf(a[2])); }},
@@ -305,7 +342,7 @@ class Play : public World {
         {"hold", [&](W a) { held_ = entryIs(a[1][0], groupG); }},
         {"deny", [&](W a) { written().denyMrouteIs(a[1] == "on"); }},
         {"throw", [&](W) { throw Nex::Exception("from a callback"); }},
-        {"ignore", [&](W) { watches_.clear(); }},
+        {"ignore", [&](W) { nested_.clear(); }},
         // Routes
         {"vrf-of-tables", [&](W a) { vrfOfTables_ = a[1]; }},
         {"table", [&](W a) { doTable(a[1], a[2].empty() ? a[1] : a[2]); }},
@@ -346,10 +383,12 @@ class Play : public World {
     }
 
     // Events of more than a line
-    void doKernel(Words const& a) {
-        kniTable(pathOf(a[1]))
-            ->interfaceIs(KernelNetInfo::InterfaceKey(number(a[2])),
-                          {number(a[3]), a[4], macOf(number(a[5]))});
+    /// Which may name another index than its own, and have another address.
+    void doDevice(Words const& a) {
+        auto const index = number(a[2]), mac = number(orDefault(a[5], a[2]));
+        kniTable(pathOf(orDefault(a[3])))
+            ->interfaceIs(KernelNetInfo::InterfaceKey(index),
+                          {number(orDefault(a[4], a[2])), a[1], macOf(mac)});
     }
     void doEntry(Words const& a) {
         auto const directory = directoryOf(a[1]);
@@ -396,28 +435,23 @@ class Play : public World {
         }
     }
 
-    void doWhen(Words const& head, std::string const& events) {
-        auto const equals = std::find(head.begin(), head.end(), "=");
-        Words const about(head.begin() + 1, equals);
-        std::string const awaited =
-            equals == head.end() ? "" : joined({equals + 1, head.end()}, " ");
-        auto const nested = std::make_shared<Nested>(Nested{fact(about), head[0] == "whenever"});
-        auto const hear = [=, this] {
-            if (nested->happened && !nested->again) return;
-            std::string const is = fact(about), was = std::exchange(nested->last, is);
-            if (is == was || (!awaited.empty() && is != awaited)) return;
-            nested->happened = true;
+    /// "when FACT", and what it is to come to, if that matters.
+    void doWhen(Words const& sides, std::string const& events) {
+        Words about = words(sides[0]);
+        bool const once = about[0] == "when";
+        about.erase(about.begin());
+        Nested& nested = nested_.emplace_back(fact(about));
+        auto const hear = [=, this, &nested] {
+            if (once && nested.happened) return;
+            std::string const is = fact(about), was = std::exchange(nested.last, is);
+            if (is == was || (sides.size() > 1 && is != sides[1])) return;
+            nested.happened = true;
             doEvents(events);
         };
-        auto const watch = Nex::newObject<Disturber>(Disturber::always, hear);
-        if (about[0] == "mounted")
-            watch->follow(entityManager.get());
-        else if (about[0] == "record" || about[0] == "raised")
-            watch->follow(hostDir.get());
-        else
-            watch->follow(status.get());
-        watches_.push_back(watch);
-        nested_.push_back(nested);
+        nested.watch = Nex::newObject<Disturber>(Disturber::always, hear);
+        nested.watch->follow(entityManager.get());
+        nested.watch->follow(hostDir.get());
+        nested.watch->follow(status.get());
     }
 
     // Facts
@@ -604,6 +638,8 @@ class Play : public World {
         return record;
     }
 
+    Nex::ManualTime time{100};
+    std::map<std::string, Nex::Ptr<KernelNetInfo::Status>> kniTables_;
     std::map<std::string, Nex::Ptr<IntfConfig>> configs_;
     std::map<std::string, Nex::Ptr<IntfStatus>> statuses_;
     std::map<std::string, Nex::Ptr<Acl::AclSubConfig>> versions_;
@@ -614,10 +650,8 @@ class Play : public World {
     std::string refused_; ///< the namespace whose table can't be mounted
     Nex::Ptr<GroupSource> held_;
     Nex::Ptr<Igmp::IgmpHostStatus> counts_; ///< null for the world's
-    std::vector<Nex::Ptr<Disturber>> watches_;
-    std::vector<std::shared_ptr<Nested>> nested_;
-    std::optional<TraceLog> trace_;
-    Lines traced_; ///< in the last turn
+    std::list<Nested> nested_;
+    Lines traced_;
     std::string thrown_;
     std::map<std::string, std::uint32_t> stamps_;
 };

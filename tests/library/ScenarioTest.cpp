@@ -72,6 +72,7 @@ std::vector<Script> scripts(Script const& lines) {
 /// Plays all and checks the facts. What the library has written in the end.
 Lines play(Script const& script) {
     Play play;
+    play.doEvents("trace 3");
     for (auto line = script.begin(); line != script.end();) {
         Line const turn = *line++;
         auto const fail = [&](std::string const& is) {
