@@ -2,6 +2,8 @@
 // inputs that are null.
 #include "Play.h"
 
+#include <typeindex>
+
 namespace IgmpHostProxy {
 namespace {
 
@@ -10,34 +12,20 @@ struct Machines : ::testing::Test, Play {
     Machines() { doEvents("start; tables; intf up0 2; configure up0"); }
 };
 
-template <class Error, class F>
-std::string errorOf(F provoke) {
-    try {
-        provoke();
-    } catch (Error const& error) {
-        return error.what();
-    }
-    return "no error";
-}
-
 TEST_F(Machines, ErrorsTellTheWholeStory) {
-    Nex::Ptr<IntfStatus> const status = intfStatus("up0"), other = IntfStatus::IntfStatusIs(up0);
-    std::string const reinstantiating =
-        "Reinstantiating the pointer interface where constructor parameter attribute _";
-    auto const bind = [&](auto record, auto host, auto source) {
-        root->igmpHostIntfSmIs(up0, record, host, binding().igmpHostStatus(), source);
-    };
-    EXPECT_EQ(errorOf<Nex::NameInUseException>(
-                  [&] { bind(other, binding().igmpHost(), binding().srcIntfIhpIntf()); }),
-              reinstantiating + "intfStatus has a different value of " + Nex::textOf(status) +
-                  ", " + Nex::textOf(other));
-    EXPECT_EQ(errorOf<Nex::NameInUseException>([&] {
-                  bind(status, binding().igmpHost(), Ip::SourceIntf::SourceIntf::SourceIntfIs(up1));
-              }).find(reinstantiating + "srcIntfIhpIntf has a different value of "),
-              0u);
-    EXPECT_EQ(errorOf<Nex::RangeException>([&] { binding().groupSourceListStatusIs(nullptr); }),
-              "null _groupSourceListStatus parameter to mutator for "
-              "IgmpHostProxy::IgmpHostIntfSm::groupSourceListStatus not allowed\"");
+    Nex::Ptr<Ip::SourceIntf::SourceIntf> const other =
+        Ip::SourceIntf::SourceIntf::SourceIntfIs(up0);
+    attempt([&] {
+        root->igmpHostIntfSmIs(up0, intfStatus("up0"), host("up0"), binding().igmpHostStatus(),
+                               other);
+    });
+    EXPECT_EQ(thrown_, "Reinstantiating the pointer interface where constructor parameter "
+                       "attribute _srcIntfIhpIntf has a different value of " +
+                           Nex::textOf(binding().srcIntfIhpIntf()) + ", " + Nex::textOf(other));
+    EXPECT_THROW(binding().groupSourceListStatusIs(nullptr), Nex::RangeException);
+    attempt([&] { binding().groupSourceListStatusIs(nullptr); });
+    EXPECT_EQ(thrown_, "null _groupSourceListStatus parameter to mutator for "
+                       "IgmpHostProxy::IgmpHostIntfSm::groupSourceListStatus not allowed\"");
 }
 
 /// The machines in the order in which they were destroyed.
@@ -45,15 +33,13 @@ struct Destructions : Nex::DestructionObserver {
     Destructions() { Nex::PtrInterface::destructionObserverIs(this); }
     ~Destructions() { Nex::PtrInterface::destructionObserverIs(nullptr); }
     void onDestruction(Nex::PtrInterface const& object) override {
-        note<IgmpHostProxySm>(object, "root");
-        note<KernelVrfIntfStatus>(object, "view");
-        note<Interface::NetNsIntfStatusManagerRoot>(object, "manager root");
-        note<IgmpHostProxyIntfSm>(object, "proxy machine");
-        note<IgmpHostIntfSm>(object, "binding");
-    }
-    template <class T>
-    void note(Nex::PtrInterface const& object, char const* what) {
-        if (dynamic_cast<T const*>(&object)) lines.push_back(what);
+        static std::map<std::type_index, char const*> const names{
+            {typeid(IgmpHostProxySm), "root"},
+            {typeid(KernelVrfIntfStatus), "view"},
+            {typeid(Interface::NetNsIntfStatusManagerRoot), "manager root"},
+            {typeid(IgmpHostProxyIntfSm), "proxy machine"},
+            {typeid(IgmpHostIntfSm), "binding"}};
+        if (names.contains(typeid(object))) lines.push_back(names.at(typeid(object)));
     }
     Lines lines;
 };

@@ -11,7 +11,6 @@
 
 #include <list>
 #include <map>
-#include <numeric>
 
 namespace IgmpHostProxy {
 
@@ -57,13 +56,18 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
     void doTurn(std::string const& events) {
         traced_.clear();
         stamps_ = stamps();
-        thrown_ = "nothing";
         std::size_t const colon = events.find(": ");
-        try {
+        attempt([&] {
             if (events.starts_with("when"))
                 doWhen(parts(events.substr(0, colon), '='), events.substr(colon + 1));
             else
                 doEvents(events);
+        });
+    }
+    void attempt(std::function<void()> const& act) {
+        thrown_ = "nothing";
+        try {
+            act();
         } catch (std::exception const& error) {
             thrown_ = error.what();
         }
@@ -341,7 +345,7 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
         {"look-at-groups", [&](W) { machine().handleGroupList(); }},
         {"hold", [&](W a) { held_ = entryIs(a[1][0], groupG); }},
         {"deny", [&](W a) { written().denyMrouteIs(a[1] == "on"); }},
-        {"throw", [&](W) { throw Nex::Exception("from a callback"); }},
+        {"throw", [&](W) { throw Nex::Exception("by us"); }},
         {"ignore", [&](W) { nested_.clear(); }},
         // Routes
         {"vrf-of-tables", [&](W a) { vrfOfTables_ = a[1]; }},
@@ -368,7 +372,7 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
          }},
         {"quantum", [&](W a) { machine().reviewQuantumIs(std::stod(a[1])); }},
         {"step", [&](W a) { time.stepSecondsIs(std::stod(a[1])); }},
-        {"to-next", [&](W) { pass(clock->nextExpiry() - time.now()); }},
+        {"to-next", [&](W a) { toNext(number(orDefault(a[1], "1"))); }},
         {"trace", [&](W a) { traceHandle.levelIs(number(a[1])); }},
     };
 
@@ -383,6 +387,12 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
     }
 
     // Events of more than a line
+    /// To the next review, so many times; what the last throws is told.
+    void toNext(unsigned times) {
+        auto const next = [&] { pass(clock->nextExpiry() - time.now()); };
+        for (; times > 1; --times) attempt(next);
+        next();
+    }
     /// Which may name another index than its own, and have another address.
     void doDevice(Words const& a) {
         auto const index = number(a[2]), mac = number(orDefault(a[5], a[2]));
@@ -476,16 +486,18 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
         return groups ? groups->groupSourceList(group) : nullptr;
     }
     std::string group(Lox::IpAddr group) const {
-        std::string text = textOf(entryOf(intfStatus("up0"), group));
-        if (!root || !root->igmpHostProxyIntfSm(up0)) return text;
-        std::vector<Lox::IpAddr> sources;
-        auto const& counter = machine().groupSourceRefCounter();
-        counter.forSources(group, [&](Lox::IpAddr source) { sources.push_back(source); });
-        std::sort(sources.begin(), sources.end());
-        for (auto const source : sources)
+        std::string const text = textOf(entryOf(intfStatus("up0"), group));
+        return root && root->igmpHostProxyIntfSm(up0) ? text + countsOf(machine(), group) : text;
+    }
+    static std::string countsOf(IgmpHostProxyIntfSm const& machine, Lox::IpAddr group) {
+        Lines counts;
+        auto const& counter = machine.groupSourceRefCounter();
+        counter.forSources(group, [&](Lox::IpAddr source) {
             if (auto const count = counter.count({source, group}))
-                text += " " + nameOf(source) + ":" + std::to_string(count);
-        return text;
+                counts.push_back(" " + nameOf(source) + ":" + std::to_string(count));
+        });
+        std::sort(counts.begin(), counts.end());
+        return joined(counts, "");
     }
     std::string record(Lox::IpAddr group) const {
         auto const* const record = host("up0")->v3group(group);
@@ -497,7 +509,7 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
         for (auto const& item : record->source()->sourceIp())
             sources.push_back(" " + nameOf(item.key) + (item.value == 0 ? ":0" : ""));
         std::sort(sources.begin(), sources.end());
-        return std::accumulate(sources.begin(), sources.end(), text);
+        return text + joined(sources, "");
     }
     /// The change stamps of up0's host entity and its records.
     std::map<std::string, std::uint32_t> stamps() const {
