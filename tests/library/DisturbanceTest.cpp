@@ -45,9 +45,6 @@ struct Life : Play {
             if (a[0] == "attach") attached.push_back(a[1]);
             for (auto const& item : hostDir->igmpHost())
                 doAttach(Lox::IntfId(item.key), a[1], a[0] == "attach");
-        } else if (a[0] == "attach-all") {
-            if (host("up0"))
-                for (auto const& list : std::vector(attached)) doAttach(up0, list, true);
         } else if (a[0] == "renew-host-status") {
             // Bound anew, a host has the address of the interface that was set up last.
             if (root && root->srcIntfIhpIntf() && root->srcIntfIhpIntf()->intfId() != up0) return;
@@ -201,7 +198,7 @@ Change const changes[] = {
     {"the host agent starts anew", "renew-host-status", ""},
     {"the root goes", "end", ""},
     {"the interface leaves the configuration", "unconfigure up0",
-     "configure up0; +i1 g1; attach-all"},
+     "configure up0; +i1 g1; attach iptv; attach news"},
     {"the interface is looked at anew", "decide up0", ""},
     {"the settings change", "version 2", "version 3"},
 };

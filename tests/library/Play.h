@@ -102,7 +102,7 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
     using W = Words const&; ///< an event
     using Table = Kesh::Multicast::Fib::Status;
     using Directory = Interface::DeviceIntfStatusDir;
-    using SourceIntf = Ip::SourceIntf::SourceIntf;
+    using Counters = Igmp::IgmpHostStatus;
 
     // Words
     static Lox::IpAddr address(std::string const& word) {
@@ -217,10 +217,10 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
         return named(directories_, name, [&] { return Directory::DeviceIntfStatusDirIs(name); });
     }
 
-    /// "[c|d|s|h|m][+|-][[i|e]SOURCES] [GROUPS]": what comes or goes in the groups that are
-    /// configured, listed as deleted, or announced; in the entry that is held; in the machine's
-    /// counts. Without sources the group itself does. "+i1" is "c+i1", and "-i1" takes a source
-    /// back as the writer of the configuration does.
+    /// "[c|d|s|m][+|-][[i|e]SOURCES] [GROUPS]": what comes or goes in the groups that are
+    /// configured, listed as deleted, or announced; in the machine's counts. Without sources the
+    /// group itself does. "+i1" is "c+i1", and "-i1" takes a source back as the writer of the
+    /// configuration does.
     void doSources(char where, bool add, std::string const& sources, std::string const& groups) {
         auto const written = configOf(config_);
         for (auto const group : allOf(groups.empty() ? "g1" : groups)) {
@@ -247,8 +247,7 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
         }
     }
     Nex::Ptr<GroupSource> entryIs(char where, Lox::IpAddr group) {
-        return where == 'h'   ? held_
-               : where == 's' ? statusOf(status_)->groupSourceListIs(group)
+        return where == 's'   ? statusOf(status_)->groupSourceListIs(group)
                : where == 'd' ? configOf(config_)->deletedGroupSourceListIs(group)
                               : configOf(config_)->groupSourceListIs(group);
     }
@@ -298,22 +297,15 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
         {"bind", [&](W a) { root->createOrDeleteIgmpHostIntfSm(a[1]); }},
         {"bind-all", [&](W) { root->createOrDeleteIgmpHostIntfSm(); }},
         {"unbind", [&](W a) { root->igmpHostIntfSmDel(intfOf(a)); }},
-        {"counter", [&](W a) { doCounter(a[1], number(a[2])); }},
-        {"new-counters", [&](W) { counts_ = Igmp::IgmpHostStatus::IgmpHostStatusIs("up0"); }},
-        {"watch-counters", [&](W) { binding().igmpHostStatusIs(counts_); }},
+        {"counter", [&](W a) { doCounter(hostStatusDir->igmpHostStatus("up0"), a); }},
+        {"watch-counter", [&](W a) { binding().igmpHostStatusIs(doCounter(newCounters(), a)); }},
         {"reset-counters", [&](W) { binding().resetPacketCounters(); }},
         {"show-reports", [&](W) { binding().handleIgmpHostV3ReportsSent(); }},
         {"new-binding", [&](W) { binding().initializedIs(false); }},
         {"start-binding", [&](W) { binding().handleNew(); }},
-        {"new-source", [&](W) { binding().srcIntfIhpIntfIs(SourceIntf::SourceIntfIs(up0)); }},
-        {"take-address", [&](W) { binding().handleIpAddrChange(); }},
         {"copy-address", [&](W) { binding().handleIntfEthAddr(); }},
         {"list-groups", [&](W a) { binding().handleGroupList(address(a[1])); }},
-        {"source-address", [&](W a) { binding().srcIntfIhpIntf()->ipAddrIs(ip(a[1])); }},
         {"bind-status", [&](W a) { binding().intfStatusIs(statusOf(a[1])); }},
-        {"status-version", [&](W a) { written().igmpVersionIs(IgmpVersion(number(a[1]))); }},
-        {"status-interval", [&](W a) { written().unsolicitedReportIntvlIs(interval(a[1])); }},
-        {"status-mac", [&](W a) { written().macAddrIs(macOf(number(a[1]))); }},
         {"status-device", [&](W a) { written().deviceNameIs(a[1]); }},
         {"record-source", [&](W a) { doRecordSource(a); }},
         {"no-record-sources", [&](W) { host("up0")->v3group(groupG)->sourceListIs(nullptr); }},
@@ -330,37 +322,28 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
         {"new-rules", [&](W a) { versions_[a[1]] = Acl::AclSubConfig::AclSubConfigIs(a[1]); }},
         {"force", [&](W a) { doForce(a); }},
         {"apply", [&](W a) { helper(a[1])->handleRule(Acl::UniqueId(number(a[2]))); }},
-        {"purge", [&](W a) { helper(a[1])->purgeCachedRules(); }},
         {"purge-nothing", [&](W a) { helper(a[1])->purgeCachedRule(Acl::IpRuleConfig()); }},
         {"new-lists", [&](W) { aclConfig = Acl::AclTypeConfig::AclTypeConfigIs(); }},
-        {"watch-lists", [&](W) { machine().ipAclConfigIs(constant(aclConfig)); }},
+        {"watch-lists", [&](W) { machine().ipAclConfigIs(aclConfig); }},
         // Counts and records
         {"count", [&](W a) { machine().groupSourceRefCounterIs(pair(a), number(a[3])); }},
         {"no-count", [&](W a) { machine().groupSourceRefCounterDel(pair(a)); }},
         {"no-counts", [&](W) { machine().groupSourceRefCounterDelAll(); }},
         {"config", [&](W a) { config_ = a[1]; }},
         {"status", [&](W a) { status_ = a[1]; }},
-        {"watch-config", [&](W a) { machine().intfConfigIs(constant(configOf(a[1]))); }},
+        {"watch-config", [&](W a) { machine().intfConfigIs(configOf(a[1])); }},
         {"watch-status", [&](W a) { machine().intfStatusIs(statusOf(a[1])); }},
         {"look-at-groups", [&](W) { machine().handleGroupList(); }},
-        {"hold", [&](W a) { held_ = entryIs(a[1][0], groupG); }},
         {"deny", [&](W a) { written().denyMrouteIs(a[1] == "on"); }},
         {"throw", [&](W) { throw Nex::Exception("by us"); }},
-        {"ignore", [&](W) { nested_.clear(); }},
         // Routes
         {"vrf-of-tables", [&](W a) { vrfOfTables_ = a[1]; }},
         {"table", [&](W a) { doTable(a[1], a[2].empty() ? a[1] : a[2]); }},
         {"table-to-come", [&](W a) { collection()->keshPtrIs(tableOf(a[1]).get(), nullptr); }},
         {"no-table", [&](W a) { collection()->keshPtrDel(tableOf(a[1]).get()); }},
         {"no-watched-tables", [&](W) { machine().mfibKeshDirDel(); }},
-        {"follow-nothing", [&](W a) { machine().mfibKeshIs(tableOf(a[1]).get(), nullptr); }},
         {"route", [&](W a) { doRoutes(a); }},
         {"no-route", [&](W a) { doRoutes(a); }},
-        {"sync",
-         [&](W a) { machine().doSyncKey(tableOf(a[1]).get(), routeKey(a[2], address(a[3]))); }},
-        {"bookmark-table", [&](W a) { machine().keshBookmarkIs(tableOf(a[1]).get()); }},
-        {"bookmark-route", [&](W a) { machine().rkBookmarkIs(routeKey(a[1], address(a[2]))); }},
-        {"no-changed", [&](W) { machine().changedRouteDelAll(); }},
         {"review", [&](W) { machine().doReview(); }},
         {"full-sync", [&](W) { machine().handleDenyMroute(); }},
         {"release", [&](W a) { machine().doReleaseGroups(range(a[1])); }},
@@ -407,13 +390,13 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
         directory->intfToDeviceNameIs(number(a[2]), {intf, device});
         directory->intfStatusAndDeviceNameIs(intf, {nullptr, device, number(a[2])});
     }
-    void doCounter(std::string const& name, std::uint32_t value) const {
-        Nex::Ptr<Igmp::IgmpHostStatus> const counts =
-            counts_ ? counts_ : hostStatusDir->igmpHostStatus("up0");
+    static Nex::Ptr<Counters> newCounters() { return Counters::IgmpHostStatusIs("up0"); }
+    static Nex::Ptr<Counters> doCounter(Nex::Ptr<Counters> const& counters, W a) {
 #define IHP_COUNTER(TYPE, NAME, UPPER)                                                             \
-    if (name == #NAME) counts->NAME##Is(value);
+    if (a[1] == #NAME) counters->NAME##Is(number(a[2]));
         IGMP_PACKET_COUNTERS(IHP_COUNTER, IHP_COUNTER)
 #undef IHP_COUNTER
+        return counters;
     }
     void doRecordSource(Words const& a) const {
         host("up0")->v3group(groupG)->sourceIs()->sourceIpIs(address(a[1]),
@@ -447,9 +430,8 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
 
     /// "when FACT", and what it is to come to, if that matters.
     void doWhen(Words const& sides, std::string const& events) {
-        Words about = words(sides[0]);
-        bool const once = about[0] == "when";
-        about.erase(about.begin());
+        bool const once = sides[0].starts_with("when ");
+        std::string const about = sides[0].substr(sides[0].find(' '));
         Nested& nested = nested_.emplace_back(fact(about));
         auto const hear = [=, this, &nested] {
             if (once && nested.happened) return;
@@ -566,21 +548,9 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
         auto const directory = view->deviceIntfStatusDir();
         for (auto const& [name, known] : directories_)
             if (known == directory) return name;
-        return "another";
+        return directory->name();
     }
 
-  public:
-    /// What is now; for "g1,g2" of each group.
-    Lines facts(Words const& about) {
-        Lines all;
-        if (about[0][0] == 'g' && std::isdigit(about[0][1]))
-            for (auto const each : allOf(about[0])) all.push_back(group(each));
-        else
-            all.push_back(fact(about));
-        return all;
-    }
-
-  protected:
     static std::string text(auto number) { return std::to_string(number); }
     static char const* yes(void const* object) { return object ? "yes" : "no"; }
 
@@ -602,7 +572,6 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
         {"walked", [&](W) { return walked(); }},
         {"reviewed",
          [&](W) { return seconds(time.now() - machine().reviewTimer()->lastReviewTime()); }},
-        {"table-reactor", [&](W a) { return yes(machine().mfibKesh(tableOf(a[1]).get())); }},
         {"list-reactor", [&](W a) { return yes(machine().acl(a[1])); }},
         {"mounted", [&](W a) { return mounted(a[1]); }},
         {"managed",
@@ -610,7 +579,6 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
              Lox::NamespaceName const ns(a[1]);
              return yes(root->intfStatusManagerRoot()->intfStatusManager(ns));
          }},
-        {"directory-name", [&](W a) { return view(a[1])->deviceIntfStatusDir()->name(); }},
         {"directory", [&](W a) { return directoryOf(view(orDefault(a[1]))); }},
         {"corruptions", [&](W a) { return text(kniTable(pathOf(a[1]))->corruptions()); }},
         {"lines",
@@ -621,13 +589,21 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
          }},
     };
 
-    std::string fact(Words a) {
+  public:
+    /// What is now; of groups, what all of them are, or else what each is.
+    std::string fact(std::string const& text) {
+        Words a = words(text);
         a.resize(3);
-        if (a[0][0] == 'g' && std::isdigit(a[0][1])) return group(address(a[0]));
         auto const found = facts_.find(a[0]);
-        return found == facts_.end() ? "no such fact" : joined(words(found->second(a)), " ");
+        if (found != facts_.end()) return joined(words(found->second(a)), " ");
+        if (a[0][0] != 'g') return "no such fact";
+        Words all;
+        for (auto const each : allOf(a[0])) all.push_back(group(each));
+        if (std::count(all.begin(), all.end(), all[0]) == long(all.size())) return all[0];
+        return joined(all, "; ");
     }
 
+  protected:
     Nex::Ptr<Kesh::Multicast::Fib::MfibKeshColl> collection() const {
         return mfibDir->keshCollIs(L3::VrfName(vrfOfTables_));
     }
@@ -645,10 +621,6 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
     routeKey(std::string const& source, Lox::IpAddr group, std::uint8_t length = 32) {
         return {{address(source), std::uint8_t(source == "*" ? 0 : 32)}, {group, length}};
     }
-    template <class Record>
-    static Nex::Ptr<Record const> constant(Nex::Ptr<Record> const& record) {
-        return record;
-    }
 
     Nex::ManualTime time{100};
     std::map<std::string, Nex::Ptr<KernelNetInfo::Status>> kniTables_;
@@ -660,8 +632,6 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
     std::string config_, status_; ///< which of them are written
     std::string vrfOfTables_ = "default";
     std::string refused_; ///< the namespace whose table can't be mounted
-    Nex::Ptr<GroupSource> held_;
-    Nex::Ptr<Igmp::IgmpHostStatus> counts_; ///< null for the world's
     std::list<Nested> nested_;
     Lines traced_;
     std::string thrown_;

@@ -2,6 +2,7 @@
 #include "IgmpHostProxy/SourceGroup.h"
 #include "Nex/Error.h"
 
+#include <array>
 #include <gtest/gtest.h>
 #include <sstream>
 
@@ -45,19 +46,19 @@ TEST(SourceGroup, ParsesItsOwnTextAndNoOther) {
         EXPECT_THROW(strepToValue(text.substr(0, length)), Nex::ParseException) << length;
     EXPECT_THROW(strepToValue(text + " "), Nex::ParseException);
 
-    auto const errorOf = [&](std::string const& part, char const* instead) {
+    for (auto const& [part, instead, error] :
+         std::initializer_list<std::array<std::string, 3>>{{"10.0.0.1", "10.0.0.256", "sourceAddr"},
+                                                           {"10.0.0.1", "", "sourceAddr"},
+                                                           {"239.1.1.1", "239.1.1", "groupAddr:"},
+                                                           {"239.1.1.1", "x", "groupAddr:"}}) {
         std::string wrong = text;
         wrong.replace(wrong.find(part), part.size(), instead);
         try {
-            return "parsed " + valueToStrep(strepToValue(wrong));
-        } catch (Nex::ParseException const& error) {
-            return std::string(error.what(), 0, 10);
+            ADD_FAILURE() << strepToValue(wrong);
+        } catch (Nex::ParseException const& told) {
+            EXPECT_EQ(std::string(told.what(), 0, 10), error);
         }
-    };
-    for (auto const* const wrong : {"10.0.0.256", ""})
-        EXPECT_EQ(errorOf("10.0.0.1", wrong), "sourceAddr");
-    for (auto const* const wrong : {"239.1.1", "x"})
-        EXPECT_EQ(errorOf("239.1.1.1", wrong), "groupAddr:");
+    }
 }
 
 } // namespace
