@@ -45,7 +45,8 @@ struct Destructions : Nex::DestructionObserver {
 };
 
 TEST_F(Machines, GoInOrderAndDeleteNoRecord) {
-    doEvents("tables blue; vrf blue ns-blue; intf up1 3 blue; configure up1; +i1");
+    doEvents("tables blue; vrf blue ns-blue; intf up1 3 blue; configure up1; +i1; d+; d-");
+    EXPECT_EQ(machine().deletedGroupSourceListConfig(groupG), nullptr);
     EXPECT_TRUE(machine().groupSourceListConfig(groupG)->initialized());
     Lines const before = dump();
     Destructions destructions;

@@ -275,11 +275,7 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
         {"version", [&](W a) { configOf("")->igmpVersionIs(IgmpVersion(number(a[1]))); }},
         {"interval", [&](W a) { configOf("")->unsolicitedReportIntvlIs(interval(a[1])); }},
         // VRFs
-        {"vrf",
-         [&](W a) {
-             Lox::NamespaceName const ns(a[2]);
-             allVrfStatusLocal->vrfIs(vrfOf(a))->networkNamespaceIs(ns);
-         }},
+        {"vrf", [&](W a) { allVrfStatusLocal->vrfIs(vrfOf(a))->networkNamespaceIs(nsOf(a[2])); }},
         {"no-vrf", [&](W a) { allVrfStatusLocal->vrfDel(vrfOf(a)); }},
         {"mount", [&](W a) { entityManager->doMount(pathOf(a[1]), "KernelNetInfo::Status", 3); }},
         {"refuse-mount", [&](W a) { refused_ = a[1]; }},
@@ -575,10 +571,7 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
         {"list-reactor", [&](W a) { return yes(machine().acl(a[1])); }},
         {"mounted", [&](W a) { return mounted(a[1]); }},
         {"managed",
-         [&](W a) {
-             Lox::NamespaceName const ns(a[1]);
-             return yes(root->intfStatusManagerRoot()->intfStatusManager(ns));
-         }},
+         [&](W a) { return yes(root->intfStatusManagerRoot()->intfStatusManager(nsOf(a[1]))); }},
         {"directory", [&](W a) { return directoryOf(view(orDefault(a[1]))); }},
         {"corruptions", [&](W a) { return text(kniTable(pathOf(a[1]))->corruptions()); }},
         {"lines",
@@ -616,6 +609,7 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
     }
     static Lox::IntfId intfOf(W a) { return Lox::IntfId(orDefault(a[1], "")); }
     static L3::VrfName vrfOf(W a) { return L3::VrfName(orDefault(a[1])); }
+    static Lox::NamespaceName nsOf(std::string const& word) { return Lox::NamespaceName(word); }
     static SourceGroup pair(Words const& a) { return {address(a[1]), address(a[2])}; }
     static Routing::Multicast::Fib::IpGenRouteKey
     routeKey(std::string const& source, Lox::IpAddr group, std::uint8_t length = 32) {
