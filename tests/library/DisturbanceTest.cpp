@@ -53,7 +53,7 @@ struct Life : Play {
         } else if (a[0] == "renew-table") {
             Nex::Ptr<Table> const before = tableOf(a[1]);
             tables_.erase(a[1]);
-            doEvents("table " + a[1]);
+            doTable(a[1], a[1], a[2]);
             Nex::Ptr<Table> const table = tableOf(a[1]);
             for (auto const& item : before->route()) table->routeIs(item.key, item.value);
         } else if (a[0][0] == '-') { // the group goes with its last source
@@ -127,16 +127,14 @@ std::string const news = "new-rules n; rule n 1 permit 1 g2; rule n 2 permit 1 2
 /// All inputs but those of the interface itself.
 std::string const prepare =
     "configure up0; +i1 g1; +e2 g5.1; +e* 239.4.1.1;" + iptv + ";" + news +
-    "; attach iptv; tables blue; vrf-of-tables blue; table t;"
+    "; attach iptv; table t t blue;"
     "route t 1 239.2.0.1; route t 2 239.2.0.1; route t 1 239.2.0.2; route t 2 239.2.0.2";
 std::string const comeUp = "start; vrf blue ns-blue; intf up0 2 blue";
 std::string const beUp = prepare + ";" + comeUp + "; +1";
 
 /// A second interface in a VRF of its own, with tables of its own. It has the lists, too.
-std::string const prepareTwo = prepare +
-                               "; configure up1; tables green; vrf-of-tables green; table u;"
-                               "route u 1 239.2.0.2; route u 2 239.2.0.5;"
-                               "vrf-of-tables blue";
+std::string const prepareTwo =
+    prepare + "; configure up1; table u u green; route u 1 239.2.0.2; route u 2 239.2.0.5";
 std::string const comeUpTwo = comeUp + "; vrf green ns-green; intf up1 3 green";
 
 struct Scenario {
@@ -161,8 +159,7 @@ Scenario const scenarios[] = {
     {"interfaces of two VRFs come up", prepareTwo, comeUpTwo},
     {"lists and tables of two VRFs change", prepareTwo + ";" + comeUpTwo + "; +1",
      "rule iptv 5 permit 2 239.2.0.4/31; route u * 239.2.0.2; no-route t 1 239.2.0.2; +1; no-rule "
-     "iptv 5; no-tables green; tables green; vrf-of-tables green; renew-table u;"
-     "vrf-of-tables blue; no-list news;" +
+     "iptv 5; no-tables green; renew-table u green; no-list news;" +
          news},
 };
 
@@ -187,9 +184,7 @@ Change const changes[] = {
     {"a route comes", "route t * 239.2.0.2", "no-route t * 239.2.0.2"},
     {"a route goes", "no-route t 1 239.2.0.1", "route t 1 239.2.0.1"},
     // Those of one VRF that go end all interfaces: they go together.
-    {"the tables go", "no-tables blue; no-tables green",
-     "tables blue; renew-table t; tables green; vrf-of-tables green; renew-table u;"
-     "vrf-of-tables blue"},
+    {"the tables go", "no-tables blue; no-tables green", "renew-table t blue; renew-table u green"},
     {"the device goes", deviceGoes, deviceComes},
     {"the VRF goes", deviceGoes + "; no-vrf blue", "vrf blue ns-blue;" + deviceComes},
     {"the other interface goes", "address up1 0.0.0.0; delist-intf up1; no-vrf green",

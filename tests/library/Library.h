@@ -17,9 +17,7 @@ using Lines = std::vector<std::string>;
 
 inline Lox::IpAddr ip(std::string_view dotted) { return Lox::IpAddr(dotted); }
 inline Lox::IntfId const up0("up0");
-inline Lox::IntfId const up1("up1");
 inline Lox::IpAddr const groupG = ip("239.1.1.1");
-inline Lox::IpAddr const sourceS = ip("10.0.0.1");
 
 /// A record with all below it, one line for each value, in an order that does not depend on how
 /// the record came about. Change stamps do, and are left out.

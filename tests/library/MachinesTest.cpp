@@ -100,7 +100,7 @@ TEST_F(Machines, ABindingWithoutObjectsWaits) {
 }
 
 TEST_F(Machines, CountersHaveNoFloor) {
-    SourceGroup const sg(sourceS, groupG);
+    SourceGroup const sg(address("1"), groupG);
     EXPECT_EQ(machine().groupSourceRefCounterInc(sg, 3), 3u);
     EXPECT_EQ(machine().groupSourceRefCounterDec(sg, 4), ~std::uint32_t(0));
 }

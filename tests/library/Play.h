@@ -333,8 +333,7 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
         {"deny", [&](W a) { written().denyMrouteIs(a[1] == "on"); }},
         {"throw", [&](W) { throw Nex::Exception("by us"); }},
         // Routes
-        {"vrf-of-tables", [&](W a) { vrfOfTables_ = a[1]; }},
-        {"table", [&](W a) { doTable(a[1], a[2].empty() ? a[1] : a[2]); }},
+        {"table", [&](W a) { doTable(a[1], orDefault(a[2], a[1]), orDefault(a[3])); }},
         {"table-to-come", [&](W a) { collection()->keshPtrIs(tableOf(a[1]).get(), nullptr); }},
         {"no-table", [&](W a) { collection()->keshPtrDel(tableOf(a[1]).get()); }},
         {"no-watched-tables", [&](W) { machine().mfibKeshDirDel(); }},
@@ -411,8 +410,9 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
     void doForce(Words const& a) {
         aclConfig->aclIs(a[1])->currCfgIs(a[2] == "nothing" ? nullptr : rulesOf(a[2]));
     }
-    void doTable(std::string const& name, std::string const& under) {
-        collection()->keshPtrIs(tableOf(under).get(), tableOf(name));
+    /// Lists a table at the address of another one.
+    void doTable(std::string const& name, std::string const& at, std::string const& vrf) {
+        collection(vrf)->keshPtrIs(tableOf(at).get(), tableOf(name));
     }
     void doRoutes(Words const& a) {
         Words const groups = parts(a[3], '/');
@@ -449,16 +449,16 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
         if (dotted.starts_with("239.1.1.")) return "g" + dotted.substr(8);
         return dotted.starts_with("10.0.0.") ? dotted.substr(7) : dotted;
     }
-    static std::string namesOf(auto addresses, char const* between) {
+    static std::string namesOf(auto addresses) {
         std::string text;
         for (Lox::IpAddr const address : Nex::sortedKeys(std::move(addresses)))
-            text += between + nameOf(address);
+            text += nameOf(address);
         return text;
     }
     static std::string textOf(GroupSource const* entry) {
         if (!entry) return "none";
-        return "i" + namesOf(entry->includeSourceList(), "") + " e" +
-               namesOf(entry->excludeSourceList(), "");
+        return "i" + namesOf(entry->includeSourceList()) + " e" +
+               namesOf(entry->excludeSourceList());
     }
     static GroupSource const* entryOf(auto const* groups, Lox::IpAddr group) {
         return groups ? groups->groupSourceList(group) : nullptr;
@@ -597,8 +597,9 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
     }
 
   protected:
-    Nex::Ptr<Kesh::Multicast::Fib::MfibKeshColl> collection() const {
-        return mfibDir->keshCollIs(L3::VrfName(vrfOfTables_));
+    Nex::Ptr<Kesh::Multicast::Fib::MfibKeshColl>
+    collection(std::string const& vrf = "default") const {
+        return mfibDir->keshCollIs(L3::VrfName(vrf));
     }
     IgmpHostProxyAclHelper* helper(std::string const& list) const {
         return machine().igmpHostProxyAclHelper(list);
@@ -624,8 +625,7 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
     std::map<std::string, Nex::Ptr<Table>> tables_;
     std::map<std::string, Nex::Ptr<Directory>> directories_;
     std::string config_, status_; ///< which of them are written
-    std::string vrfOfTables_ = "default";
-    std::string refused_; ///< the namespace whose table can't be mounted
+    std::string refused_;         ///< the namespace whose table can't be mounted
     std::list<Nested> nested_;
     Lines traced_;
     std::string thrown_;
