@@ -428,7 +428,7 @@ class Play : public Support::InProcessPlatform, Nex::TraceSink {
     void doWhen(Words const& sides, std::string const& events) {
         bool const once = sides[0].starts_with("when ");
         std::string const about = sides[0].substr(sides[0].find(' '));
-        Nested& nested = nested_.emplace_back(fact(about));
+        Nested& nested = nested_.emplace_back(Nested{fact(about)});
         auto const hear = [=, this, &nested] {
             if (once && nested.happened) return;
             std::string const is = fact(about), was = std::exchange(nested.last, is);
