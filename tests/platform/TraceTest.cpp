@@ -129,7 +129,7 @@ TEST_F(TraceTest, OneCallbackCarriesOneStampAndStampsDoNotRunBackwards) {
     tree->numberIs(1);
     EXPECT_EQ(entry(2).text(), "2");
     auto const first = entry().stamp;
-    for (unsigned before : {1, 2, 3}) EXPECT_EQ(entry(before).stamp, first);
+    for (unsigned before : {1u, 2u, 3u}) EXPECT_EQ(entry(before).stamp, first);
     tree->numberIs(4);
     auto const second = entry().stamp;
     EXPECT_GT(second, first) << "another callback";
