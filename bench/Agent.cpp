@@ -146,7 +146,7 @@ double processorSeconds() {
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
     return double(now.tv_sec) + 1e-9 * double(now.tv_nsec);
 }
-/// Of all threads of another process, so far.
+/// Of all threads that another process has now.
 double processorSeconds(pid_t process) {
     double nanoseconds = 0;
     for (auto const& thread :

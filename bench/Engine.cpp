@@ -23,8 +23,9 @@ constexpr Case cases[] = {{"version 3, no source", 3, 0},
                           {"version 2", 2, 0}};
 
 enum Phase { taken, told, repeated, asked, answered, left, phases };
-constexpr char const* phaseNames[phases] = {"taking the groups in", "reports", "repeats",
-                                            "general query",        "answers", "leaving"};
+constexpr char const* phaseNames[phases] = {
+    "taking the groups in", "reports",     "repeats",
+    "general query",        "its answers", "leaving, told twice"};
 
 struct Cost {
     double milliseconds; ///< of the processor
