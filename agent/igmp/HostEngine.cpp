@@ -188,6 +188,10 @@ double HostEngine::versionExpiry() const {
 void HostEngine::doCancel() {
     late_.clear();
     doDrop(repeats_);
+    doCancelAnswers();
+}
+
+void HostEngine::doCancelAnswers() {
     doDrop(answers_);
     generalDue_ = generalDeadline_ = walkDue_ = walkDeadline_ = never;
     olderQueryTime_ = -never;
@@ -369,8 +373,8 @@ void HostEngine::leaveAll(double now) {
             leaving_.add(entry->walk);
             ++leavingCount_;
         }
-    doCancel();
-    if (leaving_.isEmpty()) return;
+    doCancelAnswers();
+    if (leaving_.isEmpty() && late_.empty()) return;
     // What was given up before may be owed more often than a querier that was heard since demands.
     unsigned rounds = 1;
     for (GroupEntry* entry = leaving_.first(); entry; entry = entry->walk.next->entry)

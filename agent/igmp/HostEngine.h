@@ -213,6 +213,7 @@ class HostEngine {
     void doReckonFormer(double now);
     void addHeldRecord(RecordList& records, GroupEntry const& entry) const;
     void doCancel();
+    void doCancelAnswers();
     void doDrop(GroupQueue& queue);
     void doRelease(GroupEntry& entry);
     unsigned robustness() const;
@@ -235,6 +236,7 @@ class HostEngine {
     void doSendWalk(double now);
     template <class First, class Records, class Taken>
     std::size_t doFillReport(Counter counter, First first, Records addRecords, Taken taken);
+    void doSendLate();
     void doTransmit(Counter counter, std::span<std::uint8_t const> packet);
 
     // HostEngineReceive.cpp: queries and the reports of others.

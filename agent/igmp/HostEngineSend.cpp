@@ -25,9 +25,7 @@ void HostEngine::doSend(double now) {
     if (linkUp_ && leaveDue_ <= now) doSendLeaves(now);
     while (linkUp_ && budget_.has(now)) {
         if (!late_.empty()) {
-            LatePacket packet = std::move(late_.front());
-            late_.pop_front();
-            doTransmit(packet.counter, packet.bytes);
+            doSendLate();
             continue;
         }
         unsigned turn = 1;
@@ -211,6 +209,7 @@ void HostEngine::doSendLeaves(double now) {
         ~Unlimited() { flag_ = false; } // whatever is thrown
         bool& flag_;
     } const unlimited(unlimited_);
+    while (!late_.empty()) doSendLate(); // what came before them may be told by no other packet
     auto const packets = [&] { return counters_.v2LeavesSent + counters_.v3StateChangeReportSent; };
     for (auto const before = packets();
          leaveDue_ <= now && packets() - before < mostLeavesAtOnce;) {
@@ -248,6 +247,13 @@ std::size_t HostEngine::doSendLeave() {
             doEndChange(entry);
             named(entry, entry.group.hasChange());
         });
+}
+
+/// What has waited longest.
+void HostEngine::doSendLate() {
+    LatePacket const packet = std::move(late_.front());
+    late_.pop_front();
+    doTransmit(packet.counter, packet.bytes);
 }
 
 /// Sends, or keeps the packet until the budget allows it; only what one group needs, or the end of
