@@ -1,9 +1,10 @@
-// The whole agent in a throw-away network. From SIGHUP to the last group in
-// an upstream bridge's table: reading the file, the library, the packets and the bridge's learning.
-// Beside it what a program needs that sends the same packets and does nothing else, and what the
-// kernel does that is asked to join the same groups. The kernel's multicast routes: from the
-// agent's start until all are told, beside a program that only reads them. And how often the agent
-// wakes up at rest. Another build of the agent may be named. Needs root.
+// The whole agent in a throw-away network. From SIGHUP to the first report, and to the last group
+// in an upstream bridge's table: reading the file, the library, the packets and the bridge's
+// learning. Beside it what a program needs that sends the same packets and does nothing else, and
+// what the kernel does that is asked to join the same groups. The kernel's multicast routes: from
+// the agent's start until all are told, beside a program that only reads them. One interface out of
+// many that changes. And at rest, how often it wakes up, and its memory. Several builds of the
+// agent may be named, which take turns. Needs root.
 #include "agent/Process.h"
 #include "agent/kernel/MulticastRouter.h"
 #include "agent/loop/FileDescriptor.h"
@@ -21,10 +22,13 @@
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <linux/rtnetlink.h>
+#include <linux/sockios.h>
 #include <map>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <string>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <thread>
 #include <time.h>
@@ -72,14 +76,15 @@ class BridgeQuery {
 
 constexpr std::uint32_t firstGroup = 0xEF010000; // 239.1.0.0
 
-/// Changes are not repeated while the clock runs, and as many packets leave as may.
+/// As many packets leave as may.
 std::string head(std::string const& more) {
-    return "[interface.up0]\nunsolicited-report-interval = 3600\npackets-per-100-ms = 10000\n" +
-           more;
+    return "[interface.up0]\npackets-per-100-ms = 10000\n" + more;
 }
+/// Changes are not repeated while the clock runs.
+std::string const once = "unsolicited-report-interval = 3600\n";
 
-std::string singleGroups(std::size_t groups) {
-    std::string text = head("[interface.up0.group]\n");
+std::string singleGroups(std::size_t groups, std::string const& more = once) {
+    std::string text = head(more + "[interface.up0.group]\n");
     for (std::size_t i = 0; i < groups; ++i)
         text += "\"239.1." + std::to_string(i >> 8) + "." + std::to_string(i & 255) +
                 "\" = { include = [\"10.1.1.1\"] }\n";
@@ -87,8 +92,8 @@ std::string singleGroups(std::size_t groups) {
 }
 
 /// Rules that each permit a power of two of the groups.
-std::string ruleOver(std::size_t groups) {
-    std::string text = head("large-ranges = true\naccess-lists = [\"iptv\"]\n");
+std::string ruleOver(std::size_t groups, std::string const& more = once) {
+    std::string text = head(more + "large-ranges = true\naccess-lists = [\"iptv\"]\n");
     std::size_t first = 0;
     for (unsigned length = 16; first < groups; ++length) {
         std::size_t const size = std::size_t(1) << (32 - length);
@@ -122,22 +127,32 @@ Agent::FileDescriptor packetSocket(std::string const& namespaceName, char const*
     address.sll_ifindex = int(if_nametoindex(interface));
     if (bind(opened.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
         fail("no packet socket");
+    timespec none{};
+    ioctl(opened.get(), SIOCGSTAMPNS, &none); // from now on, packets are stamped
     return opened;
 }
 
-/// The frames with IGMP that wait in the socket.
-Frames received(Agent::FileDescriptor const& socket) {
+/// The frames with IGMP that wait in the socket, and when the first one came.
+struct Received {
     Frames frames;
+    std::chrono::system_clock::time_point first;
+};
+Received received(Agent::FileDescriptor const& socket) {
+    Received all;
     std::vector<std::uint8_t> frame(65536);
-    for (ssize_t n; (n = recv(socket.get(), frame.data(), frame.size(), MSG_DONTWAIT)) > 0;)
-        if (n > 24 && frame[12] == 8 && frame[13] == 0 && frame[23] == IPPROTO_IGMP)
-            frames.emplace_back(frame.begin(), frame.begin() + n);
-    return frames;
+    for (ssize_t n; (n = recv(socket.get(), frame.data(), frame.size(), MSG_DONTWAIT)) > 0;) {
+        if (n <= 24 || frame[12] != 8 || frame[13] != 0 || frame[23] != IPPROTO_IGMP) continue;
+        timespec came{};
+        if (all.frames.empty() && ioctl(socket.get(), SIOCGSTAMPNS, &came) == 0)
+            all.first += std::chrono::seconds(came.tv_sec) + std::chrono::nanoseconds(came.tv_nsec);
+        all.frames.emplace_back(frame.begin(), frame.begin() + n);
+    }
+    return all;
 }
 
-/// Seconds by the wall clock and of the processor.
+/// Seconds of the processor, to the first report where that is asked, and by the wall clock.
 struct Took {
-    double wall, processor;
+    double processor = 0, first = 0, wall = 0;
 };
 
 /// Of the calling thread.
@@ -184,32 +199,51 @@ class World : public Testing::Netns {
     BridgeQuery bridge_{farName()};
 };
 
-std::string agentProgram = IHPROXYD;
-
-/// The command that runs the agent with the files of a folder.
-std::vector<std::string> agentIn(Testing::Folder const& folder) {
-    return {agentProgram, "--config", folder.file("ihproxyd.toml"), "--control",
-            folder.file("control")};
+/// The command that runs an agent with the files of a folder.
+std::vector<std::string> commandOf(std::string const& program, Testing::Folder const& folder) {
+    return {program, "--config", folder.file("ihproxyd.toml"), "--control", folder.file("control")};
 }
 
 /// What the agent sends goes to `sent`.
-Took ofAgent(std::size_t groups, std::string const& configuration, Frames& sent) {
+Took ofAgent(std::string const& program, std::size_t groups, std::string const& configuration,
+             Frames& sent) {
     World const world;
     Testing::Folder const folder;
-    folder.write("ihproxyd.toml", head(""));
-    Testing::Process const agent(folder, world.nearName(), agentIn(folder));
+    folder.write("ihproxyd.toml", head(once));
+    Testing::Process const agent(folder, world.nearName(), commandOf(program, folder));
     if (!agent.says("ready\n")) fail("the agent does not start");
     folder.write("ihproxyd.toml", configuration);
     auto const wire = packetSocket(world.farName(), "down0");
     double const before = processorSeconds(agent.pid());
+    auto const start = std::chrono::system_clock::now();
     double const wall = world.secondsToLast(groups, [&] { agent.signal(SIGHUP); });
-    sent = received(wire);
-    return {wall, processorSeconds(agent.pid()) - before};
+    Received all = received(wire);
+    sent = std::move(all.frames);
+    std::chrono::duration<double> const first = all.first - start;
+    return {processorSeconds(agent.pid()) - before, first.count(), wall};
+}
+
+/// Of reading a file, by the agent's own check of it.
+Took ofCheck(std::string const& program, std::string const& configuration) {
+    Testing::Folder const folder;
+    folder.write("ihproxyd.toml", configuration);
+    rusage before{}, after{};
+    getrusage(RUSAGE_CHILDREN, &before);
+    auto const start = Clock::now();
+    if (Testing::shell(program + " --check " + folder.file("ihproxyd.toml")).status != 0)
+        fail("the file is not good");
+    std::chrono::duration<double> const wall = Clock::now() - start;
+    getrusage(RUSAGE_CHILDREN, &after);
+    auto const seconds = [](rusage const& all) {
+        return double(all.ru_utime.tv_sec + all.ru_stime.tv_sec) +
+               1e-6 * double(all.ru_utime.tv_usec + all.ru_stime.tv_usec);
+    };
+    return {seconds(after) - seconds(before), 0, wall.count()};
 }
 
 /// By a thread that does just that.
 Took inThread(std::size_t groups, World const& world, std::function<void()> const& perform) {
-    Took took{};
+    Took took;
     std::thread thread;
     took.wall = world.secondsToLast(groups, [&] {
         thread = std::thread([&] {
@@ -268,22 +302,22 @@ class RoutedWorld : public Testing::Netns {
     Agent::MulticastRouter router_{*this, {"up0"}};
 };
 
-Took ofRoutes(std::size_t routes) {
+Took ofRoutes(std::string const& program, std::size_t routes) {
     RoutedWorld const world(routes);
     auto const wire = packetSocket(world.farName(), "down0");
     Testing::Folder const folder;
     folder.write("ihproxyd.toml", head("[forwarding-table]\nrequire-output = false\n"));
     auto const start = Clock::now();
-    Testing::Process const agent(folder, world.nearName(), agentIn(folder));
+    Testing::Process const agent(folder, world.nearName(), commandOf(program, folder));
     std::chrono::duration<double> wall{};
     for (std::size_t told = 0; told < routes; wall = Clock::now() - start) {
         std::this_thread::sleep_for(std::chrono::microseconds(500));
         // Behind the headers of Ethernet and IP, 38 octets, a report has its records' number at 6.
-        for (auto const& frame : received(wire))
+        for (auto const& frame : received(wire).frames)
             if (frame[38] == 0x22) told += frame[44] * 256u + frame[45];
         if (wall.count() > 20) fail("the agent does not tell all routes");
     }
-    return {wall.count(), processorSeconds(agent.pid())};
+    return {processorSeconds(agent.pid()), 0, wall.count()};
 }
 
 Took ofDump(std::size_t routes) {
@@ -305,71 +339,174 @@ Took ofDump(std::size_t routes) {
         more = length > 0 && first->nlmsg_type == RTM_NEWROUTE;
     }
     std::chrono::duration<double> const wall = Clock::now() - start;
-    return {wall.count(), processorSeconds() - before};
+    return {processorSeconds() - before, 0, wall.count()};
 }
 
-/// How often an agent with that many groups wakes up in a second, once all is told and nobody asks.
-double wakeUpsAtRest(std::size_t groups) {
+/// An agent with so many groups, once all is told and nobody asks.
+struct Rest {
+    double wakeUps; ///< a second
+    double octets;  ///< of memory, but for what programs share
+};
+Rest atRest(std::string const& program, std::size_t groups, std::string const& configuration) {
     constexpr int seconds = 30;
     World const world;
     world.farIp("link set br0 type bridge mcast_querier 0");
     Testing::Folder const folder;
-    folder.write("ihproxyd.toml", ruleOver(groups));
-    std::optional<Testing::Process> agent;
-    world.secondsToLast(groups, [&] { agent.emplace(folder, world.nearName(), agentIn(folder)); });
-    auto const wakeUps = [&] { return agent->statusField("voluntary_ctxt_switches", 10); };
+    folder.write("ihproxyd.toml", configuration);
+    Testing::Process const agent(folder, world.nearName(), commandOf(program, folder));
+    if (!agent.says("ready\n")) fail("the agent does not start");
+    world.secondsToLast(groups, [] {});
+    auto const wakeUps = [&] { return agent.statusField("voluntary_ctxt_switches", 10); };
     std::this_thread::sleep_for(std::chrono::seconds(5));
     auto const before = wakeUps();
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
-    return double(wakeUps() - before) / seconds;
+    return {double(wakeUps() - before) / seconds, 1024. * double(agent.statusField("RssAnon", 10))};
 }
 
-/// The medians of five.
-Took ofFive(std::function<Took()> const& measure) {
-    std::array<double, 5> wall, processor;
-    for (std::size_t i = 0; i < wall.size(); ++i) {
-        Took const took = measure();
-        wall[i] = took.wall;
-        processor[i] = took.processor;
+/// What one interface out of so many costs the agent that follows them all, in milliseconds of the
+/// processor.
+struct Single {
+    double address, downAndUp, goneAndBack;
+};
+Single ofInterfaces(std::string const& program, std::size_t interfaces) {
+    World const world;
+    Testing::Folder const folder;
+    auto const perform = [&](std::string const& commands) {
+        folder.write("batch", commands);
+        world.nearIp("-batch " + folder.file("batch"));
+    };
+    auto const pair = [](std::size_t at) {
+        std::string const one = "p" + std::to_string(at);
+        std::string const other = at > 0 ? "p" + std::to_string(at + 1) : "other";
+        std::string const rest = std::to_string(at / 256) + "." + std::to_string(at % 256);
+        return "link add " + one + " type veth peer name " + other + "\naddr add 10.100." + rest +
+               "/32 dev " + one + "\naddr add 10.101." + rest + "/32 dev " + other + "\nlink set " +
+               one + " up\nlink set " + other + " up\n";
+    };
+    {
+        Testing::Netns::Inside const inside(world.nearName());
+        std::ofstream("/proc/sys/net/ipv6/conf/default/disable_ipv6") << 1;
     }
-    std::sort(wall.begin(), wall.end());
-    std::sort(processor.begin(), processor.end());
-    return {wall[2], processor[2]};
+    std::string all;
+    for (std::size_t at = 0; at < interfaces; at += 2) all += pair(at);
+    perform(all);
+    folder.write("ihproxyd.toml", "[interface.\"p*\".group.\"239.1.1.1\"]\n");
+    Testing::Process const agent(folder, world.nearName(), commandOf(program, folder));
+    if (!agent.says("ready\n")) fail("the agent does not start");
+    auto const settled = [&] {
+        double used = processorSeconds(agent.pid()), last;
+        do {
+            last = used;
+            std::this_thread::sleep_for(std::chrono::seconds(3));
+            used = processorSeconds(agent.pid());
+        } while (used - last > 0.001);
+        return used;
+    };
+    auto const cost = [&](std::function<std::string(int)> const& commands) {
+        constexpr int times = 200;
+        double const before = settled();
+        for (int at = 0; at < times; ++at) perform(commands(at));
+        return 1e3 * (settled() - before) / times;
+    };
+    return {cost([](int at) {
+                return "link set p0 address 02:00:00:00:" + std::to_string(10 + at / 80) + ":" +
+                       std::to_string(10 + at % 80) + "\n";
+            }),
+            cost([](int) { return "link set p0 down\nlink set p0 up\n"; }),
+            cost([&](int) { return "link del p0\n" + pair(0); })};
+}
+
+struct Row {
+    std::string name;
+    std::function<Took(std::size_t)> measure; ///< with so many groups
+};
+/// The medians of five, all rows in turns.
+void printTable(char const* until, std::vector<Row> const& rows) {
+    constexpr std::size_t sizes[] = {10000, 65536};
+    std::vector<std::array<std::array<Took, 5>, 2>> taken(rows.size());
+    for (std::size_t round = 0; round < 5; ++round)
+        for (std::size_t row = 0; row < rows.size(); ++row)
+            for (std::size_t size : {0u, 1u})
+                taken[row][size][round] = rows[row].measure(sizes[size]);
+    std::printf("| milliseconds until %s | 10,000: processor | first report | wall clock | 65,536: "
+                "processor | first report | wall clock |\n|---|---|---|---|---|---|---|\n",
+                until);
+    for (std::size_t row = 0; row < rows.size(); ++row) {
+        std::printf("| %s |", rows[row].name.c_str());
+        for (auto& all : taken[row])
+            for (double Took::*figure : {&Took::processor, &Took::first, &Took::wall}) {
+                std::sort(all.begin(), all.end(),
+                          [&](Took const& a, Took const& b) { return a.*figure < b.*figure; });
+                if (all[2].*figure > 0)
+                    std::printf(" %.0f |", 1e3 * all[2].*figure);
+                else
+                    std::printf(" |");
+            }
+        std::printf("\n");
+    }
+    std::printf("\n");
+    std::fflush(stdout);
 }
 
 } // namespace
 
-int main(int count, char** arguments) {
-    if (count > 2) fail("usage: ihproxy_agent_bench [AGENT]");
-    if (count > 1) agentProgram = arguments[1];
+int main(int count, char** arguments) try {
     std::string const unavailable = Testing::Netns::unavailableReason();
     if (!unavailable.empty()) fail(unavailable);
+    std::vector<std::string> programs(arguments + 1, arguments + count);
+    if (programs.empty()) programs = {IHPROXYD};
+    for (std::string const& program : programs)
+        if (access(program.c_str(), X_OK) != 0)
+            fail(program + " is no program; usage: ihproxy_agent_bench [AGENT...]");
+
     std::map<std::size_t, Frames> sent; // by the agent, of so many groups
-    auto const titles = [](char const* what) {
-        std::printf("| milliseconds %s | 10,000: processor | wall clock | 65,536: processor | wall "
-                    "clock |\n|---|---|---|---|---|\n",
-                    what);
-    };
-    auto const row = [&](char const* name, auto measure) {
-        std::printf("| %s |", name);
-        for (std::size_t const groups : {std::size_t(10000), std::size_t(65536)}) {
-            Took const took = ofFive([&] { return measure(groups); });
-            std::printf(" %.0f | %.0f |", 1e3 * took.processor, 1e3 * took.wall);
+    std::vector<Row> reloads, starts;
+    for (std::string const& program : programs) {
+        auto const row = [&](char const* name, auto measure) {
+            return Row{program + ": " + name, measure};
+        };
+        reloads.push_back(row("one rule", [&](std::size_t groups) {
+            return ofAgent(program, groups, ruleOver(groups), sent[groups]);
+        }));
+        reloads.push_back(row("single groups", [&](std::size_t groups) {
+            return ofAgent(program, groups, singleGroups(groups), sent[groups]);
+        }));
+        reloads.push_back(row("reading those of the file alone", [&](std::size_t groups) {
+            return ofCheck(program, singleGroups(groups));
+        }));
+        starts.push_back(
+            row("from its start", [&](std::size_t routes) { return ofRoutes(program, routes); }));
+    }
+    reloads.push_back({"bare sender of the same packets",
+                       [&](std::size_t groups) { return ofSender(groups, sent[groups]); }});
+    reloads.push_back({"the kernel's own joins", ofKernel});
+    starts.push_back({"bare dump", ofDump});
+    printTable("the bridge knows all groups", reloads);
+    printTable("all routes of the kernel are told", starts);
+
+    std::printf("| milliseconds of the processor for one interface out of |  | new MAC address | "
+                "down and up | gone and back |\n|---|---|---|---|---|\n");
+    for (std::size_t const interfaces : {10u, 100u, 1000u, 10000u}) {
+        Single const one = ofInterfaces(programs.front(), interfaces);
+        std::printf("| %s | %zu | %.2f | %.2f | %.2f |\n", programs.front().c_str(), interfaces,
+                    one.address, one.downAndUp, one.goneAndBack);
+        std::fflush(stdout);
+    }
+
+    constexpr std::size_t many = 65536;
+    std::printf("\n| at rest with 65,536 groups | wake-ups a second | octets a group |\n"
+                "|---|---|---|\n");
+    for (std::string const& program : programs) {
+        double const alone = atRest(program, 0, head("")).octets;
+        for (auto const& [name, configuration] :
+             {std::pair("one rule", ruleOver(many, "")),
+              std::pair("single groups", singleGroups(many, ""))}) {
+            Rest const rest = atRest(program, many, configuration);
+            std::printf("| %s: %s | %.2f | %.0f |\n", program.c_str(), name, rest.wakeUps,
+                        (rest.octets - alone) / double(many));
             std::fflush(stdout);
         }
-        std::printf("\n");
-    };
-    titles("until the bridge knows all groups");
-    row("agent, one rule",
-        [&](std::size_t groups) { return ofAgent(groups, ruleOver(groups), sent[groups]); });
-    row("agent, single groups",
-        [&](std::size_t groups) { return ofAgent(groups, singleGroups(groups), sent[groups]); });
-    row("bare sender of the same packets",
-        [&](std::size_t groups) { return ofSender(groups, sent[groups]); });
-    row("the kernel's own joins", ofKernel);
-    std::printf("\n");
-    titles("until all routes of the kernel are told");
-    row("agent, from its start", ofRoutes);
-    row("bare dump", ofDump);
-    std::printf("\nat rest with 65,536 groups: %.2f wake-ups a second\n", wakeUpsAtRest(65536));
+    }
+} catch (std::exception const& error) {
+    fail(error.what());
 }
