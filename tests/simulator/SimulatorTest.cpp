@@ -63,7 +63,7 @@ class Drawing {
                       differ ? 100 : std::min(oneOf({10, 40, 100}), interval * 5),
                       oneOf({robustness, robustness, 2})});
         for (unsigned const router : {0u, 1u, 2u, 3u, 4u})
-            if (router < 1 + below(2) || below(3) == 0)
+            if (router < 2 || below(3) == 0)
                 add("router", {router, version(), differ ? oneOf({2, 3, 4}) : 0,
                                oneOf({20, 60, 125}), oneOf({10, 40, 100})});
         for (unsigned s : {0u, 1u, 2u})
