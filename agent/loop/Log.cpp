@@ -7,6 +7,7 @@
 #include <chrono>
 #include <climits>
 #include <cstdlib>
+#include <fmt/format.h> // clang does not find vformat_to() in a library that g++ made
 #include <iterator>
 #include <new>
 #include <poll.h>
