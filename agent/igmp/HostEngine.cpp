@@ -29,17 +29,18 @@ HostEngine::HostEngine(Output& output, std::mt19937 random) : output_(output), r
     budget_.setLimit(settings_.packetsPer100ms);
 }
 
-void HostEngine::setSettings(double now, Settings const& settings) {
+void HostEngine::setSettings(double now, Settings settings) {
+    fresh_.prepare(); // until packets are sent, no memory is taken from here on
     bool moved = settings.address != settings_.address;
     unsigned before = version_;
-    settings_ = settings;
-    settings_.version = std::clamp(settings.version, 1u, 3u);
-    settings_.mtu = std::clamp(settings.mtu, leastMtu, mostMtu);
-    settings_.robustness = std::clamp(settings.robustness, leastRobustness, mostRobustness);
-    settings_.ssmOnly = settings.ssmOnly && settings_.version == 3;
+    settings_ = std::move(settings);
+    settings_.version = std::clamp(settings_.version, 1u, 3u);
+    settings_.mtu = std::clamp(settings_.mtu, leastMtu, mostMtu);
+    settings_.robustness = std::clamp(settings_.robustness, leastRobustness, mostRobustness);
+    settings_.ssmOnly &= settings_.version == 3;
     if (settings_.version < 3) heardRobustness_ = 0;
     if (settings_.ssmOnly) v1QuerierExpiry_ = v2QuerierExpiry_ = never;
-    settings_.packetsPer100ms = std::max(settings.packetsPer100ms, 1u);
+    settings_.packetsPer100ms = std::max(settings_.packetsPer100ms, 1u);
     budget_.setLimit(settings_.packetsPer100ms);
     handleVersion(now);
     // They count as told, and what they take back is not announced again.
@@ -156,8 +157,10 @@ void HostEngine::handleVersion(double now) {
     if (version == version_) return;
     version_ = version;
     heldChanged_ = true;
-    if (linkUp_) output_.note("speaks version " + std::to_string(version));
     doCancel();
+    char note[] = "speaks version 3"; // which takes no memory
+    note[sizeof note - 2] = char('0' + version);
+    if (linkUp_) output_.note(note);
 }
 
 HostEngine::GroupTimes HostEngine::times(Lox::IpAddr group) const {

@@ -22,6 +22,7 @@
 #include <random>
 #include <span>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -74,9 +75,9 @@ class HostEngine {
         /// A line for the log, limited in rate.
         virtual void warn(std::string const& text) = 0;
         /// What operators follow when they look for a cause, such as another querier.
-        virtual void note(std::string const& /*text*/) {}
+        virtual void note(std::string_view /*text*/) {}
         /// The same of what happens all the time.
-        virtual void noteRoutine(std::string const& /*text*/) {}
+        virtual void noteRoutine(std::string_view /*text*/) {}
     };
 
     /// All random delays come from `random`. The link counts as down until linkUp().
@@ -85,7 +86,7 @@ class HostEngine {
     HostEngine& operator=(HostEngine const&) = delete;
 
     /// A new address, or a version that changes what we speak, announces the whole state again.
-    void setSettings(double now, Settings const& settings);
+    void setSettings(double now, Settings settings);
 
     /// The finished wanted state of a group, in force at the next flush(). Sources in any order.
     /// Groups that cannot be reported are ignored: 224.0.0.1 (RFC 9776, 5) and unicast addresses.

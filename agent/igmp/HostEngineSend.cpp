@@ -209,7 +209,7 @@ void HostEngine::doSendLeaves(double now) {
         ~Unlimited() { flag_ = false; } // whatever is thrown
         bool& flag_;
     } const unlimited(unlimited_);
-    while (!late_.empty()) doSendLate(); // what came before them may be told by no other packet
+    while (!late_.empty()) doSendLate(); // these count as told, and nothing else would tell them
     auto const packets = [&] { return counters_.v2LeavesSent + counters_.v3StateChangeReportSent; };
     for (auto const before = packets();
          leaveDue_ <= now && packets() - before < mostLeavesAtOnce;) {

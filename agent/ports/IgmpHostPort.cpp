@@ -185,7 +185,10 @@ void IgmpHostPort::handleLocation() {
 void IgmpHostPort::handleTurn(double now) {
     place_.attempt(now + failureRetrySeconds);
     if (!changedGroups_.empty()) doApplyGroups();
-    if (settingsChanged_) doApplySettings(now);
+    if (settingsChanged_) {
+        doApplySettings(now);
+        settingsChanged_ = false;
+    }
     if (!congested()) engine_.flush(now);
     doLogGroups(now);
     if (endsFormer()) doEndFormer(now);
@@ -240,7 +243,6 @@ SocketCounters IgmpHostPort::socketCounters() const {
 // Settings and link
 
 void IgmpHostPort::doApplySettings(double now) {
-    settingsChanged_ = false;
     Location const here = location();
     KernelInterface const* const kernel = here.device.kernel;
     bool const up = kernel && kernel->up;
@@ -425,13 +427,13 @@ void IgmpHostPort::send(std::span<std::uint8_t const> ipPacket) {
 
 void IgmpHostPort::warn(std::string const& text) { logAbout(name_, LogLevel::warning, "{}", text); }
 
-void IgmpHostPort::note(std::string const& text) {
+void IgmpHostPort::note(std::string_view text) {
     // Two queriers that differ would take turns without end.
     if (auto const heldBack = notes_.admitted(EventLoop::now()))
         logAbout(name_, LogLevel::info, "{}", text);
 }
 
-void IgmpHostPort::noteRoutine(std::string const& text) {
+void IgmpHostPort::noteRoutine(std::string_view text) {
     if (auto const heldBack = routineNotes_.admitted(EventLoop::now()))
         logAbout(name_, LogLevel::debug, "{}", text);
 }

@@ -150,8 +150,8 @@ class IgmpHostPort : public Nex::PtrInterface, private HostEngine::Output {
     // HostEngine::Output
     void send(std::span<std::uint8_t const> ipPacket) override;
     void warn(std::string const& text) override;
-    void note(std::string const& text) override;
-    void noteRoutine(std::string const& text) override;
+    void note(std::string_view text) override;
+    void noteRoutine(std::string_view text) override;
 
     EventLoop& loop_;
     GroupChanges& changes_;

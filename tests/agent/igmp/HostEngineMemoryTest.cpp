@@ -13,7 +13,8 @@ namespace {
 class HostEngineMemoryTest : public HostEngineFixture {
   protected:
     void send(std::span<std::uint8_t const> packet) override {
-        bool const counted = memory.counting.exchange(false);
+        bool const counted = memory.counting;
+        memory.counting = false;
         HostEngineFixture::send(packet);
         memory.counting = counted;
     }
@@ -51,7 +52,17 @@ class HostEngineMemoryTest : public HostEngineFixture {
             engine->removeGroup(ip("239.1.1.1"));
             include({ip("239.1.1.2"), ip("239.1.1.4")}, range("10.0.0.2", 2));
         });
+        HostEngine::Settings const before = settings;
+        auto const follow = [&] {
+            attempt([&] { settingsApply(); });
+            attempt([&] { serve(30); });
+        };
+        settings.version = 5 - settings.version;
+        follow();
+        settings.address = ip("10.0.0.3");
+        follow();
         turn([&] { engine->removeAllGroups(); });
+        settings = before;
         std::multiset<std::string> told;
         std::istringstream texts(std::regex_replace(taken(), std::regex("; "), ", "));
         for (std::string record; std::getline(texts >> std::ws, record, ',');) told.insert(record);
