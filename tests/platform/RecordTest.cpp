@@ -88,6 +88,15 @@ TEST(RecordTest, EntryThatIsRemovedIsARootOfItsOwnAndStaysUsable) {
     EXPECT_EQ(last->nexFullName(), "last") << "the parent is destroyed";
 }
 
+TEST(RecordTest, DeletingWhatIsNotThereTellsNobody) {
+    auto const tree = Tree::TreeIs("tree");
+    auto const watcher = newObject<Watcher>(tree);
+    watcher->act = [] { ADD_FAILURE(); };
+    tree->addressDel(ip(1));
+    tree->octetDel(ip(1));
+    tree->leafDel("leaf");
+}
+
 TEST(RecordTest, AttributeThatIsReplacedIsARootOfItsOwn) {
     auto const tree = Tree::TreeIs("tree");
     auto const watcher = newObject<Watcher>(tree);
