@@ -53,14 +53,10 @@ class HostEngineMemoryTest : public HostEngineFixture {
             include({ip("239.1.1.2"), ip("239.1.1.4")}, range("10.0.0.2", 2));
         });
         HostEngine::Settings const before = settings;
-        auto const follow = [&] {
-            attempt([&] { settingsApply(); });
-            attempt([&] { serve(30); });
-        };
         settings.version = 5 - settings.version;
-        follow();
+        turn([&] { settingsApply(); });
         settings.address = ip("10.0.0.3");
-        follow();
+        turn([&] { settingsApply(); });
         turn([&] { engine->removeAllGroups(); });
         settings = before;
         std::multiset<std::string> told;
